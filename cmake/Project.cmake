@@ -1,0 +1,80 @@
+# What every folder shares: the language, the warnings, the include roots, and one function for each kind of thing
+# that a folder can be (library, plug-in, test, benchmark). A folder's sources are all of its .cpp files.
+
+set(SUPPRESSION_SANITIZE "" CACHE STRING "sanitizers to build with, as in -fsanitize=")
+option(SUPPRESSION_FUZZ "build the libFuzzer targets instead of tests and benchmarks" OFF)
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_INSTALL_RPATH "$ORIGIN/../lib/arp-suppression:$ORIGIN")
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${CCACHE})
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    add_compile_options(-Xclang -fno-pch-timestamp)
+  else()
+    add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-fpch-preprocess>)
+  endif()
+endif()
+
+add_library(project_options INTERFACE)
+target_compile_options(project_options INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wconversion -Werror>)
+target_include_directories(project_options INTERFACE
+  ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/platform ${CMAKE_SOURCE_DIR}/model ${CMAKE_SOURCE_DIR}/linux)
+if(SUPPRESSION_SANITIZE)
+  target_compile_options(project_options INTERFACE -fsanitize=${SUPPRESSION_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(project_options INTERFACE -fsanitize=${SUPPRESSION_SANITIZE})
+endif()
+if(SUPPRESSION_FUZZ)
+  target_compile_options(project_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+
+# project_library(Name [LINK other...]): the shared library of this folder. Shared, because the host and the plug-ins
+# that it loads must see one copy of the runtime's registries.
+function(project_library name)
+  cmake_parse_arguments(ARG "" "" "LINK;SOURCES" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  add_library(${name} SHARED ${sources} ${ARG_SOURCES})
+  target_link_libraries(${name} PUBLIC project_options ${ARG_LINK})
+  install(TARGETS ${name} LIBRARY DESTINATION lib/arp-suppression)
+endfunction()
+
+# project_plugin(Name [LINK other...]): a plug-in of the agent host, lib<Name>.so, that tests can link as well.
+function(project_plugin name)
+  project_library(${name} ${ARGN})
+endfunction()
+
+# project_test(Name [LINK other...] [LABEL unit|lab]): one GoogleTest program of this folder's sources.
+function(project_test name)
+  cmake_parse_arguments(ARG "" "LABEL" "LINK;SOURCES" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  if(ARG_SOURCES)
+    set(sources ${ARG_SOURCES})
+  endif()
+  add_executable(${name} ${sources})
+  target_link_libraries(${name} PRIVATE project_options ${ARG_LINK} GTest::gmock GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+  if(NOT ARG_LABEL)
+    set(ARG_LABEL unit)
+  endif()
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES LABELS ${ARG_LABEL} TIMEOUT 600)
+endfunction()
+
+# project_bench(Name SOURCES file... [LINK other...]): one benchmark program.
+function(project_bench name)
+  cmake_parse_arguments(ARG "" "" "LINK;SOURCES" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE project_options ${ARG_LINK})
+endfunction()
