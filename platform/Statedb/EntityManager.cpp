@@ -1,0 +1,183 @@
+#include "Statedb/EntityManager.h"
+
+#include <algorithm>
+
+namespace Statedb {
+
+EntityManager::EntityManager(const TypeRegistry& types, Post post, std::unique_ptr<Store> store,
+                             Report report)
+    : types_(types),
+      post_(std::move(post)),
+      report_(report ? std::move(report) : [](const std::string&) {}),
+      store_(std::move(store)) {
+  if (!store_) return;
+  store_->watchIs([this](const std::string& path, const std::string& key,
+                         const std::optional<std::string>& value) {
+    const auto slot = slots_.find(normalPath(path));
+    if (slot == slots_.end()) return;
+    const std::shared_ptr<Persistence> keep = slot->second.persistence;  // a watcher may delete the entity
+    if (keep) keep->handleOutsideChange(key, value);
+  });
+}
+
+EntityManager::~EntityManager() {
+  if (store_) store_->watchIs({});
+}
+
+Mox::Ptr<Mox::Entity> EntityManager::entity(std::string_view path) const {
+  const auto slot = slots_.find(normalPath(path));
+  return slot == slots_.end() ? nullptr : slot->second.entity;
+}
+
+const EntityType* EntityManager::entityType(std::string_view path) const {
+  const auto slot = slots_.find(normalPath(path));
+  return slot == slots_.end() ? nullptr : slot->second.type;
+}
+
+std::vector<std::string> EntityManager::paths() const {
+  std::vector<std::string> paths;
+  paths.reserve(slots_.size());
+  for (const auto& [path, slot] : slots_) paths.push_back(path);
+  return paths;
+}
+
+bool EntityManager::conflicts(const std::string& path, const std::string& typeName,
+                              std::string& problem) const {
+  const EntityType* type = entityType(path);
+  if (!type || type->name == typeName) return false;
+  problem = path + ": the entity there is a " + type->name + ", not a " + typeName;
+  return true;
+}
+
+EntityManager::Slot* EntityManager::slotIs(const std::string& givenPath, const std::string& typeName,
+                                           std::string& problem) {
+  const std::string path(normalPath(givenPath));
+  const EntityType* type = types_.find(typeName);
+  if (path.empty() || !type) {
+    problem = path.empty() ? "an entity needs a path" : path + ": the type " + typeName + " is not known";
+    return nullptr;
+  }
+  if (conflicts(path, typeName, problem)) return nullptr;
+  const auto found = slots_.find(path);
+  if (found != slots_.end()) return &found->second;
+  Slot& slot = slots_[path];
+  slot.entity = type->make();
+  slot.type = type;
+  attach(path, slot);
+  return &slot;
+}
+
+void EntityManager::attach(const std::string& path, Slot& slot) {
+  if (!store_ || slot.persistence || !persisted_.contains(path)) return;
+  slot.persistence = std::make_shared<Persistence>(slot.entity, *slot.type, path, *store_, report_);
+}
+
+Mox::Ptr<Mox::Entity> EntityManager::entityIs(const std::string& path, const std::string& typeName,
+                                              std::string* problem) {
+  std::string why;
+  const bool isNew = !entity(path);
+  Slot* slot = slotIs(path, typeName, why);
+  if (!slot) {
+    if (problem) *problem = std::move(why);
+    return {};
+  }
+  slot->owned = true;
+  Mox::Ptr<Mox::Entity> entity = slot->entity;
+  if (isNew) notify(entityChanged, std::string(normalPath(path)));
+  return entity;
+}
+
+Mox::Ptr<Mox::Entity> EntityManager::entityDel(const std::string& path) {
+  const auto slot = slots_.find(normalPath(path));
+  if (slot == slots_.end()) return {};
+  Mox::Ptr<Mox::Entity> entity = slot->second.entity;
+  if (slot->second.persistence) {
+    slot->second.persistence->stop();
+    store_->erasePath(slot->first);
+  }
+  drop(slot);
+  return entity;
+}
+
+void EntityManager::drop(Slots::iterator slot) {
+  const std::string path = slot->first;
+  const auto gone = slots_.extract(slot);  // its entity goes after the notification
+  notify(entityChanged, path);
+}
+
+std::optional<Mount> EntityManager::checked(const std::string& path, const std::string& typeName,
+                                            std::string_view letters, std::string& problem) const {
+  const std::optional<MountFlags> flags = MountFlags::parse(letters);
+  std::string normal(normalPath(path));
+  if (normal.empty()) {
+    problem = "a mount needs a path";
+  } else if (!flags) {
+    problem = normal + ": \"" + std::string(letters) +
+              "\" are no mount flags; allowed are \"r\" and \"w\", and with \"w\" also \"c\" and \"S\"";
+  } else if (!types_.find(typeName)) {
+    problem = normal + ": the type " + typeName + " is not known";
+  } else if (!conflicts(normal, typeName, problem)) {
+    return Mount{std::move(normal), typeName, *flags};
+  }
+  return std::nullopt;
+}
+
+std::optional<Mount> EntityManager::request(const std::string& path, const std::string& typeName,
+                                            std::string_view flags, std::string& problem) {
+  std::optional<Mount> mount = checked(path, typeName, flags, problem);
+  if (!mount) return mount;
+  if (mount->flags.create) {
+    entityIs(mount->path, typeName);
+  } else {
+    requests_.push_back(*mount);
+  }
+  return mount;
+}
+
+std::vector<Mount> EntityManager::absentMounts() const {
+  std::vector<Mount> absent;
+  for (const Mount& mount : requests_) {
+    const bool listed =
+        std::any_of(absent.begin(), absent.end(), [&](const Mount& m) { return m.path == mount.path; });
+    if (!listed && !entity(mount.path)) absent.push_back(mount);
+  }
+  return absent;
+}
+
+Mox::Ptr<MountGroup> EntityManager::mountGroup(MountGroup::Completion completion) {
+  return Mox::make<MountGroup>(Mox::Ptr<EntityManager>(this), std::move(completion));
+}
+
+Mox::Ptr<Mox::Entity> EntityManager::mount(const std::string& path, const std::string& typeName,
+                                           std::string_view flags, std::string* problem) {
+  std::string why;
+  const std::optional<Mount> mount = checked(path, typeName, flags, why);
+  const bool isNew = mount && !entity(mount->path);
+  Slot* slot = mount ? slotIs(mount->path, typeName, why) : nullptr;
+  if (!slot) {
+    if (problem) *problem = std::move(why);
+    return {};
+  }
+  ++slot->mounts;
+  slot->owned = slot->owned || mount->flags.create;
+  Mox::Ptr<Mox::Entity> entity = slot->entity;
+  if (isNew) notify(entityChanged, mount->path);
+  return entity;
+}
+
+void EntityManager::unmount(const std::string& path) {
+  const auto slot = slots_.find(normalPath(path));
+  if (slot == slots_.end() || slot->second.mounts == 0) return;
+  if (--slot->second.mounts == 0 && !slot->second.owned) drop(slot);
+}
+
+void EntityManager::persist(const std::string& givenPath) {
+  const std::string path(normalPath(givenPath));
+  persisted_.insert(path);
+  const auto slot = slots_.find(path);
+  if (slot == slots_.end() || !store_ || slot->second.persistence) return;
+  attach(path, slot->second);
+  slot->second.persistence->writeAll();
+}
+
+}  // namespace Statedb

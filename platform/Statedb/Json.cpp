@@ -1,0 +1,28 @@
+#include "Statedb/Json.h"
+
+namespace Statedb {
+
+namespace {
+constexpr std::size_t kShownLength = 64;
+}
+
+std::string jsonText(const nlohmann::json& json) {
+  return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::optional<nlohmann::json> jsonOf(std::string_view text) {
+  nlohmann::json json = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
+  if (json.is_discarded()) return std::nullopt;
+  return json;
+}
+
+std::string describe(const nlohmann::json& json) {
+  if (json.is_object()) return "an object";
+  if (json.is_array()) return "a list";
+  if (json.is_string() && json.get_ref<const std::string&>().size() > kShownLength) {
+    return jsonText(json.get_ref<const std::string&>().substr(0, kShownLength) + "...");
+  }
+  return jsonText(json);
+}
+
+}  // namespace Statedb

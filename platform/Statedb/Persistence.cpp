@@ -1,0 +1,155 @@
+#include "Statedb/Persistence.h"
+
+#include "Statedb/Json.h"
+#include "Statedb/Path.h"
+
+namespace Statedb {
+
+namespace {
+// Of one load; a store full of garbage must not fill the log.
+constexpr std::size_t kMaxReports = 10;
+}  // namespace
+
+Persistence::Persistence(Mox::Ptr<Mox::Entity> entity, const EntityType& type, std::string path, Store& store,
+                         Report report)
+    : entity_(std::move(entity)),
+      type_(type),
+      path_(std::move(path)),
+      store_(store),
+      report_(std::move(report)) {
+  load();
+  watch_ = std::make_unique<TreeWatch>(entity_, type_.shape,
+                                       [this](const Change& change) { handleChange(change); });
+}
+
+void Persistence::load() {
+  std::size_t dropped = 0;
+  store_.load(path_, [&](std::string_view keyView, std::string_view valueView) {
+    const std::string key(keyView);
+    const std::string value(valueView);
+    std::string problem;
+    try {
+      if (loadPair(key, &value, problem)) return;
+    } catch (const Mox::Error& error) {  // of a watcher: the value itself is in the entity
+      report_(path_ + ": stored member " + describe(key) + ": " + error.what());
+      return;
+    }
+    store_.erase(path_, key);
+    if (dropped++ < kMaxReports)
+      report_(path_ + ": stored member " + describe(key) + " is dropped: " + problem);
+  });
+  if (dropped > kMaxReports)
+    report_(path_ + ": " + std::to_string(dropped) + " stored members were dropped in all");
+}
+
+// No value deletes.
+bool Persistence::loadPair(const std::string& key, const std::string* value, std::string& problem) {
+  const std::vector<std::string> parts = memberPathParts(key);
+  nlohmann::json json;
+  if (value) {
+    std::optional<nlohmann::json> parsed = jsonOf(*value);
+    if (!parsed || parsed->is_null()) {
+      problem = "its value is not JSON";
+      return false;
+    }
+    json = std::move(*parsed);
+  }
+  Mox::Ptr<Mox::Entity> entity = entity_;
+  const Shape* shape = &type_.shape;
+  Mox::Ptr<Mox::Entity> fresh;
+  if (!value) fresh = type_.make();  // an attribute without a pair has its default
+  for (std::size_t i = 0; i < parts.size(); i += 2) {
+    const MemberType* member = shape->find(parts[i]);
+    const std::size_t left = parts.size() - i;
+    if (!member || (member->isCollection() ? left < 2 : left != 1)) break;
+    if (left <= 2 && (left == 1 || member->kind != Mox::MemberKind::children)) {
+      const std::string memberKey = left == 2 ? parts[i + 1] : std::string();
+      if (member->merge(*entity, memberKey, json, fresh.get(), problem)) return true;
+      problem = member->name + problem;
+      return false;
+    }
+    if (member->kind != Mox::MemberKind::children) break;
+    if (left == 2) {
+      if (!value) {
+        member->erase(*entity, parts[i + 1]);
+        return true;
+      }
+      problem = "no child can be made for this key";
+      return member->check(parts[i + 1], json, problem) && member->childIs(*entity, parts[i + 1]);
+    }
+    entity = member->child(*entity, parts[i + 1]);
+    if (!entity) {
+      problem = "the child that it belongs to is not there";
+      return false;
+    }
+    shape = &member->childShape();
+    if (!value) fresh = member->freshChild(parts[i + 1]);
+  }
+  problem = "there is no such member";
+  return false;
+}
+
+void Persistence::handleOutsideChange(const std::string& key, const std::optional<std::string>& value) {
+  struct Taking {
+    Taking(Persistence& p, const std::string& key, const std::optional<std::string>& value) : p(p) {
+      p.outsideKey_ = &key;
+      p.outsideValue_ = &value;
+    }
+    ~Taking() { p.outsideKey_ = nullptr; }
+    Persistence& p;
+  } taking(*this, key, value);
+  std::string problem;
+  if (!loadPair(key, value ? &*value : nullptr, problem)) {
+    report_(path_ + ": outside change of " + describe(key) + " is not taken: " + problem);
+  }
+}
+
+void Persistence::handleChange(const Change& change) {
+  const std::string key = change.key ? change.memberPath + "/" + escapedKey(*change.key) : change.memberPath;
+  const bool fromOutside = outsideKey_ && *outsideKey_ == key;
+  if (change.member.kind != Mox::MemberKind::children) {
+    const nlohmann::json value = change.value();
+    // What came from the store is not written back; what a watcher made of it is.
+    if (fromOutside && value == (*outsideValue_ ? jsonOf(**outsideValue_) : nlohmann::json())) return;
+    if (value.is_null()) {
+      store_.erase(path_, key);
+    } else {
+      store_.write(path_, key, jsonText(value));
+    }
+    return;
+  }
+  const Mox::Ptr<Mox::Entity> child = change.member.child(change.entity, *change.key);
+  if (fromOutside && static_cast<bool>(child) == outsideValue_->has_value()) return;
+  // A child of that key may have been replaced unseen, between two notifications: nothing of the old one
+  // stays.
+  store_.erasePath(path_, key + "/");
+  if (!child) {
+    store_.erase(path_, key);
+    return;
+  }
+  store_.write(path_, key, "{}");
+  writeContent(key + "/", change.member.childShape(), *child, change.member.freshChild(*change.key).get());
+}
+
+void Persistence::writeContent(const std::string& prefix, const Shape& shape, const Mox::Entity& entity,
+                               const Mox::Entity* fresh) {
+  for (const auto& member : shape.members()) {
+    if (!member->isCollection()) {
+      const nlohmann::json value = member->value(entity, {});
+      if (!fresh || value != member->value(*fresh, {}))
+        store_.write(path_, prefix + member->name, jsonText(value));
+      continue;
+    }
+    const std::string keyPrefix = prefix + member->name + "/";
+    member->forEachValue(entity, [&](const std::string& key, const nlohmann::json& value) {
+      store_.write(path_, keyPrefix + escapedKey(key), jsonText(value));
+    });
+    member->forEachChild(entity, [&](const std::string& key, const Mox::Entity& child) {
+      store_.write(path_, keyPrefix + escapedKey(key), "{}");
+      writeContent(keyPrefix + escapedKey(key) + "/", member->childShape(), child,
+                   member->freshChild(key).get());
+    });
+  }
+}
+
+}  // namespace Statedb

@@ -1,0 +1,220 @@
+#pragma once
+
+#include <optional>
+#include <type_traits>
+
+#include "Statedb/Json.h"
+#include "Statedb/Merge.h"
+#include "Statedb/Shape.h"
+
+// shapeOf<E>() for every entity class with MOX_MEMBERS; one without has an empty shape. Members whose value
+// is a counted pointer mean something in this process only and are left out. Include it where types are
+// registered, not in models: it instantiates the codec of every member.
+
+namespace Statedb {
+
+template <class E>
+concept HasMembers = requires {
+  E::moxVisitMembers([](const auto&) {});
+};
+
+template <class E, class M>
+class TypedMember final : public MemberType {
+  using Kind = Mox::MemberKind;
+  using Key = typename M::Key;
+  using Value = typename M::Value;
+  static constexpr bool kAttribute = M::kind == Kind::attribute;
+  static constexpr bool kChildren = M::kind == Kind::children;
+
+ public:
+  explicit TypedMember(const M& member) : MemberType(member.name, M::kind, member.event()), member_(member) {}
+
+  std::string keyOf(const void* payload) const override {
+    if constexpr (kAttribute) {
+      return {};
+    } else {
+      return Mox::toStrep(*static_cast<const Key*>(payload));
+    }
+  }
+
+  nlohmann::json value(const Mox::Entity& entity, std::string_view keyText) const override {
+    if constexpr (kAttribute) {
+      return valueToJson<Value>(member_.get(as(entity)));
+    } else if constexpr (!kChildren) {
+      if (const auto key = textToValue<Key>(keyText)) {
+        if (const Value* value = member_.get(as(entity)).find(*key)) return valueToJson<Value>(*value);
+      }
+    }
+    return nullptr;
+  }
+
+  void forEachValue(const Mox::Entity& entity,
+                    const std::function<void(const std::string&, nlohmann::json)>& visit) const override {
+    if constexpr (!kAttribute && !kChildren) {
+      const auto& all = member_.get(as(entity));
+      for (const auto& element : all)
+        visit(Mox::toStrep(all.keyOf(element)), valueToJson<Value>(all.valueOf(element)));
+    }
+  }
+
+  void forEachChild(const Mox::Entity& entity,
+                    const std::function<void(const std::string&, Mox::Entity&)>& visit) const override {
+    if constexpr (kChildren) {
+      const auto& all = member_.get(as(entity));
+      for (const auto& element : all) visit(Mox::toStrep(all.keyOf(element)), *all.valueOf(element));
+    }
+  }
+
+  bool check(std::string_view keyText, const nlohmann::json& json, std::string& problem) const override {
+    if constexpr (kAttribute) {
+      if (json.is_null()) return true;
+      Value value{};
+      return mergeValue(json, value, problem);
+    } else {
+      if (!textToValue<Key>(keyText)) {
+        problem = ": the key is not " + allowedKey();
+        return false;
+      }
+      if (kChildren || json.is_null()) return true;
+      if constexpr (M::kind == Kind::set) {
+        if (json.is_boolean()) return true;
+        problem = ": " + describe(json) + " is not true, or false or null to delete";
+        return false;
+      } else if constexpr (!kChildren) {
+        Value value{};
+        return mergeValue(json, value, problem);
+      }
+    }
+    return true;
+  }
+
+  bool merge(Mox::Entity& entity, std::string_view keyText, const nlohmann::json& json,
+             const Mox::Entity* fresh, std::string& problem) const override {
+    E& e = as(entity);
+    if constexpr (kAttribute) {
+      Value value = json.is_null() ? (fresh ? member_.get(as(*fresh)) : Value{}) : member_.get(e);
+      if (!json.is_null() && !mergeValue(json, value, problem)) return false;
+      member_.set(e, std::move(value));
+    } else if constexpr (!kChildren) {
+      const auto key = textToValue<Key>(keyText);
+      if (!key || (M::kind == Kind::set && !json.is_boolean() && !json.is_null())) {
+        return check(keyText, json, problem);
+      }
+      if (json.is_null() || (M::kind == Kind::set && !json.template get<bool>())) {
+        member_.del(e, *key);
+      } else if constexpr (M::kind == Kind::set) {
+        member_.set(e, *key);
+      } else {
+        const Value* old = member_.get(e).find(*key);
+        Value value = old ? *old : Value{};
+        if (!mergeValue(json, value, problem)) return false;
+        member_.set(e, *key, std::move(value));
+      }
+    }
+    return true;
+  }
+
+  void erase(Mox::Entity& entity, std::string_view keyText) const override {
+    if constexpr (!kAttribute) {
+      if (const auto key = textToValue<Key>(keyText)) member_.del(as(entity), *key);
+    }
+  }
+
+  void eraseAll(Mox::Entity& entity) const override {
+    if constexpr (!kAttribute) {
+      const auto& all = member_.get(as(entity));
+      std::vector<Key> keys;
+      keys.reserve(all.size());
+      for (const auto& element : all) keys.push_back(all.keyOf(element));
+      for (const Key& key : keys) member_.del(as(entity), key);
+    }
+  }
+
+  Mox::Ptr<Mox::Entity> child(const Mox::Entity& entity, std::string_view keyText) const override {
+    if constexpr (kChildren) {
+      if (const auto key = textToValue<Key>(keyText)) {
+        if (const auto* child = member_.get(as(entity)).find(*key)) return *child;
+      }
+    }
+    return {};
+  }
+
+  Mox::Ptr<Mox::Entity> childIs(Mox::Entity& entity, std::string_view keyText) const override {
+    if constexpr (kChildren && std::is_constructible_v<Value, const Key&>) {
+      if (const auto key = textToValue<Key>(keyText)) return member_.set(as(entity), *key);
+      return {};
+    } else {
+      return child(entity, keyText);
+    }
+  }
+
+  Mox::Ptr<Mox::Entity> freshChild(std::string_view keyText) const override {
+    if constexpr (kChildren && std::is_constructible_v<Value, const Key&>) {
+      if (const auto key = textToValue<Key>(keyText)) return Mox::make<Value>(*key);
+    }
+    return {};
+  }
+
+  bool makesChildren() const override { return kChildren && std::is_constructible_v<Value, const Key&>; }
+
+  const Shape& childShape() const override {
+    if constexpr (kChildren) {
+      return shapeOf<Value>();
+    } else {
+      static const Shape none;
+      return none;
+    }
+  }
+
+ private:
+  static const E& as(const Mox::Entity& entity) { return static_cast<const E&>(entity); }
+  static E& as(Mox::Entity& entity) { return static_cast<E&>(entity); }
+  // A key is text whatever its type is in JSON.
+  static std::string allowedKey() {
+    if constexpr (Mox::HasFields<Key>) {
+      std::string parts;
+      std::apply(
+          [&](const auto&... field) { ((parts += (parts.empty() ? "\"" : " ") + upper(field.name)), ...); },
+          Key::moxFields());
+      return parts + "\"";
+    } else {
+      return allowedFor<Key>();
+    }
+  }
+  static std::string upper(std::string text) {
+    for (char& c : text) c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    return text;
+  }
+
+  const M member_;
+};
+
+template <class E>
+const Shape& shapeOf() {
+  static const Shape shape = [] {
+    Shape::Members members;
+    if constexpr (HasMembers<E>) {
+      Mox::forEachMember<E>([&]<class M>(const M& member) {
+        if constexpr (!isReference<typename M::Value>)
+          members.push_back(std::make_unique<TypedMember<E, M>>(member));
+      });
+    }
+    return Shape(std::move(members));
+  }();
+  return shape;
+}
+
+// The same for those who know the class.
+template <class E>
+nlohmann::json toJson(const E& entity) {
+  return shapeOf<E>().toJson(entity);
+}
+// `path` begins the error message.
+template <class E>
+Plan planMerge(const Mox::Ptr<E>& entity, nlohmann::json json, const std::string& path) {
+  Mox::Ptr<Mox::Entity> fresh;
+  if constexpr (std::is_default_constructible_v<E>) fresh = Mox::make<E>();
+  return Plan(entity, shapeOf<E>(), std::move(fresh), std::move(json), path);
+}
+
+}  // namespace Statedb
