@@ -14,11 +14,11 @@
 //   MOX_ATTRIBUTE(Type, x, initial...)   x()  xIs(value)
 //   MOX_MAP(Key, Value, x)               x(key) → Value (a default one when absent)  xIs(key, value)
 //   MOX_HASH(Key, Value, x)              the same, in hash order, for large tables
-//   MOX_SMALL_MAP(Key, Value, x)         the same, in order of arrival, for collections that mostly have one
-//   member MOX_SET(Key, x)                      xIs(key) MOX_CHILDREN(Key, Child, x)          x(key) →
-//   Ptr<Child>, null when absent  xIs(key, args...) finds, or makes Child(key, args...)
-//   MOX_HASH_CHILDREN(Key, Child, keyOf, x)   the same, in hash order; keyOf is the child's own reader of its
-//   key
+//   MOX_SMALL_MAP(Key, Value, x)         the same, in order of arrival, for mostly one member
+//   MOX_SET(Key, x)                      xIs(key)
+//   MOX_CHILDREN(Key, Child, x)          x(key) → Ptr<Child>, null when absent
+//                                        xIs(key, args...) finds, or makes Child(key, args...)
+//   MOX_HASH_CHILDREN(Key, Child, keyOf, x)   the same, in hash order; keyOf: the child's reader of its key
 //
 // Every collection has xHas(key), xDel(key), xDelAll(), the count xs(), and xCollection() to iterate. xIs on
 // an equal value does nothing. xDel returns what was removed (a child) or whether anything was (otherwise).
@@ -28,7 +28,7 @@
 //
 // MOX_MEMBERS(a, b, ...) lists the members that make up the entity for those who walk it at compile time
 // (state store, JSON, dumps): forEachMember<Entity>(visitor) calls the visitor with a description of each, in
-// that order, those of MOX_BASE first.
+// that order. MOX_MEMBERS_WITH_BASE(Base, a, b, ...): those of the base class come first.
 
 namespace Mox {
 
@@ -36,7 +36,7 @@ enum class MemberKind { attribute, map, set, children };
 
 // What forEachMember hands out. The functions take the entity first:
 //   attribute: get(e), set(e, value)
-//   others:    all(e) → the container (keyOf, valueOf, find, lowerBound), del(e, key)
+//   others:    get(e) → the container (keyOf, valueOf, find; lowerBound but for small maps), del(e, key)
 //   map:       set(e, key, value)
 //   set:       set(e, key)
 //   children:  set(e, key) → Ptr<Child>
@@ -92,20 +92,19 @@ void requireSameInstance(const char* name, const Child& child, const Args&... ar
         [](auto& e, Type v) { e.x##Is(std::move(v)); }, [](auto&) {}); \
   }
 
-#define MOX_COLLECTION_COMMON(Key, Container, x)                                          \
- private:                                                                                 \
-  Container x##_;                                                                         \
-                                                                                          \
- public:                                                                                  \
-  static constexpr ::Mox::Event<Key> x##Changed{#x};                                      \
-  const Container& x##Collection() const { return x##_; }                                 \
-  bool x##Has(const Key& key) const { return x##_.find(key) != nullptr; }                 \
-  std::size_t x##s() const { return x##_.size(); }                                        \
-  void x##DelAll() {                                                                      \
-    Container gone;                                                                       \
-    gone.swap(x##_);                                                                      \
-    if (!this->watched()) return;                                                         \
-    for (const auto& element : gone) this->notify(x##Changed, Container::keyOf(element)); \
+#define MOX_COLLECTION_COMMON(Key, Container, x)                          \
+ private:                                                                 \
+  Container x##_;                                                         \
+                                                                          \
+ public:                                                                  \
+  static constexpr ::Mox::Event<Key> x##Changed{#x};                      \
+  const Container& x##Collection() const { return x##_; }                 \
+  bool x##Has(const Key& key) const { return x##_.find(key) != nullptr; } \
+  std::size_t x##s() const { return x##_.size(); }                        \
+  void x##DelAll() {                                                      \
+    Container gone;                                                       \
+    gone.swap(x##_);                                                      \
+    this->notifyEach(x##Changed, gone);                                   \
   }
 
 #define MOX_VALUES_COMMON(KeyT, ValueT, Container, x)                            \

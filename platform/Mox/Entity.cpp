@@ -43,18 +43,23 @@ class WatcherList {
     }
   }
 
+  // Around whatever may call back.
+  void enter() { ++depth_; }
+  void leave() {
+    if (--depth_ != 0) return;
+    if (orphaned_) {
+      delete this;
+    } else if (holes_) {
+      std::erase(slots_, nullptr);
+      holes_ = false;
+    }
+  }
+  bool orphaned() const { return orphaned_; }
+
  private:
   struct Turn {
-    explicit Turn(WatcherList& list) : list(list) { ++list.depth_; }
-    ~Turn() {
-      if (--list.depth_ != 0) return;
-      if (list.orphaned_) {
-        delete &list;
-      } else if (list.holes_) {
-        std::erase(list.slots_, nullptr);
-        list.holes_ = false;
-      }
-    }
+    explicit Turn(WatcherList& list) : list(list) { list.enter(); }
+    ~Turn() { list.leave(); }
     WatcherList& list;
   };
 
@@ -83,6 +88,10 @@ void Entity::removeWatcher(Watcher* watcher) const {
 }
 
 std::size_t Entity::watchers() const { return watchers_ ? watchers_->size() : 0; }
+
+Entity::Burst::Burst(WatcherList& list) : list_(list) { list_.enter(); }
+Entity::Burst::~Burst() { list_.leave(); }
+bool Entity::Burst::orphaned() const { return list_.orphaned(); }
 
 void Entity::notifyWatchers(EventId event, const void* payload) const { watchers_->run(event, payload); }
 

@@ -71,9 +71,31 @@ class Entity : public Referenced {
       notifyWatchers(event.id, &carried);
     }
   }
-  bool watched() const { return watchers_ != nullptr; }
+  // Raises the notification of every element's key, as long as no callback destroys the entity.
+  template <class Key, class Container>
+  void notifyEach(Event<Key> event, const Container& elements) const {
+    if (!watchers_ || elements.empty()) return;
+    const Burst burst(*watchers_);
+    for (const auto& element : elements) {
+      if (burst.orphaned()) return;
+      notify(event, Container::keyOf(element));
+    }
+  }
 
  private:
+  // Keeps the list of watchers while several notifications are raised one after the other.
+  class Burst {
+   public:
+    explicit Burst(WatcherList& list);
+    Burst(const Burst&) = delete;
+    Burst& operator=(const Burst&) = delete;
+    ~Burst();
+    bool orphaned() const;
+
+   private:
+    WatcherList& list_;
+  };
+
   void notifyWatchers(EventId event, const void* payload) const;
 
   mutable WatcherList* watchers_ = nullptr;

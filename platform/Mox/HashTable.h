@@ -12,20 +12,22 @@
 
 namespace Mox {
 
-// Elements in ascending order of their 32-bit hash: the collection behind MOX_HASH and MOX_HASH_CHILDREN, for
-// tables of a million entries that are scanned in slices.
+// Elements in ascending order of their 32-bit hash, and of their key where hashes are equal: the collection
+// behind MOX_HASH and MOX_HASH_CHILDREN, for tables of a million entries that are scanned in slices.
 //
 // Two levels. A directory indexed by the top bits of the hash points to segments of at most kSegmentMax slots
-// (extendible hashing: a full segment splits in two), so that no insertion moves more than one segment.
+// (extendible hashing: a full segment splits in two), so that no insertion moves more than one segment. A
+// segment whose hashes are too much alike to be split by a directory of reasonable size grows instead.
 // Inside a segment, linear probing that keeps the slots sorted by hash; an insertion shifts the few slots
 // behind it up, an erasure closes the gap.
 //
 // Iterators and pointers to elements die with any insertion or erasure. A scan keeps the key of its next
-// element and resumes with lowerBound: that element, or, when it has gone, the first one at or behind the
-// key's hash position. An element that is there throughout is never passed over, whatever is inserted or
-// erased between slices.
+// element and resumes with lowerBound: that element, or, when it has gone, the first one behind the key's
+// place in the order. An element that is there throughout is never passed over nor met twice, whatever is
+// inserted or erased between slices.
 //
-// Element is what is stored; KeyOf takes its key. Both must be default constructible and movable.
+// Element is what is stored; KeyOf takes its key. Both must be default constructible and movable, and keys
+// comparable with == and <.
 template <class Key, class Element, class KeyOf>
 class HashSlots {
   struct Slot {
@@ -46,6 +48,8 @@ class HashSlots {
  public:
   static constexpr std::size_t kSegmentMin = 8;
   static constexpr std::size_t kSegmentMax = 16384;
+  static constexpr std::size_t kDirectoryMin = 16;        // the directory may always be doubled from here
+  static constexpr std::size_t kPerDirectoryEntry = 256;  // and above for so many elements an entry
 
   class const_iterator {
    public:
@@ -116,7 +120,7 @@ class HashSlots {
     for (;;) {
       Segment& segment = segmentOf(hash);
       if (segment.count < segment.home - segment.home / 8) {
-        if (Element* placed = place(segment, hash, std::move(element))) {
+        if (Element* placed = place(segment, hash, key, std::move(element))) {
           ++size_;
           return *placed;
         }
@@ -149,11 +153,8 @@ class HashSlots {
     const std::uint32_t hash = hashOfKey(key);
     const std::size_t position = firstPosition(hash);
     const Segment& segment = *directory_[position];
-    std::size_t at = findIn(segment, hash, key);
-    if (at == segment.end) {
-      at = homeOf(segment, hash);
-      while (at < segment.end && segment.slots[at].hash < hash) ++at;  // free slots (0) are passed too
-    }
+    std::size_t at = homeOf(segment, hash);
+    while (at < segment.end && precedes(segment.slots[at], hash, key)) ++at;  // free slots (0) are passed too
     return const_iterator(this, position, at);
   }
 
@@ -185,6 +186,9 @@ class HashSlots {
     const std::uint32_t rest = segment.bits == 0 ? hash : hash << segment.bits;
     return static_cast<std::size_t>((static_cast<std::uint64_t>(rest) * segment.home) >> 32);
   }
+  static bool precedes(const Slot& slot, std::uint32_t hash, const Key& key) {
+    return slot.hash < hash || (slot.hash == hash && KeyOf()(slot.element) < key);
+  }
   // The element's slot, or the segment's end.
   static std::size_t findIn(const Segment& segment, std::uint32_t hash, const Key& key) {
     for (std::size_t at = homeOf(segment, hash); at < segment.end; ++at) {
@@ -195,9 +199,9 @@ class HashSlots {
     return segment.end;
   }
   // Null, and `element` untouched, when the tail of the segment is full.
-  static Element* place(Segment& segment, std::uint32_t hash, Element&& element) {
+  static Element* place(Segment& segment, std::uint32_t hash, const Key& key, Element&& element) {
     std::size_t at = homeOf(segment, hash);
-    while (at < segment.end && segment.slots[at].hash != 0 && segment.slots[at].hash <= hash) ++at;
+    while (at < segment.end && segment.slots[at].hash != 0 && precedes(segment.slots[at], hash, key)) ++at;
     std::size_t free = at;
     while (free < segment.end && segment.slots[free].hash != 0) ++free;
     if (free == segment.end) return nullptr;
@@ -210,10 +214,10 @@ class HashSlots {
 
   // A larger segment, or two in its place. Elements keep their order.
   void grow(Segment& full) {
-    if (full.home < kSegmentMax || full.bits == 32) {
-      std::unique_ptr<Segment> larger =
-          refill(full, full.bits == 32 ? full.home * 2 : std::min(full.home * 2, kSegmentMax), full.bits, 0,
-                 UINT32_MAX);
+    const bool splits = full.bits < bits_ || directory_.size() <= kDirectoryMin + size_ / kPerDirectoryEntry;
+    if (full.home < kSegmentMax || !splits) {
+      std::unique_ptr<Segment> larger = refill(
+          full, splits ? std::min(full.home * 2, kSegmentMax) : full.home * 2, full.bits, 0, UINT32_MAX);
       replace(full, larger.get(), larger.get());
       larger.release();
       return;

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <tuple>
 #include <type_traits>
+#include <utility>
 
 namespace Mox {
 
@@ -57,9 +58,10 @@ std::string toStrep(const T& value) {
   } else {
     static_assert(HasFields<T>, "a value type needs toStrep or moxFields");
     std::string text;
+    const char* separator = "";
     std::apply(
         [&](const auto&... field) {
-          ((text += (text.empty() ? "" : " ") + toStrep(value.*(field.member))), ...);
+          ((text += std::exchange(separator, " ") + toStrep(value.*(field.member))), ...);
         },
         T::moxFields());
     return text;

@@ -1,0 +1,28 @@
+#include "Orb/AgentBase.h"
+
+#include "Mox/Assert.h"
+
+namespace Orb {
+
+void AgentBase::createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) {
+  MOX_ASSERT("Orb/AgentBase", "!localEntitiesCreated_", !localEntitiesCreated_);
+  host_->createLocalEntity(name, type, path);
+}
+
+void AgentBase::agentCommandCallbackIs(Mox::Ptr<AgentCommandCallback> callback) {
+  commands_[{callback->firstName(), callback->commandName()}] = callback;
+}
+
+Mox::Ptr<AgentCommandCallback> AgentBase::agentCommand(const Mox::String& firstName,
+                                                       const Mox::String& commandName) const {
+  const auto command = commands_.find({firstName, commandName});
+  return command == commands_.end() ? Mox::Ptr<AgentCommandCallback>() : command->second;
+}
+
+std::vector<Mox::String> AgentBase::agentCommands() const {
+  std::vector<Mox::String> names;
+  for (const auto& [name, command] : commands_) names.push_back(name.second);
+  return names;
+}
+
+}  // namespace Orb

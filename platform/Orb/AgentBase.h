@@ -1,0 +1,108 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Mox/Entity.h"
+#include "Mox/Strep.h"
+#include "Orb/TaskScheduler.h"
+
+namespace Statedb {
+class EntityManager;
+class MountGroup;
+enum class MountStatus : int;
+}  // namespace Statedb
+
+namespace Memtab {
+class EntityManager;
+}
+
+namespace Orb {
+
+class AgentBase;
+
+// The activity manager of the process is its event loop.
+using ActivityManager = EventLoop;
+
+// A command that an operator can give to an agent.
+class AgentCommandCallback : public Mox::Entity {
+ public:
+  // A command is named by its first name, which may be empty, and its command name.
+  AgentCommandCallback(Mox::String firstName, Mox::String commandName)
+      : firstName_(std::move(firstName)), commandName_(std::move(commandName)) {}
+  const Mox::String& firstName() const { return firstName_; }
+  const Mox::String& commandName() const { return commandName_; }
+
+  // Writes the answer to `descriptor`, which never blocks. Runs in the event loop.
+  virtual void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) = 0;
+
+ private:
+  Mox::String firstName_;
+  Mox::String commandName_;
+};
+
+// What the process that loads agents does for them.
+class AgentHost {
+ public:
+  virtual ~AgentHost() = default;
+  virtual EventLoop& loop() = 0;
+  virtual Mox::Ptr<TaskSchedulerRoot> taskSchedulerRoot() = 0;
+  virtual bool isPhysicalHardware() = 0;
+  // Each agent's own; its completion arrives as that agent's doMountsComplete.
+  virtual Mox::Ptr<Statedb::MountGroup> mountGroup(AgentBase& agent) = 0;
+  virtual Mox::Ptr<Statedb::EntityManager> entityManager() = 0;
+  virtual Mox::Ptr<Memtab::EntityManager> sharedMemory() = 0;
+  virtual void createLocalEntity(const Mox::String& name, const Mox::String& type,
+                                 const Mox::String& path) = 0;
+  // The text of a group of feature switches, "" when it has none ("ArpSuppression.json" → its content).
+  virtual Mox::String featureFile(const Mox::String& group) = 0;
+};
+
+// A plug-in of the agent host. The host makes it with the plug-in's factory, calls hostIs, then doInit, then,
+// once the mount group that doInit closed is complete, doMountsComplete; both once, from the event loop. It
+// ends by being dropped.
+class AgentBase : public Mox::Entity {
+ public:
+  const Mox::String& name() const { return name_; }
+  void hostIs(AgentHost& host) { host_ = &host; }
+
+  virtual void doInit() = 0;
+  virtual void doMountsComplete(Statedb::MountStatus status,
+                                const Mox::Ptr<Statedb::EntityManager>& entityManager) = 0;
+
+  // Null when the agent has no such command.
+  Mox::Ptr<AgentCommandCallback> agentCommand(const Mox::String& firstName,
+                                              const Mox::String& commandName) const;
+  std::vector<Mox::String> agentCommands() const;
+
+ protected:
+  explicit AgentBase(Mox::String name) : name_(std::move(name)) {}
+
+  AgentHost& host() const { return *host_; }
+  ActivityManager& activityManager() const { return host_->loop(); }
+  Mox::Ptr<TaskSchedulerRoot> taskSchedulerRoot() const { return host_->taskSchedulerRoot(); }
+  bool isPhysicalHardware() const { return host_->isPhysicalHardware(); }
+  // An entity of this process that is not mounted; found by its path like any other.
+  void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path);
+  // No more local entities are made from here on.
+  void localEntitiesCreatedIs(bool created) { localEntitiesCreated_ = created; }
+  // A later one of the same name replaces an earlier one.
+  void agentCommandCallbackIs(Mox::Ptr<AgentCommandCallback> callback);
+  void agentCommandCallbackDelAll() { commands_.clear(); }
+
+ private:
+  Mox::String name_;
+  AgentHost* host_ = nullptr;
+  bool localEntitiesCreated_ = false;
+  std::map<std::pair<Mox::String, Mox::String>, Mox::Ptr<AgentCommandCallback>> commands_;
+};
+
+}  // namespace Orb
+
+// The entry of a plug-in library: one C function that the host finds by name. `factory` takes the agent's
+// name and returns a counted pointer to it.
+#define ORB_PLUGIN(factory)                                                                            \
+  extern "C" __attribute__((visibility("default"))) ::Orb::AgentBase* orbAgentMake(const char* name) { \
+    return factory(name).release();                                                                    \
+  }

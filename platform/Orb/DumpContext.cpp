@@ -1,0 +1,38 @@
+#include "Orb/DumpContext.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace Orb {
+
+DumpContext::~DumpContext() {
+  std::string_view rest = text_;
+  while (!rest.empty() && descriptor_ >= 0) {
+    const ssize_t written = write(descriptor_, rest.data(), rest.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return;
+    rest.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+void DumpContext::line(int indent, std::string_view text) {
+  text_.append(static_cast<std::size_t>(std::max(indent, 0)), ' ').append(text).push_back('\n');
+  ++lines_;
+}
+
+void DumpContext::raw(int indent, std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    line(indent, text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+}
+
+std::uint32_t DumpContext::dumpedAt(const void* object) {
+  const auto [at, inserted] = dumped_.emplace(object, lines_ + 1);
+  return inserted ? 0 : at->second;
+}
+
+}  // namespace Orb
