@@ -1,0 +1,201 @@
+// Against the kernel: needs root, and says so where it has none.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Lanix/Bytes.h"
+#include "Lanix/EthDevPam.h"
+#include "Lanix/NamespaceGuard.h"
+#include "Lanix/Namespaces.h"
+#include "Lanix/NetlinkSocket.h"
+#include "Lanix/PacketSockets.h"
+#include "Lanix/RawTxPam.h"
+#include "Lanix/Wire.h"
+#include "Orb/EventLoop.h"
+
+namespace Lanix {
+namespace {
+
+using ::testing::HasSubstr;
+
+// Runs a program; its exit status.
+int run(const std::vector<std::string>& words) {
+  std::vector<char*> arguments;
+  for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    dup2(null, STDERR_FILENO);
+    execvp(arguments[0], arguments.data());
+    _exit(127);
+  }
+  int status = 0;
+  return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+ino_t currentNamespace() {
+  struct stat status {};
+  return stat("/proc/thread-self/ns/net", &status) == 0 ? status.st_ino : 0;
+}
+
+class KernelTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "network namespaces need root";
+    if (run({"ip", "netns", "add", netNs_}) != 0)
+      GTEST_SKIP() << "ip netns cannot make a network namespace here";
+    made_ = true;
+  }
+  void TearDown() override {
+    if (!made_) return;
+    EXPECT_EQ(run({"ip", "netns", "del", netNs_}), 0);
+  }
+  std::string netNs_ = "lanix-" + std::to_string(getpid());
+  bool made_ = false;
+};
+
+TEST_F(KernelTest, GuardComesBackAlsoWhenItsScopeThrows) {
+  const ino_t home = currentNamespace();
+  try {
+    const NamespaceGuard guard(netNs_);
+    ASSERT_TRUE(guard) << guard.error();
+    EXPECT_NE(currentNamespace(), home);
+    const NamespaceGuard inner(kDefaultNamespace);
+    EXPECT_EQ(currentNamespace(), home);
+    throw std::runtime_error("inside");
+  } catch (const std::runtime_error&) {
+  }
+  EXPECT_EQ(currentNamespace(), home);
+}
+
+TEST_F(KernelTest, OnlyPlainNamesOfNamespacesAreEntered) {
+  const ino_t home = currentNamespace();
+  const std::string file = "/run/netns/" + netNs_ + "-file";
+  std::ofstream(file) << "not a namespace";
+  const std::string pipe = "/run/netns/" + netNs_ + "-pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const std::vector<std::string> names = {
+      "", ".", "..", "../netns/" + netNs_, netNs_ + "-missing", netNs_ + "-file", netNs_ + "-pipe"};
+  for (const std::string& name : names) {
+    const NamespaceGuard guard(name);
+    EXPECT_FALSE(guard) << name;
+    EXPECT_THAT(guard.error(), HasSubstr("\"" + name + "\""));
+    EXPECT_EQ(currentNamespace(), home);
+  }
+  std::filesystem::remove(file);
+  std::filesystem::remove(pipe);
+}
+
+TEST_F(KernelTest, NetlinkSocketOpensInTheNamespace) {
+  const std::uint32_t socket = openNetlinkSocket(netNs_);
+  ASSERT_GT(socket, 2u);
+  EXPECT_EQ(fcntl(static_cast<int>(socket), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+  closeNetlinkSocket(socket);
+  EXPECT_EQ(fcntl(static_cast<int>(socket), F_GETFD), -1);
+}
+
+TEST_F(KernelTest, FramesCrossAPairOfDevices) {
+  const std::string here = "lx" + std::to_string(getpid() % 100'000) + "a";
+  const int made = run({"ip", "link", "add", here, "type", "veth", "peer", "name", "there", "netns", netNs_});
+  if (made != 0) GTEST_SKIP() << "this kernel makes no veth pairs";
+  const auto remove = [&] { run({"ip", "link", "del", here}); };
+  struct AtEnd {
+    std::function<void()> call;
+    ~AtEnd() { call(); }
+  } atEnd{remove};
+  ASSERT_EQ(run({"ip", "link", "set", here, "up"}), 0);
+  ASSERT_EQ(run({"ip", "-n", netNs_, "link", "set", "there", "up"}), 0);
+
+  Orb::EventLoop loop;
+  auto rx = Mox::make<EthDevPam>(loop, "there");
+  rx->ethProtocolIs(kEtherTypeArp);
+  EXPECT_THROW(rx->enabledIs(true), PamError);  // it is in the other namespace
+  rx->netNsIs(netNs_);
+  rx->enabledIs(true);
+  auto tx = Mox::make<RawTxPam>("RawTxPam");
+  tx->enabledIs(true);
+  const std::uint32_t ifIndex = Namespaces::current().interfaceIndex(here);
+  ASSERT_NE(ifIndex, 0u);
+
+  std::vector<RawTxPam::Frame> frames;
+  for (unsigned mark = 0; mark < 100; ++mark) {
+    const auto pkt = PktManager::global().newPktWithHeadData(60);
+    const std::uint16_t type = mark % 2 == 0 ? kEtherTypeArp : kEtherTypeIpv4;
+    ByteWriter(pkt->headData()).write(EthHdr{EthAddr::broadcast(), EthAddr(), type}).write(Be32(mark));
+    frames.push_back({ifIndex, pkt});
+  }
+  EXPECT_TRUE(tx->send(ifIndex, frames[0].pkt)) << std::strerror(errno);
+  EXPECT_EQ(tx->sendBatch(std::span(frames).subspan(1)), 99u);
+  EXPECT_FALSE(tx->send(0x7fffffff, frames[0].pkt));
+  EXPECT_EQ(errno, ENXIO);
+
+  std::vector<std::uint32_t> marks;
+  const double deadline = loop.clock().now() + 10;
+  while (marks.size() < 50 && loop.clock().now() < deadline) {
+    loop.step(0.1);
+    while (const auto pkt = rx->rxPkt()) {
+      ByteCursor cursor(pkt->headData());
+      ASSERT_EQ(cursor.read<EthHdr>()->type, kEtherTypeArp);
+      marks.push_back(*cursor.read<Be32>());
+    }
+  }
+  ASSERT_EQ(marks.size(), 50u);
+  for (std::size_t i = 0; i < marks.size(); ++i) EXPECT_EQ(marks[i], 2 * i);
+  EXPECT_GE(rx->readableCount(), 1u);
+}
+
+TEST_F(KernelTest, BatchesAreReceivedInOneCall) {
+  PacketSockets& sockets = PacketSockets::current();
+  const NamespaceGuard guard(netNs_);
+  ASSERT_TRUE(guard);
+  ASSERT_EQ(run({"ip", "-n", netNs_, "link", "set", "lo", "up"}), 0);
+  const int socket = sockets.open(SOCK_RAW, 0);
+  ASSERT_GT(socket, 2);
+  EXPECT_EQ(fcntl(socket, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+  ASSERT_EQ(sockets.bind(socket, Namespaces::current().interfaceIndex("lo"), kEtherTypeTrap), 0);
+  EXPECT_EQ(sockets.receiveBufferIs(socket, 1 << 20), 0);
+  std::byte buffers[4][100];
+  std::vector<PacketSockets::InFrame> in;
+  for (auto& buffer : buffers) in.push_back({buffer});
+  EXPECT_EQ(sockets.receiveBatch(socket, in), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  std::byte frame[64] = {};
+  ByteWriter(frame).write(EthHdr{EthAddr::broadcast(), EthAddr(), kEtherTypeTrap});
+  ASSERT_EQ(sockets.write(socket, frame), 64);
+  ASSERT_EQ(sockets.write(socket, std::span(frame).first(20)), 20);
+  ASSERT_EQ(sockets.receiveBatch(socket, in), 2);
+  EXPECT_EQ(in[0].size, 64u);
+  EXPECT_EQ(in[1].size, 20u);
+  sockets.close(socket);
+}
+
+// A daemon that was started without its standard descriptors.
+TEST_F(KernelTest, SocketsKeepClearOfTheStandardDescriptors) {
+  EXPECT_EXIT(
+      {
+        for (int standard : {0, 1, 2}) ::close(standard);
+        const int packet = PacketSockets::current().open(SOCK_RAW, 0);
+        const std::uint32_t netlink = openNetlinkSocket(kDefaultNamespace);
+        const bool standardFree = fcntl(0, F_GETFD) < 0 && fcntl(1, F_GETFD) < 0;
+        _exit(packet > 2 && netlink > 2 && standardFree ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace Lanix

@@ -1,0 +1,136 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <new>
+#include <vector>
+
+#include "Lanix/Bytes.h"
+#include "Lanix/Pkt.h"
+#include "Lanix/Wire.h"
+#include "test/support/FakePacketSockets.h"
+
+namespace {
+
+std::size_t allocations_ = 0;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  ++allocations_;
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace Lanix {
+namespace {
+
+using TestSupport::Frame;
+using TestSupport::frameOf;
+
+TEST(ByteCursor, ReadsUpToTheEndAndNotBeyond) {
+  const Frame bytes = frameOf({0x81, 0x00, 0x00, 0x0a, 0x08, 0x06, 0xff});
+  ByteCursor cursor(bytes);
+  EXPECT_EQ(cursor.peek<Be16>().value(), kEtherTypeDot1q);
+  EXPECT_EQ(cursor.read<Be16>().value(), kEtherTypeDot1q);
+  const auto tag = cursor.read<Dot1qTag>();
+  ASSERT_TRUE(tag);
+  EXPECT_EQ(tag->vlan(), 10);
+  EXPECT_EQ(tag->type, kEtherTypeArp);
+  EXPECT_FALSE(cursor.read<Be16>());
+  EXPECT_FALSE(cursor.skip(2));
+  EXPECT_FALSE(cursor.take(SIZE_MAX));
+  EXPECT_EQ(cursor.remaining(), 1u);  // what did not fit took nothing
+  EXPECT_EQ(cursor.position(), 6u);
+  EXPECT_TRUE(cursor.skip(1));
+  EXPECT_TRUE(cursor.rest().empty());
+  EXPECT_TRUE(cursor.take(0));
+  EXPECT_FALSE(cursor.read<std::uint8_t>());
+}
+
+TEST(ByteWriter, StopsAtTheEnd) {
+  Frame bytes(5, std::byte{0x55});
+  ByteWriter writer(bytes);
+  EXPECT_TRUE(writer.write(Be32(0x01020304)).good());
+  EXPECT_FALSE(writer.write(Be16(0xffff)).good());
+  EXPECT_FALSE(writer.write(std::uint8_t{1}).good());  // it would fit, but not in its place
+  EXPECT_EQ(writer.position(), 4u);
+  EXPECT_EQ(bytes, frameOf({1, 2, 3, 4, 0x55}));
+}
+
+TEST(Wire, AnArpReplyByteByByte) {
+  const EthAddr host(EthAddr::Bytes{2, 0, 0, 0, 0, 1});
+  const EthAddr owner(EthAddr::Bytes{2, 0, 0, 0, 0, 2});
+  ArpIp4 arp;
+  arp.operation = ArpIp4::kReply;
+  arp.senderMac = owner;
+  arp.senderIp = IpAddr(0x0a000002u);
+  arp.targetMac = host;
+  arp.targetIp = IpAddr(0x0a000001u);
+  Frame frame(46);
+  ByteWriter writer(frame);
+  writer.write(EthHdr{host, owner, kEtherTypeDot1q}).write(Dot1qTag{10, kEtherTypeArp}).write(arp);
+  EXPECT_TRUE(writer.good());
+  EXPECT_EQ(writer.remaining(), 0u);
+  EXPECT_EQ(frame, frameOf({2, 0, 0, 0, 0, 1, 2, 0, 0, 0,  0, 2, 0x81, 0, 0, 10, 8, 6, 0, 1,  8, 0, 6,
+                            4, 0, 2, 2, 0, 0, 0, 0, 2, 10, 0, 0, 2,    2, 0, 0,  0, 0, 1, 10, 0, 0, 1}));
+}
+
+TEST(Wire, TrapHeaderOffsets) {
+  Frame frame(sizeof(TrapHeader) + 2);
+  TrapHeader header;
+  header.vlanId = 10;
+  header.ifIndex = 0x01020304;
+  ByteWriter(frame).write(header).write(Be16(kEtherTypeArp));
+  EXPECT_EQ(frame, frameOf({0, 0, 0, 0, 0,  0, 0, 0, 0, 0, 0, 0, 0x81, 0x35, 0,
+                            0, 0, 0, 0, 10, 1, 2, 3, 4, 0, 0, 0, 0,    8,    6}));
+  // The trapped frame's Ethernet type is where its header, counted from its offset, has it.
+  ByteCursor cursor(frame);
+  ASSERT_TRUE(cursor.skip(TrapHeader::kFrameAt));
+  EXPECT_EQ(cursor.read<EthHdr>().value().type, kEtherTypeArp);
+}
+
+TEST(Pkt, SteadyStateAllocatesNothing) {
+  const Frame frame(Pkt::kPooled, std::byte{1});
+  PktManager& manager = PktManager::global();
+  std::vector<Mox::Ptr<const Pkt>> kept(8);
+  const auto use = [&] {
+    for (auto& pkt : kept) pkt = manager.newPktWithSharedHeadData(frame);
+    for (auto& pkt : kept) pkt = manager.newPktWithHeadData(46);
+  };
+  use();
+  const std::size_t before = allocations_;
+  for (int i = 0; i < 100; ++i) use();
+  EXPECT_EQ(allocations_, before);
+}
+
+TEST(Pkt, SizesAndContent) {
+  PktManager& manager = PktManager::global();
+  for (const std::size_t size :
+       {std::size_t{0}, std::size_t{46}, Pkt::kPooled, Pkt::kPooled + 1, Pkt::kLargest}) {
+    const Frame dirt(size, std::byte{0xee});
+    EXPECT_TRUE(std::ranges::equal(manager.newPktWithSharedHeadData(dirt)->headData(), dirt)) << size;
+    const Mox::Ptr<Pkt> pkt = manager.newPktWithHeadData(size);  // the memory of the one before
+    ASSERT_EQ(pkt->size(), size);
+    EXPECT_TRUE(std::ranges::equal(pkt->headData(), Frame(size)));
+  }
+  EXPECT_FALSE(manager.newPktWithHeadData(Pkt::kLargest + 1));
+  EXPECT_FALSE(manager.newPktWithSharedHeadData(Frame(Pkt::kLargest + 1)));
+  const Mox::Ptr<Pkt> pkt = manager.newPktWithHeadData(10);
+  pkt->sizeIs(20);
+  EXPECT_EQ(pkt->headData().size(), 10u);
+  pkt->sizeIs(4);
+  EXPECT_EQ(pkt->headData().size(), 4u);
+}
+
+TEST(Pkt, MemoryKeptForLaterIsBounded) {
+  PktManager& manager = PktManager::global();
+  std::vector<Mox::Ptr<Pkt>> many;
+  for (int i = 0; i < 3000; ++i) many.push_back(manager.newPktWithHeadData(1));
+  many.clear();
+  EXPECT_LE(manager.pooled(), 1024u);
+}
+
+}  // namespace
+}  // namespace Lanix

@@ -1,0 +1,302 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <vector>
+
+#include "Lanix/Bytes.h"
+#include "Lanix/EthDevPam.h"
+#include "Lanix/NamespaceGuard.h"
+#include "Lanix/NetlinkSocket.h"
+#include "Lanix/RawTxPam.h"
+#include "Lanix/Wire.h"
+#include "Orb/EventLoop.h"
+#include "test/support/FakeNamespaces.h"
+#include "test/support/FakePacketSockets.h"
+
+namespace Lanix {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::SizeIs;
+using TestSupport::FakeDevice;
+using TestSupport::FakePacketSockets;
+using TestSupport::Frame;
+using TestSupport::frameOf;
+
+Frame frameOfType(std::uint16_t type, unsigned mark) {
+  Frame frame(60, std::byte{static_cast<unsigned char>(mark)});
+  ByteWriter(frame).write(EthHdr{EthAddr::broadcast(), EthAddr(), type});
+  return frame;
+}
+
+Mox::Ptr<const Pkt> pktOf(const Frame& frame) { return PktManager::global().newPktWithSharedHeadData(frame); }
+
+std::string errorOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const PamError& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+class RawTxPamTest : public ::testing::Test {
+ protected:
+  FakePacketSockets sockets_;
+  FakeDevice& fabric_ = sockets_.device(7);
+  Mox::Ptr<RawTxPam> pam_ = Mox::make<RawTxPam>("RawTxPam");
+};
+
+TEST_F(RawTxPamTest, SendsOnceEnabled) {
+  const auto pkt = pktOf(frameOf({1, 2, 3}));
+  EXPECT_FALSE(pam_->send(7, pkt));
+  EXPECT_EQ(errno, ENOTCONN);
+  pam_->ethProtocolIs(kEtherTypeAll);
+  pam_->enabledIs(true);
+  pam_->enabledIs(true);
+  EXPECT_EQ(sockets_.openSockets(), 1);
+  EXPECT_TRUE(pam_->send(7, pkt));
+  EXPECT_THAT(fabric_.sent(), ElementsAre(frameOf({1, 2, 3})));
+  EXPECT_EQ(fabric_.receives(frameOfType(kEtherTypeArp, 1)), 0);  // it listens to nothing
+  pam_->enabledIs(false);
+  EXPECT_EQ(sockets_.openSockets(), 0);
+  pam_->enabledIs(true);
+  pam_ = nullptr;
+  EXPECT_EQ(sockets_.openSockets(), 0);
+}
+
+TEST_F(RawTxPamTest, RefusalsAreKept) {
+  sockets_.fails(FakePacketSockets::Call::open, EPERM);
+  EXPECT_THAT(errorOf([&] { pam_->enabledIs(true); }), HasSubstr(std::strerror(EPERM)));
+  EXPECT_FALSE(pam_->enabled());
+  pam_->enabledIs(true);
+  const auto pkt = pktOf(frameOf({1}));
+  sockets_.fails(FakePacketSockets::Call::send, ENOBUFS);
+  EXPECT_FALSE(pam_->send(7, pkt));
+  EXPECT_EQ(errno, ENOBUFS);
+  sockets_.fails(FakePacketSockets::Call::send, EINTR, 3);
+  EXPECT_TRUE(pam_->send(7, pkt));
+}
+
+TEST_F(RawTxPamTest, BatchesInOrderAndStopsAtTheFirstRefusal) {
+  pam_->enabledIs(true);
+  std::vector<RawTxPam::Frame> frames;
+  for (unsigned i = 0; i < 150; ++i) frames.push_back({7, pktOf(frameOf({i}))});
+  EXPECT_EQ(pam_->sendBatch(frames), 150u);
+  EXPECT_EQ(sockets_.sendCalls(), 3);
+  for (unsigned i = 0; i < 150; ++i) EXPECT_EQ(fabric_.sent()[i], frameOf({i}));
+  sockets_.device(8).fullIs(true);
+  frames[100].ifIndex = 8;
+  fabric_.takeSent();
+  EXPECT_EQ(pam_->sendBatch(frames), 100u);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_THAT(fabric_.sent(), SizeIs(100));
+}
+
+class EthDevPamTest : public ::testing::Test {
+ protected:
+  EthDevPamTest() {
+    namespaces_.deviceIs("red", "vlan10", 5);
+    pam_ = Mox::make<EthDevPam>(loop_, "vlan10");
+    pam_->ethProtocolIs(kEtherTypeArp);
+    pam_->netNsIs("red");
+  }
+  // Turns of the loop until it has nothing more.
+  void settle() {
+    while (loop_.step(0)) {
+    }
+  }
+  int drain() {
+    int frames = 0;
+    while (pam_->rxPkt()) ++frames;
+    return frames;
+  }
+
+  TestSupport::FakeNamespaces namespaces_;
+  FakePacketSockets sockets_;
+  FakeDevice& vlan10_ = sockets_.device(5);
+  Orb::EventLoop loop_;
+  Mox::Ptr<EthDevPam> pam_;
+};
+
+TEST_F(EthDevPamTest, ReceivesItsProtocolAndNotifiesOnEdges) {
+  int notified = 0;
+  Mox::Notifiee<EthDevPam> watch(pam_);
+  watch.on(EthDevPam::readableCountChanged, [&] { ++notified; });
+  pam_->enabledIs(true);
+  EXPECT_EQ(namespaces_.inside(), kDefaultNamespace);
+  settle();
+  EXPECT_EQ(notified, 0);
+  EXPECT_FALSE(pam_->rxPkt());
+
+  EXPECT_EQ(vlan10_.receives(frameOfType(kEtherTypeIpv4, 1)), 0);
+  EXPECT_EQ(vlan10_.receives(frameOfType(kEtherTypeArp, 2)), 1);
+  EXPECT_EQ(vlan10_.receives(frameOfType(kEtherTypeArp, 3)), 1);
+  settle();
+  EXPECT_EQ(notified, 1);
+  const auto first = pam_->rxPkt();
+  ASSERT_TRUE(first);
+  EXPECT_TRUE(std::ranges::equal(first->headData(), frameOfType(kEtherTypeArp, 2)));
+  EXPECT_EQ(drain(), 1);
+  settle();
+  EXPECT_EQ(notified, 1);
+  vlan10_.receives(frameOfType(kEtherTypeArp, 4));
+  settle();
+  EXPECT_EQ(notified, 2);
+}
+
+TEST_F(EthDevPamTest, EnablingSaysWhatIsMissingAndCanBeTriedAgain) {
+  namespaces_.loses("red");
+  EXPECT_THAT(errorOf([&] { pam_->enabledIs(true); }),
+              AllOf(HasSubstr("vlan10"), HasSubstr("red"), HasSubstr(std::strerror(ENOENT))));
+  namespaces_.has("red");
+  EXPECT_THAT(errorOf([&] { pam_->enabledIs(true); }), HasSubstr("no such device"));
+  namespaces_.deviceIs("red", "vlan10", 5);
+  for (auto call :
+       {FakePacketSockets::Call::open, FakePacketSockets::Call::nonBlocking, FakePacketSockets::Call::bind}) {
+    sockets_.fails(call, ENOBUFS);
+    EXPECT_THAT(errorOf([&] { pam_->enabledIs(true); }), HasSubstr(std::strerror(ENOBUFS)));
+    EXPECT_FALSE(pam_->enabled());
+    EXPECT_EQ(sockets_.openSockets(), 0);
+    EXPECT_EQ(namespaces_.inside(), kDefaultNamespace);
+  }
+  pam_->enabledIs(true);
+  EXPECT_TRUE(pam_->enabled());
+  EXPECT_EQ(vlan10_.bound(), 1);
+}
+
+TEST_F(EthDevPamTest, ReportedErrorsDoNotHideWaitingFrames) {
+  pam_->enabledIs(true);
+  vlan10_.receives(frameOfType(kEtherTypeArp, 1));
+  sockets_.fails(FakePacketSockets::Call::read, ENETDOWN);
+  EXPECT_TRUE(pam_->rxPkt());
+  vlan10_.receives(frameOfType(kEtherTypeArp, 1));
+  sockets_.fails(FakePacketSockets::Call::read, EINTR, 2);
+  EXPECT_TRUE(pam_->rxPkt());
+  sockets_.fails(FakePacketSockets::Call::read, EINVAL);
+  EXPECT_FALSE(pam_->rxPkt());
+}
+
+TEST_F(EthDevPamTest, MayBeDroppedFromItsOwnNotification) {
+  Mox::Notifiee<EthDevPam> watch(pam_);
+  watch.on(EthDevPam::readableCountChanged, [&] {
+    watch.notifierIs(nullptr);
+    pam_ = nullptr;
+  });
+  pam_->enabledIs(true);
+  vlan10_.receives(frameOfType(kEtherTypeArp, 1));
+  settle();
+  EXPECT_FALSE(pam_);
+  EXPECT_EQ(sockets_.openSockets(), 0);
+}
+
+TEST(FakePacketSocketsTest, FullDeviceIsWritableAgainAfterwards) {
+  FakePacketSockets sockets;
+  Orb::EventLoop loop;
+  FakeDevice& fabric = sockets.device(7);
+  PacketSockets& seam = PacketSockets::current();
+  const int socket = seam.open(SOCK_RAW, kEtherTypeAll);
+  ASSERT_EQ(seam.bind(socket, 7, kEtherTypeAll), 0);
+  ASSERT_EQ(seam.nonBlockingIs(socket, true), 0);
+  const auto descriptor = Mox::make<Orb::FileDescriptor>(loop, "fabric");
+  descriptor->descriptorIs(socket);
+  descriptor->notifyOnWritableIs(true);
+  const auto settle = [&] {
+    while (loop.step(0)) {
+    }
+  };
+  settle();
+  const auto before = descriptor->writableCount();
+  EXPECT_GT(before, 0u);
+  fabric.fullIs(true);
+  const Frame frame = frameOf({1});
+  EXPECT_EQ(seam.write(socket, frame), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  settle();
+  EXPECT_EQ(descriptor->writableCount(), before);
+  fabric.fullIs(false);
+  settle();
+  EXPECT_GT(descriptor->writableCount(), before);
+  EXPECT_EQ(seam.write(socket, frame), 1);
+  EXPECT_THAT(fabric.sent(), ElementsAre(frame));
+}
+
+TEST(NetlinkSocketTest, BelongsToTheNamespaceAndIsNeverZero) {
+  TestSupport::FakeNamespaces namespaces;
+  namespaces.has("red");
+  TestSupport::FakeNetlinkSockets sockets;
+  sockets.namespacesAre(namespaces);
+  const std::uint32_t socket = openNetlinkSocket("red");
+  EXPECT_NE(socket, 0u);
+  EXPECT_EQ(sockets.openSockets().at(static_cast<int>(socket)), "red");
+  EXPECT_EQ(namespaces.inside(), kDefaultNamespace);
+  closeNetlinkSocket(0);
+  closeNetlinkSocket(socket);
+  EXPECT_TRUE(sockets.openSockets().empty());
+  EXPECT_EQ(openNetlinkSocket("blue"), 0u);
+  EXPECT_EQ(errno, ENOENT);
+  sockets.refusesWith(EMFILE);
+  EXPECT_EQ(openNetlinkSocket("red"), 0u);
+  EXPECT_EQ(errno, EMFILE);
+}
+
+class NamespaceGuardTest : public ::testing::Test {
+ protected:
+  NamespaceGuardTest() {
+    namespaces_.has("red");
+    namespaces_.has("blue");
+  }
+  TestSupport::FakeNamespaces namespaces_;
+};
+
+TEST_F(NamespaceGuardTest, DefaultAndTheSameAreEnteredWithoutASwitch) {
+  const NamespaceGuard outer("default");
+  EXPECT_TRUE(outer);
+  EXPECT_EQ(namespaces_.switches(), 0);
+  const NamespaceGuard red("red");
+  const NamespaceGuard again("red");
+  EXPECT_TRUE(again);
+  EXPECT_EQ(namespaces_.switches(), 1);
+}
+
+TEST_F(NamespaceGuardTest, NestedGuardsComeBackToTheOneBefore) {
+  {
+    const NamespaceGuard red("red");
+    {
+      const NamespaceGuard blue("blue");
+      EXPECT_EQ(namespaces_.inside(), "blue");
+      const NamespaceGuard home("default");
+      EXPECT_EQ(namespaces_.inside(), "default");
+    }
+    EXPECT_EQ(namespaces_.inside(), "red");
+  }
+  EXPECT_EQ(namespaces_.inside(), "default");
+}
+
+TEST_F(NamespaceGuardTest, FailureLeavesTheThreadWhereItWas) {
+  for (const char* name : {"green", ""}) {
+    const NamespaceGuard guard(name);
+    EXPECT_FALSE(guard);
+    EXPECT_THAT(guard.error(), HasSubstr(std::strerror(ENOENT)));
+  }
+  EXPECT_EQ(namespaces_.switches(), 0);
+}
+
+TEST_F(NamespaceGuardTest, FailingToComeBackIsAnAssertion) {
+  EXPECT_DEATH(
+      {
+        const NamespaceGuard red("red");
+        const NamespaceGuard blue("blue");
+        namespaces_.loses("red");
+      },
+      "back in the network namespace before");
+}
+
+}  // namespace
+}  // namespace Lanix

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "Lanix/Namespaces.h"
+#include "Lanix/NetlinkSocket.h"
+
+namespace TestSupport {
+
+// Network namespaces and their devices, without a kernel behind them; "default" is always there.
+class FakeNamespaces final : public Lanix::Namespaces {
+ public:
+  FakeNamespaces() : replaced_(*this) {}
+
+  void has(const std::string& name) { namespaces_[name]; }
+  void loses(const std::string& name) { namespaces_.erase(name); }
+  // Index 0 takes the device away.
+  void deviceIs(const std::string& name, const std::string& device, std::uint32_t ifIndex) {
+    namespaces_[name][device] = ifIndex;
+  }
+  const std::string& inside() const { return inside_; }
+  int switches() const { return switches_; }
+
+  int enter(const Lanix::NamespaceName& name) override {
+    if (!namespaces_.contains(name)) {
+      errno = ENOENT;
+      return -1;
+    }
+    inside_ = name;
+    ++switches_;
+    return 0;
+  }
+  int leave() override {
+    inside_ = Lanix::kDefaultNamespace;
+    ++switches_;
+    return 0;
+  }
+  std::uint32_t interfaceIndex(const std::string& device) override {
+    const auto& devices = namespaces_[inside_];
+    const auto at = devices.find(device);
+    if (at != devices.end() && at->second != 0) return at->second;
+    errno = ENODEV;
+    return 0;
+  }
+
+ private:
+  std::map<std::string, std::map<std::string, std::uint32_t>> namespaces_;
+  std::string inside_ = Lanix::kDefaultNamespace;
+  int switches_ = 0;
+  Lanix::Replaced<Lanix::Namespaces> replaced_;
+};
+
+// Netlink sockets that are numbers only, from 1000 on.
+class FakeNetlinkSockets final : public Lanix::NetlinkSockets {
+ public:
+  FakeNetlinkSockets() : replaced_(*this) {}
+
+  // Every open fails with this errno, until it is 0.
+  void refusesWith(int error) { error_ = error; }
+  // Open sockets, each with the network namespace that it was opened in.
+  const std::map<int, std::string>& openSockets() const { return sockets_; }
+  void namespacesAre(const FakeNamespaces& namespaces) { namespaces_ = &namespaces; }
+
+  int open() override {
+    if (error_ != 0) {
+      errno = error_;
+      return -1;
+    }
+    sockets_[next_] = namespaces_ ? namespaces_->inside() : Lanix::kDefaultNamespace;
+    return next_++;
+  }
+  void close(int socket) override { sockets_.erase(socket); }
+
+ private:
+  int error_ = 0;
+  int next_ = 1000;
+  std::map<int, std::string> sockets_;
+  const FakeNamespaces* namespaces_ = nullptr;
+  Lanix::Replaced<Lanix::NetlinkSockets> replaced_;
+};
+
+}  // namespace TestSupport
