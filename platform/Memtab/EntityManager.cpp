@@ -1,0 +1,232 @@
+#include "Memtab/EntityManager.h"
+
+#include <algorithm>
+
+#include "Mox/Notifiee.h"
+#include "Tracelet/Record.h"
+#include "Tracelet/Trace.h"
+
+namespace Memtab {
+
+namespace {
+
+constexpr char kSource[] = "Memtab/EntityManager";
+constexpr std::size_t kKeysPerDrain = 64;
+constexpr unsigned kDrainLevel = 2;
+
+Tracelet::Handle& traceHandle() {
+  static Tracelet::Handle handle("Memtab");
+  return handle;
+}
+
+}  // namespace
+
+void Entity::corrupted(const std::string& message) const {
+  if (corruptionHandler_) {
+    corruptionHandler_(message);
+    return;
+  }
+  TRACELET_TRACE(traceHandle(), 0, kSource, "shared memory corruption: " << message);
+  TRACELET_RECORD("shared memory corruption: {}", message);
+}
+
+// --- MountGroup ------------------------------------------------------------------------------------------
+
+Mox::Ptr<Memtab::Entity> MountGroup::mountIs(const std::string& path, const std::string& typeName,
+                                             const MountDescriptor& descriptor) {
+  if (!manager_) return {};
+  Mox::Ptr<Memtab::Entity> entity = manager_->mount(path, typeName, descriptor);
+  mounted_.push_back(entity);
+  return entity;
+}
+
+void MountGroup::close() {
+  closed_ = true;
+  update();
+}
+
+void MountGroup::update() {
+  if (!closed_) return;
+  const bool attached =
+      std::all_of(mounted_.begin(), mounted_.end(), [](const Mox::Ptr<Memtab::Entity>& entity) {
+        if (!entity) return false;
+        const auto tables = entity->tables();
+        return std::all_of(tables.begin(), tables.end(), [](TableBase* table) {
+          return table->writer() || (table->view() && table->view()->attached());
+        });
+      });
+  readyIs(attached);
+}
+
+// --- EntityManager ---------------------------------------------------------------------------------------
+
+class DescriptorWatch {
+ public:
+  DescriptorWatch(const Mox::Ptr<Orb::FileDescriptor>& descriptor, std::function<void()> handle)
+      : notifiee_(descriptor) {
+    notifiee_.on(Orb::FileDescriptor::readableCountChanged, std::move(handle));
+  }
+
+ private:
+  Mox::Notifiee<Orb::FileDescriptor> notifiee_;
+};
+
+EntityManager::EntityManager(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskScheduler>& scheduler,
+                             Directory directory, Report report)
+    : loop_(loop),
+      directory_(std::move(directory)),
+      report_(std::move(report)),
+      descriptor_(Mox::make<Orb::FileDescriptor>(loop, "Memtab")),
+      drainTask_(scheduler, "Memtab", kDrainLevel, [this] { drain(); }),
+      hook_(loop.endOfTurn([this] { endOfTurn(); })) {
+  descriptorWatch_ = std::make_unique<DescriptorWatch>(descriptor_, [this] { handleReadable(); });
+  if (watcher_.descriptor() >= 0) {
+    descriptor_->descriptorIs(watcher_.descriptor());
+    descriptor_->notifyOnReadableIs(true);
+  } else if (report_) {
+    report_("shared memory: changes of other processes will not be noticed: " + watcher_.error());
+  }
+}
+
+// Entities may be held by others for longer; their views must go before the watcher does.
+EntityManager::~EntityManager() {
+  for (const Mox::Ptr<MountGroup>& group : groups_) group->manager_ = nullptr;
+  for (auto& [path, slot] : slots_) {
+    flush(slot);
+    for (TableBase* table : slot.entity->tables()) table->close();
+  }
+}
+
+std::string EntityManager::normal(std::string_view path) const {
+  while (!path.empty() && path.back() == '/') path.remove_suffix(1);
+  return std::string(path);
+}
+
+Mox::Ptr<Memtab::Entity> EntityManager::mount(const std::string& given, const std::string& typeName,
+                                              const MountDescriptor& descriptor) {
+  const std::string path = normal(given);
+  auto at = slots_.find(path);
+  if (at == slots_.end()) {
+    const auto maker = makers_.find(typeName);
+    if (maker == makers_.end()) {
+      if (report_) report_(path + ": unknown shared-memory type " + typeName);
+      return {};
+    }
+    at = slots_.emplace(path, Slot{maker->second(), typeName, 0, false, nullptr}).first;
+  } else if (at->second.typeName != typeName) {
+    if (report_) report_(path + ": is a " + at->second.typeName + ", not a " + typeName);
+    return {};
+  }
+  Slot& slot = at->second;
+  for (TableBase* table : slot.entity->tables()) {
+    const std::string name = path + "." + table->name();
+    if (descriptor.kind == MountDescriptor::Kind::writer) {
+      WriterOptions options;
+      for (const auto& collection : descriptor.collections) {
+        if (collection.name == table->name()) options.capacity = collection.size;
+      }
+      OpenReport opened;
+      if (!table->writerIs(directory_, name, options, opened)) {
+        if (report_) report_(opened.message);
+        return {};
+      }
+      if (!opened.message.empty() && report_) {
+        report_(opened.message + (opened.setAside.empty() ? "" : "; set aside as " + opened.setAside));
+      }
+      slot.writable = true;
+      slot.doorbellDelay = descriptor.doorbellDelay;
+    } else {
+      table->readerIs(directory_, name, watcher_);
+      tables_[table->view()] = table;
+    }
+  }
+  // News of before the mount is waiting at the watcher.
+  handleReadable();
+  updateGroups();
+  return slot.entity;
+}
+
+Mox::Ptr<Memtab::Entity> EntityManager::entity(std::string_view path) const {
+  const auto at = slots_.find(normal(path));
+  return at == slots_.end() ? Mox::Ptr<Memtab::Entity>() : at->second.entity;
+}
+
+bool EntityManager::writable(std::string_view path) const {
+  const auto at = slots_.find(normal(path));
+  return at != slots_.end() && at->second.writable;
+}
+
+const std::string& EntityManager::typeName(std::string_view path) const {
+  static const std::string none;
+  const auto at = slots_.find(normal(path));
+  return at == slots_.end() ? none : at->second.typeName;
+}
+
+std::vector<std::string> EntityManager::paths() const {
+  std::vector<std::string> paths;
+  for (const auto& [path, slot] : slots_) paths.push_back(path);
+  return paths;
+}
+
+Mox::Ptr<MountGroup> EntityManager::mountGroup() {
+  auto group = Mox::make<MountGroup>(*this);
+  groups_.push_back(group);
+  return group;
+}
+
+void EntityManager::handleReadable() {
+  watcher_.handleReadable();
+  while (TableView* view = watcher_.next()) {
+    const auto table = tables_.find(view);
+    if (table != tables_.end() &&
+        std::find(pending_.begin(), pending_.end(), table->second) == pending_.end()) {
+      pending_.push_back(table->second);
+    }
+  }
+  if (!pending_.empty()) drainTask_.schedule();
+}
+
+// By index: whoever hears that a group is ready may make another.
+void EntityManager::updateGroups() {
+  for (std::size_t i = 0; i < groups_.size(); ++i) Mox::Ptr(groups_[i])->update();
+}
+
+void EntityManager::drain() {
+  // Whatever is left, also when a watcher raises an error, comes in a later turn.
+  struct Rest {
+    ~Rest() {
+      if (!manager.pending_.empty()) manager.drainTask_.schedule();
+    }
+    EntityManager& manager;
+  } rest{*this};
+  updateGroups();
+  while (!pending_.empty()) {
+    TableBase* const table = pending_.front();
+    if (!table->drain(kKeysPerDrain)) pending_.erase(pending_.begin());
+    if (drainTask_.scheduler()->root().mustYield()) return;
+  }
+}
+
+void EntityManager::endOfTurn() {
+  for (auto& [path, slot] : slots_) {
+    if (!slot.writable) continue;
+    bool dirty = false;
+    for (TableBase* table : slot.entity->tables()) dirty = table->takeDirty() || dirty;
+    if (!dirty) continue;
+    if (slot.doorbellDelay <= 0) {
+      flush(slot);
+      continue;
+    }
+    if (!slot.doorbell)
+      slot.doorbell = std::make_unique<Orb::Timer>(loop_, "doorbell", [&slot = slot] { flush(slot); });
+    if (!slot.doorbell->scheduled()) slot.doorbell->after(slot.doorbellDelay);
+  }
+}
+
+void EntityManager::flush(Slot& slot) {
+  for (TableBase* table : slot.entity->tables()) {
+    if (Writer* writer = table->writer()) writer->flush();
+  }
+}
+
+}  // namespace Memtab

@@ -1,0 +1,127 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Memtab/Entity.h"
+#include "Orb/FileDescriptor.h"
+#include "Orb/TaskScheduler.h"
+
+namespace Memtab {
+
+class EntityManager;
+
+// How a table is mounted.
+struct MountDescriptor {
+  enum class Kind : int { writer = 0, reader = 1 };
+  struct CollectionSize {
+    std::string name;
+    std::size_t size;  // entries to make room for at the beginning
+  };
+  Kind kind = Kind::reader;
+  std::vector<CollectionSize> collections;
+  // Writers: readers of other processes are told of changes at the end of the turn, or after so many seconds.
+  double doorbellDelay = 0;
+
+  static MountDescriptor reader() { return {}; }
+  static MountDescriptor writer(std::vector<CollectionSize> collections = {}, double doorbellDelay = 0) {
+    return {Kind::writer, std::move(collections), doorbellDelay};
+  }
+};
+
+// Mounts that belong together. Ready while every table of the closed group is attached, that is, exists; a
+// writer that restarts does not end that, a table that is removed does.
+class MountGroup final : public Mox::Entity {
+ public:
+  explicit MountGroup(EntityManager& manager) : manager_(&manager) {}
+  Mox::Ptr<Memtab::Entity> mountIs(const std::string& path, const std::string& typeName,
+                                   const MountDescriptor& descriptor);
+  void close();
+
+  MOX_ATTRIBUTE(bool, ready, false)
+
+ private:
+  friend class EntityManager;
+  void update();
+
+  EntityManager* manager_;  // null once the manager has gone
+  std::vector<Mox::Ptr<Memtab::Entity>> mounted_;
+  bool closed_ = false;
+};
+
+// The shared-memory tables of a process: one entity a path. Changes that writers make, in this process or
+// another, reach the watchers of a reader's entity from the event loop, in slices.
+class EntityManager final : public Mox::Referenced {
+ public:
+  using Report = std::function<void(const std::string& message)>;
+  EntityManager(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskScheduler>& scheduler, Directory directory,
+                Report report = {});
+  ~EntityManager() override;
+
+  template <class E>
+  void registerType(const std::string& typeName) {
+    makers_[typeName] = [] { return Mox::Ptr<Memtab::Entity>(Mox::make<E>()); };
+  }
+
+  // Finds or makes the entity and gives it what the descriptor asks for. Null, with a report, when the type
+  // is not known, the path has another type, or the table cannot be written (another live writer has it).
+  Mox::Ptr<Memtab::Entity> mount(const std::string& path, const std::string& typeName,
+                                 const MountDescriptor& descriptor);
+  // Null when nobody mounted the path.
+  Mox::Ptr<Memtab::Entity> entity(std::string_view path) const;
+  template <class E>
+  Mox::Ptr<E> entityOf(std::string_view path) const {
+    return Mox::dynamicPtrCast<E>(entity(path));
+  }
+  bool writable(std::string_view path) const;
+  std::vector<std::string> paths() const;
+  const std::string& typeName(std::string_view path) const;
+
+  Mox::Ptr<MountGroup> mountGroup();
+
+  const Directory& directory() const { return directory_; }
+
+ private:
+  friend class MountGroup;
+  struct Slot {
+    Mox::Ptr<Memtab::Entity> entity;
+    std::string typeName;
+    double doorbellDelay = 0;
+    bool writable = false;
+    std::unique_ptr<Orb::Timer> doorbell;
+  };
+  using Slots = std::map<std::string, Slot, std::less<>>;
+
+  void handleReadable();
+  void updateGroups();
+  void drain();
+  void endOfTurn();
+  static void flush(Slot& slot);
+  std::string normal(std::string_view path) const;
+
+  Orb::EventLoop& loop_;
+  Directory directory_;
+  Report report_;
+  std::map<std::string, std::function<Mox::Ptr<Memtab::Entity>()>> makers_;
+  Watcher watcher_;
+  Slots slots_;
+  std::map<TableView*, TableBase*> tables_;
+  std::vector<TableBase*> pending_;
+  std::vector<Mox::Ptr<MountGroup>> groups_;
+  Mox::Ptr<Orb::FileDescriptor> descriptor_;
+  std::unique_ptr<class DescriptorWatch> descriptorWatch_;
+  Orb::Task drainTask_;
+  Orb::EventLoop::HookHandle hook_;
+};
+
+}  // namespace Memtab
+
+// The shared-memory service under the name that agents know it by.
+namespace MoxSharedMem {
+using MountGroup = Memtab::MountGroup;
+}

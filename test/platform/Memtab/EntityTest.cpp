@@ -1,0 +1,380 @@
+#include "Memtab/Entity.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Memtab/EntityManager.h"
+#include "Mox/Notifiee.h"
+
+namespace {
+
+using Memtab::MountDescriptor;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+
+class Ports final : public Memtab::Entity {
+  MEMTAB_COLLECTION(std::uint32_t, std::uint32_t, port)
+  MEMTAB_MEMBERS(port)
+};
+class Hosts final : public Memtab::Entity {
+  MEMTAB_COLLECTION(std::uint64_t, std::uint16_t, host)
+  MEMTAB_MEMBERS(host)
+};
+
+constexpr char kPath[] = "bridging/ports";
+constexpr char kTable[] = "bridging/ports.port";
+
+// What a process has of its own: a loop, a scheduler and a manager, on tables that all processes share.
+class Process {
+ public:
+  Process(const Memtab::Directory& directory, const Orb::Clock& clock) : loop(clock), directory_(directory) {
+    loop.errorHandlerIs(
+        [this](const char* where, const char* what) { errors.push_back(std::string(where) + ": " + what); });
+    start();
+  }
+  void start() {
+    manager =
+        Mox::make<Memtab::EntityManager>(loop, root->scheduler(), directory_,
+                                         [this](const std::string& message) { reports.push_back(message); });
+    manager->registerType<Ports>("Ports");
+    manager->registerType<Hosts>("Hosts");
+  }
+  Mox::Ptr<Ports> mount(const MountDescriptor& descriptor, const std::string& path = kPath) {
+    return Mox::dynamicPtrCast<Ports>(manager->mount(path, "Ports", descriptor));
+  }
+  Mox::Ptr<Ports> reader() { return mount(MountDescriptor::reader()); }
+  Mox::Ptr<Ports> writer() { return mount(MountDescriptor::writer({{"port", 64}})); }
+  // Writes the way a plug-in does, from inside a turn of its loop.
+  void inTurn(std::function<void()> write) {
+    loop.post(std::move(write));
+    loop.step();
+  }
+  void settle() {
+    for (int turns = 0; loop.step(); ++turns) ASSERT_LT(turns, 10000) << "the loop does not come to rest";
+  }
+
+  Orb::EventLoop loop;
+  Mox::Ptr<Orb::TaskSchedulerRoot> root = Mox::make<Orb::TaskSchedulerRoot>(loop);
+  std::vector<std::string> reports;
+  std::vector<std::string> errors;
+  Mox::Ptr<Memtab::EntityManager> manager;
+
+ private:
+  Memtab::Directory directory_;
+};
+
+class MemtabEntity : public ::testing::Test {
+ protected:
+  ~MemtabEntity() override { directory_.removeAll(); }
+
+  static std::string prefix() {
+    static int count = 0;
+    return "memtab-entity-test-" + std::to_string(getpid()) + "-" + std::to_string(++count);
+  }
+  using Watch = Mox::Notifiee<Ports>;
+  // Hears the key and what is there now: "7=1", or "7-" for nothing.
+  std::unique_ptr<Watch> watch(const Mox::Ptr<Ports>& ports) {
+    auto watch = std::make_unique<Watch>(ports);
+    watch->on(Ports::portChanged, [this, entity = ports.get()](std::uint32_t key) {
+      const auto value = entity->portEntry(key);
+      heard_.push_back(std::to_string(key) + (value ? "=" + std::to_string(*value) : "-"));
+    });
+    return watch;
+  }
+  std::vector<std::string> taken() { return std::exchange(heard_, {}); }
+  void both() {
+    us_.settle();
+    them_.settle();
+    us_.settle();
+  }
+
+  Memtab::Directory directory_{prefix()};
+  Orb::ManualClock clock_;
+  Process us_{directory_, clock_};
+  Process them_{directory_, clock_};
+  std::vector<std::string> heard_;
+};
+
+TEST_F(MemtabEntity, one_entity_a_path_whose_own_writes_are_seen_at_once_and_told_from_the_loop_only) {
+  const auto reader = us_.reader();
+  const auto watching = watch(reader);
+  const auto writer = us_.mount(MountDescriptor::writer(), std::string(kPath) + "/");
+  ASSERT_TRUE(writer);
+  EXPECT_EQ(writer, reader);
+  EXPECT_EQ(us_.manager->entityOf<Ports>(kPath), reader);
+  EXPECT_TRUE(us_.manager->writable(kPath));
+  us_.settle();
+  us_.inTurn([&] {
+    writer->portIs(7, 1);
+    writer->portIs(8, 2);
+    EXPECT_EQ(reader->port(7), 1u);
+    EXPECT_EQ(reader->ports(), 2u);
+    EXPECT_FALSE(reader->portEntry(9));
+    EXPECT_EQ(reader->port(9), 0u);
+    EXPECT_THAT(heard_, IsEmpty());
+  });
+  EXPECT_THAT(heard_, IsEmpty());
+  us_.settle();
+  EXPECT_THAT(taken(), ElementsAre("7=1", "8=2"));
+  us_.inTurn([&] {
+    writer->portIs(7, 1);  // unchanged
+    EXPECT_TRUE(writer->portDel(8));
+    EXPECT_FALSE(writer->portDel(8));
+  });
+  us_.settle();
+  EXPECT_THAT(taken(), ElementsAre("8-"));
+}
+
+TEST_F(MemtabEntity, changes_and_deletions_of_another_process_arrive_and_mounting_replays_nothing) {
+  const auto writer = them_.writer();
+  them_.inTurn([&] { writer->portIs(1, 10); });
+  const auto reader = us_.reader();
+  const auto watching = watch(reader);
+  us_.settle();
+  EXPECT_THAT(heard_, IsEmpty());
+  EXPECT_EQ(reader->port(1), 10u);
+  EXPECT_THROW(reader->portIs(1, 2), Mox::Error);
+  them_.inTurn([&] {
+    writer->portIs(1, 11);
+    writer->portIs(2, 20);
+  });
+  EXPECT_EQ(reader->port(2), 20u);
+  EXPECT_THAT(heard_, IsEmpty());
+  us_.settle();
+  EXPECT_THAT(taken(), ElementsAre("1=11", "2=20"));
+  them_.inTurn([&] { writer->portDel(1); });
+  us_.settle();
+  EXPECT_THAT(taken(), ElementsAre("1-"));
+}
+
+TEST_F(MemtabEntity, table_outlives_its_writer_and_the_next_one_goes_on) {
+  const auto reader = us_.reader();
+  const auto watching = watch(reader);
+  auto writer = them_.writer();
+  them_.inTurn([&] {
+    writer->portIs(1, 10);
+    writer->portIs(2, 20);
+  });
+  both();
+  taken();
+  them_.manager = nullptr;
+  EXPECT_THROW(writer->portIs(1, 1), Mox::Error);  // the entity is held for longer, the table is not
+  EXPECT_EQ(writer->ports(), 0u);
+  both();
+  EXPECT_THAT(taken(), IsEmpty());
+  EXPECT_EQ(reader->port(2), 20u);
+  them_.start();
+  writer = them_.writer();
+  ASSERT_TRUE(writer);
+  EXPECT_EQ(writer->port(1), 10u);
+  them_.inTurn([&] {
+    writer->portIs(1, 10);
+    writer->portDel(2);
+  });
+  both();
+  EXPECT_THAT(taken(), ElementsAre("2-"));
+}
+
+TEST_F(MemtabEntity, readers_are_rung_at_the_end_of_a_turn_that_changed_something) {
+  const auto writer = them_.writer();
+  them_.settle();
+  const int bells = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  const std::string bell = Memtab::Directory::bellFile(directory_.segmentFile(kTable));
+  ASSERT_GE(inotify_add_watch(bells, bell.c_str(), IN_MODIFY), 0);
+  const auto rung = [&] {
+    std::array<char, 4096> buffer;
+    return read(bells, buffer.data(), buffer.size()) > 0;
+  };
+  them_.inTurn([&] {
+    for (std::uint32_t key = 0; key < 100; ++key) writer->portIs(key, key);
+    EXPECT_FALSE(rung());
+  });
+  EXPECT_TRUE(rung());
+  them_.inTurn([&] {
+    writer->portIs(1, 1);
+    writer->portDel(1000);
+  });
+  EXPECT_FALSE(rung());
+  close(bells);
+}
+
+TEST_F(MemtabEntity, doorbell_may_be_held_back_to_gather_the_changes_of_several_turns) {
+  const auto writer = them_.mount(MountDescriptor::writer({}, 0.5));
+  const auto reader = us_.reader();
+  const auto watching = watch(reader);
+  both();
+  for (std::uint32_t key : {1u, 2u}) {
+    them_.inTurn([&] { writer->portIs(key, key); });
+    both();
+    EXPECT_THAT(heard_, IsEmpty());
+    EXPECT_EQ(reader->port(key), key);
+    clock_.advance(0.25);
+  }
+  both();
+  EXPECT_THAT(taken(), ElementsAre("1=1", "2=2"));
+  them_.inTurn([&] { writer->portIs(3, 3); });
+  them_.manager = nullptr;  // what is held back is told when the writer goes
+  both();
+  EXPECT_THAT(taken(), ElementsAre("3=3"));
+}
+
+TEST_F(MemtabEntity, group_is_ready_while_its_tables_exist) {
+  const auto group = us_.manager->mountGroup();
+  Mox::Notifiee<Memtab::MountGroup> watchGroup(group);
+  watchGroup.on(Memtab::MountGroup::readyChanged, [&](bool ready) {
+    heard_.push_back(ready ? "ready" : "not ready");
+    for (int i = 0; i < 20; ++i) us_.manager->mountGroup()->close();  // groups may be made from here
+  });
+  const auto reader = Mox::dynamicPtrCast<Ports>(group->mountIs(kPath, "Ports", MountDescriptor::reader()));
+  ASSERT_TRUE(reader);
+  const auto watching = watch(reader);
+  EXPECT_FALSE(reader->portEntry(1));
+  EXPECT_EQ(reader->ports(), 0u);
+  both();
+  group->close();
+  both();
+  EXPECT_THAT(taken(), IsEmpty());
+  EXPECT_FALSE(group->ready());
+
+  const auto writer = them_.writer();
+  them_.inTurn([&] { writer->portIs(1, 10); });
+  EXPECT_FALSE(group->ready());
+  both();
+  EXPECT_TRUE(group->ready());
+  EXPECT_THAT(taken(), ElementsAre("ready", "1=10"));
+  them_.manager = nullptr;
+  both();
+  EXPECT_TRUE(group->ready());
+  directory_.remove(kTable);
+  both();
+  EXPECT_FALSE(group->ready());
+  EXPECT_THAT(taken(), UnorderedElementsAre("not ready", "1-"));
+  them_.start();
+  them_.writer();
+  both();
+  EXPECT_THAT(taken(), ElementsAre("ready"));
+}
+
+TEST_F(MemtabEntity, group_with_a_mount_that_failed_never_gets_ready) {
+  const auto group = us_.manager->mountGroup();
+  EXPECT_TRUE(group->mountIs(kPath, "Ports", MountDescriptor::writer()));
+  EXPECT_FALSE(group->mountIs("somewhere", "Unheard", MountDescriptor::reader()));
+  group->close();
+  both();
+  EXPECT_FALSE(group->ready());
+  us_.manager = nullptr;
+  EXPECT_FALSE(group->mountIs(kPath, "Ports", MountDescriptor::reader()));
+}
+
+TEST_F(MemtabEntity, mounts_that_cannot_be_are_refused_with_a_report) {
+  EXPECT_FALSE(us_.manager->mount(kPath, "Unheard", MountDescriptor::reader()));
+  ASSERT_TRUE(us_.writer());
+  EXPECT_FALSE(us_.manager->mount(kPath, "Hosts", MountDescriptor::reader()));
+  EXPECT_THAT(us_.reports, ElementsAre("bridging/ports: unknown shared-memory type Unheard",
+                                       "bridging/ports: is a Ports, not a Hosts"));
+  EXPECT_EQ(us_.manager->typeName(kPath), "Ports");
+  EXPECT_THAT(us_.manager->paths(), ElementsAre(kPath));
+  EXPECT_FALSE(them_.writer());  // the live writer is another
+  EXPECT_THAT(them_.reports, ElementsAre(HasSubstr("bridging+ports.port")));
+  EXPECT_FALSE(them_.manager->writable(kPath));
+  EXPECT_TRUE(them_.reader());
+}
+
+TEST_F(MemtabEntity, damaged_table_calls_the_handler_counts_as_absent_and_is_replaced_by_the_next_writer) {
+  std::ofstream(directory_.segmentFile(kTable)) << std::string(8192, 'x');
+  const auto reader = us_.reader();
+  const auto watching = watch(reader);
+  std::vector<std::string> corruptions;
+  reader->corruptionHandlerIs([&](const std::string& message) { corruptions.push_back(message); });
+  EXPECT_FALSE(reader->portEntry(1));
+  EXPECT_EQ(reader->port(1), 0u);
+  EXPECT_THAT(corruptions, ElementsAre(HasSubstr("bridging+ports.port"), HasSubstr("bridging+ports.port")));
+  corruptions.clear();
+  reader->portForEach([](std::uint32_t, std::uint32_t) { FAIL() << "an entry of garbage"; });
+
+  const auto writer = them_.writer();
+  ASSERT_TRUE(writer);
+  ASSERT_EQ(directory_.damaged().size(), 1u);
+  EXPECT_THAT(them_.reports, ElementsAre(HasSubstr("; set aside as " + directory_.damaged()[0])));
+  them_.inTurn([&] { writer->portIs(1, 10); });
+  both();
+  EXPECT_THAT(taken(), ElementsAre("1=10"));
+  EXPECT_EQ(reader->port(1), 10u);
+  EXPECT_THAT(corruptions, IsEmpty());
+}
+
+TEST_F(MemtabEntity, many_changes_are_told_in_slices_and_other_work_goes_on_between) {
+  const auto reader = us_.reader();
+  const auto watching = watch(reader);
+  const auto writer = them_.writer();
+  both();
+  constexpr std::uint32_t kKeys = 1000;
+  us_.root->mustYieldForTestIs([] { return true; });
+  them_.inTurn([&] {
+    for (std::uint32_t key = 0; key < kKeys; ++key) writer->portIs(key, 1);
+  });
+  std::size_t told = 0, turns = 0;
+  while (us_.loop.step()) {
+    const std::size_t now = taken().size();
+    EXPECT_LT(now, kKeys / 4);
+    told += now;
+    ASSERT_LT(++turns, 1000u);
+  }
+  EXPECT_EQ(told, kKeys);
+
+  // A walk in slices of seven, while the table changes.
+  Memtab::Cursor cursor;
+  std::vector<int> met(kKeys);
+  std::uint32_t next = kKeys;
+  while (reader->portVisit(cursor, 7, [&](std::uint32_t key, std::uint32_t) {
+    if (key < kKeys) ++met[key];
+  })) {
+    for (int i = 0; i < 20 && next < 5 * kKeys; ++i) writer->portIs(next++, 1);
+    writer->portDel(next - 5);
+  }
+  EXPECT_THAT(met, ::testing::Each(1));
+}
+
+TEST_F(MemtabEntity, watcher_that_raises_an_error_loses_nothing_but_its_own_key) {
+  const auto ports = us_.reader();
+  auto bad = std::make_unique<Watch>(ports);
+  bad->on(Ports::portChanged, [](std::uint32_t key) {
+    if (key % 50 == 1) throw Mox::RangeError("port " + std::to_string(key));
+  });
+  const auto watching = watch(ports);
+  const auto others = us_.mount(MountDescriptor::reader(), "other/ports");
+  const auto watchingOthers = watch(others);
+  const auto writer = them_.writer();
+  const auto otherWriter = them_.mount(MountDescriptor::writer(), "other/ports");
+  both();
+  them_.inTurn([&] {
+    for (std::uint32_t key = 0; key < 100; ++key) writer->portIs(key, 1);
+    otherWriter->portIs(7777, 7);
+  });
+  us_.settle();
+  EXPECT_THAT(us_.errors, ElementsAre("Memtab: port 1", "Memtab: port 51"));
+  EXPECT_EQ(heard_.size(), 100u - 2 + 1);
+  EXPECT_THAT(heard_, ::testing::Contains("99=1"));
+  EXPECT_THAT(heard_, ::testing::Contains("7777=7"));
+}
+
+TEST_F(MemtabEntity, dump_shows_every_entry) {
+  const auto writer = us_.writer();
+  writer->portIs(5, 50);
+  Orb::DumpContext context(-1);
+  Memtab::dumpTables(*writer, context, 2);
+  EXPECT_EQ(context.text(), "  port #1\n    5 50\n");
+}
+
+}  // namespace
