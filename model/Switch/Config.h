@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "Bridging/VlanId.h"
+#include "Lanix/NamespaceName.h"
+#include "Mox/Attribute.h"
+#include "Vrf/VrfId.h"
+
+// What the operator says about this switch in the configuration file, for the plug-ins that turn a Linux
+// machine into one. The host fills it before it makes the first plug-in, from then on it does not change;
+// nobody can set it at run time.
+
+namespace Switch {
+
+// A VRF and the kernel network namespace that it is.
+class VrfConfig final : public Mox::Entity {
+ public:
+  explicit VrfConfig(Mox::String vrfName) : vrfName_(std::move(vrfName)) {}
+  const Mox::String& vrfName() const { return vrfName_; }
+
+  MOX_ATTRIBUTE(Vrf::VrfIdMap::VrfId, id, 0)
+  MOX_ATTRIBUTE(Lanix::NamespaceName, networkNamespace)
+  MOX_MEMBERS(id, networkNamespace)
+
+ private:
+  Mox::String vrfName_;
+};
+
+// A VLAN and the kernel bridge that it is.
+class VlanConfig final : public Mox::Entity {
+ public:
+  explicit VlanConfig(Bridging::VlanId vlanId) : vlanId_(vlanId) {}
+  Bridging::VlanId vlanId() const { return vlanId_; }
+
+  // The bridge's kernel name.
+  MOX_ATTRIBUTE(Mox::String, bridge)
+  // Kernel names of the bridge's ports that lead to other switches; every other port is an access port.
+  MOX_ATTRIBUTE(std::vector<Mox::String>, tunnelPorts)
+  MOX_MEMBERS(bridge, tunnelPorts)
+
+ private:
+  Bridging::VlanId vlanId_;
+};
+
+// At "switch/config".
+class Config final : public Mox::Entity {
+ public:
+  // By name. "default" is always there, with id 0 and the host's own namespace ("default").
+  MOX_CHILDREN(Mox::String, VrfConfig, vrf)
+  MOX_CHILDREN(Bridging::VlanId, VlanConfig, vlan)
+  MOX_MEMBERS(vrf, vlan)
+};
+
+inline constexpr const char* kConfigPath = "switch/config";
+inline constexpr const char* kConfigType = "Switch::Config";
+
+}  // namespace Switch

@@ -1,0 +1,26 @@
+#include "Vrf/VrfIdMap.h"
+
+namespace Vrf::VrfIdMap {
+
+ReverseMapper::ReverseMapper(Mox::Ptr<const Status> status, Mox::Ptr<NameToIdMap> nameToIdMap)
+    : status_(status), nameToIdMap_(std::move(nameToIdMap)) {
+  if (!status) return;
+  status_.on(Status::vrfIdToNameChanged, [this](VrfId id) { handleVrfId(id); });
+  status->vrfIdToNameForEach([this](VrfId id, const FixedVrfName&) { handleVrfId(id); });
+}
+
+void ReverseMapper::handleVrfId(VrfId id) {
+  const auto entry = status_->vrfIdToNameEntry(id);
+  const Mox::String name = entry ? entry->toStrep() : Mox::String();
+  if (Mox::String* old = known_.find(id)) {
+    const Mox::String oldName = *old;
+    if (oldName == name) return;
+    known_.take(id);
+    if (nameToIdMap_->vrfId(oldName) == id) nameToIdMap_->vrfNameToIdDel(oldName);
+  }
+  if (name.empty()) return;
+  known_.insert(id, name);
+  nameToIdMap_->vrfNameToIdIs(name, id);
+}
+
+}  // namespace Vrf::VrfIdMap
