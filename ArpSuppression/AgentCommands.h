@@ -1,0 +1,21 @@
+#pragma once
+
+#include <vector>
+
+#include "Mox/Ptr.h"
+#include "Orb/AgentBase.h"
+
+namespace ArpSuppression {
+
+class ArpSuppressionRootSm;
+
+// The commands that an operator can give to the agent:
+//
+//   showTechSupport   the state of every object, then the counters, as text
+//   status            what `arpsup status` shows, as a JSON object
+//
+// They hold the root reactor: drop them before it.
+std::vector<Mox::Ptr<Orb::AgentCommandCallback>> makeAgentCommands(
+    const Mox::Ptr<ArpSuppressionRootSm>& rootSm, Orb::EventLoop& loop);
+
+}  // namespace ArpSuppression

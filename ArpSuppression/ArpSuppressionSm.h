@@ -1,0 +1,128 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "ArpSuppression/ArpInputConfigTrigger.h"
+#include "ArpSuppression/ArpStatusHelper.h"
+#include "ArpSuppression/ArpSuppression.h"
+#include "ArpSuppression/LocalRequestRecord.h"
+#include "Bridging/Config.h"
+#include "Bridging/Status.h"
+#include "Evpn/Status.h"
+#include "Lanix/RawTxPam.h"
+#include "Mox/Notifiee.h"
+#include "Routing/Status.h"
+#include "Suppression/Counter.h"
+#include "Suppression/RemoteBindingConfig.h"
+#include "Vrf/VrfIdMap.h"
+
+namespace ArpSuppression {
+
+// Answers trapped requests. For each it gathers what is known of the address asked for, decides, and does
+// exactly one of: reply on behalf of the owner, ask for a kernel neighbour (when the switch itself asked),
+// flood to the remote endpoints through the reinject queue, or leave the request alone. Gathering and
+// deciding change nothing, so that others can ask what would happen.
+class ArpSuppressionSm final : public Mox::Entity {
+ public:
+  // How the owner's MAC is attached.
+  enum class MacConnectionType : std::uint8_t {
+    unknown,               // not in the MAC table
+    remote,                // behind a remote endpoint
+    localSinglehomed,      // on a port that is in no Ethernet segment
+    localMultihomedDf,     // on a segment of which no remote endpoint is the VLAN's designated forwarder
+    localMultihomedNonDf,  // on a segment whose designated forwarder for the VLAN is a remote endpoint
+  };
+
+  // A request, without the frame it came in.
+  struct Request {
+    Bridging::VlanId vlanId;
+    Lanix::IpGenAddr senderIpAddress;
+    Lanix::EthAddr senderMacAddress;
+    Lanix::IpGenAddr targetIpAddress;
+  };
+
+  // Everything that the decision rests on.
+  struct Facts {
+    RemoteBinding remoteBinding;
+    Lanix::EthAddr localBindingMac;  // of the kernel's neighbour; zero: none
+    bool localArpReq = false;        // the switch itself asks
+    Lanix::EthAddr bindingMac;       // the local one if there is one, else the remote one
+    Bridging::Fid fid = 0;
+    Memtab::Bridging::MemtabFdbStatus fdbEntry;  // of the binding MAC
+    MacConnectionType connectionType = MacConnectionType::unknown;
+    bool targetIsMine = false;
+    bool probe = false;
+    bool announcement = false;
+  };
+
+  enum class Action : std::uint8_t { leave, flood, reply };
+  struct Decision {
+    Action action;
+    ArpSuppressionCounterId counter;  // not with flood, which counts by itself
+    Lanix::EthAddr macAddress;        // with reply: the answer
+  };
+
+  ArpSuppressionSm(Ptr<MessageTrap> receivedRequestTrap, Ptr<MessageQueue> reinjectMessageQueue,
+                   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus,
+                   Ptr<LocalRequestRecord> localRequestRecord,
+                   Ptr<const RemoteBindingConfig> remoteBindingConfig, Ptr<VlanL3InfoStatus> vlanL3InfoStatus,
+                   Ptr<const Arp::Table::Status> arpStatus, Ptr<const Bridging::Config> bridgingConfig,
+                   Ptr<const Memtab::Bridging::Status> bridgingStatus, Ptr<const Evpn::EvpnStatus> evpnStatus,
+                   Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
+                   Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameToIdMap,
+                   Ptr<ArpInputConfigTrigger> arpInputConfigTrigger);
+  ~ArpSuppressionSm() override;
+
+  Facts gather(const Request& request) const;
+  static Decision decide(const Facts& facts);
+
+  Mox::String toStrep() const { return "<ArpSuppressionSm>"; }
+  void dumpState(Orb::DumpContext& context, int indent) const;
+
+ private:
+  void handleInitialized();
+  void handleTrappedRequest();
+  void handleInBatch();
+  void lookAhead(int round, Bridging::VlanId vlanId, const Lanix::IpGenAddr& targetIpAddress) const;
+
+  bool localArpRequest(const Lanix::EthAddr& senderMacAddress) const;
+  Lanix::EthAddr lookupLocalDynamicBinding(const Ptr<const VlanL3Info>& vlanL3Info, Bridging::VlanId vlanId,
+                                           const Lanix::IpGenAddr& ipAddress) const;
+  MacConnectionType getMacConnectionType(Bridging::VlanId vlanId, const Lanix::EthAddr& mac,
+                                         const Memtab::Bridging::MemtabFdbStatus& entry) const;
+  void issueReply(const TrappedMessage& request, const Lanix::EthAddr& mac, const Facts& facts);
+  // Sender and target are those of the reply: the owner answers the requester.
+  void sendArpReply(Bridging::VlanId vlanId, const Lanix::IpGenAddr& senderIpAddress,
+                    const Lanix::EthAddr& senderMacAddress, const Lanix::IpGenAddr& targetIpAddress,
+                    const Lanix::EthAddr& targetMacAddress);
+  void sendReplies();
+  Bridging::Fid fidOf(Bridging::VlanId vlanId) const;
+  void sendToRemoteTeps(const Ptr<const TrappedMessage>& request);
+  void maybeCreateStaticBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
+                                const Lanix::EthAddr& macAddress, bool onlyUpdate);
+  void count(ArpSuppressionCounterId id) { arpSuppressionCounterStatus_->increment(id); }
+
+  Mox::Notifiee<MessageTrap> receivedRequestTrap_;
+  Ptr<MessageQueue> reinjectMessageQueue_;
+  Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;
+  Ptr<LocalRequestRecord> localRequestRecord_;
+  Ptr<const RemoteBindingConfig> remoteBindingConfig_;
+  Ptr<VlanL3InfoStatus> vlanL3InfoStatus_;
+  ArpStatusHelper arpStatus_;
+  Ptr<const Bridging::Config> bridgingConfig_;
+  Ptr<const Memtab::Bridging::Status> bridgingStatus_;
+  Ptr<const Evpn::EvpnStatus> evpnStatus_;
+  Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus_;
+  Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameToIdMap_;
+  Ptr<ArpInputConfigTrigger> arpInputConfigTrigger_;
+  Ptr<Lanix::RawTxPam> rawTxPam_;
+  Ptr<VrfInterfaceWatch> fabricInterfaceWatch_;
+  std::vector<Lanix::RawTxPam::Frame> replies_;  // of a batch that is being handled
+};
+
+constexpr std::array<const char*, 5> moxEnumNames(ArpSuppressionSm::MacConnectionType) {
+  return {"unknown", "remote", "localSinglehomed", "localMultihomedDf", "localMultihomedNonDf"};
+}
+
+}  // namespace ArpSuppression

@@ -1,0 +1,77 @@
+#include "ArpSuppression/LocalBinding.h"
+
+#include "ArpSuppression/Trace.h"
+#include "Mox/Assert.h"
+
+namespace ArpSuppression {
+
+namespace {
+constexpr char kSource[] = "ArpSuppression/LocalBinding";
+}
+
+Mox::String LocalBinding::toStrep() const {
+  return "<" + vrfIpAddress_.toStrep() + ";" + vlanIdMacAddress_.toStrep() +
+         ";dynSt=" + (arpStatusHasDynamicEntry() ? "yes" : "no") + " >";
+}
+
+void LocalBinding::dumpState(Orb::DumpContext& context, int indent) const {
+  context.line(indent, "LocalBinding " + toStrep());
+}
+
+Mox::String LocalMacToIp::toStrep() const {
+  Mox::String text = "<" + vlanIdMacAddress_.toStrep() + " binding=[";
+  for (const auto& [key, binding] : bindingCollection()) text += " " + key.toStrep();
+  return text + " ]>";
+}
+
+void LocalMacToIp::dumpState(Orb::DumpContext& context, int indent) const {
+  context.line(indent, "LocalMacToIp " + toStrep());
+}
+
+// The VRF counts are left alone: the status that they belong to goes at the same time.
+LocalBindingRecord::~LocalBindingRecord() {
+  bindingDelAll();
+  macToIpDelAll();
+}
+
+Ptr<LocalBinding> LocalBindingRecord::createLocalBinding(const VrfIpAddress& vrfIpAddress,
+                                                         const VlanIdMacAddress& vlanIdMacAddress) {
+  // Counted before anything is removed: replacing the only binding of a VRF must not let the VRF go.
+  referenceVrf(vrfIpAddress.vrfInfo);
+  const Ptr<LocalBinding> existing = binding(vrfIpAddress);
+  TRACE8("vrfIpAddress=" << vrfIpAddress << " vlanIdMacAddress=" << vlanIdMacAddress
+                         << " existingBinding=" << existing);
+  if (existing) deleteLocalBinding(existing);
+  const Ptr<LocalBinding> created = bindingIs(vrfIpAddress, vlanIdMacAddress);
+  macToIpIs(vlanIdMacAddress)->bindingIs(created);
+  return created;
+}
+
+void LocalBindingRecord::deleteLocalBinding(const Ptr<LocalBinding>& given) {
+  const Ptr<LocalBinding> doomed = given;  // what was given may be a member that goes below
+  TRACE8("binding=" << doomed);
+  const VrfIpAddress vrfIpAddress = doomed->vrfIpAddress();
+  const VlanIdMacAddress vlanIdMacAddress = doomed->vlanIdMacAddress();
+  Ptr<LocalBinding> deleted = bindingDel(vrfIpAddress);
+  MOX_ASSERT(kSource, "deletedBinding == _binding", deleted == doomed);
+  const Ptr<LocalMacToIp> ofMac = macToIp(vlanIdMacAddress);
+  MOX_ASSERT(kSource, "nullptr != _macToIp", ofMac != nullptr);
+  deleted = ofMac->binding(vrfIpAddress);
+  ofMac->bindingDel(vrfIpAddress);
+  MOX_ASSERT(kSource, "deletedBinding == _binding", deleted == doomed);
+  if (ofMac->bindings() == 0) macToIpDel(vlanIdMacAddress);
+  releaseVrf(vrfIpAddress.vrfInfo);
+}
+
+void LocalBindingRecord::dumpState(Orb::DumpContext& context, int indent) const {
+  context.line(indent, "LocalBindingRecord");
+  context.line(indent, "binding #" + std::to_string(bindings()));
+  for (const Ptr<LocalBinding>& member : bindingCollection())
+    context.child(indent + 2, member, "LocalBinding");
+  context.line(indent, "macToIp #" + std::to_string(macToIps()));
+  for (const Ptr<LocalMacToIp>& member : macToIpCollection())
+    context.child(indent + 2, member, "LocalMacToIp");
+  dumpVrfReferences(context, indent);
+}
+
+}  // namespace ArpSuppression

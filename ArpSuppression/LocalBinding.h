@@ -1,0 +1,72 @@
+#pragma once
+
+#include "ArpSuppression/BindingKeys.h"
+#include "ArpSuppression/VrfUseTracker.h"
+
+namespace ArpSuppression {
+
+// One address of a host that is attached to this switch. Made by the record only.
+class LocalBinding final : public Mox::Entity {
+ public:
+  LocalBinding(VrfIpAddress vrfIpAddress, VlanIdMacAddress vlanIdMacAddress)
+      : vrfIpAddress_(std::move(vrfIpAddress)), vlanIdMacAddress_(vlanIdMacAddress) {}
+  const VrfIpAddress& vrfIpAddress() const { return vrfIpAddress_; }
+  const VlanIdMacAddress& vlanIdMacAddress() const { return vlanIdMacAddress_; }
+
+  // The kernel has a dynamic neighbour for the address as well.
+  MOX_ATTRIBUTE(bool, arpStatusHasDynamicEntry, false)
+
+  // "<...;...;dynSt=no >"
+  Mox::String toStrep() const;
+  void dumpState(Orb::DumpContext& context, int indent) const;
+
+ private:
+  VrfIpAddress vrfIpAddress_;
+  VlanIdMacAddress vlanIdMacAddress_;
+};
+
+// The addresses of one local station; there is at least one.
+class LocalMacToIp final : public Mox::Entity {
+ public:
+  explicit LocalMacToIp(VlanIdMacAddress vlanIdMacAddress) : vlanIdMacAddress_(vlanIdMacAddress) {}
+  const VlanIdMacAddress& vlanIdMacAddress() const { return vlanIdMacAddress_; }
+
+  MOX_MAP(VrfIpAddress, Ptr<LocalBinding>, binding)
+  // Under the binding's own key.
+  void bindingIs(const Ptr<LocalBinding>& binding) { bindingIs(binding->vrfIpAddress(), binding); }
+
+  Mox::String toStrep() const;
+  void dumpState(Orb::DumpContext& context, int indent) const;
+
+ private:
+  VlanIdMacAddress vlanIdMacAddress_;
+};
+
+// The bindings of hosts on this switch, by address and by station. Each address has one binding; a station
+// may have many. Bindings come and go through createLocalBinding and deleteLocalBinding only, which keep both
+// indexes and the VRF counts together. Nothing ages here. Watchers hear of a binding when it is in `binding`,
+// before it is in `macToIp`; they must not create or delete the very binding that they are told of.
+class LocalBindingRecord final : public VrfUseTracker {
+ public:
+  explicit LocalBindingRecord(Ptr<VlanL3InfoStatus> vlanL3InfoStatus)
+      : VrfUseTracker(std::move(vlanL3InfoStatus)) {}
+  ~LocalBindingRecord() override;
+
+  MOX_HASH_CHILDREN(VrfIpAddress, LocalBinding, vrfIpAddress, binding)
+  MOX_HASH_CHILDREN(VlanIdMacAddress, LocalMacToIp, vlanIdMacAddress, macToIp)
+
+  // Replaces a binding of the same address, one to the same station too: watchers see it go and come.
+  Ptr<LocalBinding> createLocalBinding(const VrfIpAddress& vrfIpAddress,
+                                       const VlanIdMacAddress& vlanIdMacAddress);
+  // The binding must be the record's.
+  void deleteLocalBinding(const Ptr<LocalBinding>& binding);
+
+  Mox::String toStrep() const { return "<LocalBindingRecord>"; }
+  void dumpState(Orb::DumpContext& context, int indent) const;
+};
+
+inline Ptr<LocalBindingRecord> localBindingRecordFactory(const Ptr<VlanL3InfoStatus>& vlanL3InfoStatus) {
+  return Mox::make<LocalBindingRecord>(vlanL3InfoStatus);
+}
+
+}  // namespace ArpSuppression

@@ -1,0 +1,132 @@
+#include "ArpSuppression/MessageTapSocketSm.h"
+
+#include <linux/if_ether.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <utility>
+
+#include "ArpSuppression/Trace.h"
+#include "L3/VrfName.h"
+#include "Lanix/PacketSockets.h"
+#include "Mox/Assert.h"
+#include "Mox/Error.h"
+
+namespace ArpSuppression {
+
+namespace {
+
+constexpr char kSource[] = "ArpSuppression/MessageTapSocketSm";
+
+// In host byte order; 0 for the invalid one.
+constexpr std::array<std::uint16_t, 3> kSocketProtocol{0, MessageTapSocketSm::kEtherTypeArpSnoop, ETH_P_ALL};
+
+// Between its creation and its binding a socket hears every device. What came in by then is a bounded lot:
+// the receive buffer's worth.
+void discardReceived(int sock) {
+  std::array<std::byte, 1> cut;
+  while (Lanix::PacketSockets::current().read(sock, cut) >= 0) {
+  }
+}
+
+}  // namespace
+
+MessageTapSocketSm::MessageTapSocketSm(Ptr<Orb::TaskScheduler> scheduler, Mox::String taskName,
+                                       unsigned level, Mox::String interfaceName, Protocol protocol,
+                                       NotifyMode notifyMode, Ptr<VlanL3InfoStatus> vlanL3InfoStatus)
+    : WalkSmBase(std::move(scheduler), std::move(taskName), level),
+      interfaceName_(std::move(interfaceName)),
+      protocol_(protocol),
+      notifyMode_(notifyMode),
+      vlanL3InfoStatus_(std::move(vlanL3InfoStatus)) {
+  interfaceWatch_.on(VrfInterfaceWatch::kniIntfIfIndexChanged, [this] { handleKniIntfIfIndex(); });
+  fileDescriptor_.on(Orb::FileDescriptor::readableCountChanged, [this] { handleFileDescriptor(); })
+      .on(Orb::FileDescriptor::writableCountChanged, [this] { handleFileDescriptor(); });
+  handleMessageTapSocketSmInitialized();
+}
+
+MessageTapSocketSm::~MessageTapSocketSm() { handleMessageTapSocketSmDestroy(); }
+
+void MessageTapSocketSm::handleMessageTapSocketSmInitialized() {
+  interfaceWatch_.notifierIs(
+      vlanL3InfoStatus_->findOrCreateVrfInterfaceWatch(L3::VrfName::kDefault, interfaceName_));
+  // The watch is shared: its index may be there already, and not change any more.
+  if (interfaceWatch_->usable()) openSocket();
+}
+
+void MessageTapSocketSm::handleMessageTapSocketSmDestroy() { closeSocket(); }
+
+void MessageTapSocketSm::handleKniIntfIfIndex() {
+  TRACE8("interfaceWatch=" << interfaceWatch_.notifier());
+  closeSocket();
+  if (!interfaceWatch_->usable()) return;
+  MOX_ASSERT(kSource, "0 != interfaceWatch()->kniIntfIfIndex()", interfaceWatch_->kniIntfIfIndex() != 0);
+  openSocket();
+}
+
+void MessageTapSocketSm::openSocket() {
+  const std::uint16_t proto = kSocketProtocol[static_cast<std::size_t>(protocol_)];
+  MOX_ASSERT(kSource, "0 != proto", proto != 0);
+  Lanix::PacketSockets& sockets = Lanix::PacketSockets::current();
+  const int sock = sockets.open(SOCK_RAW, proto);
+  if (sock < 0) {
+    TRACE8("socket creation failed errno=" << std::strerror(errno));
+    return;
+  }
+  if (sockets.bind(sock, interfaceWatch_->kniIntfIfIndex(), proto) < 0) {
+    const int error = errno;
+    sockets.close(sock);
+    TRACE8("bind failed intfId=" << interfaceName_ << " errno=" << std::strerror(error));
+    return;
+  }
+  TRACE8("bound socket=" << sock);
+  auto descriptor = Mox::make<Orb::FileDescriptor>(scheduler()->loop(), "ArpTrap");
+  try {
+    descriptor->descriptorIs(sock);
+    descriptor->nonBlockingIs(true);
+    discardReceived(sock);
+    if (notifyMode_ == NotifyMode::writable) {
+      if (sockets.receiveBufferIs(sock, 0) < 0) {
+        TRACE8("setsockopt SO_RCVBUF failed intfId=" << interfaceName_ << " errno=" << std::strerror(errno));
+      }
+    }
+    fileDescriptor_.notifierIs(descriptor);
+    descriptor->notifyOnReadableIs(notifyMode_ == NotifyMode::readable);
+    descriptor->notifyOnWritableIs(notifyMode_ == NotifyMode::writable);
+  } catch (const Mox::Error& error) {
+    TRACE8("event loop refused socket=" << sock << " what=" << error.what());
+    fileDescriptor_.notifierIs(nullptr);
+    descriptor->descriptorIs(-1);
+    sockets.close(sock);
+  }
+}
+
+void MessageTapSocketSm::closeSocket() {
+  if (!fileDescriptor_) return;
+  const Ptr<Orb::FileDescriptor> descriptor = fileDescriptor_.notifier();
+  const int sock = descriptor->descriptor();
+  MOX_ASSERT(kSource, "sock >= 0", sock >= 0);
+  TRACE8("closing socket=" << sock);
+  descriptor->descriptorIs(-1);
+  fileDescriptor_.notifierIs(nullptr);
+  Lanix::PacketSockets::current().close(sock);
+}
+
+void MessageTapSocketSm::handleFileDescriptor() {
+  TRACE8("scheduled=" << walkScheduled() << " readableCount=" << fileDescriptor_->readableCount()
+                      << " writableCount=" << fileDescriptor_->writableCount());
+  scheduleWalk();
+}
+
+int MessageTapSocketSm::socket() const { return fileDescriptor_ ? fileDescriptor_->descriptor() : -1; }
+
+void MessageTapSocketSm::dumpSocket(Orb::DumpContext& context, int indent) const {
+  context.attribute(indent, "interfaceName", interfaceName_);
+  context.attribute(indent, "interfaceWatch", interfaceWatch_->toStrep());
+  context.attribute(indent, "socket", fileDescriptor_ ? "open" : "closed");
+}
+
+}  // namespace ArpSuppression

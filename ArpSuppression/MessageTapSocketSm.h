@@ -1,0 +1,60 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "ArpSuppression/ArpSuppression.h"
+#include "Mox/Notifiee.h"
+#include "Orb/FileDescriptor.h"
+#include "Orb/WalkSm.h"
+
+namespace ArpSuppression {
+
+// Owns one raw packet socket on a named kernel device of the default VRF: open while the device is usable,
+// opened again whenever its kernel index changes. Each time it becomes ready the walk of the derived class is
+// scheduled; that walk reads or writes until the socket would block, or comes back by itself.
+class MessageTapSocketSm : public Orb::WalkSmBase {
+ public:
+  // Which frames the socket receives.
+  enum class Protocol : std::uint8_t {
+    invalid,
+    tervakArpSnoop,  // the trap Ethernet type, 0x8135
+    allProtocols,    // ETH_P_ALL
+  };
+  // Which readiness schedules the walk. A writable socket is for sending only: its receive buffer is set to
+  // 0.
+  enum class NotifyMode : std::uint8_t { readable, writable };
+
+  static constexpr std::uint16_t kEtherTypeArpSnoop = 0x8135;
+
+  const Mox::String& interfaceName() const { return interfaceName_; }
+  Mox::String toStrep() const { return "<" + walkName() + " " + interfaceName_ + ">"; }
+  bool socketOpen() const { return fileDescriptor_.get() != nullptr; }
+
+ protected:
+  MessageTapSocketSm(Ptr<Orb::TaskScheduler> scheduler, Mox::String taskName, unsigned level,
+                     Mox::String interfaceName, Protocol protocol, NotifyMode notifyMode,
+                     Ptr<VlanL3InfoStatus> vlanL3InfoStatus);
+  ~MessageTapSocketSm() override;
+
+  // The open socket, or -1.
+  int socket() const;
+  void dumpSocket(Orb::DumpContext& context, int indent) const;
+
+ private:
+  void handleMessageTapSocketSmInitialized();
+  void handleMessageTapSocketSmDestroy();
+  void handleKniIntfIfIndex();
+  void handleFileDescriptor();
+  void openSocket();
+  void closeSocket();
+
+  Mox::String interfaceName_;
+  Protocol protocol_;
+  NotifyMode notifyMode_;
+  Ptr<VlanL3InfoStatus> vlanL3InfoStatus_;
+  Mox::Notifiee<VrfInterfaceWatch> interfaceWatch_;
+  Mox::Notifiee<Orb::FileDescriptor> fileDescriptor_;
+};
+
+}  // namespace ArpSuppression

@@ -1,0 +1,318 @@
+#include "ArpSuppression/RemoteBindingStatusSm.h"
+
+#include <utility>
+#include <vector>
+
+#include "ArpSuppression/Trace.h"
+#include "Mox/Assert.h"
+#include "Mox/Error.h"
+
+namespace ArpSuppression {
+
+namespace {
+
+constexpr char kSource[] = "ArpSuppression/RemoteBindingStatusSm";
+
+// The input is read this many entries at a time; the time slice is looked at in between.
+constexpr std::size_t kEntriesPerVisit = 16;
+
+const char* yesNo(bool value) { return value ? "yes" : "no"; }
+
+// "<10;02:00:00:00:00:01>"
+Mox::String shortForm(const VlanIdMacAddress& key) {
+  return "<" + key.vlanId.toStrep() + ";" + key.macAddress.toStrep() + ">";
+}
+
+}  // namespace
+
+RemoteBindingStatusSm::RemoteBindingStatusSm(
+    Ptr<Orb::TaskScheduler> scheduler, Ptr<const RemoteBindingConfig> remoteBindingConfig,
+    Ptr<const MoxSharedMem::MountGroup> remoteBindingConfigMountGroup, Ptr<VlanL3InfoStatus> vlanL3InfoStatus,
+    Ptr<RemoteBindingStatus> remoteBindingStatus)
+    : WalkSmBase(std::move(scheduler), "RemoteBindingStatusSm"),
+      remoteBindingConfig_(std::move(remoteBindingConfig)),
+      remoteBindingConfigMountGroup_(std::move(remoteBindingConfigMountGroup)),
+      vlanL3InfoStatus_(std::move(vlanL3InfoStatus)),
+      remoteBindingStatus_(std::move(remoteBindingStatus)) {
+  remoteBindingConfig_.on(RemoteBindingConfig::remoteBindingChanged,
+                          [this](const RemoteBindingKey& key) { handleRemoteBinding(key); });
+  remoteBindingConfigMountGroup_.on(MoxSharedMem::MountGroup::readyChanged,
+                                    [this] { handleRemoteBindingReady(); });
+  vlanL3InfoStatus_.on(VlanL3InfoStatus::vlanL3InfoChanged,
+                       [this](Bridging::VlanId vlanId) { handleVlanL3Info(vlanId); });
+  handleInitialized();
+}
+
+void RemoteBindingStatusSm::handleInitialized() {
+  TRACE8("");
+  handleRemoteBindingReady();
+}
+
+void RemoteBindingStatusSm::handleRemoteBindingReady() {
+  MOX_ASSERT(kSource, "remoteBindingConfigMountGroup()", static_cast<bool>(remoteBindingConfigMountGroup_));
+  TRACELET_RECORD("configReady: {} mountReady: {}", remoteBindingConfigReady_,
+                  remoteBindingConfigMountGroup_->ready());
+  if (remoteBindingConfigReady_ || !remoteBindingConfigMountGroup_->ready()) return;
+  remoteBindingConfigReady_ = true;
+  scheduleWalk();
+}
+
+void RemoteBindingStatusSm::handleVlanL3Info(Bridging::VlanId vlanId) {
+  const std::int32_t count = vlanBindingCount(vlanId);
+  TRACE8("vlanId=" << vlanId << " count=" << count << " initialPopulationComplete="
+                   << yesNo(remoteBindingStatus_->initialPopulationComplete()));
+  // Bindings that arrive before the table is attached as a whole must not pass for its population.
+  if (count != 0 && remoteBindingConfigReady_) scheduleWalk();
+}
+
+VrfIpAddress RemoteBindingStatusSm::vrfIpAddressOf(const RemoteBindingKey& key) const {
+  const Ptr<VlanL3Info> info = vlanL3InfoStatus_->vlanL3Info(key.vlanId);
+  return info ? VrfIpAddress::fromVlanL3Info(*info, key.ipAddress) : VrfIpAddress();
+}
+
+void RemoteBindingStatusSm::handleRemoteBinding(const RemoteBindingKey& key) {
+  // Whoever writes the table may write anything; a key with padding would be another one of the same address.
+  if (!key.vlanId.sound() || !key.ipAddress || !key.ipAddress.sound() || key.padding != 0) {
+    TRACE8("not a binding remoteBindingKey=" << key);
+    return;
+  }
+  const RemoteBinding now = remoteBindingConfig_->remoteBinding(key);
+  const RemoteBinding old = knownBinding(key);
+  const bool macChanged = now.macAddress != old.macAddress;
+  const std::int32_t count = vlanBindingCount(key.vlanId);
+  TRACE8("remoteBindingKey=" << key << " newMac=" << now.macAddress << " oldMac=" << old.macAddress
+                             << " count=" << count);
+  if (now) addMac(key, now, macChanged, !old);
+  if (macChanged && old) deleteMac(key, old.macAddress, !now, count);
+}
+
+void RemoteBindingStatusSm::addMac(const RemoteBindingKey& key, const RemoteBinding& now, bool macChanged,
+                                   bool newKey) {
+  const VlanIdMacAddress mac{key.vlanId, now.macAddress};
+  knownBindingIs(key, now);
+  if (macChanged) {
+    const Ptr<RemoteMacToIp> macToIp = remoteBindingStatus_->macToIpIs(mac);
+    TRACE8("add macToIp newVlanIdMacAddress=" << shortForm(mac) << " ipAddress=" << key.ipAddress);
+    TRACELET_RECORD("add macToIp newVlanIdMacAddress=<{};{}> ipAddress={}", key.vlanId.value(),
+                    now.macAddress, key.ipAddress);
+    MOX_ASSERT(kSource, "!macToIp->ipAddressHas( ipAddress )", !macToIp->ipAddressHas(key.ipAddress));
+    macToIp->ipAddressIs(key.ipAddress);
+  }
+  if (const VrfIpAddress vrfIpAddress = vrfIpAddressOf(key)) {
+    const Ptr<RemoteIpToMac> ipToMac = remoteBindingStatus_->ipToMac(vrfIpAddress);
+    const bool create = !ipToMac || !ipToMac->vlanIdMacAddressHas(mac);
+    const bool activeLocalChanged = !create && ipToMac->vlanIdMacAddress(mac) != now.localMultihomed;
+    if (create || activeLocalChanged) {
+      TRACE8("add ipToMac vrfIpAddress=" << vrfIpAddress << " > newVlanIdMacAddress=" << mac
+                                         << "> create=" << yesNo(create)
+                                         << " activeLocalChanged=" << yesNo(activeLocalChanged));
+      TRACELET_RECORD(
+          "add ipToMac ipAddress={} > newVlanIdMacAddress=<{};{}> create={} activeLocalChanged={}",
+          key.ipAddress, key.vlanId.value(), now.macAddress, create, activeLocalChanged);
+      fileMac(vrfIpAddress, mac, now.localMultihomed);
+    }
+  }
+  if (newKey && vlanBindingCountInc(key.vlanId, 1) == 1) {
+    TRACE8("add vlanId=" << key.vlanId);
+    TRACELET_RECORD("add vlanId={}", key.vlanId.value());
+    remoteBindingStatus_->vlanIdIs(key.vlanId);
+  }
+}
+
+void RemoteBindingStatusSm::deleteMac(const RemoteBindingKey& key, const Lanix::EthAddr& oldMac,
+                                      bool withdrawn, std::int32_t count) {
+  const VlanIdMacAddress mac{key.vlanId, oldMac};
+  const Ptr<RemoteMacToIp> macToIp = remoteBindingStatus_->macToIp(mac);
+  MOX_ASSERT(kSource, "nullptr != macToIp", macToIp != nullptr);
+  MOX_ASSERT(kSource, "macToIp->ipAddressHas( ipAddress )", macToIp->ipAddressHas(key.ipAddress));
+  TRACE8("delete macToIp=" << shortForm(mac) << " ipAddress=" << key.ipAddress);
+  TRACELET_RECORD("delete macToIp=<{};{}> ipAddress={}", key.vlanId.value(), oldMac, key.ipAddress);
+  macToIp->ipAddressDel(key.ipAddress);
+  if (macToIp->ipAddresss() == 0) remoteBindingStatus_->macToIpDel(mac);
+
+  // An entry under a VRF that the VLAN has left is not found here; the pass over the status removes it.
+  if (const VrfIpAddress vrfIpAddress = vrfIpAddressOf(key)) {
+    if (const Ptr<RemoteIpToMac> ipToMac = remoteBindingStatus_->ipToMac(vrfIpAddress)) {
+      TRACE8("delete ipToMac=" << ipToMac << " oldVlanIdMacAddress=" << shortForm(mac));
+      TRACELET_RECORD("delete ipToMac={} oldVlanIdMacAddress=<{};{}>", key.ipAddress, key.vlanId.value(),
+                      oldMac);
+      unfileMac(ipToMac, mac);
+    }
+  }
+  if (!withdrawn) return;
+  knownBindingDel(key);
+  if (count != 1) {
+    vlanBindingCountDec(key.vlanId, 1);
+    return;
+  }
+  TRACE8("del vlanId=" << key.vlanId);
+  TRACELET_RECORD("del vlanId={}", key.vlanId.value());
+  vlanBindingCountDel(key.vlanId);
+  remoteBindingStatus_->vlanIdDel(key.vlanId);
+}
+
+void RemoteBindingStatusSm::fileMac(const VrfIpAddress& vrfIpAddress, const VlanIdMacAddress& mac,
+                                    bool localMultihomed) {
+  Ptr<RemoteIpToMac> ipToMac = remoteBindingStatus_->ipToMac(vrfIpAddress);
+  if (!ipToMac) {
+    ipToMac = remoteBindingStatus_->ipToMacIs(vrfIpAddress);
+    remoteBindingStatus_->referenceVrf(vrfIpAddress.vrfInfo);
+  }
+  ipToMac->vlanIdMacAddressIs(mac, localMultihomed);
+  notifyVrfIpAddressChange(vrfIpAddress);
+}
+
+void RemoteBindingStatusSm::unfileMac(const Ptr<RemoteIpToMac>& ipToMac, const VlanIdMacAddress& mac) {
+  const VrfIpAddress vrfIpAddress = ipToMac->vrfIpAddress();
+  ipToMac->vlanIdMacAddressDel(mac);
+  if (ipToMac->vlanIdMacAddresss() == 0) {
+    remoteBindingStatus_->ipToMacDel(vrfIpAddress);
+    remoteBindingStatus_->releaseVrf(vrfIpAddress.vrfInfo);
+  }
+  notifyVrfIpAddressChange(vrfIpAddress);
+}
+
+// The same address may change twice in a row, and each time must be told.
+void RemoteBindingStatusSm::notifyVrfIpAddressChange(const VrfIpAddress& vrfIpAddress) {
+  if (remoteBindingStatus_->lastVrfIpAddressChange() == vrfIpAddress)
+    remoteBindingStatus_->lastVrfIpAddressChangeIs({});
+  remoteBindingStatus_->lastVrfIpAddressChangeIs(vrfIpAddress);
+}
+
+void RemoteBindingStatusSm::vlanBindingCountCheckRange(std::int64_t count) const {
+  if (count < 0 || count >= 0x7FFFFFFF) {
+    throw Mox::RangeError("ArpSuppressionStatusSm::vlanBindingCount < 0 or >= 0x7FFFFFFF not allowed");
+  }
+}
+
+void RemoteBindingStatusSm::setVlanBindingCount(Bridging::VlanId vlanId, std::int64_t count) {
+  vlanBindingCountIs(vlanId, static_cast<std::int32_t>(count));
+  vlanBindingCountCheckRange(count);
+}
+
+std::int32_t RemoteBindingStatusSm::vlanBindingCountInc(Bridging::VlanId vlanId, std::int32_t n) {
+  setVlanBindingCount(vlanId, std::int64_t{vlanBindingCount(vlanId)} + n);
+  return vlanBindingCount(vlanId);
+}
+
+std::int32_t RemoteBindingStatusSm::vlanBindingCountDec(Bridging::VlanId vlanId, std::int32_t n) {
+  setVlanBindingCount(vlanId, std::int64_t{vlanBindingCount(vlanId)} - n);
+  return vlanBindingCount(vlanId);
+}
+
+// --- The walk --------------------------------------------------------------------------------------------
+
+void RemoteBindingStatusSm::traceEvent(const char* event) { TRACE8("walk " << event); }
+
+bool RemoteBindingStatusSm::walkStartedNotification() {
+  TRACE8("");
+  walkStage_ = WalkStage::walkRemoteBindingConfig;
+  remoteBindingConfigBookmark_ = {};
+  remoteBindingStatusBookmark_ = {};
+  return true;
+}
+
+Orb::WalkRet RemoteBindingStatusSm::walk() {
+  TRACE8("walkStage=" << walkStage_);
+  switch (walkStage_) {
+    case WalkStage::walkRemoteBindingConfig:
+      return remoteBindingConfigWalk();
+    case WalkStage::walkRemoteBindingStatus:
+      return remoteBindingStatusWalk();
+    case WalkStage::complete:
+      break;
+  }
+  MOX_ASSERT(kSource, "false", false);
+  return {};
+}
+
+Orb::WalkRet RemoteBindingStatusSm::remoteBindingConfigWalk() {
+  Orb::WalkRet ret{0, true};
+  bool more = true;
+  do {
+    more = remoteBindingConfig_->remoteBindingVisit(remoteBindingConfigBookmark_, kEntriesPerVisit,
+                                                    [&](const RemoteBindingKey& key, const RemoteBinding&) {
+                                                      ++ret.processed;
+                                                      handleRemoteBinding(key);
+                                                    });
+  } while (more && !mustYield());
+  TRACE8("finished processed=" << ret.processed << " done=" << !more);
+  if (!more) {
+    remoteBindingStatus_->initialPopulationCompleteIs(true);
+    walkStage_ = WalkStage::walkRemoteBindingStatus;
+  }
+  return ret;
+}
+
+Orb::WalkRet RemoteBindingStatusSm::remoteBindingStatusWalk() {
+  Orb::WalkRet ret;
+  const auto& entries = remoteBindingStatus_->ipToMacCollection();
+  auto next =
+      remoteBindingStatusBookmark_ ? entries.lowerBound(remoteBindingStatusBookmark_) : entries.begin();
+  remoteBindingStatusBookmark_ = {};
+  while (next != entries.end()) {
+    const Ptr<RemoteIpToMac> ipToMac = *next;
+    if (ret.processed != 0 && mustYield()) {
+      remoteBindingStatusBookmark_ = ipToMac->vrfIpAddress();
+      ret.moreWork = true;
+      break;
+    }
+    updateIpToMac(ipToMac);
+    ++ret.processed;
+    // The entry itself may have gone, and others come.
+    next = entries.lowerBound(ipToMac->vrfIpAddress());
+    if (next != entries.end() && *next == ipToMac) ++next;
+  }
+  TRACE8("finished processed=" << ret.processed << " done=" << !ret.moreWork);
+  if (!ret.moreWork) walkStage_ = WalkStage::complete;
+  return ret;
+}
+
+void RemoteBindingStatusSm::updateIpToMac(const Ptr<RemoteIpToMac>& ipToMac) {
+  const Ptr<VrfInfo> oldVrf = ipToMac->vrfIpAddress().vrfInfo;
+  const Lanix::IpGenAddr ipAddress = ipToMac->vrfIpAddress().ipAddress;
+  const auto& collection = ipToMac->vlanIdMacAddressCollection();
+  const std::vector<RemoteIpToMac::vlanIdMacAddressContainer::Element> members(collection.begin(),
+                                                                               collection.end());
+  for (const auto& [mac, oldFlag] : members) {
+    const Ptr<VlanL3Info> vlanL3Info = vlanL3InfoStatus_->vlanL3Info(mac.vlanId);
+    const Ptr<VrfInfo> newVrf = vlanL3Info ? vlanL3Info->vrfInfo() : Ptr<VrfInfo>();
+    const RemoteBinding remoteBinding = remoteBindingConfig_->remoteBinding({mac.vlanId, ipAddress});
+    // The input may hold a binding of this key to another station by now: it stands in the new VRF already.
+    const bool held = remoteBinding.macAddress == mac.macAddress;
+    TRACE8("ipToMac=" << ipToMac << " vlanL3Info=" << vlanL3Info << " newVrf=" << newVrf
+                      << " remoteBinding=" << remoteBinding);
+    if (newVrf != oldVrf || !held) {
+      TRACE8("delete ipToMac=" << ipToMac << " vlanIdMacAddress=" << mac);
+      TRACELET_RECORD("delete ipToMac={} vlanIdMacAddress=<{};{}>", ipAddress, mac.vlanId.value(),
+                      mac.macAddress);
+      unfileMac(ipToMac, mac);
+    }
+    if (newVrf && held && (newVrf != oldVrf || oldFlag != remoteBinding.localMultihomed)) {
+      const VrfIpAddress newVrfIpAddress = VrfIpAddress::fromVlanL3Info(*vlanL3Info, ipAddress);
+      const Ptr<RemoteIpToMac> there = remoteBindingStatus_->ipToMac(newVrfIpAddress);
+      const bool create = !there || !there->vlanIdMacAddressHas(mac);
+      const bool activeLocalChanged = oldFlag != remoteBinding.localMultihomed;
+      TRACE8("add ipToMac newVrfIpAddress=" << newVrfIpAddress << " create=" << yesNo(create)
+                                            << " activeLocalChanged=" << yesNo(activeLocalChanged));
+      TRACELET_RECORD("add ipToMac newVrfIpAddress={} create={} activeLocalChanged={}", ipAddress, create,
+                      activeLocalChanged);
+      fileMac(newVrfIpAddress, mac, remoteBinding.localMultihomed);
+    }
+  }
+}
+
+void RemoteBindingStatusSm::dumpState(Orb::DumpContext& context, int indent) const {
+  context.line(indent, "RemoteBindingStatusSm");
+  context.attribute(indent, "remoteBindingConfigReady", remoteBindingConfigReady_);
+  context.attribute(indent, "walkStage", Mox::toStrep(walkStage_));
+  context.attribute(indent, "remoteBindingStatusBookmark",
+                    remoteBindingStatusBookmark_ ? remoteBindingStatusBookmark_.toStrep() : "none");
+  context.line(indent, "knownBinding #" + std::to_string(knownBindings()));
+  for (const auto& [vlanId, count] : vlanBindingCountCollection()) {
+    context.line(indent + 2, "vlanBindingCount " + vlanId.toStrep() + " " + std::to_string(count));
+  }
+  context.child(indent + 2, remoteBindingStatus_, "RemoteBindingStatus");
+}
+
+}  // namespace ArpSuppression

@@ -1,0 +1,83 @@
+#pragma once
+
+#include "ArpSuppression/RemoteBindingStatus.h"
+#include "Memtab/EntityManager.h"
+#include "Mox/Notifiee.h"
+#include "Orb/WalkSm.h"
+#include "Suppression/RemoteBindingConfig.h"
+
+namespace ArpSuppression {
+
+// Turns the remote bindings that EVPN publishes, by VLAN and address, into RemoteBindingStatus, by VRF and
+// address and by VLAN and station. It remembers every binding as it was last applied, so that each change of
+// the input is applied as an exact difference, at once. A walk in slices does the initial population, and
+// again whenever a VLAN with bindings gains, loses or changes its VRF: first over the input, then over the
+// status, where entries are moved to the VRF they belong to.
+class RemoteBindingStatusSm final : public Orb::WalkSmBase {
+ public:
+  RemoteBindingStatusSm(Ptr<Orb::TaskScheduler> scheduler, Ptr<const RemoteBindingConfig> remoteBindingConfig,
+                        Ptr<const MoxSharedMem::MountGroup> remoteBindingConfigMountGroup,
+                        Ptr<VlanL3InfoStatus> vlanL3InfoStatus, Ptr<RemoteBindingStatus> remoteBindingStatus);
+
+  // Every input binding as last applied.
+  MOX_HASH(RemoteBindingKey, RemoteBinding, knownBinding)
+  // How many of them each VLAN has; no entry: none.
+  MOX_MAP(Bridging::VlanId, std::int32_t, vlanBindingCount)
+
+  enum class WalkStage : std::uint8_t { walkRemoteBindingConfig, walkRemoteBindingStatus, complete };
+  WalkStage walkStage() const { return walkStage_; }
+  bool remoteBindingConfigReady() const { return remoteBindingConfigReady_; }
+
+  // Stores a count; throws Mox::RangeError when it is out of range.
+  void setVlanBindingCount(Bridging::VlanId vlanId, std::int64_t count);
+  std::int32_t vlanBindingCountInc(Bridging::VlanId vlanId, std::int32_t n);
+  std::int32_t vlanBindingCountDec(Bridging::VlanId vlanId, std::int32_t n);
+
+  Mox::String toStrep() const { return "<RemoteBindingStatusSm>"; }
+  void dumpState(Orb::DumpContext& context, int indent) const;
+
+ private:
+  Orb::WalkRet walk() override;
+  bool walkStartedNotification() override;
+  void walkFinishedNotification() override {}
+  bool allowWalkRestarts() const override { return true; }
+  void traceEvent(const char* event) override;
+
+  void handleInitialized();
+  void handleRemoteBindingReady();
+  void handleVlanL3Info(Bridging::VlanId vlanId);
+  void handleRemoteBinding(const RemoteBindingKey& key);
+
+  Orb::WalkRet remoteBindingConfigWalk();
+  Orb::WalkRet remoteBindingStatusWalk();
+  void updateIpToMac(const Ptr<RemoteIpToMac>& ipToMac);
+  void vlanBindingCountCheckRange(std::int64_t count) const;
+  void notifyVrfIpAddressChange(const VrfIpAddress& vrfIpAddress);
+
+  // The two halves of one difference: the station that has the address now, and the one that had it.
+  void addMac(const RemoteBindingKey& key, const RemoteBinding& now, bool macChanged, bool newKey);
+  void deleteMac(const RemoteBindingKey& key, const Lanix::EthAddr& oldMac, bool withdrawn,
+                 std::int32_t count);
+  // The key of the address in the VRF of its VLAN; the default key while the VLAN has none.
+  VrfIpAddress vrfIpAddressOf(const RemoteBindingKey& key) const;
+  // Files a station under the address; makes the entry when it is the first.
+  void fileMac(const VrfIpAddress& vrfIpAddress, const VlanIdMacAddress& vlanIdMacAddress,
+               bool localMultihomed);
+  // Takes one away; the entry goes with its last.
+  void unfileMac(const Ptr<RemoteIpToMac>& ipToMac, const VlanIdMacAddress& vlanIdMacAddress);
+
+  Mox::Notifiee<const RemoteBindingConfig> remoteBindingConfig_;
+  Mox::Notifiee<const MoxSharedMem::MountGroup> remoteBindingConfigMountGroup_;
+  Mox::Notifiee<VlanL3InfoStatus> vlanL3InfoStatus_;
+  Ptr<RemoteBindingStatus> remoteBindingStatus_;
+  bool remoteBindingConfigReady_ = false;
+  WalkStage walkStage_ = WalkStage::walkRemoteBindingConfig;
+  Memtab::Cursor remoteBindingConfigBookmark_;
+  VrfIpAddress remoteBindingStatusBookmark_;
+};
+
+constexpr std::array<const char*, 3> moxEnumNames(RemoteBindingStatusSm::WalkStage) {
+  return {"walkRemoteBindingConfig", "walkRemoteBindingStatus", "complete"};
+}
+
+}  // namespace ArpSuppression

@@ -1,0 +1,251 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ArpSuppression/LocalBinding.h"
+#include "ArpSuppression/RemoteBindingStatus.h"
+#include "Rig.h"
+
+namespace ArpSuppression {
+namespace {
+
+using testing::ElementsAre;
+
+// Red and blue, kept in the status by a watch of each; what becomes of a binding table is in `journal`.
+struct Tables {
+  Tables() {
+    status->findOrCreateVrfInterfaceWatch("red", "red-port");
+    status->findOrCreateVrfInterfaceWatch("blue", "blue-port");
+    local
+        .on(LocalBindingRecord::bindingChanged,
+            [this](const VrfIpAddress& key) {
+              journal.push_back((local->bindingHas(key) ? "+" : "-") + key.ipAddress.toStrep());
+            })
+        .on(LocalBindingRecord::macToIpChanged, [this](const VlanIdMacAddress& key) {
+          journal.push_back((local->macToIpHas(key) ? "+" : "-") + key.macAddress.toStrep());
+        });
+  }
+  VrfIpAddress in(const char* vrf, const char* address) const {
+    return {vrf ? status->vrfInfo(vrf) : nullptr, ip(address), {}};
+  }
+  std::uint32_t bindingsOf(const char* vrf) const {
+    return local->vrfReferenceCount(vrf ? status->vrfInfo(vrf).get() : nullptr);
+  }
+  std::vector<std::string> takeJournal() { return std::exchange(journal, {}); }
+
+  Ptr<VlanL3InfoStatus> status = Mox::make<VlanL3InfoStatus>();
+  Mox::Notifiee<LocalBindingRecord> local{localBindingRecordFactory(status)};
+  std::vector<std::string> journal;
+};
+
+const VlanIdMacAddress kA{Vlan(10), mac("02:00:00:00:00:0a")};
+const VlanIdMacAddress kB{Vlan(10), mac("02:00:00:00:00:0b")};
+const VlanIdMacAddress kSameMacElsewhere{Vlan(20), mac("02:00:00:00:00:0a")};
+
+TEST(LocalBindingRecord, watchers_see_a_replaced_binding_go_and_come) {
+  for (const auto& station : {kA, kB, kSameMacElsewhere}) {
+    SCOPED_TRACE(station.toStrep());
+    Tables t;
+    const auto key = t.in("red", "10.0.0.1");
+    const auto old = t.local->createLocalBinding(key, kA);
+    old->arpStatusHasDynamicEntryIs(true);
+    t.takeJournal();
+    const auto now = t.local->createLocalBinding(key, station);
+    EXPECT_THAT(t.takeJournal(), ElementsAre("-10.0.0.1", "-02:00:00:00:00:0a", "+10.0.0.1",
+                                             "+" + station.macAddress.toStrep()));
+    EXPECT_NE(now, old);
+    EXPECT_FALSE(now->arpStatusHasDynamicEntry());
+    EXPECT_EQ(t.local->binding(key), now);
+    EXPECT_EQ(t.local->bindings(), 1u);
+    EXPECT_EQ(t.local->macToIps(), 1u);
+    EXPECT_EQ(t.local->macToIp(station)->binding(key), now);
+    EXPECT_EQ(t.bindingsOf("red"), 1u);
+  }
+}
+
+TEST(LocalBindingRecord, station_stays_until_its_last_address_goes) {
+  Tables t;
+  const auto one = t.local->createLocalBinding(t.in("red", "10.0.0.1"), kA);
+  const auto two = t.local->createLocalBinding(t.in("red", "10.0.0.2"), kA);
+  t.local->createLocalBinding(t.in("blue", "10.0.0.1"), kB);
+  EXPECT_EQ(t.local->macToIp(kA)->bindings(), 2u);
+  EXPECT_EQ(t.bindingsOf("red"), 2u);
+  EXPECT_EQ(t.bindingsOf("blue"), 1u);
+  t.takeJournal();
+  t.local->deleteLocalBinding(one);
+  EXPECT_THAT(t.takeJournal(), ElementsAre("-10.0.0.1"));
+  ASSERT_TRUE(t.local->macToIpHas(kA));
+  EXPECT_EQ(
+      t.local->macToIp(kA)->toStrep(),
+      "<<vlanId=10 macAddress=02:00:00:00:00:0a> binding=[ <<vrfName=red vrfId=16777215>;10.0.0.2;> ]>");
+  t.local->deleteLocalBinding(two);
+  EXPECT_THAT(t.takeJournal(), ElementsAre("-10.0.0.2", "-02:00:00:00:00:0a"));
+  EXPECT_EQ(t.bindingsOf("red"), 0u);
+  EXPECT_EQ(t.bindingsOf("blue"), 1u);
+}
+
+TEST(LocalBindingRecord, binding_without_a_vrf_is_stored_and_counted_like_any_other) {
+  Tables t;
+  const auto key = t.in(nullptr, "10.0.0.1");
+  const auto binding = t.local->createLocalBinding(key, kA);
+  EXPECT_EQ(t.local->binding(key), binding);
+  EXPECT_EQ(t.bindingsOf(nullptr), 1u);
+  EXPECT_EQ(binding->toStrep(), "<<NULL;10.0.0.1;>;<vlanId=10 macAddress=02:00:00:00:00:0a>;dynSt=no >");
+  t.local->createLocalBinding(t.in(nullptr, "10.0.0.2"), kA)->arpStatusHasDynamicEntryIs(true);
+  EXPECT_THAT(t.local->binding(t.in(nullptr, "10.0.0.2"))->toStrep(), testing::EndsWith(";dynSt=yes >"));
+  t.local->deleteLocalBinding(binding);
+  EXPECT_EQ(t.bindingsOf(nullptr), 1u);
+  t.local->deleteLocalBinding(t.local->binding(t.in(nullptr, "10.0.0.2")));
+  EXPECT_FALSE(t.local->vrfReferenceCountHas(nullptr));
+  EXPECT_EQ(t.status->vrfInfos(), 2u);
+}
+
+TEST(LocalBindingRecord, replacing_the_only_binding_of_a_vrf_never_lets_the_vrf_go) {
+  Tables t;
+  const auto green = t.status->vrfInfoIs("green");
+  const VrfIpAddress key{green, ip("10.0.0.1"), {}};
+  t.local->createLocalBinding(key, kA);
+  int changes = 0;
+  Mox::Notifiee<VlanL3InfoStatus> watch(t.status);
+  watch.on(VlanL3InfoStatus::vrfInfoChanged, [&] { ++changes; });
+  const auto binding = t.local->createLocalBinding(key, kB);
+  EXPECT_EQ(changes, 0);
+  EXPECT_EQ(t.status->vrfInfo("green"), green);
+  t.local->deleteLocalBinding(binding);
+  EXPECT_EQ(changes, 1) << "released once, with the last binding";
+  EXPECT_FALSE(t.status->vrfInfoHas("green"));
+}
+
+TEST(LocalBindingRecordDeathTest, broken_indexes_end_the_process) {
+  const struct {
+    const char* expression;
+    void (*breakIt)(LocalBindingRecord&, const LocalBinding&);
+  } cases[] = {
+      {"deletedBinding == _binding",
+       [](LocalBindingRecord& record, const LocalBinding& b) { record.bindingDel(b.vrfIpAddress()); }},
+      {"nullptr != _macToIp",
+       [](LocalBindingRecord& record, const LocalBinding& b) { record.macToIpDel(b.vlanIdMacAddress()); }},
+      {"deletedBinding == _binding",
+       [](LocalBindingRecord& record, const LocalBinding& b) {
+         record.macToIp(b.vlanIdMacAddress())->bindingDel(b.vrfIpAddress());
+       }},
+  };
+  for (const auto& c : cases) {
+    Tables t;
+    const auto binding = t.local->createLocalBinding(t.in("red", "10.0.0.1"), kA);
+    c.breakIt(*t.local, *binding);
+    EXPECT_DEATH(t.local->deleteLocalBinding(binding),
+                 brokenInvariant("ArpSuppression/LocalBinding", c.expression));
+  }
+}
+
+TEST(RemoteIpToMac, first_station_stays_first_until_it_is_withdrawn) {
+  const auto entry = Mox::make<RemoteIpToMac>(VrfIpAddress{nullptr, ip("10.0.0.1"), {}});
+  EXPECT_FALSE(entry->isFirstVlanIdMacAddressLocalMultihomed());
+  entry->vlanIdMacAddressIs(kB, false);
+  entry->vlanIdMacAddressIs(kA, true);
+  EXPECT_EQ(entry->firstVlanIdMacAddress(), kB) << "the order is that of arrival";
+  EXPECT_FALSE(entry->isFirstVlanIdMacAddressLocalMultihomed());
+  entry->vlanIdMacAddressIs(kB, true);
+  EXPECT_EQ(entry->firstVlanIdMacAddress(), kB);
+  EXPECT_TRUE(entry->isFirstVlanIdMacAddressLocalMultihomed());
+  EXPECT_EQ(entry->vlanIdMacAddresss(), 2u);
+  EXPECT_THAT(entry->toStrep(), testing::StartsWith("<vrfIpAddress=<NULL;10.0.0.1;> macAddress=[<vlanId=10 "
+                                                    "macAddress=02:00:00:00:00:0b>"));
+  entry->vlanIdMacAddressDel(kB);
+  EXPECT_EQ(entry->firstVlanIdMacAddress(), kA);
+  entry->vlanIdMacAddressIs(kB, false);
+  EXPECT_EQ(entry->firstVlanIdMacAddress(), kA);
+  entry->vlanIdMacAddressDelAll();
+  EXPECT_DEATH(entry->firstVlanIdMacAddress(), brokenInvariant("ArpSuppression/RemoteBindingStatus", "iter"));
+}
+
+TEST(RemoteBindingStatus, unchanged_values_tell_nobody) {
+  const auto status = Mox::make<RemoteBindingStatus>(Mox::make<VlanL3InfoStatus>());
+  std::vector<std::string> told;
+  Mox::Notifiee<RemoteBindingStatus> watch(status);
+  watch.on(RemoteBindingStatus::vlanIdChanged, [&](Vlan vlan) { told.push_back(vlan.toStrep()); })
+      .on(RemoteBindingStatus::lastVrfIpAddressChangeChanged,
+          [&](const VrfIpAddress& key) { told.push_back(key.ipAddress.toStrep()); });
+  const VrfIpAddress key{nullptr, ip("10.0.0.1"), {}};
+  for (int i = 0; i < 2; ++i) {
+    status->vlanIdIs(Vlan(10));
+    status->lastVrfIpAddressChangeIs(key);
+  }
+  for (int i = 0; i < 2; ++i) status->vlanIdDel(Vlan(10));
+  EXPECT_THAT(told, ElementsAre("10", "10.0.0.1", "10"));
+}
+
+TEST(RemoteBindingStatus, text_and_dump) {
+  const auto status = Mox::make<RemoteBindingStatus>(Mox::make<VlanL3InfoStatus>());
+  const auto station = status->macToIpIs(kA);
+  station->ipAddressIs(ip("10.0.0.1"));
+  station->ipAddressIs(ip("fe80::1"));
+  station->ipAddressIs(ip("fe80::1"));
+  EXPECT_EQ(station->ipAddresss(), 2u);
+  EXPECT_EQ(station->toStrep(),
+            "<vlanIdMacAddress=<vlanId=10 macAddress=02:00:00:00:00:0a> ipAddress=[10.0.0.1 fe80::1]");
+  status->ipToMacIs(VrfIpAddress{nullptr, ip("10.0.0.1"), {}})->vlanIdMacAddressIs(kA, true);
+  Orb::DumpContext dump(-1);
+  status->dumpState(dump, 0);
+  EXPECT_THAT(dump.text(), testing::StartsWith("RemoteBindingStatus #macToIps=1 #ipToMacs=1\n"
+                                               "initialPopulationComplete=false\n"
+                                               "macToIp:\n"
+                                               "  RemoteMacToIp <vlanId=10 macAddress=02:00:00:00:00:0a> ->\n"
+                                               "    10.0.0.1\n"
+                                               "    fe80::1\n"
+                                               "ipToMac:\n"
+                                               "  RemoteIpToMac <vrfIpAddress=<NULL;10.0.0.1;>"));
+}
+
+TEST(VrfUseTracker, vrf_stays_while_any_of_two_tables_uses_it) {
+  const auto status = Mox::make<VlanL3InfoStatus>();
+  const auto one = Mox::make<VrfUseTracker>(status), two = Mox::make<VrfUseTracker>(status);
+  const auto red = status->vrfInfoIs("red");
+  one->referenceVrf(red);
+  one->referenceVrf(red);
+  two->referenceVrf(red);
+  EXPECT_EQ(red->users(), 2u) << "one for each table, however many bindings";
+  one->releaseVrf(red);
+  EXPECT_EQ(one->vrfReferenceCount(red.get()), 1u);
+  EXPECT_EQ(red->users(), 2u);
+  one->releaseVrf(red);
+  EXPECT_FALSE(one->vrfReferenceCountHas(red.get()));
+  EXPECT_EQ(red->users(), 1u);
+  EXPECT_EQ(status->vrfInfo("red"), red);
+  const auto watch = status->findOrCreateVrfInterfaceWatch("red", "port");
+  two->releaseVrf(red);
+  EXPECT_TRUE(status->vrfInfoHas("red")) << "an interface is watched in it";
+  status->delVrfInterfaceWatch(watch);
+  EXPECT_FALSE(status->vrfInfoHas("red"));
+}
+
+TEST(VrfUseTracker, last_user_of_a_vrf_that_left_does_not_take_its_successor_along) {
+  const auto status = Mox::make<VlanL3InfoStatus>();
+  const auto tracker = Mox::make<VrfUseTracker>(status);
+  const auto oldRed = status->vrfInfoIs("red");
+  tracker->referenceVrf(oldRed);
+  status->vrfInfoDel("red");
+  const auto newRed = status->vrfInfoIs("red");
+  tracker->releaseVrf(oldRed);
+  EXPECT_EQ(status->vrfInfo("red"), newRed);
+}
+
+TEST(VrfUseTrackerDeathTest, counts_that_do_not_match_end_the_process) {
+  const auto status = Mox::make<VlanL3InfoStatus>();
+  const auto tracker = Mox::make<VrfUseTracker>(status);
+  const auto red = status->vrfInfoIs("red");
+  const auto broken = [](const char* expression) {
+    return brokenInvariant("ArpSuppression/VrfUseTracker", expression);
+  };
+  EXPECT_DEATH(tracker->releaseVrf(red), broken("0 != referenceCount"));
+  tracker->referenceVrf(red);
+  const auto user = tracker->vrfUser(red.get());
+  tracker->vrfUserDel(red.get());
+  EXPECT_DEATH(tracker->releaseVrf(red), broken("vrfUserHas( vrfInfo )"));
+  tracker->vrfUserIs(red.get(), user);
+  tracker->vrfReferenceCountDel(red.get());
+  EXPECT_DEATH(tracker->referenceVrf(red), broken("vrfReferenceCountHas( vrfInfo )"));
+}
+
+}  // namespace
+}  // namespace ArpSuppression

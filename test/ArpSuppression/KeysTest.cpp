@@ -1,0 +1,158 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "ArpSuppression/BindingKeys.h"
+#include "Mox/Error.h"
+#include "Rig.h"
+
+namespace ArpSuppression {
+namespace {
+
+// VLANs 10 and 20 in red, 30 in blue.
+struct Vlans {
+  Ptr<VlanL3InfoStatus> status = Mox::make<VlanL3InfoStatus>();
+  Ptr<VrfInfo> red = status->vrfInfoIs("red"), blue = status->vrfInfoIs("blue");
+  Ptr<VlanL3Info> vlan10 = status->vlanL3InfoIs(red, Vlan(10)), vlan20 = status->vlanL3InfoIs(red, Vlan(20)),
+                  vlan30 = status->vlanL3InfoIs(blue, Vlan(30));
+};
+
+TEST(VrfIpAddress, only_ipv6_link_local_addresses_are_scoped_to_the_interface) {
+  const Vlans vlans;
+  const struct {
+    const char* address;
+    bool scoped;
+  } cases[] = {{"10.0.0.1", false}, {"169.254.0.1", false}, {"2001:db8::1", false}, {"::", false},
+               {"ff02::1", false},  {"fec0::1", false},     {"fe80::1", true},      {"febf:ffff::1", true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.address);
+    const auto in10 = VrfIpAddress::fromVlanL3Info(*vlans.vlan10, ip(c.address));
+    const auto in20 = VrfIpAddress::fromVlanL3Info(*vlans.vlan20, ip(c.address));
+    const auto in30 = VrfIpAddress::fromVlanL3Info(*vlans.vlan30, ip(c.address));
+    EXPECT_EQ(in10.vrfInfo, vlans.red);
+    EXPECT_EQ(in10.ipAddress, ip(c.address));
+    EXPECT_EQ(in10.intfId, c.scoped ? intf("Vlan10") : Lanix::IntfId());
+    EXPECT_EQ(in10 == in20, !c.scoped);
+    EXPECT_EQ(in10.hash(1) == in20.hash(1), !c.scoped);
+    EXPECT_FALSE(in10 == in30) << "another VRF";
+    EXPECT_NE(in10.hash(1), in30.hash(1));
+    EXPECT_NE(in10.hash(1), in10.hash(2)) << "the seed counts";
+    for (const auto& a : {in10, in20, in30}) {
+      for (const auto& b : {in10, in20, in30}) EXPECT_EQ((a < b) + (b < a) + (a == b), 1);
+    }
+  }
+}
+
+TEST(VrfIpAddress, order_is_vrf_then_address_then_interface) {
+  const Vlans vlans;
+  const auto [low, high] = std::minmax({vlans.red, vlans.blue});
+  const VrfIpAddress ascending[] = {{low, ip("10.0.0.1"), {}},
+                                    {low, ip("10.0.0.2"), {}},
+                                    {low, ip("fe80::1"), intf("Vlan10")},
+                                    {low, ip("fe80::1"), intf("Vlan20")},
+                                    {low, ip("fe80::2"), intf("Vlan10")},
+                                    {high, ip("10.0.0.1"), {}}};
+  for (std::size_t i = 0; i < std::size(ascending); ++i) {
+    for (std::size_t j = 0; j < std::size(ascending); ++j)
+      EXPECT_EQ(ascending[i] < ascending[j], i < j) << i << " " << j;
+  }
+}
+
+TEST(VrfIpAddress, vrf_counts_by_identity_not_by_name) {
+  const Vlans vlans;
+  const auto before = VrfIpAddress::fromVlanL3Info(*vlans.vlan10, ip("10.0.0.1"));
+  vlans.status->vlanL3InfoDel(Vlan(10));
+  vlans.status->vrfInfoDel("red");
+  const auto newRed = vlans.status->vrfInfoIs("red");
+  const auto after =
+      VrfIpAddress::fromVlanL3Info(*vlans.status->vlanL3InfoIs(newRed, Vlan(10)), ip("10.0.0.1"));
+  EXPECT_FALSE(before == after);
+  EXPECT_EQ(before.toStrep(), after.toStrep());
+}
+
+TEST(VrfIpAddress, is_valid_when_anything_is_set) {
+  const Vlans vlans;
+  const struct {
+    VrfIpAddress key;
+    bool valid;
+  } cases[] = {{{}, false},
+               {{vlans.red, {}, {}}, true},
+               {{nullptr, ip("10.0.0.1"), {}}, true},
+               {{nullptr, ip("0.0.0.0"), {}}, true},
+               {{nullptr, ip("::"), {}}, true},
+               {{nullptr, {}, intf("Vlan10")}, true}};
+  for (const auto& c : cases) EXPECT_EQ(static_cast<bool>(c.key), c.valid) << c.key.toStrep();
+  const VrfIpAddress withoutVrf{nullptr, ip("10.0.0.1"), {}};
+  EXPECT_FALSE(withoutVrf == VrfIpAddress::fromVlanL3Info(*vlans.vlan10, ip("10.0.0.1")));
+}
+
+TEST(VrfIpAddress, from_arp_key) {
+  const Vlans vlans;
+  const struct {
+    const char* interface;
+    Ptr<VlanL3Info> vlan;  // null: not valid
+  } cases[] = {
+      {"Vlan10", vlans.vlan10}, {"vlan30", vlans.vlan30}, {"Vlan40", nullptr},   {"Ethernet1", nullptr},
+      {"Vlan010", nullptr},     {"Vlan", nullptr},        {"Vlan10.5", nullptr}, {"", nullptr}};
+  for (const auto& c : cases) {
+    for (const char* address : {"10.0.0.1", "fe80::1"}) {
+      const auto key = VrfIpAddress::fromArpKey(*vlans.status, {5, ip(address), intf(c.interface)});
+      const auto expected = c.vlan ? VrfIpAddress::fromVlanL3Info(*c.vlan, ip(address)) : VrfIpAddress();
+      EXPECT_TRUE(key == expected) << c.interface << " " << key.toStrep();
+    }
+  }
+  for (const char* interface : {"Vlan0", "Vlan4095", "Vlan65546", "Vlan99999999999"}) {
+    try {
+      VrfIpAddress::fromArpKey(*vlans.status, {5, ip("10.0.0.1"), intf(interface)});
+      ADD_FAILURE() << interface;
+    } catch (const Mox::RangeError& error) {
+      EXPECT_STREQ(error.what(), "Bridging::VlanId::value < 1 or > 4094 not allowed");
+    }
+  }
+}
+
+TEST(Keys, text_forms) {
+  const Vlans vlans;
+  vlans.red->vrfIdIs(5);
+  const auto scoped = VrfIpAddress::fromVlanL3Info(*vlans.vlan10, ip("fe80::1"));
+  EXPECT_EQ(scoped.toStrep(), "<<vrfName=red vrfId=5>;fe80::1;Vlan10>");
+  EXPECT_EQ(scoped.valueToStrep(),
+            "Value('ArpSuppression::VrfIpAddress', ** {'vrfInfo': <vrfName=red vrfId=5>, 'ipAddress': "
+            "fe80::1, 'intfId': Vlan10})");
+  EXPECT_EQ(VrfIpAddress().toStrep(), "<NULL;;>");
+  EXPECT_EQ(VrfIpAddress::fromVlanL3Info(*vlans.vlan30, ip("10.0.0.1")).toStrep(),
+            "<<vrfName=blue vrfId=16777215>;10.0.0.1;>");
+  const VlanIdMacAddress station{Vlan(4094), mac("02:00:00:00:00:01")};
+  EXPECT_EQ(station.toStrep(), "<vlanId=4094 macAddress=02:00:00:00:00:01>");
+  EXPECT_EQ(station.valueToStrep(),
+            "Value('ArpSuppression::VlanIdMacAddress', ** {'vlanId': 4094, 'macAddress': "
+            "02:00:00:00:00:01})");
+}
+
+TEST(VlanIdMacAddress, order_is_vlan_then_mac_and_equal_keys_hash_equally) {
+  const VlanIdMacAddress ascending[] = {{Vlan(9), mac("02:00:00:00:00:03")},
+                                        {Vlan(10), mac("02:00:00:00:00:01")},
+                                        {Vlan(10), mac("02:00:00:00:00:02")},
+                                        {Vlan(11), mac("02:00:00:00:00:01")}};
+  for (std::size_t i = 0; i < std::size(ascending); ++i) {
+    for (std::size_t j = 0; j < std::size(ascending); ++j) {
+      EXPECT_EQ(ascending[i] < ascending[j], i < j);
+      EXPECT_EQ(ascending[i] == ascending[j], i == j);
+      EXPECT_EQ(ascending[i].hash(3) == ascending[j].hash(3), i == j);
+    }
+    EXPECT_EQ(VlanIdMacAddress::fromStrep(ascending[i].toStrep()), ascending[i]);
+  }
+}
+
+TEST(VlanIdMacAddress, refuses_what_is_no_text_form) {
+  for (const char* text :
+       {"", "<>", "<vlanId=10>", "<vlanId=10 macAddress=>", "<vlanId= macAddress=02:00:00:00:00:01>",
+        "<vlanId=0 macAddress=02:00:00:00:00:01>", "<vlanId=4095 macAddress=02:00:00:00:00:01>",
+        "<vlanId=10 macAddress=02:00:00:00:00>", "<vlanId=10 macAddress=02:00:00:00:00:01",
+        "vlanId=10 macAddress=02:00:00:00:00:01>", "<vlanId=10 macAddress=02:00:00:00:00:01>>",
+        " macAddress=<vlanId=10>", " macAddress=>", "<vlanId=> macAddress="}) {
+    EXPECT_FALSE(VlanIdMacAddress::fromStrep(text)) << text;
+  }
+}
+
+}  // namespace
+}  // namespace ArpSuppression

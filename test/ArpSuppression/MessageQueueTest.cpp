@@ -1,0 +1,186 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Rig.h"
+
+namespace ArpSuppression {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Change = std::pair<std::uint32_t, bool>;  // the index, and whether it is in the queue now
+using Message = Ptr<const TrappedMessage>;
+
+Message message(unsigned number = 0) {
+  const Lanix::IpGenAddr target(Lanix::IpAddr(0x0a000000 + number));
+  return trappedMessageFactory(Vlan(10), TrappedMessage::MessageType::request, {nullptr, "eth1", 7},
+                               ip("10.0.0.10"), mac("02:00:00:00:00:0a"), target, nullptr);
+}
+
+struct Queue {
+  Queue() {
+    watch.on(MessageQueue::messageChanged,
+             [this](std::uint32_t index) { changes.emplace_back(index, queue->messageHas(index)); });
+  }
+  std::vector<Change> takeChanges() { return std::exchange(changes, {}); }
+
+  Ptr<MessageQueue> queue = messageQueueFactory();
+  std::vector<Change> changes;
+  Mox::Notifiee<MessageQueue> watch{queue};
+};
+
+TEST(MessageQueue, full_queue_gives_up_its_oldest_message) {
+  const auto queue = messageQueueFactory();
+  std::vector<Message> messages;
+  for (unsigned i = 0; i <= 500; ++i) messages.push_back(message(i));
+  for (unsigned i = 0; i < 500; ++i) ASSERT_FALSE(queue->enqueueMessage(messages[i])) << i;
+  EXPECT_TRUE(queue->enqueueMessage(messages[500]));
+  EXPECT_EQ(queue->messages(), 500u);
+  EXPECT_EQ(queue->messageFront(), messages[1]);
+  EXPECT_EQ(queue->messageBack(), messages[500]);
+  for (unsigned i = 1; i <= 500; ++i) ASSERT_EQ(queue->messageDeq(), messages[i]) << i;
+  EXPECT_EQ(queue->messageDeq(), nullptr);
+  EXPECT_EQ(queue->messageFront(), nullptr);
+  EXPECT_EQ(queue->messageBack(), nullptr);
+}
+
+TEST(MessageQueue, overfull_queue_keeps_its_length_until_the_consumer_shortens_it) {
+  const auto queue = messageQueueFactory();
+  for (unsigned i = 0; i < 400; ++i) queue->enqueueMessage(message(i));
+  queue->updateQueueLimit(0);
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_TRUE(queue->enqueueMessage(message()));
+    EXPECT_EQ(queue->messages(), 400u);
+  }
+  while (queue->messages() > 49) queue->messageDeq();
+  EXPECT_FALSE(queue->enqueueMessage(message()));
+  EXPECT_TRUE(queue->enqueueMessage(message()));
+  EXPECT_EQ(queue->messages(), 50u);
+}
+
+TEST(MessageQueue, limit_is_twice_what_a_run_took_within_its_bounds) {
+  const struct {
+    std::uint32_t processed, min, max, limit;
+  } cases[] = {
+      {0, 50, 500, 50},          {24, 50, 500, 50},         {25, 50, 500, 50},
+      {26, 50, 500, 52},         {249, 50, 500, 498},       {250, 50, 500, 500},
+      {251, 50, 500, 500},       {300, 50, 500, 500},       {0x7fffffff, 50, 500, 500},
+      {0x80000000, 50, 500, 50}, {0x80000020, 50, 500, 64}, {4, 10, 20, 10},
+      {7, 10, 20, 14},           {11, 10, 20, 20},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.processed));
+    const auto queue = messageQueueFactory();
+    queue->queueLimitMinIs(c.min);
+    queue->queueLimitMaxIs(c.max);
+    int changes = 0;
+    Mox::Notifiee<MessageQueue> watch(queue);
+    watch.on(MessageQueue::queueLimitCurrentChanged, [&] { ++changes; });
+    queue->updateQueueLimit(c.processed);
+    EXPECT_EQ(queue->queueLimitCurrent(), c.limit);
+    EXPECT_EQ(changes, c.limit == 500 ? 0 : 1);
+    queue->updateQueueLimit(c.processed);
+    EXPECT_EQ(changes, c.limit == 500 ? 0 : 1);
+  }
+}
+
+TEST(MessageQueue, changes_carry_the_index_and_only_additions_are_in_the_queue) {
+  Queue q;
+  q.queue->messageEnq(message());
+  q.queue->messageEnq(message());
+  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(0, true), Change(1, true)));
+  q.queue->messageDeq();
+  q.queue->messageDeq();
+  q.queue->messageDeq();
+  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(0, false), Change(1, false)));
+
+  q.queue->messageEnq(message());
+  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(2, true))) << "indices of an emptied queue";
+  EXPECT_TRUE(q.queue->messageDel(2));
+  EXPECT_FALSE(q.queue->messageDel(2));
+  q.queue->messageEnq(message());
+  q.queue->messageEnq(message());
+  q.queue->messageDelAll();
+  q.queue->messageEnq(message());
+  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(2, false), Change(3, true), Change(4, true),
+                                           Change(3, false), Change(4, false), Change(5, true)));
+
+  q.queue->queueLimitCurrentIs(1);
+  q.queue->enqueueMessage(message());
+  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(5, false), Change(6, true)));
+}
+
+TEST(MessageQueue, message_of_an_index_is_replaced_in_place_or_appended) {
+  Queue q;
+  const Message first = message(1), second = message(2), other = message(3);
+  q.queue->messageEnq(first);
+  q.queue->messageEnq(second);
+  q.takeChanges();
+  q.queue->messageIs(0, other);
+  q.queue->messageIs(0, other);
+  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(0, true))) << "the same message again changes nothing";
+  EXPECT_EQ(q.queue->messageFront(), other);
+  EXPECT_EQ(q.queue->messageBack(), second);
+
+  q.queue->messageIs(9, first);
+  q.queue->messageEnq(message());
+  q.queue->messageDel(0);
+  q.queue->messageIs(0, other);
+  q.queue->messageEnq(message());
+  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(9, true), Change(10, true), Change(0, false),
+                                           Change(0, true), Change(11, true)))
+      << "an index that comes back does not draw those behind it along";
+}
+
+TEST(MessageQueue, indices_wrap_and_the_order_stays_that_of_arrival) {
+  Queue q;
+  const Message last = message(1), first = message(2), second = message(3);
+  q.queue->messageIs(0xFFFFFFFF, last);
+  q.queue->messageEnq(first);
+  q.queue->messageEnq(second);
+  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(0xFFFFFFFF, true), Change(0, true), Change(1, true)));
+  EXPECT_EQ(q.queue->messageDeq(), last);
+  EXPECT_EQ(q.queue->messageDeq(), first);
+  EXPECT_EQ(q.queue->messageDeq(), second);
+  q.queue->messageEnq(last);
+  EXPECT_TRUE(q.queue->messageHas(2));
+}
+
+TEST(MessageTrap, the_same_message_is_told_once) {
+  const auto trap = messageTrapFactory();
+  std::vector<Message> told;
+  Mox::Notifiee<MessageTrap> watch(trap);
+  watch.on(MessageTrap::lastTrappedMessageChanged, [&](const Message& m) { told.push_back(m); });
+  const Message one = message(1), equal = message(1);
+  trap->lastTrappedMessageIs(one);
+  trap->lastTrappedMessageIs(one);
+  EXPECT_THAT(told, ElementsAre(one));
+  trap->lastTrappedMessageIs(equal);
+  EXPECT_THAT(told, ElementsAre(one, equal)) << "another message of the same content";
+  EXPECT_EQ(one->references(), 2u) << "the trap holds the last one only";
+}
+
+TEST(TrappedMessage, text_names_the_interface_or_else_the_device) {
+  const auto status = Mox::make<Interface::IntfStatus>(intf("Ethernet1"));
+  const struct {
+    TrappedMessage::MessageType type;
+    Ptr<const Interface::IntfStatus> status;
+    const char* text;
+  } cases[] = {
+      {TrappedMessage::MessageType::request, status,
+       "<request vlanId=4094 if=Ethernet1(7) sIp=10.0.0.10 sMac=02:00:00:00:00:0a tIp=10.0.0.99>"},
+      {TrappedMessage::MessageType::reply, nullptr,
+       "<reply vlanId=4094 if=eth1(7) sIp=10.0.0.10 sMac=02:00:00:00:00:0a tIp=10.0.0.99>"},
+  };
+  for (const auto& c : cases) {
+    const auto m = trappedMessageFactory(Vlan(4094), c.type, {c.status, "eth1", 7}, ip("10.0.0.10"),
+                                         mac("02:00:00:00:00:0a"), ip("10.0.0.99"), nullptr);
+    EXPECT_EQ(m->toStrep(), c.text);
+    Orb::DumpContext dump(-1);
+    m->dumpState(dump, 2);
+    EXPECT_EQ(dump.text(), std::string("  TrappedMessage ") + c.text + "\n");
+  }
+}
+
+}  // namespace
+}  // namespace ArpSuppression

@@ -1,0 +1,437 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Rig.h"
+
+namespace ArpSuppression {
+namespace {
+
+using Bridging::EntryType;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr char kHostMac[] = "02:00:00:00:00:63";  // the owner of 10.0.0.99
+constexpr char kOtherMac[] = "02:00:00:00:00:64";
+constexpr char kBridgeMac[] = "02:00:00:00:be:ef";
+constexpr char kVirtualMac[] = "02:00:00:00:00:fe";
+
+TEST(Request, reply_is_right_in_every_byte) {
+  Rig rig;
+  rig.remoteBinding(10, "10.0.0.99", kHostMac);
+  rig.start();
+  ASSERT_THAT(rig.publishedVlans(), ElementsAre(10));
+  rig.trap(Trapped{});
+  const auto expected = TestSupport::frameOf({0x02, 0,    0,    0,  0, 0x0a,         // to the requester
+                                              0x02, 0,    0,    0,  0, 0x63,         // from the owner
+                                              0x81, 0x00, 0x00, 10,                  // VLAN 10, priority 0
+                                              0x08, 0x06,                            // ARP
+                                              0,    1,    8,    0,  6, 4,    0,  2,  // Ethernet, IPv4, reply
+                                              0x02, 0,    0,    0,  0, 0x63, 10, 0, 0, 99,
+                                              0x02, 0,    0,    0,  0, 0x0a, 10, 0, 0, 10});
+  EXPECT_THAT(rig.replies(), ElementsAre(expected));
+  EXPECT_THAT(rig.reinjected(), IsEmpty());
+  EXPECT_EQ(rig.takeCounters(), "replyRemote=1 trappedRequest=1");
+}
+
+// What each case sets up, who asks, and what has to come of it.
+struct Case {
+  const char* name;
+  std::function<void(Rig&)> setUp;
+  Trapped request;
+  const char* replyMac;  // null: no reply
+  bool flooded;
+  const char* counters;
+};
+
+void multihomed(Rig& rig, const char* forwarder) {
+  auto segment = rig.evpn()->segmentStatusIs(intf("Ethernet2"));
+  if (forwarder) segment->designatedForwarderTepIs(Vlan(10), intf(forwarder));
+  rig.fdb(10, kHostMac, EntryType::learnedDynamic, "Ethernet2");
+}
+
+const Case kCases[] = {
+    {"unknown target floods",
+     [](Rig&) {},
+     {},
+     nullptr,
+     true,
+     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
+    {"kernel entry without a remote binding floods when the MAC is nowhere",
+     [](Rig& rig) { rig.neighbour("10.0.0.99", kHostMac); },
+     {},
+     nullptr,
+     true,
+     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
+    {"the kernel's MAC wins over the remote one",
+     [](Rig& rig) {
+       rig.neighbour("10.0.0.99", kOtherMac);
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+     },
+     {},
+     kOtherMac,
+     false,
+     "replyRemote=1 trappedRequest=1"},
+    {"EVPN-learned MAC is remote",
+     [](Rig& rig) {
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+       rig.fdb(10, kHostMac, EntryType::evpnLearned, "core10");
+     },
+     {},
+     kHostMac,
+     false,
+     "replyRemote=1 trappedRequest=1"},
+    {"target on a local port answers itself",
+     [](Rig& rig) {
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+       rig.fdb(10, kHostMac, EntryType::learnedDynamic, "Ethernet2");
+     },
+     {},
+     nullptr,
+     false,
+     "noReplyTargetLocal=1 trappedRequest=1"},
+    {"the FID of the VLAN counts",
+     [](Rig& rig) {
+       rig.state<Bridging::Config>("bridging/config")->vidToFidMapIs(Vlan(10), 110);
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+       rig.fdb(10, kHostMac, EntryType::evpnLearned, "core10");
+       rig.fdb(110, kHostMac, EntryType::learnedDynamic, "Ethernet2");
+     },
+     {},
+     nullptr,
+     false,
+     "noReplyTargetLocal=1 trappedRequest=1"},
+    {"own address is left to the switch",
+     [](Rig&) {},
+     {.targetIp = "10.0.0.1"},
+     nullptr,
+     false,
+     "targetIsMine=1 trappedRequest=1"},
+    {"probe floods although the binding is known",
+     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
+     {.senderIp = "0.0.0.0"},
+     nullptr,
+     true,
+     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
+    {"announcement floods",
+     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
+     {.senderIp = "10.0.0.99"},
+     nullptr,
+     true,
+     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
+    {"designated forwarder leaves it",
+     [](Rig& rig) {
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+       multihomed(rig, nullptr);
+     },
+     {},
+     nullptr,
+     false,
+     "noReplyTargetLocal=1 trappedRequest=1"},
+    {"designated forwarder that asks itself gets a binding",
+     [](Rig& rig) {
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+       multihomed(rig, nullptr);
+     },
+     {.senderMac = kBridgeMac},
+     nullptr,
+     false,
+     "replyMultihomedDf=1 staticBindingEvent=1 trappedRequest=1"},
+    {"not the designated forwarder: answered",
+     [](Rig& rig) {
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+       multihomed(rig, "Tep1");
+     },
+     {},
+     kHostMac,
+     false,
+     "replyMultihomedNonDf=1 trappedRequest=1"},
+    {"not the designated forwarder, the switch asks, both MACs known: the remote one",
+     [](Rig& rig) {
+       rig.neighbour("10.0.0.99", kHostMac);
+       rig.remoteBinding(10, "10.0.0.99", kOtherMac);
+       multihomed(rig, "Tep1");
+     },
+     {.senderMac = kBridgeMac},
+     nullptr,
+     false,
+     "replyMultihomedNonDf=1 staticBindingEvent=1 trappedRequest=1"},
+    {"not the designated forwarder, the switch asks, only the kernel knows: flooded",
+     [](Rig& rig) {
+       rig.neighbour("10.0.0.99", kHostMac);
+       multihomed(rig, "Tep1");
+     },
+     {.senderMac = kBridgeMac},
+     nullptr,
+     true,
+     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
+    {"owner on the requester's port",
+     [](Rig& rig) {
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+       multihomed(rig, "Tep1");
+     },
+     {.ifIndex = Rig::kEthernet2},
+     nullptr,
+     false,
+     "replyMultihomedNonDf=1 noReplySamePort=1 trappedRequest=1"},
+    {"port without an interface",
+     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
+     {.ifIndex = Rig::kFabric},
+     nullptr,
+     false,
+     "replyRemote=1 noReplyUnknownSourcePort=1 trappedRequest=1"},
+    {"port that nobody knows",
+     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
+     {.ifIndex = 4711},
+     nullptr,
+     false,
+     "replyRemote=1 noReplyUnknownSourcePort=1 trappedRequest=1"},
+    {"the switch asks: a static binding is asked for",
+     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
+     {.senderMac = kBridgeMac},
+     nullptr,
+     false,
+     "replyRemote=1 staticBindingEvent=1 trappedRequest=1"},
+    {"the switch asks for its own MAC",
+     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kBridgeMac); },
+     {.senderMac = kBridgeMac},
+     nullptr,
+     false,
+     "replyRemote=1 staticBindingBridgeMac=1 trappedRequest=1"},
+    {"the virtual router asks for the virtual router",
+     [](Rig& rig) {
+       rig.state<Routing::Fhrp::VirtualRouterMacStatus>("routing/fhrp/vrMacStatus")
+           ->vgwVirtualMacIs(mac(kVirtualMac));
+       rig.remoteBinding(10, "10.0.0.99", kVirtualMac);
+     },
+     {.senderMac = kVirtualMac},
+     nullptr,
+     false,
+     "replyRemote=1 staticBindingVirtualRouterMac=1 trappedRequest=1"},
+    {"fabric went away",
+     [](Rig& rig) {
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+       rig.device("default", "fabric", 0);
+     },
+     {},
+     nullptr,
+     false,
+     "replyRemote=1 noReplyFabricNotUsable=1 trappedRequest=1"},
+    {"without an interface there is no kernel entry and no static binding, but an answer",
+     [](Rig& rig) {
+       rig.neighbour("10.0.0.99", kOtherMac);
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+       rig.noVlanInterface(10);
+     },
+     {},
+     kHostMac,
+     false,
+     "replyRemote=1 trappedRequest=1"},
+    {"the switch asks on a VLAN that lost its interface",
+     [](Rig& rig) {
+       rig.remoteBinding(10, "10.0.0.99", kHostMac);
+       rig.noVlanInterface(10);
+     },
+     {.senderMac = kBridgeMac},
+     nullptr,
+     false,
+     "replyRemote=1 staticBindingNoVlanL3Info=1 trappedRequest=1"},
+    {"trapped reply goes on", [](Rig&) {}, {.operation = 2}, nullptr, true, "trappedReply=1 reinjected=1"},
+    {"a foreign tag does not change the VLAN",
+     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
+     {.tagged = true, .tag = 20},
+     kHostMac,
+     false,
+     "replyRemote=1 trappedRequest=1"},
+    {"extra data is counted and answered",
+     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
+     {.extra = 32},
+     kHostMac,
+     false,
+     "replyRemote=1 trapExtraData=1 trappedRequest=1"},
+};
+
+TEST(Request, decision_table) {
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Rig rig;
+    c.setUp(rig);
+    rig.start();
+    rig.takeCounters();
+    const TestSupport::Frame frame = c.request.frame();
+    rig.trap(frame);
+    EXPECT_EQ(rig.takeCounters(), c.counters);
+    const auto replies = rig.replies();
+    ASSERT_THAT(replies, SizeIs(c.replyMac ? 1 : 0));
+    if (c.replyMac) {
+      EXPECT_EQ(0, std::memcmp(replies[0].data() + 26, mac(c.replyMac).bytes().data(), 6));
+    }
+    // A flooded message goes back as it came.
+    if (c.flooded) {
+      EXPECT_THAT(rig.reinjected(), ElementsAre(frame));
+    } else {
+      EXPECT_THAT(rig.reinjected(), IsEmpty());
+    }
+    EXPECT_EQ(rig.errors, "");
+  }
+}
+
+TEST(Request, a_binding_that_comes_and_goes_changes_the_answer_at_once) {
+  Rig rig;
+  rig.start();
+  rig.trap(Trapped{});
+  EXPECT_THAT(rig.replies(), IsEmpty());
+  rig.remoteBinding(10, "10.0.0.99", kHostMac);
+  rig.trap(Trapped{});
+  EXPECT_THAT(rig.replies(), SizeIs(1));
+  rig.noRemoteBinding(10, "10.0.0.99");
+  rig.trap(Trapped{});
+  EXPECT_THAT(rig.replies(), IsEmpty());
+}
+
+TEST(Request, failed_sends_are_counted_and_harm_nothing) {
+  Rig rig;
+  rig.remoteBinding(10, "10.0.0.99", kHostMac);
+  rig.start();
+  rig.sockets.fails(TestSupport::FakePacketSockets::Call::send, ENOBUFS);
+  rig.trap(Trapped{});
+  EXPECT_EQ(rig.takeCounters(), "replyRemote=1 replySendFailed=1 trappedRequest=1");
+  rig.trap(Trapped{});
+  EXPECT_THAT(rig.replies(), SizeIs(1));
+}
+
+TEST(Trap, malformed_frames_of_every_kind_are_counted_and_dropped) {
+  Rig rig;
+  rig.remoteBinding(10, "10.0.0.99", kHostMac);
+  rig.start();
+  rig.takeCounters();
+  const auto good = Trapped{}.frame();
+  const auto tagged = Trapped{.tagged = true}.frame();
+  const auto changed = [](TestSupport::Frame frame, std::size_t at, unsigned value) {
+    frame[at] = static_cast<std::byte>(value);
+    return frame;
+  };
+  const auto cut = [](TestSupport::Frame frame, std::size_t size) {
+    frame.resize(size);
+    return frame;
+  };
+  const struct {
+    const char* name;
+    TestSupport::Frame frame;
+    const char* counters;
+  } cases[] = {
+      {"one short of the trap header", cut(good, 27), "trapMalformed=1"},
+      {"the trap header and nothing else", cut(good, 28), "trapMalformed=1"},
+      {"one short of the inner type", cut(good, 29), "trapMalformed=1"},
+      {"the inner type and nothing else", cut(good, 30), "trapMalformed=1"},
+      {"one short of ARP", cut(good, 57), "trapMalformed=1"},
+      {"cut inside the tag", cut(tagged, 33), "trapMalformed=1"},
+      {"tag and nothing else", cut(tagged, 34), "trapMalformed=1"},
+      {"tagged, one short of ARP", cut(tagged, 61), "trapMalformed=1"},
+      {"VLAN 0", changed(good, 19, 0), "trapMalformed=1"},
+      {"VLAN 4095", changed(changed(good, 18, 0x0f), 19, 0xff), "trapMalformed=1"},
+      {"VLAN beyond 16 bits", changed(good, 16, 1), "trapMalformed=1"},
+      {"VLAN 4094, not enabled", changed(changed(good, 18, 0x0f), 19, 0xfe), "trapVlanNotEnabled=1"},
+      {"IPv6 inside", changed(changed(good, 28, 0x86), 29, 0xdd), "trapMalformed=1"},
+      {"tag with IPv4 inside", changed(changed(tagged, 32, 8), 33, 0), "trapMalformed=1"},
+      {"two tags", changed(changed(tagged, 32, 0x81), 33, 0), "trapMalformed=1"},
+      {"not Ethernet", changed(good, 31, 6), "trapMalformed=1"},
+      {"not IPv4", changed(good, 32, 0x86), "trapMalformed=1"},
+      {"hardware length", changed(good, 34, 8), "trapMalformed=1"},
+      {"protocol length", changed(good, 35, 16), "trapMalformed=1"},
+      {"reverse request", changed(good, 37, 3), "trapNotRequestOrReply=1"},
+      {"operation 0x0101", changed(good, 36, 1), "trapNotRequestOrReply=1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    rig.trap(c.frame);
+    EXPECT_EQ(rig.takeCounters(), c.counters);
+  }
+  // What has no Ethernet type, or another one, does not pass a socket of the trap's own; the parser refuses
+  // it all the same.
+  MessageTrapSm& trapSm = *rig.rootSm()->messageTrapSm();
+  trapSm.processMessage({});
+  trapSm.processMessage(cut(good, 1));
+  trapSm.processMessage(changed(good, 13, 0x36));
+  EXPECT_EQ(rig.takeCounters(), "trapMalformed=3");
+  EXPECT_THAT(rig.replies(), IsEmpty());
+  EXPECT_THAT(rig.reinjected(), IsEmpty());
+  rig.trap(good);
+  EXPECT_THAT(rig.replies(), SizeIs(1)) << "the agent is unharmed";
+}
+
+TEST(Trap, read_errors_end_the_walk_and_the_next_frame_starts_a_new_one) {
+  using Call = TestSupport::FakePacketSockets::Call;
+  Rig rig;
+  rig.remoteBinding(10, "10.0.0.99", kHostMac);
+  rig.start();
+  rig.sockets.fails(Call::read, EINTR, 3);
+  rig.trap(Trapped{});
+  EXPECT_EQ(rig.takeCounters(), "replyRemote=1 trappedRequest=1");
+  rig.sockets.fails(Call::read, ENETDOWN);
+  rig.trap(Trapped{});
+  EXPECT_EQ(rig.takeCounters(), "trapReadFailed=1");
+  rig.trap(Trapped{});
+  EXPECT_EQ(rig.takeCounters(), "replyRemote=2 trappedRequest=2") << "the frame that waited, and the new one";
+}
+
+TEST(Trap, socket_follows_its_device) {
+  Rig rig;
+  rig.remoteBinding(10, "10.0.0.99", kHostMac);
+  rig.start();
+  const int open = rig.sockets.openSockets();
+  EXPECT_EQ(rig.sockets.device(Rig::kArpsnoop).bound(), 1);
+  EXPECT_EQ(rig.sockets.receiveBuffer(), 0) << "the socket for sending queues nothing";
+  rig.device("default", "arpsnoop", 0);
+  rig.settle();
+  EXPECT_EQ(rig.sockets.openSockets(), open - 1);
+  rig.device("default", "arpsnoop", 55);
+  rig.settle();
+  EXPECT_EQ(rig.sockets.openSockets(), open);
+  EXPECT_EQ(rig.sockets.device(55).bound(), 1);
+  rig.sockets.device(55).receives(Trapped{}.frame());
+  rig.settle();
+  EXPECT_THAT(rig.replies(), SizeIs(1));
+  // A device that cannot be bound leaves no descriptor behind; its next index is tried again.
+  rig.sockets.fails(TestSupport::FakePacketSockets::Call::bind, ENODEV);
+  rig.device("default", "arpsnoop", 56);
+  rig.settle();
+  EXPECT_EQ(rig.sockets.openSockets(), open - 1);
+  rig.device("default", "arpsnoop", 57);
+  rig.settle();
+  EXPECT_EQ(rig.sockets.device(57).bound(), 1);
+  rig.kill();
+  EXPECT_EQ(rig.sockets.openSockets(), 0);
+  EXPECT_THAT(rig.netlinkSockets.openSockets(), IsEmpty());
+}
+
+TEST(Reinject, while_the_device_is_away_messages_are_dropped_uncounted) {
+  Rig rig;
+  rig.start();
+  rig.device("default", "arpinject", 0);
+  rig.settle();
+  rig.takeCounters();
+  rig.trap(Trapped{});
+  EXPECT_EQ(rig.takeCounters(), "floodedToRemoteTeps=1 trappedRequest=1");
+  EXPECT_EQ(rig.root()->reinjectMessageQueue->messages(), 0u);
+}
+
+TEST(Reinject, a_full_device_costs_one_message_and_the_rest_goes_when_it_takes_frames_again) {
+  Rig rig;
+  rig.start();
+  rig.sockets.device(Rig::kArpinject).fullIs(true);
+  rig.takeCounters();
+  rig.trap(Trapped{});
+  EXPECT_EQ(rig.takeCounters(), "floodedToRemoteTeps=1 trappedRequest=1 reinjectWriteFailed=1");
+  EXPECT_EQ(rig.root()->reinjectMessageQueue->queueLimitCurrent(), 50u);
+  for (int i = 0; i < 3; ++i) rig.sockets.device(Rig::kArpsnoop).receives(Trapped{}.frame());
+  rig.settle();
+  EXPECT_EQ(rig.root()->reinjectMessageQueue->messages(), 2u) << "one run lost one message";
+  rig.sockets.device(Rig::kArpinject).fullIs(false);
+  rig.settle();
+  EXPECT_EQ(rig.root()->reinjectMessageQueue->messages(), 0u);
+  EXPECT_EQ(rig.takeCounters(), "floodedToRemoteTeps=3 trappedRequest=3 reinjected=2 reinjectWriteFailed=1");
+}
+
+}  // namespace
+}  // namespace ArpSuppression
