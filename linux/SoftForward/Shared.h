@@ -1,0 +1,96 @@
+#pragma once
+
+// What the eBPF programs and the loader both know: map keys and values, marks, frame sizes. Included from C
+// (the programs) and from C++ (the loader and the tests). Every structure spells out its padding, which is
+// zero.
+//
+// Integers in maps are in the byte order of the host; what is in frames is big-endian.
+
+#include <linux/types.h>
+
+// A frame that was copied to the agent carries this mark while it crosses the bridge: the upper 20 bits say
+// that it is ours, the lower 12 bits are the VLAN. The kernel clears marks when a frame leaves the network
+// namespace.
+#define SOFT_FORWARD_MARK 0xA5B07000U
+#define SOFT_FORWARD_MARK_MASK 0xFFFFF000U
+#define SOFT_FORWARD_VLAN_MASK 0x00000FFFU
+
+// The trap header, as the agent reads it on "arpsnoop" and writes it back to "arpinject". It is the original
+// frame with 16 bytes put between its source address and its ethertype:
+//
+//   offset  size  field
+//        0     6  destination address of the frame
+//        6     6  source address of the frame
+//       12     2  SOFT_FORWARD_TRAP_ETHERTYPE
+//       14     2  zero
+//       16     4  VLAN
+//       20     4  interface index of the port that received the frame
+//       24     4  zero
+//       28     -  the frame from its ethertype on
+#define SOFT_FORWARD_TRAP_ETHERTYPE 0x8135
+#define SOFT_FORWARD_TRAP_PUSH 16
+
+// The longest frame that is trapped, Ethernet header included; the devices of the pairs are made for it.
+#define SOFT_FORWARD_MAX_FRAME 9216
+
+#define SOFT_FORWARD_MAX_TUNNEL_PORTS 32
+#define SOFT_FORWARD_MAX_VLANS 4096
+#define SOFT_FORWARD_MAX_PORTS 16384
+
+enum SoftForwardRole {
+  SOFT_FORWARD_ROLE_ACCESS = 1,
+  SOFT_FORWARD_ROLE_TUNNEL = 2,
+};
+
+// Map "ports": what a bridge port is, by interface index (__u32).
+struct SoftForwardPort {
+  __u16 vlan;
+  __u8 role;  // SoftForwardRole
+  __u8 zero;
+};
+
+// Map "active_vlans": the VLANs (__u32) on which suppression is active. A VLAN that is absent has its frames
+// passed.
+struct SoftForwardActiveVlan {
+  __u32 active;  // 1
+  __u32 zero;
+};
+
+// Map "vlan_paths": where frames of the agent go, by VLAN (__u32).
+struct SoftForwardVlanPaths {
+  __u32 wayIn;        // interface index of the device that leads into the bridge; 0: none
+  __u32 tunnelPorts;  // how many of the indexes below are there
+  __u32 tunnelPort[SOFT_FORWARD_MAX_TUNNEL_PORTS];
+};
+
+// Map "settings", one entry.
+struct SoftForwardSettings {
+  __u32 trapPeer;  // interface index of the inner end of "arpsnoop"; 0: nothing is trapped
+  __u32 zero;
+};
+
+// Map "counters", one per-CPU __u64 each.
+enum SoftForwardCounter {
+  SOFT_FORWARD_TRAPPED,             // frames copied to the agent
+  SOFT_FORWARD_TRAP_FAILED,         // copies that failed: the frame was passed as if suppression were off
+  SOFT_FORWARD_TUNNEL_DROPPED,      // marked frames kept from a tunnel port
+  SOFT_FORWARD_INJECTED,            // frames of "arpinject" that were sent out of their VLAN's tunnel ports
+  SOFT_FORWARD_INJECT_SEND_FAILED,  // a tunnel port did not take such a frame
+  SOFT_FORWARD_REPLIED,             // frames of "fabric" that were handed to their VLAN's bridge
+  SOFT_FORWARD_UNEXPECTED,          // frames on the pairs that belong to none of the above: dropped
+  SOFT_FORWARD_COUNTERS,
+};
+
+// What the first program behind "arpinject" tells the second in front of the frame (XDP metadata).
+struct SoftForwardInjectMeta {
+  __u32 magic;  // SOFT_FORWARD_MARK
+  __u32 vlan;
+};
+
+#ifdef __cplusplus
+static_assert(sizeof(SoftForwardPort) == 4);
+static_assert(sizeof(SoftForwardActiveVlan) == 8);
+static_assert(sizeof(SoftForwardVlanPaths) == 8 + 4 * SOFT_FORWARD_MAX_TUNNEL_PORTS);
+static_assert(sizeof(SoftForwardSettings) == 8);
+static_assert(sizeof(SoftForwardInjectMeta) == 8);
+#endif

@@ -1,0 +1,260 @@
+// The forwarding programs. Frames are read with bpf_skb_load_bytes into the stack, so that a frame is never
+// linearised or otherwise touched by a program that lets it pass.
+//
+//   access_ingress  tc ingress of access ports       ARP goes to the agent as a copy, and on into the bridge
+//   marked tunnel_egress   tc egress of tunnel ports        what was marked does not leave trap_egress     tc
+//   egress of the trap peer       puts the trap header into the copy inject_strip    XDP of the inject peer
+//   takes the trap header off inject_ingress  tc ingress of the inject peer    sends the frame out of the
+//   tunnel ports fabric_ingress  tc ingress of the fabric peer    takes the tag off and hands the frame to
+//   the bridge drop_all        the other directions of the peers, and the host's side of the ways into the
+//   bridges
+//
+// The programs on ports answer TC_ACT_UNSPEC for what they let pass, so that filters of others behind them
+// still run.
+
+#include <linux/bpf.h>
+#include <linux/if_ether.h>
+#include <linux/pkt_cls.h>
+#include <stdbool.h>
+#include <stddef.h>
+
+#include <bpf/bpf_endian.h>
+#include <bpf/bpf_helpers.h>
+
+#include "../Shared.h"
+
+#define ARP_LENGTH 28
+#define VLAN_TAG 4
+#define MAX_VLAN_ID 4094
+
+struct ArpFrame {
+  __u8 destination[ETH_ALEN];
+  __u8 source[ETH_ALEN];
+  __be16 ethertype;
+  __be16 hardware;
+  __be16 protocol;
+  __u8 hardwareLength;
+  __u8 protocolLength;
+  __be16 operation;
+  __u8 addresses[20];
+} __attribute__((packed));
+_Static_assert(sizeof(struct ArpFrame) == ETH_HLEN + ARP_LENGTH, "an Ethernet header and an ARP packet");
+
+struct TrapHeader {
+  __u8 destination[ETH_ALEN];
+  __u8 source[ETH_ALEN];
+  __be16 ethertype;
+  __u16 zero1;
+  __be32 vlan;
+  __be32 port;
+  __u32 zero2;
+} __attribute__((packed));
+_Static_assert(sizeof(struct TrapHeader) == 2 * ETH_ALEN + SOFT_FORWARD_TRAP_PUSH,
+               "the header before the ethertype");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, SOFT_FORWARD_MAX_PORTS);
+  __uint(map_flags, BPF_F_NO_PREALLOC);
+  __type(key, __u32);
+  __type(value, struct SoftForwardPort);
+} ports SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, SOFT_FORWARD_MAX_VLANS);
+  __uint(map_flags, BPF_F_NO_PREALLOC);
+  __type(key, __u32);
+  __type(value, struct SoftForwardActiveVlan);
+} active_vlans SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, SOFT_FORWARD_MAX_VLANS);
+  __uint(map_flags, BPF_F_NO_PREALLOC);
+  __type(key, __u32);
+  __type(value, struct SoftForwardVlanPaths);
+} vlan_paths SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(max_entries, 1);
+  __type(key, __u32);
+  __type(value, struct SoftForwardSettings);
+} settings SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+  __uint(max_entries, SOFT_FORWARD_COUNTERS);
+  __type(key, __u32);
+  __type(value, __u64);
+} counters SEC(".maps");
+
+static __always_inline void count(__u32 counter) {
+  __u64* value = bpf_map_lookup_elem(&counters, &counter);
+  if (value) ++*value;
+}
+
+static __always_inline int unexpected(void) {
+  count(SOFT_FORWARD_UNEXPECTED);
+  return TC_ACT_SHOT;
+}
+
+static __always_inline bool isBroadcast(const __u8* address) {
+  return (address[0] & address[1] & address[2] & address[3] & address[4] & address[5]) == 0xFF;
+}
+
+static __always_inline bool isIpv4Arp(const struct ArpFrame* frame) {
+  return frame->ethertype == bpf_htons(ETH_P_ARP) && frame->hardware == bpf_htons(1) &&
+         frame->protocol == bpf_htons(ETH_P_IP) && frame->hardwareLength == ETH_ALEN &&
+         frame->protocolLength == 4 && (frame->operation == bpf_htons(1) || frame->operation == bpf_htons(2));
+}
+
+static __always_inline bool isMarked(const struct __sk_buff* skb) {
+  return (skb->mark & SOFT_FORWARD_MARK_MASK) == SOFT_FORWARD_MARK;
+}
+
+SEC("tc")
+int access_ingress(struct __sk_buff* skb) {
+  // A tag that the device took off is beside the frame: what is tagged is not this VLAN's.
+  if (skb->protocol != bpf_htons(ETH_P_ARP) || skb->vlan_present) return TC_ACT_UNSPEC;
+  if (skb->len > SOFT_FORWARD_MAX_FRAME) return TC_ACT_UNSPEC;
+  struct ArpFrame frame;
+  if (bpf_skb_load_bytes(skb, 0, &frame, sizeof frame) < 0) return TC_ACT_UNSPEC;
+  if (!isBroadcast(frame.destination) || !isIpv4Arp(&frame)) return TC_ACT_UNSPEC;
+
+  __u32 ifIndex = skb->ifindex;
+  const struct SoftForwardPort* port = bpf_map_lookup_elem(&ports, &ifIndex);
+  if (!port || port->role != SOFT_FORWARD_ROLE_ACCESS) return TC_ACT_UNSPEC;
+  __u32 vlan = port->vlan;
+  const struct SoftForwardActiveVlan* activeVlan = bpf_map_lookup_elem(&active_vlans, &vlan);
+  if (!activeVlan || !activeVlan->active) return TC_ACT_UNSPEC;
+  __u32 zero = 0;
+  const struct SoftForwardSettings* setting = bpf_map_lookup_elem(&settings, &zero);
+  if (!setting || !setting->trapPeer) return TC_ACT_UNSPEC;
+
+  // The copy takes the mark along: that is how trap_egress learns the VLAN.
+  const __u32 before = skb->mark;
+  skb->mark = SOFT_FORWARD_MARK | (vlan & SOFT_FORWARD_VLAN_MASK);
+  if (bpf_clone_redirect(skb, setting->trapPeer, 0) != 0) {
+    // Nobody will decide about this frame, so it must reach everybody.
+    skb->mark = before;
+    count(SOFT_FORWARD_TRAP_FAILED);
+    return TC_ACT_UNSPEC;
+  }
+  count(SOFT_FORWARD_TRAPPED);
+  return TC_ACT_UNSPEC;
+}
+
+SEC("tc")
+int tunnel_egress(struct __sk_buff* skb) {
+  if (!isMarked(skb) || skb->protocol != bpf_htons(ETH_P_ARP)) return TC_ACT_UNSPEC;
+  __u32 ifIndex = skb->ifindex;
+  const struct SoftForwardPort* port = bpf_map_lookup_elem(&ports, &ifIndex);
+  if (!port || port->role != SOFT_FORWARD_ROLE_TUNNEL) return TC_ACT_UNSPEC;
+  count(SOFT_FORWARD_TUNNEL_DROPPED);
+  return TC_ACT_SHOT;
+}
+
+SEC("tc")
+int trap_egress(struct __sk_buff* skb) {
+  if (!isMarked(skb)) return unexpected();
+  struct TrapHeader header = {
+      .ethertype = bpf_htons(SOFT_FORWARD_TRAP_ETHERTYPE),
+      .vlan = bpf_htonl(skb->mark & SOFT_FORWARD_VLAN_MASK),
+      .port = bpf_htonl(skb->ingress_ifindex),
+  };
+  if (bpf_skb_load_bytes(skb, 0, header.destination, 2 * ETH_ALEN) < 0) return unexpected();
+  if (bpf_skb_change_head(skb, SOFT_FORWARD_TRAP_PUSH, 0) < 0) return unexpected();
+  if (bpf_skb_store_bytes(skb, 0, &header, sizeof header, 0) < 0) return unexpected();
+  skb->mark = 0;
+  return TC_ACT_OK;
+}
+
+SEC("xdp")
+int inject_strip(struct xdp_md* context) {
+  void* data = (void*)(long)context->data;
+  const void* end = (const void*)(long)context->data_end;
+  struct TrapHeader header;
+  if (data + sizeof header + sizeof(__be16) + ARP_LENGTH > end) goto unexpected;
+  __builtin_memcpy(&header, data, sizeof header);
+  __be16 inner;
+  __builtin_memcpy(&inner, data + sizeof header, sizeof inner);
+  const __u32 vlan = bpf_ntohl(header.vlan);
+  if (header.ethertype != bpf_htons(SOFT_FORWARD_TRAP_ETHERTYPE) || vlan == 0 || vlan > MAX_VLAN_ID)
+    goto unexpected;
+  if (inner != bpf_htons(ETH_P_ARP) && inner != bpf_htons(ETH_P_8021Q)) goto unexpected;
+
+  if (bpf_xdp_adjust_head(context, SOFT_FORWARD_TRAP_PUSH) < 0) goto unexpected;
+  data = (void*)(long)context->data;
+  end = (const void*)(long)context->data_end;
+  if (data + 2 * ETH_ALEN > end) goto unexpected;
+  __builtin_memcpy(data, &header, 2 * ETH_ALEN);
+
+  if (bpf_xdp_adjust_meta(context, -(int)sizeof(struct SoftForwardInjectMeta)) < 0) goto unexpected;
+  struct SoftForwardInjectMeta* meta = (void*)(long)context->data_meta;
+  if ((const void*)(meta + 1) > (const void*)(long)context->data) goto unexpected;
+  meta->magic = SOFT_FORWARD_MARK;
+  meta->vlan = vlan;
+  return XDP_PASS;
+
+unexpected:
+  count(SOFT_FORWARD_UNEXPECTED);
+  return XDP_DROP;
+}
+
+SEC("tc")
+int inject_ingress(struct __sk_buff* skb) {
+  const struct SoftForwardInjectMeta* meta = (const void*)(long)skb->data_meta;
+  if ((const void*)(meta + 1) > (const void*)(long)skb->data || meta->magic != SOFT_FORWARD_MARK)
+    return unexpected();
+  __u32 vlan = meta->vlan;
+  const struct SoftForwardVlanPaths* paths = bpf_map_lookup_elem(&vlan_paths, &vlan);
+  if (!paths) return unexpected();
+
+  skb->mark = 0;  // whatever the sender's socket put there: a marked frame would not get out
+  for (__u32 i = 0; i < SOFT_FORWARD_MAX_TUNNEL_PORTS; ++i) {
+    if (i >= paths->tunnelPorts) break;
+    if (bpf_clone_redirect(skb, paths->tunnelPort[i], 0) != 0) count(SOFT_FORWARD_INJECT_SEND_FAILED);
+  }
+  count(SOFT_FORWARD_INJECTED);
+  return TC_ACT_SHOT;
+}
+
+SEC("tc")
+int fabric_ingress(struct __sk_buff* skb) {
+  // The tag is beside the frame when the kernel took it off, and inside when the frame did not come through
+  // its receive path.
+  __u32 vlan;
+  if (skb->vlan_present) {
+    if (skb->vlan_proto != bpf_htons(ETH_P_8021Q)) return unexpected();
+    vlan = skb->vlan_tci & SOFT_FORWARD_VLAN_MASK;
+  } else {
+    __be16 tag[2];
+    if (bpf_skb_load_bytes(skb, 2 * ETH_ALEN, tag, sizeof tag) < 0) return unexpected();
+    if (tag[0] != bpf_htons(ETH_P_8021Q)) return unexpected();
+    vlan = bpf_ntohs(tag[1]) & SOFT_FORWARD_VLAN_MASK;
+  }
+  const struct SoftForwardVlanPaths* paths = bpf_map_lookup_elem(&vlan_paths, &vlan);
+  if (!paths || !paths->wayIn) return unexpected();
+  const __u32 wayIn = paths->wayIn;
+
+  if (bpf_skb_vlan_pop(skb) < 0 || skb->vlan_present) return unexpected();
+  struct ArpFrame frame;
+  if (bpf_skb_load_bytes(skb, 0, &frame, sizeof frame) < 0) return unexpected();
+  if (!isIpv4Arp(&frame)) return unexpected();
+
+  // An answer is for a host of this switch. Should the bridge have forgotten where that host is and flood the
+  // frame, the mark keeps it from the overlay.
+  skb->mark = SOFT_FORWARD_MARK | vlan;
+  count(SOFT_FORWARD_REPLIED);
+  return bpf_redirect(wayIn, 0);
+}
+
+SEC("tc")
+int drop_all(struct __sk_buff* skb) {
+  (void)skb;
+  return unexpected();
+}
+
+char LICENSE[] SEC("license") = "GPL";

@@ -1,0 +1,297 @@
+// Frames in, frames out: each program is run by the kernel on a frame from a table, without a network.
+
+#include "SoftForward/Programs.h"
+
+#include <bpf/bpf.h>
+#include <gtest/gtest.h>
+#include <linux/bpf.h>
+#include <linux/if_ether.h>
+#include <linux/pkt_cls.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+
+#include <cstring>
+
+#include "SoftForward/Links.h"
+#include "SoftForward/Shared.h"
+#include "lab/Lab.h"
+
+namespace SoftForward {
+namespace {
+
+constexpr std::uint16_t kVlan = 10;
+constexpr std::uint32_t kLoopback = 1;  // the device on which the kernel runs a tc program for a test
+constexpr std::uint32_t kMark = SOFT_FORWARD_MARK | kVlan;
+
+const Lab::Arp kRequest{1, {2, 0, 0, 0, 0, 1}, {10, 0, 0, 1}, {}, {10, 0, 0, 2}};
+
+Lab::Frame changed(Lab::Frame frame, std::size_t offset, std::uint8_t value) {
+  frame.at(offset) = std::byte{value};
+  return frame;
+}
+
+Lab::Frame resized(Lab::Frame frame, std::size_t size) {
+  frame.resize(size, std::byte{0x5A});
+  return frame;
+}
+
+// The frame behind the trap header.
+Lab::Frame trapped(const Lab::Frame& frame, std::uint32_t vlan, std::uint32_t port) {
+  Lab::Frame result(frame.begin(), frame.begin() + 12);
+  for (const std::uint32_t word : {0x81350000U, vlan, port, 0U})
+    for (int shift = 24; shift >= 0; shift -= 8)
+      result.push_back(static_cast<std::byte>(word >> shift & 0xFF));
+  result.insert(result.end(), frame.begin() + 12, frame.end());
+  return result;
+}
+
+class ProgramsTest : public testing::Test {
+ protected:
+  struct Outcome {
+    int result;
+    Lab::Frame frame;
+    std::uint32_t mark;
+  };
+
+  void SetUp() override { ASSERT_EQ(programs_.load(), std::nullopt); }
+
+  Outcome run(Program program, const Lab::Frame& frame, std::uint32_t mark = 0, std::uint32_t ingress = 0) {
+    __sk_buff in{};
+    __sk_buff out{};
+    in.mark = mark;
+    in.ingress_ifindex = ingress;
+    Lab::Frame result(frame.size() + 64);
+    bpf_test_run_opts options{};
+    options.sz = sizeof options;
+    options.data_in = frame.data();
+    options.data_size_in = static_cast<__u32>(frame.size());
+    options.data_out = result.data();
+    options.data_size_out = static_cast<__u32>(result.size());
+    options.ctx_in = &in;
+    options.ctx_size_in = sizeof in;
+    options.ctx_out = &out;
+    options.ctx_size_out = sizeof out;
+    EXPECT_EQ(bpf_prog_test_run_opts(programs_.fd(program), &options), 0);
+    result.resize(options.data_size_out);
+    return {static_cast<int>(options.retval), result, out.mark};
+  }
+
+  void trapsOnLoopback() {
+    Netlink::Socket socket(NETLINK_ROUTE);
+    ASSERT_EQ(Links(socket).upIs("lo", kLoopback), std::nullopt);
+    ASSERT_EQ(programs_.trapPeerIs(kLoopback), std::nullopt);
+    ASSERT_EQ(programs_.portIs(kLoopback, kVlan, PortRole::access), std::nullopt);
+    ASSERT_EQ(programs_.activeVlanIs(kVlan, true), std::nullopt);
+  }
+
+  Lab::Namespace namespace_;
+  Lab::Entered entered_{namespace_};
+  Programs programs_;
+};
+
+TEST_F(ProgramsTest, WhatAnAccessPortTraps) {
+  trapsOnLoopback();
+  const Lab::Frame request = Lab::arpFrame(kRequest);
+  Lab::Arp answer = kRequest;
+  answer.operation = 2;
+  const struct {
+    const char* what;
+    Lab::Frame frame;
+    bool traps;
+  } kCases[] = {
+      {"request", request, true},
+      {"reply", Lab::arpFrame(answer), true},
+      {"padded to 60 bytes", resized(request, 60), true},
+      {"a byte short", resized(request, 41), false},
+      {"only the Ethernet header and the start", resized(request, 20), false},
+      {"unicast", changed(request, 0, 0x02), false},
+      {"almost broadcast", changed(request, 5, 0xFE), false},
+      {"not Ethernet", changed(request, 15, 6), false},
+      {"not IPv4", changed(request, 17, 6), false},
+      {"hardware length 8", changed(request, 18, 8), false},
+      {"protocol length 16", changed(request, 19, 16), false},
+      {"operation 0", changed(request, 21, 0), false},
+      {"operation 3", changed(request, 21, 3), false},
+      {"operation 257", changed(request, 20, 1), false},
+      {"another ethertype", changed(request, 13, 0x35), false},
+      {"tagged", Lab::tagged(request, kVlan), false},
+  };
+  std::uint64_t expected = 0;
+  for (const auto& test : kCases) {
+    SCOPED_TRACE(test.what);
+    const Outcome outcome = run(Program::accessIngress, test.frame, 7);
+    EXPECT_EQ(outcome.result, TC_ACT_UNSPEC);  // the frame goes on whatever it is
+    EXPECT_EQ(Lab::hex(outcome.frame), Lab::hex(test.frame));
+    EXPECT_EQ(outcome.mark, test.traps ? kMark : 7U);
+    expected += test.traps ? 1 : 0;
+    EXPECT_EQ(programs_.statistics().trapped, expected);
+  }
+  EXPECT_EQ(programs_.statistics().trapFailed, 0U);
+}
+
+TEST_F(ProgramsTest, WhenAnAccessPortPassesARequest) {
+  const Lab::Frame request = Lab::arpFrame(kRequest);
+  const auto passes = [&](const char* when) {
+    SCOPED_TRACE(when);
+    const Outcome outcome = run(Program::accessIngress, request, 7);
+    EXPECT_EQ(outcome.result, TC_ACT_UNSPEC);
+    EXPECT_EQ(outcome.mark, 7U);
+    EXPECT_EQ(programs_.statistics().trapped, 0U);
+  };
+  passes("nothing is configured");
+  trapsOnLoopback();
+  ASSERT_EQ(programs_.activeVlanIs(kVlan, false), std::nullopt);
+  passes("suppression is not active");
+  ASSERT_EQ(programs_.activeVlanIs(kVlan, true), std::nullopt);
+  ASSERT_EQ(programs_.portIs(kLoopback, kVlan + 1, PortRole::access), std::nullopt);
+  passes("it is active on another VLAN");
+  ASSERT_EQ(programs_.portIs(kLoopback, kVlan, PortRole::tunnel), std::nullopt);
+  passes("the port leads to the overlay");
+  ASSERT_EQ(programs_.portDel(kLoopback), std::nullopt);
+  passes("the port is not known");
+  ASSERT_EQ(programs_.portIs(kLoopback, kVlan, PortRole::access), std::nullopt);
+  ASSERT_EQ(programs_.trapPeerIs(0), std::nullopt);
+  passes("there is no trap peer");
+  EXPECT_EQ(programs_.statistics().trapFailed, 0U);
+  ASSERT_EQ(programs_.trapPeerIs(4000), std::nullopt);
+  passes("the trap peer is gone");
+  EXPECT_EQ(programs_.statistics().trapFailed, 1U);
+}
+
+TEST_F(ProgramsTest, WhatATunnelPortDrops) {
+  const Lab::Frame request = Lab::arpFrame(kRequest);
+  const struct {
+    const char* what;
+    Lab::Frame frame;
+    std::uint32_t mark;
+    bool drops;
+  } kCases[] = {
+      {"marked ARP", request, kMark, true},
+      {"marked ARP of another VLAN", request, SOFT_FORWARD_MARK | 4094, true},
+      {"unmarked ARP", request, 0, false},
+      {"a mark of others", request, 0x10000000U | kVlan, false},
+      {"marked, but not ARP", changed(request, 12, 0x86), kMark, false},
+  };
+  EXPECT_EQ(run(Program::tunnelEgress, request, kMark).result, TC_ACT_UNSPEC)
+      << "on a port that is not known";
+  ASSERT_EQ(programs_.portIs(kLoopback, kVlan, PortRole::tunnel), std::nullopt);
+  std::uint64_t dropped = 0;
+  for (const auto& test : kCases) {
+    SCOPED_TRACE(test.what);
+    EXPECT_EQ(run(Program::tunnelEgress, test.frame, test.mark).result,
+              test.drops ? TC_ACT_SHOT : TC_ACT_UNSPEC);
+    dropped += test.drops ? 1 : 0;
+    EXPECT_EQ(programs_.statistics().tunnelDropped, dropped);
+  }
+}
+
+TEST_F(ProgramsTest, TheTrapPeerPutsTheHeaderIntoCopiesOnly) {
+  const Lab::Frame request = resized(Lab::arpFrame(kRequest), 60);
+  const Outcome outcome = run(Program::trapEgress, request, SOFT_FORWARD_MARK | 4094, 0x01020304);
+  EXPECT_EQ(outcome.result, TC_ACT_OK);
+  EXPECT_EQ(Lab::hex(outcome.frame), Lab::hex(trapped(request, 4094, 0x01020304)));
+  EXPECT_EQ(outcome.mark, 0U);
+  EXPECT_EQ(programs_.statistics().unexpected, 0U);
+
+  EXPECT_EQ(run(Program::trapEgress, request, 0).result, TC_ACT_SHOT);
+  EXPECT_EQ(run(Program::trapEgress, request, 0xFFF00000U | kVlan).result, TC_ACT_SHOT);
+  EXPECT_EQ(run(Program::dropAll, request, kMark).result, TC_ACT_SHOT);
+  EXPECT_EQ(programs_.statistics().unexpected, 3U);
+}
+
+TEST_F(ProgramsTest, TheInjectPeerTakesTheHeaderOff) {
+  const Lab::Frame request = Lab::arpFrame(kRequest);
+  const Lab::Frame whole = trapped(request, 0x0ABC, 7);
+  const struct {
+    const char* what;
+    Lab::Frame buffer;
+    Lab::Frame frame;  // empty: dropped
+  } kCases[] = {
+      {"untagged", whole, request},
+      {"padded", trapped(resized(request, 60), 0x0ABC, 7), resized(request, 60)},
+      {"tagged", trapped(Lab::tagged(request, 3), 0x0ABC, 7), Lab::tagged(request, 3)},
+      {"a byte short", resized(whole, 57), {}},
+      {"the header only", resized(whole, 28), {}},
+      {"another outer ethertype", changed(whole, 13, 0x36), {}},
+      {"VLAN 0", trapped(request, 0, 7), {}},
+      {"VLAN 4095", trapped(request, 4095, 7), {}},
+      {"a VLAN beyond 12 bits", trapped(request, 0x10ABC, 7), {}},
+      {"not ARP inside", changed(whole, 28, 0x86), {}},
+  };
+  std::uint64_t unexpected = 0;
+  for (const auto& test : kCases) {
+    SCOPED_TRACE(test.what);
+    xdp_md context{};
+    context.data_end = static_cast<__u32>(test.buffer.size());
+    xdp_md after{};
+    Lab::Frame result(200);
+    bpf_test_run_opts options{};
+    options.sz = sizeof options;
+    options.data_in = test.buffer.data();
+    options.data_size_in = static_cast<__u32>(test.buffer.size());
+    options.data_out = result.data();
+    options.data_size_out = static_cast<__u32>(result.size());
+    options.ctx_in = &context;
+    options.ctx_size_in = sizeof context;
+    options.ctx_out = &after;
+    options.ctx_size_out = sizeof after;
+    ASSERT_EQ(bpf_prog_test_run_opts(programs_.fd(Program::injectStrip), &options), 0);
+    result.resize(options.data_size_out);
+    if (test.frame.empty()) {
+      EXPECT_EQ(options.retval, static_cast<__u32>(XDP_DROP));
+      EXPECT_EQ(programs_.statistics().unexpected, ++unexpected);
+      continue;
+    }
+    EXPECT_EQ(options.retval, static_cast<__u32>(XDP_PASS));
+    SoftForwardInjectMeta meta;
+    ASSERT_EQ(after.data, sizeof meta);
+    ASSERT_GE(result.size(), sizeof meta);
+    std::memcpy(&meta, result.data(), sizeof meta);
+    EXPECT_EQ(meta.magic, SOFT_FORWARD_MARK);
+    EXPECT_EQ(meta.vlan, 0x0ABCU);
+    EXPECT_EQ(Lab::hex({result.begin() + sizeof meta, result.end()}), Lab::hex(test.frame));
+  }
+  // What comes without the first program's word is nobody's.
+  EXPECT_EQ(run(Program::injectIngress, request).result, TC_ACT_SHOT);
+  EXPECT_EQ(programs_.statistics().unexpected, ++unexpected);
+}
+
+// The tag is inside the frame here; on a real device the kernel takes it off first.
+TEST_F(ProgramsTest, TheFabricPeerTakesTheTagOff) {
+  ASSERT_EQ(programs_.vlanPathsIs(kVlan, kLoopback, {}), std::nullopt);
+  ASSERT_EQ(programs_.vlanPathsIs(kVlan + 1, 0, {}), std::nullopt);
+  Lab::Arp arp = kRequest;
+  arp.operation = 2;
+  const Lab::Frame reply = Lab::arpFrame(arp, {2, 0, 0, 0, 0, 9});
+  const struct {
+    const char* what;
+    Lab::Frame frame;
+    bool forwards;
+  } kCases[] = {
+      {"reply", Lab::tagged(reply, kVlan), true},
+      {"reply with a priority", Lab::tagged(reply, 0xE000 | kVlan), true},
+      {"untagged", reply, false},
+      {"a VLAN that is not known", Lab::tagged(reply, kVlan + 2), false},
+      {"a VLAN without a way in", Lab::tagged(reply, kVlan + 1), false},
+      {"tagged twice", Lab::tagged(Lab::tagged(reply, 3), kVlan), false},
+      {"not ARP", Lab::tagged(changed(reply, 12, 0x86), kVlan), false},
+      {"short", Lab::tagged(resized(reply, 41), kVlan), false},
+      {"operation 3", Lab::tagged(changed(reply, 21, 3), kVlan), false},
+  };
+  std::uint64_t replied = 0;
+  std::uint64_t unexpected = 0;
+  for (const auto& test : kCases) {
+    SCOPED_TRACE(test.what);
+    const Outcome outcome = run(Program::fabricIngress, test.frame);
+    EXPECT_EQ(outcome.result, test.forwards ? TC_ACT_REDIRECT : TC_ACT_SHOT);
+    if (test.forwards) {
+      EXPECT_EQ(Lab::hex(outcome.frame), Lab::hex(reply));
+    }
+    (test.forwards ? replied : unexpected) += 1;
+    EXPECT_EQ(programs_.statistics().replied, replied);
+    EXPECT_EQ(programs_.statistics().unexpected, unexpected);
+  }
+}
+
+}  // namespace
+}  // namespace SoftForward
