@@ -1,0 +1,53 @@
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <string>
+
+#include "host/Daemon.h"
+
+// agent-host: loads the plug-ins that its configuration names and runs them until it is told to end.
+//
+// Exit status: 0 ended as told, 1 it cannot run (one line on stderr says why), 2 wrong usage.
+
+namespace {
+
+// One line and one write, as the journal likes it.
+void report(const std::string& message) {
+  const std::string line = "agent-host: " + message + "\n";
+  if (write(STDERR_FILENO, line.data(), line.size()) < 0) return;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app(
+      "Runs the agents of a switch in the foreground; ends on SIGTERM or SIGINT. Logs to stderr.\n\n"
+      "Example: agent-host --config /etc/arp-suppression/agent-host.json");
+  std::string file;
+  app.add_option("--config", file, "the configuration file (JSON, comments allowed)")->required();
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) return app.exit(error);
+    report(std::string(error.what()) + "; see agent-host --help");
+    return 2;
+  }
+  std::string error;
+  std::optional<Host::Config> config = Host::readConfig(file, error);
+  if (!config) {
+    report(error);
+    return 1;
+  }
+  Orb::EventLoop loop;
+  Host::Daemon daemon(loop, std::move(*config), report);
+  error = daemon.watchSignals();
+  if (error.empty()) error = daemon.start();
+  if (!error.empty()) {
+    report(error);
+    return 1;
+  }
+  report("runs");
+  loop.run();
+  return 0;
+}

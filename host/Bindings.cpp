@@ -1,0 +1,81 @@
+#include "host/Bindings.h"
+
+#include "Statedb/Json.h"
+
+namespace Host {
+
+namespace {
+
+using Lanix::EthAddr;
+using Lanix::IpGenAddr;
+
+constexpr std::string_view kLocalMultihomed = "localMultihomed";
+
+bool isOneHost(const IpGenAddr& ip) {
+  return ip && !ip.isUnspecified() && !ip.isMulticast() && !(ip.isIpv4() && ip.ipv4().value() == 0xffffffff);
+}
+
+std::string_view nextPart(std::string_view& line) {
+  const std::size_t end = line.find(' ');
+  const std::string_view part = line.substr(0, end);
+  line.remove_prefix(end == std::string_view::npos ? line.size() : end + 1);
+  return part;
+}
+
+std::string quoted(std::string_view text) { return Statedb::describe(std::string(text)); }
+
+}  // namespace
+
+std::optional<ArpSuppression::RemoteBindingKey> parseBindingKey(std::string_view vlan, std::string_view ip,
+                                                                std::string& problem) {
+  const auto vlanId = Bridging::VlanId::fromStrep(vlan);
+  if (!vlanId) {
+    problem = "VLAN " + quoted(vlan) + " is not " + Bridging::VlanId::allowed();
+    return std::nullopt;
+  }
+  const auto address = IpGenAddr::fromStrep(ip);
+  if (!address || !isOneHost(*address)) {
+    problem = "IP " + quoted(ip) + " is not the IPv4 or IPv6 address of one host";
+    return std::nullopt;
+  }
+  return ArpSuppression::RemoteBindingKey{*vlanId, *address};
+}
+
+std::optional<Binding> parseBinding(std::string_view vlan, std::string_view ip, std::string_view mac,
+                                    bool localMultihomed, std::string& problem) {
+  const auto key = parseBindingKey(vlan, ip, problem);
+  if (!key) return std::nullopt;
+  const auto address = EthAddr::fromStrep(mac);
+  if (!address || address->isZero() || address->isMulticast()) {
+    problem = "MAC " + quoted(mac) + " is not the MAC address of one station, like 02:00:00:00:00:01";
+    return std::nullopt;
+  }
+  return Binding{*key, {*address, localMultihomed}};
+}
+
+std::string bindingLine(const Binding& binding) {
+  std::string line = Mox::toStrep(binding.key);
+  line += ' ';
+  line += binding.value.macAddress.toStrep();
+  if (binding.value.localMultihomed) (line += ' ') += kLocalMultihomed;
+  return line;
+}
+
+std::optional<Binding> parseBindingLine(std::string_view line, std::string& problem) {
+  const std::string_view vlan = nextPart(line);
+  const std::string_view ip = nextPart(line);
+  const std::string_view mac = nextPart(line);
+  if (!line.empty() && line != kLocalMultihomed) {
+    problem = quoted(line) + " is not \"localMultihomed\" or nothing";
+    return std::nullopt;
+  }
+  return parseBinding(vlan, ip, mac, !line.empty(), problem);
+}
+
+std::optional<ArpSuppression::RemoteBindingKey> parseBindingKeyLine(std::string_view line,
+                                                                    std::string& problem) {
+  const std::string_view vlan = nextPart(line);
+  return parseBindingKey(vlan, line, problem);
+}
+
+}  // namespace Host

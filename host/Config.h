@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Host {
+
+inline constexpr const char* kDefaultRunDirectory = "/run/arp-suppression";
+
+struct VrfSettings {
+  std::uint32_t id = 0;
+  std::string networkNamespace;
+};
+
+struct VlanSettings {
+  std::string bridge;
+  std::vector<std::string> tunnelPorts;
+};
+
+// The configuration file, checked as a whole. JSON; comments (// and /* */) are allowed.
+//
+// | key              | value |
+// |------------------|-------------------------------------------------------------------------------------------|
+// | runDirectory     | absolute path; default /run/arp-suppression | | hardware         | true or false
+// (default): traps and floods on the switch chip's device "fabric"            | | agents           | list of
+// plug-ins, in the order in which they start; default none                          | | vrfs             | by
+// name: id (1 to 16777214) and networkNamespace, both unique; "default" needs no entry   | | vlans | by VLAN
+// id: bridge (a kernel device), tunnelPorts (list of kernel devices; default none)  | | state            | by
+// path: what merges into that state before any plug-in starts                            | | featureDirectory
+// | absolute path of the folder with the group files of feature switches; default none        | | trace | by
+// trace handle: level of the text lines it writes, 0 to 9                                |
+struct Config {
+  std::string runDirectory = kDefaultRunDirectory;
+  bool hardware = false;
+  std::vector<std::string> agents;
+  std::map<std::string, VrfSettings> vrfs;
+  std::map<std::uint16_t, VlanSettings> vlans;
+  nlohmann::json state = nlohmann::json::object();  // every path is known, settable, and its content is good
+  std::string featureDirectory;
+  std::map<std::string, int> trace;
+};
+
+// Nothing, and `error` is one line "<file>: <key>: <value> is not ...", when anything is wrong. The key is a
+// path like "vrfs.red.id".
+std::optional<Config> parseConfig(std::string_view text, const std::string& file, std::string& error);
+std::optional<Config> readConfig(const std::string& file, std::string& error);
+
+}  // namespace Host

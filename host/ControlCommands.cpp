@@ -1,0 +1,283 @@
+#include "host/ControlCommands.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "Statedb/Json.h"
+#include "host/JsonText.h"
+#include "host/Protocol.h"
+
+namespace Host {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr std::size_t kEntriesPerSlice = 256;
+constexpr std::size_t kTextPerSlice = 32 << 10;
+
+void appendLine(std::string& output, const json& answer) {
+  output += Statedb::jsonText(answer);
+  output += '\n';
+}
+
+// The string under a key; "" and an answer when it is not one.
+const std::string* stringOf(const json& request, const char* key, std::string& output) {
+  const auto value = request.find(key);
+  if (value != request.end() && value->is_string()) return &value->get_ref<const std::string&>();
+  ControlCommands::appendError(output, std::string("the request needs \"") + key + "\", a string");
+  return nullptr;
+}
+
+class ShowJob final : public ControlJob {
+ public:
+  explicit ShowJob(std::unique_ptr<Dump> dump) : dump_(std::move(dump)) {}
+  bool step(std::string& output) override {
+    std::string text;
+    const bool more = dump_->step(kEntriesPerSlice, text);
+    if (!text.empty()) appendLine(output, {{"text", text}});
+    if (!more) ControlCommands::appendOk(output);
+    return more;
+  }
+
+ private:
+  const std::unique_ptr<Dump> dump_;
+};
+
+// A file in memory that an agent wrote its answer to.
+class AgentAnswerJob final : public ControlJob {
+ public:
+  explicit AgentAnswerJob(int descriptor) : descriptor_(descriptor) {}
+  AgentAnswerJob(const AgentAnswerJob&) = delete;
+  AgentAnswerJob& operator=(const AgentAnswerJob&) = delete;
+  ~AgentAnswerJob() override { close(descriptor_); }
+
+  bool step(std::string& output) override {
+    std::vector<char> bytes(kTextPerSlice);
+    const ssize_t got = pread(descriptor_, bytes.data(), bytes.size(), at_);
+    if (got <= 0) {
+      ControlCommands::appendOk(output);
+      return false;
+    }
+    std::string_view text(bytes.data(), static_cast<std::size_t>(got));
+    // A character of several bytes must not be cut in two.
+    const std::size_t line = text.rfind('\n');
+    if (line != std::string_view::npos) text = text.substr(0, line + 1);
+    at_ += static_cast<off_t>(text.size());
+    appendLine(output, {{"text", text}});
+    return true;
+  }
+
+ private:
+  const int descriptor_;
+  off_t at_ = 0;
+};
+
+class ClearJob final : public ControlJob {
+ public:
+  explicit ClearJob(Mox::Ptr<ArpSuppression::RemoteBindingConfig> table)
+      : table_(std::move(table)), before_(table_->remoteBindings()) {
+    writer().reconcileBegin();
+  }
+  bool step(std::string& output) override {
+    const bool more = writer().sweep(kEntriesPerSlice);
+    table_->remoteBindingCollection().touched();
+    if (!more) ControlCommands::appendOk(output, {{"changed", before_}});
+    return more;
+  }
+
+ private:
+  Memtab::Writer& writer() { return table_->remoteBindingCollection().tableWriter()->core(); }
+  const Mox::Ptr<ArpSuppression::RemoteBindingConfig> table_;
+  const std::uint64_t before_;
+};
+
+template <class Visit>
+void forEachLine(std::string_view lines, const Visit& visit) {
+  while (!lines.empty()) {
+    const std::size_t end = lines.find('\n');
+    const std::string_view line = lines.substr(0, end);
+    lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
+    if (!line.empty()) visit(line);
+  }
+}
+
+}  // namespace
+
+void ControlCommands::appendOk(std::string& output, json answer) {
+  answer["ok"] = true;
+  appendLine(output, answer);
+}
+
+void ControlCommands::appendError(std::string& output, const std::string& error) {
+  appendLine(output, {{"ok", false}, {"error", error}});
+}
+
+std::unique_ptr<ControlJob> ControlCommands::start(std::string_view line, uid_t user, std::string& output) {
+  std::string error;
+  std::optional<json> request = parseJson(line, Comments::refused, error);
+  if (request && !request->is_object()) error = "it is not a JSON object";
+  if (!error.empty()) {
+    appendError(output, "the request cannot be read: " + error);
+    return nullptr;
+  }
+  try {
+    return dispatch(*request, user, output);
+  } catch (const Mox::Error& failure) {
+    appendError(output, failure.what());
+    return nullptr;
+  }
+}
+
+std::unique_ptr<ControlJob> ControlCommands::dispatch(json& request, uid_t user, std::string& output) {
+  const std::string* command = stringOf(request, "cmd", output);
+  if (!command) return nullptr;
+  const bool writes = *command == "set" || *command == "apply" || *command == "remote";
+  if (writes && user != 0) {
+    appendError(output, "only root may change state: run it as root, for example with sudo");
+    return nullptr;
+  }
+  if (*command == "paths") {
+    appendOk(output, {{"paths", state_.paths()}});
+    return nullptr;
+  }
+  if (*command == "show") return show(request, output);
+  if (*command == "set") return set(request, output);
+  if (*command == "apply") return apply(request, output);
+  if (*command == "remote") return remote(request, output);
+  if (*command == "agent") return agent(request, output);
+  appendError(output, "unknown command " + Statedb::describe(*command) +
+                          "; known are paths, show, set, apply, remote and agent");
+  return nullptr;
+}
+
+std::unique_ptr<ControlJob> ControlCommands::show(const json& request, std::string& output) {
+  const std::string* path = stringOf(request, "path", output);
+  if (!path) return nullptr;
+  std::string error;
+  std::unique_ptr<Dump> dump = state_.dump(*path, error);
+  if (dump) return std::make_unique<ShowJob>(std::move(dump));
+  appendError(output, error);
+  return nullptr;
+}
+
+std::unique_ptr<ControlJob> ControlCommands::set(json& request, std::string& output) {
+  const std::string* path = stringOf(request, "path", output);
+  if (!path) return nullptr;
+  const auto value = request.find("value");
+  if (value == request.end()) {
+    appendError(output, "the request needs \"value\", what is to be merged at the path");
+    return nullptr;
+  }
+  json state = json::object();
+  state[*path] = std::move(*value);
+  return apply({{"state", std::move(state)}}, output);
+}
+
+std::unique_ptr<ControlJob> ControlCommands::apply(const json& request, std::string& output) {
+  const auto state = request.find("state");
+  if (state == request.end() || !state->is_object()) {
+    appendError(output, "the request needs \"state\", an object by path");
+    return nullptr;
+  }
+  const std::string error = state_.apply(*state);
+  if (error.empty()) {
+    appendOk(output);
+  } else {
+    appendError(output, error);
+  }
+  return nullptr;
+}
+
+std::unique_ptr<ControlJob> ControlCommands::remote(const json& request, std::string& output) {
+  const std::string* op = stringOf(request, "op", output);
+  if (!op) return nullptr;
+  if (*op == "clear") {
+    std::string error;
+    if (auto table = state_.remoteBindings(error)) return std::make_unique<ClearJob>(std::move(table));
+    appendError(output, error);
+    return nullptr;
+  }
+  if (*op != "add" && *op != "del") {
+    appendError(output, "unknown \"op\" " + Statedb::describe(*op) + "; known are add, del and clear");
+    return nullptr;
+  }
+  if (const std::string* lines = stringOf(request, "bindings", output))
+    changeBindings(*lines, *op == "add", output);
+  return nullptr;
+}
+
+void ControlCommands::changeBindings(std::string_view lines, bool add, std::string& output) {
+  std::string error;
+  const auto table = state_.remoteBindings(error);
+  std::vector<Binding> bindings;
+  forEachLine(lines, [&](std::string_view line) {
+    if (!error.empty()) return;
+    if (bindings.size() == kChunkBindings) {
+      error =
+          "more than " + std::to_string(kChunkBindings) + " bindings in one request; send them in several";
+    } else if (add) {
+      if (const auto binding = parseBindingLine(line, error)) bindings.push_back(*binding);
+    } else if (const auto key = parseBindingKeyLine(line, error)) {
+      bindings.push_back({*key, {}});
+    }
+  });
+  if (!error.empty()) return appendError(output, error);
+  auto& collection = table->remoteBindingCollection();
+  std::size_t changed = 0;
+  for (const Binding& binding : bindings) {
+    const Memtab::Written written = add ? collection.tableWriter()->entryIs(binding.key, binding.value)
+                                    : collection.tableWriter()->entryDel(binding.key)
+                                        ? Memtab::Written::kChanged
+                                        : Memtab::Written::kUnchanged;
+    if (written == Memtab::Written::kFull) {
+      error = "no shared memory for more remote bindings: " + collection.tableWriter()->core().growthError();
+      break;
+    }
+    changed += written == Memtab::Written::kChanged ? 1 : 0;
+  }
+  if (changed != 0) collection.touched();
+  if (!error.empty()) return appendError(output, error);
+  appendOk(output, {{"changed", changed}});
+}
+
+std::unique_ptr<ControlJob> ControlCommands::agent(const json& request, std::string& output) {
+  const std::string* name = stringOf(request, "command", output);
+  if (!name) return nullptr;
+  std::vector<Mox::String> arguments;
+  const auto args = request.find("args");
+  if (args != request.end()) {
+    bool good = args->is_array();
+    for (std::size_t i = 0; good && i < args->size(); ++i) {
+      good = (*args)[i].is_string();
+      if (good) arguments.push_back((*args)[i].get<std::string>());
+    }
+    if (!good) {
+      appendError(output, "\"args\" is not a list of strings");
+      return nullptr;
+    }
+  }
+  std::string loaded;
+  for (const Mox::Ptr<Orb::AgentBase>& agent : agents_) {
+    loaded += (loaded.empty() ? "" : ", ") + agent->name();
+    const Mox::Ptr<Orb::AgentCommandCallback> callback = agent->agentCommand("", *name);
+    if (!callback) continue;
+    const int answer = memfd_create("agent answer", MFD_CLOEXEC);
+    if (answer < 0) {
+      appendError(output, std::string("no memory for the answer: ") + std::strerror(errno));
+      return nullptr;
+    }
+    auto job = std::make_unique<AgentAnswerJob>(answer);
+    callback->handleCommand(answer, arguments);
+    return job;
+  }
+  appendError(output, "no plug-in that is ready answers \"" + *name +
+                          "\"; loaded: " + (loaded.empty() ? "none" : loaded));
+  return nullptr;
+}
+
+}  // namespace Host

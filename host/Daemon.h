@@ -1,0 +1,67 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Mox/Notifiee.h"
+#include "Orb/AgentBase.h"
+#include "Orb/FileDescriptor.h"
+#include "host/Config.h"
+#include "host/ControlServer.h"
+#include "host/RunDirectory.h"
+#include "host/State.h"
+
+namespace Host {
+
+// The agent host: one event loop with all state, the plug-ins and the control socket.
+class Daemon final : public Orb::AgentHost {
+ public:
+  using Report = std::function<void(const std::string& message)>;
+  // `loop` must outlive this.
+  Daemon(Orb::EventLoop& loop, Config config, Report report);
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+  // Ends everything in the reverse order of its start: control socket, plug-ins (the last one first), what is
+  // published and waits for the state store, state, run directory. Shared-memory tables stay.
+  ~Daemon() override;
+
+  // Does everything up to the first turn of the loop, in which the plug-ins start. Returns "", or why it
+  // cannot run; when a plug-in is not there, nothing was created.
+  std::string start();
+  // From here on SIGTERM, SIGINT and SIGHUP end the loop; they are blocked for the process. Returns "", or
+  // what went wrong.
+  std::string watchSignals();
+
+  State& state() { return *state_; }
+
+ private:
+  Orb::EventLoop& loop() override { return loop_; }
+  Mox::Ptr<Orb::TaskSchedulerRoot> taskSchedulerRoot() override { return tasks_; }
+  bool isPhysicalHardware() override { return config_.hardware; }
+  Mox::Ptr<Statedb::MountGroup> mountGroup(Orb::AgentBase& agent) override;
+  Mox::Ptr<Statedb::EntityManager> entityManager() override { return state_->tree(); }
+  Mox::Ptr<Memtab::EntityManager> sharedMemory() override { return state_->tables(); }
+  void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) override;
+  Mox::String featureFile(const Mox::String& group) override;
+
+  void startPlugins();
+  void handleSignal();
+
+  Orb::EventLoop& loop_;
+  const Config config_;
+  const Report report_;
+  const Mox::Ptr<Orb::TaskSchedulerRoot> tasks_;
+  std::unique_ptr<RunDirectory> runDirectory_;
+  std::unique_ptr<State> state_;
+  std::vector<Mox::Ptr<Statedb::MountGroup>> groups_;
+  ControlCommands::Agents agents_;
+  std::unique_ptr<ControlServer> control_;
+  int signalDescriptor_ = -1;
+  Mox::Notifiee<Orb::FileDescriptor> signals_;
+  Orb::Timer pluginStart_;
+  Orb::EventLoop::HookHandle flushHook_;
+};
+
+}  // namespace Host

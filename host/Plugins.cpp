@@ -1,0 +1,60 @@
+#include "host/Plugins.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+namespace Host {
+
+namespace {
+constexpr const char* kEntry = "orbAgentMake";  // what ORB_PLUGIN defines
+}
+
+std::vector<std::string> libraryDirectories() {
+  if (const char* directory = std::getenv(kLibraryDirectoryVariable)) return {directory};
+  std::error_code ignored;
+  const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", ignored);
+  const std::filesystem::path lib = program.parent_path().parent_path() / "lib";
+  return {lib / "arp-suppression", lib};
+}
+
+std::optional<std::vector<std::string>> findPlugins(const std::vector<std::string>& names,
+                                                    const std::vector<std::string>& directories,
+                                                    std::string& error) {
+  std::vector<std::string> files;
+  for (const std::string& name : names) {
+    std::string looked;
+    std::string found;
+    for (const std::string& directory : directories) {
+      const std::string file = directory + "/lib" + name + ".so";
+      looked += (looked.empty() ? "" : " or ") + file;
+      if (found.empty() && access(file.c_str(), R_OK) == 0) found = file;
+    }
+    if (found.empty()) {
+      error = "agents: the library of the plug-in " + name + " is not there: looked for " + looked;
+      return std::nullopt;
+    }
+    files.push_back(found);
+  }
+  return files;
+}
+
+Mox::Ptr<Orb::AgentBase> loadPlugin(const std::string& name, const std::string& file, std::string& error) {
+  void* const library = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
+  void* const entry = library ? dlsym(library, kEntry) : nullptr;
+  if (!entry) {
+    const char* const reason = dlerror();
+    error =
+        "agents: the plug-in " + name + " cannot be loaded: " + (reason ? reason : file + " has no entry");
+    return {};
+  }
+  auto* const make = reinterpret_cast<Orb::AgentBase* (*)(const char*)>(entry);
+  auto agent = Mox::Ptr<Orb::AgentBase>::adopt(make(name.c_str()));
+  if (!agent) error = "agents: the plug-in " + name + " made no agent";
+  return agent;
+}
+
+}  // namespace Host

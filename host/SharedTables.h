@@ -1,0 +1,45 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+
+#include "Memtab/EntityManager.h"
+
+// Shared-memory tables without their C++ types, as JSON: {"fdb": {"10 02:00:00:00:00:01": {"entryType":
+// "static"}}}. What holds for merging into the state tree holds here: objects merge, null deletes an entry
+// or, in place of a whole collection, all of them.
+
+namespace Host {
+
+// A walk through an entity that is written as JSON text piece by piece, so that a large table holds up
+// nobody. An entry that is there throughout is in the text, exactly once.
+class Dump {
+ public:
+  virtual ~Dump() = default;
+  // Appends the next piece, of at most `maxEntries` entries; false when nothing follows.
+  virtual bool step(std::size_t maxEntries, std::string& text) = 0;
+};
+
+// One class of shared-memory entities. Entities given to it must be of that class.
+class TableType {
+ public:
+  virtual ~TableType() = default;
+  virtual void registerAt(Memtab::EntityManager& manager) const = 0;
+  // Says what is wrong with JSON for an entity of this class, beginning with `path`; "" when nothing is.
+  // Whether it is good does not depend on what the table holds.
+  virtual std::string check(const nlohmann::json& json, const std::string& path) const = 0;
+  // Merges JSON that was checked into an entity that is mounted for writing. Returns "", or why an entry
+  // could not be written (no memory); those before it were.
+  virtual std::string merge(Memtab::Entity& entity, const nlohmann::json& json) const = 0;
+  // From here on the tables hold what the checked JSON says and nothing else. Entries that stay are not
+  // touched.
+  virtual std::string replace(Memtab::Entity& entity, const nlohmann::json& json) const = 0;
+  virtual std::unique_ptr<Dump> dump(Mox::Ptr<Memtab::Entity> entity) const = 0;
+};
+
+using TableTypes = std::map<std::string, std::unique_ptr<TableType>, std::less<>>;
+
+}  // namespace Host

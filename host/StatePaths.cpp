@@ -1,0 +1,78 @@
+#include "host/StatePaths.h"
+
+#include <algorithm>
+
+#include "Statedb/Path.h"
+#include "Switch/Config.h"
+
+namespace Host {
+
+namespace {
+
+constexpr std::string_view kKniPrefix = "kni/ns/";
+constexpr std::string_view kKniSuffix = "/status";
+
+StatePath kniPath(std::string path) {
+  return {std::move(path), "KernelNetInfo::Status", Storage::tree, Writing::byPlugin, kKernelState, false};
+}
+
+}  // namespace
+
+const std::vector<StatePath>& statePaths() {
+  using enum Storage;
+  using enum Writing;
+  // clang-format off
+  static const std::vector<StatePath> paths = {
+      {"arp/input/config/arpSuppression", "Arp::ArpInputConfig", tree, byPlugin, kArpSuppression, true},
+      {"arp/status", "Arp::Table::Status", sharedMemory, byPlugin, kKernelState, false},
+      {"arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus", sharedMemory, byPlugin, kArpSuppression, false},
+      {"arpSuppression/remoteBindingConfig/evpn", "ArpSuppression::RemoteBindingConfig", sharedMemory, byHost, nullptr, false},
+      {"arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", tree, byPlugin, kArpSuppression, true},
+      {"bridging/config", "Bridging::Config", tree, byHost, nullptr, false},
+      {"bridging/status", "Memtab::Bridging::Status", sharedMemory, byPlugin, kKernelState, false},
+      {"evpn/mplsConfig", "Evpn::MplsConfig", tree, byHost, nullptr, false},
+      {"evpn/status", "Evpn::EvpnStatus", tree, byHost, nullptr, false},
+      {"interface/status/all", "Interface::AllIntfStatusDir", tree, byPlugin, kKernelState, false},
+      {"interface/status/local", "Interface::AllIntfStatusLocalDir", tree, byPlugin, kKernelState, false},
+      {"ip/status", "Ip::Status", tree, byPlugin, kKernelState, false},
+      {"ip/vrf/status/local", "Ip::AllVrfStatusLocal", tree, byPlugin, kKernelState, false},
+      {"routing/fhrp/vrMacStatus", "Routing::Fhrp::VirtualRouterMacStatus", tree, byHost, nullptr, false},
+      {"routing/l2vpn/config", "Routing::L2Vpn::Config", tree, byHost, nullptr, false},
+      {Switch::kConfigPath, Switch::kConfigType, tree, fixed, nullptr, false},
+      {"vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status", sharedMemory, byPlugin, kKernelState, false},
+  };
+  // clang-format on
+  return paths;
+}
+
+std::optional<StatePath> findStatePath(std::string_view given) {
+  const std::string_view path = Statedb::normalPath(given);
+  for (const StatePath& state : statePaths()) {
+    if (state.path == path) return state;
+  }
+  if (!path.starts_with(kKniPrefix) || !path.ends_with(kKniSuffix)) return std::nullopt;
+  if (path.size() <= kKniPrefix.size() + kKniSuffix.size()) return std::nullopt;
+  const std::string_view netNs =
+      path.substr(kKniPrefix.size(), path.size() - kKniPrefix.size() - kKniSuffix.size());
+  constexpr std::size_t kLongestFileName = 255;
+  if (netNs.find('/') != std::string_view::npos || netNs.size() > kLongestFileName) return std::nullopt;
+  return kniPath(std::string(path));
+}
+
+std::string statePathNames() {
+  std::string names;
+  for (const StatePath& state : statePaths()) names += state.path + ", ";
+  return names + "kni/ns/<namespace>/status";
+}
+
+std::string whyNotSettable(const StatePath& state, const std::vector<std::string>& loadedPlugins) {
+  if (state.writing == Writing::fixed) {
+    return "cannot be set; it follows \"vrfs\" and \"vlans\" of the configuration file";
+  }
+  if (state.writing == Writing::byHost) return {};
+  if (std::find(loadedPlugins.begin(), loadedPlugins.end(), state.writer) == loadedPlugins.end()) return {};
+  return "cannot be set while the plug-in " + std::string(state.writer) +
+         " is loaded, which writes it; take it out of \"agents\" in the configuration file to set it by hand";
+}
+
+}  // namespace Host

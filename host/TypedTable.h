@@ -1,0 +1,217 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+
+#include "Mox/Strep.h"
+#include "Statedb/Json.h"
+#include "host/SharedTables.h"
+
+// TableType of one class, which names its collections with MEMTAB_MEMBERS. Included where types are
+// registered only: it instantiates the codec of every key and value.
+
+namespace Host {
+
+// A key's text may not have empty parts: "10 " would be an address without a family.
+inline bool hasEmptyPart(std::string_view text) {
+  return text.empty() || text.front() == ' ' || text.back() == ' ' ||
+         text.find("  ") != std::string_view::npos;
+}
+
+template <class Key>
+std::optional<Key> tableKey(const std::string& text) {
+  if (Mox::HasFields<Key> && hasEmptyPart(text)) return std::nullopt;
+  return Statedb::textToValue<Key>(text);
+}
+
+template <class Key>
+std::string allowedTableKey() {
+  if constexpr (Mox::HasFields<Key>) {
+    std::string names;
+    std::apply(
+        [&](const auto&... field) { ((names += (names.empty() ? "" : " ") + std::string(field.name)), ...); },
+        Key::moxFields());
+    return "\"" + names + "\", joined by one space";
+  } else {
+    return Statedb::allowedFor<Key>();
+  }
+}
+
+template <class E>
+class TableDump final : public Dump {
+ public:
+  explicit TableDump(Mox::Ptr<E> entity) : entity_(std::move(entity)) {}
+
+  bool step(std::size_t maxEntries, std::string& text) override {
+    std::size_t index = 0;
+    bool stepped = false;
+    Memtab::forEachTable(*entity_, [&](const char* name, const auto& collection) {
+      if (index++ != collection_ || stepped) return;
+      stepped = true;
+      if (!begun_) text += std::string(collection_ == 0 ? "{" : ",") + "\"" + name + "\":{";
+      begun_ = true;
+      const bool more = collection.visit(cursor_, maxEntries, [&](const auto& key, const auto& value) {
+        if (!first_) text += ',';
+        first_ = false;
+        text += Statedb::jsonText(Mox::toStrep(key)) + ":" + Statedb::jsonText(Statedb::valueToJson(value));
+      });
+      if (more) return;
+      text += '}';
+      ++collection_;
+      cursor_ = {};
+      first_ = true;
+      begun_ = false;
+    });
+    if (stepped) return true;
+    if (!ended_) text += collection_ == 0 ? "{}" : "}";
+    return !std::exchange(ended_, true);
+  }
+
+ private:
+  const Mox::Ptr<E> entity_;
+  std::size_t collection_ = 0;
+  Memtab::Cursor cursor_;
+  bool begun_ = false;
+  bool first_ = true;
+  bool ended_ = false;
+};
+
+template <class E>
+class TypedTable final : public TableType {
+ public:
+  explicit TypedTable(std::string name) : name_(std::move(name)) {}
+
+  void registerAt(Memtab::EntityManager& manager) const override { manager.registerType<E>(name_); }
+
+  std::string check(const nlohmann::json& json, const std::string& path) const override {
+    if (!json.is_object()) return path + ": " + Statedb::describe(json) + " is not an object of " + names();
+    for (auto member = json.begin(); member != json.end(); ++member) {
+      bool known = false;
+      std::string problem;
+      Memtab::forEachTable(*prototype_, [&](const char* name, const auto& collection) {
+        if (member.key() != name) return;
+        known = true;
+        problem = checkEntries(collection, member.value());
+      });
+      if (!known) return path + ": unknown key " + Statedb::describe(member.key()) + "; allowed: " + names();
+      if (!problem.empty()) return path + ": " + member.key() + problem;
+    }
+    return {};
+  }
+
+  std::string merge(Memtab::Entity& entity, const nlohmann::json& json) const override {
+    std::string problem;
+    Memtab::forEachTable(dynamic_cast<E&>(entity), [&](const char* name, auto& collection) {
+      const auto entries = json.find(name);
+      if (entries == json.end() || !problem.empty()) return;
+      if (entries->is_null()) {
+        sweepAll(collection);
+      } else {
+        problem = mergeEntries(collection, *entries);
+      }
+    });
+    return problem;
+  }
+
+  std::string replace(Memtab::Entity& entity, const nlohmann::json& json) const override {
+    std::string problem;
+    Memtab::forEachTable(dynamic_cast<E&>(entity), [&](const char* name, auto& collection) {
+      Memtab::Writer& writer = collection.tableWriter()->core();
+      writer.reconcileBegin();
+      const auto entries = json.find(name);
+      if (entries != json.end() && entries->is_object()) problem += putEntries(collection, *entries);
+      while (writer.sweep(kSweep)) {
+      }
+      collection.touched();
+    });
+    return problem;
+  }
+
+  std::unique_ptr<Dump> dump(Mox::Ptr<Memtab::Entity> entity) const override {
+    return std::make_unique<TableDump<E>>(Mox::dynamicPtrCast<E>(entity));
+  }
+
+ private:
+  static constexpr std::size_t kSweep = 4096;
+
+  std::string names() const {
+    std::string names;
+    for (Memtab::TableBase* table : prototype_->tables())
+      names += (names.empty() ? "" : ", ") + std::string(table->name());
+    return names;
+  }
+
+  template <class Key, class Value>
+  static std::string checkEntries(const Memtab::Collection<Key, Value>&, const nlohmann::json& entries) {
+    if (entries.is_null()) return {};
+    if (!entries.is_object()) {
+      return ": " + Statedb::describe(entries) + " is not an object by key, or null to delete all";
+    }
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+      const std::string where = "[" + Statedb::describe(entry.key()) + "]";
+      if (!tableKey<Key>(entry.key())) return where + ": the key is not " + allowedTableKey<Key>();
+      if (entry.value().is_null()) continue;
+      Value value{};
+      std::string problem;
+      if (!Statedb::mergeValue(entry.value(), value, problem)) return where + problem;
+    }
+    return {};
+  }
+
+  template <class Key, class Value>
+  static std::string mergeEntries(Memtab::Collection<Key, Value>& collection, const nlohmann::json& entries) {
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+      const std::optional<Key> key = tableKey<Key>(entry.key());
+      if (!key) continue;
+      if (entry.value().is_null()) {
+        collection.del(*key);
+        continue;
+      }
+      const std::string problem =
+          put(collection, *key, collection.tableWriter()->entry(*key).value_or(Value{}), entry.value());
+      if (!problem.empty()) return problem;
+    }
+    return {};
+  }
+
+  // As mergeEntries, into fresh values.
+  template <class Key, class Value>
+  static std::string putEntries(Memtab::Collection<Key, Value>& collection, const nlohmann::json& entries) {
+    std::string problem;
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+      const std::optional<Key> key = tableKey<Key>(entry.key());
+      if (key && !entry.value().is_null() && problem.empty())
+        problem = put(collection, *key, Value{}, entry.value());
+    }
+    return problem;
+  }
+
+  template <class Key, class Value>
+  static std::string put(Memtab::Collection<Key, Value>& collection, const Key& key, Value value,
+                         const nlohmann::json& json) {
+    std::string problem;
+    if (!Statedb::mergeValue(json, value, problem)) return problem;
+    if (collection.tableWriter()->entryIs(key, value) == Memtab::Written::kFull) {
+      return "no shared memory for " + Mox::toStrep(key) + ": " +
+             collection.tableWriter()->core().growthError();
+    }
+    collection.touched();
+    return {};
+  }
+
+  template <class Key, class Value>
+  static void sweepAll(Memtab::Collection<Key, Value>& collection) {
+    Memtab::Writer& writer = collection.tableWriter()->core();
+    writer.reconcileBegin();
+    while (writer.sweep(kSweep)) {
+    }
+    collection.touched();
+  }
+
+  const std::string name_;
+  // Mounted nowhere; it names the collections.
+  const Mox::Ptr<E> prototype_ = Mox::make<E>();
+};
+
+}  // namespace Host

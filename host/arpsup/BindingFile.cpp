@@ -1,0 +1,117 @@
+#include "host/arpsup/BindingFile.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+
+#include "Statedb/Json.h"
+#include "host/JsonText.h"
+
+namespace Host {
+
+namespace {
+
+using nlohmann::json;
+
+std::string_view trimmed(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(" \t\r");
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
+std::string_view field(std::string_view text) {
+  text = trimmed(text);
+  if (text.size() >= 2 && text.front() == '"' && text.back() == '"') text = text.substr(1, text.size() - 2);
+  return text;
+}
+
+bool isHeading(std::string_view line) {
+  constexpr std::string_view kVlan = "vlan";
+  const std::string_view first = field(line.substr(0, line.find(',')));
+  return std::equal(first.begin(), first.end(), kVlan.begin(), kVlan.end(),
+                    [](char a, char b) { return (a | 0x20) == b; });
+}
+
+std::optional<Binding> parseCsv(std::string_view line, std::string& problem) {
+  std::array<std::string_view, 4> fields{};
+  std::size_t count = 0;
+  for (bool more = true; more; ++count) {
+    const std::size_t comma = line.find(',');
+    if (count < fields.size()) fields[count] = field(line.substr(0, comma));
+    more = comma != std::string_view::npos;
+    if (more) line.remove_prefix(comma + 1);
+  }
+  if (count < 3 || count > fields.size()) {
+    problem = std::to_string(count) + (count == 1 ? " field is" : " fields are") +
+              " not vlan,ip,mac or vlan,ip,mac,localMultihomed";
+    return std::nullopt;
+  }
+  const bool localMultihomed = fields[3] == "true" || fields[3] == "1";
+  if (!localMultihomed && !fields[3].empty() && fields[3] != "false" && fields[3] != "0") {
+    problem = "localMultihomed " + Statedb::describe(std::string(fields[3])) +
+              " is not true, false, 1, 0 or nothing";
+    return std::nullopt;
+  }
+  return parseBinding(fields[0], fields[1], fields[2], localMultihomed, problem);
+}
+
+std::optional<Binding> parseJsonLine(std::string_view line, std::string& problem) {
+  const std::optional<json> object = nestsTooDeep(line) ? std::nullopt : Statedb::jsonOf(line);
+  if (!object || !object->is_object()) {
+    problem = "it is not a JSON object";
+    return std::nullopt;
+  }
+  std::string vlan;
+  std::string ip;
+  std::string mac;
+  bool localMultihomed = false;
+  for (auto item = object->begin(); item != object->end(); ++item) {
+    const json& value = item.value();
+    bool good = false;
+    if (item.key() == "vlan") {
+      good = value.is_number_integer() || value.is_string();
+      if (good) vlan = value.is_string() ? value.get<std::string>() : value.dump();
+    } else if (item.key() == "localMultihomed") {
+      good = value.is_boolean();
+      if (good) localMultihomed = value.get<bool>();
+    } else if (item.key() == "ip" || item.key() == "mac") {
+      good = value.is_string();
+      if (good) (item.key() == "ip" ? ip : mac) = value.get<std::string>();
+    } else {
+      problem = "unknown key " + Statedb::describe(item.key()) + "; allowed: vlan, ip, mac, localMultihomed";
+      return std::nullopt;
+    }
+    if (good) continue;
+    problem = item.key() + " " + Statedb::describe(value) + " is not " +
+              (item.key() == "vlan"              ? Bridging::VlanId::allowed()
+               : item.key() == "localMultihomed" ? "true or false"
+                                                 : "a string");
+    return std::nullopt;
+  }
+  return parseBinding(vlan, ip, mac, localMultihomed, problem);
+}
+
+}  // namespace
+
+BindingFile parseBindingFile(std::string_view text) {
+  BindingFile file;
+  const std::size_t first = text.find_first_not_of(" \t\r\n");
+  const bool isJson = first != std::string_view::npos && text[first] == '{';
+  bool mayBeHeading = !isJson;
+  for (std::size_t number = 1; !text.empty(); ++number) {
+    const std::size_t end = text.find('\n');
+    const std::string_view line = trimmed(text.substr(0, end));
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    if (line.empty() || (!isJson && line.front() == '#')) continue;
+    if (std::exchange(mayBeHeading, false) && isHeading(line)) continue;
+    std::string problem;
+    if (const auto binding = isJson ? parseJsonLine(line, problem) : parseCsv(line, problem)) {
+      file.bindings.push_back(*binding);
+      continue;
+    }
+    if (file.badCount++ < BindingFile::kKeptBadLines) file.badLines.push_back({number, problem});
+  }
+  return file;
+}
+
+}  // namespace Host

@@ -1,0 +1,130 @@
+#include "host/Config.h"
+
+#include <gmock/gmock.h>
+
+#include "host/JsonText.h"
+
+namespace {
+
+using Host::parseConfig;
+using testing::HasSubstr;
+
+std::string errorOf(const std::string& text) {
+  std::string error;
+  const bool good = parseConfig(text, "agent.json", error).has_value();
+  EXPECT_EQ(good, error.empty());
+  return error;
+}
+
+TEST(Config, takesEveryKeyAndComments) {
+  std::string error;
+  const auto config = parseConfig(R"(// "{[ of a comment counts for nothing
+    { /* "nor { here */ "runDirectory": "/tmp/a//b", "hardware": true,
+      "agents": ["SoftForward", "ArpSuppression"],
+      "vrfs": {"red": {"id": 5, "networkNamespace": "red"}, "blue": {"id": 16777214, "networkNamespace": "b"}},
+      "vlans": {"10": {"bridge": "vlan10", "tunnelPorts": ["core10", "core11"]}, "4094": {"bridge": "br0"}},
+      "state": {"bridging/config/": {"bridgeMacAddr": "02:00:00:00:be:ef", "vidToFidMap": {"10": 110}},
+                "bridging/status": {"fdb": {"10 02:00:00:00:00:01": {"entryType": "static", "intf": "Ethernet1"}}},
+                "kni/ns/red/status": {"interface": {"vlan10": {"ifIndex": 7}}}},
+      "featureDirectory": "/etc/f", "trace": {"ArpSuppression": 8} // the last
+    })",
+                                  "agent.json", error);
+  ASSERT_TRUE(config) << error;
+  EXPECT_EQ(config->runDirectory, "/tmp/a//b");
+  EXPECT_TRUE(config->hardware);
+  EXPECT_THAT(config->agents, testing::ElementsAre("SoftForward", "ArpSuppression"));
+  EXPECT_EQ(config->vrfs.at("red").networkNamespace, "red");
+  EXPECT_EQ(config->vrfs.at("blue").id, 16777214u);
+  EXPECT_THAT(config->vlans.at(10).tunnelPorts, testing::ElementsAre("core10", "core11"));
+  EXPECT_THAT(config->vlans.at(4094).tunnelPorts, testing::IsEmpty());
+  EXPECT_EQ(config->state.size(), 3u);
+  EXPECT_EQ(config->featureDirectory, "/etc/f");
+  EXPECT_EQ(config->trace.at("ArpSuppression"), 8);
+  ASSERT_TRUE(parseConfig("{}", "agent.json", error)) << error;
+}
+
+// What is wrong, where, and what would be right.
+TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
+  const struct {
+    const char* text;
+    const char* error;
+  } cases[] = {
+      {"{\n\"agents\": [}", "line 2, column "},
+      {"", "line 1, column "},
+      {"[]", "agent.json: a list is not an object of agents, featureDirectory"},
+      {R"({"colour": 1})", "agent.json: colour: unknown key; allowed here: agents, "},
+      {R"({"agents": [], "agents": []})", "\"agents\" stands twice"},
+      {R"({"runDirectory": "run"})", "runDirectory: \"run\" is not an absolute path"},
+      {R"({"hardware": 1})", "hardware: 1 is not true or false"},
+      {R"({"agents": "ArpSuppression"})", "agents: \"ArpSuppression\" is not a list"},
+      {R"({"agents": ["Arp"]})",
+       "agents[0]: \"Arp\" is not one of KernelState, ArpService, SoftForward, ArpSuppression"},
+      {R"({"agents": ["SoftForward", "SoftForward"]})", "agents[1]: \"SoftForward\" is there twice"},
+      {R"({"vrfs": {"red": {"id": 70000000, "networkNamespace": "r"}}})",
+       "agent.json: vrfs.red.id: 70000000 is not a number from 1 to 16777214"},
+      {R"({"vrfs": {"red": {"id": 0, "networkNamespace": "r"}}})", "vrfs.red.id: 0 is not"},
+      {R"({"vrfs": {"red": {"id": -1, "networkNamespace": "r"}}})", "vrfs.red.id: -1 is not"},
+      {R"({"vrfs": {"red": {"id": 5.5, "networkNamespace": "r"}}})", "vrfs.red.id: 5.5 is not"},
+      {R"({"vrfs": {"red": {"networkNamespace": "r"}}})", "vrfs.red.id: is missing"},
+      {R"({"vrfs": {"red": {"id": 5}}})", "vrfs.red.networkNamespace: is missing"},
+      {R"({"vrfs": {"red": {"id": 5, "networkNamespace": "../x"}}})",
+       "networkNamespace: \"../x\" is not the name"},
+      {R"({"vrfs": {"red": {"id": 5, "networkNamespace": "default"}}})",
+       "vrfs.red.networkNamespace: \"default\" is"},
+      {R"({"vrfs": {"red": {"id": 5, "networkNamespace": "r", "x": 1}}})", "vrfs.red.x: unknown key"},
+      {R"({"vrfs": {"default": {"id": 5, "networkNamespace": "r"}}})",
+       "vrfs.default: the VRF \"default\" is always"},
+      {R"({"vrfs": {"a": {"id": 5, "networkNamespace": "r"}, "b": {"id": 5, "networkNamespace": "s"}}})",
+       "vrfs.b.id: 5 is the id of vrfs.a already"},
+      {R"({"vrfs": {"a": {"id": 5, "networkNamespace": "r"}, "b": {"id": 6, "networkNamespace": "r"}}})",
+       "vrfs.b.networkNamespace: \"r\" is the namespace of vrfs.a already"},
+      {R"({"vrfs": {"a b": {"id": 5, "networkNamespace": "r"}}})", "\"a b\" is not a VRF name"},
+      {R"({"vlans": {"4095": {"bridge": "b"}}})", "vlans: \"4095\" is not a VLAN id from 1 to 4094"},
+      {R"({"vlans": {"010": {"bridge": "b"}}})", "vlans: \"010\" is not"},
+      {R"({"vlans": {"10": {}}})", "vlans.10.bridge: is missing"},
+      {R"({"vlans": {"10": {"bridge": "a-name-that-is-too-long"}}})",
+       "vlans.10.bridge: \"a-name-that-is-too-long\" is not"},
+      {R"({"vlans": {"10": {"bridge": "b", "tunnelPorts": ["a/b"]}}})",
+       "vlans.10.tunnelPorts[0]: \"a/b\" is not"},
+      {R"({"vlans": {"10": {"bridge": "b", "tunnelPorts": ["c", "c"]}}})",
+       "vlans.10.tunnelPorts[1]: \"c\" is there twice"},
+      {R"({"trace": {"Arp": 10}})", "trace.Arp: 10 is not a number from 0 to 9"},
+      {R"({"state": {"evpn/stat": {}}})", "state: evpn/stat: there is no such path; allowed: arp/"},
+      {R"({"state": {"kni/ns/a/b/status": {}}})", "there is no such path"},
+      {R"({"state": {"evpn/status": 1}})", "state: evpn/status: 1 is not an object"},
+      {R"({"state": {"evpn/status": {"vlanToDot1q": {"5000": 1}}}})", "evpn/status: vlanToDot1q[\"5000\"]"},
+      {R"({"state": {"bridging/status": {"fdb": {"10": {}}}}})",
+       "bridging/status: fdb[\"10\"]: the key is not \"fid mac\""},
+      {R"({"state": {"bridging/status": {"fdb": {"10 02:00:00:00:00:01": {"entryType": "learned"}}}}})",
+       "fdb[\"10 02:00:00:00:00:01\"].entryType: \"learned\" is not one of"},
+      {R"({"state": {"switch/config": {}}})",
+       "switch/config: cannot be set; it follows \"vrfs\" and \"vlans\""},
+      {R"({"state": {"ip/status": {}}, "agents": ["KernelState"]})",
+       "ip/status: cannot be set while the plug-in KernelState is loaded"},
+      {R"({"state": {"kni/ns/red/status": {}}, "agents": ["KernelState"]})", "KernelState is loaded"},
+      {R"({"state": {"arp/input/config/arpSuppression": {}}, "agents": ["ArpSuppression"]})",
+       "ArpSuppression is loaded"},
+  };
+  for (const auto& test : cases) EXPECT_THAT(errorOf(test.text), HasSubstr(test.error)) << test.text;
+  EXPECT_THAT(errorOf("{\"trace\": {\"\n\": 99}}").find('\0'), std::string::npos);
+}
+
+// Plug-ins that only fill in what is not set leave the path to the configuration.
+TEST(Config, bridgingConfigIsTheOperatorsWhateverIsLoaded) {
+  EXPECT_EQ(errorOf(R"({"agents": ["KernelState", "ArpSuppression"],
+                        "state": {"bridging/config": {"bridgeMacAddr": "02:00:00:00:be:ef"}}})"),
+            "");
+}
+
+TEST(Config, survivesHostileText) {
+  std::string deep = R"({"state": {"evpn/status": )";
+  for (int i = 0; i < 200000; ++i) deep += "{\"a\":";
+  EXPECT_THAT(errorOf(deep), HasSubstr("nested deeper than 32"));
+  EXPECT_THAT(errorOf(std::string(200000, '[')), HasSubstr("nested deeper"));
+  EXPECT_FALSE(errorOf("{\"runDirectory\": \"/\xff\xfe\"}").empty());
+  EXPECT_FALSE(errorOf("{ /* open").empty());
+  // Brackets that a string or a comment seems to hide count where the parser sees them.
+  EXPECT_THAT(errorOf("{//\"\n\"state\":" + std::string(100, '[')), HasSubstr("nested deeper"));
+}
+
+}  // namespace

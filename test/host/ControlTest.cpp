@@ -1,0 +1,402 @@
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <fstream>
+#include <memory>
+
+#include "Suppression/RemoteBindingConfig.h"
+#include "host/Bindings.h"
+#include "host/ControlAddress.h"
+#include "host/ControlServer.h"
+#include "test/host/HostFixture.h"
+
+namespace HostTest {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr const char* kRemote = "arpSuppression/remoteBindingConfig/evpn";
+constexpr uid_t kRoot = 0;
+constexpr uid_t kNobody = 65534;
+
+// The far end of a client's connection. Never blocks.
+class Peer {
+ public:
+  explicit Peer(Host::ControlServer& server, uid_t user = kRoot) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()), 0);
+    socket_ = ends[0];
+    server.clientIs(ends[1], user);
+  }
+  explicit Peer(int socket) : socket_(socket) {}
+  Peer(Peer&& other) noexcept : socket_(std::exchange(other.socket_, -1)) {}
+  Peer& operator=(Peer&&) = delete;
+  ~Peer() { hangUp(); }
+
+  // How much the socket took.
+  std::size_t send(std::string_view bytes) const {
+    const ssize_t put = ::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    return put < 0 ? 0 : static_cast<std::size_t>(put);
+  }
+  // What there is.
+  std::string receive() {
+    std::string text;
+    std::array<char, 65536> bytes;
+    ssize_t got = 0;
+    while ((got = recv(socket_, bytes.data(), bytes.size(), MSG_DONTWAIT)) > 0)
+      text.append(bytes.data(), static_cast<std::size_t>(got));
+    closed_ = closed_ || got == 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+    return text;
+  }
+  bool closed() {
+    receive();
+    return closed_;
+  }
+  void shutDownSending() const { shutdown(socket_, SHUT_WR); }
+  void hangUp() {
+    if (socket_ >= 0) close(socket_);
+    socket_ = -1;
+  }
+
+ private:
+  int socket_ = -1;
+  bool closed_ = false;
+};
+
+class Control : public testing::Test {
+ protected:
+  void serverIs(Host::ControlLimits limits = {}) {
+    server = std::make_unique<Host::ControlServer>(
+        host.scheduler(), *host.state, agents, [](const std::string&) {}, limits);
+  }
+  // What a root client gets for this, whole lines.
+  std::string answerTo(std::string_view request, uid_t user = kRoot) {
+    Peer peer(*server, user);
+    peer.send(request);
+    return all(peer);
+  }
+  // Lets the loop run until nothing more comes.
+  std::string all(Peer& peer) {
+    std::string text;
+    for (int idle = 0; idle < 5; ++idle) {
+      host.settle();
+      const std::string more = peer.receive();
+      if (!more.empty()) idle = 0;
+      text += more;
+    }
+    return text;
+  }
+
+  RunDir runDir;
+  HostState host{runDir};
+  Host::ControlCommands::Agents agents;
+  std::unique_ptr<Host::ControlServer> server;
+};
+
+constexpr const char* kOk = "{\"ok\":true}\n";
+
+TEST_F(Control, answersInTurnAndInPieces) {
+  serverIs();
+  Peer peer(*server);
+  const std::string requests =
+      R"({"cmd":"set","path":"evpn/mplsConfig","value":{"addInnerDot1Q":true}})"
+      "\n\r\n"
+      R"({"cmd":"show","path":"evpn/mplsConfig"})"
+      "\n"
+      R"({"cmd":"apply","state":{"evpn/mplsConfig":{"addInnerDot1Q":null},"evpn/status":{"mplsConfigured":true}}})"
+      "\n";
+  const std::string expected = std::string(kOk) +
+                               R"({"text":"{\"controlWordEnabled\":false,\"addInnerDot1Q\":true}"})"
+                               "\n" +
+                               kOk + kOk;
+  std::string answers;
+  for (const char c : requests) {
+    peer.send({&c, 1});
+    host.loop.step();
+    answers += peer.receive();
+  }
+  answers += all(peer);
+  EXPECT_EQ(answers, expected);
+  EXPECT_EQ(host.show("evpn/status")["mplsConfigured"], true);
+  EXPECT_FALSE(peer.closed());
+}
+
+TEST_F(Control, refusesWithoutHarm) {
+  serverIs();
+  const struct {
+    std::string request;
+    const char* error;
+  } cases[] = {
+      {"x", "cannot be read: line 1, column 1"},
+      {"[]", "it is not a JSON object"},
+      {std::string(1000, '['), "nested deeper"},
+      {"{\"cmd\":\"show\"} {}", "cannot be read"},
+      {std::string("{\"cmd\":\"show\0\"}", 15), "cannot be read"},
+      {"\xff\xfe", "cannot be read"},
+      {"{}", "needs \"cmd\", a string"},
+      {R"({"cmd":1})", "needs \"cmd\", a string"},
+      {R"({"cmd":"reboot"})", "unknown command \"reboot\"; known are"},
+      {R"({"cmd":"show"})", "needs \"path\""},
+      {R"({"cmd":"show","path":"a/b"})", "a/b: there is no such path; allowed: "},
+      {R"({"cmd":"set","path":"evpn/status"})", "needs \"value\""},
+      {R"({"cmd":"set","path":"evpn/status","value":null})", "evpn/status: null is not an object"},
+      {R"({"cmd":"apply","state":[]})", "needs \"state\""},
+      {R"({"cmd":"remote"})", "needs \"op\""},
+      {R"({"cmd":"remote","op":"set"})", "unknown \"op\" \"set\""},
+      {R"({"cmd":"remote","op":"add","bindings":["10 10.0.0.1 02:00:00:00:00:01"]})",
+       "needs \"bindings\", a string"},
+      {R"({"cmd":"remote","op":"add","bindings":"10 10.0.0.1 02:00:00:00:00:01\n10 10.0.0.2 03:00:00:00:00:01"})",
+       "MAC \"03:"},
+      {R"({"cmd":"remote","op":"add","bindings":"10 10.0.0.1 02:00:00:00:00:01 x"})",
+       "\"x\" is not \"localMultihomed\""},
+      {R"({"cmd":"remote","op":"del","bindings":"10"})", "IP \"\""},
+      {R"({"cmd":"agent","command":"status"})", "no plug-in that is ready answers \"status\"; loaded: none"},
+      {R"({"cmd":"agent","command":"status","args":[1]})", "\"args\" is not a list of strings"},
+  };
+  for (const auto& test : cases) {
+    const std::string answer = answerTo(test.request + "\n");
+    const json parsed = json::parse(answer, nullptr, false);
+    ASSERT_TRUE(parsed.is_object()) << test.request << answer;
+    EXPECT_EQ(parsed["ok"], false);
+    EXPECT_THAT(parsed["error"].get<std::string>(), HasSubstr(test.error)) << test.request;
+    EXPECT_EQ(host.show(kRemote)["remoteBinding"], json::object()) << test.request;
+  }
+}
+
+TEST_F(Control, letsOnlyRootWrite) {
+  serverIs();
+  for (const char* request : {R"({"cmd":"set","path":"evpn/status","value":{"mplsConfigured":true}})",
+                              R"({"cmd":"apply","state":{"evpn/status":{"mplsConfigured":true}}})",
+                              R"({"cmd":"remote","op":"add","bindings":"10 10.0.0.1 02:00:00:00:00:01"})",
+                              R"({"cmd":"remote","op":"clear"})"}) {
+    EXPECT_THAT(answerTo(std::string(request) + "\n", kNobody), HasSubstr("only root may change state"))
+        << request;
+  }
+  EXPECT_EQ(host.show("evpn/status")["mplsConfigured"], false);
+  EXPECT_EQ(host.show(kRemote)["remoteBinding"], json::object());
+  EXPECT_THAT(answerTo("{\"cmd\":\"show\",\"path\":\"evpn/status\"}\n", kNobody), HasSubstr("\"ok\":true"));
+}
+
+TEST_F(Control, boundsWhatAClientSends) {
+  serverIs();
+  const struct {
+    uid_t user;
+    std::size_t most;
+  } cases[] = {{kRoot, Host::kMaxWriterLine}, {kNobody, Host::kMaxReaderLine}};
+  for (const auto& test : cases) {
+    for (const std::size_t length : {test.most, test.most + 1}) {
+      Peer peer(*server, test.user);
+      const std::string line = std::string(length, ' ') + "\n" + "{\"cmd\":\"paths\"}\n";
+      std::string answers;
+      for (std::size_t sent = 0; sent < line.size() && !peer.closed();) {
+        sent += peer.send(std::string_view(line).substr(sent));
+        host.settle();
+        answers += peer.receive();
+      }
+      answers += all(peer);
+      if (length == test.most) {
+        EXPECT_THAT(answers, HasSubstr("\"paths\":["));
+        EXPECT_FALSE(peer.closed());
+      } else {
+        EXPECT_TRUE(peer.closed());
+      }
+    }
+  }
+  // One that never ends a line is told so, before it is dropped, and only it.
+  Peer other(*server);
+  Peer endless(*server, kNobody);
+  std::string told;
+  for (int i = 0; i < 1000 && told.empty(); ++i) {
+    endless.send(std::string(10000, 'x'));
+    host.settle();
+    told = endless.receive();
+  }
+  EXPECT_THAT(told, HasSubstr("longer than 65536 bytes"));
+  EXPECT_TRUE(endless.closed());
+  EXPECT_FALSE(other.closed());
+}
+
+// A client that asks and never reads costs a bounded buffer, and what it asked for waits.
+TEST_F(Control, stopsForAClientThatDoesNotRead) {
+  Host::ControlLimits limits;
+  limits.unsent = 64 << 10;
+  serverIs(limits);
+  json bindings;
+  for (int i = 0; i < 4000; ++i)
+    bindings["10 10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250)] = {
+        {"mac", "02:00:00:00:00:01"}};
+  ASSERT_EQ(host.state->apply({{kRemote, {{"remoteBinding", bindings}}}}), "");
+  Peer peer(*server);
+  const std::string request = std::string("{\"cmd\":\"show\",\"path\":\"") + kRemote + "\"}\n";
+  std::size_t asked = 0;
+  for (int i = 0; i < 200; ++i) asked += peer.send(request) == request.size() ? 1 : 0;
+  host.settle();
+  int turns = 0;
+  while (host.loop.step() && ++turns < 10000) {
+  }
+  EXPECT_LT(turns, 10000) << "the loop does not come to rest";
+  EXPECT_EQ(answerTo("{\"cmd\":\"set\",\"path\":\"evpn/status\",\"value\":{}}\n"), kOk);
+  const std::string answers = all(peer);
+  std::size_t done = 0;
+  for (std::size_t at = 0; (at = answers.find(kOk, at)) != std::string::npos; ++at) ++done;
+  EXPECT_EQ(done, asked);
+}
+
+TEST_F(Control, outlivesClientsThatVanish) {
+  serverIs();
+  std::string chunk = R"({"cmd":"remote","op":"add","bindings":")";
+  for (std::size_t i = 0; i < Host::kChunkBindings; ++i) {
+    chunk += (i == 0 ? "" : "\\n") + std::string("10 10.0.") + std::to_string(i / 256) + "." +
+             std::to_string(i % 256 == 0 ? 1 : i % 256) + " 02:00:00:00:00:01";
+  }
+  chunk += "\"}\n";
+  for (std::size_t cut = 0; cut <= chunk.size() * 2; cut += chunk.size() / 7) {
+    Peer peer(*server);
+    peer.send((chunk + chunk).substr(0, cut));
+    if (cut % 2 == 0) host.loop.step();
+    peer.hangUp();
+    host.settle();
+  }
+  EXPECT_EQ(server->clients(), 0u);
+  // In the middle of a clear, and of a long answer.
+  ASSERT_THAT(answerTo(chunk), HasSubstr("\"ok\":true"));
+  for (const std::string request :
+       {"{\"cmd\":\"remote\",\"op\":\"clear\"}\n", "{\"cmd\":\"show\",\"path\":\"arp/status\"}\n"}) {
+    Peer peer(*server);
+    peer.send(request);
+    for (int turn = 0; turn < 3; ++turn) host.loop.step();
+    peer.hangUp();
+    host.settle();
+  }
+  EXPECT_EQ(server->clients(), 0u);
+  // What the interrupted clear left, and what came after it, goes with the next.
+  ASSERT_EQ(answerTo("{\"cmd\":\"remote\",\"op\":\"add\",\"bindings\":\"11 10.0.0.1 02:00:00:00:00:01\"}\n"),
+            "{\"changed\":1,\"ok\":true}\n");
+  ASSERT_THAT(answerTo("{\"cmd\":\"remote\",\"op\":\"clear\"}\n"), HasSubstr("\"ok\":true"));
+  EXPECT_EQ(host.show(kRemote)["remoteBinding"], json::object());
+}
+
+TEST_F(Control, chunksAreAllOrNothingAndCounted) {
+  serverIs();
+  const auto remote = [&](const char* op, const std::string& lines) {
+    return answerTo(json{{"cmd", "remote"}, {"op", op}, {"bindings", lines}}.dump() + "\n");
+  };
+  EXPECT_EQ(remote("add", "10 10.0.0.1 02:00:00:00:00:01\n10 fe80::1 02:00:00:00:00:02 localMultihomed\n"),
+            "{\"changed\":2,\"ok\":true}\n");
+  EXPECT_EQ(remote("add", "10 10.0.0.1 02:00:00:00:00:01"), "{\"changed\":0,\"ok\":true}\n");
+  EXPECT_EQ(remote("add", ""), "{\"changed\":0,\"ok\":true}\n");
+  EXPECT_EQ(remote("del", "10 10.0.0.1\n10 10.0.0.9"), "{\"changed\":1,\"ok\":true}\n");
+  EXPECT_EQ(host.show(kRemote)["remoteBinding"],
+            json({{"10 fe80::1", {{"mac", "02:00:00:00:00:02"}, {"localMultihomed", true}}}}));
+  std::string many;
+  for (std::size_t i = 0; i <= Host::kChunkBindings; ++i) many += "10 10.0.0.1 02:00:00:00:00:01\n";
+  EXPECT_THAT(remote("add", many), HasSubstr("more than 512 bindings"));
+  EXPECT_FALSE(host.show(kRemote)["remoteBinding"].contains("10 10.0.0.1"));
+}
+
+// Neither an agent's answer of any length nor its characters come out changed.
+TEST_F(Control, carriesAgentCommands) {
+  struct Command final : Orb::AgentCommandCallback {
+    Command() : AgentCommandCallback("", "echo") {}
+    void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
+      if (arguments == std::vector<Mox::String>{"fail"}) throw Mox::RangeError("out of range");
+      for (const auto& argument : arguments)
+        EXPECT_GT(write(descriptor, argument.data(), argument.size()), 0);
+    }
+  };
+  struct Agent final : Orb::AgentBase {
+    Agent() : AgentBase("Echo") { agentCommandCallbackIs(Mox::make<Command>()); }
+    void doInit() override {}
+    void doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Statedb::EntityManager>&) override {}
+  };
+  agents.push_back(Mox::make<Agent>());
+  serverIs();
+  const std::string line = "\xc3\xa4 \"quoted\" \\ \t" + std::string(1000, 'z') + "\n";
+  json args = json::array();
+  for (int i = 0; i < 100; ++i) args.push_back(line);
+  const std::string answer =
+      answerTo(json{{"cmd", "agent"}, {"command", "echo"}, {"args", args}}.dump() + "\n");
+  std::string text;
+  std::size_t lines = 0;
+  for (std::size_t at = 0; at < answer.size(); at = answer.find('\n', at) + 1, ++lines) {
+    text += json::parse(answer.substr(at, answer.find('\n', at) - at)).value("text", "");
+  }
+  std::string expected;
+  for (int i = 0; i < 100; ++i) expected += line;
+  EXPECT_EQ(text, expected);
+  EXPECT_GT(lines, 3u);
+  EXPECT_THAT(answer, testing::EndsWith(kOk));
+  EXPECT_EQ(answerTo("{\"cmd\":\"agent\",\"command\":\"echo\"}\n"), kOk);
+  EXPECT_EQ(answerTo("{\"cmd\":\"agent\",\"command\":\"echo\",\"args\":[\"fail\"]}\n"),
+            "{\"error\":\"out of range\",\"ok\":false}\n");
+}
+
+TEST_F(Control, dropsIdleClientsAndServesSoMany) {
+  Host::ControlLimits limits;
+  limits.connections = 2;
+  limits.idleSeconds = 0.05;
+  serverIs(limits);
+  Peer first(*server);
+  Peer halfLine(*server);
+  halfLine.send("{\"cmd\":");
+  Peer third(*server);
+  EXPECT_THAT(third.receive(), HasSubstr("2 clients are connected already"));
+  EXPECT_TRUE(third.closed());
+  std::string told;
+  const double deadline = host.loop.clock().now() + 10;
+  while (server->clients() != 0 && host.loop.clock().now() < deadline) {
+    host.loop.step(0.1);
+    told += halfLine.receive();
+  }
+  EXPECT_THAT(told, HasSubstr("the rest of the request did not come"));
+  EXPECT_TRUE(first.closed());
+  EXPECT_TRUE(halfLine.closed());
+}
+
+// A client that ends its side after its requests gets every answer.
+TEST_F(Control, answersAfterEndOfInput) {
+  serverIs();
+  Peer peer(*server);
+  peer.send(
+      "{\"cmd\":\"set\",\"path\":\"evpn/status\",\"value\":{}}\n{\"cmd\":\"show\",\"path\":\"arp/"
+      "status\"}\n{\"cmd\"");
+  peer.shutDownSending();
+  EXPECT_THAT(all(peer), testing::AllOf(testing::StartsWith(kOk), HasSubstr("arpEntry"),
+                                        HasSubstr("ends without a newline")));
+  EXPECT_TRUE(peer.closed());
+  EXPECT_EQ(server->clients(), 0u);
+}
+
+TEST_F(Control, listensWithTheRightModeAndReplacesAStaleSocket) {
+  const std::string file = runDir.path() + "/" + Host::kControlSocket;
+  std::ofstream(file) << "left over";
+  serverIs();
+  ASSERT_EQ(server->listen(runDir.path()), "");
+  struct stat status {};
+  ASSERT_EQ(stat(file.c_str(), &status), 0);
+  EXPECT_TRUE(S_ISSOCK(status.st_mode));
+  EXPECT_EQ(status.st_mode & 07777, 0660u);
+  EXPECT_EQ(status.st_uid, geteuid());
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  file.copy(address.sun_path, sizeof address.sun_path - 1);
+  const void* bytes = &address;
+  ASSERT_EQ(connect(socket, static_cast<const sockaddr*>(bytes), sizeof address), 0);
+  Peer peer(socket);
+  peer.send("{\"cmd\":\"set\",\"path\":\"evpn/status\",\"value\":{}}\n");
+  // Whoever runs the test is what the socket says it is.
+  EXPECT_THAT(all(peer), HasSubstr(geteuid() == 0 ? "\"ok\":true" : "only root"));
+  server.reset();
+  EXPECT_NE(access(file.c_str(), F_OK), 0);
+  EXPECT_TRUE(peer.closed());
+}
+
+}  // namespace
+}  // namespace HostTest

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "Memtab/Directory.h"
+#include "Orb/EventLoop.h"
+#include "Orb/TaskScheduler.h"
+#include "Statedb/Json.h"
+#include "Statedb/LmdbStore.h"
+#include "host/Config.h"
+#include "host/State.h"
+
+namespace HostTest {
+
+using nlohmann::json;
+
+// A run directory of its own, removed with its shared memory.
+class RunDir {
+ public:
+  RunDir() {
+    std::string name = (std::filesystem::temp_directory_path() / "host-test-XXXXXX").string();
+    path_ = mkdtemp(name.data());
+  }
+  RunDir(const RunDir&) = delete;
+  RunDir& operator=(const RunDir&) = delete;
+  ~RunDir() {
+    Memtab::Directory::forRunDir(path_).removeAll();
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+inline Host::Config configOf(const json& content) {
+  std::string error;
+  const auto config = Host::parseConfig(content.dump(), "test.json", error);
+  EXPECT_TRUE(config) << error;
+  return config.value_or(Host::Config());
+}
+
+// A loop that the test steps, and the state of a host in it.
+class HostState {
+ public:
+  explicit HostState(const RunDir& runDir, const json& config = json::object(), bool persistent = false)
+      : config_(configOf(config)), tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop)) {
+    std::string error;
+    std::unique_ptr<Statedb::Store> store;
+    if (persistent) store = Statedb::LmdbStore::open(runDir.path(), {}, error);
+    EXPECT_EQ(error, "");
+    state = std::make_unique<Host::State>(loop, tasks_, runDir.path(), config_.agents, std::move(store),
+                                          [this](const std::string& message) { reports += message + "\n"; });
+    state->build(config_);
+  }
+
+  const Mox::Ptr<Orb::TaskScheduler>& scheduler() const { return tasks_->scheduler(); }
+
+  void settle() {
+    for (int turn = 0; turn < 50; ++turn) loop.step();
+  }
+  // The content of a path, read in slices of that size; `between` runs between them.
+  std::string text(const std::string& path, std::size_t slice = 1000,
+                   const std::function<void()>& between = {}) const {
+    std::string error;
+    const auto dump = state->dump(path, error);
+    if (!dump) return error;
+    std::string text;
+    while (dump->step(slice, text)) {
+      if (between) between();
+    }
+    return text;
+  }
+  json show(const std::string& path) const { return json::parse(text(path), nullptr, false); }
+
+ private:
+  Host::Config config_;
+
+ public:
+  Orb::EventLoop loop;
+  std::string reports;
+
+ private:
+  Mox::Ptr<Orb::TaskSchedulerRoot> tasks_;
+
+ public:
+  std::unique_ptr<Host::State> state;
+};
+
+}  // namespace HostTest

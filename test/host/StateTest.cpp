@@ -1,0 +1,211 @@
+#include "host/State.h"
+
+#include <gmock/gmock.h>
+
+#include "Arp/InputConfig.h"
+#include "Suppression/RemoteBindingConfig.h"
+#include "Suppression/Status.h"
+#include "Switch/Config.h"
+#include "Vrf/VrfIdMap.h"
+#include "test/host/HostFixture.h"
+
+namespace HostTest {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr const char* kRemote = "arpSuppression/remoteBindingConfig/evpn";
+
+TEST(State, beginsWithWhatTheConfigurationSays) {
+  RunDir runDir;
+  HostState host(runDir, {{"vrfs", {{"red", {{"id", 5}, {"networkNamespace", "r"}}}}},
+                          {"vlans", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}}}}},
+                          {"state",
+                           {{"evpn/status", {{"mplsConfigured", true}}},
+                            {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"7", "blue"}}}}},
+                            {"kni/ns/red/status", {{"interface", {{"vlan10", {{"ifIndex", 7}}}}}}}}}});
+  EXPECT_EQ(host.show("evpn/status")["mplsConfigured"], true);
+  EXPECT_EQ(host.show("kni/ns/red/status/"), json({{"interface", {{"vlan10", {{"ifIndex", 7}}}}}}));
+  EXPECT_EQ(host.show("vrf/vrfIdMapStatus"),
+            json({{"vrfIdToName", {{"0", "default"}, {"5", "red"}, {"7", "blue"}}}}));
+  EXPECT_EQ(host.show("switch/config"),
+            json({{"vrf",
+                   {{"default", {{"id", 0}, {"networkNamespace", "default"}}},
+                    {"red", {{"id", 5}, {"networkNamespace", "r"}}}}},
+                  {"vlan", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}}}}}}));
+  EXPECT_EQ(host.show("ip/vrf/status/local"), json({{"vrf", json::object()}}));
+  EXPECT_EQ(host.reports, "");
+}
+
+TEST(State, mergesTablesLikeTheTree) {
+  RunDir runDir;
+  HostState host(runDir);
+  const auto fdb = [&] { return host.show("bridging/status")["fdb"]; };
+  ASSERT_EQ(host.state->apply({{"bridging/status",
+                                {{"fdb",
+                                  {{"10 02:00:00:00:00:01", {{"entryType", "static"}, {"intf", "Ethernet1"}}},
+                                   {"10 02:00:00:00:00:02", {{"intf", "Ethernet2"}}}}}}}}),
+            "");
+  ASSERT_EQ(host.state->apply({{"bridging/status/",
+                                {{"fdb",
+                                  {{"10 02:00:00:00:00:01", {{"intf", "Ethernet3"}}},
+                                   {"10 02:00:00:00:00:02", nullptr},
+                                   {"10 02:00:00:00:00:03", nullptr}}}}}}),
+            "");
+  EXPECT_EQ(fdb(), json({{"10 02:00:00:00:00:01", {{"entryType", "static"}, {"intf", "Ethernet3"}}}}));
+  ASSERT_EQ(host.state->apply({{"bridging/status", {{"fdb", nullptr}}}}), "");
+  EXPECT_EQ(fdb(), json::object());
+}
+
+TEST(State, appliesAllOrNothing) {
+  RunDir runDir;
+  HostState host(runDir, {{"agents", {"ArpSuppression"}}});
+  const json good = {{"mplsConfigured", true}};
+  const struct {
+    const char* path;
+    json content;
+    const char* error;
+  } cases[] = {
+      {"evpn/mplsConfig", {{"controlWord", true}}, "unknown key \"controlWord\""},
+      {"evpn/statuses", json::object(), "there is no such path"},
+      {"arpSuppression/counter", json::object(), "ArpSuppression is loaded"},
+      {"arpSuppression/status", json::object(), "ArpSuppression is loaded"},
+      {"switch/config", json::object(), "cannot be set"},
+      {"arp/status", {{"arpEntry", {{"5 10.0.0.1", json::object()}}}}, "the key is not \"vrfId ip intf\""},
+      {"arp/status", {{"arpEntry", {{"5  Vlan10", json::object()}}}}, "the key is not"},
+      {"arp/status",
+       {{"arpEntry", {{"5 10.0.0.1 Vlan10", {{"mac", 5}}}}}},
+       "[\"5 10.0.0.1 Vlan10\"].mac: 5 is not a MAC"},
+      {"arp/status", {{"arpEntry", 5}}, "5 is not an object by key"},
+      {"arp/status", {{"entries", json::object()}}, "unknown key \"entries\"; allowed: arpEntry"},
+      {"arp/status", json::array(), "a list is not an object of arpEntry"},
+      {kRemote, {{"remoteBinding", {{"0 10.0.0.1", json::object()}}}}, "the key is not \"vlan ip\""},
+      {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"0", "red"}}}}, "always has the id 0"},
+      {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"0", nullptr}}}}, "always has the id 0"},
+      {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"3", "default"}}}}, "always has the id 0"},
+      {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"16777215", "red"}}}}, "not a number from 0 to 16777214"},
+      {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"5", std::string(101, 'x')}}}}, "vrfIdToName[\"5\"]"},
+  };
+  for (const auto& test : cases) {
+    // Good content goes before some of the bad ones, and behind others.
+    const json state = {{"evpn/status", good},
+                        {"bridging/status", {{"fdb", {{"10 02:00:00:00:00:01", json::object()}}}}},
+                        {test.path, test.content}};
+    EXPECT_THAT(host.state->apply(state), HasSubstr(test.error)) << test.path << test.content;
+    EXPECT_EQ(host.show("evpn/status")["mplsConfigured"], false) << test.path << test.content;
+    EXPECT_EQ(host.show("bridging/status")["fdb"], json::object()) << test.path << test.content;
+  }
+}
+
+TEST(State, keepsTheIdOfTheVrfDefault) {
+  RunDir runDir;
+  HostState host(runDir);
+  ASSERT_EQ(host.state->apply({{"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"5", "red"}}}}}}), "");
+  ASSERT_EQ(host.state->apply({{"vrf/vrfIdMapStatus", {{"vrfIdToName", nullptr}}}}), "");
+  EXPECT_EQ(host.show("vrf/vrfIdMapStatus"), json({{"vrfIdToName", {{"0", "default"}}}}));
+}
+
+// A table outlives its host; the next host says again what it holds, and entries that stay are never missing.
+TEST(State, reconcilesTablesOfAnEarlierRun) {
+  RunDir runDir;
+  {
+    HostState host(runDir);
+    ASSERT_EQ(host.state->apply({{kRemote,
+                                  {{"remoteBinding",
+                                    {{"10 10.0.0.1", {{"mac", "02:00:00:00:00:01"}}},
+                                     {"10 10.0.0.2", {{"mac", "02:00:00:00:00:02"}}}}}}}}),
+              "");
+  }
+  HostState host(
+      runDir, {{"state", {{kRemote, {{"remoteBinding", {{"10 10.0.0.2", {{"localMultihomed", true}}}}}}}}}});
+  EXPECT_EQ(host.show(kRemote),
+            json({{"remoteBinding",
+                   {{"10 10.0.0.2", {{"mac", "00:00:00:00:00:00"}, {"localMultihomed", true}}}}}}));
+}
+
+TEST(State, keepsWhatAgentsPublishAndNothingElse) {
+  RunDir runDir;
+  for (const bool second : {false, true}) {
+    HostState host(runDir, json::object(), true);
+    const auto status =
+        host.state->tree()->entityOf<ArpSuppression::ArpSuppressionStatus>("arpSuppression/status");
+    const auto input = host.state->tree()->entityOf<Arp::ArpInputConfig>("arp/input/config/arpSuppression");
+    ASSERT_TRUE(status && input);
+    EXPECT_EQ(status->runnable(), second);
+    EXPECT_EQ(input->source(), second ? 110u : 0u);
+    EXPECT_EQ(host.show("evpn/status")["mplsConfigured"], false);
+    status->runnableIs(true);
+    input->sourceIs(110);
+    ASSERT_EQ(host.state->apply({{"evpn/status", {{"mplsConfigured", true}}}}), "");
+    while (host.state->flush()) {
+    }
+  }
+}
+
+// Reading and writing of what a plug-in mounts: its own entities are left to it, the others are there, empty.
+TEST(State, createsWhatNobodyOwns) {
+  RunDir runDir;
+  HostState host(runDir, {{"agents", {"KernelState", "ArpSuppression"}}});
+  const auto group = host.state->tree()->mountGroup();
+  group->mountIs("ip/status", "Ip::Status", "r");
+  group->mountIs("arp/input/config/arpSuppression", "Arp::ArpInputConfig", "wS");
+  group->mountIs("evpn/status", "Evpn::EvpnStatus", "r");
+  group->doClose();
+  host.state->createAbsent();
+  host.settle();
+  EXPECT_TRUE(group->ready());
+  EXPECT_FALSE(host.state->tree()->entity("ip/status"));
+  EXPECT_TRUE(host.state->tree()->entity("arp/input/config/arpSuppression"));
+  EXPECT_TRUE(host.state->tree()->entity("evpn/status"));
+  std::string error;
+  EXPECT_FALSE(host.state->tables()->writable("arp/status"));
+  EXPECT_TRUE(host.state->remoteBindings(error));
+  EXPECT_EQ(host.state->dump("ip/status", error), nullptr);
+  EXPECT_EQ(error, "ip/status: nobody has made it yet");
+}
+
+// Slices of any size give the same text, and what changes in between never hides what stays.
+TEST(State, dumpsInSlices) {
+  RunDir runDir;
+  HostState host(runDir);
+  const auto input = host.state->tree()->entityOf<Arp::ArpInputConfig>("arp/input/config/arpSuppression");
+  json bindings;
+  for (std::uint32_t i = 0; i < 300; ++i) {
+    for (const char* vrf : {"blue", "red"}) {
+      input->vrfIs(vrf)->ipv4Is(Lanix::IpAddr(0x0a000000u + i),
+                                {Lanix::EthAddr({2, 0, 0, 0, 0, 1}), {}, 1, false});
+    }
+    bindings["10 10.0.0." + std::to_string(i % 256)] = {{"mac", "02:00:00:00:00:01"}};
+  }
+  ASSERT_EQ(host.state->apply({{kRemote, {{"remoteBinding", bindings}}}}), "");
+  input->vrfIs("empty");
+  for (const char* path :
+       {"arp/input/config/arpSuppression", kRemote, "switch/config", "interface/status/all"}) {
+    const std::string whole = host.text(path);
+    ASSERT_TRUE(json::accept(whole)) << path;
+    for (const std::size_t slice : {1u, 2u, 7u, 299u, 300u, 301u})
+      EXPECT_EQ(host.text(path, slice), whole) << path << " " << slice;
+  }
+  EXPECT_EQ(json::parse(host.text("arp/input/config/arpSuppression", 3)),
+            host.state->tree()->entityType("arp/input/config/arpSuppression")->toJson(*input));
+
+  std::uint32_t step = 0;
+  const json seen =
+      json::parse(host.text("arp/input/config/arpSuppression", 5,
+                            [&] {
+                              // Every odd address of "blue" goes, one of them mostly the next in turn, and
+                              // all of "red" goes in between.
+                              input->vrf("blue")->ipv4Del(Lanix::IpAddr(0x0a000000u + (step * 2 + 1) % 300));
+                              if (++step == 10) input->vrfDel("red");
+                            }),
+                  nullptr, false);
+  ASSERT_TRUE(seen.is_object());
+  for (std::uint32_t i = 0; i < 300; i += 2) {
+    EXPECT_TRUE(seen["vrf"]["blue"]["ipv4"].contains(Lanix::IpAddr(0x0a000000u + i).toStrep())) << i;
+  }
+  EXPECT_FALSE(seen["vrf"].contains("red"));
+  EXPECT_TRUE(seen["vrf"].contains("empty"));
+}
+
+}  // namespace
+}  // namespace HostTest
