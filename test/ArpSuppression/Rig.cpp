@@ -8,16 +8,33 @@
 #include <filesystem>
 
 #include "Lanix/Wire.h"
+#include "Statedb/Register.h"
 #include "Tracelet/Tracelet.h"
-#include "Types.h"
+#include "AllTypes.h"
 
 namespace ArpSuppression {
 
 namespace {
 
+// Tables of this test program. A death test's child is another process with the same names; what it leaves is
+// removed by the next rig of the same name, or at the end.
+struct Prefixes {
+  const std::string mine = "arp-suppression-test-" + std::to_string(getpid()) + "-";
+  const pid_t owner = getpid();
+  int count = 0;
+  ~Prefixes() {
+    if (getpid() != owner) return;
+    std::error_code ignored;
+    for (const auto& file : std::filesystem::directory_iterator("/dev/shm", ignored)) {
+      if (file.path().filename().string().starts_with(mine)) std::filesystem::remove(file.path(), ignored);
+    }
+  }
+} prefixes;
+
 std::string uniquePrefix() {
-  static int count = 0;
-  return "arp-suppression-test-" + std::to_string(getpid()) + "-" + std::to_string(count++);
+  const std::string prefix = prefixes.mine + std::to_string(prefixes.count++);
+  Memtab::Directory(prefix).removeAll();
+  return prefix;
 }
 
 // Takes the trace files of the agents, and goes with the process.
@@ -73,7 +90,7 @@ Rig::Rig(std::unique_ptr<Statedb::Store> store, const Orb::Clock* given)
   namespaces.has("red");
   namespaces.has("blue");
   netlinkSockets.namespacesAre(namespaces);
-  Model::registerStateTypes(types_);
+  Model::forEachStateType([this]<class E>(const char* name) { types_.registerType<E>(name); });
   tree_ = Mox::make<Statedb::EntityManager>(
       types_, [this](auto call) { loop_.post(std::move(call)); }, std::move(store));
   tree_->persist("arpSuppression/status");
@@ -91,7 +108,7 @@ Rig::Rig(std::unique_ptr<Statedb::Store> store, const Orb::Clock* given)
   }
   tables_ =
       Mox::make<Memtab::EntityManager>(loop_, scheduler_->scheduler(), Memtab::Directory(uniquePrefix()));
-  Model::registerTableTypes(*tables_);
+  Model::forEachTableType([this]<class E>(const char* name) { tables_->registerType<E>(name); });
   for (const auto& [path, type] : std::initializer_list<std::pair<const char*, const char*>>{
            {"vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status"},
            {"arp/status", "Arp::Table::Status"},
