@@ -65,29 +65,18 @@ class MessageTrapSm : public MessageTapSocketSm {
 // On switch hardware.
 class MessageTrapSmPhysical final : public MessageTrapSm {
  public:
-  MessageTrapSmPhysical(Ptr<Orb::TaskScheduler> scheduler, Ptr<VlanL3InfoStatus> vlanL3InfoStatus,
-                        Ptr<MessageTrap> receivedRequestTrap, Ptr<MessageQueue> reinjectMessageQueue,
-                        Ptr<const ArpSuppressionStatus> arpSuppressionStatus,
-                        Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus,
-                        Ptr<const Interface::DeviceIntfStatusDir> deviceIntfStatusDir)
-      : MessageTrapSm(std::move(scheduler), "fabric", std::move(vlanL3InfoStatus),
-                      std::move(receivedRequestTrap), std::move(reinjectMessageQueue),
-                      std::move(arpSuppressionStatus), std::move(arpSuppressionCounterStatus),
-                      std::move(deviceIntfStatusDir)) {}
+  // What MessageTrapSm takes, without the interface's name.
+  template <class... Inputs>
+  explicit MessageTrapSmPhysical(Ptr<Orb::TaskScheduler> scheduler, Inputs&&... inputs)
+      : MessageTrapSm(std::move(scheduler), "fabric", std::forward<Inputs>(inputs)...) {}
 };
 
 // On the software-forwarding data plane.
 class MessageTrapSmSimfwd final : public MessageTrapSm {
  public:
-  MessageTrapSmSimfwd(Ptr<Orb::TaskScheduler> scheduler, Ptr<VlanL3InfoStatus> vlanL3InfoStatus,
-                      Ptr<MessageTrap> receivedRequestTrap, Ptr<MessageQueue> reinjectMessageQueue,
-                      Ptr<const ArpSuppressionStatus> arpSuppressionStatus,
-                      Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus,
-                      Ptr<const Interface::DeviceIntfStatusDir> deviceIntfStatusDir)
-      : MessageTrapSm(std::move(scheduler), "arpsnoop", std::move(vlanL3InfoStatus),
-                      std::move(receivedRequestTrap), std::move(reinjectMessageQueue),
-                      std::move(arpSuppressionStatus), std::move(arpSuppressionCounterStatus),
-                      std::move(deviceIntfStatusDir)) {}
+  template <class... Inputs>
+  explicit MessageTrapSmSimfwd(Ptr<Orb::TaskScheduler> scheduler, Inputs&&... inputs)
+      : MessageTrapSm(std::move(scheduler), "arpsnoop", std::forward<Inputs>(inputs)...) {}
 };
 
 }  // namespace ArpSuppression

@@ -21,6 +21,7 @@
 
 #include "ArpSuppression/Rig.h"
 #include "Lanix/Wire.h"
+#include "Targets.h"
 
 namespace {
 
@@ -68,24 +69,6 @@ class SinkSockets final : public Lanix::PacketSockets {
     return static_cast<ssize_t>(frame.bytes.size());
   }
 };
-
-struct Target {
-  std::uint32_t vlan;
-  std::uint32_t address;
-};
-
-Target targetOf(std::uint32_t i) { return {10 + i / 65536, 0x0a010000 + i % 65536}; }
-
-Lanix::EthAddr macOf(std::uint32_t i) {
-  return Lanix::EthAddr({0x02, 0x10, static_cast<std::uint8_t>(i >> 24), static_cast<std::uint8_t>(i >> 16),
-                         static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)});
-}
-
-void setTarget(TestSupport::Frame& frame, const Target& target) {
-  const Lanix::Be32 vlan(target.vlan), address(target.address);
-  std::memcpy(frame.data() + 16, &vlan, 4);
-  std::memcpy(frame.data() + 54, &address, 4);
-}
 
 double reference(std::uint32_t bindings, const std::vector<std::uint32_t>& order,
                  const TestSupport::Frame& frame) {
@@ -161,7 +144,7 @@ void run(std::uint32_t bindings, std::size_t requests) {
   MessageTrapSm& trap = *rig.rootSm()->messageTrapSm();
   SinkSockets sink;
   Lanix::Replaced<Lanix::PacketSockets> replaced(sink);
-  for (std::size_t i = 0; i < 1000; ++i) {
+  for (std::size_t i = 0; i < std::min<std::size_t>(1000, requests); ++i) {
     setTarget(frame, targetOf(order[i]));
     trap.processMessage(frame);
   }
@@ -193,8 +176,9 @@ int main(int argc, char** argv) {
       "in memory: request to reply, one thread (targets: at most 400 ns and 2 allocations a request;\n"
       "population at most 3 s of CPU, 10 ms a slice, 350 bytes a binding)\n\n"
       " bindings  ns/request  reference (ns)  allocs/req  population (s)  longest (ms)  bytes/binding\n");
-  if (argc > 1) {  // one size only, long enough for a profiler
-    ArpSuppression::run(static_cast<std::uint32_t>(std::atoi(argv[1])), 5000000);
+  if (argc > 2) {  // DecisionBench BINDINGS REQUESTS: one size only, for a profiler
+    ArpSuppression::run(static_cast<std::uint32_t>(std::atoi(argv[1])),
+                        static_cast<std::size_t>(std::atoi(argv[2])));
     return 0;
   }
   for (const std::uint32_t bindings : {1u, 65536u, 1000000u}) ArpSuppression::run(bindings, 1000000);

@@ -35,6 +35,7 @@
 
 #include "ArpSuppression/Rig.h"
 #include "Lanix/Wire.h"
+#include "Targets.h"
 
 namespace ArpSuppression {
 namespace {
@@ -78,16 +79,6 @@ void steer(const char* device, bool toResponder) {
   mask << (toResponder ? "1" : "0") << std::endl;
 }
 
-struct Target {
-  std::uint32_t vlan;
-  std::uint32_t address;
-};
-Target targetOf(std::uint32_t i) { return {10 + i / 65536, 0x0a010000 + i % 65536}; }
-Lanix::EthAddr macOf(std::uint32_t i) {
-  return Lanix::EthAddr({0x02, 0x10, static_cast<std::uint8_t>(i >> 24), static_cast<std::uint8_t>(i >> 16),
-                         static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)});
-}
-
 struct Figures {
   double answersPerSecond = 0;
   double p50 = 0;  // microseconds, with one outstanding
@@ -104,10 +95,7 @@ Figures load(std::uint32_t bindings) {
   std::mt19937 random(1);
   std::vector<TestSupport::Frame> frames(4096, Trapped{}.frame());
   for (auto& frame : frames) {
-    const Target target = targetOf(static_cast<std::uint32_t>(random() % bindings));
-    const Lanix::Be32 vlan(target.vlan), address(target.address);
-    std::memcpy(frame.data() + 16, &vlan, 4);
-    std::memcpy(frame.data() + 54, &address, 4);
+    setTarget(frame, targetOf(static_cast<std::uint32_t>(random() % bindings)));
   }
   std::array<std::byte, 256> reply;
   std::size_t next = 0;
@@ -248,9 +236,8 @@ void run(std::uint32_t bindings) {
   rig.settle();
   for (const bool allIn : {true, false}) {
     steer("arpsnoop", allIn);
-    const Figures agent = measure(bindings, [&](const std::function<bool()>& goOn) {
-      runWhile(rig.eventLoop(), goOn);
-    });
+    const Figures agent =
+        measure(bindings, [&](const std::function<bool()>& goOn) { runWhile(rig.eventLoop(), goOn); });
     rig.device("default", "arpsnoop", 0);  // the agent's sockets hear nothing while the bare responder runs
     rig.settle();
     const Figures bare = measure(bindings, echo);
