@@ -1,0 +1,178 @@
+// Import of the kernel's state: 100,000 neighbours of a VRF and 100,000 MAC table entries of a VLAN's bridge,
+// in network namespaces of its own. Prints the CPU time (the kernel's share included) and the longest slice,
+// and beside them what reading the same tables costs when nothing is done with them.
+//
+//   KernelStateBench [ENTRIES]
+
+#include <linux/neighbour.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "AgentRig.h"
+#include "KernelState/Messages.h"
+#include "LabKernel.h"
+#include "Lanix/Namespaces.h"
+
+namespace {
+
+using KernelState::AgentRig;
+using KernelState::Table;
+
+constexpr double kTargetCpu = 1;        // seconds
+constexpr double kTargetSlice = 10e-3;  // seconds
+
+double cpu() {
+  timespec time{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+double residentMiB() {
+  long pages = 0;
+  long resident = 0;
+  if (std::FILE* file = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(file, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    std::fclose(file);
+  }
+  return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE)) / (1 << 20);
+}
+
+struct Cost {
+  double cpu = 0;
+  double turn = 0;  // the longest turn of the loop, in CPU time
+};
+
+template <class Done>
+Cost runUntil(AgentRig& rig, Done done) {
+  Cost cost;
+  const double begin = cpu();
+  while (!done()) {
+    const double start = cpu();
+    rig.loop().step(0.1);
+    cost.turn = std::max(cost.turn, cpu() - start);
+  }
+  cost.cpu = cpu() - begin;
+  return cost;
+}
+
+void print(const char* what, const Cost& cost) {
+  std::printf(
+      "%-44s %7.3f s CPU   longest turn %6.2f ms   %s\n", what, cost.cpu, cost.turn * 1e3,
+      cost.cpu <= kTargetCpu && cost.turn <= kTargetSlice ? "within 1 s and 10 ms" : "ABOVE 1 s or 10 ms");
+}
+
+// Reads a table, and nothing else.
+double readOnly(Table table, std::size_t& messages) {
+  Netlink::Socket socket(NETLINK_ROUTE);
+  const double begin = cpu();
+  const auto error = socket.dump(
+      KernelState::dumpRequest(table), [&](const Netlink::Received&) { ++messages; }, [&] { messages = 0; });
+  if (error) std::printf("reading %s: %s\n", KernelState::nameOf(table), error->text.c_str());
+  return cpu() - begin;
+}
+
+std::string macOf(std::size_t i) {
+  char text[18];
+  std::snprintf(text, sizeof text, "02:00:%02x:%02x:%02x:%02x", static_cast<unsigned>(i >> 24 & 0xff),
+                static_cast<unsigned>(i >> 16 & 0xff), static_cast<unsigned>(i >> 8 & 0xff),
+                static_cast<unsigned>(i & 0xff));
+  return text;
+}
+
+std::vector<Netlink::Message> neighbours(std::size_t count, std::size_t first = 0) {
+  std::vector<Netlink::Message> messages;
+  for (std::size_t i = first; i < first + count; ++i) {
+    messages.push_back(KernelState::neighbourMessage(
+        "vlan10", Lanix::IpAddr(static_cast<std::uint32_t>(0x0A000002 + i)).toStrep(), macOf(i),
+        NUD_PERMANENT));
+  }
+  return messages;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::size_t entries = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 100000;
+  const std::string redName = "red-" + std::to_string(getpid());
+  const Lab::Namespace leaf;
+  const Lab::Entered entered(leaf);
+  Lanix::Namespaces namespaces;
+  const Lanix::Replaced<Lanix::Namespaces> replaced(namespaces);
+  const Lab::Namespace red("red");
+  const Lab::Namespace host;
+  Lab::bridgeIs("vlan10");
+  Lab::vethIs("v10", "vlan10", red);
+  Lab::portIs("v10", "vlan10");
+  Lab::vethIs("Ethernet1", "eth0", host);
+  Lab::portIs("Ethernet1", "vlan10");
+
+  std::size_t readNeighbours = 0;
+  std::size_t readMacs = 0;
+  double bare = 0;
+  {
+    const Lab::Entered there(red);
+    auto messages = neighbours(entries);
+    std::printf("neighbours in the kernel: %zu\n", KernelState::requestAll(messages));
+    bare += readOnly(Table::neighbours, readNeighbours);
+  }
+  {
+    std::vector<Netlink::Message> messages;
+    for (std::size_t i = 0; i < entries; ++i)
+      messages.push_back(KernelState::macMessage("Ethernet1", macOf(i), NUD_REACHABLE));
+    std::printf("MAC entries in the kernel: %zu\n", KernelState::requestAll(messages));
+    bare += readOnly(Table::macs, readMacs);
+  }
+  std::printf("%-44s %7.3f s CPU   (%zu and %zu messages)\n", "reading both tables, nothing else", bare,
+              readNeighbours, readMacs);
+
+  const KernelState::ScratchTables tables;
+  const auto make = [&] {
+    auto rig = std::make_unique<AgentRig>(Orb::EventLoop::realClock(), tables.directory());
+    rig->vrfIs("red", 5, redName);
+    rig->vlanIs(10, "vlan10");
+    rig->start();
+    return rig;
+  };
+  const auto published = [](const AgentRig& rig, std::size_t neighbours, std::size_t macs) {
+    return rig.agent()->rootSm() && rig.agent()->rootSm()->reconciled() &&
+           rig.table<Arp::Table::Status>("arp/status")->arpEntrys() == neighbours &&
+           rig.table<Memtab::Bridging::Status>("bridging/status")->fdbs() == macs;
+  };
+  const double before = residentMiB();
+  auto rig = make();
+  print("import", runUntil(*rig, [&] { return published(*rig, entries, entries); }));
+  std::printf("%-44s %7.0f bytes an entry\n", "resident memory, shared tables included",
+              (residentMiB() - before) * (1 << 20) / static_cast<double>(2 * entries));
+  std::fputs(rig->taskSchedulerRoot()->debugText().c_str(), stdout);
+  rig = nullptr;
+  rig = make();
+  print("import over the tables of an earlier run",
+        runUntil(*rig, [&] { return published(*rig, entries, entries); }));
+
+  // As they happen, in the steps of a busy switch.
+  Cost live;
+  {
+    constexpr std::size_t kStep = 1000;
+    std::size_t added = 0;
+    while (added < entries) {
+      {
+        const Lab::Entered there(red);
+        auto messages = neighbours(kStep, entries + added);
+        KernelState::requestAll(messages);
+      }
+      added += kStep;
+      const Cost cost = runUntil(*rig, [&] { return published(*rig, entries + added, entries); });
+      live.cpu += cost.cpu;
+      live.turn = std::max(live.turn, cost.turn);
+    }
+  }
+  print("as many neighbours again, by notification", live);
+  return 0;
+}

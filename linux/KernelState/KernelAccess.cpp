@@ -1,0 +1,179 @@
+#include "KernelState/KernelAccess.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <linux/rtnetlink.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "KernelState/Trace.h"
+#include "Lanix/Descriptor.h"
+#include "Lanix/NamespaceGuard.h"
+
+namespace KernelState {
+namespace {
+
+constexpr char kSource[] = "KernelState/KernelAccess";
+constexpr char kNames[] = "/run/netns";
+constexpr char kAbove[] = "/run";
+// Room for some twenty thousand notifications: a flood of them (a link that takes its neighbours along) is
+// then read rather than lost, and a loss costs reading every table again. Used only while notifications wait.
+constexpr int kNotificationBuffer = 8 << 20;
+// The kernel makes a dump's next datagram when one is read, so this passes only when something is broken.
+constexpr int kDumpTimeoutMilliseconds = 100;
+constexpr unsigned kGroups[] = {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_NEIGH};
+
+KernelAccess* replaced_ = nullptr;
+
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : descriptor_(Lanix::aboveStandard(descriptor)) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+  }
+  int get() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};
+
+NamespaceId identityOf(int descriptor) {
+  struct statfs system {};
+  struct stat file {};
+  if (fstatfs(descriptor, &system) != 0 || system.f_type != NSFS_MAGIC || fstat(descriptor, &file) != 0)
+    return {};
+  return {file.st_dev, file.st_ino};
+}
+
+class NetlinkSource final : public RouteSource {
+ public:
+  explicit NetlinkSource(NamespaceId id)
+      : id_(id),
+        notifications_(NETLINK_ROUTE, {.receiveBuffer = kNotificationBuffer}),
+        dumps_(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = kDumpTimeoutMilliseconds}) {}
+
+  Netlink::Result prepare() {
+    if (notifications_.openError()) return notifications_.openError();
+    if (dumps_.openError()) return dumps_.openError();
+    for (const unsigned group : kGroups) {
+      if (Netlink::Result error = notifications_.join(group)) return error;
+    }
+    return std::nullopt;
+  }
+
+  NamespaceId id() const override { return id_; }
+  int descriptor() const override { return notifications_.fd(); }
+  Netlink::Notifications receive(const Netlink::Handler& handler, std::size_t maxMessages) override {
+    return notifications_.receive(handler, maxMessages);
+  }
+  Netlink::Result dumpStart(Netlink::Message request) override {
+    return dumps_.dumpStart(std::move(request));
+  }
+  Netlink::DumpSlice dumpSlice(const Netlink::Handler& handler) override { return dumps_.dumpSlice(handler); }
+
+ private:
+  NamespaceId id_;
+  Netlink::Socket notifications_;
+  Netlink::Socket dumps_;
+};
+
+// Names come and go in a directory, which itself comes with the first of them; what is mounted behind a name
+// changes in the mount table. poll(2) on that reports an error condition at each change, see proc(5).
+class NameWatch final : public NamespaceEvents {
+ public:
+  NameWatch()
+      : names_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
+        mounts_(::open("/proc/thread-self/mountinfo", O_RDONLY | O_CLOEXEC)) {
+    watch();
+  }
+
+  std::vector<int> descriptors() const override {
+    std::vector<int> descriptors;
+    for (const int descriptor : {names_.get(), mounts_.get()}) {
+      if (descriptor >= 0) descriptors.push_back(descriptor);
+    }
+    return descriptors;
+  }
+
+  void drain() override {
+    alignas(inotify_event) std::array<std::byte, 4096> events;  // which ones does not matter
+    while (read(names_.get(), events.data(), events.size()) > 0) {
+    }
+    watch();
+  }
+
+ private:
+  // The directory that the path leads to now; the one above it only while there is none.
+  void watch() {
+    constexpr std::uint32_t kChanges =
+        IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+    if (inotify_add_watch(names_.get(), kNames, kChanges) >= 0) {
+      if (above_ >= 0) inotify_rm_watch(names_.get(), std::exchange(above_, -1));
+      return;
+    }
+    above_ = inotify_add_watch(names_.get(), kAbove, IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
+    if (inotify_add_watch(names_.get(), kNames, kChanges) >= 0 && above_ >= 0) {
+      inotify_rm_watch(names_.get(), std::exchange(above_, -1));
+    }
+  }
+
+  Descriptor names_;
+  Descriptor mounts_;
+  int above_ = -1;
+};
+
+}  // namespace
+
+KernelAccess& KernelAccess::current() {
+  static KernelAccess kernel;
+  return replaced_ ? *replaced_ : kernel;
+}
+
+KernelAccess* KernelAccess::replace(KernelAccess* access) { return std::exchange(replaced_, access); }
+
+NamespaceLook KernelAccess::look(const Lanix::NamespaceName& name) {
+  if (name == Lanix::kDefaultNamespace) return {true, {0, 1}};
+  if (name.empty() || name == "." || name == ".." || name.find('/') != Mox::String::npos) return {};
+  const Descriptor file(::open((std::string(kNames) + "/" + name).c_str(), O_PATH | O_CLOEXEC));
+  if (file.get() < 0) return {};
+  return {true, identityOf(file.get())};
+}
+
+std::unique_ptr<RouteSource> KernelAccess::open(const Lanix::NamespaceName& name, std::string& problem) {
+  const Lanix::NamespaceGuard guard(name);
+  if (!guard) {
+    problem = guard.error();
+    return nullptr;
+  }
+  NamespaceId id = look(name).id;
+  if (name != Lanix::kDefaultNamespace) {
+    // Of the one that was entered: the name may have moved on.
+    const Descriptor here(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+    id = identityOf(here.get());
+  }
+  auto source = std::make_unique<NetlinkSource>(id);
+  if (const Netlink::Result error = source->prepare()) {
+    problem = Netlink::describe("network namespace \"" + name + "\": opening netlink", *error);
+    return nullptr;
+  }
+  return source;
+}
+
+std::unique_ptr<NamespaceEvents> KernelAccess::watchNamespaces() {
+  auto events = std::make_unique<NameWatch>();
+  if (events->descriptors().empty()) {
+    KERNEL_STATE_TRACE(0, "namespaces that come and go will not be noticed: " << std::strerror(errno));
+  }
+  return events;
+}
+
+}  // namespace KernelState

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Lanix/NamespaceName.h"
+#include "Lanix/Seam.h"
+#include "Netlink/Socket.h"
+
+namespace KernelState {
+
+// Tells one network namespace from every other that exists at the same time (device and inode number of its
+// nsfs file, namespaces(7)).
+struct NamespaceId {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  friend bool operator==(const NamespaceId&, const NamespaceId&) = default;
+  explicit operator bool() const { return inode != 0; }
+};
+
+struct NamespaceLook {
+  bool named = false;  // something has the name
+  NamespaceId
+      id;  // of the namespace behind it; false: there is none (ip-netns mounts it after making the name)
+};
+
+// The route netlink of one network namespace, used as Netlink::Socket says: one socket for notifications, one
+// for dumps.
+class RouteSource {
+ public:
+  virtual ~RouteSource() = default;
+  // The namespace that it was opened in. An open source keeps that namespace alive.
+  virtual NamespaceId id() const = 0;
+  // Readable when notifications wait.
+  virtual int descriptor() const = 0;
+  virtual Netlink::Notifications receive(const Netlink::Handler& handler, std::size_t maxMessages) = 0;
+  virtual Netlink::Result dumpStart(Netlink::Message request) = 0;
+  virtual Netlink::DumpSlice dumpSlice(const Netlink::Handler& handler) = 0;
+};
+
+// Says that names of namespaces may have come, gone, or changed what is behind them.
+class NamespaceEvents {
+ public:
+  virtual ~NamespaceEvents() = default;
+  // Readable at such a change. At most two.
+  virtual std::vector<int> descriptors() const = 0;
+  // Takes what waits, without blocking; before looking at the names.
+  virtual void drain() = 0;
+};
+
+// What the plug-in asks of the kernel besides reading; the seam that tests replace with
+// Lanix::Replaced<KernelAccess>. Nothing here blocks or throws.
+class KernelAccess {
+ public:
+  virtual ~KernelAccess() = default;
+  static KernelAccess& current();
+  static KernelAccess* replace(KernelAccess* access);
+
+  // "default" is the namespace of the process, and always there.
+  virtual NamespaceLook look(const Lanix::NamespaceName& name);
+  // Enters the namespace and subscribes to devices, IPv4 addresses, neighbours and MAC tables. Null, and
+  // `problem` says why, when that cannot be.
+  virtual std::unique_ptr<RouteSource> open(const Lanix::NamespaceName& name, std::string& problem);
+  virtual std::unique_ptr<NamespaceEvents> watchNamespaces();
+};
+
+}  // namespace KernelState

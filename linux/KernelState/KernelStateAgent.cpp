@@ -1,0 +1,102 @@
+#include "KernelState/KernelStateAgent.h"
+
+#include "KernelState/Trace.h"
+#include "Statedb/Path.h"
+
+namespace KernelState {
+namespace {
+
+constexpr char kSource[] = "KernelState/KernelStateAgent";
+
+constexpr char kIpStatusPath[] = "ip/status";
+constexpr char kVrfStatusLocalPath[] = "ip/vrf/status/local";
+constexpr char kBridgingConfigPath[] = "bridging/config";
+constexpr char kIntfStatusPath[] = "interface/status/all";
+constexpr char kIntfStatusLocalPath[] = "interface/status/local";
+constexpr unsigned kFindLevel = 3;
+
+template <class E>
+Ptr<E> mountWriter(Memtab::EntityManager& tables, const char* path, const char* type) {
+  const auto entity = Mox::dynamicPtrCast<E>(tables.mount(path, type, Memtab::MountDescriptor::writer()));
+  if (!entity) KERNEL_STATE_TRACE(0, path << " is not published: it cannot be written");
+  return entity;
+}
+
+}  // namespace
+
+KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Orb::TaskScheduler>& scheduler)
+    : tree_(mounts->tree),
+      states_(Mox::make<NamespaceStates>()),
+      vrfs_(Mox::make<NamespaceVrfs>()),
+      owners_(Mox::make<VlanOwners>()),
+      neighbourTable_(Mox::make<NeighbourTable>(mounts->arpStatus)),
+      reconcileSm_(states_, mounts->arpStatus, mounts->bridgingStatus, mounts->vrfIdMap, scheduler),
+      vrfSm_(mounts->config, states_, mounts->vrfIdMap, vrfs_, mounts->vrfStatusLocal, scheduler),
+      vlanInterfaceSm_(states_, vrfs_, owners_, mounts->ipStatus),
+      intfStatusSm_(states_->stateIs(Lanix::kDefaultNamespace)),
+      bridgeMacSm_(owners_, scheduler),
+      fdbSm_(states_->state(Lanix::kDefaultNamespace), mounts->config, Ptr<const Bridging::Config>(),
+             mounts->bridgingStatus, scheduler),
+      findTask_(scheduler, "KernelState entities", kFindLevel, [this] { findEntities(); }) {
+  tree_.on(Statedb::EntityManager::entityChanged, [this](const std::string& path) {
+    if (path == kIntfStatusPath || path == Statedb::cellPath(kIntfStatusLocalPath) ||
+        path == kBridgingConfigPath)
+      findTask_.schedule();
+  });
+  reconcileSm_.writersAre(neighbourTable_, &fdbSm_);
+  findEntities();
+  namespaceManagerSm_.is(Ptr<const NamespaceVrfs>(vrfs_), Ptr<const VlanOwners>(owners_), &fdbSm_, states_,
+                         neighbourTable_, mounts->tree, scheduler);
+}
+
+// The tables stay as they are for those who read them: the kernel goes on without this plug-in.
+KernelStateRootSm::~KernelStateRootSm() { namespaceManagerSm_.del(); }
+
+// Those that others make, and may make later.
+void KernelStateRootSm::findEntities() {
+  intfStatusSm_.directoriesAre(
+      tree_->entityOf<Interface::AllIntfStatusDir>(kIntfStatusPath),
+      tree_->entityOf<Interface::AllIntfStatusLocalDir>(Statedb::cellPath(kIntfStatusLocalPath)));
+  const auto bridgingConfig = tree_->entityOf<Bridging::Config>(kBridgingConfigPath);
+  bridgeMacSm_.bridgingConfigIs(bridgingConfig);
+  fdbSm_.bridgingConfigIs(bridgingConfig);
+}
+
+Ptr<Orb::AgentBase> kernelStateAgentFactory(const Mox::String& name) {
+  return Mox::make<KernelStateAgent>(name);
+}
+
+void KernelStateAgent::doInit() {
+  const Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
+  group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
+  group->mountIs(kIpStatusPath, "Ip::Status", "wc");
+  group->mountIs(Statedb::cellPath(kVrfStatusLocalPath), "Ip::AllVrfStatusLocal", "wc");
+  group->mountIs(kBridgingConfigPath, "Bridging::Config", "rwS");
+  localEntitiesCreatedIs(true);
+  group->doClose(false, "KernelState", 0.0);
+}
+
+void KernelStateAgent::doMountsComplete(Statedb::MountStatus /*status*/,
+                                        const Ptr<Statedb::EntityManager>& tree) {
+  const Ptr<Memtab::EntityManager> tables = host().sharedMemory();
+  const auto mounts = Mox::make<KernelStateMounts>();
+  mounts->tree = tree;
+  mounts->config = tree->entityOf<Switch::Config>(Switch::kConfigPath);
+  mounts->ipStatus = tree->entityOf<Ip::Status>(kIpStatusPath);
+  mounts->vrfStatusLocal = tree->entityOf<Ip::AllVrfStatusLocal>(Statedb::cellPath(kVrfStatusLocalPath));
+  if (!mounts->ipStatus || !mounts->vrfStatusLocal) {
+    KERNEL_STATE_TRACE(0, "KernelState does not run: " << kIpStatusPath << " or " << kVrfStatusLocalPath
+                                                       << " has an entity of another type");
+    return;
+  }
+  mounts->vrfIdMap =
+      mountWriter<Vrf::VrfIdMap::Status>(*tables, "vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status");
+  mounts->arpStatus = mountWriter<Arp::Table::Status>(*tables, "arp/status", "Arp::Table::Status");
+  mounts->bridgingStatus =
+      mountWriter<Memtab::Bridging::Status>(*tables, "bridging/status", "Memtab::Bridging::Status");
+  rootSm_.is(mounts, taskSchedulerRoot()->scheduler());
+}
+
+}  // namespace KernelState
+
+ORB_PLUGIN(KernelState::kernelStateAgentFactory)

@@ -1,0 +1,114 @@
+#include "KernelState/LinkSm.h"
+
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+
+namespace KernelState {
+namespace {
+
+constexpr std::size_t kEntriesPerSweep = 64;
+
+}  // namespace
+
+LinkSm::LinkSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> kernelNetInfo)
+    : state_(std::move(state)), kernelNetInfo_(std::move(kernelNetInfo)) {
+  if (kernelNetInfo_) kernelNetInfo_->interfaceDelAll();  // an earlier agent of this process
+}
+
+void LinkSm::handleMessage(const Netlink::Received& message, Word word) {
+  const auto read = readLink(message);
+  if (!read) return;
+  if (message.type() == RTM_DELLINK) {
+    if (word == Word::dump) return;
+    linkDel(read->ifIndex);
+    mirror_.gone(read->ifIndex);
+  } else if (mirror_.said(read->ifIndex, word)) {
+    linkIs(read->ifIndex, read->link);
+  }
+}
+
+bool LinkSm::sweep() {
+  return mirror_.sweep(kEntriesPerSweep, [this](IfIndex ifIndex, const Nothing&) { linkDel(ifIndex); });
+}
+
+void LinkSm::linkIs(IfIndex ifIndex, const Link& link) {
+  if (state_->linkHas(ifIndex) && state_->link(ifIndex).name != link.name) linkDel(ifIndex);
+  const auto holder = byName_.find(link.name);
+  if (holder != byName_.end() && holder->second != ifIndex) linkDel(holder->second);
+  byName_[link.name] = ifIndex;
+  state_->linkIs(ifIndex, link);
+  if (kernelNetInfo_) kernelNetInfo_->interfaceIs(link.name, {ifIndex});
+}
+
+void LinkSm::linkDel(IfIndex ifIndex) {
+  if (!state_->linkHas(ifIndex)) return;
+  const Mox::String name = state_->link(ifIndex).name;
+  byName_.erase(name);
+  state_->linkDel(ifIndex);
+  if (kernelNetInfo_) kernelNetInfo_->interfaceDel(name);
+}
+
+AddressSm::AddressSm(Ptr<NamespaceState> state) : state_(std::move(state)) {}
+
+void AddressSm::handleMessage(const Netlink::Received& message, Word word) {
+  const auto read = readAddress(message);
+  if (!read) return;
+  const Key key{read->ifIndex, Lanix::IpGenPrefix(read->address, read->prefixLength)};
+  if (message.type() == RTM_DELADDR) {
+    if (word == Word::dump) return;
+    forget(key);
+    mirror_.gone(key);
+    publish(key.ifIndex);
+    return;
+  }
+  const bool known = mirror_.find(key) != nullptr;
+  Record* record = mirror_.said(key, word);
+  if (!record) return;
+  record->secondary = read->secondary;
+  auto& order = order_[key.ifIndex];
+  if (word == Word::dump) {
+    // The reading tells the kernel's order.
+    std::erase(order, key.address);
+    order.push_back(key.address);
+    unpublished_.insert(key.ifIndex);
+  } else {
+    if (!known) order.push_back(key.address);
+    publish(key.ifIndex);
+  }
+}
+
+bool AddressSm::sweep() {
+  return mirror_.sweep(kEntriesPerSweep, [this](const Key& key, const Record&) {
+    forget(key);
+    unpublished_.insert(key.ifIndex);
+  });
+}
+
+void AddressSm::handleTableRead() {
+  for (const IfIndex ifIndex : unpublished_) publish(ifIndex);
+  unpublished_.clear();
+}
+
+void AddressSm::forget(const Key& key) {
+  const auto at = order_.find(key.ifIndex);
+  if (at == order_.end()) return;
+  std::erase(at->second, key.address);
+  if (at->second.empty()) order_.erase(at);
+}
+
+void AddressSm::publish(IfIndex ifIndex) {
+  const auto at = order_.find(ifIndex);
+  if (at == order_.end()) {
+    state_->addressesDel(ifIndex);
+    return;
+  }
+  Addresses addresses = at->second;
+  std::stable_partition(addresses.begin(), addresses.end(), [&](const Lanix::IpGenPrefix& address) {
+    const Record* record = mirror_.find({ifIndex, address});
+    return record && !record->secondary;
+  });
+  state_->addressesIs(ifIndex, std::move(addresses));
+}
+
+}  // namespace KernelState

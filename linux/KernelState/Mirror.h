@@ -1,0 +1,128 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "Mox/HashTable.h"
+
+namespace KernelState {
+
+// Where a message comes from: a change as it happens, or the reading of a whole table.
+enum class Word : std::uint8_t { notification, dump };
+
+// A copy of one of the kernel's tables, kept by notifications and reconciled with dumps.
+//
+// A dump's datagram is made by the kernel when the one before it is read, so it may be older than a
+// notification that was handled in the meantime. Therefore, from reconcileBegin to the end of the sweep, what
+// a notification said of a key stands, its deletion included, and the dump's word on it is passed over. The
+// sweep then removes what neither spoke of.
+//
+// Key has hash(seed) and is ordered; Record is default constructible. Pointers to records die with any
+// insertion or removal.
+template <class Key, class Record>
+class Mirror {
+ public:
+  // Begins again when a reconciliation is in progress already.
+  void reconcileBegin() {
+    ++generation_;
+    reconciling_ = true;
+    sweepFrom_.reset();
+  }
+
+  // The record to be filled, a new one when there is none; null when the dump's word is out of date.
+  Record* said(const Key& key, Word word) {
+    Slot* slot = slots_.find(key);
+    const bool told = slot && slot->told && slot->generation == generation_;
+    if (word == Word::dump && told) return nullptr;
+    if (!slot) slot = &slots_.insert(key, Slot{});
+    if (!std::exchange(slot->present, true)) ++present_;
+    slot->generation = generation_;
+    slot->told = word == Word::notification;
+    return &slot->record;
+  }
+
+  Record* find(const Key& key) {
+    Slot* slot = slots_.find(key);
+    return slot && slot->present ? &slot->record : nullptr;
+  }
+  const Record* find(const Key& key) const { return const_cast<Mirror*>(this)->find(key); }
+
+  // A notification says that the entry has gone.
+  void gone(const Key& key) {
+    if (Slot* slot = slots_.find(key)) {
+      if (slot->present) --present_;
+      if (!reconciling_) {
+        slots_.take(key);
+        return;
+      }
+    } else if (!reconciling_) {
+      return;
+    }
+    Slot* slot = slots_.find(key);
+    if (!slot) slot = &slots_.insert(key, Slot{});
+    *slot = Slot{};
+    slot->generation = generation_;
+    slot->told = true;
+  }
+
+  // Looks at up to `max` entries and removes those that nobody spoke of, telling gone(key, record) of each
+  // when it is no longer found; true while there are more. The last call ends the reconciliation. `gone` may
+  // find, but neither add nor remove.
+  template <class Gone>
+  bool sweep(std::size_t max, Gone gone) {
+    std::vector<Key> doomed;
+    const bool more = scan(sweepFrom_, max, [&](const Key& key, const Slot& slot) {
+      if (!slot.present || slot.generation != generation_) doomed.push_back(key);
+    });
+    for (const Key& key : doomed) {
+      Slot slot = slots_.take(key);
+      if (!slot.present) continue;
+      --present_;
+      gone(key, slot.record);
+    }
+    if (!more) reconciling_ = false;
+    return more;
+  }
+
+  // Calls visitor(key, record) for up to `max` entries from the bookmark on (nothing: the beginning) and
+  // moves it; true while there are more. The visitor may neither add nor remove.
+  template <class Visitor>
+  bool visit(std::optional<Key>& bookmark, std::size_t max, Visitor visitor) {
+    return scan(bookmark, max, [&](const Key& key, const Slot& slot) {
+      if (slot.present) visitor(key, const_cast<Slot&>(slot).record);
+    });
+  }
+
+  std::size_t size() const { return present_; }
+
+ private:
+  struct Slot {
+    Record record{};
+    std::uint32_t generation = 0;
+    bool present = false;  // false: gone, and kept so that a dump does not bring it back
+    bool told = false;     // by a notification, in this generation
+  };
+
+  template <class Look>
+  bool scan(std::optional<Key>& bookmark, std::size_t max, Look look) {
+    auto at = bookmark ? slots_.lowerBound(*bookmark) : slots_.begin();
+    for (std::size_t i = 0; i < max && at != slots_.end(); ++i, ++at) look(at->key, at->value);
+    if (at == slots_.end()) {
+      bookmark.reset();
+      return false;
+    }
+    bookmark = at->key;
+    return true;
+  }
+
+  Mox::HashMap<Key, Slot> slots_;
+  std::optional<Key> sweepFrom_;
+  std::uint32_t generation_ = 0;
+  bool reconciling_ = false;
+  std::size_t present_ = 0;
+};
+
+}  // namespace KernelState

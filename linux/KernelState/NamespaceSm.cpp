@@ -1,0 +1,98 @@
+#include "KernelState/NamespaceSm.h"
+
+#include <linux/rtnetlink.h>
+
+namespace KernelState {
+
+NamespaceSm::NamespaceSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> kernelNetInfo,
+                         Ptr<const NamespaceVrfs> vrfs, Ptr<const VlanOwners> owners,
+                         Ptr<NeighbourTable> neighbourTable, FdbSm* fdb,
+                         const Ptr<Orb::TaskScheduler>& scheduler, std::function<void()> changed)
+    : state_(std::move(state)),
+      linkSm_(state_, std::move(kernelNetInfo)),
+      addressSm_(state_),
+      neighbourSm_(state_, std::move(vrfs), std::move(owners), std::move(neighbourTable), scheduler),
+      fdb_(fdb),
+      changed_(std::move(changed)),
+      feed_(scheduler, *this, state_->name(), fdb_ ? 4 : 3) {}
+
+void NamespaceSm::openIs(std::unique_ptr<RouteSource> source) {
+  broken_ = false;
+  feed_.openIs(std::move(source));
+}
+
+void NamespaceSm::closeIs() {
+  broken_ = false;
+  state_->enteredIs(false);
+  state_->syncedIs(false);
+  feed_.closeIs();
+}
+
+void NamespaceSm::handleMessage(const Netlink::Received& message, Word word) {
+  switch (message.type()) {
+    case RTM_NEWLINK:
+    case RTM_DELLINK:
+      linkSm_.handleMessage(message, word);
+      break;
+    case RTM_NEWADDR:
+    case RTM_DELADDR:
+      addressSm_.handleMessage(message, word);
+      break;
+    case RTM_NEWNEIGH:
+    case RTM_DELNEIGH:
+      if (!isMacMessage(message)) {
+        neighbourSm_.handleMessage(message, word);
+      } else if (fdb_) {
+        fdb_->handleMessage(message, word);
+      }
+      break;
+    default:
+      break;
+  }
+}
+
+void NamespaceSm::handleReconcile(Table table) {
+  switch (table) {
+    case Table::links:
+      return linkSm_.reconcileBegin();
+    case Table::addresses:
+      return addressSm_.reconcileBegin();
+    case Table::neighbours:
+      return neighbourSm_.reconcileBegin();
+    case Table::macs:
+      return fdb_->reconcileBegin();
+  }
+}
+
+bool NamespaceSm::handleSweep(Table table) {
+  switch (table) {
+    case Table::links:
+      return linkSm_.sweep();
+    case Table::addresses:
+      return addressSm_.sweep();
+    case Table::neighbours:
+      return neighbourSm_.sweep();
+    case Table::macs:
+      return fdb_->sweep();
+  }
+  return false;
+}
+
+void NamespaceSm::handleTableRead(Table table) {
+  if (table == Table::addresses) addressSm_.handleTableRead();
+  if (table == Table::links && feed_.state() == RouteFeed::State::open) state_->enteredIs(true);
+}
+
+void NamespaceSm::handleRound(bool complete) {
+  state_->attemptedIs(true);
+  if (complete) state_->syncedIs(true);
+}
+
+void NamespaceSm::handleBroken() {
+  broken_ = true;
+  changed_();
+}
+
+void NamespaceSm::handleClosed() { changed_(); }
+
+}  // namespace KernelState

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "KernelState/FdbSm.h"
+#include "KernelState/LinkSm.h"
+#include "KernelState/NeighbourSm.h"
+#include "KernelState/RouteFeed.h"
+
+namespace KernelState {
+
+// One network namespace, for as long as a VRF is configured to be it: while the namespace is there a feed
+// reads it, and the tables' reactors publish what it says; when it goes they are emptied, in slices, before
+// it can be opened again.
+class NamespaceSm final : public Mox::Entity, private RouteFeedClient {
+ public:
+  // `fdb` is null for a namespace whose bridges are of no concern. `changed` is called, from the feed's
+  // tasks, when the namespace is closed or its sockets are broken: it is to schedule work only.
+  NamespaceSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> kernelNetInfo,
+              Ptr<const NamespaceVrfs> vrfs, Ptr<const VlanOwners> owners, Ptr<NeighbourTable> neighbourTable,
+              FdbSm* fdb, const Ptr<Orb::TaskScheduler>& scheduler, std::function<void()> changed);
+
+  const Ptr<NamespaceState>& state() const { return state_; }
+  RouteFeed::State feedState() const { return feed_.state(); }
+  NamespaceId id() const { return feed_.id(); }
+  bool broken() const { return broken_; }
+
+  void openIs(std::unique_ptr<RouteSource> source);
+  void closeIs();
+
+ private:
+  void handleMessage(const Netlink::Received& message, Word word) override;
+  void handleReconcile(Table table) override;
+  bool handleSweep(Table table) override;
+  void handleTableRead(Table table) override;
+  void handleRound(bool complete) override;
+  void handleBroken() override;
+  void handleClosed() override;
+
+  Ptr<NamespaceState> state_;
+  LinkSm linkSm_;
+  AddressSm addressSm_;
+  NeighbourSm neighbourSm_;
+  FdbSm* fdb_;
+  std::function<void()> changed_;
+  bool broken_ = false;
+  RouteFeed feed_;
+};
+
+}  // namespace KernelState

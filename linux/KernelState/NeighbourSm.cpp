@@ -1,0 +1,148 @@
+#include "KernelState/NeighbourSm.h"
+
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+
+namespace KernelState {
+namespace {
+
+constexpr std::size_t kEntriesPerBatch = 64;
+
+using Arp::Table::ArpKey;
+
+ArpKey arpKeyOf(Vrf::VrfIdMap::VrfId vrfId, const Lanix::IpGenAddr& address, const Lanix::IntfId& intf) {
+  ArpKey key;
+  key.vrfId = vrfId;
+  key.addr = address;
+  key.intfId = intf;
+  return key;
+}
+
+}  // namespace
+
+void NeighbourTable::entryIs(const ArpKey& key, const Arp::Table::ArpEntry& entry) {
+  if (arpStatus_) arpStatus_->arpEntryIs(key, entry);
+}
+
+void NeighbourTable::withdraw(const ArpKey& key) {
+  for (NeighbourSm* publisher : publishers_) {
+    if (publisher->claim(key)) return;
+  }
+  if (arpStatus_) arpStatus_->arpEntryDel(key);
+}
+
+bool NeighbourTable::busy() const {
+  return std::any_of(publishers_.begin(), publishers_.end(),
+                     [](const NeighbourSm* publisher) { return publisher->walkScheduled(); });
+}
+
+NeighbourSm::NeighbourSm(Ptr<const NamespaceState> state, Ptr<const NamespaceVrfs> vrfs,
+                         Ptr<const VlanOwners> owners, Ptr<NeighbourTable> table,
+                         const Ptr<Orb::TaskScheduler>& scheduler)
+    : WalkSmBase(scheduler, "KernelState neighbours of " + state->name()),
+      state_(std::move(state)),
+      vrfs_(std::move(vrfs)),
+      owners_(std::move(owners)),
+      table_(std::move(table)) {
+  table_->publishers_.push_back(this);
+  state_.on(NamespaceState::linkChanged, [this](IfIndex ifIndex) { handleLink(ifIndex); });
+  vrfs_.on(NamespaceVrfs::vrfChanged, [this](const Lanix::NamespaceName& netNs) {
+    if (netNs == state_->name() && mirror_.size() != 0) scheduleWalk();
+  });
+  owners_.on(VlanOwners::ownerChanged, [this](const Lanix::IntfId& intf) { handleOwner(intf); });
+}
+
+NeighbourSm::~NeighbourSm() { std::erase(table_->publishers_, this); }
+
+void NeighbourSm::handleMessage(const Netlink::Received& message, Word word) {
+  const auto read = readNeighbour(message);
+  if (!read) return;
+  const Key key{read->ifIndex, read->address};
+  if (message.type() == RTM_DELNEIGH || !read->entry) {
+    if (word == Word::dump) return;  // the sweep removes what is not said
+    if (Record* record = mirror_.find(key)) {
+      const Record gone = *record;
+      mirror_.gone(key);
+      if (gone.intf) table_->withdraw(arpKeyOf(gone.vrfId, key.address, gone.intf));
+    } else {
+      mirror_.gone(key);
+    }
+    return;
+  }
+  Record* record = mirror_.said(key, word);
+  if (!record) return;
+  record->entry = *read->entry;
+  publish(key, *record);
+}
+
+bool NeighbourSm::sweep() {
+  return mirror_.sweep(kEntriesPerBatch, [this](const Key& key, Record& record) { withdraw(key, record); });
+}
+
+void NeighbourSm::handleLink(IfIndex ifIndex) {
+  if (vlanInterfaces_.contains(ifIndex) && !state_->linkHas(ifIndex)) {
+    vlanInterfaces_.erase(ifIndex);
+    if (mirror_.size() != 0) scheduleWalk();
+  }
+}
+
+void NeighbourSm::handleOwner(const Lanix::IntfId& intf) {
+  const VlanOwner owner = owners_->owner(intf);
+  const IfIndex now = owner.netNs == state_->name() ? owner.ifIndex : 0;
+  const auto before = std::find_if(vlanInterfaces_.begin(), vlanInterfaces_.end(),
+                                   [&](const auto& known) { return known.second == intf; });
+  if (before == vlanInterfaces_.end() ? now == 0 : before->first == now) return;
+  if (before != vlanInterfaces_.end()) vlanInterfaces_.erase(before);
+  if (now != 0) vlanInterfaces_[now] = intf;
+  if (mirror_.size() != 0) scheduleWalk();
+}
+
+bool NeighbourSm::walkStartedNotification() {
+  bookmark_.reset();
+  return true;
+}
+
+Orb::WalkRet NeighbourSm::walk() {
+  Orb::WalkRet ret;
+  do {
+    ret.processed += kEntriesPerBatch;
+    if (!mirror_.visit(bookmark_, kEntriesPerBatch,
+                       [this](const Key& key, Record& record) { publish(key, record); }))
+      return ret;
+  } while (!mustYield());
+  ret.moreWork = true;
+  return ret;
+}
+
+void NeighbourSm::publish(const Key& key, Record& record) {
+  const auto vlan = vlanInterfaces_.find(key.ifIndex);
+  const Lanix::IntfId intf = vlan == vlanInterfaces_.end() ? Lanix::IntfId() : vlan->second;
+  const auto vrfId = intf ? vrfs_->vrf(state_->name()).id : Vrf::VrfIdMap::kNoVrfId;
+  const bool wanted = intf && vrfId != Vrf::VrfIdMap::kNoVrfId;
+  if (record.intf && !(wanted && record.intf == intf && record.vrfId == vrfId)) withdraw(key, record);
+  if (!wanted) return;
+  record.vrfId = vrfId;
+  record.intf = intf;
+  table_->entryIs(arpKeyOf(vrfId, key.address, intf), record.entry);
+}
+
+void NeighbourSm::withdraw(const Key& key, Record& record) {
+  if (!record.intf) return;
+  const ArpKey published = arpKeyOf(record.vrfId, key.address, record.intf);
+  record.intf = Lanix::IntfId();
+  table_->withdraw(published);
+}
+
+bool NeighbourSm::claim(const ArpKey& key) {
+  if (vrfs_->vrf(state_->name()).id != key.vrfId) return false;
+  const VlanOwner owner = owners_->owner(key.intfId);
+  if (owner.netNs != state_->name() || !vlanInterfaces_.contains(owner.ifIndex)) return false;
+  const Key here{owner.ifIndex, key.addr};
+  Record* record = mirror_.find(here);
+  if (!record) return false;
+  publish(here, *record);
+  return true;
+}
+
+}  // namespace KernelState

@@ -1,0 +1,65 @@
+#include "KernelState/ReconcileSm.h"
+
+#include <algorithm>
+
+namespace KernelState {
+namespace {
+
+constexpr std::size_t kEntriesPerSweep = 256;
+constexpr double kPause = 0.01;  // seconds, while the others still work
+
+}  // namespace
+
+ReconcileSm::ReconcileSm(Ptr<const NamespaceStates> states, Ptr<Arp::Table::Status> arpStatus,
+                         Ptr<Memtab::Bridging::Status> bridgingStatus, Ptr<Vrf::VrfIdMap::Status> vrfIdMap,
+                         const Ptr<Orb::TaskScheduler>& scheduler)
+    : WalkSmBase(scheduler, "KernelState reconciliation"),
+      states_(states,
+              [this](StateWatch::Notifiee& state) {
+                state.on(NamespaceState::syncedChanged, [this] { scheduleWalk(); });
+                state.on(NamespaceState::enteredChanged, [this] { scheduleWalk(); });
+              }),
+      started_(states) {
+  started_.on(NamespaceStates::startedChanged, [this] { scheduleWalk(); });
+  if (arpStatus) add(arpStatus->arpEntryCollection());
+  if (bridgingStatus) add(bridgingStatus->fdbCollection());
+  if (vrfIdMap) add(vrfIdMap->vrfIdToNameCollection());
+}
+
+template <class Collection>
+void ReconcileSm::add(Collection& collection) {
+  if (!collection.tableWriter()) return;
+  collection.tableWriter()->core().reconcileBegin();
+  tables_.push_back([&collection, table = collection.tableWriter()] {
+    collection.touched();
+    return table->core().sweep(kEntriesPerSweep);
+  });
+}
+
+void ReconcileSm::writersAre(Ptr<const NeighbourTable> neighbourTable, const FdbSm* fdb) {
+  neighbourTable_ = std::move(neighbourTable);
+  fdb_ = fdb;
+}
+
+bool ReconcileSm::walkStartedNotification() {
+  if (done() || !fdb_ || !states_->started()) return false;
+  for (const auto& [netNs, state] : states_->stateCollection()) {
+    if (state->entered() && !state->synced()) return false;
+  }
+  if (!neighbourTable_->busy() && !fdb_->walkScheduled()) return true;
+  scheduleWalk(kPause);
+  return false;
+}
+
+Orb::WalkRet ReconcileSm::walk() {
+  Orb::WalkRet ret;
+  while (!done()) {
+    ++ret.processed;
+    if (!tables_.back()()) tables_.pop_back();
+    if (mustYield()) break;
+  }
+  ret.moreWork = !done();
+  return ret;
+}
+
+}  // namespace KernelState

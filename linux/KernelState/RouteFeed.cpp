@@ -1,0 +1,191 @@
+#include "KernelState/RouteFeed.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "KernelState/Trace.h"
+
+namespace KernelState {
+namespace {
+
+constexpr char kSource[] = "KernelState/RouteFeed";
+// Changes are more urgent than the tables that they are about.
+constexpr unsigned kReceiveLevel = 2;
+constexpr std::size_t kMessagesPerCall = 64;
+// A table that changes all the time is left to its notifications after so many readings, and to a later
+// round.
+constexpr unsigned kMaxDisturbed = 8;
+constexpr double kFirstRetry = 0.1;  // seconds
+constexpr double kLastRetry = 60;
+
+}  // namespace
+
+RouteFeed::RouteFeed(const Mox::Ptr<Orb::TaskScheduler>& scheduler, RouteFeedClient& client,
+                     const std::string& name, std::size_t tables)
+    : WalkSmBase(scheduler, "KernelState tables of " + name),
+      client_(client),
+      name_(name),
+      tables_(tables),
+      descriptor_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), "KernelState changes of " + name)),
+      readable_(descriptor_),
+      receiveTask_(scheduler, "KernelState changes of " + name, kReceiveLevel, [this] { receive(); }) {
+  readable_.on(Orb::FileDescriptor::readableCountChanged, [this] { receiveTask_.schedule(); });
+  descriptor_->notifyOnReadableIs(true);
+}
+
+// The descriptor may be held by the loop for the rest of a turn; the socket behind it closes now.
+RouteFeed::~RouteFeed() { sourceIs(nullptr); }
+
+void RouteFeed::sourceIs(std::unique_ptr<RouteSource> source) {
+  descriptor_->descriptorIs(-1);
+  receiveTask_.cancel();
+  lost_ = false;
+  source_ = std::move(source);
+  if (source_) descriptor_->descriptorIs(source_->descriptor());
+}
+
+void RouteFeed::openIs(std::unique_ptr<RouteSource> source) {
+  sourceIs(std::move(source));
+  state_ = State::open;
+  table_ = 0;
+  stage_ = Stage::start;
+  complete_ = true;
+  again_ = false;
+  scheduleWalk();
+}
+
+void RouteFeed::closeIs() {
+  if (state_ != State::open) return;
+  sourceIs(nullptr);
+  state_ = State::closing;
+  disturbed_ = 0;
+  table_ = 0;
+  stage_ = Stage::start;
+  scheduleWalk();
+}
+
+bool RouteFeed::walkStartedNotification() {
+  table_ = 0;
+  stage_ = Stage::start;
+  complete_ = true;
+  again_ = false;
+  return state_ != State::closed;
+}
+
+Orb::WalkRet RouteFeed::walk() {
+  Orb::WalkRet ret;
+  do {
+    ++ret.processed;
+    if (!step()) return ret;
+  } while (!mustYield());
+  ret.moreWork = true;
+  return ret;
+}
+
+// One datagram or one batch; false when the round is over.
+bool RouteFeed::step() {
+  const auto table = static_cast<Table>(table_);
+  switch (stage_) {
+    case Stage::start:
+      client_.handleReconcile(table);
+      stage_ = Stage::sweep;
+      if (state_ == State::closing) break;
+      stage_ = Stage::read;
+      if (const Netlink::Result error = source_->dumpStart(dumpRequest(table))) {
+        fail("asking for ", *error);
+        tableDone(false);
+      }
+      break;
+    case Stage::read:
+      readNext();
+      break;
+    case Stage::sweep:
+      if (!client_.handleSweep(table)) tableDone(true);
+      break;
+  }
+  return table_ < tables_;
+}
+
+void RouteFeed::readNext() {
+  const Netlink::DumpSlice slice =
+      source_->dumpSlice([this](const Netlink::Received& message) { deliver(message, Word::dump); });
+  if (!slice.done) return;
+  if (slice.error) {
+    fail("reading ", *slice.error);
+    tableDone(false);
+  } else if (!slice.interrupted) {
+    stage_ = Stage::sweep;
+  } else if (++disturbed_ < kMaxDisturbed) {
+    stage_ = Stage::start;
+  } else {
+    fail("reading ", {0, "it changes all the time"});
+    tableDone(false);
+  }
+}
+
+// A value out of range costs the message that has it, not those behind it.
+void RouteFeed::deliver(const Netlink::Received& message, Word word) {
+  try {
+    client_.handleMessage(message, word);
+  } catch (const Mox::Error& error) {
+    KERNEL_STATE_TRACE(0, "network namespace \"" << name_ << "\": message of type " << message.type()
+                                                 << " ignored: " << error.what());
+  }
+}
+
+void RouteFeed::tableDone(bool success) {
+  complete_ = complete_ && success;
+  disturbed_ = 0;
+  client_.handleTableRead(static_cast<Table>(table_));
+  ++table_;
+  stage_ = Stage::start;
+}
+
+void RouteFeed::fail(const std::string& doing, const Netlink::Error& error) {
+  const std::string what =
+      "network namespace \"" + name_ + "\": " + doing + nameOf(static_cast<Table>(table_));
+  KERNEL_STATE_TRACE(0, Netlink::describe(what, error));
+  TRACELET_RECORD("kernel table not read: {}", Netlink::describe(what, error));
+}
+
+void RouteFeed::walkFinishedNotification() {
+  if (state_ == State::closing) {
+    state_ = State::closed;
+    client_.handleClosed();
+    return;
+  }
+  if (state_ == State::closed) return;
+  if (again_) {
+    scheduleWalk();
+  } else {
+    client_.handleRound(complete_);
+    retryDelay_ = complete_ ? 0 : std::clamp(retryDelay_ * 2, kFirstRetry, kLastRetry);
+    if (!complete_) scheduleWalk(retryDelay_);
+  }
+}
+
+// A socket that has overrun drops everything, without another word, until it has been read empty: only what
+// is read after that is complete together with the notifications.
+void RouteFeed::receive() {
+  Netlink::Notifications result;
+  do {
+    result = source_->receive(
+        [this](const Netlink::Received& message) { deliver(message, Word::notification); }, kMessagesPerCall);
+    lost_ = lost_ || result.overrun;
+    if (result.error) {
+      const std::string what = "network namespace \"" + name_ + "\": receiving changes";
+      KERNEL_STATE_TRACE(0, Netlink::describe(what, *result.error));
+      client_.handleBroken();
+      return;
+    }
+  } while (result.more && !scheduler()->root().mustYield());
+  if (result.more) {
+    receiveTask_.schedule();
+  } else if (std::exchange(lost_, false)) {
+    TRACELET_RECORD("kernel dropped notifications of namespace {}", name_);
+    again_ = true;
+    scheduleWalk();
+  }
+}
+
+}  // namespace KernelState

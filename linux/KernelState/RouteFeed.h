@@ -1,0 +1,93 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KernelState/KernelAccess.h"
+#include "KernelState/Messages.h"
+#include "KernelState/Mirror.h"
+#include "Mox/Notifiee.h"
+#include "Orb/FileDescriptor.h"
+#include "Orb/WalkSm.h"
+
+namespace KernelState {
+
+// Who keeps the tables that a feed reads. Called from the feed's tasks only; must not open or close the feed
+// from inside.
+class RouteFeedClient {
+ public:
+  virtual ~RouteFeedClient() = default;
+  virtual void handleMessage(const Netlink::Received& message, Word word) = 0;
+  // A table is about to be read (or found empty); see Mirror.
+  virtual void handleReconcile(Table table) = 0;
+  // A batch of what the reading did not mention is to go; true while there is more.
+  virtual bool handleSweep(Table table) = 0;
+  // The table was read, or could not be.
+  virtual void handleTableRead(Table table) = 0;
+  // All tables were; whether with success.
+  virtual void handleRound(bool complete) = 0;
+  // The sockets are of no use any more: openIs with new ones.
+  virtual void handleBroken() = 0;
+  // After closeIs: the tables are empty.
+  virtual void handleClosed() = 0;
+};
+
+// Reads the kernel's tables of one network namespace: each once when it opens, in the order of Table, and
+// from then on the changes. When the kernel drops notifications, everything is read again and what was missed
+// is found by comparison. A table whose reading was disturbed by a change is read again; what cannot be read
+// is reported and retried after a pause.
+//
+// The work is done in slices, notifications before tables.
+class RouteFeed final : private Orb::WalkSmBase {
+ public:
+  enum class State : std::uint8_t { closed, open, closing };
+
+  // `tables` is how many of Table's are read, from its beginning.
+  RouteFeed(const Mox::Ptr<Orb::TaskScheduler>& scheduler, RouteFeedClient& client, const std::string& name,
+            std::size_t tables);
+  ~RouteFeed() override;
+
+  State state() const { return state_; }
+  NamespaceId id() const { return source_ ? source_->id() : NamespaceId{}; }
+
+  // In state closed, or open (for new sockets of the same namespace).
+  void openIs(std::unique_ptr<RouteSource> source);
+  // Gives the sockets up at once, empties the tables in slices, and is closed then.
+  void closeIs();
+
+ private:
+  enum class Stage : std::uint8_t { start, read, sweep };
+
+  Orb::WalkRet walk() override;
+  bool walkStartedNotification() override;
+  void walkFinishedNotification() override;
+  bool step();
+  void readNext();
+  void deliver(const Netlink::Received& message, Word word);
+  void tableDone(bool success);
+  void fail(const std::string& doing, const Netlink::Error& error);
+  void receive();
+  void sourceIs(std::unique_ptr<RouteSource> source);
+
+  RouteFeedClient& client_;
+  const std::string name_;
+  const std::size_t tables_;
+  State state_ = State::closed;
+  std::unique_ptr<RouteSource> source_;
+  Mox::Ptr<Orb::FileDescriptor> descriptor_;
+  Mox::Notifiee<Orb::FileDescriptor> readable_;
+  Orb::Task receiveTask_;
+
+  std::size_t table_ = 0;
+  Stage stage_ = Stage::start;
+  bool lost_ = false;       // notifications, and there are still some to be read
+  bool again_ = false;      // notifications were lost since this round began
+  bool complete_ = true;    // every table of this round so far was read
+  unsigned disturbed_ = 0;  // readings of the present table that changes disturbed
+  double retryDelay_ = 0;
+};
+
+}  // namespace KernelState

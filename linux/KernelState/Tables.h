@@ -1,0 +1,89 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "Lanix/EthAddr.h"
+#include "Lanix/IntfId.h"
+#include "Lanix/IpGenPrefix.h"
+#include "Lanix/NamespaceName.h"
+#include "Mox/Attribute.h"
+#include "Vrf/VrfId.h"
+
+// The plug-in's own tables: what its reactors tell each other. They hold kernel terms (indices, device
+// names); the published state is made of them.
+
+namespace KernelState {
+
+using Mox::Ptr;
+using IfIndex = std::uint32_t;  // the kernel's, unique within one namespace only; 0: none
+
+// One kernel device.
+struct Link {
+  Mox::String name;
+  Lanix::EthAddr mac;  // zero: not an Ethernet device
+  friend bool operator==(const Link&, const Link&) = default;
+};
+
+// The IPv4 addresses of one device: the primary ones first, each group in the kernel's order.
+using Addresses = std::vector<Lanix::IpGenPrefix>;
+
+// What is known of one network namespace. Its NamespaceSm writes it; it empties when the namespace goes.
+class NamespaceState final : public Mox::Entity {
+ public:
+  explicit NamespaceState(Lanix::NamespaceName name) : name_(std::move(name)) {}
+  const Lanix::NamespaceName& name() const { return name_; }
+
+  // A device that is renamed goes and comes: a key's name never changes in place.
+  MOX_MAP(IfIndex, Link, link)
+  MOX_MAP(IfIndex, Addresses, addresses)
+  // The namespace was entered and its devices are published.
+  MOX_ATTRIBUTE(bool, entered, false)
+  // Every table of the namespace was read to its end, with or without success: nothing is gained by waiting.
+  MOX_ATTRIBUTE(bool, attempted, false)
+  // Every table was read with success.
+  MOX_ATTRIBUTE(bool, synced, false)
+
+ private:
+  Lanix::NamespaceName name_;
+};
+
+class NamespaceStates final : public Mox::Entity {
+ public:
+  MOX_CHILDREN(Lanix::NamespaceName, NamespaceState, state)
+  // Every namespace that was there at start has been read.
+  MOX_ATTRIBUTE(bool, started, false)
+};
+
+// The VRF that a namespace is.
+struct VrfOfNamespace {
+  Mox::String name;
+  Vrf::VrfIdMap::VrfId id = Vrf::VrfIdMap::kNoVrfId;
+  friend bool operator==(const VrfOfNamespace&, const VrfOfNamespace&) = default;
+};
+
+class NamespaceVrfs final : public Mox::Entity {
+ public:
+  MOX_MAP(Lanix::NamespaceName, VrfOfNamespace, vrf)
+};
+
+// The device that is a VLAN interface, of those that have its name in one namespace or another.
+struct VlanOwner {
+  Lanix::NamespaceName netNs;
+  IfIndex ifIndex = 0;
+  Lanix::EthAddr mac;
+  friend bool operator==(const VlanOwner&, const VlanOwner&) = default;
+};
+
+class VlanOwners final : public Mox::Entity {
+ public:
+  MOX_MAP(Lanix::IntfId, VlanOwner, owner)
+};
+
+// The VLAN interface that a kernel device of that name is: "vlan10" is Vlan10, "Vlan10" and "vlan4095" are
+// none.
+std::optional<Lanix::IntfId> vlanInterfaceOf(std::string_view deviceName);
+
+}  // namespace KernelState

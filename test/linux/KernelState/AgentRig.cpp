@@ -1,0 +1,127 @@
+#include "AgentRig.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "AllTypes.h"
+#include "Statedb/Register.h"
+
+namespace KernelState {
+namespace {
+
+template <class Collection, class Text>
+std::vector<std::string> lines(const Collection& collection, Text text) {
+  std::vector<std::string> result;
+  for (const auto& element : collection) result.push_back(text(element));
+  std::ranges::sort(result);
+  return result;
+}
+
+}  // namespace
+
+AgentRig::AgentRig(const Orb::Clock& clock, const Memtab::Directory& directory)
+    : loop_(clock), tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop_)) {
+  Model::forEachStateType([this]<class E>(const char* name) { types_.registerType<E>(name); });
+  tree_ = Mox::make<Statedb::EntityManager>(
+      types_, [this](std::function<void()> call) { loop_.post(std::move(call)); });
+  tables_ = Mox::make<Memtab::EntityManager>(loop_, tasks_->scheduler(), directory);
+  Model::forEachTableType([this]<class E>(const char* name) { tables_->registerType<E>(name); });
+  config_ = Mox::dynamicPtrCast<Switch::Config>(tree_->entityIs(Switch::kConfigPath, Switch::kConfigType));
+  vrfIs("default", 0, "default");
+  tree_->entityIs("bridging/config", "Bridging::Config");
+}
+
+AgentRig::~AgentRig() { agent_ = nullptr; }
+
+void AgentRig::vrfIs(const std::string& name, Vrf::VrfIdMap::VrfId id, const std::string& netNs) {
+  const auto vrf = config_->vrfIs(name);
+  vrf->idIs(id);
+  vrf->networkNamespaceIs(netNs);
+}
+
+void AgentRig::vlanIs(std::uint16_t vlanId, const std::string& bridge,
+                      const std::vector<std::string>& tunnelPorts) {
+  const auto vlan = config_->vlanIs(Bridging::VlanId(vlanId));
+  vlan->bridgeIs(bridge);
+  vlan->tunnelPortsIs(tunnelPorts);
+}
+
+void AgentRig::start() {
+  agent_ = Mox::make<KernelStateAgent>("KernelState");
+  agent_->hostIs(*this);
+  agent_->doInit();
+}
+
+bool AgentRig::settle() {
+  for (int i = 0; i < 100000; ++i) {
+    if (!loop_.step(0)) return true;
+  }
+  return false;
+}
+
+Mox::Ptr<Statedb::MountGroup> AgentRig::mountGroup(Orb::AgentBase& agent) {
+  return tree_->mountGroup(
+      [this, &agent](Statedb::MountStatus status) { agent.doMountsComplete(status, tree_); });
+}
+
+void AgentRig::createLocalEntity(const Mox::String&, const Mox::String& type, const Mox::String& path) {
+  tree_->entityIs(path, type);
+}
+
+std::vector<std::string> AgentRig::neighbours() const {
+  std::vector<std::string> result;
+  table<Arp::Table::Status>("arp/status")->arpEntryForEach([&](const auto& key, const auto& value) {
+    result.push_back(Mox::toStrep(key) + " " + Mox::toStrep(value));
+  });
+  std::ranges::sort(result);
+  return result;
+}
+
+std::vector<std::string> AgentRig::macs() const {
+  std::vector<std::string> result;
+  table<Memtab::Bridging::Status>("bridging/status")->fdbForEach([&](const auto& key, const auto& value) {
+    result.push_back(Mox::toStrep(key) + " " + Mox::toStrep(value));
+  });
+  std::ranges::sort(result);
+  return result;
+}
+
+std::string AgentRig::ip(const std::string& intf) const {
+  const auto status = at<Ip::Status>("ip/status")->ipIntfStatus(Lanix::IntfId::fromName(intf));
+  if (!status) return "";
+  std::string text = status->vrfName() + " " + status->activeAddr().toStrep();
+  for (const auto& address : status->activeSecondaryAddr()) text += " " + address.toStrep();
+  return text;
+}
+
+std::vector<std::string> AgentRig::vrfs() const {
+  return lines(at<Ip::AllVrfStatusLocal>("ip/vrf/status/local")->vrfCollection(), [](const auto& vrf) {
+    return vrf.first + " " + Mox::toStrep(vrf.second->state()) + " " + vrf.second->networkNamespace();
+  });
+}
+
+std::vector<std::string> AgentRig::ids() const {
+  std::vector<std::string> result;
+  table<Vrf::VrfIdMap::Status>("vrf/vrfIdMapStatus")
+      ->vrfIdToNameForEach([&](const auto& id, const auto& name) {
+        result.push_back(std::to_string(id) + " " + name.toStrep());
+      });
+  std::ranges::sort(result);
+  return result;
+}
+
+std::vector<std::string> AgentRig::devices(const std::string& netNs) const {
+  const auto status = at<KernelNetInfo::Status>("kni/ns/" + netNs + "/status");
+  if (!status) return {"no entity"};
+  return lines(status->interfaceCollection(),
+               [](const auto& device) { return device.first + " " + std::to_string(device.second.ifIndex); });
+}
+
+ScratchTables::ScratchTables()
+    : directory_([] {
+        static int count = 0;
+        return "kernelstate-test-" + std::to_string(getpid()) + "-" + std::to_string(++count);
+      }()) {}
+
+}  // namespace KernelState

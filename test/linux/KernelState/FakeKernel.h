@@ -1,0 +1,125 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "KernelState/KernelAccess.h"
+#include "KernelState/Messages.h"
+#include "Netlink/Message.h"
+
+namespace KernelState {
+
+struct FakeNeighbour {
+  std::string mac = "02:00:00:00:00:01";  // "": unresolved
+  std::uint16_t state = 0x02;             // NUD_REACHABLE
+  std::uint8_t flags = 0;
+  std::optional<std::uint8_t> protocol;
+};
+struct FakeMac {
+  std::string port;
+  std::uint16_t state = 0x02;
+  std::uint8_t flags = 0;
+  std::uint16_t vlan = 0;
+};
+
+// Network namespaces with devices, addresses, neighbours and bridges' MAC tables, without a kernel behind
+// them. Every verb changes the state and tells those who listen, in the kernel's own messages. A dump is made
+// when it starts and handed out a few messages at a time, so what happens in between makes it stale.
+class FakeKernel final : public KernelAccess {
+ public:
+  using Neighbour = FakeNeighbour;
+  using Mac = FakeMac;
+  class Source;
+
+  class Namespace {
+   public:
+    explicit Namespace(NamespaceId id) : id_(id) {}
+
+    void addLink(const std::string& name, std::uint32_t ifIndex,
+                 const std::string& mac = "02:00:00:00:be:ef");
+    // With its addresses, neighbours and entries in MAC tables, as the kernel does it.
+    void delLink(const std::string& name);
+    void renameLink(const std::string& name, const std::string& newName);
+    void macIs(const std::string& name, const std::string& mac);
+    void addAddress(const std::string& device, const std::string& prefix, bool secondary = false);
+    void delAddress(const std::string& device, const std::string& prefix);
+    void addNeighbour(const std::string& device, const std::string& ip, const Neighbour& neighbour = {});
+    void delNeighbour(const std::string& device, const std::string& ip);
+    void addMac(const std::string& bridge, const std::string& mac, const Mac& entry);
+    void delMac(const std::string& bridge, const std::string& mac);
+
+    // Notifications get lost from here on, until overrun() says so to the listeners.
+    void loses() { losing_ = true; }
+    void overrun();
+    // The next `count` dumps of a table say that a change disturbed them, or fail.
+    void disturbs(Table table, int count) { disturbed_[table] = count; }
+    void refuses(Table table, int error) { refused_[table] = error; }
+    // Dumps started from here on stay where they are, with the first messages handed out, until released.
+    void holdsDumps(bool hold) { hold_ = hold; }
+    // Any message at all, as a notification.
+    void tell(const Netlink::Message& message);
+    int dumps(Table table) const { return dumps_.contains(table) ? dumps_.at(table) : 0; }
+
+   private:
+    friend class FakeKernel;
+    friend class Source;
+    struct Device {
+      std::string name;
+      std::string mac;
+    };
+    std::uint32_t indexOf(const std::string& name) const;
+    Netlink::Message link(std::uint16_t type, std::uint32_t ifIndex) const;
+    Netlink::Message address(std::uint16_t type, std::uint32_t ifIndex, const std::string& prefix,
+                             bool secondary) const;
+    Netlink::Message neighbour(std::uint16_t type, std::uint32_t ifIndex, const std::string& ip) const;
+    Netlink::Message mac(std::uint16_t type, std::uint32_t bridge, const std::string& mac) const;
+    std::vector<Netlink::Message> snapshot(Table table) const;
+
+    NamespaceId id_;
+    std::map<std::uint32_t, Device> devices_;
+    std::vector<std::pair<std::uint32_t, std::pair<std::string, bool>>> addresses_;
+    std::map<std::pair<std::uint32_t, std::string>, Neighbour> neighbours_;
+    std::map<std::pair<std::uint32_t, std::string>, Mac> macs_;
+    std::vector<Source*> listeners_;
+    std::map<Table, int> disturbed_;
+    std::map<Table, int> refused_;
+    std::map<Table, int> dumps_;
+    bool losing_ = false;
+    bool hold_ = false;
+  };
+
+  FakeKernel();
+  ~FakeKernel() override;
+
+  // The default one, or one that was added.
+  Namespace& in(const std::string& name = Lanix::kDefaultNamespace) { return *namespaces_.at(name); }
+  Namespace& addNamespace(const std::string& name);
+  // A name with nothing behind it yet.
+  void addName(const std::string& name);
+  void delNamespace(const std::string& name);
+  // What was opened and is still open, in all namespaces.
+  int openSources() const { return openSources_; }
+  int opened() const { return opened_; }
+
+  NamespaceLook look(const Lanix::NamespaceName& name) override;
+  std::unique_ptr<RouteSource> open(const Lanix::NamespaceName& name, std::string& problem) override;
+  std::unique_ptr<NamespaceEvents> watchNamespaces() override;
+
+ private:
+  class Events;
+  void namesChanged();
+
+  std::map<std::string, std::shared_ptr<Namespace>> namespaces_;  // null: a name only
+  std::uint64_t nextInode_ = 100;
+  int openSources_ = 0;
+  int opened_ = 0;
+  Events* events_ = nullptr;
+  Lanix::Replaced<KernelAccess> replaced_;
+};
+
+}  // namespace KernelState

@@ -1,0 +1,155 @@
+#include <linux/neighbour.h>
+
+#include "Fixture.h"
+
+namespace KernelState {
+namespace {
+
+constexpr char kHost[] = "02:00:00:00:00:01";
+
+class FdbTest : public AgentTest {
+ protected:
+  FdbTest() {
+    auto& host = kernel.in();
+    host.addLink("vlan10", 10);
+    host.addLink("Ethernet1", 1);
+    host.addLink("Ethernet2", 2);
+    host.addLink("core10", 3);
+    host.addLink("br0", 20);
+  }
+};
+
+TEST_F(FdbTest, EntriesOfTheKernelBecomeEntries) {
+  starts();
+  struct Case {
+    const char* what;
+    const char* bridge;
+    FakeKernel::Mac mac;
+    const char* entry;  // null: none
+  };
+  const Case cases[] = {
+      {"learned", "vlan10", {"Ethernet1", NUD_REACHABLE, 0, 0}, "learnedDynamic Ethernet1"},
+      {"learned, old", "vlan10", {"Ethernet1", NUD_STALE, 0, 0}, "learnedDynamic Ethernet1"},
+      {"by hand", "vlan10", {"Ethernet2", NUD_NOARP, 0, 0}, "static Ethernet2"},
+      {"learned from the overlay", "vlan10", {"core10", NUD_REACHABLE, 0, 0}, "evpnLearned core10"},
+      {"by hand, overlay", "vlan10", {"core10", NUD_NOARP, 0, 0}, "evpnLearned core10"},
+      {"externally", "vlan10", {"Ethernet1", NUD_REACHABLE, NTF_EXT_LEARNED, 0}, "evpnLearned Ethernet1"},
+      {"the port's own", "vlan10", {"Ethernet1", NUD_PERMANENT, 0, 0}, nullptr},
+      {"the tunnel port's own", "vlan10", {"core10", NUD_PERMANENT, 0, 0}, nullptr},
+      {"the bridge's own", "vlan10", {"vlan10", NUD_REACHABLE, 0, 0}, nullptr},
+      {"no bridge above", "", {"Ethernet1", NUD_REACHABLE, 0, 0}, nullptr},
+      {"the device's filter", "vlan10", {"Ethernet1", NUD_REACHABLE, NTF_SELF, 0}, nullptr},
+      {"a VLAN inside the bridge", "vlan10", {"Ethernet1", NUD_REACHABLE, 0, 7}, nullptr},
+      {"a bridge of no VLAN", "br0", {"Ethernet1", NUD_REACHABLE, 0, 0}, nullptr},
+  };
+  for (const Case& item : cases) {
+    SCOPED_TRACE(item.what);
+    kernel.in().addMac(item.bridge, kHost, item.mac);
+    settle();
+    if (item.entry) {
+      EXPECT_THAT(rig->macs(), ElementsAre(std::string("10 ") + kHost + " " + item.entry));
+    } else {
+      EXPECT_THAT(rig->macs(), IsEmpty());
+    }
+    kernel.in().delMac(item.bridge, kHost);
+    settle();
+    EXPECT_THAT(rig->macs(), IsEmpty());
+  }
+  kernel.in().addMac("vlan10", "01:00:5e:00:00:01", {"Ethernet1", NUD_NOARP, 0, 0});
+  settle();
+  EXPECT_THAT(rig->macs(), IsEmpty());
+}
+
+TEST_F(FdbTest, MovesArriveInOrderAndTheTableIsReadOnce) {
+  kernel.in().addMac("vlan10", kHost, {"Ethernet1"});
+  starts();
+  const auto fdb = Mox::dynamicPtrCast<Memtab::Bridging::Status>(rig->sharedMemory()->mount(
+      "bridging/status", "Memtab::Bridging::Status", Memtab::MountDescriptor::reader()));
+  const auto entry = [&](const char* rest) { return std::string("10 ") + kHost + " " + rest; };
+  EXPECT_THAT(rig->macs(), ElementsAre(entry("learnedDynamic Ethernet1")));
+  kernel.in().addMac("vlan10", kHost, {"Ethernet2"});
+  kernel.in().addMac("vlan10", kHost, {"core10"});
+  settle();
+  EXPECT_THAT(rig->macs(), ElementsAre(entry("evpnLearned core10")));
+  kernel.in().addMac("vlan10", kHost, {"Ethernet2"});
+  settle();
+  EXPECT_THAT(rig->macs(), ElementsAre(entry("learnedDynamic Ethernet2")));
+  kernel.in().addMac("vlan10", kHost, {"Ethernet2", NUD_PERMANENT, 0, 0});  // the station is the switch now
+  settle();
+  EXPECT_THAT(rig->macs(), IsEmpty());
+  EXPECT_EQ(kernel.in().dumps(Table::macs), 1);
+}
+
+TEST_F(FdbTest, PublicationFollowsConfigurationAndNames) {
+  const auto config = rig->at<Bridging::Config>("bridging/config");
+  kernel.in().addMac("vlan10", kHost, {"Ethernet1"});
+  kernel.in().addMac("br0", kHost, {"Ethernet2"});
+  starts();
+  const auto entry = [&](int fid, const char* rest) {
+    return std::to_string(fid) + " " + kHost + " " + rest;
+  };
+  struct Case {
+    const char* what;
+    std::function<void()> happens;
+    std::vector<std::string> macs;
+  };
+  const Case cases[] = {
+      {"at first", [] {}, {entry(10, "learnedDynamic Ethernet1")}},
+      {"mapped",
+       [&] { config->vidToFidMapIs(Bridging::VlanId(10), 110); },
+       {entry(110, "learnedDynamic Ethernet1")}},
+      {"another VLAN",
+       [&] { rig->vlanIs(20, "br0"); },
+       {entry(110, "learnedDynamic Ethernet1"), entry(20, "learnedDynamic Ethernet2")}},
+      {"port becomes a tunnel port",
+       [&] { rig->vlanIs(20, "br0", {"Ethernet2"}); },
+       {entry(110, "learnedDynamic Ethernet1"), entry(20, "evpnLearned Ethernet2")}},
+      {"VLAN gone",
+       [&] { rig->config()->vlanDel(Bridging::VlanId(20)); },
+       {entry(110, "learnedDynamic Ethernet1")}},
+      {"port renamed",
+       [&] { kernel.in().renameLink("Ethernet1", "uplink1"); },
+       {entry(110, "learnedDynamic uplink1")}},
+      {"port renamed to a tunnel port's name",
+       [&] { kernel.in().delLink("core10"), kernel.in().renameLink("uplink1", "core10"); },
+       {entry(110, "evpnLearned core10")}},
+      {"bridge renamed away", [&] { kernel.in().renameLink("vlan10", "x"); }, {}},
+      {"and another one comes to be it",
+       [&] { kernel.in().renameLink("br0", "vlan10"); },
+       {entry(110, "learnedDynamic Ethernet2")}},
+      {"one forwarding database for two",
+       [&] { rig->vlanIs(30, "x", {"core10"}), config->vidToFidMapIs(Bridging::VlanId(30), 110); },
+       {"?"}},
+      {"and one of them left",
+       [&] { kernel.in().delMac("x", kHost); },
+       {entry(110, "learnedDynamic Ethernet2")}},
+  };
+  for (const Case& item : cases) {
+    SCOPED_TRACE(item.what);
+    item.happens();
+    settle();
+    if (item.macs == std::vector<std::string>{"?"}) {
+      EXPECT_EQ(rig->macs().size(), 1u);  // either's
+    } else {
+      EXPECT_EQ(rig->macs(), item.macs);
+    }
+  }
+}
+
+TEST_F(FdbTest, BridgeThatComesLaterAndLostNotifications) {
+  kernel.in().delLink("vlan10");
+  starts();
+  kernel.in().addLink("vlan10", 11);
+  kernel.in().addMac("vlan10", kHost, {"core10"});
+  settle();
+  EXPECT_EQ(rig->macs().size(), 1u);
+  kernel.in().loses();
+  kernel.in().delMac("vlan10", kHost);
+  kernel.in().addMac("vlan10", "02:00:00:00:00:02", {"Ethernet1"});
+  kernel.in().overrun();
+  settle();
+  EXPECT_THAT(rig->macs(), ElementsAre("10 02:00:00:00:00:02 learnedDynamic Ethernet1"));
+}
+
+}  // namespace
+}  // namespace KernelState

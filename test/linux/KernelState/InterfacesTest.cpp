@@ -1,0 +1,195 @@
+#include "Fixture.h"
+
+namespace KernelState {
+namespace {
+
+// What a namespace's published devices say while they change.
+class DeviceLog {
+ public:
+  explicit DeviceLog(const Mox::Ptr<KernelNetInfo::Status>& status) : status_(status) {
+    status_.on(KernelNetInfo::Status::interfaceChanged, [this](const Mox::String& name) {
+      lines.push_back(
+          name + (status_->interfaceHas(name) ? " " + std::to_string(status_->interface(name).ifIndex) : ""));
+    });
+  }
+  std::vector<std::string> lines;
+
+ private:
+  Mox::Notifiee<KernelNetInfo::Status> status_;
+};
+
+class InterfacesTest : public AgentTest {
+ protected:
+  InterfacesTest() {
+    redComes();
+    starts();
+  }
+};
+
+class DevicesTest : public AgentTest {};
+
+TEST_F(DevicesTest, DeletionAndCreationAreNeverMerged) {
+  kernel.in().addLink("lo", 1);
+  redComes();
+  starts();
+  EXPECT_THAT(rig->devices("default"), ElementsAre("lo 1"));
+  EXPECT_THAT(rig->devices("red"), ElementsAre("vlan10 7"));
+  auto& red = kernel.in("red");
+  DeviceLog log(rig->at<KernelNetInfo::Status>("kni/ns/red/status"));
+
+  struct Case {
+    const char* what;
+    std::function<void()> happens;
+    std::vector<std::string> told;
+  };
+  const Case cases[] = {
+      {"made again", [&] { red.delLink("vlan10"), red.addLink("vlan10", 8); }, {"vlan10", "vlan10 8"}},
+      {"made again under its own index",
+       [&] { red.delLink("vlan10"), red.addLink("vlan10", 8); },
+       {"vlan10", "vlan10 8"}},
+      {"renamed", [&] { red.renameLink("vlan10", "eth0"); }, {"vlan10", "eth0 8"}},
+      {"renamed back, and another one",
+       [&] { red.renameLink("eth0", "vlan10"), red.addLink("eth0", 9); },
+       {"eth0", "vlan10 8", "eth0 9"}},
+      {"told again", [&] { red.macIs("eth0", "02:00:00:00:00:99"); }, {}},
+      {"made again, unheard",
+       [&] { red.loses(), red.delLink("vlan10"), red.addLink("vlan10", 11), red.overrun(); },
+       {"vlan10", "vlan10 11"}},
+      {"names swapped, unheard",
+       [&] {
+         red.loses(), red.renameLink("eth0", "x"), red.renameLink("vlan10", "eth0"),
+             red.renameLink("x", "vlan10");
+         red.overrun();
+       },
+       {"eth0", "vlan10", "vlan10 9", "eth0 11"}},
+      {"gone, unheard", [&] { red.loses(), red.delLink("eth0"), red.overrun(); }, {"eth0"}},
+  };
+  for (const Case& item : cases) {
+    SCOPED_TRACE(item.what);
+    log.lines.clear();
+    item.happens();
+    settle();
+    EXPECT_EQ(log.lines, item.told);
+  }
+}
+
+TEST_F(DevicesTest, InterfaceDirectoriesAreFilledWheneverTheyCome) {
+  kernel.in().addLink("Ethernet1", 2);
+  kernel.in().addLink("vlan10", 3);
+  starts();
+  rig->tree()->entityIs("interface/status/all", "Interface::AllIntfStatusDir");
+  settle();
+  kernel.in().addLink("Ethernet2", 4);
+  settle();
+  rig->tree()->entityIs("interface/status/local", "Interface::AllIntfStatusLocalDir");
+  kernel.in().delLink("Ethernet1");
+  settle();
+  const auto names = [](const auto& directory) {
+    std::vector<std::string> result;
+    for (const auto& [intf, status] : directory->intfStatusCollection()) result.push_back(intf.toStrep());
+    return result;
+  };
+  EXPECT_THAT(names(rig->at<Interface::AllIntfStatusDir>("interface/status/all")),
+              ElementsAre("Ethernet2", "Vlan10"));
+  EXPECT_THAT(names(rig->at<Interface::AllIntfStatusLocalDir>("interface/status/local")),
+              ElementsAre("Ethernet2", "Vlan10"));
+}
+
+TEST_F(InterfacesTest, AddressesFollowTheKernel) {
+  auto& red = kernel.in("red");
+  struct Case {
+    const char* what;
+    std::function<void()> happens;
+    const char* ip;
+  };
+  const Case cases[] = {
+      {"primary", [] {}, "red 10.0.0.1/24"},
+      {"secondary", [&] { red.addAddress("vlan10", "10.0.0.2/24", true); }, "red 10.0.0.1/24 10.0.0.2/24"},
+      {"another network", [&] { red.addAddress("vlan10", "10.0.1.1/24"); },
+       "red 10.0.0.1/24 10.0.1.1/24 10.0.0.2/24"},
+      {"secondary promoted",
+       [&] { red.delAddress("vlan10", "10.0.0.1/24"), red.addAddress("vlan10", "10.0.0.2/24", false); },
+       "red 10.0.0.2/24 10.0.1.1/24"},
+      {"lost and found", [&] { red.loses(), red.delAddress("vlan10", "10.0.0.2/24"), red.overrun(); },
+       "red 10.0.1.1/24"},
+      {"none", [&] { red.delAddress("vlan10", "10.0.1.1/24"); }, "red "},
+      {"device gone", [&] { red.delLink("vlan10"); }, ""},
+      {"device without an address", [&] { red.addLink("vlan10", 8); }, "red "},
+      {"renamed away", [&] { red.renameLink("vlan10", "x"); }, ""},
+      {"address while it is something else", [&] { red.addAddress("x", "10.9.0.1/16"); }, ""},
+      {"renamed back", [&] { red.renameLink("x", "vlan10"); }, "red 10.9.0.1/16"},
+  };
+  for (const Case& item : cases) {
+    SCOPED_TRACE(item.what);
+    item.happens();
+    settle();
+    EXPECT_EQ(rig->ip("Vlan10"), item.ip);
+  }
+}
+
+TEST_F(InterfacesTest, ConfiguredVrfWinsOverTheBridge) {
+  kernel.in().addLink("vlan10", 3);
+  kernel.in().addAddress("vlan10", "192.0.2.1/24");
+  kernel.in().addLink("vlan20", 4);
+  kernel.in().addAddress("vlan20", "192.0.3.1/24");
+  settle();
+  EXPECT_EQ(rig->ip("Vlan10"), "red 10.0.0.1/24");
+  EXPECT_EQ(rig->ip("Vlan20"), "default 192.0.3.1/24");
+
+  // The device moves to another VRF, told of by either namespace first.
+  rig->vrfIs("blue", 6, "blue");
+  kernel.addNamespace("blue").addLink("vlan10", 9);
+  settle();
+  EXPECT_EQ(rig->ip("Vlan10"), "blue ");
+  kernel.in("red").delLink("vlan10");
+  settle();
+  EXPECT_EQ(rig->ip("Vlan10"), "blue ");
+  kernel.in("blue").delLink("vlan10");
+  settle();
+  EXPECT_EQ(rig->ip("Vlan10"), "default 192.0.2.1/24");
+}
+
+TEST_F(DevicesTest, BridgeIsNotTakenForTheInterfaceWhileNamespacesAreRead) {
+  kernel.in().addLink("vlan10", 3);
+  redComes();
+  std::vector<std::string> seen;
+  Mox::Notifiee<Ip::Status> watch(
+      Mox::dynamicPtrCast<Ip::Status>(rig->tree()->entityIs("ip/status", "Ip::Status")));
+  Mox::Notifiee<Ip::IpIntfStatus> vlan;
+  vlan.on(Ip::IpIntfStatus::vrfNameChanged, [&](const Mox::String& name) { seen.push_back(name); });
+  watch.on(Ip::Status::ipIntfStatusChanged,
+           [&](const Lanix::IntfId& intf) { vlan.notifierIs(watch->ipIntfStatus(intf)); });
+  starts();
+  EXPECT_THAT(seen, ElementsAre("red"));
+}
+
+TEST_F(DevicesTest, BridgeMacAddressIsTheOneThatInterfacesShare) {
+  const auto config = rig->at<Bridging::Config>("bridging/config");
+  const auto mac = [&] { return config->bridgeMacAddr().toStrep(); };
+  Reports reports;
+  starts();
+  EXPECT_EQ(mac(), "00:00:00:00:00:00");
+  redComes();
+  settle();
+  EXPECT_EQ(mac(), "02:00:00:00:be:ef");
+  kernel.in("red").addLink("vlan20", 8, "02:00:00:00:00:20");
+  settle();
+  kernel.in("red").addAddress("vlan20", "10.0.20.1/24");
+  kernel.in("red").delLink("vlan20");
+  settle();
+  kernel.in("red").addLink("vlan20", 8, "02:00:00:00:00:20");
+  settle();
+  EXPECT_EQ(mac(), "02:00:00:00:be:ef");
+  EXPECT_THAT(reports.lines, ElementsAre(testing::HasSubstr("Vlan20 has the MAC address 02:00:00:00:00:20")));
+
+  kernel.in("red").macIs("vlan10", "02:00:00:00:00:10");  // nobody has the one that was given any more
+  settle();
+  EXPECT_EQ(mac(), "02:00:00:00:00:10");
+  config->bridgeMacAddrIs(*Lanix::EthAddr::fromStrep("02:00:00:00:00:77"));  // the operator's stays
+  kernel.in("red").macIs("vlan10", "02:00:00:00:00:11");
+  settle();
+  EXPECT_EQ(mac(), "02:00:00:00:00:77");
+}
+
+}  // namespace
+}  // namespace KernelState

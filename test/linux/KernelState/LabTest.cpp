@@ -1,0 +1,295 @@
+#include <dirent.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/neighbour.h>
+#include <sys/mount.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+
+#include "AgentRig.h"
+#include "LabKernel.h"
+#include "Lanix/Namespaces.h"
+
+// The plug-in on a real kernel: a switch in a namespace of its own, a VRF in another.
+
+namespace KernelState {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::size_t openDescriptors() {
+  std::size_t count = 0;
+  DIR* directory = opendir("/proc/self/fd");
+  while (readdir(directory) != nullptr) ++count;
+  closedir(directory);
+  return count;
+}
+
+// Messages that the kernel could not deliver to netlink sockets of the namespace that the thread is in.
+std::uint64_t lostNotifications() {
+  std::ifstream sockets("/proc/thread-self/net/netlink");
+  std::string line, word;
+  std::uint64_t lost = 0;
+  std::getline(sockets, line);
+  while (std::getline(sockets, line)) {
+    std::istringstream words(line);  // sk Eth Pid Groups Rmem Wmem Dump Locks Drops Inode
+    for (int i = 0; i < 9; ++i) words >> word;
+    lost += std::stoull(word);
+  }
+  return lost;
+}
+
+class LabTest : public testing::Test {
+ protected:
+  LabTest() { startRig(); }
+
+  void startRig() {
+    rig = std::make_unique<AgentRig>(Orb::EventLoop::realClock(), tables.directory());
+    rig->vrfIs("red", 5, redName);
+    rig->vlanIs(10, "vlan10", {"core10"});
+    rig->start();
+  }
+  // Runs the loop until it holds.
+  testing::AssertionResult becomes(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + Lab::kPatience;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) return testing::AssertionFailure() << "it does not";
+      rig->loop().step(0.02);
+    }
+    return testing::AssertionSuccess();
+  }
+  template <class Read, class Expected>
+  void expect(const char* what, Read read, const Expected& expected) {
+    SCOPED_TRACE(what);
+    ASSERT_TRUE(becomes([&] { return rig->agent()->rootSm() != nullptr; }));
+    becomes([&] { return read() == expected; });
+    EXPECT_EQ(read(), expected);
+  }
+  void expectVrf(const char* what, const std::string& state) {
+    const std::vector<std::string> expected{"default active default", "red " + state + " " + redName};
+    expect(
+        what, [&] { return rig->vrfs(); }, expected);
+  }
+  void expectIp(const char* what, const std::string& expected) {
+    expect(
+        what, [&] { return rig->ip("Vlan10"); }, expected);
+  }
+  void expectNeighbours(const char* what, const std::vector<std::string>& expected) {
+    expect(
+        what, [&] { return rig->neighbours(); }, expected);
+  }
+  void expectMac(const char* what, const std::string& mac, const std::string& expected) {
+    expect(
+        what, [&] { return macEntry(mac); }, expected);
+  }
+  std::string macEntry(const std::string& mac) const {
+    for (const std::string& line : rig->macs()) {
+      if (line.starts_with("10 " + mac + " ")) return line.substr(mac.size() + 4);
+    }
+    return "";
+  }
+  // Red's namespace with its end of VLAN 10.
+  void redComes(bool withDevice = true) {
+    red = std::make_unique<Lab::Namespace>("red");
+    ASSERT_EQ(red->name(), redName);
+    if (withDevice) deviceComes();
+  }
+  void deviceComes() {
+    if (Lab::ifIndex("vlan10") == 0) Lab::bridgeIs("vlan10");
+    Lab::vethIs("v10", "vlan10", *red);
+    Lab::portIs("v10", "vlan10");
+  }
+  void inRed(const std::function<void()>& call) {
+    const Lab::Entered entered(*red);
+    call();
+  }
+
+  const std::string redName = "red-" + std::to_string(getpid());
+  Lab::Namespace leaf;
+  Lab::Entered entered{leaf};
+  Lanix::Namespaces namespaces;  // whose home is where this thread is now
+  Lanix::Replaced<Lanix::Namespaces> replaced{namespaces};
+  ScratchTables tables;
+  std::unique_ptr<Lab::Namespace> red;
+  std::unique_ptr<AgentRig> rig;
+};
+
+TEST_F(LabTest, NamespacesComeAndGo) {
+  expectVrf("before it is there", "inactive");
+  redComes();
+  expectVrf("there", "active");
+  expectIp("with its device", "red ");
+  inRed([] {
+    addressIs("vlan10", "10.0.0.1/24"), addressIs("vlan10", "10.0.0.2/24"),
+        addressIs("vlan10", "10.0.1.1/24");
+  });
+  expectIp("with addresses", "red 10.0.0.1/24 10.0.1.1/24 10.0.0.2/24");
+  inRed([] { addressDel("vlan10", "10.0.0.1/24"); });  // takes the secondary one along
+  expectIp("less addresses", "red 10.0.1.1/24");
+
+  const auto id = Lab::ifIndex("v10");
+  red = nullptr;
+  expectVrf("gone", "inactive");
+  expectIp("the bridge is left", "default ");
+  // Nothing keeps the namespace alive: the kernel takes the pair away with it.
+  EXPECT_TRUE(becomes([] { return Lab::ifIndex("v10") == 0; })) << id;
+  expect(
+      "devices gone", [&] { return rig->devices(redName); }, std::vector<std::string>());
+
+  redComes();
+  expectVrf("there again", "active");
+  red = nullptr;
+  redComes(false);
+  expectIp("replaced before it was looked at", "default ");
+  expectVrf("replaced", "active");
+
+  const std::string mount = "/run/netns/" + redName;
+  ASSERT_EQ(umount2(mount.c_str(), MNT_DETACH), 0);
+  expectVrf("name left without its namespace", "inactive");
+  const std::string source = "/proc/self/fd/" + std::to_string(red->fd());
+  ASSERT_EQ(::mount(source.c_str(), mount.c_str(), nullptr, MS_BIND, nullptr), 0);
+  expectVrf("namespace back behind its name", "active");
+}
+
+TEST_F(LabTest, DevicesInAnyOrder) {
+  redComes();
+  expectIp("there", "red ");
+  const auto device = [&](const std::string& name) {
+    std::string line;
+    inRed([&] { line = name + " " + std::to_string(Lab::ifIndex(name)); });
+    return line;
+  };
+  std::vector<std::string> told;
+  Mox::Notifiee<KernelNetInfo::Status> watch(rig->at<KernelNetInfo::Status>("kni/ns/" + redName + "/status"));
+  watch.on(KernelNetInfo::Status::interfaceChanged, [&](const Mox::String& name) {
+    told.push_back(name + (watch->interfaceHas(name) ? " is" : " gone"));
+  });
+  Lab::linkDel("v10");
+  deviceComes();
+  expect(
+      "made again", [&] { return rig->devices(redName); },
+      std::vector<std::string>{"lo 1", device("vlan10")});
+  EXPECT_THAT(told, ElementsAre("vlan10 gone", "vlan10 is"));
+  inRed([] { addressIs("vlan10", "10.0.0.1/24"), renameLink("vlan10", "eth0"); });
+  expectIp("renamed away", "default ");
+  inRed([] { renameLink("eth0", "vlan10"); });
+  expectIp("renamed back", "red 10.0.0.1/24");
+  rig->config()->vrfDel("red");
+  expectIp("VRF gone", "default ");
+  rig->vrfIs("red", 9, redName);
+  expectIp("VRF back", "red 10.0.0.1/24");
+}
+
+TEST_F(LabTest, NeighboursAndMacs) {
+  redComes();
+  Lab::Namespace host;
+  Lab::Namespace core;
+  Lab::vethIs("Ethernet1", "eth0", host);
+  Lab::portIs("Ethernet1", "vlan10");
+  Lab::vethIs("core10", "eth0", core);
+  Lab::portIs("core10", "vlan10");
+  inRed([] {
+    request(neighbourMessage("vlan10", "10.0.0.9", "02:00:00:00:00:09", NUD_PERMANENT));
+    request(neighbourMessage("vlan10", "10.0.0.10", "02:00:00:00:00:10", NUD_PERMANENT, 110));
+    request(neighbourMessage("vlan10", "10.0.0.11", "02:00:00:00:00:11", NUD_STALE));
+    request(neighbourMessage("lo", "10.0.0.12", "02:00:00:00:00:12", NUD_PERMANENT));
+  });
+  expectNeighbours("neighbours", {"5 10.0.0.10 Vlan10 02:00:00:00:00:10 true 110",
+                                  "5 10.0.0.11 Vlan10 02:00:00:00:00:11 false 0",
+                                  "5 10.0.0.9 Vlan10 02:00:00:00:00:09 true 255"});
+  inRed([] { renameLink("vlan10", "eth0"); });
+  expectNeighbours("no VLAN interface", {});
+  inRed([] { renameLink("eth0", "vlan10"); });
+  expect(
+      "VLAN interface again", [&] { return rig->neighbours().size(); }, 3u);
+
+  // A station that speaks, moves to the overlay, and back.
+  const Lab::Mac station{2, 0, 0, 0, 0, 0x77};
+  const auto speaks = [&](const Lab::Namespace& where) {
+    const Lab::Entered there(where);
+    Lab::PacketSocket("eth0").send(Lab::plainFrame(station, Lab::kBroadcast, 0x88B5, 0));
+  };
+  speaks(host);
+  expectMac("learned", "02:00:00:00:00:77", "learnedDynamic Ethernet1");
+  speaks(core);
+  expectMac("moved", "02:00:00:00:00:77", "evpnLearned core10");
+  speaks(host);
+  expectMac("moved back", "02:00:00:00:00:77", "learnedDynamic Ethernet1");
+  request(macMessage("Ethernet1", "02:00:00:00:00:78", NUD_NOARP));
+  expectMac("by hand", "02:00:00:00:00:78", "static Ethernet1");
+  request(macMessage("Ethernet1", "02:00:00:00:00:79", NUD_REACHABLE, NTF_EXT_LEARNED));
+  expectMac("externally", "02:00:00:00:00:79", "evpnLearned Ethernet1");
+  request(macMessage("Ethernet1", "02:00:00:00:00:80", NUD_PERMANENT));
+  request(macMessage("Ethernet1", "02:00:00:00:00:81", NUD_NOARP));
+  expectMac("after one of its own", "02:00:00:00:00:81", "static Ethernet1");
+  EXPECT_EQ(macEntry("02:00:00:00:00:80"), "");
+  for (const char* device : {"vlan10", "Ethernet1", "core10", "v10"}) {
+    const Lanix::EthAddr own(Lab::macOf(device));
+    EXPECT_EQ(macEntry(own.toStrep()), "") << device;
+  }
+  renameLink("Ethernet1", "Ethernet2");
+  expectMac("port renamed", "02:00:00:00:00:77", "learnedDynamic Ethernet2");
+  const auto before = rig->macs();
+  rig = nullptr;  // and what the next run finds, it takes over
+  startRig();
+  expect(
+      "next run",
+      [&] { return rig->agent()->rootSm()->reconciled() ? rig->macs() : std::vector<std::string>(); },
+      before);
+  Lab::linkDel("Ethernet2");
+  expect(
+      "port gone", [&] { return rig->macs(); }, std::vector<std::string>());
+  Lab::linkDel("v10");
+  expectNeighbours("device gone", {});
+}
+
+// More changes than the sockets can hold while nobody reads them.
+TEST_F(LabTest, FloodOfChanges) {
+  redComes();
+  expectIp("there", "red ");
+  constexpr std::size_t kNeighbours = 50000;
+  std::vector<Netlink::Message> messages;
+  inRed([&] {
+    for (std::size_t i = 0; i < kNeighbours; ++i) {
+      messages.push_back(neighbourMessage("vlan10",
+                                          Lanix::IpAddr(static_cast<std::uint32_t>(0x0A000002 + i)).toStrep(),
+                                          "02:00:00:00:00:09", NUD_PERMANENT));
+    }
+    ASSERT_EQ(requestAll(messages), kNeighbours);
+    EXPECT_NE(lostNotifications(), 0u) << "the test is to flood the sockets";
+  });
+  const auto count = [&] { return rig->table<Arp::Table::Status>("arp/status")->arpEntrys(); };
+  expect("all of them", count, kNeighbours);
+  Lab::linkDel("v10");
+  expect("none of them", count, 0u);
+  deviceComes();
+  expectIp("still working", "red ");
+}
+
+TEST_F(LabTest, DescriptorsAreGivenBack) {
+  redComes();
+  expectVrf("there", "active");
+  rig = nullptr;
+  const std::size_t before = openDescriptors();
+  startRig();
+  expectVrf("there", "active");
+  EXPECT_TRUE(rig->settle());  // nothing keeps the loop busy
+  const std::size_t running = openDescriptors();
+  for (int i = 0; i < 3; ++i) {
+    red = nullptr;
+    expectVrf("gone", "inactive");
+    redComes(false);
+    expectVrf("there again", "active");
+  }
+  EXPECT_EQ(openDescriptors(), running);
+  rig->config()->vrfDel("red");
+  EXPECT_TRUE(becomes([&] { return openDescriptors() < running; }));
+  rig = nullptr;
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+}  // namespace
+}  // namespace KernelState

@@ -1,0 +1,249 @@
+#include <linux/neighbour.h>
+
+#include "Fixture.h"
+
+namespace KernelState {
+namespace {
+
+class NeighboursTest : public AgentTest {
+ protected:
+  NeighboursTest() { redComes(); }
+};
+
+TEST_F(NeighboursTest, StatesOfTheKernelBecomeEntries) {
+  starts();
+  struct Case {
+    const char* what;
+    FakeKernel::Neighbour neighbour;
+    const char* entry;  // behind the key; null: none
+  };
+  const std::string mac = "02:00:00:00:00:01";
+  const Case cases[] = {
+      {"reachable", {mac, NUD_REACHABLE, 0, {}}, "02:00:00:00:00:01 false 0"},
+      {"stale", {mac, NUD_STALE, 0, {}}, "02:00:00:00:00:01 false 0"},
+      {"delay", {mac, NUD_DELAY, 0, {}}, "02:00:00:00:00:01 false 0"},
+      {"probe", {mac, NUD_PROBE, 0, {}}, "02:00:00:00:00:01 false 0"},
+      {"dynamic of this system", {mac, NUD_REACHABLE, 0, 110}, "02:00:00:00:00:01 false 0"},
+      {"permanent", {mac, NUD_PERMANENT, 0, {}}, "02:00:00:00:00:01 true 255"},
+      {"permanent of this system", {mac, NUD_PERMANENT, 0, 110}, "02:00:00:00:00:01 true 110"},
+      {"permanent of another", {mac, NUD_PERMANENT, 0, 186}, "02:00:00:00:00:01 true 255"},
+      {"no ARP", {mac, NUD_NOARP, 0, {}}, "02:00:00:00:00:01 true 255"},
+      {"resolving", {"", NUD_INCOMPLETE, 0, {}}, nullptr},
+      {"failed", {"", NUD_FAILED, 0, {}}, nullptr},
+      {"failed, still with its address", {mac, NUD_FAILED, 0, {}}, nullptr},
+      {"none", {mac, NUD_NONE, 0, {}}, nullptr},
+      {"remote", {mac, NUD_NOARP, NTF_EXT_LEARNED, {}}, nullptr},
+      {"proxy", {mac, NUD_PERMANENT, NTF_PROXY, {}}, nullptr},
+  };
+  auto& red = kernel.in("red");
+  for (const Case& item : cases) {
+    SCOPED_TRACE(item.what);
+    for (const std::string ip : {"10.0.0.9", "fe80::9"}) {
+      red.addNeighbour("vlan10", ip);  // each takes the place of a good one
+      settle();
+      ASSERT_THAT(rig->neighbours(), ElementsAre("5 " + ip + " Vlan10 02:00:00:00:00:01 false 0"));
+      red.addNeighbour("vlan10", ip, item.neighbour);
+      settle();
+      if (item.entry) {
+        EXPECT_THAT(rig->neighbours(), ElementsAre("5 " + ip + " Vlan10 " + item.entry));
+      } else {
+        EXPECT_THAT(rig->neighbours(), IsEmpty());
+      }
+      red.delNeighbour("vlan10", ip);
+      settle();
+      EXPECT_THAT(rig->neighbours(), IsEmpty());
+    }
+  }
+  red.addNeighbour("vlan10", "224.0.0.22", {"01:00:5e:00:00:16", NUD_NOARP, 0, {}});
+  settle();
+  EXPECT_THAT(rig->neighbours(), IsEmpty());
+}
+
+TEST_F(NeighboursTest, EntriesFollowTheirDeviceAndVrf) {
+  auto& red = kernel.in("red");
+  red.addNeighbour("vlan10", "10.0.0.9");
+  red.addLink("eth0", 20);
+  red.addNeighbour("eth0", "10.0.0.9", {"02:00:00:00:00:02", NUD_STALE, 0, {}});
+  starts();
+  const std::string entry = " 10.0.0.9 Vlan10 02:00:00:00:00:01 false 0";
+  EXPECT_THAT(rig->neighbours(), ElementsAre("5" + entry));
+  rig->vrfIs("red", 6, "red");
+  settle();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("6" + entry));
+  red.renameLink("vlan10", "away");
+  settle();
+  EXPECT_THAT(rig->neighbours(), IsEmpty());
+  red.renameLink("eth0", "vlan10");
+  settle();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("6 10.0.0.9 Vlan10 02:00:00:00:00:02 false 0"));
+  red.delLink("vlan10");
+  red.renameLink("away", "vlan10");
+  settle();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("6" + entry));
+  rig->config()->vrfDel("red");
+  settle();
+  EXPECT_THAT(rig->neighbours(), IsEmpty());
+  rig->vrfIs("red", 7, "red");
+  settle();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("7" + entry));
+  kernel.delNamespace("red");
+  settle();
+  EXPECT_THAT(rig->neighbours(), IsEmpty());
+}
+
+// Two VRFs exchange their numbers, or an interface, so a key passes from one namespace to the other while
+// each brings its own entries in step.
+TEST_F(NeighboursTest, KeyThatPassesToAnotherNamespaceStays) {
+  rig->vrfIs("blue", 6, "blue");
+  kernel.in("red").addNeighbour("vlan10", "10.0.0.9");
+  auto& blue = kernel.addNamespace("blue");
+  starts();
+  blue.addLink("vlan10", 30);
+  blue.addNeighbour("vlan10", "10.0.0.9", {"02:00:00:00:00:02", NUD_STALE, 0, {}});
+  rig->vrfIs("red", 99, "red");
+  rig->vrfIs("blue", 5, "blue");
+  settle();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("5 10.0.0.9 Vlan10 02:00:00:00:00:02 false 0"));
+  kernel.in("red").delLink("vlan10");
+  settle();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("5 10.0.0.9 Vlan10 02:00:00:00:00:02 false 0"));
+  // Unheard, the device is made again with a neighbour of the same address.
+  blue.loses();
+  blue.delLink("vlan10");
+  blue.addLink("vlan10", 31);
+  blue.addNeighbour("vlan10", "10.0.0.9");
+  blue.overrun();
+  settle();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("5 10.0.0.9 Vlan10 02:00:00:00:00:01 false 0"));
+}
+
+TEST_F(NeighboursTest, LostNotificationsAreFoundByComparison) {
+  auto& red = kernel.in("red");
+  for (const char* ip : {"10.0.0.1", "10.0.0.2", "10.0.0.3"}) red.addNeighbour("vlan10", ip);
+  starts();
+  red.loses();
+  red.delNeighbour("vlan10", "10.0.0.1");
+  red.addNeighbour("vlan10", "10.0.0.2", {"02:00:00:00:00:02", NUD_STALE, 0, {}});
+  red.addNeighbour("vlan10", "10.0.0.4");
+  red.overrun();
+  settle();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("5 10.0.0.2 Vlan10 02:00:00:00:00:02 false 0",
+                                             "5 10.0.0.3 Vlan10 02:00:00:00:00:01 false 0",
+                                             "5 10.0.0.4 Vlan10 02:00:00:00:00:01 false 0"));
+}
+
+// What the kernel drops while the socket is still being emptied, it does not mention again.
+TEST_F(NeighboursTest, ChangesBetweenOverrunAndEmptySocketAreFound) {
+  starts();
+  auto& red = kernel.in("red");
+  rig->taskSchedulerRoot()->mustYieldForTestIs([] { return true; });
+  for (int turns = 1; turns < 40; ++turns) {
+    for (int i = 0; i < 300; ++i) red.addNeighbour("vlan10", "10.0.0.1");
+    red.overrun();
+    for (int i = 0; i < turns; ++i) rig->loop().step(0);
+    red.addNeighbour("vlan10", "10.0.1." + std::to_string(turns));
+    settle();
+    EXPECT_EQ(rig->neighbours().size(), 1u + static_cast<unsigned>(turns));
+  }
+}
+
+TEST_F(NeighboursTest, NotificationCountsMoreThanOlderTable) {
+  auto& red = kernel.in("red");
+  for (const char* ip : {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4", "10.0.0.5"})
+    red.addNeighbour("vlan10", ip);
+  starts();
+  // The table is made now, and read to its end after all of the following.
+  int slices = 0;
+  rig->taskSchedulerRoot()->mustYieldForTestIs([&] { return true; });
+  red.overrun();
+  while (red.dumps(Table::neighbours) < 2) {
+    ASSERT_LT(++slices, 1000);
+    rig->loop().step(0);
+  }
+  red.holdsDumps(true);
+  for (int i = 0; i < 100; ++i) rig->loop().step(0);
+  red.delNeighbour("vlan10", "10.0.0.5");
+  red.addNeighbour("vlan10", "10.0.0.4", {"02:00:00:00:00:04", NUD_STALE, 0, {}});
+  red.addNeighbour("vlan10", "10.0.0.1", {"02:00:00:00:00:04", NUD_STALE, 0, {}});
+  red.addNeighbour("vlan10", "10.0.0.6");
+  for (int i = 0; i < 100; ++i) rig->loop().step(0);
+  red.holdsDumps(false);
+  settle();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("5 10.0.0.1 Vlan10 02:00:00:00:00:04 false 0",
+                                             "5 10.0.0.2 Vlan10 02:00:00:00:00:01 false 0",
+                                             "5 10.0.0.3 Vlan10 02:00:00:00:00:01 false 0",
+                                             "5 10.0.0.4 Vlan10 02:00:00:00:00:04 false 0",
+                                             "5 10.0.0.6 Vlan10 02:00:00:00:00:01 false 0"));
+}
+
+TEST_F(NeighboursTest, TableThatWasDisturbedOrRefusedIsReadAgain) {
+  auto& red = kernel.in("red");
+  red.addNeighbour("vlan10", "10.0.0.9");
+  red.disturbs(Table::neighbours, 3);
+  starts();
+  EXPECT_EQ(red.dumps(Table::neighbours), 4);
+  EXPECT_TRUE(rig->agent()->rootSm()->reconciled());
+
+  // What could not be read stays, and is read after a pause.
+  Reports reports;
+  for (const auto& trouble : {std::function<void()>([&] { red.refuses(Table::neighbours, ENOMEM); }),
+                              std::function<void()>([&] { red.disturbs(Table::neighbours, 8); })}) {
+    reports.lines.clear();
+    red.loses();
+    red.delNeighbour("vlan10", "10.0.0.9");
+    trouble();
+    red.overrun();
+    settle();
+    EXPECT_EQ(rig->neighbours().size(), 1u);
+    EXPECT_THAT(reports.lines, ElementsAre(testing::HasSubstr("\"red\": reading neighbours: ")));
+    passes(0.2);
+    EXPECT_THAT(rig->neighbours(), IsEmpty());
+    red.addNeighbour("vlan10", "10.0.0.9");
+    settle();
+  }
+}
+
+TEST_F(NeighboursTest, EntriesOfAnEarlierRunAreTakenOver) {
+  auto& red = kernel.in("red");
+  for (const char* ip : {"10.0.0.1", "10.0.0.2"}) red.addNeighbour("vlan10", ip);
+  kernel.in().addLink("vlan20", 3);
+  kernel.in().addNeighbour("vlan20", "10.0.20.1");
+  // More than one batch, published after all other namespaces' were.
+  constexpr unsigned kMore = 200;
+  for (unsigned i = 0; i < kMore; ++i) kernel.in().addNeighbour("vlan20", "10.0.21." + std::to_string(i));
+  starts();
+  rig->vrfIs("blue", 6, "blue");
+  settle();
+  ASSERT_THAT(rig->ids(), ElementsAre("0 default", "5 red", "6 blue"));
+  red.delNeighbour("vlan10", "10.0.0.1");
+  restarts();
+  red.addNeighbour("vlan10", "10.0.0.3");
+
+  const auto arp = Mox::dynamicPtrCast<Arp::Table::Status>(
+      rig->sharedMemory()->mount("arp/status", "Arp::Table::Status", Memtab::MountDescriptor::reader()));
+  std::vector<std::string> changes;
+  Mox::Notifiee<Arp::Table::Status> watch(arp);
+  watch.on(Arp::Table::Status::arpEntryChanged, [&](const Arp::Table::ArpKey& key) {
+    changes.push_back(key.addr.toStrep() + (arp->arpEntryEntry(key) ? " is" : " gone"));
+  });
+  rig->taskSchedulerRoot()->mustYieldForTestIs([] { return true; });
+  rig->start();
+  // No entry that still holds is ever missing.
+  Arp::Table::ArpKey held[2];
+  held[0].vrfId = 5, held[0].addr = *Lanix::IpAddr::fromStrep("10.0.0.2"),
+  held[0].intfId = Lanix::IntfId::fromName("Vlan10");
+  held[1].vrfId = 0, held[1].addr = *Lanix::IpAddr::fromStrep("10.0.20.1"),
+  held[1].intfId = Lanix::IntfId::fromName("Vlan20");
+  for (int turn = 0; turn < 100000 && rig->loop().step(0); ++turn) {
+    for (const auto& key : held) ASSERT_TRUE(arp->arpEntryEntry(key)) << "turn " << turn;
+    ASSERT_GE(arp->arpEntrys(), kMore + 2) << "turn " << turn;
+  }
+  passes(0.1);
+  EXPECT_TRUE(rig->agent()->rootSm()->reconciled());
+  EXPECT_THAT(changes, testing::UnorderedElementsAre("10.0.0.1 gone", "10.0.0.3 is"));
+  EXPECT_THAT(rig->ids(), ElementsAre("0 default", "5 red"));
+  EXPECT_EQ(rig->neighbours().size(), kMore + 3);
+}
+
+}  // namespace
+}  // namespace KernelState

@@ -1,0 +1,209 @@
+#include "Fixture.h"
+
+namespace KernelState {
+namespace {
+
+class VrfsTest : public AgentTest {};
+
+TEST_F(VrfsTest, DefaultIsAlwaysThere) {
+  rig->config()->vrfDelAll();
+  starts();
+  EXPECT_THAT(rig->vrfs(), ElementsAre("default active default"));
+  EXPECT_THAT(rig->ids(), ElementsAre("0 default"));
+  EXPECT_THAT(rig->devices("default"), IsEmpty());
+}
+
+TEST_F(VrfsTest, ActiveOnlyOnceDevicesArePublished) {
+  std::string seen;
+  const auto local = Mox::dynamicPtrCast<Ip::AllVrfStatusLocal>(
+      rig->tree()->entityIs("ip/vrf/status/local", "Ip::AllVrfStatusLocal"));
+  Mox::Notifiee<Ip::VrfStatusLocal> vrf;
+  vrf.on(Ip::VrfStatusLocal::stateChanged, [&](Ip::VrfState state) {
+    seen += Mox::toStrep(state) + ":" + std::to_string(rig->devices("red").size()) + " ";
+  });
+  Mox::Notifiee<Ip::AllVrfStatusLocal> watch(local);
+  watch.on(Ip::AllVrfStatusLocal::vrfChanged, [&](const Mox::String& name) {
+    if (name == "red") vrf.notifierIs(local->vrf(name));
+  });
+  starts();
+  EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red inactive red"));
+  EXPECT_EQ(seen, "");
+  redComes();
+  settle();
+  EXPECT_EQ(seen, "active:1 ");
+  kernel.delNamespace("red");
+  settle();
+  EXPECT_EQ(seen, "active:1 inactive:1 ");
+  EXPECT_THAT(rig->devices("red"), IsEmpty());
+  EXPECT_EQ(rig->ip("Vlan10"), "");
+  EXPECT_EQ(kernel.openSources(), 1);  // nothing keeps the namespace alive
+}
+
+TEST_F(VrfsTest, NameMayComeBeforeItsNamespace) {
+  kernel.addName("red");
+  starts();
+  EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red inactive red"));
+  passes(1);
+  kernel.delNamespace("red");  // and the name only gets its namespace after a while, without a word
+  settle();
+  kernel.addName("red");
+  settle();
+  redComes();
+  passes(10);
+  EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red active red"));
+  EXPECT_EQ(rig->ip("Vlan10"), "red 10.0.0.1/24");
+}
+
+TEST_F(VrfsTest, NamespaceReplacedUnderItsName) {
+  redComes();
+  kernel.in("red").addNeighbour("vlan10", "10.0.0.9");
+  starts();
+  std::vector<std::string> told;
+  Mox::Notifiee<KernelNetInfo::Status> watch(rig->at<KernelNetInfo::Status>("kni/ns/red/status"));
+  watch.on(KernelNetInfo::Status::interfaceChanged, [&](const Mox::String& name) {
+    told.push_back(name + (watch->interfaceHas(name) ? " is" : " gone"));
+  });
+  // With a device of the same name and index.
+  kernel.addNamespace("red").addLink("vlan10", 7);
+  settle();
+  EXPECT_THAT(told, ElementsAre("vlan10 gone", "vlan10 is"));
+  EXPECT_EQ(rig->ip("Vlan10"), "red ");
+  EXPECT_THAT(rig->neighbours(), IsEmpty());
+  EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red active red"));
+  EXPECT_EQ(kernel.openSources(), 2);
+}
+
+// Whatever comes, goes and moves, and in whatever order: the end shows, and only that.
+TEST_F(VrfsTest, ConfigurationAndNamespacesInAnyOrder) {
+  redComes();
+  starts();
+  struct Case {
+    const char* what;
+    std::function<void()> happens;
+    std::vector<std::string> vrfs;  // without "default"
+    std::vector<std::string> ids;   // without that of "default"
+    const char* ip;
+  };
+  const Case cases[] = {
+      {"at first", [] {}, {"red active red"}, {"5 red"}, "red 10.0.0.1/24"},
+      {"number changes",
+       [&] { rig->vrfIs("red", 6, "red"); },
+       {"red active red"},
+       {"6 red"},
+       "red 10.0.0.1/24"},
+      {"another VRF takes the old number",
+       [&] { rig->vrfIs("blue", 5, "blue"); },
+       {"blue inactive blue", "red active red"},
+       {"5 blue", "6 red"},
+       "red 10.0.0.1/24"},
+      {"they exchange their numbers",
+       [&] { rig->vrfIs("blue", 6, "blue"), rig->vrfIs("red", 5, "red"); },
+       {"blue inactive blue", "red active red"},
+       {"5 red", "6 blue"},
+       "red 10.0.0.1/24"},
+      {"and their namespaces",
+       [&] { rig->vrfIs("blue", 6, "red"), rig->vrfIs("red", 5, "blue"); },
+       {"blue active red", "red inactive blue"},
+       {"5 red", "6 blue"},
+       "blue 10.0.0.1/24"},
+      {"one goes", [&] { rig->config()->vrfDel("blue"); }, {"red inactive blue"}, {"5 red"}, ""},
+      {"its namespace comes at last",
+       [&] { kernel.addNamespace("blue").addLink("vlan10", 3); },
+       {"red active blue"},
+       {"5 red"},
+       "red "},
+      {"namespace goes and comes in one turn",
+       [&] { kernel.delNamespace("blue"), kernel.addNamespace("blue").addLink("vlan11", 3); },
+       {"red active blue"},
+       {"5 red"},
+       ""},
+      {"VRF comes back",
+       [&] { rig->vrfIs("blue", 6, "red"); },
+       {"blue active red", "red active blue"},
+       {"5 red", "6 blue"},
+       "blue 10.0.0.1/24"},
+      {"two in one namespace",
+       [&] { rig->vrfIs("red", 5, "red"); },
+       {"blue active red", "red active red"},
+       {"5 red", "6 blue"},
+       "blue 10.0.0.1/24"},
+      {"two with one number",
+       [&] { rig->vrfIs("red", 6, "blue"); },
+       {"blue active red", "red active blue"},
+       {"6 blue"},
+       "blue 10.0.0.1/24"},
+      {"a number that is no VRF's",
+       [&] { rig->vrfIs("red", 0xFFFFFF, "blue"); },
+       {"blue active red", "red active blue"},
+       {"6 blue"},
+       "blue 10.0.0.1/24"},
+      {"the number of the default one",
+       [&] { rig->vrfIs("red", 0, "blue"); },
+       {"blue active red", "red active blue"},
+       {"6 blue"},
+       "blue 10.0.0.1/24"},
+      {"in the default namespace",
+       [&] { rig->vrfIs("red", 5, "default"); },
+       {"blue active red", "red active default"},
+       {"5 red", "6 blue"},
+       "blue 10.0.0.1/24"},
+      {"a name that is a path",
+       [&] { rig->vrfIs("red", 5, "../netns/red"); },
+       {"blue active red", "red inactive ../netns/red"},
+       {"5 red", "6 blue"},
+       "blue 10.0.0.1/24"},
+      {"all go", [&] { rig->config()->vrfDelAll(); }, {}, {}, ""},
+  };
+  const Reports reports;
+  for (const Case& item : cases) {
+    SCOPED_TRACE(item.what);
+    item.happens();
+    settle();
+    auto vrfs = item.vrfs;
+    vrfs.push_back("default active default");
+    EXPECT_THAT(rig->vrfs(), testing::UnorderedElementsAreArray(vrfs));
+    auto ids = item.ids;
+    ids.push_back("0 default");
+    EXPECT_THAT(rig->ids(), testing::UnorderedElementsAreArray(ids));
+    EXPECT_EQ(rig->ip("Vlan10"), item.ip);
+  }
+  EXPECT_EQ(kernel.openSources(), 1);
+}
+
+// Slices of every length, and changes between any two of them.
+TEST_F(VrfsTest, ComesAndGoesBetweenAnyTwoSlices) {
+  redComes();
+  for (int i = 1; i < 20; ++i) kernel.in("red").addNeighbour("vlan10", "10.0.0." + std::to_string(i + 100));
+  starts();
+  rig->taskSchedulerRoot()->mustYieldForTestIs([] { return true; });
+  for (int turns = 0; turns < 60; ++turns) {
+    kernel.delNamespace("red");
+    for (int i = 0; i < turns; ++i) rig->loop().step(0);
+    redComes();
+    kernel.in("red").addNeighbour("vlan10", "10.0.0." + std::to_string(turns));
+    for (int i = 0; i < turns / 2; ++i) rig->loop().step(0);
+    kernel.in("red").addNeighbour("vlan10", "10.0.0.200");
+    settle();
+    EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red active red"));
+    EXPECT_EQ(rig->ip("Vlan10"), "red 10.0.0.1/24");
+    EXPECT_THAT(rig->neighbours(),
+                testing::UnorderedElementsAre(
+                    "5 10.0.0." + std::to_string(turns) + " Vlan10 02:00:00:00:00:01 false 0",
+                    "5 10.0.0.200 Vlan10 02:00:00:00:00:01 false 0"));
+  }
+}
+
+TEST_F(VrfsTest, TablesThatAnotherWritesAreLeftAlone) {
+  AgentRig other(clock, tables.directory());
+  configure(other);
+  redComes();
+  starts();
+  const Reports reports;
+  other.start();
+  EXPECT_TRUE(other.settle());
+  EXPECT_EQ(other.ip("Vlan10"), "red 10.0.0.1/24");  // the rest works
+  EXPECT_THAT(rig->ids(), ElementsAre("0 default", "5 red"));
+}
+
+}  // namespace
+}  // namespace KernelState
