@@ -38,6 +38,8 @@ void forEachStateType(Visit&& visit) {
 
 template <class Visit>
 void forEachTableType(Visit&& visit) {
+  visit.template operator()<ArpSuppression::ArpSuppressionCounterStatus>(
+      "ArpSuppression::ArpSuppressionCounterStatus");
   visit.template operator()<ArpSuppression::RemoteBindingConfig>("ArpSuppression::RemoteBindingConfig");
   visit.template operator()<Arp::Table::Status>("Arp::Table::Status");
   visit.template operator()<Memtab::Bridging::Status>("Memtab::Bridging::Status");

@@ -25,7 +25,8 @@ class FixedVrfName {
   }
   std::string toStrep() const { return {bytes_.data(), strnlen(bytes_.data(), bytes_.size())}; }
   static std::optional<FixedVrfName> fromStrep(std::string_view text) {
-    if (text.size() > L3::VrfName::maxLength) return std::nullopt;
+    if (text.size() > L3::VrfName::maxLength || text.find('\0') != std::string_view::npos)
+      return std::nullopt;
     return FixedVrfName(text);
   }
   friend bool operator==(const FixedVrfName&, const FixedVrfName&) = default;

@@ -42,21 +42,6 @@ TEST(VrfIpAddress, only_ipv6_link_local_addresses_are_scoped_to_the_interface) {
   }
 }
 
-TEST(VrfIpAddress, order_is_vrf_then_address_then_interface) {
-  const Vlans vlans;
-  const auto [low, high] = std::minmax({vlans.red, vlans.blue});
-  const VrfIpAddress ascending[] = {{low, ip("10.0.0.1"), {}},
-                                    {low, ip("10.0.0.2"), {}},
-                                    {low, ip("fe80::1"), intf("Vlan10")},
-                                    {low, ip("fe80::1"), intf("Vlan20")},
-                                    {low, ip("fe80::2"), intf("Vlan10")},
-                                    {high, ip("10.0.0.1"), {}}};
-  for (std::size_t i = 0; i < std::size(ascending); ++i) {
-    for (std::size_t j = 0; j < std::size(ascending); ++j)
-      EXPECT_EQ(ascending[i] < ascending[j], i < j) << i << " " << j;
-  }
-}
-
 TEST(VrfIpAddress, vrf_counts_by_identity_not_by_name) {
   const Vlans vlans;
   const auto before = VrfIpAddress::fromVlanL3Info(*vlans.vlan10, ip("10.0.0.1"));

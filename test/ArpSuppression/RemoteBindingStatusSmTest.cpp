@@ -198,17 +198,6 @@ TEST(RemoteBindingStatusSm, bindings_follow_their_vlan) {
   EXPECT_EQ(r.status->macToIps(), 1u);
 }
 
-TEST(RemoteBindingStatusSm, last_binding_lets_a_vrf_go_that_its_vlan_has_left) {
-  Reactor r;
-  r.vlan(10, "green");
-  r.rig.remoteBinding(10, "10.0.0.1", kMac1);
-  r.settle();
-  r.vlan(10, "red");
-  EXPECT_TRUE(r.vlans->vrfInfoHas("green")) << "the binding is still filed there";
-  r.settle();
-  EXPECT_FALSE(r.vlans->vrfInfoHas("green"));
-}
-
 TEST(RemoteBindingStatusSm, station_of_a_host_that_moved_with_its_vlan_does_not_come_back) {
   Reactor r;
   r.vlan(10, "red");

@@ -215,20 +215,6 @@ TEST(Status, vlan_that_joins_while_its_interface_is_active_is_published_and_stay
   EXPECT_FALSE(rig.root()->vlanL3InfoStatus->vlanL3InfoHas(Vlan(20)));
 }
 
-TEST(Status, dump_shows_the_stage_and_the_enabled_vlans) {
-  Reactor r;
-  r.tasks->mustYieldForTestIs([] { return true; });
-  r.inEvpn(10);
-  r.inEvpn(20);
-  r.start();
-  r.loop.step(0);
-  Orb::DumpContext dump(-1);
-  r.sm->dumpState(dump, 2);
-  EXPECT_EQ(dump.text(),
-            "  ArpSuppressionStatusSm\n  initializationStage=walkEvpnStatus\n  bookmark=20\n"
-            "    EnabledVlans #1: 10\n");
-}
-
 TEST(StatusDeathTest, broken_inputs_end_the_process) {
   const auto broken = [](const char* expression) {
     return brokenInvariant("ArpSuppression/ArpSuppressionStatusSm", expression);
