@@ -1,0 +1,224 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "Mox/HashTable.h"
+#include "Mox/SmallMap.h"
+#include "Mox/SmallSet.h"
+#include "platform/Mox/Model.h"
+
+namespace {
+
+// A hash table with its key type, and how many different keys the test may use without getting slow.
+template <class KeyT, std::uint32_t kKeysT>
+struct Kind {
+  using Key = KeyT;
+  using Container = Mox::HashMap<Key, std::uint32_t>;
+  static constexpr std::uint32_t kKeys = kKeysT;
+};
+
+template <class K>
+class HashTable : public ::testing::Test {};
+
+struct Good {
+  std::uint32_t id = 0;
+  std::uint64_t hash(std::uint64_t seed) const { return Mox::hashOf(id, seed); }
+  friend auto operator<=>(const Good&, const Good&) = default;
+};
+using Kinds = ::testing::Types<Kind<Good, 60000>, Kind<MoxTest::Key<1>, 900>, Kind<MoxTest::Key<7>, 3000>,
+                               Kind<MoxTest::Key<4096>, 30000>>;
+struct KindNames {
+  template <class K>
+  static std::string GetName(int index) {
+    static constexpr const char* kNames[] = {"good", "oneHash", "sevenHashes", "clustered"};
+    return kNames[index];
+  }
+};
+TYPED_TEST_SUITE(HashTable, Kinds, KindNames);
+
+TYPED_TEST(HashTable, agrees_with_an_ordered_map_over_random_operations) {
+  using Key = typename TypeParam::Key;
+  typename TypeParam::Container table;
+  std::map<Key, std::uint32_t> expected;
+  std::mt19937 random(20);
+  const auto compare = [&] {
+    ASSERT_EQ(table.size(), expected.size());
+    std::map<Key, std::uint32_t> found;
+    for (const auto& item : table) ASSERT_TRUE(found.emplace(item.key, item.value).second);
+    ASSERT_EQ(found, expected);
+  };
+  // Three waves: filling, churning, emptying.
+  for (const unsigned insertions : {80u, 50u, 20u}) {
+    for (std::uint32_t i = 0; i < TypeParam::kKeys * 2; ++i) {
+      const Key key{static_cast<std::uint32_t>(random() % TypeParam::kKeys)};
+      const std::uint32_t* const value = table.find(key);
+      const auto there = expected.find(key);
+      ASSERT_EQ(value != nullptr, there != expected.end());
+      if (value) {
+        ASSERT_EQ(*value, there->second);
+      }
+      if (random() % 100 < insertions) {
+        const auto next = static_cast<std::uint32_t>(random());
+        if (auto* held = table.find(key)) {
+          *held = next;
+        } else {
+          table.insert(key, next);
+        }
+        expected[key] = next;
+      } else if (value) {
+        ASSERT_EQ(table.take(key), there->second);
+        expected.erase(there);
+      }
+    }
+    ASSERT_NO_FATAL_FAILURE(compare());
+  }
+  while (!expected.empty()) {
+    table.take(expected.begin()->first);
+    expected.erase(expected.begin());
+  }
+  EXPECT_TRUE(table.begin() == table.end());
+}
+
+// Between slices of one to three entries the table is changed at random, the bookmark's own key more often
+// than others: an entry that is there throughout is met exactly once, and the scan ends although the table
+// never comes to rest.
+TYPED_TEST(HashTable, scan_in_slices_meets_every_entry_that_stays_exactly_once) {
+  using Key = typename TypeParam::Key;
+  const std::uint32_t keys = std::min(TypeParam::kKeys, 3000u);
+  for (std::uint32_t seed = 0; seed < 4; ++seed) {
+    typename TypeParam::Container table;
+    std::mt19937 random(seed);
+    for (std::uint32_t id = 0; id < keys; ++id) table.insert(Key{id}, id);
+    std::map<Key, int> met;
+    std::optional<Key> bookmark;
+    std::uint32_t slices = 0;
+    const auto stays = [](const Key& key) { return key.id % 3 == 0; };
+    for (bool more = true; more; ++slices) {
+      ASSERT_LE(slices, keys * 4) << "the scan does not end";
+      auto at = bookmark ? table.lowerBound(*bookmark) : table.begin();
+      for (std::uint32_t i = 0; i <= random() % 3 && at != table.end(); ++i, ++at) ++met[at->key];
+      more = at != table.end();
+      if (more) bookmark = at->key;
+      for (std::uint32_t change = 0; more && change < 4; ++change) {
+        const Key key = change == 0 ? *bookmark : Key{static_cast<std::uint32_t>(random() % (keys * 2))};
+        if (stays(key) && key.id < keys) continue;
+        if (table.find(key)) {
+          table.take(key);
+          if (random() % 2) table.insert(key, key.id);  // taken out and put back
+        } else {
+          table.insert(key, key.id);
+        }
+      }
+    }
+    for (std::uint32_t id = 0; id < keys; ++id) {
+      if (!stays(Key{id})) continue;
+      ASSERT_EQ(met[Key{id}], 1) << "key " << id << " seed " << seed;
+    }
+  }
+}
+
+TEST(HashTable, scan_that_began_small_survives_growth_to_a_quarter_million) {
+  constexpr std::uint32_t kFirst = 500;
+  constexpr std::uint32_t kLast = 250000;
+  Mox::HashMap<std::uint32_t, std::uint32_t> table;
+  for (std::uint32_t id = 0; id < kFirst; ++id) table.insert(id, id);
+  std::vector<int> met(kFirst);
+  std::optional<std::uint32_t> bookmark;
+  std::uint32_t next = kFirst;
+  for (bool more = true; more;) {
+    auto at = bookmark ? table.lowerBound(*bookmark) : table.begin();
+    for (int i = 0; i < 50 && at != table.end(); ++i, ++at) {
+      if (at->key < kFirst) ++met[at->key];
+    }
+    more = at != table.end();
+    if (more) bookmark = at->key;
+    for (int i = 0; i < 2500 && next < kLast; ++i, ++next) table.insert(next, next);
+  }
+  EXPECT_THAT(met, ::testing::Each(1));
+  while (next < kLast) {
+    table.insert(next, next);
+    ++next;
+  }
+  ASSERT_EQ(table.size(), kLast);
+  std::uint64_t sum = 0;
+  for (const auto& item : table) sum += item.value;
+  EXPECT_EQ(sum, std::uint64_t{kLast} * (kLast - 1) / 2);
+  for (std::uint32_t id = 0; id < kLast; id += 7) ASSERT_EQ(table.take(id), id);
+  for (std::uint32_t id = 0; id < kLast; ++id) ASSERT_EQ(table.find(id) != nullptr, id % 7 != 0);
+}
+
+// More keys of one hash than a segment holds: no splitting can part them.
+TEST(HashTable, thousands_of_equal_hashes_grow_a_segment_instead_of_the_directory) {
+  using Key = MoxTest::Key<1>;
+  using Table = Mox::HashMap<Key, std::uint32_t>;
+  constexpr std::uint32_t kKeys = Table::kSegmentMax + 500;
+  Table table;
+  for (std::uint32_t id = kKeys; id-- > 0;) table.insert(Key{id}, id);
+  EXPECT_EQ(table.size(), kKeys);
+  std::uint32_t expected = 0;
+  for (const auto& item : table) ASSERT_EQ(item.key.id, expected++);
+  EXPECT_EQ(table.lowerBound(Key{777})->value, 777u);
+  EXPECT_EQ(table.take(Key{777}), 777u);
+  EXPECT_EQ(table.lowerBound(Key{777})->value, 778u);
+}
+
+TEST(SmallMap, keeps_the_order_of_arrival_over_random_operations) {
+  Mox::SmallMap<int, int> map;
+  std::vector<std::pair<int, int>> expected;
+  std::mt19937 random(5);
+  for (int i = 0; i < 20000; ++i) {
+    // Waves of a few and of many, through one and none.
+    const int range = 1 + i / 1000 % 6 * 3;
+    const int key = static_cast<int>(random() % static_cast<unsigned>(range));
+    const auto there =
+        std::find_if(expected.begin(), expected.end(), [&](auto& e) { return e.first == key; });
+    if (int* value = map.find(key)) {
+      ASSERT_NE(there, expected.end());
+      if (random() % 2 || i % 1000 > 900) {
+        ASSERT_EQ(map.take(key), there->second);
+        expected.erase(there);
+      } else {
+        *value = there->second = i;
+      }
+    } else {
+      ASSERT_EQ(there, expected.end());
+      map.insert(key, i);
+      expected.emplace_back(key, i);
+    }
+    ASSERT_EQ(map.size(), expected.size());
+    auto next = expected.begin();
+    for (const auto& element : map) {
+      ASSERT_EQ(element.key, next->first);
+      ASSERT_EQ((next++)->second, element.value);
+    }
+  }
+}
+
+TEST(SmallSet, agrees_with_a_set_over_random_operations) {
+  Mox::SmallSet<int> set;
+  std::set<int> expected;
+  std::mt19937 random(6);
+  for (int i = 0; i < 20000; ++i) {
+    const int key = static_cast<int>(random() % (1 + static_cast<unsigned>(i) / 1000 % 5));
+    if (random() % 2) {
+      ASSERT_EQ(set.insert(key), expected.insert(key).second);
+    } else {
+      ASSERT_EQ(set.erase(key), expected.erase(key) != 0);
+    }
+    if (random() % 500 == 0) {
+      set.clear();
+      expected.clear();
+    }
+    ASSERT_EQ(set.keys(), std::vector<int>(expected.begin(), expected.end()));
+    ASSERT_EQ(set.has(key), expected.contains(key));
+    ASSERT_EQ(set.size(), expected.size());
+    ASSERT_EQ(set.empty(), expected.empty());
+  }
+}
+
+}  // namespace

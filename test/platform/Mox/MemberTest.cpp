@@ -1,0 +1,107 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdio>
+#include <string>
+
+#include "Mox/Assert.h"
+#include "Mox/Strep.h"
+#include "platform/Mox/Model.h"
+
+namespace {
+
+using MoxTest::Heard;
+using MoxTest::Sample;
+using ::testing::ElementsAre;
+
+TEST(Members, are_visited_in_their_order_the_base_first_with_what_reads_and_writes_them) {
+  Sample entity;
+  Heard names;
+  Mox::forEachMember<Sample>([&](auto member) {
+    using M = decltype(member);
+    std::string text = member.name;
+    if constexpr (M::kind == Mox::MemberKind::attribute) {
+      member.set(entity, typename M::Value{});
+      EXPECT_TRUE(member.get(entity) == typename M::Value{});
+      text = "attribute " + text;
+    } else {
+      if constexpr (M::kind == Mox::MemberKind::map) {
+        member.set(entity, 1, typename M::Value{});
+        text = "map " + text;
+      } else {
+        member.set(entity, 1);
+        text = (M::kind == Mox::MemberKind::set ? "set " : "children ") + text;
+      }
+      const auto& all = member.get(entity);
+      EXPECT_EQ(all.size(), 1u) << text;
+      EXPECT_EQ(all.keyOf(*all.begin()), 1) << text;
+      EXPECT_EQ(&all.valueOf(*all.begin()), all.find(1)) << text;
+      member.del(entity, 1);
+      EXPECT_TRUE(member.get(entity).empty()) << text;
+    }
+    if (member.event() == Sample::levelChanged.id) text += "!";
+    names.push_back(text);
+  });
+  EXPECT_THAT(names, ElementsAre("attribute title", "attribute level!", "attribute favourite", "map name",
+                                 "map large", "map small", "set tag", "children child", "children hashed"));
+  EXPECT_EQ(entity.level(), 0);
+}
+
+enum class Colour { red, green };
+constexpr std::array<const char*, 2> moxEnumNames(Colour) { return {"red", "green"}; }
+
+struct Item {
+  std::string label;
+  std::int16_t count = 0;
+  bool open = false;
+  Colour colour = Colour::red;
+  bool operator==(const Item&) const = default;
+  static constexpr auto moxFields() {
+    return std::tuple(Mox::Field("label", &Item::label), Mox::Field("count", &Item::count),
+                      Mox::Field("open", &Item::open), Mox::Field("colour", &Item::colour));
+  }
+};
+
+template <class T>
+void expectRoundTrip(const T& value, const std::string& text) {
+  EXPECT_EQ(Mox::toStrep(value), text);
+  EXPECT_EQ(Mox::fromStrep<T>(text), value) << text;
+}
+
+TEST(Strep, values_survive_the_way_through_text) {
+  expectRoundTrip(true, "true");
+  expectRoundTrip(std::uint8_t{255}, "255");
+  expectRoundTrip(std::int64_t{-9223372036854775807}, "-9223372036854775807");
+  expectRoundTrip(std::string("a b"), "a b");
+  expectRoundTrip(Colour::green, "green");
+  expectRoundTrip(Item{"x", -7, true, Colour::green}, "x -7 true green");
+  expectRoundTrip(Item{"", 7, false, Colour::red}, " 7 false red");
+}
+
+TEST(Strep, text_that_is_not_exactly_one_value_is_refused) {
+  for (const char* text : {"", "1 ", " 1", "+1", "1x", "256", "-1", "0x10"})
+    EXPECT_FALSE(Mox::fromStrep<std::uint8_t>(text)) << text;
+  for (const char* text : {"", "True", "1"}) EXPECT_FALSE(Mox::fromStrep<bool>(text)) << text;
+  for (const char* text : {"", "blue", "0", "red "}) EXPECT_FALSE(Mox::fromStrep<Colour>(text)) << text;
+  for (const char* text : {"", "x", "x 1", "x 1 true", "x 1 true red ", "x 1 true red 5", "x  1 true red",
+                           "x 99999 true red", "x 1 maybe red"})
+    EXPECT_FALSE(Mox::fromStrep<Item>(text)) << text;
+}
+
+TEST(AssertDeathTest, failure_prints_source_line_and_text_calls_the_hook_once_and_aborts) {
+  EXPECT_EXIT(
+      {
+        Mox::assertionHookIs([](const char* message) {
+          std::fprintf(stderr, "hook<%s>\n", message);
+          MOX_ASSERT("Sample/Hook", "again", false);
+        });
+        MOX_ASSERT("Sample/Source", "1 == count_", 1 == 2);
+      },
+      ::testing::KilledBySignal(SIGABRT),
+      "^Sample/Source:[0-9]+: assertion failed: 1 == count_\n"
+      "hook<Sample/Source:[0-9]+: assertion failed: 1 == count_>\n"
+      "Sample/Hook:[0-9]+: assertion failed: again\n$");
+}
+
+}  // namespace
