@@ -1,8 +1,8 @@
 #include "host/Types.h"
 
+#include "AllTypes.h"
 #include "Mox/Assert.h"
 #include "Statedb/Register.h"
-#include "AllTypes.h"
 #include "host/TypedTable.h"
 #include "host/TypedTree.h"
 

@@ -1,12 +1,14 @@
-// Shared-memory tables beside the maps that a program would use if the table were its own, and beside LMDB, which shares
-// tables between processes as well. One run, one machine, the same keys in the same order: judge by the ratios.
+// Shared-memory tables beside the maps that a program would use if the table were its own, and beside LMDB,
+// which shares tables between processes as well. One run, one machine, the same keys in the same order: judge
+// by the ratios.
 //
 //   MemtabBench [entries] [rounds]
 //
-// Independent look-ups overlap in the processor; of dependent ones each needs the result of the one before. Two key
-// sizes: 8 bytes (VLAN and IPv4 address) and 20 bytes (VLAN and IPv6 address), both with 8-byte values. Figures are the
-// best of the rounds, which go through the maps in turn so that a disturbance does not hit one of them alone. Reads
-// through a reader's own mapping, as another process would. Exits with 1 if a target is missed.
+// Independent look-ups overlap in the processor; of dependent ones each needs the result of the one before.
+// Two key sizes: 8 bytes (VLAN and IPv4 address) and 20 bytes (VLAN and IPv6 address), both with 8-byte
+// values. Figures are the best of the rounds, which go through the maps in turn so that a disturbance does
+// not hit one of them alone. Reads through a reader's own mapping, as another process would. Exits with 1 if
+// a target is missed.
 
 #include <absl/container/flat_hash_map.h>
 #include <lmdb.h>
@@ -77,8 +79,8 @@ std::uint64_t sink = 0;
 
 // find(key) returns the value's first word, which is the index of the key.
 template <class K, class Find>
-Subject subject(std::string name, double bytes, const std::vector<K>& keys, const std::vector<std::uint32_t>& order,
-                Find find) {
+Subject subject(std::string name, double bytes, const std::vector<K>& keys,
+                const std::vector<std::uint32_t>& order, Find find) {
   const auto perLookup = [&order](Clock::duration time) {
     return microseconds(time) * 1000 / static_cast<double>(order.size());
   };
@@ -170,8 +172,8 @@ class LmdbMap {
   MDB_dbi dbi_ = 0;
 };
 
-// Fills a table as an agent would, and says what the longest single write took; what exceeds a millisecond only because
-// the process was not running is told apart by the processor time of the write.
+// Fills a table as an agent would, and says what the longest single write took; what exceeds a millisecond
+// only because the process was not running is told apart by the processor time of the write.
 template <class K>
 void fill(Memtab::TableWriter<K, Value>& writer, const std::vector<K>& keys) {
   double longest = 0, longestCpu = 0, total = 0;
@@ -198,7 +200,8 @@ void fill(Memtab::TableWriter<K, Value>& writer, const std::vector<K>& keys) {
               total / 1000, grown, longest, longestCpu);
   const auto entries = static_cast<double>(keys.size());
   std::printf("  segment: %.1f bytes an entry, %.1f at the most while moving\n",
-              static_cast<double>(writer.core().segment().bytes()) / entries, static_cast<double>(largest) / entries);
+              static_cast<double>(writer.core().segment().bytes()) / entries,
+              static_cast<double>(largest) / entries);
 }
 
 template <std::size_t Words>
@@ -257,8 +260,8 @@ bool measure(std::size_t entries, int rounds) {
   }
   std::printf("  %-22s %14s %14s %14s\n", "", "independent ns", "dependent ns", "bytes an entry");
   for (std::size_t i = 0; i < subjects.size(); ++i) {
-    std::printf("  %-22s %14.1f %14.1f %14.1f\n", subjects[i].name.c_str(), best[i].independent, best[i].dependent,
-                subjects[i].bytes);
+    std::printf("  %-22s %14.1f %14.1f %14.1f\n", subjects[i].name.c_str(), best[i].independent,
+                best[i].dependent, subjects[i].bytes);
   }
   // Two percent is what two runs of the same thing differ by.
   const bool met = best[0].independent <= best[1].independent * 1.02 &&

@@ -7,10 +7,10 @@
 #include <cstring>
 #include <filesystem>
 
+#include "AllTypes.h"
 #include "Lanix/Wire.h"
 #include "Statedb/Register.h"
 #include "Tracelet/Tracelet.h"
-#include "AllTypes.h"
 
 namespace ArpSuppression {
 

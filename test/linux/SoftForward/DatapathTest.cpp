@@ -18,7 +18,9 @@
 namespace SoftForward {
 namespace {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 
 constexpr std::uint16_t kVlan = 10;
 constexpr Lab::Mac kHost1{0x02, 0, 0, 0, 0, 0x11};
@@ -113,6 +115,17 @@ class DatapathTest : public testing::Test {
     const auto copy = snoop_->receive();
     ASSERT_TRUE(copy.has_value());
     EXPECT_EQ(Lab::hex(*copy), Lab::hex(trapped(frame, kVlan, Lab::ifIndex(port))));
+  }
+
+  // Where our filters are on the device.
+  static std::vector<Direction> hooksOf(const std::string& device) {
+    Netlink::Socket socket(NETLINK_ROUTE);
+    std::vector<Hook> hooks;
+    EXPECT_EQ(Filters(socket).attached(hooks), std::nullopt);
+    std::vector<Direction> result;
+    for (const Hook& hook : hooks)
+      if (hook.ifIndex == Lab::ifIndex(device)) result.push_back(hook.direction);
+    return result;
   }
 
   Lab::Namespace switch_;
@@ -282,13 +295,12 @@ TEST_F(DatapathTest, PeersAndWaysInPassNothingElse) {
 }
 
 TEST_F(DatapathTest, TheBridgeKeepsItsAddressAndMtu) {
-  Lab::mtuIs("access1", 1400);
+  for (const char* name : {"access1", "access2", "tunnel1", "tunnel2"}) Lab::mtuIs(name, 4000);
   const Lab::Mac mac = Lab::macOf("vlan10");
+  ASSERT_EQ(Lab::mtuOf("vlan10"), 4000U);
   start();
   EXPECT_EQ(Lab::macOf("vlan10"), mac);
-  EXPECT_EQ(Lab::mtuOf("vlan10"), 1400U);
-  Lab::mtuIs("access1", 1500);
-  EXPECT_EQ(Lab::mtuOf("vlan10"), 1500U);
+  EXPECT_EQ(Lab::mtuOf("vlan10"), 4000U);
 }
 
 TEST_F(DatapathTest, PortsComeAndGo) {
@@ -311,6 +323,7 @@ TEST_F(DatapathTest, PortsComeAndGo) {
   // A tunnel port becomes an access port, and the way in is none although it was named.
   VlanPorts changed = ports({"access1", "tunnel1", "fabin10-br"}, {"tunnel2"});
   ASSERT_EQ(datapath_->vlanIs(kVlan, changed), std::nullopt);
+  EXPECT_THAT(hooksOf("fabin10-br"), IsEmpty());
   (*host1_)->send(frame);
   expectTrapped(frame, "access1");
   expect(**host1_, {{&*host2_, {frame}}, {&*remote1_, {frame}}, {&*remote2_, {}}});
@@ -367,10 +380,16 @@ TEST_F(DatapathTest, TakesOverWhatWasLeft) {
     EXPECT_EQ(Lab::ifIndex(name), 0U) << name;
   (*host1_)->send(frame);
   expect(**host1_, {{&*remote1_, {frame}}, {&*remote2_, {frame}}});
-  Netlink::Socket socket(NETLINK_ROUTE);
-  std::vector<Hook> left;
-  EXPECT_EQ(Filters(socket).attached(left), std::nullopt);
-  EXPECT_TRUE(left.empty());
+  for (const char* name : {"access1", "access2", "tunnel1", "tunnel2"}) EXPECT_THAT(hooksOf(name), IsEmpty());
+}
+
+TEST_F(DatapathTest, APortMayChangeItsRoleBetweenRuns) {
+  start();
+  datapath_.emplace();
+  ASSERT_EQ(datapath_->open(), std::nullopt);
+  ASSERT_EQ(datapath_->vlanIs(kVlan, ports({"tunnel1"}, {"access1"})), std::nullopt);
+  EXPECT_THAT(hooksOf("access1"), ElementsAre(Direction::egress));
+  EXPECT_THAT(hooksOf("tunnel1"), ElementsAre(Direction::ingress));
 }
 
 TEST_F(DatapathTest, RefusesWhatCannotBe) {
@@ -402,15 +421,11 @@ TEST_F(DatapathTest, RefusesWhatCannotBe) {
 }
 
 TEST_F(DatapathTest, LeavesTheFiltersOfOthersAlone) {
+  start();
   Programs others;
   ASSERT_EQ(others.load(), std::nullopt);
-  Netlink::Socket socket(NETLINK_ROUTE);
   tcmsg header{};
   header.tcm_ifindex = static_cast<int>(Lab::ifIndex("access1"));
-  header.tcm_handle = TC_H_MAKE(TC_H_CLSACT, 0);
-  header.tcm_parent = TC_H_CLSACT;
-  ASSERT_FALSE(socket.request(
-      Netlink::Message(RTM_NEWQDISC, NLM_F_CREATE | NLM_F_EXCL).header(header).string(TCA_KIND, "clsact")));
   header.tcm_handle = Filters::kHandle;
   header.tcm_parent = TC_H_MAKE(TC_H_CLSACT, TC_H_MIN_INGRESS);
   header.tcm_info = TC_H_MAKE(std::uint32_t{Filters::kPriority} << 16, htons(0x0003));  // ETH_P_ALL
@@ -420,15 +435,22 @@ TEST_F(DatapathTest, LeavesTheFiltersOfOthersAlone) {
         .string(TCA_BPF_NAME, "guard")
         .u32(TCA_BPF_FLAGS, TCA_BPF_FLAG_ACT_DIRECT);
   });
+  // Somebody takes our place on access1.
+  Netlink::Socket socket(NETLINK_ROUTE);
   ASSERT_FALSE(socket.request(filter));
 
-  datapath_.emplace();
-  ASSERT_EQ(datapath_->open(), std::nullopt);
+  std::uint64_t guarded = 0;
+  const auto guards = [&] {
+    (*host1_)->send(request(kHost1, kIp1));
+    EXPECT_EQ(others.statistics().unexpected, ++guarded);
+  };
+  ASSERT_EQ(datapath_->vlanDel(kVlan), std::nullopt);
+  guards();
   EXPECT_THAT(datapath_->vlanIs(kVlan, ports({"access1"}, {"tunnel1"})).value_or(""),
               HasSubstr("is taken by the filter guard"));
+  guards();
   ASSERT_EQ(datapath_->close(), std::nullopt);
-  (*host1_)->send(request(kHost1, kIp1));
-  EXPECT_EQ(others.statistics().unexpected, 1U);
+  guards();
 }
 
 TEST(DatapathNames, OwnDevices) {
