@@ -1,0 +1,131 @@
+// The daemon started again over what an earlier run left, however that ended.
+
+#include <filesystem>
+#include <fstream>
+
+#include "Memtab/Directory.h"
+#include "lab/AgentSwitch.h"
+
+namespace Lab {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class Restart : public AgentSwitch {
+ protected:
+  void SetUp() override {
+    switch_.start(config());
+    ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
+    expectAnswered();
+    switch_.kill();
+  }
+
+  json configWith(const json& evpnStatus) const {
+    json config = this->config();
+    config["state"]["evpn/status"] = evpnStatus;
+    return config;
+  }
+  Memtab::Directory tables() const { return Memtab::Directory::forRunDir(switch_.runDirectory()); }
+};
+
+TEST_F(Restart, GoesOnAfterAKill) {
+  switch_.start(config());
+  ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
+  expectAnswered();
+  EXPECT_EQ(difference({}, switch_.counters()), "replyRemote=1 trappedRequest=1") << "counted anew";
+  switch_.kill();
+  // What is published is what holds now, not what held at the end.
+  json config = configWith(evpn({20}));
+  config["state"].erase("arpSuppression/remoteBindingConfig/evpn");  // it would keep VLAN 10
+  switch_.start(config);
+  EXPECT_EQ(switch_.status(runningOn({20})), runningOn({20}));
+  EXPECT_EQ(switch_.shown({"show", "arpSuppression/status"}),
+            json({{"runnable", true}, {"vlanId", {{"20", true}}}}));
+}
+
+TEST_F(Restart, TakesBackWhatWasPublishedWhenEvpnIsGone) {
+  const json nothing = {{"runnable", false}, {"vlanId", json::object()}};
+  switch_.start(configWith(evpn({10}, false)));
+  EXPECT_EQ(switch_.status(notRunning()), notRunning());
+  EXPECT_EQ(switch_.shown({"show", "arpSuppression/status"}), nothing);
+  EXPECT_EQ(switch_.shown({"show", "arp/input/config/arpSuppression"})["vrf"], json::object());
+  switch_.stop();
+  switch_.start(configWith(json::object()));
+  EXPECT_EQ(switch_.status(notRunning()), notRunning());
+  switch_.set("evpn/status", evpn({10}));
+  EXPECT_EQ(switch_.status(runningOn({10})), runningOn({10}));
+  expectAnswered();
+}
+
+// The file, changed in place.
+struct Damage {
+  const char* name;
+  void (*apply)(std::vector<char>& content);
+};
+constexpr Damage kDamages[] = {
+    {"empty", [](std::vector<char>& content) { content.clear(); }},
+    {"cut in the header", [](std::vector<char>& content) { content.resize(20); }},
+    {"cut in the middle", [](std::vector<char>& content) { content.resize(content.size() / 2); }},
+    {"garbage", [](std::vector<char>& content) {
+       std::uint32_t random = 12345;
+       for (char& byte : content) byte = static_cast<char>((random = random * 1664525 + 1013904223) >> 24);
+     }}};
+
+void damage(const std::string& file, const Damage& how) {
+  std::vector<char> content;
+  {
+    std::ifstream in(file, std::ios::binary);
+    content.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  ASSERT_GT(content.size(), 100U) << file;
+  how.apply(content);
+  std::ofstream(file, std::ios::binary | std::ios::trunc).write(content.data(), std::ssize(content));
+}
+
+TEST_F(Restart, SetsDamagedTablesAside) {
+  const Memtab::Directory tables = this->tables();
+  ASSERT_THAT(tables.tables(), testing::Not(IsEmpty()));
+  for (const Damage& how : kDamages) {
+    SCOPED_TRACE(how.name);
+    const auto asideBefore = tables.damaged().size();
+    const auto names = tables.tables();
+    for (const std::string& name : names) damage(tables.segmentFile(name), how);
+    switch_.start(config());
+    ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
+    expectAnswered();
+    for (const std::string& name : names)
+      EXPECT_TRUE(switch_.daemon().readUntil(tables.segmentFile(name))) << name;
+    EXPECT_THAT(switch_.daemon().error, HasSubstr("; set aside as "));
+    EXPECT_EQ(tables.damaged().size(), asideBefore + names.size());
+    EXPECT_EQ(difference({}, switch_.counters()), "replyRemote=1 trappedRequest=1");
+    switch_.kill();
+  }
+}
+
+TEST_F(Restart, SetsADamagedStateStoreAside) {
+  const std::string folder = switch_.runDirectory() + "/state";
+  const std::string file = folder + "/state.mdb";
+  std::size_t aside = 0;
+  for (const Damage& how : kDamages) {
+    SCOPED_TRACE(how.name);
+    damage(file, how);
+    switch_.start(config());
+    ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
+    expectAnswered();
+    // A store of no bytes was never written to, and the second half of a new one is not in use yet.
+    if (std::string_view(how.name) == "garbage" || std::string_view(how.name) == "cut in the header") {
+      ++aside;
+      EXPECT_THAT(switch_.daemon().error, HasSubstr(file + ": the state store is damaged ("));
+    }
+    std::size_t found = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+      found += entry.path().filename().string().starts_with("state.mdb.damaged-") ? 1U : 0U;
+    EXPECT_EQ(found, aside);
+    switch_.kill();
+  }
+}
+
+}  // namespace
+}  // namespace Lab

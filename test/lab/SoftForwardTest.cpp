@@ -1,0 +1,225 @@
+// The whole switch: the daemon with all that makes a Linux machine one, hosts at its ports, and the far end
+// of the overlay behind a tunnel port. Hosts and the far end are packet sockets.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/pkt_sched.h>
+#include <linux/rtnetlink.h>
+
+#include <optional>
+
+#include "Netlink/Socket.h"
+#include "lab/Switch.h"
+#include "linux/KernelState/LabKernel.h"
+
+namespace Lab {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::uint16_t kSentinelType = 0x88B5;  // for local experiments (IEEE 802)
+constexpr Mac kHost1{0x02, 0, 0, 0, 0, 0x11};
+constexpr Mac kHost2{0x02, 0, 0, 0, 0, 0x12};
+constexpr Mac kRemote{0x02, 0, 0, 0, 0, 0x99};
+constexpr Ip kHost1Ip{10, 0, 10, 11};
+constexpr Ip kHost2Ip{10, 0, 10, 12};
+constexpr Ip kGatewayIp{10, 0, 10, 1};
+constexpr Ip kRemoteIp{10, 0, 10, 99};
+
+constexpr const char* kDevices[] = {"arpsnoop", "arpinject", "fabric", "fabin10"};
+
+using Texts = std::vector<std::string>;
+
+Frame request(const Ip& target) { return arpFrame({1, kHost1, kHost1Ip, {}, target}); }
+Frame reply(const Mac& mac, const Ip& ip) { return arpFrame({2, mac, ip, kHost1, kHost1Ip}, kHost1); }
+
+Texts hexOf(const std::optional<std::vector<Frame>>& frames) {
+  if (!frames) return {"the sentinel did not come"};
+  Texts texts;
+  for (const Frame& frame : *frames) texts.push_back(hex(frame));
+  return texts;
+}
+
+// How many tc filters the device has.
+int filtersOf(const std::string& device) {
+  int filters = 0;
+  Netlink::Socket socket(NETLINK_ROUTE);
+  for (const std::uint32_t direction : {TC_H_MIN_INGRESS, TC_H_MIN_EGRESS}) {
+    tcmsg header{};
+    header.tcm_ifindex = static_cast<int>(ifIndex(device));
+    header.tcm_parent = TC_H_MAKE(TC_H_CLSACT, direction);
+    int found = 0;
+    // Refused where there is no qdisc to have any.
+    const auto refused = socket.dump(
+        Netlink::Message(RTM_GETTFILTER).header(header),
+        [&](const Netlink::Received& message) {
+          const auto filter = message.header<tcmsg>();
+          found += filter && filter->tcm_handle != 0 ? 1 : 0;
+        },
+        [&] { found = 0; });
+    if (!refused) filters += found;
+  }
+  return filters;
+}
+
+class WholeSwitch : public testing::Test {
+ protected:
+  WholeSwitch() {
+    pinToOneCpu();  // the daemon too: frames arrive in the order of sending
+    bridgeIs("vlan10");
+    KernelState::addressIs("vlan10", "10.0.10.1/24");
+    for (const char* port : {"Ethernet1", "Ethernet2", "core10"}) {
+      vethIs(port, std::string("far-") + port, outside_);
+      portIs(port, "vlan10");
+    }
+    const Entered entered(outside_);
+    host1_.emplace("far-Ethernet1");
+    host2_.emplace("far-Ethernet2");
+    far_.emplace("far-core10");
+  }
+
+  void start() {
+    switch_.start({{"agents", {"KernelState", "SoftForward", "ArpSuppression"}},
+                   {"vlans", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}}}}},
+                   {"state",
+                    {{"evpn/status", {{"mplsConfigured", true}, {"vlanToDot1q", {{"10", 10}}}}},
+                     {"arpSuppression/remoteBindingConfig/evpn",
+                      {{"remoteBinding", {{"10 10.0.10.99", {{"mac", "02:00:00:00:00:99"}}}}}}}}}});
+    const json running = {{"runnable", true},
+                          {"activeVlans", {10}},
+                          {"remoteBindings", 1},
+                          {"trapSocket", "open"},
+                          {"reinjectSocket", "open"}};
+    ASSERT_EQ(switch_.status(running), running);
+    for (const char* device : kDevices) awaitOperational(device);
+    awaitFirstTrap();
+  }
+
+  // The forwarding follows the agent's status a moment later. From then on a flooded request comes to the far
+  // end as the agent sent it, and not from the bridge.
+  void awaitFirstTrap() {
+    const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
+    while (!switch_.counters().contains("trappedRequest")) {
+      ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "nothing is trapped";
+      host1_->send(request({10, 0, 10, 250}));
+    }
+    quiet();
+  }
+
+  // What came to the far end and to the hosts until now; nothing is on its way afterwards.
+  struct Seen {
+    Texts far, host1, host2;
+  };
+  // A request for nobody goes by way of the agent to the far end, behind everything that the agent does for
+  // earlier ones; then a broadcast of each host comes to the other one, behind everything that was sent to
+  // it.
+  Seen quiet() {
+    Seen seen;
+    const Frame flooded = request({10, 0, 11, ++sentinels_});
+    host1_->send(flooded);
+    seen.far = hexOf(far_->receiveUntil(flooded));
+    const Frame second = plainFrame(kHost2, kBroadcast, kSentinelType, sentinels_);
+    const Frame first = plainFrame(kHost1, kBroadcast, kSentinelType, sentinels_);
+    host2_->send(second);
+    seen.host1 = hexOf(host1_->receiveUntil(second));
+    host1_->send(first);
+    seen.host2 = hexOf(host2_->receiveUntil(first));
+    if (!seen.host2.empty() && seen.host2.back() == hex(flooded)) seen.host2.pop_back();
+    far_->receiveUntil(first);
+    return seen;
+  }
+
+  void expectSuppression() {
+    host1_->send(request(kRemoteIp));
+    Seen seen = quiet();
+    EXPECT_THAT(seen.host1, ElementsAre(hex(reply(kRemote, kRemoteIp))));
+    EXPECT_THAT(seen.host2, ElementsAre(hex(request(kRemoteIp)))) << "local hosts hear it";
+    EXPECT_THAT(seen.far, IsEmpty());
+
+    host1_->send(request({10, 0, 10, 200}));
+    seen = quiet();
+    EXPECT_THAT(seen.host1, IsEmpty());
+    EXPECT_THAT(seen.far, ElementsAre(hex(request({10, 0, 10, 200}))));
+  }
+
+  Namespace outside_;
+  Switch switch_;
+  Entered entered_{switch_.netNs()};
+  std::optional<PacketSocket> host1_, host2_, far_;
+  std::uint8_t sentinels_ = 0;
+};
+
+TEST_F(WholeSwitch, KeepsRequestsOffTheOverlay) {
+  start();
+  expectSuppression();
+
+  host1_->send(request(kGatewayIp));
+  Seen seen = quiet();
+  EXPECT_THAT(seen.host1, ElementsAre(hex(reply(macOf("vlan10"), kGatewayIp))));
+  EXPECT_THAT(seen.far, IsEmpty());
+
+  // The switch has seen host 2 and so knows that it is here; it answers for itself.
+  EXPECT_EQ(switch_.state("bridging/status", "/fdb/10 02:00:00:00:00:12/intf", "Ethernet2"), "Ethernet2");
+  const Result added = switch_.arpsup({"remote", "add", "10", "10.0.10.12", "02:00:00:00:00:12"});
+  EXPECT_EQ(added.status, 0) << added.error;
+  host1_->send(request(kHost2Ip));
+  const auto heard = host2_->receive();
+  ASSERT_TRUE(heard.has_value());
+  EXPECT_EQ(hex(*heard), hex(request(kHost2Ip)));
+  host2_->send(reply(kHost2, kHost2Ip));
+  seen = quiet();
+  EXPECT_THAT(seen.host1, ElementsAre(hex(reply(kHost2, kHost2Ip))));
+  EXPECT_THAT(seen.far, IsEmpty());
+
+  const Frame gratuitous = arpFrame({2, kHost1, kHost1Ip, kHost1, kHost1Ip});
+  const Frame announcement = arpFrame({1, kHost1, kHost1Ip, {}, kHost1Ip});
+  const Frame probe = arpFrame({1, kHost1, {}, {}, kRemoteIp});
+  for (const Frame& frame : {gratuitous, announcement, probe}) {
+    SCOPED_TRACE(hex(frame));
+    host1_->send(frame);
+    seen = quiet();
+    EXPECT_THAT(seen.far, ElementsAre(hex(frame)));
+    EXPECT_THAT(seen.host2, ElementsAre(hex(frame)));
+    EXPECT_THAT(seen.host1, IsEmpty());
+  }
+
+  // What comes from the overlay is neither answered nor sent back.
+  const Frame fromFar = arpFrame({1, kRemote, kRemoteIp, {}, {10, 0, 10, 200}});
+  far_->send(fromFar);
+  seen = quiet();
+  EXPECT_THAT(seen.host1, ElementsAre(hex(fromFar)));
+  EXPECT_THAT(seen.far, IsEmpty());
+}
+
+TEST_F(WholeSwitch, IsAPlainSwitchAgainAfterTheDaemon) {
+  start();
+  EXPECT_GT(filtersOf("Ethernet1"), 0);
+  EXPECT_GT(filtersOf("core10"), 0);
+  expectSuppression();
+  switch_.stop();
+  for (const char* device : kDevices) EXPECT_EQ(ifIndex(device), 0U) << device;
+  for (const char* port : {"Ethernet1", "Ethernet2", "core10", "vlan10"})
+    EXPECT_EQ(filtersOf(port), 0) << port;
+  host1_->send(request(kRemoteIp));
+  const Seen seen = quiet();
+  EXPECT_THAT(seen.far, ElementsAre(hex(request(kRemoteIp))));
+  EXPECT_THAT(seen.host1, IsEmpty());
+}
+
+TEST_F(WholeSwitch, TakesOverAfterAKill) {
+  start();
+  expectSuppression();
+  const int filters = filtersOf("Ethernet1") + filtersOf("core10");
+  const std::uint32_t arpsnoop = ifIndex("arpsnoop");
+  switch_.kill();
+  EXPECT_EQ(ifIndex("arpsnoop"), arpsnoop);
+  start();
+  expectSuppression();
+  EXPECT_EQ(filtersOf("Ethernet1") + filtersOf("core10"), filters);
+  switch_.stop();
+  for (const char* device : kDevices) EXPECT_EQ(ifIndex(device), 0U) << device;
+}
+
+}  // namespace
+}  // namespace Lab
