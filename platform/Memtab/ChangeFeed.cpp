@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 namespace Memtab {
 namespace {
@@ -11,31 +12,36 @@ constexpr std::uint64_t kSlotsASlice = 4096;
 }  // namespace
 
 ChangeFeed::ChangeFeed(TableView& view) : view_(view), segment_(view.segment()) {
+  view_.keepsLeft_ = true;
   if (segment_) position_ = segment_->head();
+}
+
+ChangeFeed::~ChangeFeed() {
+  view_.keepsLeft_ = false;
+  view_.left_.clear();
 }
 
 // Goes along with the view to another segment.
 void ChangeFeed::follow() {
   const std::shared_ptr<Segment>& current = view_.segment();
-  if (current == segment_) return;
-  const bool sameTable = current && segment_ && current->fixed().epoch == segment_->fixed().epoch &&
-                         current->fixed().generation >= segment_->fixed().generation;
-  // The oldest segment that is still needed knows all the entries that have been reported; later ones may
-  // not.
-  std::shared_ptr<Segment> old = before_ ? std::move(before_) : segment_;
-  before_.reset();
+  if (current == segment_ && view_.left_.empty()) return;
+  bool sameTable = current && segment_;
+  for (auto& left : std::exchange(view_.left_, {})) {
+    sameTable = sameTable && left->fixed().epoch == current->fixed().epoch;
+    before_.push_back(std::move(left));
+  }
   segment_ = current;
   if (!sameTable) {
-    reread(std::move(old), true);
-  } else if (position_ < segment_->fixed().bornAt) {
-    before_ = std::move(old);
+    reread(true);
+  } else if (position_ >= segment_->fixed().bornAt) {
+    before_.clear();
   }
 }
 
 // Begins a re-read of what is not reported yet; the ring is followed from the present head on.
-void ChangeFeed::reread(std::shared_ptr<Segment> old, bool everything) {
+void ChangeFeed::reread(bool everything) {
   reread_ = std::make_unique<Reread>();
-  reread_->old = std::move(old);
+  reread_->old = std::exchange(before_, {});
   reread_->now = segment_;
   reread_->everything = everything;
   reread_->from = position_;
@@ -44,13 +50,11 @@ void ChangeFeed::reread(std::shared_ptr<Segment> old, bool everything) {
 
 bool ChangeFeed::isNews(const std::uint32_t* slot, std::uint32_t state) const {
   const Reread& reread = *reread_;
-  if (!reread.old) {
-    return reread.everything ? isLive(state) : changedWithin(state, reread.from, reread.to);
-  }
-  if (!isLive(state)) return changedWithin(state, reread.from, reread.old->head());
   if (reread.everything) return true;
-  const Probe at =
-      probe(*reread.now, view_.shape(), slot + 1, hashOf(view_.shape(), slot + 1, reread.now->seed()));
+  if (reread.old.empty()) return changedWithin(state, reread.from, reread.to);
+  if (!isLive(state)) return changedWithin(state, reread.from, reread.old.back()->head());
+  const std::uint64_t hash = hashOf(view_.shape(), slot + 1, reread.now->seed());
+  const Probe at = probe(*reread.now, view_.shape(), slot + 1, hash);
   return !at.found || !isLive(at.state);
 }
 
@@ -58,10 +62,10 @@ bool ChangeFeed::isNews(const std::uint32_t* slot, std::uint32_t state) const {
 bool ChangeFeed::rereadStep(std::size_t& room, const KeyCallback& callback) {
   Reread& reread = *reread_;
   for (std::uint64_t budget = kSlotsASlice; budget != 0 && room != 0; --budget) {
-    const Segment* const source = reread.old ? reread.old.get() : reread.now.get();
+    const Segment* const source = reread.old.empty() ? reread.now.get() : reread.old.back().get();
     if (!source || reread.slot >= source->slots()) {
-      if (!reread.old) return true;
-      reread.old.reset();
+      if (reread.old.empty()) return true;
+      reread.old.pop_back();
       reread.slot = 0;
       continue;
     }
@@ -91,7 +95,7 @@ bool ChangeFeed::drain(std::size_t maxKeys, const KeyCallback& callback) {
 
     const std::uint64_t head = segment_->head();
     if (position_ == head) {
-      before_.reset();
+      before_.clear();
       return false;
     }
     if (room == 0) return true;
@@ -103,11 +107,11 @@ bool ChangeFeed::drain(std::size_t maxKeys, const KeyCallback& callback) {
     // Checked after copying: the entry may have been overwritten meanwhile.
     if (!segment_->ringHolds(position_, segment_->head())) {
       ++overruns_;
-      reread(std::move(before_), false);
+      reread(false);
       return true;
     }
     ++position_;
-    if (before_ && position_ >= segment_->fixed().bornAt) before_.reset();
+    if (position_ == segment_->fixed().bornAt) before_.clear();
     --room;
     callback(key.data());
   }

@@ -35,12 +35,12 @@ struct SegmentWalk {
   VisitResult result;
 
   void bind() {
-    if (cursor.bound_ && cursor.seed_ != segment.seed()) cursor = Cursor();
+    if (cursor.bound_ && cursor.seed_ != segment.seed().first) cursor = Cursor();
     if (!cursor.bound_ && cursor.position_ == Cursor::Position::kKey) {
       cursor.hash_ = hashOf(shape, cursor.key_.data(), segment.seed());
     }
     cursor.bound_ = true;
-    cursor.seed_ = segment.seed();
+    cursor.seed_ = segment.seed().first;
   }
 
   bool keyBefore(const std::uint32_t* a, const std::uint32_t* b) const {
@@ -72,13 +72,13 @@ struct SegmentWalk {
     copies.resize(start);
   }
 
-  // Reads the run at `index`, which begins at a home that the cursor asks for, and returns the free slot that
-  // ends it.
+  // Reads the run at `index`, the first slot of a home bucket, and returns the first slot of the bucket after
+  // the one in which it ends: a bucket fills from the front, so nothing follows a free slot.
   std::uint64_t readRun(std::uint64_t index) {
     for (; index < segment.slots(); ++index) {
       const std::uint32_t* const slot = segment.slot(index);
       const std::uint32_t state = loadWord(slot, std::memory_order_acquire);
-      if (state == 0) break;
+      if (state == 0) return index / kBucketSlots * kBucketSlots + kBucketSlots;
       if (isLive(state)) take(slot);
     }
     return index;
@@ -107,10 +107,9 @@ struct SegmentWalk {
     std::uint64_t index = segment.home(cursor.hash_);
     const std::uint64_t limit =
         index + kSlotsASlice + kSlotsAnEntry * std::min<std::uint64_t>(maxEntries, kMaxCapacity);
-    while (index < limit && index < segment.capacity() && found.size() < maxEntries)
-      index = readRun(index) + 1;
+    while (index < limit && index < segment.capacity() && found.size() < maxEntries) index = readRun(index);
     const bool end = index >= segment.capacity();
-    const std::uint64_t nextHash = end ? 0 : leastHashAt(index, segment.capacity());
+    const std::uint64_t nextHash = end ? 0 : segment.leastHash(index);
     result.more = true;
     if (!deliver(maxEntries, callback)) return;
     result.more = !end;

@@ -10,40 +10,40 @@
 //
 // Segment file, in order; every part begins at a multiple of 64. slots = capacity + tailSlots:
 //
-//   | size                             | content                                                      |
-//   |----------------------------------|--------------------------------------------------------------|
-//   | 256                              | Header                                                       |
-//   | ringEntries * keyBytes'          | change ring: the key of position p is entry p mod ringEntries|
-//   | (slots / 8 + 2) * 8              | tags: one byte a slot, in words of 8, the first slot's lowest|
-//   | (slots + 8) * slot               | slots: `capacity` home positions, then `tailSlots`; the last 8 are|
-//   |                                  | never used, so that 8 tags may be followed from any slot     |
+//   | size                      | content                                                             |
+//   |---------------------------|---------------------------------------------------------------------|
+//   | 256                       | Header                                                              |
+//   | ringEntries * keyBytes'   | change ring: the key of position p is entry p mod ringEntries       |
+//   | slots                     | tags: one byte a slot                                               |
+//   | slots * slot              | slots, in buckets of 8: `capacity` slots in home buckets, then the  |
+//   |                           | `tailSlots`                                                         |
 //
 // keyBytes' and valueBytes' are the sizes rounded up to 4; the padding is zero. One slot:
 //
-//   | offset        | size        | content                                                           |
-//   |---------------|-------------|-------------------------------------------------------------------|
-//   | 0             | 4           | state word, see below; 0 = never used                             |
-//   | 4             | keyBytes'   | key: fixed once the state is not 0, also after the entry was deleted|
-//   | 4 + keyBytes' | valueBytes' | value                                                             |
+//   | offset        | size        | content                                                         |
+//   |---------------|-------------|-----------------------------------------------------------------|
+//   | 0             | 4           | state word, see below; 0 = never used                           |
+//   | 4             | keyBytes'   | key: fixed once the state is not 0, also in a deleted entry     |
+//   | 4 + keyBytes' | valueBytes' | value                                                           |
 //
 // State word (a sequence lock whose sequence is the change's position in the ring):
 //
-//   | bits  | meaning                                                                                 |
-//   |-------|-----------------------------------------------------------------------------------------|
-//   | 0     | busy: the value is being overwritten; only readers of this key wait                     |
-//   | 1     | deleted: the key stays, so that a reader can tell what went; only the same key may come back|
-//   | 2     | used: always set once the slot holds a key                                              |
-//   | 3..31 | stamp: low 29 bits of the ring position of the slot's last change                       |
+//   | bits  | meaning                                                                               |
+//   |-------|---------------------------------------------------------------------------------------|
+//   | 0     | busy: the value is being overwritten; only readers of this key wait                   |
+//   | 1     | deleted: the key stays, so that a reader can tell what went; only it may come back    |
+//   | 2     | used: always set once the slot holds a key                                            |
+//   | 3..31 | stamp: low 29 bits of the ring position of the slot's last change                     |
 //
 // Tag of a slot: 0 while it was never used, else 0x80 | the low 7 bits of the key's hash. A look-up compares
-// 8 tags at once and goes to a slot only where the tag is equal; the tags of a large table fit into a
-// processor's cache, its slots do not.
+// the tags of a bucket at once, as one word whose lowest byte is the first slot's, and goes to a slot only
+// where the tag is equal; the tags of a large table fit into a processor's cache, its slots do not.
 //
-// An entry's home is the high half of hash * capacity, so slot order is hash order but for displacement. It
-// lives in the first slot at or after its home that was free, never before it and never wrapped around: the
-// tail takes what overflows at the end. Slots never become free again inside a segment and entries never
-// move; a segment that fills up with entries and deleted ones is replaced by another (same epoch, next
-// generation) under the same name.
+// An entry's home is a bucket: the high half of hash * number of home buckets, so that slot order is hash
+// order but for displacement. It lives in the first slot from its home on that was free, never before it and
+// never wrapped around: the tail takes what overflows at the end. Slots never become free again inside a
+// segment and entries never move; a segment that fills up with entries and deleted ones is replaced by
+// another (same epoch, next generation) under the same name.
 //
 // Memory order. Ring and slots are read and written as 32-bit atomic words, tags as 64-bit ones. Value words
 // are stored with release and loaded with acquire, so a reader that saw one new word also sees the busy (or
@@ -60,7 +60,7 @@ inline constexpr std::uint64_t kMaxCapacity = 1ULL << 32;
 inline constexpr std::uint64_t kMaxRingEntries = 1ULL << 20;
 inline constexpr std::uint64_t kMaxTailSlots = 1024;
 
-inline constexpr std::uint64_t kTagsAWord = 8;
+inline constexpr std::uint64_t kBucketSlots = 8;
 inline constexpr std::uint64_t kTagUsed = 0x80;
 inline constexpr std::uint64_t kTagLowBits = 0x0101010101010101ULL;
 inline constexpr std::uint64_t kTagHighBits = kTagLowBits << 7;
@@ -82,8 +82,8 @@ struct Header {
   std::uint32_t valueBytes;
   std::uint32_t ringEntries;  // power of two
   std::uint64_t typeTag;  // what the caller says the bytes mean; differs when a type changes at the same size
-  std::uint64_t capacity;    // home positions
-  std::uint64_t tailSlots;   // slots after the last home position
+  std::uint64_t capacity;    // slots in home buckets; a multiple of 8, as is the tail
+  std::uint64_t tailSlots;   // slots after the last home bucket
   std::uint64_t hashSeed;    // the same in all generations of an epoch
   std::uint64_t epoch;       // random; a table that was started empty has a new one
   std::uint64_t generation;  // counts the segments of an epoch
@@ -130,6 +130,8 @@ inline constexpr std::uint32_t liveState(std::uint64_t position) {
   return stampOf(position) << kStampShift | kUsed;
 }
 inline constexpr std::uint32_t deletedState(std::uint64_t position) { return liveState(position) | kDeleted; }
+// Live, and not being written.
+inline constexpr bool isSettled(std::uint32_t state) { return (state & (kUsed | kDeleted | kBusy)) == kUsed; }
 inline constexpr bool isLive(std::uint32_t state) { return (state & (kUsed | kDeleted)) == kUsed; }
 
 // Whether a slot with this state changed in [from, to). Exact for the changes in question; a slot that has

@@ -25,12 +25,11 @@ std::uint64_t tagsOffset(const Shape& shape, const Header& header) {
 }
 
 std::uint64_t slotsOffset(const Shape& shape, const Header& header) {
-  const std::uint64_t words = (header.capacity + header.tailSlots) / kTagsAWord + 2;
-  return roundedUp(tagsOffset(shape, header) + words * 8, 64);
+  return roundedUp(tagsOffset(shape, header) + header.capacity + header.tailSlots, 64);
 }
 
 std::uint64_t fileBytes(const Shape& shape, const Header& header) {
-  const std::uint64_t slots = header.capacity + header.tailSlots + kTagsAWord;
+  const std::uint64_t slots = header.capacity + header.tailSlots;
   return roundedUp(slotsOffset(shape, header) + slots * shape.slotWords() * 4, 64);
 }
 
@@ -63,8 +62,9 @@ std::string headerError(const std::string& file, const Header& header, const Sha
   if (header.typeTag != shape.typeTag) {
     return fieldError(file, "type tag", header.typeTag, std::to_string(shape.typeTag));
   }
-  if (header.capacity == 0 || header.capacity > kMaxCapacity) {
-    return fieldError(file, "capacity", header.capacity, "1 to " + std::to_string(kMaxCapacity));
+  if (header.capacity == 0 || header.capacity > kMaxCapacity || header.capacity % kBucketSlots != 0) {
+    return fieldError(file, "capacity", header.capacity,
+                      "a multiple of 8 up to " + std::to_string(kMaxCapacity));
   }
   if (header.tailSlots != tailFor(header.capacity)) {
     return fieldError(file, "tail", header.tailSlots, std::to_string(tailFor(header.capacity)));
@@ -99,11 +99,12 @@ class Descriptor {
 Segment::Segment(std::string file, int fd, void* mapping, const Header& fixed, const Shape& shape)
     : header_(static_cast<Header*>(mapping)),
       slotWords_(static_cast<std::uint32_t*>(mapping) + slotsOffset(shape, fixed) / 4),
-      capacity_(fixed.capacity),
-      slots_(fixed.capacity + fixed.tailSlots),
-      seed_(fixed.hashSeed),
-      ringWords_(static_cast<std::uint32_t*>(mapping) + sizeof(Header) / 4),
       tagWords_(static_cast<std::uint64_t*>(mapping) + tagsOffset(shape, fixed) / 8),
+      seed_(fixed.hashSeed),
+      homes_(fixed.capacity / kBucketSlots),
+      slots_(fixed.capacity + fixed.tailSlots),
+      capacity_(fixed.capacity),
+      ringWords_(static_cast<std::uint32_t*>(mapping) + sizeof(Header) / 4),
       shape_(shape),
       fixed_(fixed),
       file_(std::move(file)),
@@ -148,8 +149,12 @@ Segment::Opened Segment::open(const std::string& file, const Shape& shape, Acces
     if (std::string error = headerError(file, header, shape, size); !error.empty()) {
       return {Outcome::kDamaged, nullptr, std::move(error)};
     }
-    // A segment that is being dismantled is locked by its writer; by then another one has the name.
-    if (!write && flock(fd.get(), LOCK_SH | LOCK_NB) != 0) continue;
+    // A segment that is being dismantled is locked by its writer, or was; by then another one has the name.
+    struct stat named {};
+    if (!write && (flock(fd.get(), LOCK_SH | LOCK_NB) != 0 || stat(file.c_str(), &named) != 0 ||
+                   named.st_ino != status.st_ino || named.st_dev != status.st_dev)) {
+      continue;
+    }
     void* const mapping =
         mmap(nullptr, size, write ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd.get(), 0);
     if (mapping == MAP_FAILED) return {Outcome::kFailed, nullptr, systemError(file, "map", errno)};
@@ -171,8 +176,8 @@ Segment::Opened Segment::create(const std::string& file, const SegmentPlan& plan
   header.keyBytes = plan.shape.keyBytes;
   header.valueBytes = plan.shape.valueBytes;
   header.typeTag = plan.shape.typeTag;
-  header.capacity = plan.capacity;
-  header.tailSlots = tailFor(plan.capacity);
+  header.capacity = roundedUp(plan.capacity, kBucketSlots);
+  header.tailSlots = tailFor(header.capacity);
   header.ringEntries = plan.ringEntries;
   header.hashSeed = plan.hashSeed;
   header.epoch = plan.epoch;

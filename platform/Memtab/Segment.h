@@ -69,28 +69,27 @@ class Segment {
   std::uint64_t deleted() const { return loadWord(&header_->deleted, std::memory_order_relaxed); }
   std::uint32_t writerPid() const { return loadWord(&header_->writerPid, std::memory_order_relaxed); }
 
-  std::uint64_t seed() const { return seed_; }
+  const HashSeed& seed() const { return seed_; }
   std::uint64_t capacity() const { return capacity_; }
   std::uint64_t slots() const { return slots_; }
-  std::uint64_t home(std::uint64_t hash) const { return homeOf(hash, capacity_); }
+  // First slot of a hash's home bucket.
+  std::uint64_t home(std::uint64_t hash) const { return homeOf(hash, homes_) * kBucketSlots; }
+  // The least hash whose home bucket begins at `index` (a multiple of 8 below capacity()) or later.
+  std::uint64_t leastHash(std::uint64_t index) const { return leastHashAt(index / kBucketSlots, homes_); }
 
   // Words of slot `index` (< slots()): state, key, value.
   const std::uint32_t* slot(std::uint64_t index) const { return slotWords_ + index * shape_.slotWords(); }
   std::uint32_t* writableSlot(std::uint64_t index) { return slotWords_ + index * shape_.slotWords(); }
 
-  // The tags of the 8 slots from `index` (< slots()) on, that of `index` in the low byte; 0 past the last
-  // slot.
+  // The tags of the bucket that begins at slot `index`, that of `index` in the low byte.
   std::uint64_t tags(std::uint64_t index) const {
-    const std::uint64_t* const word = tagWords_ + index / kTagsAWord;
-    const std::uint64_t low = loadWord(word, std::memory_order_acquire);
-    const std::uint64_t high = loadWord(word + 1, std::memory_order_acquire);
-    const std::uint64_t shift = index % kTagsAWord * 8;
-    return low >> shift | high << 1 << (63 - shift);
+    return loadWord(tagWords_ + index / kBucketSlots, std::memory_order_acquire);
   }
+  std::uint64_t tag(std::uint64_t index) const { return tags(index) >> (index % kBucketSlots * 8) & 0xff; }
   // Writer only.
   void tagIs(std::uint64_t index, std::uint64_t tag) {
-    std::uint64_t* const word = tagWords_ + index / kTagsAWord;
-    const std::uint64_t shift = index % kTagsAWord * 8;
+    std::uint64_t* const word = tagWords_ + index / kBucketSlots;
+    const std::uint64_t shift = index % kBucketSlots * 8;
     storeWord(word, (*word & ~(std::uint64_t{0xff} << shift)) | tag << shift, std::memory_order_release);
   }
 
@@ -134,11 +133,12 @@ class Segment {
 
   Header* header_;
   std::uint32_t* slotWords_;
-  std::uint64_t capacity_;
-  std::uint64_t slots_;
-  std::uint64_t seed_;
-  std::uint32_t* ringWords_;
   std::uint64_t* tagWords_;
+  HashSeed seed_;
+  std::uint64_t homes_;
+  std::uint64_t slots_;
+  std::uint64_t capacity_;
+  std::uint32_t* ringWords_;
   Shape shape_;
   Header fixed_;
   std::string file_;
@@ -152,7 +152,7 @@ class Segment {
 };
 
 template <class S>
-std::uint64_t hashOf(const S& shape, const std::uint32_t* key, std::uint64_t seed) {
+std::uint64_t hashOf(const S& shape, const std::uint32_t* key, const HashSeed& seed) {
   return hashWords(key, shape.keyWords(), seed);
 }
 
@@ -180,24 +180,22 @@ template <class S>
 Probe probe(const Segment& segment, const S& shape, const std::uint32_t* key, std::uint64_t hash) {
   const std::uint64_t wanted = tagOf(hash) * kTagLowBits;
   const std::uint32_t* const slots = segment.slot(0);
-  const std::uint64_t end = segment.slots();
-  for (std::uint64_t index = segment.home(hash); index < end; index += kTagsAWord) {
-    const std::uint64_t tags = segment.tags(index);
+  for (std::uint64_t bucket = segment.home(hash); bucket < segment.slots(); bucket += kBucketSlots) {
+    const std::uint64_t tags = segment.tags(bucket);
     const std::uint64_t difference = tags ^ wanted;
-    const std::uint64_t free = ~tags & kTagHighBits;
-    // The high bit of every byte without a difference, up to the first free slot; rarely one too many, never
-    // one too few.
-    std::uint64_t equal = (difference - kTagLowBits) & ~difference & ((free & (0 - free)) - 1) & kTagHighBits;
+    // The high bit of every byte without a difference; rarely one too many, never one too few.
+    std::uint64_t equal = (difference - kTagLowBits) & ~difference & kTagHighBits;
     for (; equal != 0; equal &= equal - 1) {
-      const std::uint64_t at = index + static_cast<unsigned>(std::countr_zero(equal)) / 8;
+      const std::uint64_t at = bucket + static_cast<std::uint64_t>(std::countr_zero(equal)) / 8;
       const std::uint32_t* const slot = slots + at * shape.slotWords();
       const std::uint32_t state = loadWord(slot, std::memory_order_acquire);
       if (keyIs(shape, slot, key)) [[likely]]
         return {slot, at, state, true};
     }
+    const std::uint64_t free = ~tags & kTagHighBits;
     if (free != 0) {
-      const std::uint64_t at = index + static_cast<unsigned>(std::countr_zero(free)) / 8;
-      return at < end ? Probe{slots + at * shape.slotWords(), at, 0, false} : Probe{};
+      const std::uint64_t at = bucket + static_cast<std::uint64_t>(std::countr_zero(free)) / 8;
+      return {slots + at * shape.slotWords(), at, 0, false};
     }
   }
   return {};

@@ -26,6 +26,7 @@ void TableView::refresh() {
   // there is.
   if (opened.outcome == Segment::Outcome::kFailed) return;
   damaged_ = opened.outcome == Segment::Outcome::kDamaged;
+  if (keepsLeft_ && current_) left_.push_back(std::move(current_));
   current_ = std::move(opened.segment);
 }
 

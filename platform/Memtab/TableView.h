@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Memtab/Cursor.h"
 #include "Memtab/Directory.h"
@@ -12,6 +13,7 @@
 
 namespace Memtab {
 
+class ChangeFeed;
 class Watcher;
 
 // A reader's view of one table, which another process (or this one) writes. Maps the segment read-only;
@@ -66,6 +68,8 @@ class TableView {
   const Shape& shape() const { return shape_; }
 
  private:
+  friend class ChangeFeed;
+
   const Segment* followed();
   [[noreturn]] void raiseDamaged() const;
   bool slowValue(const std::uint32_t* slot, const std::uint32_t* key, std::uint32_t* value) const;
@@ -76,6 +80,9 @@ class TableView {
   std::string problem_;
   bool damaged_ = false;
   Watcher* watcher_;
+  // For the feed: the segments that look-ups have gone to and left since the feed last asked, oldest first.
+  bool keepsLeft_ = false;
+  std::vector<std::shared_ptr<Segment>> left_;
 };
 
 inline const Segment* TableView::followed() {
@@ -92,13 +99,15 @@ bool TableView::lookup(const S& shape, const std::uint32_t* key, std::uint32_t* 
     return false;
   }
   const Probe at = probe(*segment, shape, key, hashOf(shape, key, segment->seed()));
-  if (!at.found || !isLive(at.state)) return false;
-  const std::uint32_t* const from = at.slot + 1 + shape.keyWords();
-  for (std::uint32_t i = 0; i < shape.valueWords(); ++i) {
-    value[i] = loadWord(from + i, std::memory_order_acquire);
+  if (!at.found) return false;
+  if (isSettled(at.state)) [[likely]] {
+    const std::uint32_t* const from = at.slot + 1 + shape.keyWords();
+    for (std::uint32_t i = 0; i < shape.valueWords(); ++i) {
+      value[i] = loadWord(from + i, std::memory_order_acquire);
+    }
+    if (loadWord(at.slot, std::memory_order_relaxed) == at.state) [[likely]]
+      return true;
   }
-  if ((at.state & kBusy) == 0 && loadWord(at.slot, std::memory_order_relaxed) == at.state) [[likely]]
-    return true;
   return slowValue(at.slot, key, value);
 }
 

@@ -171,7 +171,7 @@ std::string Writer::takeOver(std::shared_ptr<Segment> segment, OpenReport& repor
       return file_ + ": slot " + std::to_string(index) + ' ' + what;
     };
     if (*slot == 0) {
-      if ((segment->tags(index) & 0xff) != 0) return problem("is free but has a tag");
+      if (segment->tag(index) != 0) return problem("is free but has a tag");
       continue;
     }
     if ((*slot & kUsed) == 0 || (*slot & (kBusy | kDeleted)) == (kBusy | kDeleted)) {

@@ -27,11 +27,6 @@ class Ports final : public Memtab::Entity {
   MEMTAB_COLLECTION(std::uint32_t, std::uint32_t, port)
   MEMTAB_MEMBERS(port)
 };
-class Hosts final : public Memtab::Entity {
-  MEMTAB_COLLECTION(std::uint64_t, std::uint16_t, host)
-  MEMTAB_MEMBERS(host)
-};
-
 constexpr char kPath[] = "bridging/ports";
 constexpr char kTable[] = "bridging/ports.port";
 
@@ -48,7 +43,7 @@ class Process {
         Mox::make<Memtab::EntityManager>(loop, root->scheduler(), directory_,
                                          [this](const std::string& message) { reports.push_back(message); });
     manager->registerType<Ports>("Ports");
-    manager->registerType<Hosts>("Hosts");
+    manager->registerType<Ports>("Hosts");
   }
   Mox::Ptr<Ports> mount(const MountDescriptor& descriptor, const std::string& path = kPath) {
     return Mox::dynamicPtrCast<Ports>(manager->mount(path, "Ports", descriptor));
@@ -367,14 +362,6 @@ TEST_F(MemtabEntity, watcher_that_raises_an_error_loses_nothing_but_its_own_key)
   EXPECT_EQ(heard_.size(), 100u - 2 + 1);
   EXPECT_THAT(heard_, ::testing::Contains("99=1"));
   EXPECT_THAT(heard_, ::testing::Contains("7777=7"));
-}
-
-TEST_F(MemtabEntity, dump_shows_every_entry) {
-  const auto writer = us_.writer();
-  writer->portIs(5, 50);
-  Orb::DumpContext context(-1);
-  Memtab::dumpTables(*writer, context, 2);
-  EXPECT_EQ(context.text(), "  port #1\n    5 50\n");
 }
 
 }  // namespace

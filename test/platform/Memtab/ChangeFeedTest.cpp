@@ -1,0 +1,202 @@
+#include <poll.h>
+
+#include <set>
+#include <stdexcept>
+
+#include <vector>
+
+#include "Scratch.h"
+
+namespace Memtab::Test {
+namespace {
+
+class ChangeFeedTest : public Scratch {
+ protected:
+  using Keys = std::map<Key, int>;
+  static Keys times(std::uint32_t from, std::uint32_t to, int each = 1) {
+    Keys keys;
+    for (std::uint32_t i = from; i < to; ++i) keys[keyOf(i)] = each;
+    return keys;
+  }
+  static bool readable(const Watcher& watcher, int deadline) {
+    pollfd descriptor{watcher.descriptor(), POLLIN, 0};
+    return poll(&descriptor, 1, deadline) == 1;
+  }
+  static constexpr int kDeadline = 10000;  // milliseconds, for what has to happen
+};
+
+TEST_F(ChangeFeedTest, ReportsEveryChangeAndNothingElse) {
+  auto writer = open();
+  put(*writer, 0, 10);
+  Reader reader(directory, kTable);
+  EXPECT_TRUE(drained(reader).empty()) << "not watching";
+  reader.watch();
+  EXPECT_TRUE(drained(reader).empty()) << "attaching replays nothing";
+  put(*writer, 0, 10);
+  EXPECT_TRUE(drained(reader).empty()) << "equal values";
+  put(*writer, 3, 5, 1);
+  writer->entryDel(keyOf(7));
+  writer->entryDel(keyOf(700));
+  put(*writer, 10, 11);
+  std::vector<Key> order;
+  EXPECT_TRUE(reader.drain(3, [&](const Key& key) { order.push_back(key); }));
+  EXPECT_EQ(order, (std::vector{keyOf(3), keyOf(4), keyOf(7)}));
+  EXPECT_EQ(drained(reader), times(10, 11));
+  put(*writer, 1, 2, 5);
+  put(*writer, 1, 2, 6);
+  EXPECT_EQ(drained(reader), times(1, 2, 2));
+}
+
+TEST_F(ChangeFeedTest, ACallbackThatThrowsHasHadItsKey) {
+  auto writer = open();
+  Reader reader(directory, kTable);
+  reader.watch();
+  put(*writer, 0, 2);
+  EXPECT_THROW(reader.drain(10, [](const Key&) { throw std::runtime_error("handler"); }), std::runtime_error);
+  EXPECT_EQ(drained(reader), times(1, 2));
+}
+
+TEST_F(ChangeFeedTest, MovingToAnotherSegmentMakesNoDifference) {
+  auto writer = open({.capacity = 16, .ringEntries = 8192});
+  Reader reader(directory, kTable);
+  reader.watch();
+  put(*writer, 0, 50);
+  EXPECT_EQ(drained(reader), times(0, 50));
+  put(*writer, 50, 5000);
+  EXPECT_EQ(drained(reader), times(50, 5000)) << "each once, across all the moves";
+  EXPECT_EQ(reader.overruns(), 0U);
+}
+
+// A reader that has fallen behind, by whatever happened meanwhile; what it has been told then is what there
+// is.
+TEST_F(ChangeFeedTest, FallingBehind) {
+  struct Case {
+    const char* name;
+    void (*happens)(Writer&);
+    std::vector<std::uint32_t> mustReport;
+    std::vector<std::uint32_t> mustNotReport;
+  };
+  const Case cases[] = {
+      {"changes in place", [](Writer& w) { put(w, 0, 40, 1); }, {0, 39}, {40, 99}},
+      {"deletions",
+       [](Writer& w) {
+         for (std::uint32_t i = 0; i < 40; ++i) w.entryDel(keyOf(i));
+       },
+       {0, 39},
+       {40}},
+      {"deleted and made again",
+       [](Writer& w) {
+         w.entryDel(keyOf(5));
+         put(w, 5, 6, 2);
+         put(w, 50, 90, 1);
+       },
+       {5, 50},
+       {6, 95}},
+      {"deleted before the table moved",
+       [](Writer& w) {
+         w.entryDel(keyOf(5));
+         put(w, 1000, 3000);
+         w.entryDel(keyOf(6));
+         put(w, 3000, 9000);
+       },
+       {5, 6, 1000, 8999},
+       {7, 99}},
+      {"come and gone",
+       [](Writer& w) {
+         put(w, 1000, 3000);
+         for (std::uint32_t i = 1000; i < 3000; ++i) w.entryDel(keyOf(i));
+       },
+       {},
+       {0, 99}},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    auto writer = open({.capacity = 200, .ringEntries = 16});
+    put(*writer, 0, 100);
+    Reader reader(directory, kTable);
+    reader.watch();
+    test.happens(*writer);
+    const auto keys = drained(reader, 5);
+    EXPECT_GE(reader.overruns(), 1U);
+    for (const auto i : test.mustReport) EXPECT_TRUE(keys.contains(keyOf(i))) << i;
+    for (const auto i : test.mustNotReport) EXPECT_FALSE(keys.contains(keyOf(i))) << i;
+    put(*writer, 98, 99, 77);
+    EXPECT_EQ(drained(reader), times(98, 99)) << "and the ring is followed again";
+    writer->core().remove();
+  }
+}
+
+TEST_F(ChangeFeedTest, TablesThatAppearGoAndAreReplaced) {
+  Watcher watcher;
+  ASSERT_GE(watcher.descriptor(), 0) << watcher.error();
+  Reader reader(directory, kTable, &watcher);
+  reader.watch();
+  EXPECT_EQ(watcher.next(), &reader.view()) << "a view begins as if it had news";
+  EXPECT_FALSE(reader.drain(1, [](const Key&) {}));
+  EXPECT_EQ(reader.lookup(keyOf(1)), std::nullopt);
+  EXPECT_EQ(reader.size(), 0U);
+  EXPECT_TRUE(entries(reader).empty());
+
+  const auto news = [&] {
+    EXPECT_TRUE(readable(watcher, kDeadline));
+    watcher.handleReadable();
+    EXPECT_EQ(watcher.next(), &reader.view());
+    EXPECT_EQ(watcher.next(), nullptr);
+    return drained(reader, 3);
+  };
+  auto writer = open();
+  put(*writer, 0, 20);
+  writer->core().flush();
+  EXPECT_EQ(news(), times(0, 20)) << "appeared";
+  EXPECT_EQ(reader.lookup(keyOf(1)), valueOf(keyOf(1), 0));
+
+  writer->core().remove();
+  writer.reset();
+  EXPECT_EQ(news(), times(0, 20)) << "gone";
+  EXPECT_EQ(reader.lookup(keyOf(1)), std::nullopt);
+  EXPECT_FALSE(reader.view().attached());
+
+  writer = open();
+  put(*writer, 10, 30, 1);
+  writer->core().flush();
+  EXPECT_EQ(news(), times(10, 30));
+  // Another table under the same name, unrelated to the first, which the reader never sees go.
+  writer->core().remove();
+  writer = open();
+  put(*writer, 20, 40, 2);
+  writer->core().flush();
+  auto expected = times(10, 40);
+  for (std::uint32_t i = 20; i < 30; ++i) expected[keyOf(i)] = 2;
+  EXPECT_EQ(news(), expected) << "every key of the old and every key of the new";
+}
+
+TEST_F(ChangeFeedTest, TheDoorbellRingsOncePerFlushWithNews) {
+  Watcher watcher;
+  auto writer = open();
+  Reader reader(directory, kTable, &watcher), second(directory, kTable, &watcher),
+      other(directory, "other", &watcher);
+  watcher.handleReadable();
+  while (watcher.next()) {
+  }
+  put(*writer, 0, 5);
+  EXPECT_FALSE(readable(watcher, 0)) << "before the flush";
+  writer->core().flush();
+  ASSERT_TRUE(readable(watcher, kDeadline));
+  watcher.handleReadable();
+  std::set<TableView*> news;
+  while (TableView* view = watcher.next()) news.insert(view);
+  EXPECT_EQ(news, (std::set{&reader.view(), &second.view()}));
+  EXPECT_FALSE(readable(watcher, 0));
+  put(*writer, 0, 5);
+  writer->core().flush();
+  EXPECT_FALSE(readable(watcher, 0)) << "nothing changed";
+  put(*writer, 0, 5, 1);
+  { const Reader third(directory, kTable, &watcher); }  // a view that goes takes nobody's watch away
+  while (watcher.next()) {
+  }
+  writer->core().flush();
+  EXPECT_TRUE(readable(watcher, kDeadline));
+}
+
+}  // namespace
+}  // namespace Memtab::Test

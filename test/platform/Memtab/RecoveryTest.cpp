@@ -1,0 +1,465 @@
+// Writers that die, files that lie, and readers in other processes meanwhile.
+
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <vector>
+
+#include "Scratch.h"
+
+namespace Memtab::Test {
+namespace {
+
+using testing::HasSubstr;
+
+// The bytes of a table's file, mapped for writing behind everybody's back.
+class File {
+ public:
+  explicit File(const std::string& name) : fd_(::open(name.c_str(), O_RDWR | O_CLOEXEC)) {
+    struct stat status {};
+    fstat(fd_, &status);
+    size_ = static_cast<std::size_t>(status.st_size);
+    bytes_ = static_cast<std::byte*>(mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0));
+  }
+  ~File() {
+    munmap(bytes_, size_);
+    close(fd_);
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  Header& header() { return *reinterpret_cast<Header*>(bytes_); }
+  std::byte* bytes() { return bytes_; }
+  std::size_t size() const { return size_; }
+  void sizeIs(std::size_t size) { ASSERT_EQ(ftruncate(fd_, static_cast<off_t>(size)), 0); }
+
+  // Slot and tag of a key, as offsets that a writer's own view of the table tells.
+  static std::uint64_t indexOf(Writer& writer, const Key& key) {
+    const auto words = toWords(key);
+    const Segment& segment = writer.core().segment();
+    const Probe at =
+        probe(segment, segment.shape(), words.data(), hashOf(segment.shape(), words.data(), segment.seed()));
+    EXPECT_TRUE(at.found);
+    return at.index;
+  }
+  std::uint32_t* slot(std::uint64_t index) {
+    const std::uint64_t slots = header().capacity + header().tailSlots;
+    const std::uint64_t slotBytes = 4 + sizeof(Key) + sizeof(Value);
+    return reinterpret_cast<std::uint32_t*>(bytes_ + (size_ - slots * slotBytes) / 64 * 64 +
+                                            index * slotBytes);
+  }
+  std::uint8_t* tag(std::uint64_t index) {
+    const std::uint64_t ring = (sizeof(Header) + header().ringEntries * sizeof(Key) + 63) / 64 * 64;
+    return reinterpret_cast<std::uint8_t*>(bytes_ + ring + index);
+  }
+
+ private:
+  int fd_;
+  std::size_t size_ = 0;
+  std::byte* bytes_ = nullptr;
+};
+
+class RecoveryTest : public Scratch {
+ protected:
+  // A process that runs `work`; killed at the latest when the test ends.
+  class Child {
+   public:
+    explicit Child(const std::function<void()>& work) : pid_(fork()) {
+      if (pid_ == 0) {
+        work();
+        _exit(0);
+      }
+    }
+    ~Child() { end(SIGKILL); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    bool running() {
+      if (pid_ > 0 && waitpid(pid_, &status_, WNOHANG) == pid_) pid_ = -1;
+      return pid_ > 0;
+    }
+    int end(int signal) {
+      if (pid_ > 0) {
+        kill(pid_, signal);
+        waitpid(pid_, &status_, 0);
+        pid_ = -1;
+      }
+      return status_;
+    }
+    pid_t pid() const { return pid_; }
+
+   private:
+    pid_t pid_;
+    int status_ = -1;
+  };
+
+  static bool before(std::chrono::steady_clock::time_point deadline) {
+    sched_yield();
+    return std::chrono::steady_clock::now() < deadline;
+  }
+  static std::chrono::steady_clock::time_point soon() {
+    return std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  }
+};
+
+TEST_F(RecoveryTest, ASecondLiveWriterIsRefused) {
+  auto writer = open();
+  put(*writer, 0, 1);
+  OpenReport second;
+  EXPECT_EQ(Writer::open(directory, kTable, {}, second), nullptr);
+  EXPECT_EQ(second.start, OpenReport::Start::kRefused);
+  EXPECT_THAT(second.message, HasSubstr("live writer already, process " + std::to_string(getpid())));
+  Child child([this] { _exit(Writer::open(directory, kTable, {}, report) ? 1 : 0); });
+  const auto deadline = soon();
+  while (child.running() && before(deadline)) {
+  }
+  EXPECT_EQ(child.end(SIGKILL), 0) << "another process";
+  put(*writer, 1, 2);
+  writer.reset();
+  EXPECT_TRUE(open()) << "once the first has closed";
+  EXPECT_EQ(report.start, OpenReport::Start::kTakenOver);
+}
+
+TEST_F(RecoveryTest, ATableOutlivesItsWriter) {
+  auto writer = open();
+  put(*writer, 0, 3000);
+  Reader reader(directory, kTable);
+  reader.watch();
+  writer.reset();
+  EXPECT_EQ(entries(reader).size(), 3000U);
+  writer = open();
+  EXPECT_EQ(report.start, OpenReport::Start::kTakenOver);
+  EXPECT_EQ(report.repaired + report.reported, 0U);
+  EXPECT_EQ(writer->size(), 3000U);
+  put(*writer, 0, 3000);
+  EXPECT_TRUE(drained(reader).empty()) << "saying the same again is no news";
+  writer->entryDel(keyOf(5));
+  EXPECT_EQ(drained(reader), (std::map<Key, int>{{keyOf(5), 1}}));
+}
+
+TEST_F(RecoveryTest, AHalfWrittenEntryHarmsNobodyElse) {
+  auto writer = open();
+  put(*writer, 0, 500);
+  Reader reader(directory, kTable);
+  reader.watch();
+  const Key key = keyOf(77);
+  const std::uint64_t index = File::indexOf(*writer, key);
+  writer.reset();
+  File file(reader.view().file());
+  file.slot(index)[0] |= kBusy;
+  for (std::uint32_t i = 0; i < 500; ++i) {
+    if (i != 77) {
+      ASSERT_EQ(reader.lookup(keyOf(i)), valueOf(keyOf(i), 0));
+    }
+  }
+  EXPECT_EQ(reader.lookup(keyOf(1000)), std::nullopt);
+  EXPECT_THROW(reader.lookup(key), CorruptionError);
+  Cursor cursor;
+  const VisitResult walk = reader.visit(cursor, 10000, [](const Key&, const Value&) {});
+  EXPECT_EQ(walk.visited, 499U);
+  EXPECT_EQ(walk.unreadable, 1U);
+
+  writer = open();
+  EXPECT_EQ(report.start, OpenReport::Start::kTakenOver);
+  EXPECT_EQ(report.repaired, 1U);
+  EXPECT_EQ(drained(reader), (std::map<Key, int>{{key, 1}}));
+  EXPECT_EQ(reader.lookup(key), std::nullopt);
+  EXPECT_EQ(reader.size(), 499U);
+}
+
+// The other places at which a write can end early.
+TEST_F(RecoveryTest, AWriteThatEndedEarlyIsCompletedByTheNextWriter) {
+  struct Case {
+    const char* name;
+    std::function<void(File&, std::uint64_t index)> undo;
+    bool visibleBefore;
+  };
+  const Case cases[] = {
+      {"before the ring's head moved", [](File& file, std::uint64_t) { --file.header().head; }, true},
+      {"before the tag was set",
+       [](File& file, std::uint64_t index) {
+         --file.header().head;
+         --file.header().live;
+         *file.tag(index) = 0;
+       },
+       false},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    auto writer = open();
+    put(*writer, 0, 10);
+    Reader reader(directory, kTable);
+    reader.watch();
+    put(*writer, 10, 11);
+    const std::uint64_t index = File::indexOf(*writer, keyOf(10));
+    writer.reset();
+    {
+      File file(reader.view().file());
+      test.undo(file, index);
+    }
+    EXPECT_TRUE(drained(reader).empty());
+    EXPECT_EQ(reader.lookup(keyOf(10)).has_value(), test.visibleBefore);
+    writer = open();
+    EXPECT_EQ(report.reported, 1U);
+    EXPECT_EQ(drained(reader), (std::map<Key, int>{{keyOf(10), 1}}));
+    EXPECT_EQ(reader.lookup(keyOf(10)), valueOf(keyOf(10), 0));
+    EXPECT_EQ(writer->size(), 11U);
+    writer->core().remove();
+  }
+}
+
+TEST_F(RecoveryTest, AWriterThatDiedWhileTheTableMoved) {
+  auto writer = open({.capacity = 3000});
+  std::uint32_t count = 0;
+  while (!writer->core().growing()) put(*writer, count, count + 1), ++count;
+  Reader reader(directory, kTable);
+  reader.watch();
+  put(*writer, count, count + 5);
+  // As it is between retiring the old segment and giving its name to the new one.
+  File(reader.view().file()).header().retired = 1;
+  EXPECT_EQ(reader.lookup(keyOf(0)), valueOf(keyOf(0), 0));
+  EXPECT_EQ(drained(reader).size(), 5U);
+  writer.reset();
+  ASSERT_GE(::open(Directory::nextFile(reader.view().file()).c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600), 0);
+  writer = open();
+  EXPECT_EQ(report.start, OpenReport::Start::kTakenOver);
+  EXPECT_EQ(writer->size(), count + 5);
+  put(*writer, count + 5, 20000);
+  EXPECT_EQ(entries(reader).size(), 20000U);
+}
+
+TEST_F(RecoveryTest, DamagedFilesAreRefusedAndSetAside) {
+  struct Case {
+    const char* name;
+    std::function<void(File&)> damage;
+    const char* readerSays;  // empty: a reader cannot tell
+    const char* writerSays;
+  };
+  const auto field = [](auto Header::*member, auto value) {
+    return [member, value](File& file) {
+      file.header().*member = static_cast<std::remove_reference_t<decltype(file.header().*member)>>(value);
+    };
+  };
+  const auto both = [](const char* name, std::function<void(File&)> damage, const char* says) {
+    return Case{name, std::move(damage), says, says};
+  };
+  const Case cases[] = {
+      both(
+          "empty", [](File& file) { file.sizeIs(0); }, "file size is 0"),
+      both(
+          "header cut", [](File& file) { file.sizeIs(100); }, "file size is 100"),
+      both(
+          "slots cut", [](File& file) { file.sizeIs(file.size() - 64); }, "file size"),
+      both(
+          "too long", [](File& file) { file.sizeIs(file.size() + 64); }, "file size"),
+      both("no segment", field(&Header::magic, 1), "does not begin like"),
+      both("other layout", field(&Header::layoutVersion, 99), "layout version is 99, allowed is 1"),
+      both("other key", field(&Header::keyBytes, 24), "key size is 24, allowed is 20"),
+      both("other value", field(&Header::valueBytes, 9), "value size is 9, allowed is 8"),
+      both("other type", field(&Header::typeTag, 5), "type tag is 5"),
+      both("no capacity", field(&Header::capacity, 0), "capacity is 0"),
+      both("odd capacity", field(&Header::capacity, 81), "capacity is 81"),
+      both("vast capacity", field(&Header::capacity, ~0ULL), "capacity is"),
+      both("other capacity", field(&Header::capacity, 4096), "tail is"),
+      both("vast tail", field(&Header::tailSlots, ~0ULL - 100), "tail is"),
+      both("no ring", field(&Header::ringEntries, 0), "ring size is 0"),
+      both("uneven ring", field(&Header::ringEntries, 1000), "ring size is 1000"),
+      both("vast ring", field(&Header::ringEntries, 1U << 31), "ring size is"),
+      {"wrong seed", field(&Header::hashSeed, 12345), "", "does not belong there"},
+      {"swapped key",
+       [](File& file) {
+         for (std::uint64_t i = 0; i < file.header().capacity; ++i) {
+           if (file.slot(i)[0] != 0) file.slot(i)[1] ^= 1;
+         }
+       },
+       "", "does not belong there"},
+      {"impossible state",
+       [](File& file) {
+         for (std::uint64_t i = 0; i < file.header().capacity; ++i) {
+           if (file.slot(i)[0] != 0) file.slot(i)[0] = kBusy;
+         }
+       },
+       "", "state that no writer writes"},
+      {"tag of nothing",
+       [](File& file) {
+         for (std::uint64_t i = 0; i < file.header().capacity; ++i) *file.tag(i) |= kTagUsed;
+       },
+       "", "has a tag"},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    auto writer = open();
+    put(*writer, 0, 30);
+    const std::string name = writer->core().file();
+    writer.reset();
+    Reader early(directory, kTable);
+    early.watch();
+    {
+      File file(name);
+      test.damage(file);
+    }
+    Reader late(directory, kTable);
+    if (*test.readerSays != 0) {
+      EXPECT_THAT(late.view().problem(), HasSubstr(test.readerSays));
+      EXPECT_THAT(late.view().problem(), HasSubstr(name));
+      EXPECT_THROW(late.lookup(keyOf(1)), CorruptionError);
+      EXPECT_TRUE(entries(late).empty());
+    }
+    writer = open();
+    EXPECT_EQ(report.start, OpenReport::Start::kReplacedDamaged);
+    EXPECT_THAT(report.message, HasSubstr(test.writerSays));
+    EXPECT_EQ(directory.damaged(), std::vector{report.setAside});
+    EXPECT_EQ(writer->size(), 0U);
+    put(*writer, 1, 2, 3);
+    early.view().refresh();
+    late.view().refresh();
+    EXPECT_EQ(early.lookup(keyOf(1)), valueOf(keyOf(1), 3));
+    EXPECT_EQ(late.lookup(keyOf(1)), valueOf(keyOf(1), 3));
+    if (std::strstr(test.name, "cut") == nullptr && std::strcmp(test.name, "empty") != 0) {
+      EXPECT_TRUE(drained(early).contains(keyOf(1)));
+    }
+    writer.reset();
+    directory.removeAll();
+  }
+}
+
+TEST_F(RecoveryTest, ALinkOrAFolderIsNoTable) {
+  const std::string name = directory.segmentFile(kTable);
+  ASSERT_EQ(symlink("/dev/null", name.c_str()), 0);
+  Reader reader(directory, kTable);
+  EXPECT_THAT(reader.view().problem(), HasSubstr("symbolic link"));
+  auto writer = open();
+  EXPECT_EQ(report.start, OpenReport::Start::kReplacedDamaged);
+  put(*writer, 0, 1);
+  reader.view().refresh();
+  EXPECT_EQ(reader.size(), 1U);
+}
+
+// Whatever is in the file: an answer or an error, and an end.
+TEST_F(RecoveryTest, RandomDamage) {
+  std::mt19937 random(20);
+  for (int round = 0; round < 300; ++round) {
+    std::string name;
+    {
+      OpenReport report;
+      auto writer = Writer::open(directory, kTable, {.ringEntries = 64}, report);
+      ASSERT_TRUE(writer) << report.message;
+      put(*writer, 0, 60);
+      name = writer->core().file();
+    }
+    Reader early(directory, kTable);
+    early.watch();
+    {
+      File file(name);
+      const std::size_t range = round % 2 == 0 ? sizeof(Header) : file.size();
+      for (std::uint32_t i = 0; i <= random() % 20; ++i) file.bytes()[random() % range] = std::byte(random());
+    }
+    Reader late(directory, kTable);
+    for (Reader* const reader : {&early, &late}) {
+      reader->watch();
+      for (std::uint32_t i = 0; i < 70; ++i) {
+        try {
+          reader->lookup(keyOf(i));
+        } catch (const CorruptionError&) {
+        }
+      }
+      Cursor cursor;
+      int slices = 0;
+      while (reader->visit(cursor, 10, [](const Key&, const Value&) {}).more) ASSERT_LT(++slices, 1000);
+      int keys = 0;
+      while (reader->drain(10, [](const Key&) {})) ASSERT_LT(++keys, 1000);
+    }
+    if (round % 10 == 9) directory.removeAll();
+  }
+}
+
+// Writes for ever, checksummed values, so fast that the table moves again and again.
+void writeForEver(const Directory& directory, const char* table, std::uint32_t keys, unsigned seed) {
+  OpenReport report;
+  auto writer = Writer::open(directory, table, {.capacity = 16, .ringEntries = 256}, report);
+  if (!writer || report.start == OpenReport::Start::kReplacedDamaged) _exit(3);
+  std::mt19937 random(seed);
+  for (std::uint32_t turn = 0;; ++turn) {
+    const bool growing = turn / (keys * 4) % 2 == 0;
+    const Key key = keyOf(static_cast<std::uint32_t>(random()) % keys);
+    if (random() % 8 < (growing ? 7U : 1U)) {
+      writer->entryIs(key, valueOf(key, static_cast<std::uint32_t>(random())));
+    } else {
+      writer->entryDel(key);
+    }
+    if (turn % 64 == 0) writer->core().flush();
+  }
+}
+
+TEST_F(RecoveryTest, WritersKilledInMidWriteWhileAnotherProcessReads) {
+  constexpr std::uint32_t kKeys = 4000;
+  Watcher watcher;
+  Reader reader(directory, kTable, &watcher);
+  reader.watch();
+  Model followed;
+  std::uint64_t lookups = 0, found = 0, generations = 0;
+  const auto follow = [&](const Key& key) {
+    try {
+      const auto value = reader.lookup(key);
+      if (value) {
+        ASSERT_TRUE(belongs(key, *value)) << "torn";
+        followed[key] = *value;
+      } else {
+        followed.erase(key);
+      }
+    } catch (const CorruptionError&) {
+      followed.erase(key);  // its writer has died; the next one deletes it
+    }
+  };
+  for (unsigned round = 0; round < 25; ++round) {
+    Child child([&] { writeForEver(directory, kTable, kKeys, round); });
+    std::mt19937 random(round);
+    std::uint64_t target = 0;
+    const auto deadline = soon();
+    while (before(deadline)) {
+      ASSERT_TRUE(child.running()) << "the writer found the table damaged";
+      for (int i = 0; i < 200; ++i, ++lookups) {
+        const Key key = keyOf(static_cast<std::uint32_t>(random()) % kKeys);
+        try {
+          const auto value = reader.lookup(key);
+          found += value ? 1 : 0;
+          ASSERT_TRUE(!value || belongs(key, *value)) << "torn";
+        } catch (const CorruptionError&) {
+          // The writer before was killed in the middle of this entry, or this one is not running now.
+        }
+      }
+      watcher.handleReadable();
+      while (watcher.next()) {
+      }
+      reader.drain(100, follow);
+      if (const auto& segment = reader.view().segment()) {
+        if (target == 0) target = segment->head() + 2000 + random() % 60000;
+        if (segment->head() >= target) break;
+      }
+    }
+    child.end(SIGKILL);
+
+    auto writer = open();
+    ASSERT_EQ(report.start, OpenReport::Start::kTakenOver) << report.message;
+    generations = writer->core().segment().fixed().generation;
+    const Model left = entries(*writer);
+    ASSERT_EQ(left.size(), writer->size());
+    for (const auto& [key, value] : left) ASSERT_TRUE(belongs(key, value)) << "torn";
+    while (reader.drain(1000, follow)) {
+    }
+    ASSERT_EQ(difference(followed, left), "") << "round " << round;
+  }
+  EXPECT_GT(found, 1000U);
+  EXPECT_GT(generations, 10U);
+}
+
+}  // namespace
+}  // namespace Memtab::Test

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "Memtab/Table.h"
+
+namespace Memtab::Test {
+
+// A key of the size of (VLAN, IPv6 address), and a value that can be told to belong to it.
+struct Key {
+  std::array<std::uint32_t, 5> words{};
+  auto operator<=>(const Key&) const = default;
+};
+struct Value {
+  std::uint32_t version = 0;
+  std::uint32_t check = 0;
+  bool operator==(const Value&) const = default;
+};
+
+inline Key keyOf(std::uint32_t i) { return {{i % 4096, 0xfe80, i * 2654435761U, ~i, i}}; }
+inline std::uint32_t checkOf(const Key& key, std::uint32_t version) {
+  return (key.words[4] + 1) * 2246822519U ^ version * 3266489917U;
+}
+inline Value valueOf(const Key& key, std::uint32_t version) { return {version, checkOf(key, version)}; }
+inline bool belongs(const Key& key, const Value& value) { return value == valueOf(key, value.version); }
+
+using Reader = TableReader<Key, Value>;
+using Writer = TableWriter<Key, Value>;
+using Model = std::map<Key, Value>;
+
+// Tables under a prefix of their own, which are removed with it.
+class Scratch : public testing::Test {
+ protected:
+  ~Scratch() override { directory.removeAll(); }
+
+  std::unique_ptr<Writer> open(const WriterOptions& options = {}) {
+    auto writer = Writer::open(directory, kTable, options, report);
+    EXPECT_TRUE(writer) << report.message;
+    return writer;
+  }
+  static void put(Writer& writer, std::uint32_t from, std::uint32_t to, std::uint32_t version = 0) {
+    for (std::uint32_t i = from; i < to; ++i) {
+      EXPECT_NE(writer.entryIs(keyOf(i), valueOf(keyOf(i), version)), Written::kFull);
+    }
+  }
+  // All entries, by iteration in slices.
+  template <class Table>
+  static Model entries(Table& table, std::size_t slice = 100) {
+    Model model;
+    Cursor cursor;
+    VisitResult result{.more = true};
+    while (result.more) {
+      result = table.visit(cursor, slice, [&](const Key& key, const Value& value) {
+        EXPECT_TRUE(model.emplace(key, value).second) << "visited twice: " << key.words[4];
+      });
+      EXPECT_LE(result.visited, slice);
+    }
+    return model;
+  }
+  // What two models differ in, for the message of a failed test; empty if they are equal.
+  static std::string difference(const Model& got, const Model& wanted) {
+    std::string text;
+    const auto describe = [&](const Model& model, const Key& key) {
+      const auto it = model.find(key);
+      text += it == model.end() ? " absent" : " version " + std::to_string(it->second.version);
+    };
+    Model all = got;
+    all.insert(wanted.begin(), wanted.end());
+    for (const auto& [key, value] : all) {
+      const auto a = got.find(key), b = wanted.find(key);
+      if (a != got.end() && b != wanted.end() && a->second == b->second) continue;
+      text += "key " + std::to_string(key.words[4]) + ": got";
+      describe(got, key);
+      text += ", wanted";
+      describe(wanted, key);
+      text += "; ";
+    }
+    return text;
+  }
+  // Drains all there is; the keys as often as they are reported.
+  static std::map<Key, int> drained(Reader& reader, std::size_t slice = 64) {
+    std::map<Key, int> keys;
+    while (reader.drain(slice, [&](const Key& key) { ++keys[key]; })) {
+    }
+    return keys;
+  }
+
+  static constexpr const char* kTable = "bridging/status.fdb";
+  Directory directory{"MemtabTest-" + std::to_string(getpid()) + '-' + std::to_string(count_++)};
+  OpenReport report;
+
+ private:
+  inline static int count_ = 0;
+};
+
+}  // namespace Memtab::Test

@@ -1,0 +1,331 @@
+#include <algorithm>
+#include <random>
+#include <set>
+#include <vector>
+
+#include "Scratch.h"
+
+namespace Memtab::Test {
+namespace {
+
+class TableTest : public Scratch {};
+
+TEST_F(TableTest, OneEntry) {
+  auto writer = open();
+  Reader reader(directory, "/bridging/status.fdb/");
+  const Key key = keyOf(1), other = keyOf(2);
+  EXPECT_EQ(report.start, OpenReport::Start::kCreated);
+  EXPECT_EQ(reader.lookup(key), std::nullopt);
+  EXPECT_EQ(writer->entryIs(key, {1, 1}), Written::kChanged);
+  EXPECT_EQ(writer->entryIs(key, {1, 1}), Written::kUnchanged);
+  EXPECT_EQ(reader.lookup(key), (Value{1, 1}));
+  EXPECT_EQ(writer->entry(key), (Value{1, 1}));
+  EXPECT_EQ(writer->entryIs(key, {2, 1}), Written::kChanged);
+  EXPECT_EQ(reader.lookup(key), (Value{2, 1}));
+  EXPECT_EQ(reader.lookupOr(other, {9, 9}), (Value{9, 9}));
+  EXPECT_FALSE(writer->entryDel(other));
+  EXPECT_TRUE(writer->entryDel(key));
+  EXPECT_FALSE(writer->entryDel(key));
+  EXPECT_EQ(reader.lookup(key), std::nullopt);
+  EXPECT_EQ(reader.size(), 0U);
+  EXPECT_EQ(writer->entryIs(key, {3, 3}), Written::kChanged);
+  EXPECT_EQ(reader.lookup(key), (Value{3, 3}));
+  EXPECT_EQ(reader.size(), 1U);
+}
+
+template <std::size_t N>
+using Bytes = std::array<std::uint8_t, N>;
+
+template <std::size_t K, std::size_t V>
+void fillAndCompare(const Directory& directory) {
+  OpenReport report;
+  const std::string table = "sizes/" + std::to_string(K) + '-' + std::to_string(V);
+  auto writer = TableWriter<Bytes<K>, Bytes<V>>::open(directory, table, {}, report);
+  ASSERT_TRUE(writer) << report.message;
+  std::mt19937 random(static_cast<unsigned>(K * 1000 + V));
+  std::map<Bytes<K>, Bytes<V>> model;
+  for (int i = 0; i < 3000; ++i) {
+    Bytes<K> key;
+    Bytes<V> value;
+    for (auto& byte : key) byte = static_cast<std::uint8_t>(random() % 4);
+    for (auto& byte : value) byte = static_cast<std::uint8_t>(random());
+    writer->entryIs(key, value);
+    model[key] = value;
+  }
+  TableReader<Bytes<K>, Bytes<V>> reader(directory, table);
+  EXPECT_EQ(reader.size(), model.size());
+  for (const auto& [key, value] : model) ASSERT_EQ(reader.lookup(key), value) << table;
+}
+
+TEST_F(TableTest, SizesThatAreNoMultipleOfAWord) {
+  fillAndCompare<1, 1>(directory);
+  fillAndCompare<3, 5>(directory);
+  fillAndCompare<6, 7>(directory);
+  fillAndCompare<8, 8>(directory);
+  fillAndCompare<17, 13>(directory);
+  fillAndCompare<64, 256>(directory);
+}
+
+TEST_F(TableTest, NamesAreKeptApart) {
+  const Directory inner(directory.prefix() + "-x");
+  for (const char* const bad : {"", "/", "a.bell", "a.next", "a.damaged-1-2"}) {
+    EXPECT_THROW(directory.segmentFile(bad), std::invalid_argument) << bad;
+  }
+  EXPECT_THROW(directory.segmentFile(std::string(300, 'a')), std::invalid_argument);
+  EXPECT_NE(directory.segmentFile("a+b"), directory.segmentFile("a/b"));
+  EXPECT_EQ(Directory::forRunDir("/run/a/").prefix(), Directory::forRunDir("/run/a").prefix());
+  EXPECT_NE(Directory::forRunDir("/run/a/b").prefix(), Directory::forRunDir("/run/a-b").prefix());
+  EXPECT_NE(Directory("p" + std::string(300, 'a') + '1').prefix(),
+            Directory("p" + std::string(300, 'a') + '2').prefix());
+  const auto writer = open();
+  auto odd = Writer::open(directory, "odd/%n ame", {}, report);
+  EXPECT_EQ(directory.tables(), (std::vector<std::string>{kTable, "odd/%n ame"}));
+  EXPECT_TRUE(inner.tables().empty());
+  inner.removeAll();
+  EXPECT_EQ(directory.tables().size(), 2U);
+}
+
+// Everything at once against a model: a reader that looks up, one that iterates, and one that only follows
+// the changes, with rings so short that it keeps falling behind, while the table grows, is emptied, shrinks
+// and grows again.
+struct Churn {
+  const char* name;
+  std::uint32_t ring;
+  std::uint32_t keys;
+  std::size_t slice;
+  unsigned drainEvery;  // operations, on average
+};
+
+class ChurnTest : public Scratch, public testing::WithParamInterface<Churn> {};
+
+TEST_P(ChurnTest, ReadersAgreeWithAModel) {
+  const Churn& churn = GetParam();
+  std::mt19937 random(churn.ring + churn.keys);
+  auto writer = open({.capacity = 16, .ringEntries = churn.ring});
+  Reader reader(directory, kTable), follower(directory, kTable);
+  follower.watch();
+  Model model, followed;
+  const auto follow = [&](const Key& key) {
+    const auto value = follower.lookup(key);
+    if (value) {
+      followed[key] = *value;
+    } else {
+      followed.erase(key);
+    }
+  };
+  std::uint64_t generation = 0;
+  for (std::uint32_t step = 0; step < 60000; ++step) {
+    const Key key = keyOf(static_cast<std::uint32_t>(random()) % churn.keys);
+    // Phases that mostly add, and phases that mostly delete.
+    if (random() % 10 < (step / 15000 % 2 == 0 ? 8U : 1U)) {
+      const Value value = valueOf(key, static_cast<std::uint32_t>(random()) % 4);
+      const bool changes = !model.contains(key) || model[key] != value;
+      ASSERT_EQ(writer->entryIs(key, value), changes ? Written::kChanged : Written::kUnchanged);
+      model[key] = value;
+    } else {
+      ASSERT_EQ(writer->entryDel(key), model.erase(key) == 1);
+    }
+    if (random() % churn.drainEvery == 0) follower.drain(churn.slice, follow);
+    if (random() % 64 == 0) writer->core().growStep(random() % 500);
+    const Key probe = keyOf(static_cast<std::uint32_t>(random()) % churn.keys);
+    const auto found = model.find(probe);
+    ASSERT_EQ(reader.lookup(probe), found == model.end() ? std::nullopt : std::optional(found->second));
+    if (step % 6000 == 5999) {
+      while (follower.drain(churn.slice, follow)) {
+      }
+      ASSERT_EQ(difference(followed, model), "") << "after step " << step;
+      ASSERT_EQ(difference(entries(reader, churn.slice), model), "");
+      ASSERT_EQ(difference(entries(*writer), model), "");
+      ASSERT_EQ(reader.size(), model.size());
+      generation = writer->core().segment().fixed().generation;
+    }
+  }
+  EXPECT_GT(generation, 5U) << "the table was meant to move";
+  if (churn.drainEvery > churn.ring) {
+    EXPECT_GT(follower.overruns(), 3U) << "the follower was meant to fall behind";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Memtab, ChurnTest,
+                         testing::Values(Churn{"tinyRing", 2, 500, 3, 5},
+                                         Churn{"shortRing", 64, 4000, 50, 300},
+                                         Churn{"rareDrain", 16, 3000, 1000, 5000},
+                                         Churn{"longRing", 65536, 4000, 17, 30}),
+                         [](const auto& info) { return info.param.name; });
+
+TEST_F(TableTest, NoEntryIsSkippedWhileTheTableChangesBetweenSlices) {
+  for (const std::size_t slice : {1U, 7U, 300U}) {
+    auto writer = open({.capacity = 16});
+    Reader reader(directory, kTable);
+    put(*writer, 0, 400);
+    std::map<Key, int> visited;
+    Cursor cursor;
+    std::uint32_t fresh = 1000, slices = 0;
+    bool more = true;
+    while (more) {
+      ASSERT_LT(++slices, 5000U) << "the walk does not end";
+      // The first 200 keys stay; the others go, and new ones make the table move again and again.
+      if (slices < 200) writer->entryDel(keyOf(200 + slices));
+      for (int i = 0; i < 8 && fresh < 5000; ++i, ++fresh) put(*writer, fresh, fresh + 1);
+      if (slices % 3 == 0 && fresh > 1100) writer->entryDel(keyOf(fresh - 90));
+      more = reader.visit(cursor, slice, [&](const Key& key, const Value&) { ++visited[key]; }).more;
+    }
+    EXPECT_TRUE(cursor.atEnd());
+    for (std::uint32_t i = 0; i < 200; ++i)
+      EXPECT_EQ(visited[keyOf(i)], 1) << "slice " << slice << " key " << i;
+    EXPECT_GT(writer->core().segment().fixed().generation, slice == 300 ? 0U : 4U);
+    writer->core().remove();
+  }
+}
+
+TEST_F(TableTest, AWalkResumesAtAKey) {
+  auto writer = open();
+  put(*writer, 0, 1000);
+  Reader reader(directory, kTable);
+  std::vector<Key> order;
+  Cursor all;
+  while (reader.visit(all, 50, [&](const Key& key, const Value&) { order.push_back(key); }).more) {
+  }
+  ASSERT_EQ(order.size(), 1000U);
+  put(*writer, 5000, 9000);  // the order holds in the segments to come
+  writer->entryDel(order[500]);
+  for (const std::size_t at : {0U, 1U, 499U, 500U, 999U}) {
+    std::set<Key> rest;
+    Cursor cursor = Reader::cursorFrom(order[at]);
+    while (reader.visit(cursor, 20, [&](const Key& key, const Value&) { rest.insert(key); }).more) {
+    }
+    for (std::size_t i = 0; i < order.size(); ++i) {
+      EXPECT_EQ(rest.contains(order[i]), i >= at && i != 500) << "from " << at << ", entry " << i;
+    }
+  }
+}
+
+// The keys that networks have differ in few bits, and not in random ones; whatever the seed, they must spread
+// over the buckets as random keys do: at five keys a bucket of eight, about three in a hundred find their
+// home full.
+TEST_F(TableTest, HashesOfRealisticKeysSpread) {
+  constexpr std::uint32_t kKeys = 50000, kHomes = kKeys / 5;
+  struct Case {
+    const char* name;
+    std::uint32_t words;
+    void (*fill)(std::uint32_t* key, std::uint32_t i);
+  };
+  const Case cases[] = {
+      {"numbers", 1, [](std::uint32_t* key, std::uint32_t i) { key[0] = i; }},
+      {"one VLAN, IPv4 in network order", 2,
+       [](std::uint32_t* key, std::uint32_t i) { key[0] = 10, key[1] = __builtin_bswap32(0x0a000000 + i); }},
+      {"many VLANs, few hosts", 2,
+       [](std::uint32_t* key, std::uint32_t i) { key[0] = i % 1000, key[1] = 0x0a000000 + i / 1000; }},
+      {"MAC of one maker", 3,
+       [](std::uint32_t* key, std::uint32_t i) { key[0] = 0x1c7300, key[2] = i << 8; }},
+      {"names", 4, [](std::uint32_t* key, std::uint32_t i) { key[0] = 0x6e616c56, key[1] = i; }},
+      {"IPv6 of one prefix", 5,
+       [](std::uint32_t* key, std::uint32_t i) { key[1] = 0x80fe, key[4] = __builtin_bswap32(i); }},
+      {"IPv4 in an IPv6 key", 5,
+       [](std::uint32_t* key, std::uint32_t i) { key[0] = i % 100, key[1] = __builtin_bswap32(i / 100); }},
+  };
+  std::mt19937_64 random(1);
+  for (int round = 0; round < 20; ++round) {
+    const HashSeed seed(random());
+    for (const Case& test : cases) {
+      std::vector<std::uint32_t> homes(kHomes);
+      for (std::uint32_t i = 0; i < kKeys; ++i) {
+        std::uint32_t key[5] = {};
+        test.fill(key, i);
+        ++homes[homeOf(hashWords(key, test.words, seed), kHomes)];
+      }
+      std::uint64_t displaced = 0, carried = 0;
+      for (const std::uint32_t count : homes) {
+        carried = std::max<std::uint64_t>(carried + count, kBucketSlots) - kBucketSlots;
+        displaced += carried;
+      }
+      EXPECT_LT(displaced, kKeys / 20) << test.name << ", round " << round;
+    }
+  }
+}
+
+// Keys whose hash is among the greatest, so that they all want the last bucket.
+std::vector<Key> crowdedKeys(std::uint64_t seed, std::size_t count) {
+  std::vector<Key> keys;
+  for (std::uint32_t i = 0; keys.size() < count; ++i) {
+    const Key key = keyOf(i);
+    if (hashWords(toWords(key).data(), 5, HashSeed(seed)) >> 54 == 0x3ff) keys.push_back(key);
+  }
+  return keys;
+}
+
+TEST_F(TableTest, ACrowdAtTheEndOfTheTable) {
+  constexpr std::uint64_t kSeed = 7;
+  const std::vector<Key> keys = crowdedKeys(kSeed, 1500);
+  auto writer = open({.capacity = 4000, .hashSeed = kSeed});
+  Reader reader(directory, kTable);
+  for (const Key& key : keys) ASSERT_EQ(writer->entryIs(key, valueOf(key, 1)), Written::kChanged);
+  for (const Key& key : keys) ASSERT_EQ(reader.lookup(key), valueOf(key, 1));
+  EXPECT_EQ(entries(reader, 1).size(), keys.size());
+  EXPECT_GT(writer->core().segment().fixed().generation, 0U) << "the crowd was meant not to fit";
+}
+
+TEST_F(TableTest, SizeInMemory) {
+  auto writer = open();
+  std::uint64_t generation = 0;
+  for (std::uint32_t i = 0; i < 200000; ++i) {
+    put(*writer, i, i + 1);
+    const Segment& segment = writer->core().segment();
+    if (segment.fixed().generation == generation) continue;
+    generation = segment.fixed().generation;
+    if (i > 20000) {
+      EXPECT_LE(static_cast<double>(segment.bytes()) / (i + 1), 64) << i << " entries";
+    }
+  }
+  EXPECT_GT(generation, 10U);
+  const std::size_t full = writer->core().bytes();
+  for (std::uint32_t i = 0; i < 200000; ++i) writer->entryDel(keyOf(i));
+  while (writer->core().growStep(1000)) {
+  }
+  EXPECT_LT(writer->core().bytes(), full / 4) << "a table that has been emptied gives its memory back";
+}
+
+TEST_F(TableTest, ReconciliationDeletesWhatWasNotSaidAgain) {
+  for (const bool grows : {false, true}) {
+    auto writer = open({.capacity = grows ? 16U : 10000U});
+    Reader reader(directory, kTable);
+    put(*writer, 0, 1000);
+    reader.watch();
+    writer->core().reconcileBegin();
+    put(*writer, 0, 300);                              // as before
+    put(*writer, 300, 400, 1);                         // changed
+    put(*writer, 1000, 1000 + (grows ? 3000U : 10U));  // new
+    int slices = 0;
+    while (writer->core().sweep(7)) {
+      put(*writer, 400, 401);  // said again in time, or made again
+      ASSERT_LT(++slices, 10000);
+    }
+    EXPECT_FALSE(writer->core().reconciling());
+    const auto left = entries(reader);
+    for (std::uint32_t i = 0; i < 1000; ++i) EXPECT_EQ(left.contains(keyOf(i)), i <= 400) << i;
+    const auto changes = drained(reader);
+    EXPECT_FALSE(changes.contains(keyOf(0)));
+    EXPECT_TRUE(changes.contains(keyOf(300)));
+    EXPECT_TRUE(changes.contains(keyOf(999)));
+    writer->core().remove();
+  }
+}
+
+TEST_F(TableTest, DeletingAllInSlicesLeavesWhatCameSince) {
+  auto writer = open();
+  put(*writer, 0, 2000);
+  Reader reader(directory, kTable);
+  ASSERT_TRUE(writer->entryDelAll(10));
+  EXPECT_EQ(reader.size(), 1990U);
+  put(*writer, 5000, 5003);
+  put(*writer, 0, 2);
+  while (writer->entryDelAll(10)) {
+  }
+  EXPECT_EQ(entries(reader).size(), 5U);
+  while (writer->entryDelAll(10)) {
+  }
+  EXPECT_EQ(reader.size(), 0U);
+}
+
+}  // namespace
+}  // namespace Memtab::Test
