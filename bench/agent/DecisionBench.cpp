@@ -64,9 +64,9 @@ namespace {
 class SinkSockets final : public Lanix::PacketSockets {
  public:
   std::uint64_t sent = 0;
-  ssize_t sendTo(int, const OutFrame& frame, std::uint16_t) override {
-    ++sent;
-    return static_cast<ssize_t>(frame.bytes.size());
+  int sendBatch(int, std::span<const OutFrame> frames, std::uint16_t) override {
+    sent += frames.size();
+    return static_cast<int>(frames.size());
   }
 };
 
