@@ -22,6 +22,8 @@ constexpr std::size_t kPageHeader = 16;
 constexpr std::size_t kNodeHeader = 8;
 constexpr std::size_t kMetaSize = 136;
 constexpr std::uint64_t kNoPage = ~std::uint64_t{0};
+// No store ever commits that often, and a number near the end would wrap: then an older header counts as newer.
+constexpr std::uint64_t kLastTransaction = std::uint64_t{1} << 62;
 constexpr unsigned kMaxDepth = 24;
 enum PageFlag : std::uint16_t { kBranch = 0x01, kLeaf = 0x02, kOverflow = 0x04, kMeta = 0x08 };
 enum NodeFlag : std::uint16_t { kBigData = 0x01 };
@@ -76,6 +78,8 @@ class Checker {
     const std::optional<Meta> second = metaOf(file_.subspan(pageSize_));
     if (!second || second->pageSize != first->pageSize) return "its second header is invalid";
     const Meta& meta = first->transaction < second->transaction ? *second : *first;
+    if (meta.transaction > kLastTransaction) return "its transaction number is out of range";
+    transaction_ = meta.transaction;
     if (meta.lastPage == 0 || meta.lastPage >= file_.size() / pageSize_) return "it is cut short";
     if (meta.free.flags % 0x40 != 0x08 || meta.main.flags % 0x40 != 0) return "its header has invalid flags";
     used_.resize(meta.lastPage + 1);
@@ -187,6 +191,8 @@ class Checker {
   bool behindLast(Bytes key, bool bound) {
     if (key.empty() || (integerKeys_ && key.size() != sizeof(std::uint64_t)))
       return bad("a key is malformed");
+    // The free list's keys are the transactions that freed the pages.
+    if (integerKeys_ && read<std::uint64_t>(key, 0) > transaction_) return bad("a key is out of range");
     if (lastKey_) {
       const bool after = integerKeys_ ? read<std::uint64_t>(key, 0) > read<std::uint64_t>(*lastKey_, 0)
                                       : text(key) > text(*lastKey_);
@@ -217,6 +223,7 @@ class Checker {
 
   const Bytes file_;
   std::size_t pageSize_ = 0;
+  std::uint64_t transaction_ = 0;
   bool integerKeys_ = false;
   bool lastIsBound_ = false;
   std::optional<Bytes> lastKey_;
