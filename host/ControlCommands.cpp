@@ -1,13 +1,9 @@
 #include "host/ControlCommands.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <vector>
 
 #include "Statedb/Json.h"
+#include "host/AgentAnswer.h"
 #include "host/JsonText.h"
 #include "host/Protocol.h"
 
@@ -18,7 +14,6 @@ namespace {
 using nlohmann::json;
 
 constexpr std::size_t kEntriesPerSlice = 256;
-constexpr std::size_t kTextPerSlice = 32 << 10;
 
 void appendLine(std::string& output, const json& answer) {
   output += Statedb::jsonText(answer);
@@ -36,45 +31,16 @@ const std::string* stringOf(const json& request, const char* key, std::string& o
 class ShowJob final : public ControlJob {
  public:
   explicit ShowJob(std::unique_ptr<Dump> dump) : dump_(std::move(dump)) {}
-  bool step(std::string& output) override {
+  Step step(std::string& output) override {
     std::string text;
     const bool more = dump_->step(kEntriesPerSlice, text);
     if (!text.empty()) appendLine(output, {{"text", text}});
     if (!more) ControlCommands::appendOk(output);
-    return more;
+    return more ? Step::more : Step::done;
   }
 
  private:
   const std::unique_ptr<Dump> dump_;
-};
-
-// A file in memory that an agent wrote its answer to.
-class AgentAnswerJob final : public ControlJob {
- public:
-  explicit AgentAnswerJob(int descriptor) : descriptor_(descriptor) {}
-  AgentAnswerJob(const AgentAnswerJob&) = delete;
-  AgentAnswerJob& operator=(const AgentAnswerJob&) = delete;
-  ~AgentAnswerJob() override { close(descriptor_); }
-
-  bool step(std::string& output) override {
-    std::vector<char> bytes(kTextPerSlice);
-    const ssize_t got = pread(descriptor_, bytes.data(), bytes.size(), at_);
-    if (got <= 0) {
-      ControlCommands::appendOk(output);
-      return false;
-    }
-    std::string_view text(bytes.data(), static_cast<std::size_t>(got));
-    // A character of several bytes must not be cut in two.
-    const std::size_t line = text.rfind('\n');
-    if (line != std::string_view::npos) text = text.substr(0, line + 1);
-    at_ += static_cast<off_t>(text.size());
-    appendLine(output, {{"text", text}});
-    return true;
-  }
-
- private:
-  const int descriptor_;
-  off_t at_ = 0;
 };
 
 class ClearJob final : public ControlJob {
@@ -83,11 +49,11 @@ class ClearJob final : public ControlJob {
       : table_(std::move(table)), before_(table_->remoteBindings()) {
     writer().reconcileBegin();
   }
-  bool step(std::string& output) override {
+  Step step(std::string& output) override {
     const bool more = writer().sweep(kEntriesPerSlice);
     table_->remoteBindingCollection().touched();
     if (!more) ControlCommands::appendOk(output, {{"changed", before_}});
-    return more;
+    return more ? Step::more : Step::done;
   }
 
  private:
@@ -107,6 +73,19 @@ void forEachLine(std::string_view lines, const Visit& visit) {
 }
 
 }  // namespace
+
+ControlCommands::ControlCommands(State& state, const Agents& agents, Orb::EventLoop& loop)
+    : state_(state), agents_(agents), answers_(std::make_unique<AgentAnswers>(loop)) {}
+
+ControlCommands::~ControlCommands() = default;
+
+std::size_t ControlCommands::appendText(std::string& output, std::string_view text) {
+  // A character of several bytes must not be cut in two.
+  const std::size_t line = text.rfind('\n');
+  if (line != std::string_view::npos) text = text.substr(0, line + 1);
+  appendLine(output, {{"text", text}});
+  return text.size();
+}
 
 void ControlCommands::appendOk(std::string& output, json answer) {
   answer["ok"] = true;
@@ -266,13 +245,9 @@ std::unique_ptr<ControlJob> ControlCommands::agent(const json& request, std::str
     loaded += (loaded.empty() ? "" : ", ") + agent->name();
     const Mox::Ptr<Orb::AgentCommandCallback> callback = agent->agentCommand("", *name);
     if (!callback) continue;
-    const int answer = memfd_create("agent answer", MFD_CLOEXEC);
-    if (answer < 0) {
-      appendError(output, std::string("no memory for the answer: ") + std::strerror(errno));
-      return nullptr;
-    }
-    auto job = std::make_unique<AgentAnswerJob>(answer);
-    callback->handleCommand(answer, arguments);
+    std::string error;
+    std::unique_ptr<ControlJob> job = answers_->run(*callback, arguments, error);
+    if (!job) appendError(output, error);
     return job;
   }
   appendError(output, "no plug-in that is ready answers \"" + *name +

@@ -2,6 +2,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -13,12 +15,31 @@
 
 namespace Host {
 
+class AgentAnswers;
+
 // Work of one request that is more than a moment's. Ends with its destruction, whether or not it was done.
 class ControlJob {
  public:
+  enum class Step : std::uint8_t {
+    more,     // to be called again
+    waiting,  // to be called again after a wake
+    done,     // the last answer line was appended
+  };
+
   virtual ~ControlJob() = default;
-  // Does a slice and appends whole answer lines; false after the last one.
-  virtual bool step(std::string& output) = 0;
+  // Does a slice and appends whole answer lines. May also be called while it waits.
+  virtual Step step(std::string& output) = 0;
+
+  // What `wake` calls, from any notification; it only schedules. Set before the first step.
+  void wakeIs(std::function<void()> wake) { wake_ = std::move(wake); }
+
+ protected:
+  void wake() const {
+    if (wake_) wake_();
+  }
+
+ private:
+  std::function<void()> wake_;
 };
 
 // What the control socket can be asked for (see host/Protocol.h). Runs in tasks of the event loop, so that
@@ -26,13 +47,18 @@ class ControlJob {
 class ControlCommands {
  public:
   using Agents = std::vector<Mox::Ptr<Orb::AgentBase>>;
-  // Both must outlive this.
-  ControlCommands(State& state, const Agents& agents) : state_(state), agents_(agents) {}
+  // All must outlive this.
+  ControlCommands(State& state, const Agents& agents, Orb::EventLoop& loop);
+  ControlCommands(const ControlCommands&) = delete;
+  ControlCommands& operator=(const ControlCommands&) = delete;
+  ~ControlCommands();
 
   // Takes one request line of a peer with this user id. Null when the whole answer was appended, otherwise
   // the rest.
   std::unique_ptr<ControlJob> start(std::string_view line, uid_t user, std::string& output);
 
+  // As much of it as are whole lines, or all when there is no end of a line; returns how much.
+  static std::size_t appendText(std::string& output, std::string_view text);
   static void appendOk(std::string& output, nlohmann::json answer = nlohmann::json::object());
   static void appendError(std::string& output, const std::string& error);
 
@@ -48,6 +74,7 @@ class ControlCommands {
 
   State& state_;
   const Agents& agents_;
+  const std::unique_ptr<AgentAnswers> answers_;
 };
 
 }  // namespace Host

@@ -1,5 +1,6 @@
 #include "host/ControlConnection.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -79,7 +80,9 @@ void ControlConnection::work() {
   bool again = true;
   do {
     if (job_) {
-      if (!job_->step(output_)) job_.reset();
+      const ControlJob::Step step = job_->step(output_);
+      if (step == ControlJob::Step::done) job_.reset();
+      again = step != ControlJob::Step::waiting;
     } else {
       again = takeRequest();
     }
@@ -91,9 +94,15 @@ void ControlConnection::work() {
     task_.schedule();
   } else if (mayRead_ && !eof_ && !refused_) {
     handleReadable();
-  } else if ((eof_ || refused_) && output_.empty()) {
+  } else if ((eof_ || refused_) && output_.empty() && (!job_ || hungUp())) {
     end();
   }
+}
+
+// The client has gone, and not only closed its side of the connection for requests.
+bool ControlConnection::hungUp() const {
+  pollfd state{descriptor_, 0, 0};
+  return poll(&state, 1, 0) > 0 && (state.revents & (POLLHUP | POLLERR)) != 0;
 }
 
 bool ControlConnection::takeRequest() {
@@ -111,7 +120,9 @@ bool ControlConnection::takeRequest() {
   }
   const std::string_view line = std::string_view(input_).substr(taken_, length);
   taken_ = scanned_ = newline + 1;
-  if (line.find_first_not_of(" \t\r") != std::string::npos) job_ = commands_.start(line, user_, output_);
+  if (line.find_first_not_of(" \t\r") == std::string::npos) return true;
+  job_ = commands_.start(line, user_, output_);
+  if (job_) job_->wakeIs([this] { task_.schedule(); });
   return true;
 }
 
@@ -145,6 +156,7 @@ void ControlConnection::active() { idle_.after(limits_.idleSeconds); }
 
 void ControlConnection::handleIdle() {
   if (hasEnded()) return;
+  if (job_ && output_.empty()) return active();  // it waits for us
   if (waiting() != 0 && output_.empty()) {
     refuse("the rest of the request did not come");
     send();

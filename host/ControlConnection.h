@@ -47,6 +47,7 @@ class ControlConnection {
   void active();
   void handleIdle();
   void end();
+  bool hungUp() const;
   std::size_t maxLine() const;
   std::size_t waiting() const { return input_.size() - taken_; }
   bool congested() const { return output_.size() - sent_ > limits_.unsent; }

@@ -29,7 +29,7 @@ const sockaddr* generic(const sockaddr_un& address) {
 ControlServer::ControlServer(const Mox::Ptr<Orb::TaskScheduler>& scheduler, State& state,
                              const ControlCommands::Agents& agents, Report report, ControlLimits limits)
     : scheduler_(scheduler),
-      commands_(state, agents),
+      commands_(state, agents, scheduler->loop()),
       report_(std::move(report)),
       limits_(limits),
       listening_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), "control socket")),

@@ -28,18 +28,26 @@ using ActivityManager = EventLoop;
 // A command that an operator can give to an agent.
 class AgentCommandCallback : public Mox::Entity {
  public:
+  // A large answer takes longer than the event loop may wait: the host lets it be written by a copy of the
+  // process, so such a command may read everything and change nothing.
+  enum class Answer : std::uint8_t { small, large };
+
   // A command is named by its first name, which may be empty, and its command name.
-  AgentCommandCallback(Mox::String firstName, Mox::String commandName)
-      : firstName_(std::move(firstName)), commandName_(std::move(commandName)) {}
+  AgentCommandCallback(Mox::String firstName, Mox::String commandName, Answer answer = Answer::small)
+      : firstName_(std::move(firstName)), commandName_(std::move(commandName)), answer_(answer) {}
   const Mox::String& firstName() const { return firstName_; }
   const Mox::String& commandName() const { return commandName_; }
+  Answer answer() const { return answer_; }
 
-  // Writes the answer to `descriptor`, which never blocks. Runs in the event loop.
+  // Empty, or one line that says which argument is refused and what is allowed. Asked before each run.
+  virtual Mox::String refusal(const std::vector<Mox::String>& /*arguments*/) const { return {}; }
+  // Writes the answer to `descriptor`: a file in memory, or with a large answer a pipe that blocks.
   virtual void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) = 0;
 
  private:
   Mox::String firstName_;
   Mox::String commandName_;
+  Answer answer_;
 };
 
 // What the process that loads agents does for them.

@@ -7,19 +7,29 @@
 
 namespace Orb {
 
-DumpContext::~DumpContext() {
+namespace {
+constexpr int kKeep = -1;
+constexpr int kGone = -2;
+constexpr std::size_t kPiece = 64 << 10;
+}  // namespace
+
+DumpContext::~DumpContext() { flush(); }
+
+void DumpContext::flush() {
   std::string_view rest = text_;
   while (!rest.empty() && descriptor_ >= 0) {
     const ssize_t written = write(descriptor_, rest.data(), rest.size());
     if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
-    rest.remove_prefix(static_cast<std::size_t>(written));
+    if (written <= 0) descriptor_ = kGone;
+    rest.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
   }
+  if (descriptor_ != kKeep) text_.clear();
 }
 
 void DumpContext::line(int indent, std::string_view text) {
   text_.append(static_cast<std::size_t>(std::max(indent, 0)), ' ').append(text).push_back('\n');
   ++lines_;
+  if (text_.size() >= kPiece && descriptor_ != kKeep) flush();
 }
 
 void DumpContext::raw(int indent, std::string_view text) {

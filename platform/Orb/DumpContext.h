@@ -1,24 +1,24 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "Mox/Ptr.h"
 
 namespace Orb {
 
-// Collects a state dump, one object a line, children indented below their parent, and writes it to a
-// descriptor at the end.
+// Writes a state dump to a descriptor, one object a line, children indented below their parent.
 //
 // Every dumpable class has `void dumpState(DumpContext&, int indent) const`, which prints its header line,
 // its own attributes as "name=value" lines with the same indent, and its children with an indent larger by 2.
 // An object that was dumped before in this context is not dumped again: a line refers to the line of its
 // first dump (counted from 1).
 //
-// The descriptor is written once, by the destructor; what it does not take at once (a full pipe, a reader
-// that has gone) is lost. A caller that must not lose anything gives a file in memory.
+// The text goes out in large pieces, the last one with the destructor. Once the descriptor refuses some (a
+// pipe that is full and does not block, a reader that has gone) the rest is lost. Without a descriptor (-1)
+// the text is kept.
 class DumpContext {
  public:
   explicit DumpContext(int descriptor) : descriptor_(descriptor) {}
@@ -52,6 +52,7 @@ class DumpContext {
   // Text of another facility, made of whole lines.
   void raw(int indent, std::string_view text);
 
+  // What was not written yet.
   const std::string& text() const { return text_; }
 
  private:
@@ -62,13 +63,14 @@ class DumpContext {
   static std::string asText(const Number& value) {
     return std::to_string(value);
   }
+  void flush();
   // The line of the first dump, or 0 and the object is marked as dumped at the next line.
   std::uint32_t dumpedAt(const void* object);
 
   int descriptor_;
   std::string text_;
   std::uint32_t lines_ = 0;
-  std::map<const void*, std::uint32_t> dumped_;
+  std::unordered_map<const void*, std::uint32_t> dumped_;
 };
 
 }  // namespace Orb

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "Suppression/RemoteBindingConfig.h"
+#include "host/AgentAnswer.h"
 #include "host/Bindings.h"
 #include "host/ControlAddress.h"
 #include "host/ControlServer.h"
@@ -300,41 +301,78 @@ TEST_F(Control, chunksAreAllOrNothingAndCounted) {
   EXPECT_FALSE(host.show(kRemote)["remoteBinding"].contains("10 10.0.0.1"));
 }
 
-// Neither an agent's answer of any length nor its characters come out changed.
+// Neither an agent's answer of any length nor its characters come out changed, also from a copy of the
+// process.
 TEST_F(Control, carriesAgentCommands) {
+  using Answer = Orb::AgentCommandCallback::Answer;
   struct Command final : Orb::AgentCommandCallback {
-    Command() : AgentCommandCallback("", "echo") {}
+    Command(const char* name, Answer answer) : AgentCommandCallback("", name, answer) {}
+    Mox::String refusal(const std::vector<Mox::String>& arguments) const override {
+      return arguments.size() > 100 ? "more than 100 words" : "";
+    }
     void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
       if (arguments == std::vector<Mox::String>{"fail"}) throw Mox::RangeError("out of range");
+      if (arguments == std::vector<Mox::String>{"endless"}) {
+        while (write(descriptor, "more\n", 5) == 5) {
+        }
+      }
       for (const auto& argument : arguments)
         EXPECT_GT(write(descriptor, argument.data(), argument.size()), 0);
     }
   };
   struct Agent final : Orb::AgentBase {
-    Agent() : AgentBase("Echo") { agentCommandCallbackIs(Mox::make<Command>()); }
+    Agent() : AgentBase("Echo") {
+      agentCommandCallbackIs(Mox::make<Command>("small", Answer::small));
+      agentCommandCallbackIs(Mox::make<Command>("large", Answer::large));
+    }
     void doInit() override {}
     void doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Statedb::EntityManager>&) override {}
   };
   agents.push_back(Mox::make<Agent>());
   serverIs();
-  const std::string line = "\xc3\xa4 \"quoted\" \\ \t" + std::string(1000, 'z') + "\n";
-  json args = json::array();
-  for (int i = 0; i < 100; ++i) args.push_back(line);
-  const std::string answer =
-      answerTo(json{{"cmd", "agent"}, {"command", "echo"}, {"args", args}}.dump() + "\n");
-  std::string text;
-  std::size_t lines = 0;
-  for (std::size_t at = 0; at < answer.size(); at = answer.find('\n', at) + 1, ++lines) {
-    text += json::parse(answer.substr(at, answer.find('\n', at) - at)).value("text", "");
+  const auto ask = [&](const char* name, const json& args) {
+    Peer peer(*server, kNobody);
+    peer.send(json{{"cmd", "agent"}, {"command", name}, {"args", args}}.dump() + "\n");
+    std::string answer;
+    for (int turns = 0; turns < 500 && answer.find("\"ok\":") == std::string::npos; ++turns) {
+      host.loop.step(0.02);
+      answer += peer.receive();
+    }
+    return answer;
+  };
+  const std::string line = "\xc3\xa4 \"quoted\" \\ \t" + std::string(300, 'z') + "\n";
+  const json args(100, line);
+  for (const char* name : {"small", "large"}) {
+    const std::string answer = ask(name, args);
+    std::string text;
+    for (std::size_t at = 0; at < answer.size(); at = answer.find('\n', at) + 1) {
+      text += json::parse(answer.substr(at, answer.find('\n', at) - at)).value("text", "");
+    }
+    std::string expected;
+    for (int i = 0; i < 100; ++i) expected += line;
+    EXPECT_EQ(text, expected) << name;
+    EXPECT_THAT(answer, testing::EndsWith(kOk));
+    EXPECT_EQ(ask(name, json::array()), kOk);
+    EXPECT_THAT(ask(name, json(101, "x")), HasSubstr("more than 100 words"));
   }
-  std::string expected;
-  for (int i = 0; i < 100; ++i) expected += line;
-  EXPECT_EQ(text, expected);
-  EXPECT_GT(lines, 3u);
-  EXPECT_THAT(answer, testing::EndsWith(kOk));
-  EXPECT_EQ(answerTo("{\"cmd\":\"agent\",\"command\":\"echo\"}\n"), kOk);
-  EXPECT_EQ(answerTo("{\"cmd\":\"agent\",\"command\":\"echo\",\"args\":[\"fail\"]}\n"),
-            "{\"error\":\"out of range\",\"ok\":false}\n");
+  EXPECT_EQ(ask("small", {"fail"}), "{\"error\":\"out of range\",\"ok\":false}\n");
+  EXPECT_THAT(ask("large", {"fail"}), HasSubstr("broke off"));
+
+  // Clients that go away, or do not read, cost a copy each until they go, and then nothing.
+  for (int round = 0; round < 3; ++round) {
+    std::vector<std::unique_ptr<Peer>> peers;
+    for (std::size_t i = 0; i < Host::AgentAnswers::kCopies; ++i) {
+      peers.push_back(std::make_unique<Peer>(*server, kNobody));
+      peers.back()->send("{\"cmd\":\"agent\",\"command\":\"large\",\"args\":[\"endless\"]}\n");
+      host.settle();
+    }
+    EXPECT_THAT(ask("large", {"x"}), HasSubstr("try again in a moment"));
+    peers.clear();
+    std::string answer = "try again";
+    for (int tries = 0; tries < 500 && answer.find("try again") != std::string::npos; ++tries)
+      answer = ask("large", {"x"});
+    EXPECT_THAT(answer, HasSubstr("\"text\":\"x\""));
+  }
 }
 
 TEST_F(Control, dropsIdleClientsAndServesSoMany) {

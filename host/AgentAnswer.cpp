@@ -1,0 +1,196 @@
+#include "host/AgentAnswer.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "Mox/Error.h"
+#include "Tracelet/Tracelet.h"
+
+namespace Host {
+
+namespace {
+
+constexpr std::size_t kTextPerSlice = 32 << 10;
+// Ends the text of a copy: without it the copy died in the middle. No text has it.
+constexpr char kComplete = '\0';
+constexpr int kAnswer = 3;  // the copy's only descriptor besides the standard ones
+
+// Never returns. Runs in the copy.
+[[noreturn]] void answer(Orb::AgentCommandCallback& command, const std::vector<Mox::String>& arguments,
+                         int descriptor, pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(1);
+  setpriority(PRIO_PROCESS, 0, 10);
+  // The ring file is shared with the parent, who goes on writing it.
+  Tracelet::textSinkIs([](std::string_view) {});
+  Tracelet::finalize();
+  if (dup3(descriptor, kAnswer, 0) < 0 && errno != EINVAL) _exit(1);
+  syscall(SYS_close_range, kAnswer + 1, ~0U, 0);
+  try {
+    command.handleCommand(kAnswer, arguments);
+  } catch (...) {
+    _exit(1);
+  }
+  while (write(kAnswer, &kComplete, 1) < 0 && errno == EINTR) {
+  }
+  _exit(0);
+}
+
+}  // namespace
+
+// A file in memory that the command wrote its answer to.
+class AgentAnswers::SmallJob final : public ControlJob {
+ public:
+  explicit SmallJob(int descriptor) : descriptor_(descriptor) {}
+  SmallJob(const SmallJob&) = delete;
+  SmallJob& operator=(const SmallJob&) = delete;
+  ~SmallJob() override { close(descriptor_); }
+
+  Step step(std::string& output) override {
+    std::array<char, kTextPerSlice> bytes;
+    const ssize_t got = pread(descriptor_, bytes.data(), bytes.size(), at_);
+    if (got <= 0) {
+      ControlCommands::appendOk(output);
+      return Step::done;
+    }
+    at_ += static_cast<off_t>(
+        ControlCommands::appendText(output, {bytes.data(), static_cast<std::size_t>(got)}));
+    return Step::more;
+  }
+
+ private:
+  const int descriptor_;
+  off_t at_ = 0;
+};
+
+// The text that a copy writes into a pipe, passed on as whole lines.
+class AgentAnswers::LargeJob final : public ControlJob {
+ public:
+  LargeJob(AgentAnswers& answers, pid_t copy, int descriptor)
+      : answers_(answers),
+        copy_(copy),
+        descriptor_(descriptor),
+        ready_(Mox::make<Orb::FileDescriptor>(answers.loop_, "agent answer")) {
+    ready_.on(Orb::FileDescriptor::readableCountChanged, [this] { wake(); });
+    ready_->descriptorIs(descriptor_);
+    ready_->nonBlockingIs(true);
+    ready_->notifyOnReadableIs(true);
+  }
+  LargeJob(const LargeJob&) = delete;
+  LargeJob& operator=(const LargeJob&) = delete;
+  ~LargeJob() override {
+    ready_->descriptorIs(-1);
+    close(descriptor_);
+    answers_.kill(copy_);
+  }
+
+  Step step(std::string& output) override {
+    std::array<char, kTextPerSlice> bytes;
+    const ssize_t got = read(descriptor_, bytes.data(), bytes.size());
+    if (got < 0) return errno == EINTR ? Step::more : Step::waiting;
+    if (got == 0) return end(output);
+    text_.append(bytes.data(), static_cast<std::size_t>(got));
+    if (text_.find('\n') != std::string::npos) text_.erase(0, ControlCommands::appendText(output, text_));
+    return Step::more;
+  }
+
+ private:
+  Step end(std::string& output) {
+    if (text_.ends_with(kComplete)) {
+      text_.pop_back();
+      if (!text_.empty()) ControlCommands::appendText(output, text_);
+      ControlCommands::appendOk(output);
+    } else {
+      ControlCommands::appendError(output, "the answer broke off: is there too little memory for it?");
+    }
+    return Step::done;
+  }
+
+  AgentAnswers& answers_;
+  const pid_t copy_;
+  const int descriptor_;
+  std::string text_;  // read, and not passed on
+  Mox::Notifiee<Orb::FileDescriptor> ready_;
+};
+
+AgentAnswers::~AgentAnswers() {
+  for (Copy& copy : copies_) {
+    ::kill(copy.id, SIGKILL);
+    copy.ended->descriptorIs(-1);
+    close(copy.handle);
+    waitpid(copy.id, nullptr, 0);
+  }
+}
+
+std::unique_ptr<ControlJob> AgentAnswers::run(Orb::AgentCommandCallback& command,
+                                              const std::vector<Mox::String>& arguments, std::string& error) {
+  error = command.refusal(arguments);
+  if (!error.empty()) return nullptr;
+  if (command.answer() == Orb::AgentCommandCallback::Answer::small) {
+    const int descriptor = memfd_create("agent answer", MFD_CLOEXEC);
+    if (descriptor < 0) {
+      error = std::string("no memory for the answer: ") + std::strerror(errno);
+      return nullptr;
+    }
+    auto job = std::make_unique<SmallJob>(descriptor);
+    command.handleCommand(descriptor, arguments);
+    return job;
+  }
+  if (copies_.size() >= kCopies) {
+    error = std::to_string(kCopies) + " such answers are being written already; try again in a moment";
+    return nullptr;
+  }
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    error = std::string("no pipe for the answer: ") + std::strerror(errno);
+    return nullptr;
+  }
+  const pid_t parent = getpid();
+  const pid_t id = fork();
+  if (id == 0) answer(command, arguments, ends[1], parent);
+  const int reason = errno;
+  close(ends[1]);
+  const int handle = id < 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, id, 0));
+  if (handle < 0) {
+    error = std::string("no process for the answer: ") + std::strerror(id < 0 ? reason : errno);
+    close(ends[0]);
+    if (id > 0) {
+      ::kill(id, SIGKILL);
+      waitpid(id, nullptr, 0);
+    }
+    return nullptr;
+  }
+  const auto copy = copies_.emplace(copies_.end());
+  copy->id = id;
+  copy->handle = handle;
+  copy->ended.notifierIs(Mox::make<Orb::FileDescriptor>(loop_, "copy of the process"));
+  copy->ended.on(Orb::FileDescriptor::readableCountChanged, [this, copy] { handleEnded(copy); });
+  copy->ended->descriptorIs(handle);
+  copy->ended->notifyOnReadableIs(true);
+  return std::make_unique<LargeJob>(*this, id, ends[0]);
+}
+
+void AgentAnswers::kill(pid_t id) {
+  for (const Copy& copy : copies_) {
+    if (copy.id == id) ::kill(id, SIGKILL);  // not waited for yet, so the number is still its own
+  }
+}
+
+void AgentAnswers::handleEnded(std::list<Copy>::iterator copy) {
+  waitpid(copy->id, nullptr, 0);
+  copy->ended->descriptorIs(-1);
+  close(copy->handle);
+  copies_.erase(copy);
+}
+
+}  // namespace Host

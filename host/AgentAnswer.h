@@ -1,0 +1,53 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Mox/Notifiee.h"
+#include "Orb/AgentBase.h"
+#include "Orb/FileDescriptor.h"
+#include "host/ControlCommands.h"
+
+namespace Host {
+
+// Runs agent commands for the control socket. One with a small answer runs in place. One with a large answer
+// runs in a copy of the process (fork(2)): it sees the state of one moment, takes as long as it needs, and
+// neither it nor a slow client holds up the event loop. The copy has nothing of this process but its memory:
+// no descriptor, no trace ring; it ends when its client goes, and with this process.
+class AgentAnswers {
+ public:
+  // More at a time would only fight for the other processor.
+  static constexpr std::size_t kCopies = 4;
+
+  explicit AgentAnswers(Orb::EventLoop& loop) : loop_(loop) {}
+  AgentAnswers(const AgentAnswers&) = delete;
+  AgentAnswers& operator=(const AgentAnswers&) = delete;
+  ~AgentAnswers();
+
+  // Null when `error` says why there is none: the command refuses the arguments, or there are no means to run
+  // it. The job must not outlive this.
+  std::unique_ptr<ControlJob> run(Orb::AgentCommandCallback& command,
+                                  const std::vector<Mox::String>& arguments, std::string& error);
+
+ private:
+  class SmallJob;
+  class LargeJob;
+
+  // A copy of the process, until it has been waited for.
+  struct Copy {
+    pid_t id = 0;
+    int handle = -1;  // becomes readable at its end (pidfd_open(2))
+    Mox::Notifiee<Orb::FileDescriptor> ended;
+  };
+  void kill(pid_t id);
+  void handleEnded(std::list<Copy>::iterator copy);
+
+  Orb::EventLoop& loop_;
+  std::list<Copy> copies_;
+};
+
+}  // namespace Host
