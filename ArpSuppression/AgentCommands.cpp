@@ -1,7 +1,9 @@
 #include "ArpSuppression/AgentCommands.h"
 
 #include "ArpSuppression/ArpSuppressionAgent.h"
+#include "ArpSuppression/Explain.h"
 #include "Orb/DumpContext.h"
+#include "Orb/JsonObject.h"
 
 namespace ArpSuppression {
 
@@ -10,12 +12,118 @@ namespace {
 class CliCallback final : public Orb::AgentCommandCallback {
  public:
   explicit CliCallback(Ptr<const ArpSuppressionRootSm> rootSm)
-      : AgentCommandCallback("", "showTechSupport"), rootSm_(std::move(rootSm)) {}
+      : AgentCommandCallback("", "showTechSupport", Answer::large), rootSm_(std::move(rootSm)) {}
 
   void handleCommand(int descriptor, const std::vector<Mox::String>& /*arguments*/) override {
     Orb::DumpContext context(descriptor);
     rootSm_->dumpState(context, 0);
     Memtab::dumpTables(*rootSm_->mounts()->arpSuppressionCounterStatus, context, 0);
+  }
+
+ private:
+  Ptr<const ArpSuppressionRootSm> rootSm_;
+};
+
+// The refusal of an argument, when it is one.
+template <class Value>
+Mox::String notA(const char* what, const Mox::String& text, const char* allowed) {
+  return Value::fromStrep(text) ? "" : Mox::String(what) + " \"" + text + "\" is not " + allowed;
+}
+constexpr char kVlans[] = "a VLAN id from 1 to 4094";
+
+class BindingsCommand final : public Orb::AgentCommandCallback {
+ public:
+  explicit BindingsCommand(Ptr<const ArpSuppressionRootSm> rootSm)
+      : AgentCommandCallback("", "bindings", Answer::large), rootSm_(std::move(rootSm)) {}
+
+  Mox::String refusal(const std::vector<Mox::String>& arguments) const override {
+    if (arguments.empty() || arguments.size() > 2)
+      return "bindings takes local or remote, and perhaps a VLAN";
+    if (arguments[0] != "local" && arguments[0] != "remote")
+      return "the table \"" + arguments[0] + "\" is not local or remote";
+    return arguments.size() == 1 ? "" : notA<Bridging::VlanId>("the VLAN", arguments[1], kVlans);
+  }
+
+  void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
+    Orb::DumpContext answer(descriptor);
+    std::optional<Bridging::VlanId> only;
+    if (arguments.size() == 2) only = Bridging::VlanId::fromStrep(arguments[1]);
+    Mox::String line = "[";  // one behind, as only the last element has no comma
+    const auto element = [&](const Orb::JsonObject& binding) {
+      answer.line(0, line);
+      line = binding.text() + ",";
+    };
+    if (arguments[0] == "local") {
+      local(only, element);
+    } else {
+      remote(only, element);
+    }
+    if (line.back() == ',') line.pop_back();
+    answer.line(0, line);
+    answer.line(0, "]");
+  }
+
+ private:
+  template <class Element>
+  void local(const std::optional<Bridging::VlanId>& only, const Element& element) const {
+    if (!rootSm_->root()) return;
+    for (const Ptr<LocalBinding>& binding : rootSm_->root()->localBindingRecord->bindingCollection()) {
+      const auto& [vlanId, mac] = binding->vlanIdMacAddress();
+      if (only && *only != vlanId) continue;
+      const VrfIpAddress& key = binding->vrfIpAddress();
+      Orb::JsonObject shown = start(key.vrfInfo, key.ipAddress, vlanId, mac);
+      const auto port =
+          rootSm_->mounts()->bridgingStatus->fdb({rootSm_->arpSuppressionSm()->fidOf(vlanId), mac});
+      if (port.intf) shown.add("interface", port.intf.toStrep());
+      element(shown.add("dynamic", binding->arpStatusHasDynamicEntry()));
+    }
+  }
+  // Also those of VLANs that have no layer-3 info: requests for them are answered as well.
+  template <class Element>
+  void remote(const std::optional<Bridging::VlanId>& only, const Element& element) const {
+    if (!rootSm_->mounts()->remoteBindingConfig) return;
+    rootSm_->mounts()->remoteBindingConfig->remoteBindingForEach([&](const RemoteBindingKey& key,
+                                                                     const RemoteBinding& binding) {
+      if (only && *only != key.vlanId) return;
+      const auto info = rootSm_->root() ? rootSm_->root()->vlanL3InfoStatus->vlanL3Info(key.vlanId) : nullptr;
+      element(start(info ? info->vrfInfo() : nullptr, key.ipAddress, key.vlanId, binding.macAddress)
+                  .add("localMultihomed", binding.localMultihomed));
+    });
+  }
+  static Orb::JsonObject start(const Ptr<VrfInfo>& vrf, const Lanix::IpGenAddr& address,
+                               Bridging::VlanId vlanId, const Lanix::EthAddr& mac) {
+    return Orb::JsonObject()
+        .add("vrf", vrf ? vrf->vrfName() : Mox::String())
+        .add("ip", address.toStrep())
+        .add("vlan", vlanId.value())
+        .add("mac", mac.toStrep());
+  }
+
+  Ptr<const ArpSuppressionRootSm> rootSm_;
+};
+
+class ExplainCommand final : public Orb::AgentCommandCallback {
+ public:
+  explicit ExplainCommand(Ptr<const ArpSuppressionRootSm> rootSm)
+      : AgentCommandCallback("", "explain"), rootSm_(std::move(rootSm)) {}
+
+  Mox::String refusal(const std::vector<Mox::String>& arguments) const override {
+    if (arguments.size() != 2 && arguments.size() != 3)
+      return "explain takes a VLAN, an IP address and perhaps the MAC that asks";
+    Mox::String wrong = notA<Bridging::VlanId>("the VLAN", arguments[0], kVlans);
+    if (wrong.empty())
+      wrong = notA<Lanix::IpGenAddr>("the address", arguments[1], "an IPv4 or IPv6 address like 10.0.0.9");
+    if (wrong.empty() && arguments.size() == 3)
+      wrong = notA<Lanix::EthAddr>("the MAC", arguments[2], "a MAC address like 02:00:00:00:00:09");
+    return wrong;
+  }
+
+  void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
+    std::optional<Lanix::EthAddr> from;
+    if (arguments.size() == 3) from = Lanix::EthAddr::fromStrep(arguments[2]);
+    Orb::DumpContext(descriptor)
+        .line(0, explain(*rootSm_, *Bridging::VlanId::fromStrep(arguments[0]),
+                         *Lanix::IpGenAddr::fromStrep(arguments[1]), from));
   }
 
  private:
@@ -36,16 +144,15 @@ class StatusCommand final : public Orb::AgentCommandCallback {
         if (active) vlans += (vlans.empty() ? "" : ",") + vlanId.toStrep();
       }
     }
-    const bool runnable = mounts.arpSuppressionStatus && mounts.arpSuppressionStatus->runnable();
-    Orb::DumpContext answer(descriptor);
-    answer.line(
-        0, Mox::String("{\"runnable\":") + Mox::toStrep(runnable) + ",\"activeVlans\":[" + vlans +
-               "],\"localBindings\":" + std::to_string(root ? root->localBindingRecord->bindings() : 0) +
-               ",\"remoteBindings\":" +
-               std::to_string(mounts.remoteBindingConfig ? mounts.remoteBindingConfig->remoteBindings() : 0) +
-               ",\"trapSocket\":\"" + state(rootSm_->messageTrapSm()) + "\",\"reinjectSocket\":\"" +
-               state(rootSm_->messageReinjectSm()) + "\",\"uptimeSeconds\":" +
-               std::to_string(static_cast<std::uint64_t>(loop_.now() - start_)) + "}");
+    Orb::JsonObject status;
+    status.add("runnable", mounts.arpSuppressionStatus && mounts.arpSuppressionStatus->runnable())
+        .json("activeVlans", "[" + vlans + "]")
+        .add("localBindings", root ? root->localBindingRecord->bindings() : 0)
+        .add("remoteBindings", mounts.remoteBindingConfig ? mounts.remoteBindingConfig->remoteBindings() : 0)
+        .add("trapSocket", state(rootSm_->messageTrapSm()))
+        .add("reinjectSocket", state(rootSm_->messageReinjectSm()))
+        .add("uptimeSeconds", static_cast<std::uint64_t>(loop_.now() - start_));
+    Orb::DumpContext(descriptor).line(0, status.text());
   }
 
  private:
@@ -63,7 +170,8 @@ class StatusCommand final : public Orb::AgentCommandCallback {
 
 std::vector<Ptr<Orb::AgentCommandCallback>> makeAgentCommands(const Ptr<ArpSuppressionRootSm>& rootSm,
                                                               Orb::EventLoop& loop) {
-  return {Mox::make<CliCallback>(rootSm), Mox::make<StatusCommand>(rootSm, loop)};
+  return {Mox::make<CliCallback>(rootSm), Mox::make<StatusCommand>(rootSm, loop),
+          Mox::make<BindingsCommand>(rootSm), Mox::make<ExplainCommand>(rootSm)};
 }
 
 }  // namespace ArpSuppression

@@ -11,8 +11,10 @@ class ArpSuppressionRootSm;
 
 // The commands that an operator can give to the agent:
 //
-//   showTechSupport   the state of every object, then the counters, as text
-//   status            what `arpsup status` shows, as a JSON object
+//   showTechSupport            the state of every object, then the counters, as text
+//   status                     what `arpsup status` shows, as a JSON object
+//   bindings KIND [VLAN]       the local or the remote bindings, as a JSON array, one element a line
+//   explain VLAN IP [MAC]      what would happen to a request, as a JSON object (ArpSuppression/Explain.h)
 //
 // They hold the root reactor: drop them before it.
 std::vector<Mox::Ptr<Orb::AgentCommandCallback>> makeAgentCommands(

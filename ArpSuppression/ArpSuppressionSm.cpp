@@ -187,11 +187,59 @@ ArpSuppressionSm::Decision ArpSuppressionSm::decide(const Facts& facts) {
   return kFlood;
 }
 
+ArpSuppressionSm::Delivery ArpSuppressionSm::deliver(const Request& request, const Facts& facts,
+                                                     const Decision& decision) const {
+  if (facts.localArpReq) return staticBinding(request.vlanId, request.targetIpAddress, decision.macAddress);
+  if (!request.sourcePort) return Delivery::unknownSourcePort;
+  if (*request.sourcePort == facts.fdbEntry.intf) return Delivery::samePort;
+  return fabricUsable() ? Delivery::send : Delivery::fabricNotUsable;
+}
+
+ArpSuppressionSm::Delivery ArpSuppressionSm::staticBinding(Bridging::VlanId vlanId,
+                                                           const Lanix::IpGenAddr& ipAddress,
+                                                           const Lanix::EthAddr& macAddress) const {
+  if (macAddress.isZero() || macAddress.isMulticast()) return Delivery::notABinding;
+  if (!ipAddress || ipAddress.isUnspecified() || ipAddress.isMulticast()) return Delivery::notABinding;
+  if (macAddress == bridgingConfig_->bridgeMacAddr()) return Delivery::bridgeMacAddr;
+  if (macAddress == fhrpVrMacStatus_->vgwVirtualMac()) return Delivery::vgwVirtualMac;
+  return vlanL3InfoStatus_->usableVlanL3Info(vlanId) ? Delivery::program : Delivery::noVlanL3Info;
+}
+
+std::optional<ArpSuppressionCounterId> ArpSuppressionSm::counterOf(Delivery delivery) {
+  switch (delivery) {
+    case Delivery::send:
+    case Delivery::notABinding:
+      break;
+    case Delivery::unknownSourcePort:
+      return Id::noReplyUnknownSourcePort;
+    case Delivery::samePort:
+      return Id::noReplySamePort;
+    case Delivery::fabricNotUsable:
+      return Id::noReplyFabricNotUsable;
+    case Delivery::program:
+      return Id::staticBindingEvent;
+    case Delivery::bridgeMacAddr:
+      return Id::staticBindingBridgeMac;
+    case Delivery::vgwVirtualMac:
+      return Id::staticBindingVirtualRouterMac;
+    case Delivery::noVlanL3Info:
+      return Id::staticBindingNoVlanL3Info;
+  }
+  return std::nullopt;
+}
+
 void ArpSuppressionSm::handleTrappedRequest() {
   const Ptr<const TrappedMessage> request = receivedRequestTrap_->lastTrappedMessage();
   if (!request) return;
-  const Facts facts = gather({request->vlanId(), request->senderIpAddress(), request->senderMacAddress(),
-                              request->targetIpAddress()});
+  const auto& srcIntf = request->srcIntf();
+  const Request asked{request->vlanId(), request->senderIpAddress(), request->senderMacAddress(),
+                      request->targetIpAddress(),
+                      srcIntf.intfStatus ? std::optional(srcIntf.intfStatus->intfId()) : std::nullopt};
+  const Facts facts = gather(asked);
+  const Decision decision = decide(facts);
+  const Delivery delivery =
+      decision.action == Action::reply ? deliver(asked, facts, decision) : Delivery::send;
+  const Id outcome = counterOf(delivery).value_or(decision.counter);
   TRACE8("trappedRequest=" << request << " localBindingMacAddress=" << facts.localBindingMac
                            << " remoteBindingMacAddress=" << facts.remoteBinding.macAddress
                            << " connectionType=" << facts.connectionType
@@ -202,12 +250,11 @@ void ArpSuppressionSm::handleTrappedRequest() {
       "trappedRequest=<vlanId={};srcIntf={};senderIpAddress={};senderMacAddress={};targetIpAddress={}>"
       " localBindingMacAddress={} remoteBindingMacAddress={} connectionType={} localArpReq={} "
       "targetIsMine={} probe={}"
-      " announcement={} fdbIntf={}",
+      " announcement={} fdbIntf={} outcome={}",
       request->vlanId().value(), request->srcIntf().ifIndex, request->senderIpAddress(),
       request->senderMacAddress(), request->targetIpAddress(), facts.localBindingMac,
       facts.remoteBinding.macAddress, letter(facts.connectionType), facts.localArpReq, facts.targetIsMine,
-      facts.probe, facts.announcement, facts.fdbEntry.intf);
-  const Decision decision = decide(facts);
+      facts.probe, facts.announcement, facts.fdbEntry.intf, kCounterNames[static_cast<std::size_t>(outcome)]);
   switch (decision.action) {
     case Action::leave:
       count(decision.counter);
@@ -217,7 +264,7 @@ void ArpSuppressionSm::handleTrappedRequest() {
       break;
     case Action::reply:
       count(decision.counter);
-      issueReply(*request, decision.macAddress, facts);
+      issueReply(*request, decision.macAddress, delivery);
       break;
   }
 }
@@ -225,26 +272,29 @@ void ArpSuppressionSm::handleTrappedRequest() {
 // --- What is done ----------------------------------------------------------------------------------------
 
 void ArpSuppressionSm::issueReply(const TrappedMessage& request, const Lanix::EthAddr& mac,
-                                  const Facts& facts) {
-  if (facts.localArpReq) {
-    TRACE8("localReq trappedRequest=" << request << " macAddress=" << mac);
-    maybeCreateStaticBinding(request.vlanId(), request.targetIpAddress(), mac, false);
-    return;
+                                  Delivery delivery) {
+  const auto trace = [&](const char* what) {
+    TRACE8(what << " trappedRequest=" << request << " macAddress=" << mac);
+  };
+  switch (delivery) {
+    case Delivery::send:
+    case Delivery::fabricNotUsable:
+      trace("send reply");
+      sendArpReply(request.vlanId(), request.targetIpAddress(), mac, request.senderIpAddress(),
+                   request.senderMacAddress());
+      break;
+    case Delivery::unknownSourcePort:
+      trace("unknown source port");
+      count(Id::noReplyUnknownSourcePort);
+      break;
+    case Delivery::samePort:
+      trace("source and target on same port");
+      count(Id::noReplySamePort);
+      break;
+    default:
+      trace("localReq");
+      maybeCreateStaticBinding(request.vlanId(), request.targetIpAddress(), mac, false);
   }
-  const auto& srcIntf = request.srcIntf();
-  if (!srcIntf.intfStatus) {
-    TRACE8("unknown source port trappedRequest=" << request << " macAddress=" << mac);
-    count(Id::noReplyUnknownSourcePort);
-    return;
-  }
-  if (srcIntf.intfStatus->intfId() == facts.fdbEntry.intf) {
-    TRACE8("source and target on same port trappedRequest=" << request << " macAddress=" << mac);
-    count(Id::noReplySamePort);
-    return;
-  }
-  TRACE8("send reply trappedRequest=" << request << " macAddress=" << mac);
-  sendArpReply(request.vlanId(), request.targetIpAddress(), mac, request.senderIpAddress(),
-               request.senderMacAddress());
 }
 
 void ArpSuppressionSm::sendArpReply(Bridging::VlanId vlanId, const Lanix::IpGenAddr& senderIpAddress,
@@ -253,7 +303,7 @@ void ArpSuppressionSm::sendArpReply(Bridging::VlanId vlanId, const Lanix::IpGenA
                                     const Lanix::EthAddr& targetMacAddress) {
   TRACE8("vlanId= " << vlanId << "senderIp= " << senderIpAddress << "senderMac=" << senderMacAddress
                     << "targetIp= " << targetIpAddress << "targetMac=" << targetMacAddress);
-  if (!fabricInterfaceWatch_ || !fabricInterfaceWatch_->usable()) {
+  if (!fabricUsable()) {
     TRACE8("fabric device not usable fabricInterfaceWatch=" << fabricInterfaceWatch_);
     count(Id::noReplyFabricNotUsable);
     return;
@@ -307,25 +357,13 @@ void ArpSuppressionSm::maybeCreateStaticBinding(Bridging::VlanId vlanId, const L
                                                 const Lanix::EthAddr& macAddress, bool onlyUpdate) {
   TRACE8("vlanId=" << vlanId << " ipAddress=" << ipAddress << " macAddress=" << macAddress
                    << " onlyUpdate=" << onlyUpdate);
-  if (macAddress.isZero() || macAddress.isMulticast()) return;
-  if (!ipAddress || ipAddress.isUnspecified() || ipAddress.isMulticast()) return;
-  if (macAddress == bridgingConfig_->bridgeMacAddr()) {
-    TRACE8("Not adding binding for bridgeMacAddr");
-    count(Id::staticBindingBridgeMac);
-    return;
-  }
-  if (macAddress == fhrpVrMacStatus_->vgwVirtualMac()) {
-    TRACE8("Not adding binding for vgwVirtualMac");
-    count(Id::staticBindingVirtualRouterMac);
-    return;
-  }
+  const Delivery delivery = staticBinding(vlanId, ipAddress, macAddress);
+  if (delivery == Delivery::bridgeMacAddr) TRACE8("Not adding binding for bridgeMacAddr");
+  if (delivery == Delivery::vgwVirtualMac) TRACE8("Not adding binding for vgwVirtualMac");
+  if (delivery == Delivery::noVlanL3Info) TRACE8("No vlanL3Info vlanId=" << vlanId);
+  if (const auto counter = counterOf(delivery)) count(*counter);
+  if (delivery != Delivery::program) return;
   const Ptr<VlanL3Info> vlanL3Info = vlanL3InfoStatus_->usableVlanL3InfoNonConst(vlanId);
-  if (!vlanL3Info) {
-    TRACE8("No vlanL3Info vlanId=" << vlanId);
-    count(Id::staticBindingNoVlanL3Info);
-    return;
-  }
-  count(Id::staticBindingEvent);
   arpInputConfigTrigger_->event(VrfIpAddress::fromVlanL3Info(*vlanL3Info, ipAddress), true);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "ArpSuppression/ArpInputConfigTrigger.h"
@@ -21,8 +22,8 @@ namespace ArpSuppression {
 
 // Answers trapped requests. For each it gathers what is known of the address asked for, decides, and does
 // exactly one of: reply on behalf of the owner, ask for a kernel neighbour (when the switch itself asked),
-// flood to the remote endpoints through the reinject queue, or leave the request alone. Gathering and
-// deciding change nothing, so that others can ask what would happen.
+// flood to the remote endpoints through the reinject queue, or leave the request alone. What is const here
+// changes nothing, so that others can ask what would happen.
 class ArpSuppressionSm final : public Mox::Entity {
  public:
   // How the owner's MAC is attached.
@@ -40,6 +41,7 @@ class ArpSuppressionSm final : public Mox::Entity {
     Lanix::IpGenAddr senderIpAddress;
     Lanix::EthAddr senderMacAddress;
     Lanix::IpGenAddr targetIpAddress;
+    std::optional<Lanix::IntfId> sourcePort;  // unless the port it came from has no interface status
   };
 
   // Everything that the decision rests on.
@@ -59,8 +61,22 @@ class ArpSuppressionSm final : public Mox::Entity {
   enum class Action : std::uint8_t { leave, flood, reply };
   struct Decision {
     Action action;
-    ArpSuppressionCounterId counter;  // not with flood, which counts by itself
-    Lanix::EthAddr macAddress;        // with reply: the answer
+    ArpSuppressionCounterId counter;
+    Lanix::EthAddr macAddress;  // with reply: the answer
+  };
+
+  // What becomes of an answer: a frame to the host that asks, a kernel neighbour when the switch asks, or
+  // neither for one of the reasons.
+  enum class Delivery : std::uint8_t {
+    send,
+    unknownSourcePort,
+    samePort,  // the host that asks and the owner share a port and hear each other
+    fabricNotUsable,
+    program,
+    notABinding,  // no unicast MAC or address
+    bridgeMacAddr,
+    vgwVirtualMac,
+    noVlanL3Info,
   };
 
   ArpSuppressionSm(Ptr<MessageTrap> receivedRequestTrap, Ptr<MessageQueue> reinjectMessageQueue,
@@ -76,6 +92,16 @@ class ArpSuppressionSm final : public Mox::Entity {
 
   Facts gather(const Request& request) const;
   static Decision decide(const Facts& facts);
+  // Of a decision to reply.
+  Delivery deliver(const Request& request, const Facts& facts, const Decision& decision) const;
+  // What is counted besides the decision's own counter.
+  static std::optional<ArpSuppressionCounterId> counterOf(Delivery delivery);
+
+  // The switch itself asks: its bridge MAC, or the gateway MAC that it shares.
+  bool localArpRequest(const Lanix::EthAddr& senderMacAddress) const;
+  // The VLAN's id in the MAC table.
+  Bridging::Fid fidOf(Bridging::VlanId vlanId) const;
+  bool fabricUsable() const { return fabricInterfaceWatch_ && fabricInterfaceWatch_->usable(); }
 
   Mox::String toStrep() const { return "<ArpSuppressionSm>"; }
   void dumpState(Orb::DumpContext& context, int indent) const;
@@ -86,19 +112,19 @@ class ArpSuppressionSm final : public Mox::Entity {
   void handleInBatch();
   void lookAhead(int round, Bridging::VlanId vlanId, const Lanix::IpGenAddr& targetIpAddress) const;
 
-  bool localArpRequest(const Lanix::EthAddr& senderMacAddress) const;
   Lanix::EthAddr lookupLocalDynamicBinding(const Ptr<const VlanL3Info>& vlanL3Info, Bridging::VlanId vlanId,
                                            const Lanix::IpGenAddr& ipAddress) const;
   MacConnectionType getMacConnectionType(Bridging::VlanId vlanId, const Lanix::EthAddr& mac,
                                          const Memtab::Bridging::MemtabFdbStatus& entry) const;
-  void issueReply(const TrappedMessage& request, const Lanix::EthAddr& mac, const Facts& facts);
+  void issueReply(const TrappedMessage& request, const Lanix::EthAddr& mac, Delivery delivery);
   // Sender and target are those of the reply: the owner answers the requester.
   void sendArpReply(Bridging::VlanId vlanId, const Lanix::IpGenAddr& senderIpAddress,
                     const Lanix::EthAddr& senderMacAddress, const Lanix::IpGenAddr& targetIpAddress,
                     const Lanix::EthAddr& targetMacAddress);
   void sendReplies();
-  Bridging::Fid fidOf(Bridging::VlanId vlanId) const;
   void sendToRemoteTeps(const Ptr<const TrappedMessage>& request);
+  Delivery staticBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
+                         const Lanix::EthAddr& macAddress) const;
   void maybeCreateStaticBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
                                 const Lanix::EthAddr& macAddress, bool onlyUpdate);
   void count(ArpSuppressionCounterId id) { arpSuppressionCounterStatus_->increment(id); }

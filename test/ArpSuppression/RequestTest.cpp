@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "Rig.h"
 
 namespace ArpSuppression {
@@ -8,6 +10,7 @@ namespace {
 
 using Bridging::EntryType;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -251,6 +254,34 @@ const Case kCases[] = {
      "replyRemote=1 trapExtraData=1 trappedRequest=1"},
 };
 
+// What `explain` says of an ordinary request, or "" when the case is of another kind.
+std::string explanationOf(Rig& rig, const Trapped& request) {
+  const bool ordinary = request.operation == 1 && request.senderIp != std::string("0.0.0.0") &&
+                        request.senderIp != std::string(request.targetIp);
+  const bool known = request.ifIndex == Rig::kEthernet1 || request.ifIndex == Rig::kEthernet2;
+  if (!ordinary || !known) return "";
+  std::vector<Mox::String> arguments{"10", request.targetIp};
+  if (request.ifIndex == Rig::kEthernet2 || request.senderMac == std::string(kBridgeMac) ||
+      request.senderMac == std::string(kVirtualMac)) {
+    if (request.ifIndex == Rig::kEthernet2)
+      rig.fdb(10, request.senderMac, EntryType::learnedDynamic, "Ethernet2");
+    arguments.push_back(request.senderMac);
+  }
+  rig.settle();
+  return rig.command("explain", arguments);
+}
+
+// Of counters by id, the last one that tells what became of the request.
+std::string lastOutcome(const std::string& counters) {
+  std::string last;
+  std::istringstream words(counters);
+  for (std::string word; words >> word;) {
+    const std::string name = word.substr(0, word.find('='));
+    if (name != "trappedRequest" && name != "reinjected" && name != "trapExtraData") last = name;
+  }
+  return last;
+}
+
 TEST(Request, decision_table) {
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -258,9 +289,15 @@ TEST(Request, decision_table) {
     c.setUp(rig);
     rig.start();
     rig.takeCounters();
+    const std::string explanation = explanationOf(rig, c.request);
+    EXPECT_EQ(rig.takeCounters(), "");
     const TestSupport::Frame frame = c.request.frame();
     rig.trap(frame);
-    EXPECT_EQ(rig.takeCounters(), c.counters);
+    const std::string counters = rig.takeCounters();
+    EXPECT_EQ(counters, c.counters);
+    if (!explanation.empty()) {
+      EXPECT_THAT(explanation, HasSubstr("\"name\":\"" + lastOutcome(counters) + "\""));
+    }
     const auto replies = rig.replies();
     ASSERT_THAT(replies, SizeIs(c.replyMac ? 1 : 0));
     if (c.replyMac) {
@@ -274,6 +311,37 @@ TEST(Request, decision_table) {
     }
     EXPECT_EQ(rig.errors, "");
   }
+}
+
+TEST(Request, explanations_of_what_is_never_trapped_and_of_nonsense) {
+  Rig rig;
+  rig.fdb(10, kOtherMac, EntryType::evpnLearned, "core10");
+  rig.remoteBinding(10, "10.0.0.99", kHostMac, true);
+  rig.start();
+  const struct {
+    std::vector<Mox::String> arguments;
+    const char* answer;
+  } cases[] = {
+      {{"20", "10.0.0.99"}, "VLAN 20: it is not in"},
+      {{"10", "fe80::1"}, "only ARP is trapped"},
+      {{"10", "10.0.0.99", kOtherMac}, "what comes from there is never trapped"},
+      {{"10", "10.0.0.99"}, "on a segment that is attached here too"},
+      {{"10"}, "explain takes"},
+      {{"4095", "10.0.0.99"}, "the VLAN \"4095\" is not a VLAN id from 1 to 4094"},
+      {{"10", "10.0.0"}, "the address \"10.0.0\" is not"},
+      {{"10", "10.0.0.99", "me"}, "the MAC \"me\" is not"},
+  };
+  for (const auto& c : cases) EXPECT_THAT(rig.command("explain", c.arguments), HasSubstr(c.answer));
+  rig.evpn()->mplsConfiguredIs(false);
+  rig.settle();
+  EXPECT_THAT(rig.command("explain", {"10", "10.0.0.99"}), HasSubstr("suppression does not run"));
+
+  EXPECT_EQ(rig.command("bindings", {"remote"}),
+            "[\n{\"vrf\":\"\",\"ip\":\"10.0.0.99\",\"vlan\":10,\"mac\":\"02:00:00:00:00:63\","
+            "\"localMultihomed\":true}\n]\n");
+  EXPECT_EQ(rig.command("bindings", {"remote", "20"}), "[\n]\n");
+  EXPECT_EQ(rig.command("bindings", {"local"}), "[\n]\n");
+  EXPECT_THAT(rig.command("bindings", {"both"}), HasSubstr("\"both\" is not local or remote"));
 }
 
 TEST(Request, a_binding_that_comes_and_goes_changes_the_answer_at_once) {

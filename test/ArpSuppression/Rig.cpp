@@ -170,11 +170,12 @@ void Rig::settle() {
   }
 }
 
-std::string Rig::command(const char* name) {
+std::string Rig::command(const char* name, const std::vector<Mox::String>& arguments) {
   const auto callback = agent_->agentCommand("", name);
   if (!callback) return {};
+  if (const Mox::String refusal = callback->refusal(arguments); !refusal.empty()) return refusal;
   const int file = memfd_create("answer", MFD_CLOEXEC);
-  callback->handleCommand(file, {});
+  callback->handleCommand(file, arguments);
   std::string answer(static_cast<std::size_t>(lseek(file, 0, SEEK_CUR)), '\0');
   const ssize_t size = pread(file, answer.data(), answer.size(), 0);
   close(file);

@@ -66,8 +66,8 @@ class Rig final : private Orb::AgentHost {
   void settle();
   // The turn in which the test's writes happened and the next one; whether there was anything to do in that.
   bool turn();
-  // What an operator's command to the agent answers.
-  std::string command(const char* name);
+  // What an operator's command to the agent answers, or why it is refused.
+  std::string command(const char* name, const std::vector<Mox::String>& arguments = {});
   Orb::EventLoop& eventLoop() { return loop_; }
   const Mox::Ptr<Orb::TaskSchedulerRoot>& scheduler() const { return scheduler_; }
 

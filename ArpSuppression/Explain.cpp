@@ -1,0 +1,211 @@
+#include "ArpSuppression/Explain.h"
+
+#include "Orb/JsonObject.h"
+
+namespace ArpSuppression {
+
+namespace {
+
+using Sm = ArpSuppressionSm;
+using Id = ArpSuppressionCounterId;
+
+constexpr const char* kConnectionTexts[] = {
+    "the MAC table does not know the owner",
+    "the owner is behind a remote endpoint",
+    "the owner is on a port of this switch and answers itself",
+    "the owner is on an Ethernet segment for which this switch is the designated forwarder",
+    "the owner is on an Ethernet segment for which a remote endpoint is the designated forwarder",
+};
+
+// Nobody's: no own MAC can be it.
+constexpr Lanix::EthAddr kSomeHost = Lanix::EthAddr::broadcast();
+
+struct DeliveryText {
+  const char* action;
+  const char* summary;
+};
+
+DeliveryText textOf(Sm::Delivery delivery) {
+  switch (delivery) {
+    case Sm::Delivery::send:
+      return {"reply", "the switch answers for the owner"};
+    case Sm::Delivery::unknownSourcePort:
+      return {"leave", "no answer: the port that the request comes from has no interface status"};
+    case Sm::Delivery::samePort:
+      return {"leave", "no answer: who asks and the owner share a port and hear each other"};
+    case Sm::Delivery::fabricNotUsable:
+      return {"leave", "no answer: the device \"fabric\", which answers leave by, is missing or down"};
+    case Sm::Delivery::program:
+      return {"program", "the switch itself asks: the owner becomes a neighbour in the kernel"};
+    case Sm::Delivery::notABinding:
+      return {"leave", "the switch itself asks, and the answer is no unicast MAC and address"};
+    case Sm::Delivery::bridgeMacAddr:
+      return {"leave", "the switch itself asks, and the answer is its own bridge MAC"};
+    case Sm::Delivery::vgwVirtualMac:
+      return {"leave", "the switch itself asks, and the answer is the shared gateway's MAC"};
+    case Sm::Delivery::noVlanL3Info:
+      return {"leave", "the switch itself asks, and the VLAN has no usable VLAN interface"};
+  }
+  return {"leave", ""};
+}
+
+class Explanation {
+ public:
+  Explanation(const ArpSuppressionRootSm& rootSm, Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
+              const std::optional<Lanix::EthAddr>& from)
+      : rootSm_(rootSm), mounts_(*rootSm.mounts()), vlanId_(vlanId), ipAddress_(ipAddress), from_(from) {
+    result_.add("vlan", vlanId.value()).add("ip", ipAddress.toStrep());
+    if (from) result_.add("from", from->toStrep());
+  }
+
+  Mox::String text() {
+    if (trapped()) decided();
+    result_.json("facts", facts_.empty() ? "[]" : facts_ + "]");
+    return result_.text();
+  }
+
+ private:
+  template <class Value>
+  void fact(const char* name, const Value& value, const Mox::String& text) {
+    facts_ += facts_.empty() ? "[" : ",";
+    facts_ += Orb::JsonObject().add("fact", name).add("value", value).add("text", text).text();
+  }
+  void concluded(const char* action, const Mox::String& summary, const std::optional<Id>& counter) {
+    result_.add("action", action).add("summary", summary);
+    if (!counter) return;
+    const auto id = static_cast<std::uint32_t>(*counter);
+    result_.json("counter", Orb::JsonObject().add("id", id).add("name", kCounterNames[id]).text());
+  }
+  // A condition without which the agent never sees the request.
+  bool needs(const char* name, bool holds, const char* text, const Mox::String& otherwise,
+             const std::optional<Id>& counter = std::nullopt) {
+    fact(name, holds, holds ? text : otherwise);
+    if (!holds) concluded("notTrapped", "the agent does not see the request: " + otherwise, counter);
+    return holds;
+  }
+
+  bool trapped() {
+    if (!needs("running", rootSm_.root() != nullptr, "suppression runs",
+               "suppression does not run; set \"mplsConfigured\" in evpn/status")) {
+      return false;
+    }
+    const Mox::String vlan = "VLAN " + vlanId_.toStrep();
+    const bool active = mounts_.arpSuppressionStatus && mounts_.arpSuppressionStatus->vlanId(vlanId_);
+    if (!needs("vlanActive", active, "suppression is active on the VLAN", whyInactive(vlan),
+               Id::trapVlanNotEnabled)) {
+      return false;
+    }
+    if (!needs("ipv4", ipAddress_.isIpv4(), "it is an ARP request",
+               "only ARP is trapped; IPv6 neighbour solicitations pass untouched")) {
+      return false;
+    }
+    const Ptr<MessageTrapSm>& trap = rootSm_.messageTrapSm();
+    return needs("trapSocket", trap && trap->socketOpen(), "the trap device is open",
+                 "the trap device is missing or down") &&
+           hasPort();
+  }
+
+  Mox::String whyInactive(const Mox::String& vlan) const {
+    const Mox::String inactive = "suppression is not active on " + vlan + ": ";
+    if (!mounts_.evpnStatus || !mounts_.evpnStatus->vlanToDot1qHas(vlanId_)) {
+      return inactive + "it is not in \"vlanToDot1q\" of evpn/status and has no remote binding";
+    }
+    if (!rootSm_.root()->vlanL3InfoStatus->usableVlanL3Info(vlanId_)) {
+      return inactive +
+             "its VLAN interface or its VRF is missing or not usable, and it has no remote binding";
+    }
+    return inactive + "the remote bindings are still being read";
+  }
+
+  // Where the request comes from.
+  bool hasPort() {
+    if (!from_ || rootSm_.arpSuppressionSm()->localArpRequest(*from_)) return true;
+    const Memtab::Bridging::MemtabFdbStatus entry =
+        mounts_.bridgingStatus->fdb({rootSm_.arpSuppressionSm()->fidOf(vlanId_), *from_});
+    if (entry == Memtab::Bridging::MemtabFdbStatus{}) {
+      fact("sourcePort", "",
+           "the MAC table does not know who asks; another port than the owner's is assumed");
+      return true;
+    }
+    const bool local =
+        Bridging::isEntryTypeLocal(entry.entryType) && !Bridging::isEntryTypeEvpn(entry.entryType);
+    sourcePort_ = entry.intf;
+    return needs("sourceIsLocal", local, "who asks is on a port of this switch",
+                 "who asks is behind the overlay, and what comes from there is never trapped") &&
+           (fact("sourcePort", entry.intf.toStrep(), "the port it comes from"), true);
+  }
+
+  void decided() {
+    const Sm& sm = *rootSm_.arpSuppressionSm();
+    const Sm::Request request{vlanId_, {}, from_.value_or(kSomeHost), ipAddress_, sourcePort_};
+    const Sm::Facts facts = sm.gather(request);
+    tell(facts);
+    const Sm::Decision decision = Sm::decide(facts);
+    switch (decision.action) {
+      case Sm::Action::leave:
+        return concluded("leave",
+                         facts.targetIsMine ? "no answer: the address is the switch's own, the kernel answers"
+                                            : "no answer: the owner is attached here and answers itself",
+                         decision.counter);
+      case Sm::Action::flood:
+        return concluded("flood",
+                         "nothing says who has the address: the request goes to the remote endpoints",
+                         decision.counter);
+      case Sm::Action::reply:
+        break;
+    }
+    const Sm::Delivery delivery = sm.deliver(request, facts, decision);
+    if (!facts.localArpReq) {
+      fact("fabricUsable", sm.fabricUsable(),
+           sm.fabricUsable() ? "answers can leave by \"fabric\"" : "answers cannot leave by \"fabric\"");
+    }
+    const DeliveryText text = textOf(delivery);
+    result_.add("mac", decision.macAddress.toStrep());
+    concluded(text.action, text.summary, Sm::counterOf(delivery).value_or(decision.counter));
+  }
+
+  // In the order in which the decision looks at them.
+  void tell(const Sm::Facts& facts) {
+    fact(
+        "targetIsMine", facts.targetIsMine,
+        facts.targetIsMine ? "the address is one of the VLAN interface's own" : "the address is not our own");
+    const auto macFact = [&](const char* name, const Lanix::EthAddr& mac, const char* known,
+                             const char* unknown) {
+      fact(name, mac.isZero() ? "" : mac.toStrep(), mac.isZero() ? unknown : known);
+    };
+    macFact("localBinding", facts.localBindingMac, "the kernel's neighbour table knows the owner",
+            "the kernel's neighbour table does not know the owner");
+    macFact("remoteBinding", facts.remoteBinding.macAddress,
+            facts.remoteBinding.localMultihomed
+                ? "another switch advertises the owner, on a segment that is attached here too"
+                : "another switch advertises the owner",
+            "no other switch advertises the owner");
+    macFact("owner", facts.bindingMac, "the MAC that counts", "no MAC is known");
+    fact("fid", facts.fid, "the MAC table's id of the VLAN");
+    if (facts.fdbEntry.intf) {
+      fact("ownerPort", facts.fdbEntry.intf.toStrep(), "where the MAC table has the owner");
+    }
+    const auto type = static_cast<std::size_t>(facts.connectionType);
+    fact("connectionType", Mox::toStrep(facts.connectionType), kConnectionTexts[type]);
+    fact("localArpReq", facts.localArpReq, facts.localArpReq ? "the switch itself asks" : "a host asks");
+  }
+
+  const ArpSuppressionRootSm& rootSm_;
+  const ArpSuppressionMounts& mounts_;
+  const Bridging::VlanId vlanId_;
+  const Lanix::IpGenAddr& ipAddress_;
+  const std::optional<Lanix::EthAddr>& from_;
+  // No device can have the name of the port that is assumed.
+  Lanix::IntfId sourcePort_ = Lanix::IntfId::fromName("any/other");
+  Orb::JsonObject result_;
+  Mox::String facts_;
+};
+
+}  // namespace
+
+Mox::String explain(const ArpSuppressionRootSm& rootSm, Bridging::VlanId vlanId,
+                    const Lanix::IpGenAddr& ipAddress, const std::optional<Lanix::EthAddr>& from) {
+  return Explanation(rootSm, vlanId, ipAddress, from).text();
+}
+
+}  // namespace ArpSuppression
