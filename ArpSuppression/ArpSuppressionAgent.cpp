@@ -256,14 +256,17 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
                        r.localRequestRecord, m.remoteBindingConfig, r.vlanL3InfoStatus, m.arpStatus,
                        m.bridgingConfig, m.bridgingStatus, m.evpnStatus, m.fhrpVrMacStatus, m.vrfNameToIdMap,
                        r.arpInputConfigTrigger);
-  messageReinjectSm_.is<MessageReinjectSmSimfwd>(scheduler, r.vlanL3InfoStatus, r.reinjectMessageQueue,
-                                                 m.arpSuppressionCounterStatus);
   if (isPhysicalHardware_) {
+    messageReinjectSm_.is<MessageReinjectSmPhysical>(scheduler, r.vlanL3InfoStatus, r.reinjectMessageQueue,
+                                                     m.arpSuppressionCounterStatus, m.evpnStatus,
+                                                     m.evpnMplsConfig, m.bridgingConfig);
     messageTrapSm_.is<MessageTrapSmPhysical>(scheduler, r.vlanL3InfoStatus, r.receivedRequestTrap,
                                              r.reinjectMessageQueue, ConstStatus(m.arpSuppressionStatus),
                                              m.arpSuppressionCounterStatus,
                                              ConstDevices(r.deviceIntfStatusDir));
   } else {
+    messageReinjectSm_.is<MessageReinjectSmSimfwd>(scheduler, r.vlanL3InfoStatus, r.reinjectMessageQueue,
+                                                   m.arpSuppressionCounterStatus);
     messageTrapSm_.is<MessageTrapSmSimfwd>(scheduler, r.vlanL3InfoStatus, r.receivedRequestTrap,
                                            r.reinjectMessageQueue, ConstStatus(m.arpSuppressionStatus),
                                            m.arpSuppressionCounterStatus,

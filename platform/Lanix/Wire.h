@@ -43,6 +43,7 @@ inline constexpr std::uint16_t kEtherTypeAll = 0x0003;
 inline constexpr std::uint16_t kEtherTypeIpv4 = 0x0800;
 inline constexpr std::uint16_t kEtherTypeArp = 0x0806;
 inline constexpr std::uint16_t kEtherTypeDot1q = 0x8100;
+inline constexpr std::uint16_t kEtherTypeMpls = 0x8847;  // unicast; RFC 3032, 5
 // The trap header of this system.
 inline constexpr std::uint16_t kEtherTypeTrap = 0x8135;
 
@@ -93,6 +94,18 @@ struct ArpIp4 {
   IpAddr targetIp;
 };
 static_assert(sizeof(ArpIp4) == 28 && alignof(ArpIp4) == 1);
+
+// An entry of an MPLS label stack (RFC 3032, 2.1; RFC 5462 for the traffic class):
+//   0   4  label (20 bits), traffic class (3 bits), bottom of stack (1 bit), time to live (8 bits)
+struct MplsLabelEntry {
+  Be32 word;
+
+  MplsLabelEntry() = default;
+  // Traffic class 0. `label` has 20 bits.
+  constexpr MplsLabelEntry(std::uint32_t label, bool bottomOfStack, std::uint8_t timeToLive)
+      : word(label << 12 | (bottomOfStack ? 0x100U : 0U) | timeToLive) {}
+};
+static_assert(sizeof(MplsLabelEntry) == 4 && alignof(MplsLabelEntry) == 1);
 
 // What stands before a trapped frame. The frame's own addresses are not carried: its Ethernet header counts
 // as beginning at offset 16, with its type at offset 28 and, for 0x8100, the tag control at 30 and the inner
