@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <span>
 #include <utility>
 
@@ -159,12 +160,12 @@ std::int32_t MessageReinjectSmPhysical::processMessage(const TrappedMessage& mes
 
   Lanix::ByteCursor trapped(message.message()->headData());
   const auto header = trapped.read<Lanix::TrapHeader>();
-  const auto innerType = trapped.read<Lanix::Be16>();
+  const auto innerType = header ? trapped.read<Lanix::Be16>() : std::nullopt;
   const bool origDot1QPresent = innerType && *innerType == Lanix::kEtherTypeDot1q;
   if (innerType) MOX_ASSERT(kSource, "false", origDot1QPresent || *innerType == Lanix::kEtherTypeArp);
   if (origDot1QPresent) trapped.skip(sizeof(Lanix::Dot1qTag));
   const auto arp = trapped.read<Lanix::ArpIp4>();
-  if (!header || !arp) {
+  if (!innerType || !arp) {
     errno = EBADMSG;
     return -1;
   }

@@ -473,33 +473,5 @@ TEST(Trap, socket_follows_its_device) {
   EXPECT_THAT(rig.netlinkSockets.openSockets(), IsEmpty());
 }
 
-TEST(Reinject, while_the_device_is_away_messages_are_dropped_uncounted) {
-  Rig rig;
-  rig.start();
-  rig.device("default", "arpinject", 0);
-  rig.settle();
-  rig.takeCounters();
-  rig.trap(Trapped{});
-  EXPECT_EQ(rig.takeCounters(), "floodedToRemoteTeps=1 trappedRequest=1");
-  EXPECT_EQ(rig.root()->reinjectMessageQueue->messages(), 0u);
-}
-
-TEST(Reinject, a_full_device_costs_one_message_and_the_rest_goes_when_it_takes_frames_again) {
-  Rig rig;
-  rig.start();
-  rig.sockets.device(Rig::kArpinject).fullIs(true);
-  rig.takeCounters();
-  rig.trap(Trapped{});
-  EXPECT_EQ(rig.takeCounters(), "floodedToRemoteTeps=1 trappedRequest=1 reinjectWriteFailed=1");
-  EXPECT_EQ(rig.root()->reinjectMessageQueue->queueLimitCurrent(), 50u);
-  for (int i = 0; i < 3; ++i) rig.sockets.device(Rig::kArpsnoop).receives(Trapped{}.frame());
-  rig.settle();
-  EXPECT_EQ(rig.root()->reinjectMessageQueue->messages(), 2u) << "one run lost one message";
-  rig.sockets.device(Rig::kArpinject).fullIs(false);
-  rig.settle();
-  EXPECT_EQ(rig.root()->reinjectMessageQueue->messages(), 0u);
-  EXPECT_EQ(rig.takeCounters(), "floodedToRemoteTeps=3 trappedRequest=3 reinjected=2 reinjectWriteFailed=1");
-}
-
 }  // namespace
 }  // namespace ArpSuppression

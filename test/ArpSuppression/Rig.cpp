@@ -238,7 +238,7 @@ void Rig::neighbour(const char* address, const char* macText, bool isStatic) {
 }
 
 void Rig::trap(const TestSupport::Frame& frame) {
-  sockets.device(kArpsnoop).receives(frame);
+  sockets.device(hardware ? kFabric : kArpsnoop).receives(frame);
   settle();
 }
 

@@ -116,8 +116,8 @@ class Rig final : private Orb::AgentHost {
   TestSupport::FakeNamespaces namespaces;
   TestSupport::FakeNetlinkSockets netlinkSockets;
   TestSupport::FakePacketSockets sockets;
-  bool hardware = false;
-  std::string errors;  // caught at dispatch
+  bool hardware = false;  // set before start(); traps and floods are on "fabric" then
+  std::string errors;     // caught at dispatch
 
  private:
   Orb::EventLoop& loop() override { return loop_; }
