@@ -161,19 +161,6 @@ TEST_F(AgentOnly, FollowsItsInputs) {
   switch_.stop();
 }
 
-TEST_F(AgentOnly, OnHardwareReadsTrapsOnFabric) {
-  json config = this->config();
-  config["hardware"] = true;
-  switch_.start(config);
-  ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
-  snoop_->send(trapped(requestFor(kRemoteIp)));  // to nobody
-  fabric_->send(trapped(requestFor(kRemoteIp)));
-  const auto reply = fabric_->receive(kDaemonPatience);
-  ASSERT_TRUE(reply.has_value());
-  EXPECT_EQ(hex(*reply), hex(replyOf(kRemote, kRemoteIp)));
-  EXPECT_EQ(difference({}, switch_.counters()), "replyRemote=1 trappedRequest=1");
-}
-
 // A million bindings come in by the control socket, and then all of them once more as an agent that starts
 // finds them. Who asks meanwhile gets an answer each time.
 TEST_F(AgentOnly, AnswersWhileAMillionBindingsComeIn) {

@@ -1,0 +1,105 @@
+// The agent on switch hardware: traps, replies and floods are on "fabric". What it floods is read by a
+// decoder of its own, tshark.
+
+#include <fstream>
+
+#include "lab/AgentSwitch.h"
+
+namespace Lab {
+namespace {
+
+constexpr Ip kNobody{10, 0, 0, 120};
+
+// A capture file (pcap, LINKTYPE_ETHERNET); no times.
+void capture(const std::string& name, const std::vector<Frame>& frames) {
+  std::ofstream file(name, std::ios::binary);
+  const auto put = [&](const std::vector<std::uint32_t>& words) {
+    file.write(reinterpret_cast<const char*>(words.data()), static_cast<std::streamsize>(4 * words.size()));
+  };
+  put({0xA1B2C3D4, 4U << 16 | 2, 0, 0, 65535, 1});
+  for (const Frame& frame : frames) {
+    const auto size = static_cast<std::uint32_t>(frame.size());
+    put({0, 0, size, size});
+    file.write(reinterpret_cast<const char*>(frame.data()), size);
+  }
+}
+
+class HardwareSwitch : public AgentSwitch {
+ protected:
+  void start() {
+    json config = this->config();
+    config["hardware"] = true;
+    config["state"]["evpn/status"]["imetLabel"] = {{"10", 703710}};
+    switch_.start(config);
+    ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
+  }
+};
+
+TEST_F(HardwareSwitch, AnswersOnTheDeviceThatTraps) {
+  start();
+  snoop_->send(trapped(requestFor(kRemoteIp)));  // to nobody
+  fabric_->send(trapped(requestFor(kRemoteIp)));
+  const auto reply = fabric_->receive(kDaemonPatience);
+  ASSERT_TRUE(reply.has_value());
+  EXPECT_EQ(hex(*reply), hex(replyOf(kRemote, kRemoteIp)));
+  EXPECT_EQ(difference({}, switch_.counters()), "replyRemote=1 trappedRequest=1");
+}
+
+TEST_F(HardwareSwitch, FloodsAreWhatADecoderReads) {
+  start();
+  const std::string name = switch_.runDirectory() + "-floods.pcap";  // goes with the switch
+  const Frame request = requestFor(kNobody);
+  for (const bool controlWord : {false, true}) {
+    std::vector<Frame> frames;
+    std::string expected;
+    for (const auto& [id, tagAll, innerTag] : {std::tuple<json, bool, std::string>{nullptr, false, ""},
+                                               {nullptr, true, ",10"},
+                                               {0, false, ",10"},
+                                               {77, false, ",77"}}) {
+      switch_.set("evpn/mplsConfig", {{"controlWordEnabled", controlWord}, {"addInnerDot1Q", tagAll}});
+      for (const auto& [esiLabel, label] : {std::pair(0, "3"), {74565, "74565"}}) {
+        switch_.set("evpn/status", {{"vlanAwareVlanId", {{"10", id}}},
+                                    {"segmentStatus", {{"Ethernet1", {{"esiLabel", esiLabel}}}}}});
+        for (const Frame& asked : {request, tagged(request, 99)}) {
+          fabric_->send(trapped(asked));
+          const auto flood = fabric_->receive(kDaemonPatience);
+          ASSERT_TRUE(flood.has_value());
+          frames.push_back(*flood);
+          expected += std::to_string(68 + (controlWord ? 4 : 0) + (innerTag.empty() ? 0 : 4)) +
+                      " 02:00:00:00:be:ef,ff:ff:ff:ff:ff:ff 02:00:00:00:00:0a,02:00:00:00:00:0a 4095" +
+                      innerTag + (innerTag.empty() ? " 0" : " 0,0") + " 703710," + label +
+                      " 0,0 0,1 255,255 " + (controlWord ? "0" : "") +
+                      " 1 02:00:00:00:00:0a 10.0.0.10 00:00:00:00:00:00 10.0.0.120 \n";
+        }
+      }
+    }
+    capture(name, frames);
+    // Nothing in a label tells whether a control word follows: the decoder is told.
+    const std::string inside = controlWord ? ",pwethcw" : ",pwethnocw";
+    Strings command{"/usr/bin/env",
+                    "tshark",
+                    "-n",
+                    "-r",
+                    name,
+                    "-T",
+                    "fields",
+                    "-E",
+                    "separator= ",
+                    "-d",
+                    "mpls.label==3" + inside,
+                    "-d",
+                    "mpls.label==74565" + inside};
+    for (const char* field :
+         {"frame.len", "eth.dst", "eth.src", "vlan.id", "vlan.priority", "mpls.label", "mpls.exp",
+          "mpls.bottom", "mpls.ttl", "pweth.cw.sequence_number", "arp.opcode", "arp.src.hw_mac",
+          "arp.src.proto_ipv4", "arp.dst.hw_mac", "arp.dst.proto_ipv4", "_ws.malformed"}) {
+      command.insert(command.end(), {"-e", field});
+    }
+    Process decoder(command);
+    ASSERT_EQ(decoder.wait(), 0) << decoder.error;
+    EXPECT_EQ(decoder.output, expected);
+  }
+}
+
+}  // namespace
+}  // namespace Lab
