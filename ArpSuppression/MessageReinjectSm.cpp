@@ -89,6 +89,9 @@ Orb::WalkRet MessageReinjectSmBase::walk() {
       const int error = errno;
       TRACE8("write failed errno=" << std::strerror(error));
       arpSuppressionCounterStatus_->increment(ArpSuppressionCounterId::reinjectWriteFailed);
+      // The kernel took the frame, and the device's queue had no place: the frame's own end makes the socket
+      // writable. Followed, each message of the queue would be lost to that of the one before.
+      if (error == ENOBUFS) ignoreNextReadiness();
       break;
     }
     arpSuppressionCounterStatus_->increment(ArpSuppressionCounterId::reinjected);

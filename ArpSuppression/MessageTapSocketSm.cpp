@@ -83,6 +83,7 @@ void MessageTapSocketSm::openSocket() {
     return;
   }
   TRACE8("bound socket=" << sock);
+  ignoreNextReadiness_ = false;
   auto descriptor = Mox::make<Orb::FileDescriptor>(scheduler()->loop(), "ArpTrap");
   try {
     descriptor->descriptorIs(sock);
@@ -118,7 +119,7 @@ void MessageTapSocketSm::closeSocket() {
 void MessageTapSocketSm::handleFileDescriptor() {
   TRACE8("scheduled=" << walkScheduled() << " readableCount=" << fileDescriptor_->readableCount()
                       << " writableCount=" << fileDescriptor_->writableCount());
-  scheduleWalk();
+  if (!std::exchange(ignoreNextReadiness_, false)) scheduleWalk();
 }
 
 int MessageTapSocketSm::socket() const { return fileDescriptor_ ? fileDescriptor_->descriptor() : -1; }

@@ -39,6 +39,8 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
 
   // The open socket, or -1.
   int socket() const;
+  // The next readiness of this socket is no news, and does not schedule the walk.
+  void ignoreNextReadiness() { ignoreNextReadiness_ = true; }
   void dumpSocket(Orb::DumpContext& context, int indent) const;
 
  private:
@@ -55,6 +57,7 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
   Ptr<VlanL3InfoStatus> vlanL3InfoStatus_;
   Mox::Notifiee<VrfInterfaceWatch> interfaceWatch_;
   Mox::Notifiee<Orb::FileDescriptor> fileDescriptor_;
+  bool ignoreNextReadiness_ = false;
 };
 
 }  // namespace ArpSuppression

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "Rig.h"
 
 namespace ArpSuppression {
@@ -185,16 +187,20 @@ TEST(Reinject, a_failed_write_costs_one_message_and_the_rest_waits_for_the_next_
   const auto& queue = rig.root()->reinjectMessageQueue;
   auto& device = rig.sockets.device(Rig::kArpinject);
   rig.takeCounters();
-  for (int i = 0; i < 4; ++i) queue->enqueueMessage(message({}));
-  rig.sockets.fails(TestSupport::FakePacketSockets::Call::send, ENETDOWN);
-  rig.settle();
-  EXPECT_EQ(queue->messages(), 3u);
-  EXPECT_EQ(queue->queueLimitCurrent(), 50u);
-  EXPECT_FALSE(rig.eventLoop().step(0)) << "nothing is tried again by itself";
-  queue->enqueueMessage(message({}));
-  rig.settle();
-  EXPECT_EQ(queue->messages(), 0u);
-  EXPECT_EQ(rig.takeCounters(), "reinjected=4 reinjectWriteFailed=1");
+  for (const int error : {ENETDOWN, ENOBUFS}) {
+    SCOPED_TRACE(std::strerror(error));
+    for (int i = 0; i < 4; ++i) queue->enqueueMessage(message({}));
+    rig.sockets.fails(TestSupport::FakePacketSockets::Call::send, error, 100);
+    rig.settle();
+    EXPECT_EQ(queue->messages(), 3u);
+    EXPECT_EQ(queue->queueLimitCurrent(), 50u);
+    EXPECT_FALSE(rig.eventLoop().step(0)) << "nothing is tried again by itself";
+    rig.sockets.fails(TestSupport::FakePacketSockets::Call::send, 0, 0);
+    queue->enqueueMessage(message({}));
+    rig.settle();
+    EXPECT_EQ(queue->messages(), 0u);
+    EXPECT_EQ(rig.takeCounters(), "reinjected=4 reinjectWriteFailed=1");
+  }
 
   device.fullIs(true);
   for (int i = 0; i < 3; ++i) queue->enqueueMessage(message({}));

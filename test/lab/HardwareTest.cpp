@@ -101,5 +101,38 @@ TEST_F(HardwareSwitch, FloodsAreWhatADecoderReads) {
   }
 }
 
+// The kernel refuses what the queue of a device has no place for, and with that wakes the socket: what waits
+// in the agent must not follow.
+TEST_F(HardwareSwitch, FullDeviceDoesNotUseUpWhatWaits) {
+  start();
+  const auto tc = [](const char* action, const Strings& more) {
+    Strings command{"/usr/bin/env", "tc", "qdisc", action, "dev", "fabric", "root"};
+    command.insert(command.end(), more.begin(), more.end());
+    Process process(command);
+    return process.wait() == 0 ? std::string() : "tc refused: " + process.error;
+  };
+  // A second's worth is 125 bytes, and some 20 frames wait.
+  const std::string refused = tc("add", {"tbf", "rate", "1kbit", "burst", "1600", "limit", "1600"});
+  if (!refused.empty()) GTEST_SKIP() << "this kernel has no token bucket queue: " << refused;
+  constexpr int kAsked = 120;
+  for (std::uint8_t i = 0; i < kAsked; ++i) fabric_->send(trapped(requestFor({10, 0, 1, i})));
+  const auto await = [&](const auto& done) {
+    const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
+    Counters counters = switch_.counters();
+    while (!done(counters) && std::chrono::steady_clock::now() < deadline) counters = switch_.counters();
+    return counters;
+  };
+  Counters counters =
+      await([](Counters& c) { return c["trappedRequest"] == kAsked && c["reinjectWriteFailed"] > 0; });
+  EXPECT_GT(counters["reinjected"], 0);
+  EXPECT_GT(counters["reinjectWriteFailed"], 0);
+  EXPECT_LT(counters["reinjectWriteFailed"], 20);
+  EXPECT_EQ(tc("del", {}), "");
+  counters = await([](Counters& c) { return c["reinjected"] + c["reinjectWriteFailed"] == kAsked; });
+  EXPECT_EQ(counters["reinjected"] + counters["reinjectWriteFailed"], kAsked)
+      << "the rest goes when there is place";
+  EXPECT_LT(counters["reinjectWriteFailed"], 20);
+}
+
 }  // namespace
 }  // namespace Lab

@@ -124,13 +124,22 @@ ssize_t FakePacketSockets::send(std::uint32_t ifIndex, std::span<const std::byte
 
 ssize_t FakePacketSockets::write(int socket, std::span<const std::byte> frame) {
   ++sendCalls_;
-  if (failing(Call::send)) return -1;
+  const bool refused = failing(Call::send);
   const auto at = sockets_.find(socket);
-  if (at == sockets_.end() || at->second.ifIndex == 0) {
+  if (!refused && (at == sockets_.end() || at->second.ifIndex == 0)) {
     errno = at == sockets_.end() ? EBADF : ENXIO;
     return -1;
   }
-  return send(at->second.ifIndex, frame);
+  const ssize_t written = refused ? -1 : send(at->second.ifIndex, frame);
+  const int error = errno;
+  // A frame that the kernel took wakes the socket when it is done with, also when the device had no place.
+  if (written >= 0 || error == ENOBUFS) {
+    const std::byte done{};
+    ::send(socket, &done, 1, MSG_DONTWAIT);
+    drain(at->second.far);
+  }
+  errno = error;
+  return written;
 }
 
 ssize_t FakePacketSockets::sendTo(int socket, const OutFrame& frame, std::uint16_t) {
