@@ -69,7 +69,7 @@ class WholeSwitch : public testing::Test {
     pinToOneCpu();  // the daemon too: frames arrive in the order of sending
     bridgeIs("vlan10");
     KernelState::addressIs("vlan10", "10.0.10.1/24");
-    for (const char* port : {"Ethernet1", "Ethernet2", "core10"}) {
+    for (const char* port : {"Ethernet1", "Ethernet2", "core10", "core11"}) {
       vethIs(port, std::string("far-") + port, outside_);
       portIs(port, "vlan10");
     }
@@ -77,11 +77,12 @@ class WholeSwitch : public testing::Test {
     host1_.emplace("far-Ethernet1");
     host2_.emplace("far-Ethernet2");
     far_.emplace("far-core10");
+    far2_.emplace("far-core11");
   }
 
   void start() {
     switch_.start({{"agents", {"KernelState", "SoftForward", "ArpSuppression"}},
-                   {"vlans", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}}}}},
+                   {"vlans", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10", "core11"}}}}}},
                    {"state",
                     {{"evpn/status", {{"mplsConfigured", true}, {"vlanToDot1q", {{"10", 10}}}}},
                      {"arpSuppression/remoteBindingConfig/evpn",
@@ -107,11 +108,11 @@ class WholeSwitch : public testing::Test {
     quiet();
   }
 
-  // What came to the far end and to the hosts until now; nothing is on its way afterwards.
+  // What came to the far ends and to the hosts until now; nothing is on its way afterwards.
   struct Seen {
-    Texts far, host1, host2;
+    Texts far, far2, host1, host2;
   };
-  // A request for nobody goes by way of the agent to the far end, behind everything that the agent does for
+  // A request for nobody goes by way of the agent to the far ends, behind everything that the agent does for
   // earlier ones; then a broadcast of each host comes to the other one, behind everything that was sent to
   // it.
   Seen quiet() {
@@ -119,6 +120,7 @@ class WholeSwitch : public testing::Test {
     const Frame flooded = request({10, 0, 11, ++sentinels_});
     host1_->send(flooded);
     seen.far = hexOf(far_->receiveUntil(flooded));
+    seen.far2 = hexOf(far2_->receiveUntil(flooded));
     const Frame second = plainFrame(kHost2, kBroadcast, kSentinelType, sentinels_);
     const Frame first = plainFrame(kHost1, kBroadcast, kSentinelType, sentinels_);
     host2_->send(second);
@@ -127,6 +129,7 @@ class WholeSwitch : public testing::Test {
     seen.host2 = hexOf(host2_->receiveUntil(first));
     if (!seen.host2.empty() && seen.host2.back() == hex(flooded)) seen.host2.pop_back();
     far_->receiveUntil(first);
+    far2_->receiveUntil(first);
     return seen;
   }
 
@@ -146,7 +149,7 @@ class WholeSwitch : public testing::Test {
   Namespace outside_;
   Switch switch_;
   Entered entered_{switch_.netNs()};
-  std::optional<PacketSocket> host1_, host2_, far_;
+  std::optional<PacketSocket> host1_, host2_, far_, far2_;  // far: the ends of two tunnels
   std::uint8_t sentinels_ = 0;
 };
 
@@ -192,6 +195,36 @@ TEST_F(WholeSwitch, KeepsRequestsOffTheOverlay) {
   EXPECT_THAT(seen.far, IsEmpty());
 }
 
+TEST_F(WholeSwitch, WhatNobodyKnowsReachesEveryEndpointOnceAndTheAnswerComesBack) {
+  start();
+  Texts asked;
+  for (std::uint8_t i = 1; i <= 40; ++i) {
+    const Frame frame = request({10, 0, 12, i});
+    host1_->send(frame);
+    asked.push_back(hex(frame));
+  }
+  // Also what is not a question.
+  for (const auto operation : std::to_array<std::uint16_t>({1, 2})) {
+    const Frame frame = arpFrame({operation, kHost1, kHost1Ip, kHost1, kHost1Ip});
+    host1_->send(frame);
+    asked.push_back(hex(frame));
+  }
+  Seen seen = quiet();
+  EXPECT_EQ(seen.far, asked);
+  EXPECT_EQ(seen.far2, asked);
+  EXPECT_EQ(seen.host2, asked);
+  EXPECT_THAT(seen.host1, IsEmpty()) << "its own question came back";
+
+  const Mac owner{0x02, 0, 0, 0, 0, 0x77};
+  const Frame answer = reply(owner, {10, 0, 12, 7});
+  far2_->send(answer);
+  seen = quiet();
+  EXPECT_THAT(seen.host1, ElementsAre(hex(answer)));
+  EXPECT_THAT(seen.host2, IsEmpty());
+  EXPECT_THAT(seen.far, IsEmpty());
+  EXPECT_THAT(seen.far2, IsEmpty());
+}
+
 TEST_F(WholeSwitch, IsAPlainSwitchAgainAfterTheDaemon) {
   start();
   EXPECT_GT(filtersOf("Ethernet1"), 0);
@@ -199,7 +232,7 @@ TEST_F(WholeSwitch, IsAPlainSwitchAgainAfterTheDaemon) {
   expectSuppression();
   switch_.stop();
   for (const char* device : kDevices) EXPECT_EQ(ifIndex(device), 0U) << device;
-  for (const char* port : {"Ethernet1", "Ethernet2", "core10", "vlan10"})
+  for (const char* port : {"Ethernet1", "Ethernet2", "core10", "core11", "vlan10"})
     EXPECT_EQ(filtersOf(port), 0) << port;
   host1_->send(request(kRemoteIp));
   const Seen seen = quiet();
