@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
 
 #include "Rig.h"
 
@@ -14,10 +15,9 @@ using testing::SizeIs;
 
 std::string hex(const TestSupport::Frame& frame) {
   std::string text;
-  char digits[3];
   for (const std::byte byte : frame) {
-    std::snprintf(digits, sizeof digits, "%02x", std::to_integer<unsigned>(byte));
-    text += digits;
+    for (const unsigned shift : {4U, 0U})
+      text += "0123456789abcdef"[std::to_integer<unsigned>(byte) >> shift & 15];
   }
   return text;
 }
@@ -39,14 +39,14 @@ void onHardware(Rig& rig) {
 
 TEST(Reinject, floods_of_hardware_are_right_in_every_byte) {
   const struct {
-    const char* vlanAware;  // entry of the VLAN
-    bool tagAll;            // the default for the others
-    const char* tag;        // in the frame
-  } innerTags[] = {{nullptr, false, ""},
-                   {nullptr, true, "8100000a"},
-                   {"0", false, "8100000a"},
-                   {"77", false, "8100004d"},
-                   {"4094", true, "81000ffe"}};
+    std::optional<std::uint16_t> vlanAware;  // entry of the VLAN
+    bool tagAll;                             // the default for the others
+    const char* tag;                         // in the frame
+  } innerTags[] = {{{}, false, ""},
+                   {{}, true, "8100000a"},
+                   {0, false, "8100000a"},
+                   {77, false, "8100004d"},
+                   {4094, true, "81000ffe"}};
   const struct {
     const char* esiPort;
     std::uint32_t esiLabel;
@@ -60,8 +60,7 @@ TEST(Reinject, floods_of_hardware_are_right_in_every_byte) {
   std::map<std::size_t, int> sizes;
   for (const auto& inner : innerTags) {
     rig.evpn()->vlanAwareVlanIdDelAll();
-    if (inner.vlanAware)
-      rig.evpn()->vlanAwareVlanIdIs(Vlan(10), static_cast<std::uint16_t>(std::stoi(inner.vlanAware)));
+    if (inner.vlanAware) rig.evpn()->vlanAwareVlanIdIs(Vlan(10), *inner.vlanAware);
     mplsConfig->addInnerDot1QIs(inner.tagAll);
     for (const auto& segment : segments) {
       rig.evpn()->segmentStatusDelAll();
@@ -71,31 +70,15 @@ TEST(Reinject, floods_of_hardware_are_right_in_every_byte) {
         // A tag of the trapped frame goes, and what came behind ARP.
         for (const Trapped& trapped : {Trapped{}, Trapped{.tagged = true, .tag = 99, .extra = 18},
                                        Trapped{.operation = 2}, Trapped{.ifIndex = 4711}}) {
-          SCOPED_TRACE(testing::Message()
-                       << "tag " << inner.tag << " segment " << segment.entry << " control word "
-                       << controlWord << " operation " << trapped.operation << " from " << trapped.ifIndex
-                       << (trapped.tagged ? " tagged" : ""));
           rig.trap(trapped);
           const auto sent = rig.replies();
-          ASSERT_THAT(sent, SizeIs(1));
-          EXPECT_EQ(hex(sent[0]), std::string("02000000beef"
-                                              "02000000000a"
-                                              "81000fff"
-                                              "8847"
-                                              "abcde0ff") +
-                                      (trapped.ifIndex == 30 ? segment.entry : "000031ff") +
-                                      (controlWord ? "00000000" : "") +
-                                      "ffffffffffff"
-                                      "02000000000a" +
-                                      inner.tag +
-                                      "0806"
-                                      "0001080006040"
-                                      "00" +
-                                      std::to_string(trapped.operation) +
-                                      "02000000000a"
-                                      "0a00000a"
-                                      "000000000000"
-                                      "0a000063");
+          ASSERT_THAT(sent, SizeIs(1)) << inner.tag << segment.entry << controlWord << trapped.tagged;
+          const std::string operation = std::to_string(trapped.operation);
+          EXPECT_EQ(hex(sent[0]), "02000000beef02000000000a81000fff8847abcde0ff" +
+                                      std::string(trapped.ifIndex == 30 ? segment.entry : "000031ff") +
+                                      (controlWord ? "00000000" : "") + "ffffffffffff02000000000a" +
+                                      inner.tag + "0806000108000604000" + operation +
+                                      "02000000000a0a00000a0000000000000a000063");
           ++sizes[sent[0].size()];
         }
       }
@@ -142,7 +125,7 @@ TEST(Reinject, what_hardware_cannot_flood_costs_that_message_only) {
   }
   // Good messages around bad ones all go out, and the bad ones are tried once.
   rig.errors.clear();
-  for (const std::uint32_t vlan : {30, 10, 20, 30, 30, 10}) queue->enqueueMessage(message({.vlan = vlan}));
+  for (const auto vlan : {30U, 10U, 20U, 30U, 30U, 10U}) queue->enqueueMessage(message({.vlan = vlan}));
   rig.settle();
   EXPECT_THAT(rig.replies(), SizeIs(2));
   EXPECT_EQ(rig.takeCounters(), "reinjected=3 reinjectNoImetLabel=1");

@@ -1,6 +1,8 @@
 // The agent on switch hardware: traps, replies and floods are on "fabric". What it floods is read by a
 // decoder of its own, tshark.
 
+#include <signal.h>
+
 #include <fstream>
 
 #include "lab/AgentSwitch.h"
@@ -9,6 +11,8 @@ namespace Lab {
 namespace {
 
 constexpr Ip kNobody{10, 0, 0, 120};
+
+Strings shell(const std::string& command) { return {"/bin/sh", "-c", "exec " + command}; }
 
 // A capture file (pcap, LINKTYPE_ETHERNET); no times.
 void capture(const std::string& name, const std::vector<Frame>& frames) {
@@ -76,26 +80,12 @@ TEST_F(HardwareSwitch, FloodsAreWhatADecoderReads) {
     capture(name, frames);
     // Nothing in a label tells whether a control word follows: the decoder is told.
     const std::string inside = controlWord ? ",pwethcw" : ",pwethnocw";
-    Strings command{"/usr/bin/env",
-                    "tshark",
-                    "-n",
-                    "-r",
-                    name,
-                    "-T",
-                    "fields",
-                    "-E",
-                    "separator= ",
-                    "-d",
-                    "mpls.label==3" + inside,
-                    "-d",
-                    "mpls.label==74565" + inside};
-    for (const char* field :
-         {"frame.len", "eth.dst", "eth.src", "vlan.id", "vlan.priority", "mpls.label", "mpls.exp",
-          "mpls.bottom", "mpls.ttl", "pweth.cw.sequence_number", "arp.opcode", "arp.src.hw_mac",
-          "arp.src.proto_ipv4", "arp.dst.hw_mac", "arp.dst.proto_ipv4", "_ws.malformed"}) {
-      command.insert(command.end(), {"-e", field});
-    }
-    Process decoder(command);
+    Process decoder(
+        shell("tshark -n -T fields -E separator='/s' -e frame.len -e eth.dst -e eth.src -e vlan.id "
+              "-e vlan.priority -e mpls.label -e mpls.exp -e mpls.bottom -e mpls.ttl "
+              "-e pweth.cw.sequence_number -e arp.opcode -e arp.src.hw_mac -e arp.src.proto_ipv4 "
+              "-e arp.dst.hw_mac -e arp.dst.proto_ipv4 -e _ws.malformed -d mpls.label==3" +
+              inside + " -d mpls.label==74565" + inside + " -r " + name));
     ASSERT_EQ(decoder.wait(), 0) << decoder.error;
     EXPECT_EQ(decoder.output, expected);
   }
@@ -105,17 +95,18 @@ TEST_F(HardwareSwitch, FloodsAreWhatADecoderReads) {
 // in the agent must not follow.
 TEST_F(HardwareSwitch, FullDeviceDoesNotUseUpWhatWaits) {
   start();
-  const auto tc = [](const char* action, const Strings& more) {
-    Strings command{"/usr/bin/env", "tc", "qdisc", action, "dev", "fabric", "root"};
-    command.insert(command.end(), more.begin(), more.end());
-    Process process(command);
+  const auto tc = [](const std::string& what) {
+    Process process(shell("tc qdisc " + what));
     return process.wait() == 0 ? std::string() : "tc refused: " + process.error;
   };
   // A second's worth is 125 bytes, and some 20 frames wait.
-  const std::string refused = tc("add", {"tbf", "rate", "1kbit", "burst", "1600", "limit", "1600"});
+  const std::string refused = tc("add dev fabric root tbf rate 1kbit burst 1600 limit 1600");
   if (!refused.empty()) GTEST_SKIP() << "this kernel has no token bucket queue: " << refused;
   constexpr int kAsked = 120;
+  // All at once: each one that comes by itself is tried, and may be lost.
+  switch_.daemon().signal(SIGSTOP);
   for (std::uint8_t i = 0; i < kAsked; ++i) fabric_->send(trapped(requestFor({10, 0, 1, i})));
+  switch_.daemon().signal(SIGCONT);
   const auto await = [&](const auto& done) {
     const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
     Counters counters = switch_.counters();
@@ -127,7 +118,7 @@ TEST_F(HardwareSwitch, FullDeviceDoesNotUseUpWhatWaits) {
   EXPECT_GT(counters["reinjected"], 0);
   EXPECT_GT(counters["reinjectWriteFailed"], 0);
   EXPECT_LT(counters["reinjectWriteFailed"], 20);
-  EXPECT_EQ(tc("del", {}), "");
+  EXPECT_EQ(tc("del dev fabric root"), "");
   counters = await([](Counters& c) { return c["reinjected"] + c["reinjectWriteFailed"] == kAsked; });
   EXPECT_EQ(counters["reinjected"] + counters["reinjectWriteFailed"], kAsked)
       << "the rest goes when there is place";
