@@ -27,8 +27,9 @@ constexpr std::array<std::uint16_t, 3> kSocketProtocol{0, MessageTapSocketSm::kE
 // Between its creation and its binding a socket hears every device. What came in by then is a bounded lot:
 // the receive buffer's worth.
 void discardReceived(int sock) {
+  constexpr int kMost = 1024;  // a receive buffer holds fewer; what comes behind is the bound device's
   std::array<std::byte, 1> cut;
-  while (Lanix::PacketSockets::current().read(sock, cut) >= 0) {
+  for (int i = 0; i < kMost && Lanix::PacketSockets::current().read(sock, cut) >= 0; ++i) {
   }
 }
 

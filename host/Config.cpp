@@ -237,6 +237,9 @@ std::optional<Config> parseConfig(std::string_view text, const std::string& file
                                      reader.number<int>(at, level, config.trace[name], 0, kMaxTraceLevel);
                                    });
                   }}});
+  if (config.hardware && std::ranges::find(config.agents, "SoftForward") != config.agents.end()) {
+    reader.fail("hardware", "true does not go with the agent SoftForward, whose traps nobody would read");
+  }
   // Last: what may be set hangs on the plug-ins.
   if (reader.good()) readState(reader, "state", state, config);
   if (reader.good()) return config;

@@ -20,7 +20,7 @@ TEST(Config, takesEveryKeyAndComments) {
   std::string error;
   const auto config = parseConfig(R"(// "{[ of a comment counts for nothing
     { /* "nor { here */ "runDirectory": "/tmp/a//b", "hardware": true,
-      "agents": ["SoftForward", "ArpSuppression"],
+      "agents": ["ArpSuppression"],
       "vrfs": {"red": {"id": 5, "networkNamespace": "red"}, "blue": {"id": 16777214, "networkNamespace": "b"}},
       "vlans": {"10": {"bridge": "vlan10", "tunnelPorts": ["core10", "core11"]}, "4094": {"bridge": "br0"}},
       "state": {"bridging/config/": {"bridgeMacAddr": "02:00:00:00:be:ef", "vidToFidMap": {"10": 110}},
@@ -32,7 +32,7 @@ TEST(Config, takesEveryKeyAndComments) {
   ASSERT_TRUE(config) << error;
   EXPECT_EQ(config->runDirectory, "/tmp/a//b");
   EXPECT_TRUE(config->hardware);
-  EXPECT_THAT(config->agents, testing::ElementsAre("SoftForward", "ArpSuppression"));
+  EXPECT_THAT(config->agents, testing::ElementsAre("ArpSuppression"));
   EXPECT_EQ(config->vrfs.at("red").networkNamespace, "red");
   EXPECT_EQ(config->vrfs.at("blue").id, 16777214u);
   EXPECT_THAT(config->vlans.at(10).tunnelPorts, testing::ElementsAre("core10", "core11"));
@@ -56,6 +56,8 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
       {R"({"agents": [], "agents": []})", "\"agents\" stands twice"},
       {R"({"runDirectory": "run"})", "runDirectory: \"run\" is not an absolute path"},
       {R"({"hardware": 1})", "hardware: 1 is not true or false"},
+      {R"({"agents": ["SoftForward"], "hardware": true})",
+       "hardware: true does not go with the agent SoftForward"},
       {R"({"agents": "ArpSuppression"})", "agents: \"ArpSuppression\" is not a list"},
       {R"({"agents": ["Arp"]})",
        "agents[0]: \"Arp\" is not one of KernelState, ArpService, SoftForward, ArpSuppression"},
@@ -111,7 +113,7 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
 
 // Plug-ins that only fill in what is not set leave the path to the configuration.
 TEST(Config, bridgingConfigIsTheOperatorsWhateverIsLoaded) {
-  EXPECT_EQ(errorOf(R"({"agents": ["KernelState", "ArpSuppression"],
+  EXPECT_EQ(errorOf(R"({"agents": ["ArpSuppression"],
                         "state": {"bridging/config": {"bridgeMacAddr": "02:00:00:00:be:ef"}}})"),
             "");
 }
