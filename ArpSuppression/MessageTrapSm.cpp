@@ -19,6 +19,7 @@ constexpr char kSource[] = "ArpSuppression/MessageTrapSm";
 // Trapped frames go before everything else that the agent does.
 constexpr unsigned kTrapLevel = 1;
 
+using Lanix::hex;
 using Lanix::kEtherTypeArp;
 using Lanix::kEtherTypeDot1q;
 
@@ -48,16 +49,6 @@ struct Batch {
   ~Batch() { trap->inBatchIs(false); }
   Ptr<MessageTrap> trap;
 };
-
-Mox::String hex(MessageTrapSm::MessageData data) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  Mox::String text;
-  for (const std::byte byte : data) {
-    text += kDigits[std::to_integer<unsigned>(byte) >> 4];
-    text += kDigits[std::to_integer<unsigned>(byte) & 15];
-  }
-  return text;
-}
 
 }  // namespace
 

@@ -26,6 +26,16 @@ std::vector<void*>& pool() {
 
 }  // namespace
 
+std::string hex(std::span<const std::byte> bytes) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const std::byte byte : bytes) {
+    text += kDigits[std::to_integer<unsigned>(byte) >> 4];
+    text += kDigits[std::to_integer<unsigned>(byte) & 15];
+  }
+  return text;
+}
+
 void* Pkt::operator new(std::size_t size) {
   MOX_ASSERT("Lanix/Pkt", "size == sizeof(Pkt)", size == sizeof(Pkt));
   if (pool().empty()) return ::operator new(size);

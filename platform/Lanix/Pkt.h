@@ -4,12 +4,16 @@
 #include <cstddef>
 #include <memory>
 #include <span>
+#include <string>
 
 #include "Mox/Ptr.h"
 
 namespace Lanix {
 
 class PktManager;
+
+// Two digits a byte, for traces.
+std::string hex(std::span<const std::byte> bytes);
 
 // A packet buffer, made by a PktManager. It belongs to one thread.
 class Pkt final : public Mox::Referenced {
@@ -25,6 +29,8 @@ class Pkt final : public Mox::Referenced {
   void sizeIs(std::size_t size) {
     if (size < size_) size_ = size;
   }
+
+  std::string toStrep() const { return hex(headData()); }
 
   static void* operator new(std::size_t size);
   static void operator delete(void* memory);
