@@ -1,0 +1,62 @@
+#include "ArpSuppression/ArpSuppressionSafeEthDevPam.h"
+
+#include <utility>
+
+#include "ArpSuppression/Trace.h"
+#include "Mox/Error.h"
+
+namespace ArpSuppression {
+
+namespace {
+constexpr char kSource[] = "ArpSuppression/ArpSuppressionSafeEthDevPam";
+}
+
+SafeEthDevPamEnableSm::SafeEthDevPamEnableSm(Ptr<Orb::TaskScheduler> scheduler, SafeEthDevPam* owner)
+    : owner_(owner) {
+  enableTask_.on(Orb::TimerTask::runsChanged, [this] { handleEnableTaskRun(); });
+  enableTaskIs(std::move(scheduler));
+}
+
+void SafeEthDevPamEnableSm::enableTaskIs(Ptr<Orb::TaskScheduler> scheduler) {
+  enableTask_.notifierIs(
+      Mox::make<Orb::TimerTask>(std::move(scheduler), "SafeEthDevPam-" + owner_->deviceName()));
+  enableTask_->schedule();
+}
+
+void SafeEthDevPamEnableSm::handleEnableTaskRun() {
+  if (owner_->enabled()) return;
+  try {
+    owner_->enabledIs(true);
+    TRACE8("enabled");
+  } catch (const Mox::Error& error) {
+    TRACE8("what=" << error.what());
+    enableTask_->schedule(kRetryDelay);
+  }
+}
+
+Mox::String SafeEthDevPamEnableSm::toStrep() const {
+  return "<SafeEthDevPamEnableSm " + owner_->deviceName() + ">";
+}
+
+SafeEthDevPam::SafeEthDevPam(const Mox::String& deviceName, std::uint16_t ethProtocol,
+                             const Lanix::NamespaceName& netNs, const Ptr<Orb::TaskScheduler>& scheduler)
+    : EthDevPam(scheduler->loop(), deviceName) {
+  ethProtocolIs(ethProtocol);
+  netNsIs(netNs);
+  enableSmIs(scheduler);
+}
+
+Mox::String SafeEthDevPam::toStrep() const {
+  return "<SafeEthDevPam " + deviceName() + " netNs=" + netNs() + " enabled=" + (enabled() ? "yes" : "no") +
+         ">";
+}
+
+void SafeEthDevPam::dumpState(Orb::DumpContext& context, int indent) const {
+  context.line(indent, "SafeEthDevPam");
+  context.attribute(indent, "deviceName", deviceName());
+  context.attribute(indent, "netNs", netNs());
+  context.attribute(indent, "enabled", enabled());
+  context.attribute(indent, "readableCount", readableCount());
+}
+
+}  // namespace ArpSuppression
