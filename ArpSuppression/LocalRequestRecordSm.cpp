@@ -1,0 +1,63 @@
+#include "ArpSuppression/LocalRequestRecordSm.h"
+
+#include <utility>
+
+#include "ArpSuppression/Trace.h"
+
+namespace ArpSuppression {
+
+namespace {
+constexpr char kSource[] = "ArpSuppression/LocalRequestRecordSm";
+}
+
+LocalRequestRecordSm::LocalRequestRecordSm(Ptr<Orb::TaskScheduler> scheduler,
+                                           Ptr<const MessageTrap> receivedRequestTrap,
+                                           Ptr<LocalRequestRecord> localRequestRecord)
+    : WalkSmBase(std::move(scheduler), "LocalRequestRecordSm"),
+      receivedRequestTrap_(std::move(receivedRequestTrap)),
+      localRequestRecord_(std::move(localRequestRecord)) {
+  receivedRequestTrap_.on(MessageTrap::lastTrappedMessageChanged, [this] { handleTrappedRequest(); });
+}
+
+void LocalRequestRecordSm::entryLifetimeIs(double seconds) {
+  entryLifetime_ = seconds;
+  if (localRequestRecord_->entrys() != 0) scheduleWalk();
+}
+
+void LocalRequestRecordSm::handleTrappedRequest() {
+  const Ptr<const TrappedMessage> request = receivedRequestTrap_->lastTrappedMessage();
+  if (!request) return;
+  TRACE8("trappedRequest=" << request);
+  if (localRequestRecord_->entrys() == 0) scheduleWalk(entryLifetime_);
+  localRequestRecord_->recordLocalRequest({request->vlanId(), request->targetIpAddress()},
+                                          scheduler()->loop().now());
+}
+
+Orb::WalkRet LocalRequestRecordSm::walk() {
+  Orb::WalkRet ret;
+  const double now = scheduler()->loop().now();
+  while (const LocalRequestRecordEntry* const entry = localRequestRecord_->oldest()) {
+    const double left = entry->lastRequestTime + entryLifetime_ - now;
+    if (left > 0) {
+      scheduleWalk(left);
+      break;
+    }
+    const RemoteBindingKey key = entry->remoteBindingKey;
+    TRACE8("expired remoteBindingKey=" << key);
+    localRequestRecord_->entryDel(key);
+    ++ret.processed;
+    if (mustYield()) {
+      ret.moreWork = true;
+      break;
+    }
+  }
+  return ret;
+}
+
+void LocalRequestRecordSm::dumpState(Orb::DumpContext& context, int indent) const {
+  context.line(indent, "LocalRequestRecordSm");
+  context.attribute(indent, "entryLifetime", entryLifetime_);
+  context.child(indent + 2, localRequestRecord_, "LocalRequestRecord");
+}
+
+}  // namespace ArpSuppression
