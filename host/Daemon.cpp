@@ -7,17 +7,16 @@
 #include <csignal>
 #include <cstring>
 
+#include "Orb/FeatureSwitch.h"
 #include "Statedb/LmdbStore.h"
 #include "Tracelet/Trace.h"
 #include "Tracelet/Tracelet.h"
-#include "host/JsonText.h"
+#include "host/FeatureFiles.h"
 #include "host/Plugins.h"
 
 namespace Host {
 
 namespace {
-
-constexpr std::size_t kMaxFeatureBytes = std::size_t{1} << 20;
 
 sigset_t endingSignals() {
   sigset_t set;
@@ -39,6 +38,7 @@ Daemon::Daemon(Orb::EventLoop& loop, Config config, Report report)
 }
 
 Daemon::~Daemon() {
+  Orb::FeatureSwitch::sourceIs({});
   signals_->descriptorIs(-1);
   if (signalDescriptor_ >= 0) close(signalDescriptor_);
   control_.reset();
@@ -58,6 +58,10 @@ std::string Daemon::start() {
   if (!runDirectory_) return error;
   Tracelet::directoryIs(config_.runDirectory);
   for (const auto& [handle, level] : config_.trace) Tracelet::levelIs(handle, level);
+  Orb::FeatureSwitch::sourceIs(
+      [this, directory = featureDirectory(config_.featureDirectory)](const auto& group, const auto& name) {
+        return featureSwitch(directory, group, name, report_);
+      });
   auto store = Statedb::LmdbStore::open(runDirectory_->stateDirectory(), report_, error);
   if (!store) return error;
   state_ =
@@ -96,16 +100,6 @@ Mox::Ptr<Statedb::MountGroup> Daemon::mountGroup(Orb::AgentBase& agent) {
 void Daemon::createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) {
   std::string problem;
   if (!state_->tree()->entityIs(path, type, &problem)) report_(name + ": " + problem);
-}
-
-Mox::String Daemon::featureFile(const Mox::String& group) {
-  if (config_.featureDirectory.empty() || group.find('/') != Mox::String::npos) return {};
-  const std::string file = config_.featureDirectory + "/" + group;
-  if (access(file.c_str(), F_OK) < 0) return {};
-  std::string error;
-  const auto content = readFile(file, kMaxFeatureBytes, false, error);
-  if (!content) report_(error);
-  return content.value_or("");
 }
 
 std::string Daemon::watchSignals() {

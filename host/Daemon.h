@@ -44,7 +44,6 @@ class Daemon final : public Orb::AgentHost {
   Mox::Ptr<Statedb::EntityManager> entityManager() override { return state_->tree(); }
   Mox::Ptr<Memtab::EntityManager> sharedMemory() override { return state_->tables(); }
   void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) override;
-  Mox::String featureFile(const Mox::String& group) override;
 
   void startPlugins();
   void handleSignal();

@@ -63,8 +63,6 @@ class AgentHost {
   virtual Mox::Ptr<Memtab::EntityManager> sharedMemory() = 0;
   virtual void createLocalEntity(const Mox::String& name, const Mox::String& type,
                                  const Mox::String& path) = 0;
-  // The text of a group of feature switches, "" when it has none ("ArpSuppression.json" → its content).
-  virtual Mox::String featureFile(const Mox::String& group) = 0;
 };
 
 // A plug-in of the agent host. The host makes it with the plug-in's factory, calls hostIs, then doInit, then,

@@ -127,7 +127,6 @@ class Rig final : private Orb::AgentHost {
   Mox::Ptr<Statedb::EntityManager> entityManager() override { return tree_; }
   Mox::Ptr<Memtab::EntityManager> sharedMemory() override { return tables_; }
   void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) override;
-  Mox::String featureFile(const Mox::String&) override { return ""; }
   KernelNetInfo::Status& kni(const std::string& netNs);
 
   Statedb::TypeRegistry types_;

@@ -55,7 +55,6 @@ class AgentRig final : public Orb::AgentHost {
   Mox::Ptr<Statedb::EntityManager> entityManager() override { return tree_; }
   Mox::Ptr<Memtab::EntityManager> sharedMemory() override { return tables_; }
   void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) override;
-  Mox::String featureFile(const Mox::String&) override { return {}; }
 
  private:
   Statedb::TypeRegistry types_;
