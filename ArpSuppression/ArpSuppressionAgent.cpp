@@ -247,6 +247,7 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
 
   arpSuppressionStatusSm_.is(scheduler, m.evpnStatus, ConstRemoteBindings(r.remoteBindingStatus),
                              ConstVlanL3Info(r.vlanL3InfoStatus), m.arpSuppressionStatus, r.enabledVlans);
+  localRequestRecordSm_.is(scheduler, Ptr<const MessageTrap>(r.receivedRequestTrap), r.localRequestRecord);
   vlanL3InfoSm_.is(scheduler, ConstStatus(m.arpSuppressionStatus), Ptr<const EnabledVlans>(r.enabledVlans),
                    m.allVrfStatusLocal, m.ipStatus, m.vrfNameToIdMap, m.allIntfStatusDir,
                    m.allIntfStatusLocalDir, r.deviceIntfStatusDir, r.vlanL3InfoStatus, m.entityManager);
@@ -256,6 +257,11 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
                        r.localRequestRecord, m.remoteBindingConfig, r.vlanL3InfoStatus, m.arpStatus,
                        m.bridgingConfig, m.bridgingStatus, m.evpnStatus, m.fhrpVrMacStatus, m.vrfNameToIdMap,
                        r.arpInputConfigTrigger);
+  bindingDiscoverySm_.is(taskSchedulerRoot_, Ptr<const MessageTrap>(r.receivedRequestTrap), m.bridgingConfig,
+                         m.bridgingStatus, m.arpSuppressionCounterStatus, r.vlanL3InfoStatus,
+                         ConstRemoteBindings(r.remoteBindingStatus), m.arpStatus, m.fhrpVrMacStatus,
+                         Ptr<const Arp::ArpInputConfig>(m.arpInputConfig), r.localBindingRecord, m.evpnStatus,
+                         r.arpInputConfigTrigger);
   if (isPhysicalHardware_) {
     messageReinjectSm_.is<MessageReinjectSmPhysical>(scheduler, r.vlanL3InfoStatus, r.reinjectMessageQueue,
                                                      m.arpSuppressionCounterStatus, m.evpnStatus,
@@ -277,6 +283,7 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
 void ArpSuppressionRootSm::dropReactors() {
   messageTrapSm_.del();
   messageReinjectSm_.del();
+  bindingDiscoverySm_.del();
   arpSuppressionSm_.del();
   vlanL3InfoSm_.del();
   arpSuppressionStatusSm_.del();
@@ -299,6 +306,7 @@ void ArpSuppressionRootSm::dumpState(Orb::DumpContext& context, int indent) cons
   context.child(indent + 2, arpSuppressionStatusSm_.child(), "ArpSuppressionStatusSm");
   context.child(indent + 2, remoteBindingStatusSm_.child(), "RemoteBindingStatusSm");
   context.child(indent + 2, arpSuppressionSm_.child(), "ArpSuppressionSm");
+  context.child(indent + 2, bindingDiscoverySm_.child(), "BindingDiscoverySm");
   context.child(indent + 2, messageReinjectSm_.child(), "MessageReinjectSm");
   context.child(indent + 2, messageTrapSm_.child(), "MessageTrapSm");
   context.child(indent + 2, vlanL3InfoSm_.child(), "VlanL3InfoSm");

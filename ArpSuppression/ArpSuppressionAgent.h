@@ -6,8 +6,10 @@
 #include "ArpSuppression/ArpSuppression.h"
 #include "ArpSuppression/ArpSuppressionSm.h"
 #include "ArpSuppression/ArpSuppressionStatusSm.h"
+#include "ArpSuppression/BindingDiscoverySm.h"
 #include "ArpSuppression/LocalBinding.h"
 #include "ArpSuppression/LocalRequestRecord.h"
+#include "ArpSuppression/LocalRequestRecordSm.h"
 #include "ArpSuppression/MessageReinjectSm.h"
 #include "ArpSuppression/MessageTrapSm.h"
 #include "ArpSuppression/RemoteBindingStatus.h"
@@ -104,6 +106,7 @@ class ArpSuppressionRootSm final : public Mox::Entity {
   // Present exactly while suppression runs.
   const Ptr<ArpSuppressionRoot>& root() const { return root_; }
   const Ptr<ArpSuppressionSm>& arpSuppressionSm() const { return arpSuppressionSm_.child(); }
+  const Ptr<BindingDiscoverySm>& bindingDiscoverySm() const { return bindingDiscoverySm_.child(); }
   const Ptr<MessageTrapSm>& messageTrapSm() const { return messageTrapSm_.child(); }
   const Ptr<MessageReinjectSmBase>& messageReinjectSm() const { return messageReinjectSm_.child(); }
 
@@ -128,9 +131,11 @@ class ArpSuppressionRootSm final : public Mox::Entity {
   bool runnableForTest_ = false;
   Ptr<ArpSuppressionRoot> root_;
   Mox::Owner<ArpSuppressionStatusSm> arpSuppressionStatusSm_;
+  Mox::Owner<LocalRequestRecordSm> localRequestRecordSm_;  // a stop leaves it to the next start
   Mox::Owner<VlanL3InfoSm> vlanL3InfoSm_;
   Mox::Owner<RemoteBindingStatusSm> remoteBindingStatusSm_;
   Mox::Owner<ArpSuppressionSm> arpSuppressionSm_;
+  Mox::Owner<BindingDiscoverySm> bindingDiscoverySm_;
   Mox::Owner<MessageReinjectSmBase> messageReinjectSm_;
   Mox::Owner<MessageTrapSm> messageTrapSm_;
 };

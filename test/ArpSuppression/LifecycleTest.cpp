@@ -295,7 +295,7 @@ TEST(Lifecycle, dump_of_a_stopped_agent) {
   rig.start();
   const std::string dump = rig.command("showTechSupport");
   EXPECT_THAT(dump, testing::StartsWith("ArpSuppressionRootSm\n  NULL\n  NULL\n"));
-  EXPECT_EQ(linesOf(dump, "  NULL\n"), 7u) << "the tables and each reactor";
+  EXPECT_EQ(linesOf(dump, "  NULL\n"), 8u) << "the tables and each reactor";
   EXPECT_THAT(dump, HasSubstr("\n  tasks: "));
   EXPECT_THAT(dump, HasSubstr("\ncounter #52\n"));
 }
@@ -317,7 +317,8 @@ TEST(Lifecycle, dump_of_a_running_agent_shows_shared_objects_once) {
   for (const char* words :
        {"  initializationStage=complete\n", "    EnabledVlans #1: 10\n", "  VlanL3InfoSm\n",
         "walkStage=complete\n", "LocalBindingRecord\n", "MessageTrap\n", "MessageQueue #messages=0\n",
-        "LocalRequestRecord #", "VrfInfo red usable=true #user=2 #interfaceWatch=1:\n", "netNs red\n"}) {
+        "LocalRequestRecord #entry=1\n", "  BindingDiscoverySm\n  vgwReplySm #0\n",
+        "VrfInfo red usable=true #user=3 #interfaceWatch=1:\n", "netNs red\n"}) {
     EXPECT_THAT(dump, HasSubstr(words));
   }
   EXPECT_THAT(dump, testing::ContainsRegex("\n  [0-9]+ 1\n")) << "a counter that moved";

@@ -247,11 +247,16 @@ std::uint64_t Rig::counter(ArpSuppressionCounterId id) {
       ->counter(static_cast<std::uint32_t>(id));
 }
 
-std::string Rig::takeCounters() {
+std::string Rig::takeCounters(Of of) {
+  using Id = ArpSuppressionCounterId;
   countersBefore_.resize(kCounters);
   std::string text;
   for (std::uint32_t id = 0; id < kCounters; ++id) {
-    const std::uint64_t now = counter(static_cast<ArpSuppressionCounterId>(id));
+    const Id counterId = static_cast<Id>(id);
+    const bool discovery = counterId >= Id::discoveryBadMac && counterId <= Id::vgwReplyAccepted;
+    if (of != (counterId < Id::replyRemote ? Of::arpInput : discovery ? Of::discovery : Of::requests))
+      continue;
+    const std::uint64_t now = counter(counterId);
     const std::uint64_t gained = now - std::exchange(countersBefore_[id], now);
     if (gained != 0)
       text += (text.empty() ? "" : " ") + std::string(kCounterNames[id]) + "=" + std::to_string(gained);

@@ -102,8 +102,10 @@ class Rig final : private Orb::AgentHost {
   std::vector<TestSupport::Frame> reinjected() { return sockets.device(kArpinject).takeSent(); }
 
   std::uint64_t counter(ArpSuppressionCounterId id);
+  // What counters are about: kernel neighbours, local bindings, and the way of a request.
+  enum class Of { arpInput, discovery, requests };
   // "replyRemote=1 trappedRequest=1": those that are not zero, by id; they are zero again afterwards.
-  std::string takeCounters();
+  std::string takeCounters(Of of = Of::requests);
   std::vector<std::uint16_t> publishedVlans();
 
   Orb::TaskSchedulerRoot& tasks() { return *scheduler_; }

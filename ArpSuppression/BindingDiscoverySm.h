@@ -1,0 +1,85 @@
+#pragma once
+
+#include <map>
+
+#include "Arp/InputConfig.h"
+#include "Arp/Table.h"
+#include "ArpSuppression/ArpInputConfigTrigger.h"
+#include "ArpSuppression/ArpSuppression.h"
+#include "ArpSuppression/BindingDiscoveryVgwReplySm.h"
+#include "ArpSuppression/LocalBinding.h"
+#include "ArpSuppression/RemoteBindingStatus.h"
+#include "Bridging/Config.h"
+#include "Bridging/Status.h"
+#include "Evpn/Status.h"
+#include "Mox/Notifiee.h"
+#include "Routing/Status.h"
+#include "Suppression/Counter.h"
+
+namespace ArpSuppression {
+
+// Keeps the local bindings in step with the hosts. It learns the sender of every trapped request and of every
+// reply to the shared gateway MAC; gives a station that moves here the addresses that it was advertised with;
+// and drops the bindings of a station that leaves the local ports, and of an address that another switch
+// advertises. It follows changes only: MAC table entries and advertisements that were there before it have no
+// effect. The forwarding database of a MAC table entry is taken for its VLAN.
+//
+// What cannot be a host's binding is counted and traced, and changes nothing.
+class BindingDiscoverySm final : public Mox::Entity {
+ public:
+  // The kernel's neighbours and their configuration are not read here: they belong to the inputs in that
+  // others make a new reactor.
+  BindingDiscoverySm(
+      Ptr<Orb::TaskSchedulerRoot> taskSchedulerRoot, Ptr<const MessageTrap> receivedRequestTrap,
+      Ptr<const Bridging::Config> bridgingConfig, Ptr<const Memtab::Bridging::Status> bridgingStatus,
+      Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus, Ptr<VlanL3InfoStatus> vlanL3InfoStatus,
+      Ptr<const RemoteBindingStatus> remoteBindingStatus, const Ptr<const Arp::Table::Status>& arpStatus,
+      Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
+      const Ptr<const Arp::ArpInputConfig>& arpInputConfig, Ptr<LocalBindingRecord> localBindingRecord,
+      Ptr<const Evpn::EvpnStatus> evpnStatus, Ptr<ArpInputConfigTrigger> arpInputConfigTrigger);
+
+  // Learns a binding. One that is there with the same station is not made anew; its kernel neighbour is
+  // decided again. `bindingDiscoveryEvent`: the host itself was heard; for the trace.
+  void createLocalBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
+                          const Lanix::EthAddr& macAddress, bool bindingDiscoveryEvent);
+  void deleteLocalBinding(const Ptr<LocalBinding>& localBinding);
+
+  // The listener of a VLAN; null when there is none.
+  Ptr<BindingDiscoveryVgwReplySm> vgwReplySm(Bridging::VlanId vlanId) const;
+  std::size_t vgwReplySms() const { return vgwReplySm_.size(); }
+
+  Mox::String toStrep() const { return "<BindingDiscoverySm>"; }
+  void dumpState(Orb::DumpContext& context, int indent) const;
+
+ private:
+  void handleInitialized();
+  void handleTrappedRequest();
+  void handleFdbStatus(const Bridging::HostKey& hostKey);
+  void handleVlanL3Info(Bridging::VlanId vlanId);
+  void handleRemoteBinding();
+  void handleVgwVirtualMac();
+
+  void processLocalMac(const VlanIdMacAddress& vlanIdMacAddress, const Lanix::IntfId& intfId);
+  void processRemoteMac(const VlanIdMacAddress& vlanIdMacAddress);
+  // Another switch on the requester's Ethernet segment advertises it already.
+  bool advertisedByPeer(const TrappedMessage& request) const;
+  Ptr<const Evpn::SegmentStatus> segmentOf(const Lanix::IntfId& intfId) const;
+  void vgwReplySmIs(Bridging::VlanId vlanId, const Ptr<const VlanL3Info>& vlanL3Info);
+  void vgwReplySmDel(Bridging::VlanId vlanId) { vgwReplySm_.erase(vlanId); }
+  void count(ArpSuppressionCounterId id) { arpSuppressionCounterStatus_->increment(id); }
+
+  Ptr<Orb::TaskSchedulerRoot> taskSchedulerRoot_;
+  Mox::Notifiee<const MessageTrap> receivedRequestTrap_;
+  Ptr<const Bridging::Config> bridgingConfig_;
+  Mox::Notifiee<const Memtab::Bridging::Status> bridgingStatus_;
+  Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;
+  Mox::Notifiee<VlanL3InfoStatus> vlanL3InfoStatus_;
+  Mox::Notifiee<const RemoteBindingStatus> remoteBindingStatus_;
+  Mox::Notifiee<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus_;
+  Ptr<LocalBindingRecord> localBindingRecord_;
+  Ptr<const Evpn::EvpnStatus> evpnStatus_;
+  Ptr<ArpInputConfigTrigger> arpInputConfigTrigger_;
+  std::map<Bridging::VlanId, Ptr<BindingDiscoveryVgwReplySm>> vgwReplySm_;  // by VLAN
+};
+
+}  // namespace ArpSuppression
