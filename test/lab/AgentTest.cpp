@@ -161,6 +161,35 @@ TEST_F(AgentOnly, FollowsItsInputs) {
   switch_.stop();
 }
 
+// The device of the VLAN's interface comes later than what is known of it.
+TEST_F(AgentOnly, LearnsFromRepliesToTheSharedMac) {
+  constexpr Mac kShared{0, 0, 0x5e, 0, 1, 1};
+  json config = this->config();
+  config["state"]["routing/fhrp/vrMacStatus"] = {{"vgwVirtualMac", "00:00:5e:00:01:01"}};
+  switch_.start(config);
+  ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
+  vethIs("to-vlan10", "vlan10", red_);
+  PacketSocket host("to-vlan10");
+  const Frame reply = arpFrame({2, kHost, kHostIp, kShared, {10, 0, 0, 1}}, kShared);
+  const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
+  while (switch_.counters()["vgwReplyAccepted"] == 0 && std::chrono::steady_clock::now() < deadline)
+    host.send(reply);
+  EXPECT_EQ(switch_.status({{"localBindings", 1}}), json({{"localBindings", 1}}));
+
+  Frame padded = reply;
+  padded.resize(60);
+  host.send(padded);
+  host.send(arpFrame({1, kHost, kHostIp, {}, {10, 0, 0, 1}}));
+  host.send(arpFrame({2, kHost, kHostIp, kRemote, {10, 0, 0, 1}}, kRemote));
+  while (switch_.counters()["vgwReplyNotVirtualMac"] == 0 && std::chrono::steady_clock::now() < deadline) {
+  }
+  Counters after = switch_.counters();
+  for (const char* one : {"vgwReplyExtraData", "vgwReplyNotReply", "vgwReplyNotVirtualMac"})
+    EXPECT_EQ(after[one], 1) << one;
+  EXPECT_EQ(after["localBindingCreated"], 1);
+  switch_.stop();
+}
+
 // A million bindings come in by the control socket, and then all of them once more as an agent that starts
 // finds them. Who asks meanwhile gets an answer each time.
 TEST_F(AgentOnly, AnswersWhileAMillionBindingsComeIn) {

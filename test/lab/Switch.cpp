@@ -211,6 +211,7 @@ json Switch::state(const std::string& path, const char* at, const json& wanted) 
 std::string difference(const Counters& before, const Counters& after) {
   std::string text;
   for (const auto& [name, value] : after) {
+    if (name.starts_with("localBinding") || name.starts_with("discovery")) continue;
     const auto old = before.find(name);
     const std::int64_t change = value - (old == before.end() ? 0 : old->second);
     if (change != 0) text += (text.empty() ? "" : " ") + name + "=" + std::to_string(change);

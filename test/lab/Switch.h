@@ -104,7 +104,8 @@ class Switch {
   std::unique_ptr<Process> daemon_;
 };
 
-// `after` without what was there `before`: "replyRemote=1 trappedRequest=2", by name.
+// `after` without what was there `before`: "replyRemote=1 trappedRequest=2", by name. What is done with
+// frames: the counters of what is learned from them are left out.
 std::string difference(const Counters& before, const Counters& after);
 
 }  // namespace Lab
