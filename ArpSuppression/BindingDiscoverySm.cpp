@@ -197,9 +197,9 @@ void BindingDiscoverySm::handleRemoteBinding() {
 
 // --- Listeners -------------------------------------------------------------------------------------------
 
-Ptr<BindingDiscoveryVgwReplySm> BindingDiscoverySm::vgwReplySm(Bridging::VlanId vlanId) const {
+BindingDiscoveryVgwReplySm* BindingDiscoverySm::vgwReplySm(Bridging::VlanId vlanId) const {
   const auto sm = vgwReplySm_.find(vlanId);
-  return sm == vgwReplySm_.end() ? nullptr : sm->second;
+  return sm == vgwReplySm_.end() ? nullptr : sm->second.get();
 }
 
 void BindingDiscoverySm::vgwReplySmIs(Bridging::VlanId vlanId, const Ptr<const VlanL3Info>& vlanL3Info) {
@@ -211,7 +211,7 @@ void BindingDiscoverySm::vgwReplySmIs(Bridging::VlanId vlanId, const Ptr<const V
 
 void BindingDiscoverySm::handleVlanL3Info(Bridging::VlanId vlanId) {
   const Ptr<const VlanL3Info> vlanL3Info = vlanL3InfoStatus_->usableVlanL3Info(vlanId);
-  const Ptr<BindingDiscoveryVgwReplySm> sm = vgwReplySm(vlanId);
+  const BindingDiscoveryVgwReplySm* const sm = vgwReplySm(vlanId);
   const bool wanted = vlanL3Info && !fhrpVrMacStatus_->vgwVirtualMac().isZero();
   // A VLAN that moved has another entry, and its old listener sits in the VRF that it left.
   const bool create = wanted && !(sm && sm->listensOn(*vlanL3Info));
@@ -219,8 +219,8 @@ void BindingDiscoverySm::handleVlanL3Info(Bridging::VlanId vlanId) {
   TRACE8((create    ? "create"
           : destroy ? "delete"
                     : "no change")
-         << " vlanId=" << vlanId << " vlanL3Info=" << vlanL3Info
-         << " vgwVirtualMac=" << fhrpVrMacStatus_->vgwVirtualMac() << " sm=" << sm);
+         << " vlanId=" << vlanId << " vlanL3Info=" << vlanL3Info << " vgwVirtualMac="
+         << fhrpVrMacStatus_->vgwVirtualMac() << " sm=" << (sm ? sm->toStrep() : "NULL"));
   if (create) vgwReplySmIs(vlanId, vlanL3Info);
   if (destroy) vgwReplySmDel(vlanId);
 }

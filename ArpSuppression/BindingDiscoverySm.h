@@ -45,7 +45,7 @@ class BindingDiscoverySm final : public Mox::Entity {
   void deleteLocalBinding(const Ptr<LocalBinding>& localBinding);
 
   // The listener of a VLAN; null when there is none.
-  Ptr<BindingDiscoveryVgwReplySm> vgwReplySm(Bridging::VlanId vlanId) const;
+  BindingDiscoveryVgwReplySm* vgwReplySm(Bridging::VlanId vlanId) const;
   std::size_t vgwReplySms() const { return vgwReplySm_.size(); }
 
   Mox::String toStrep() const { return "<BindingDiscoverySm>"; }

@@ -232,7 +232,7 @@ TestSupport::Frame reply(std::size_t size = 42) {
 }
 
 TEST_F(Discovery, listener_learns_from_the_one_right_frame_only) {
-  const auto listener = sm().vgwReplySm(Vlan(10));
+  auto* const listener = sm().vgwReplySm(Vlan(10));
   ASSERT_NE(listener, nullptr);
   const auto outcome = [&](const TestSupport::Frame& frame) {
     const auto pkt = Lanix::PktManager::global().newPktWithHeadData(frame.size());
@@ -287,9 +287,9 @@ TEST_F(Discovery, listeners_are_open_exactly_where_and_while_the_vlan_is_usable)
   };
   EXPECT_TRUE(heard(Rig::kVlan10));
   EXPECT_TRUE(heard(8));
-  const auto* const before = sm().vgwReplySm(Vlan(10)).get();
+  const auto* const before = sm().vgwReplySm(Vlan(10));
   step([&] { rig.root()->vlanL3InfoStatus->vlanUpdated(Vlan(10)); });
-  EXPECT_EQ(sm().vgwReplySm(Vlan(10)).get(), before) << "announced without a change";
+  EXPECT_EQ(sm().vgwReplySm(Vlan(10)), before) << "announced without a change";
 
   step([&] { shared().vgwVirtualMacIs({}); });
   EXPECT_FALSE(heard(Rig::kVlan10));
