@@ -24,6 +24,7 @@ using Statedb::describe;
 constexpr std::size_t kMaxFileBytes = std::size_t{64} << 20;
 constexpr std::size_t kMaxPathBytes = 1024;
 constexpr int kMaxTraceLevel = 9;
+constexpr std::uint32_t kMaxRefreshSeconds = 86400;
 
 bool isAbsolute(const std::string& path) {
   return path.starts_with('/') && path.size() <= kMaxPathBytes && path.find('\0') == std::string::npos;
@@ -230,6 +231,10 @@ std::optional<Config> parseConfig(std::string_view text, const std::string& file
                  {"featureDirectory",
                   [&](const auto& k, const auto& v) {
                     reader.string(k, v, config.featureDirectory, isAbsolute, "an absolute path");
+                  }},
+                 {"neighborRefreshSeconds",
+                  [&](const auto& k, const auto& v) {
+                    reader.number<std::uint32_t>(k, v, config.neighborRefreshSeconds, 1, kMaxRefreshSeconds);
                   }},
                  {"trace", [&](const auto& k, const auto& v) {
                     reader.eachKey(k, v, "an object of levels by trace handle",

@@ -24,16 +24,18 @@ struct VlanSettings {
 
 // The configuration file, checked as a whole. JSON; comments (// and /* */) are allowed.
 //
-// | key              | value |
-// |------------------|-------------------------------------------------------------------------------------------|
-// | runDirectory     | absolute path; default /run/arp-suppression | | hardware         | true or false
-// (default): traps and floods on the switch chip's device "fabric"            | | agents           | list of
-// plug-ins, in the order in which they start; default none                          | | vrfs             | by
-// name: id (1 to 16777214) and networkNamespace, both unique; "default" needs no entry   | | vlans | by VLAN
-// id: bridge (a kernel device), tunnelPorts (list of kernel devices; default none)  | | state            | by
-// path: what merges into that state before any plug-in starts                            | | featureDirectory
-// | absolute path of the folder with the group files of feature switches; default none        | | trace | by
-// trace handle: level of the text lines it writes, 0 to 9                                |
+//   runDirectory            absolute path; default /run/arp-suppression
+//   hardware                true or false (default): traps and floods on the switch chip's device "fabric"
+//   agents                  list of plug-ins, in the order in which they start; default none
+//   vrfs                    by name: id (1 to 16777214) and networkNamespace, both unique; "default" needs
+//                           no entry
+//   vlans                   by VLAN id: bridge (a kernel device), tunnelPorts (list of kernel devices;
+//                           default none)
+//   state                   by path: what merges into that state before any plug-in starts
+//   featureDirectory        absolute path of the folder with the group files of feature switches; default
+//                           none
+//   neighborRefreshSeconds  1 to 86400, default 240: when ArpService has a stale neighbour probed
+//   trace                   by trace handle: level of the text lines it writes, 0 to 9
 struct Config {
   std::string runDirectory = kDefaultRunDirectory;
   bool hardware = false;
@@ -43,6 +45,7 @@ struct Config {
   nlohmann::json state = nlohmann::json::object();  // every path is known, settable, and its content is good
   std::string featureDirectory;
   std::map<std::string, int> trace;
+  std::uint32_t neighborRefreshSeconds = 240;
 };
 
 // Nothing, and `error` is one line "<file>: <key>: <value> is not ...", when anything is wrong. The key is a

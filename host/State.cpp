@@ -107,6 +107,8 @@ void State::build(const Config& config) {
     entity->bridgeIs(vlan.bridge);
     entity->tunnelPortsIs(vlan.tunnelPorts);
   }
+  switchConfig->agentsIs(config.agents);
+  switchConfig->neighborRefreshSecondsIs(config.neighborRefreshSeconds);
   for (const StatePath& state : statePaths()) {
     if (!whyNotSettable(state, plugins_).empty()) continue;
     if (state.storage == Storage::tree) {

@@ -24,6 +24,7 @@ const std::vector<StatePath>& statePaths() {
   // clang-format off
   static const std::vector<StatePath> paths = {
       {"arp/input/config/arpSuppression", "Arp::ArpInputConfig", tree, byPlugin, kArpSuppression, true},
+      {"arp/service/status", "Arp::ServiceStatus", tree, byPlugin, kArpService, false},
       {"arp/status", "Arp::Table::Status", sharedMemory, byPlugin, kKernelState, false},
       {"arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus", sharedMemory, byPlugin, kArpSuppression, false},
       {"arpSuppression/remoteBindingConfig/evpn", "ArpSuppression::RemoteBindingConfig", sharedMemory, byHost, nullptr, false},

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Arp/InputConfig.h"
+#include "Arp/ServiceStatus.h"
 #include "Arp/Table.h"
 #include "Bridging/Config.h"
 #include "Bridging/Status.h"
@@ -23,6 +24,7 @@ template <class Visit>
 void forEachStateType(Visit&& visit) {
   visit.template operator()<ArpSuppression::ArpSuppressionStatus>("ArpSuppression::ArpSuppressionStatus");
   visit.template operator()<Arp::ArpInputConfig>("Arp::ArpInputConfig");
+  visit.template operator()<Arp::ServiceStatus>("Arp::ServiceStatus");
   visit.template operator()<Bridging::Config>("Bridging::Config");
   visit.template operator()<Evpn::EvpnStatus>("Evpn::EvpnStatus");
   visit.template operator()<Evpn::MplsConfig>("Evpn::MplsConfig");

@@ -210,8 +210,8 @@ Result Socket::get(Message message, const Handler& handler) {
   return *result;
 }
 
-void Socket::batch(std::span<Message> messages,
-                   const std::function<void(std::size_t, const Result&)>& result) {
+void Socket::batch(std::span<Message> messages, const std::function<void(std::size_t, const Result&)>& result,
+                   const std::function<void(std::size_t, const Received&)>& answer) {
   std::vector<std::byte> bytes;
   for (std::size_t done = 0; done < messages.size();) {
     const std::size_t count = std::min(kBatch, messages.size() - done);
@@ -233,7 +233,10 @@ void Socket::batch(std::span<Message> messages,
     Result failure;
     if (!bytes.empty()) {
       failure = sendAll(bytes);
-      if (!failure) failure = answers(first, results, nullptr);
+      const Handler handler = [&](const Received& message) {
+        answer(done + (message.sequence() - first), message);
+      };
+      if (!failure) failure = answers(first, results, answer ? &handler : nullptr);
     }
     for (std::size_t i = 0; i < count; ++i) result(done + i, results[i] ? *results[i] : failure);
     done += count;

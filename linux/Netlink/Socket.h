@@ -137,7 +137,9 @@ class Socket {
   // Sends all, kBatch at a time, and reports one result for each, by position and in order. The kernel
   // carries on after a request that it refuses. If the socket itself fails, the requests without an answer
   // all get that error. Messages are given up to the batch: their flags and sequence numbers are written.
-  void batch(std::span<Message> messages, const std::function<void(std::size_t, const Result&)>& result);
+  // Where a request is answered with a message, `answer` gets that first, with the request's position.
+  void batch(std::span<Message> messages, const std::function<void(std::size_t, const Result&)>& result,
+             const std::function<void(std::size_t, const Received&)>& answer = {});
 
   // Starts a dump; one at a time.
   [[nodiscard]] Result dumpStart(Message message);

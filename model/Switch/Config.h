@@ -50,7 +50,11 @@ class Config final : public Mox::Entity {
   // By name. "default" is always there, with id 0 and the host's own namespace ("default").
   MOX_CHILDREN(Mox::String, VrfConfig, vrf)
   MOX_CHILDREN(Bridging::VlanId, VlanConfig, vlan)
-  MOX_MEMBERS(vrf, vlan)
+  // The plug-ins of this host, in the order of their start.
+  MOX_ATTRIBUTE(std::vector<Mox::String>, agents)
+  // How old the last proof of a kernel neighbour's address may become before the kernel is asked to probe it.
+  MOX_ATTRIBUTE(std::uint32_t, neighborRefreshSeconds, 240)
+  MOX_MEMBERS(vrf, vlan, agents, neighborRefreshSeconds)
 };
 
 inline constexpr const char* kConfigPath = "switch/config";

@@ -26,7 +26,7 @@ TEST(Config, takesEveryKeyAndComments) {
       "state": {"bridging/config/": {"bridgeMacAddr": "02:00:00:00:be:ef", "vidToFidMap": {"10": 110}},
                 "bridging/status": {"fdb": {"10 02:00:00:00:00:01": {"entryType": "static", "intf": "Ethernet1"}}},
                 "kni/ns/red/status": {"interface": {"vlan10": {"ifIndex": 7}}}},
-      "featureDirectory": "/etc/f", "trace": {"ArpSuppression": 8} // the last
+      "featureDirectory": "/etc/f", "neighborRefreshSeconds": 86400, "trace": {"ArpSuppression": 8} // the last
     })",
                                   "agent.json", error);
   ASSERT_TRUE(config) << error;
@@ -39,6 +39,7 @@ TEST(Config, takesEveryKeyAndComments) {
   EXPECT_THAT(config->vlans.at(4094).tunnelPorts, testing::IsEmpty());
   EXPECT_EQ(config->state.size(), 3u);
   EXPECT_EQ(config->featureDirectory, "/etc/f");
+  EXPECT_EQ(config->neighborRefreshSeconds, 86400u);
   EXPECT_EQ(config->trace.at("ArpSuppression"), 8);
   ASSERT_TRUE(parseConfig("{}", "agent.json", error)) << error;
 }
@@ -90,6 +91,8 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
        "vlans.10.tunnelPorts[0]: \"a/b\" is not"},
       {R"({"vlans": {"10": {"bridge": "b", "tunnelPorts": ["c", "c"]}}})",
        "vlans.10.tunnelPorts[1]: \"c\" is there twice"},
+      {R"({"neighborRefreshSeconds": 0})", "neighborRefreshSeconds: 0 is not a number from 1 to 86400"},
+      {R"({"neighborRefreshSeconds": 86401})", "neighborRefreshSeconds: 86401 is not"},
       {R"({"trace": {"Arp": 10}})", "trace.Arp: 10 is not a number from 0 to 9"},
       {R"({"state": {"evpn/stat": {}}})", "state: evpn/stat: there is no such path; allowed: arp/"},
       {R"({"state": {"kni/ns/a/b/status": {}}})", "there is no such path"},

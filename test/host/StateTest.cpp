@@ -29,7 +29,9 @@ TEST(State, beginsWithWhatTheConfigurationSays) {
   EXPECT_EQ(host.show("vrf/vrfIdMapStatus"),
             json({{"vrfIdToName", {{"0", "default"}, {"5", "red"}, {"7", "blue"}}}}));
   EXPECT_EQ(host.show("switch/config"),
-            json({{"vrf",
+            json({{"agents", json::array()},
+                  {"neighborRefreshSeconds", 240},
+                  {"vrf",
                    {{"default", {{"id", 0}, {"networkNamespace", "default"}}},
                     {"red", {{"id", 5}, {"networkNamespace", "r"}}}}},
                   {"vlan", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}}}}}}));

@@ -1,0 +1,521 @@
+#include "ArpService/VrfSm.h"
+
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "ArpService/Trace.h"
+#include "Lanix/NamespaceGuard.h"
+
+namespace ArpService {
+namespace {
+
+constexpr char kSource[] = "ArpService/VrfSm";
+// What happens in the kernel is more urgent than the rounds that find what was missed.
+constexpr unsigned kReceiveLevel = 2;
+constexpr unsigned kRoundLevel = 3;
+constexpr std::size_t kEntriesPerStep = 64;
+constexpr std::size_t kProbesPerRound = 1024;
+constexpr std::size_t kMessagesPerCall = 64;
+constexpr int kNotificationBuffer = 4 << 20;
+// rtnetlink answers from within the send, so this passes only when something is broken.
+constexpr int kAnswerMilliseconds = 100;
+constexpr double kSettle = 0.02;  // seconds: devices come in bursts
+constexpr double kFirstRetry = 1;
+constexpr double kLastRetry = 60;
+constexpr double kMoreProbes = 1;
+constexpr double kLongestPeriod = 3600;
+constexpr double kLastWords = 2;
+
+}  // namespace
+
+Tracelet::Handle& traceHandle() {
+  static Tracelet::Handle handle("ArpService");
+  return handle;
+}
+
+struct VrfSm::Sockets {
+  explicit Sockets(Netlink::Kernel* kernel)
+      : notifications(NETLINK_ROUTE, {.receiveBuffer = kNotificationBuffer}, kernel),
+        requests(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = kAnswerMilliseconds}, kernel),
+        dumps(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = kAnswerMilliseconds}, kernel) {}
+  Netlink::Socket notifications;
+  Netlink::Socket requests;
+  Netlink::Socket dumps;
+};
+
+struct VrfSm::Job {
+  Key key;
+  IfIndex ifIndex = 0;
+  const Arp::ArpEntryInput* wanted = nullptr;  // the configuration does not change while a batch is handled
+  Neighbour actual;
+};
+
+VrfSm::VrfSm(Ptr<const Arp::ArpInputConfig> arpInputConfig, Ptr<const Ip::VrfStatusLocal> vrfStatus,
+             Ptr<Arp::VrfServiceStatus> status, const Settings& settings,
+             const Ptr<Orb::TaskScheduler>& scheduler)
+    : WalkSmBase(scheduler, "ArpService neighbours of VRF " + status->vrfName()),
+      refreshSeconds_(settings.refreshSeconds),
+      kernel_(settings.kernel),
+      arpInputConfig_(std::move(arpInputConfig)),
+      vrfStatus_(std::move(vrfStatus)),
+      status_(std::move(status)),
+      name_(status_->vrfName()),
+      descriptor_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), "ArpService VRF " + name_)),
+      readable_(descriptor_),
+      receiveTask_(scheduler, "ArpService changes in VRF " + name_, kReceiveLevel,
+                   [this] { handleReadable(); }),
+      roundTask_(scheduler, "ArpService round of VRF " + name_, kRoundLevel, [this] { roundStart(); }) {
+  arpInputConfig_.on(Arp::ArpInputConfig::vrfChanged, [this](const Mox::String& vrf) {
+    if (vrf == name_) handleConfig();
+  });
+  config_.on(Arp::ArpInputVrfConfig::ipv4Changed, [this](Lanix::IpAddr ip) { handleAddress(ip); });
+  config_.on(Arp::ArpInputVrfConfig::ipv6Changed, [this](const Arp::NeighborEntryKey& key) {
+    if (wanted({key.addr, key.intf})) enqueue({key.addr, key.intf});
+    handleAddress(key.addr);
+  });
+  vrfStatus_.on(Ip::VrfStatusLocal::stateChanged, [this] { reopen_ = true, scheduleWalk(); });
+  vrfStatus_.on(Ip::VrfStatusLocal::networkNamespaceChanged, [this] { reopen_ = true, scheduleWalk(); });
+  readable_.on(Orb::FileDescriptor::readableCountChanged, [this] { receiveTask_.schedule(); });
+  descriptor_->notifyOnReadableIs(true);
+  reopen_ = true;
+  handleConfig();
+}
+
+VrfSm::~VrfSm() {
+  const auto& clock = scheduler()->loop().clock();
+  const double end = clock.now() + kLastWords;
+  while (sockets_ && clock.now() < end && step()) {
+  }
+  close();
+}
+
+// --- The VRF and its namespace ---------------------------------------------------------------------------
+
+void VrfSm::followVrf() {
+  close();
+  reopen_ = false;
+  if (vrfStatus_->state() != Ip::VrfState::active) {
+    status_->problemIs("");
+    return;
+  }
+  if (!open()) {
+    sockets_ = nullptr;
+    reopen_ = roundDone_ = true;
+    return;
+  }
+  descriptor_->descriptorIs(sockets_->notifications.fd());
+  roundStart();
+}
+
+bool VrfSm::open() {
+  const Lanix::NamespaceGuard guard(vrfStatus_->networkNamespace());
+  if (!guard) {
+    refuse("entering its namespace", {0, guard.error()});
+    return false;
+  }
+  sockets_ = std::make_unique<Sockets>(kernel_);
+  Netlink::Result error;
+  for (const Netlink::Socket* socket : {&sockets_->notifications, &sockets_->requests, &sockets_->dumps})
+    error = error ? error : socket->openError();
+  for (const unsigned group : {RTNLGRP_LINK, RTNLGRP_NEIGH})
+    error = error ? error : sockets_->notifications.join(group);
+  if (error) refuse("opening netlink", *error);
+  return !error;
+}
+
+void VrfSm::close() {
+  descriptor_->descriptorIs(-1);
+  receiveTask_.cancel();
+  roundTask_.cancel();
+  sockets_ = nullptr;
+  devices_.clear();
+  intfs_.clear();
+  stale_.clear();
+  started_ = false;
+  stage_ = Stage::idle;
+  for (auto& [key, record] : entries_) record.settled = false;
+  settled_ = 0;
+}
+
+void VrfSm::handleReadable() {
+  Netlink::Notifications result;
+  do {
+    result = sockets_->notifications.receive(
+        [this](const Netlink::Received& message) { handleMessage(message); }, kMessagesPerCall);
+    if (result.overrun) roundTask_.schedule();
+    if (result.error) {
+      refuse("receiving changes", *result.error);
+      reopen_ = true;
+      scheduleWalk();
+      return;
+    }
+  } while (result.more && !mustYield());
+  if (result.more) receiveTask_.schedule();
+}
+
+void VrfSm::handleMessage(const Netlink::Received& message) {
+  if (message.type() == RTM_NEWLINK || message.type() == RTM_DELLINK) return handleDevice(message);
+  if (message.type() != RTM_DELNEIGH) return;
+  const auto gone = readNeighbour(message);
+  const auto intf = gone ? intfs_.find(gone->ifIndex) : intfs_.end();
+  if (intf == intfs_.end()) return;
+  const Key key{gone->address, intf->second};
+  const Arp::ArpEntryInput* entry = wanted(key);
+  if (entry && !entry->dynamic) enqueue(key);
+}
+
+void VrfSm::handleDevice(const Netlink::Received& message) {
+  const auto device = readDevice(message);
+  if (!device) return;
+  const bool here = message.type() == RTM_NEWLINK && device->intf;
+  if (const auto before = intfs_.find(device->ifIndex);
+      before != intfs_.end() && !(here && before->second == device->intf)) {
+    if (const auto at = devices_.find(before->second); at != devices_.end() && at->second == device->ifIndex)
+      devices_.erase(at);
+    intfs_.erase(before);
+    seenDevices_.erase(device->ifIndex);
+  }
+  if (!here) return;
+  seenDevices_.insert(device->ifIndex);
+  intfs_[device->ifIndex] = device->intf;
+  const bool isNew = std::exchange(devices_[device->intf], device->ifIndex) != device->ifIndex;
+  if (isNew && stage_ != Stage::devices) roundTask_.schedule(kSettle);
+}
+
+// --- The configuration -----------------------------------------------------------------------------------
+
+void VrfSm::handleConfig() {
+  config_.notifierIs(arpInputConfig_->vrf(name_));
+  rescan_ = true;
+  scheduleWalk();
+}
+
+// An IPv4 address may have moved to another interface. No interface's name sorts before "!".
+void VrfSm::handleAddress(const Lanix::IpGenAddr& address) {
+  for (auto at = entries_.lower_bound({address, Lanix::IntfId::fromName("!")});
+       at != entries_.end() && at->first.address == address; ++at)
+    enqueue(at->first);
+  if (address.isIpv4()) {
+    if (const auto* entry = config_->ipv4Collection().find(address.ipv4())) enqueue({address, entry->intf});
+  }
+}
+
+const Arp::ArpEntryInput* VrfSm::wanted(const Key& key) const {
+  if (!config_) return nullptr;
+  if (key.address.isIpv6()) return config_->ipv6Collection().find({key.address.ipv6(), key.intf});
+  const Arp::ArpEntryInput* entry = config_->ipv4Collection().find(key.address.ipv4());
+  return entry && entry->intf == key.intf ? entry : nullptr;
+}
+
+void VrfSm::enqueue(const Key& key) {
+  Record& record = entries_[key];
+  settled_ -= std::exchange(record.settled, false) ? 1 : 0;
+  if (std::exchange(record.queued, true)) return;
+  queue_.push_back(key);
+  scheduleWalk();
+}
+
+// --- The walk --------------------------------------------------------------------------------------------
+
+Orb::WalkRet VrfSm::walk() {
+  Orb::WalkRet ret;
+  do {
+    ++ret.processed;
+    if (reopen_) followVrf();
+    if (!step()) break;
+    ret.moreWork = true;
+  } while (!mustYield());
+  publish();
+  return ret;
+}
+
+// What is known to be due comes first, but not before the table was read: most of it may be there.
+bool VrfSm::step() {
+  if (!sockets_) return false;
+  if (started_ && !queue_.empty()) {
+    program();
+    return true;
+  }
+  if (stage_ == Stage::idle && !stale_.empty()) {
+    probe();
+    return true;
+  }
+  if (stage_ == Stage::idle && started_ && std::exchange(rescan_, false)) scanStart();
+  switch (stage_) {
+    case Stage::idle:
+      return false;
+    case Stage::devices:
+      dumpStep([this](const Netlink::Received& message) { handleDevice(message); }, Stage::neighbours);
+      if (stage_ == Stage::neighbours) devicesDone();
+      break;
+    case Stage::neighbours:
+      compareStep();
+      break;
+    case Stage::ipv4:
+      if (!config_) {
+        stage_ = Stage::entries;
+        break;
+      }
+      scan(config_->ipv4Collection(), ipv4Bookmark_, Stage::ipv6, [this](const auto& entry) {
+        const Key key{entry.first, entry.second.intf};
+        if (!entries_[key].settled) enqueue(key);
+      });
+      break;
+    case Stage::ipv6:
+      if (!config_) {
+        stage_ = Stage::entries;
+        break;
+      }
+      scan(config_->ipv6Collection(), ipv6Bookmark_, Stage::entries, [this](const auto& entry) {
+        const Key key{entry.first.addr, entry.first.intf};
+        if (!entries_[key].settled) enqueue(key);
+      });
+      break;
+    case Stage::entries:
+      scan(entries_, entriesBookmark_, Stage::idle, [this](const auto& entry) {
+        const Arp::ArpEntryInput* const want = wanted(entry.first);
+        const bool missed =
+            want && !want->dynamic && entry.second.settled && entry.second.seenRound != round_;
+        if (!want || missed) enqueue(entry.first);
+      });
+      if (stage_ == Stage::idle) roundEnd();
+      break;
+  }
+  return true;
+}
+
+template <class Collection, class Bookmark, class Queue>
+void VrfSm::scan(const Collection& collection, Bookmark& bookmark, Stage next, Queue queue) {
+  auto at = bookmark == Bookmark() ? collection.begin() : [&] {
+    if constexpr (requires { collection.lowerBound(bookmark); }) {
+      return collection.lowerBound(bookmark);
+    } else {
+      return collection.lower_bound(bookmark);
+    }
+  }();
+  for (std::size_t i = 0; i < kEntriesPerStep && at != collection.end(); ++i, ++at) queue(*at);
+  if (at != collection.end()) {
+    bookmark = at->first;
+  } else {
+    bookmark = Bookmark();
+    stage_ = next;
+  }
+}
+
+void VrfSm::walkFinishedNotification() {
+  if (!sockets_ && !reopen_) return;
+  const bool roundDone = std::exchange(roundDone_, false);
+  if (std::exchange(refused_, false)) {
+    if (roundDone || retryDelay_ == 0) retryDelay_ = std::clamp(retryDelay_ * 2, kFirstRetry, kLastRetry);
+  } else if (roundDone) {
+    retryDelay_ = 0;
+    status_->problemIs("");
+  }
+  const double period = std::clamp(refreshSeconds_ / 4, kFirstRetry, kLongestPeriod);
+  roundTask_.schedule(retryDelay_ > 0 ? std::min(retryDelay_, period) : period);
+}
+
+// --- Rounds ----------------------------------------------------------------------------------------------
+
+void VrfSm::roundStart() {
+  scheduleWalk();
+  if (!sockets_) return;
+  if (stage_ != Stage::idle) return roundTask_.schedule(kSettle);
+  ++round_;
+  rescan_ = false;
+  seenDevices_.clear();
+  stage_ = Stage::devices;
+  dumpStart(deviceDump());
+}
+
+void VrfSm::dumpStart(const Netlink::Message& request) {
+  if (const Netlink::Result error = sockets_->dumps.dumpStart(request)) {
+    refuse("asking for the kernel's tables", *error);
+    roundEnd();
+  }
+}
+
+void VrfSm::dumpStep(const std::function<void(const Netlink::Received&)>& handler, Stage next) {
+  const Netlink::DumpSlice slice = sockets_->dumps.dumpSlice(handler);
+  if (!slice.done) return;
+  stage_ = next;
+  if (!slice.error) return;
+  refuse("reading the kernel's tables", *slice.error);
+  roundEnd();
+}
+
+void VrfSm::scanStart() {
+  stage_ = Stage::ipv4;
+  ipv4Bookmark_ = {};
+  ipv6Bookmark_ = {};
+  entriesBookmark_ = {};
+}
+
+void VrfSm::roundEnd() {
+  stage_ = Stage::idle;
+  roundDone_ = true;
+}
+
+void VrfSm::devicesDone() {
+  for (auto at = intfs_.begin(); at != intfs_.end();) {
+    if (seenDevices_.contains(at->first)) {
+      ++at;
+      continue;
+    }
+    if (const auto device = devices_.find(at->second);
+        device != devices_.end() && device->second == at->first)
+      devices_.erase(device);
+    at = intfs_.erase(at);
+  }
+  dumpStart(neighbourDump());
+}
+
+void VrfSm::compareStep() {
+  dumpStep(
+      [this](const Netlink::Received& message) {
+        if (const auto actual = readNeighbour(message)) compare(*actual);
+      },
+      Stage::ipv4);
+  if (stage_ != Stage::ipv4) return;
+  started_ = true;
+  scanStart();
+}
+
+void VrfSm::compare(const Neighbour& actual) {
+  const auto intf = intfs_.find(actual.ifIndex);
+  if (intf == intfs_.end()) return;
+  const Key key{actual.address, intf->second};
+  const Arp::ArpEntryInput* const want = wanted(key);
+  const bool leave = judge(want, actual) == Verdict::leave;
+  if (leave && actual.isStale() && actual.confirmedAgo >= refreshSeconds_) {
+    if (stale_.size() < kProbesPerRound) {
+      stale_.push_back(actual);
+    } else {
+      roundTask_.schedule(kMoreProbes);
+    }
+  }
+  if (!leave) return enqueue(key);
+  if (!want) return;
+  entries_[key];
+  settle(key);
+}
+
+void VrfSm::probe() {
+  const std::size_t count = std::min(stale_.size(), Netlink::Socket::kBatch);
+  std::vector<Netlink::Message> messages;
+  for (std::size_t i = stale_.size() - count; i < stale_.size(); ++i)
+    messages.push_back(probeRequest(stale_[i].ifIndex, stale_[i].address));
+  stale_.resize(stale_.size() - count);
+  std::uint64_t probes = 0;
+  // One that has gone meanwhile is refused, which is as well.
+  sockets_->requests.batch(messages,
+                           [&](std::size_t, const Netlink::Result& error) { probes += error ? 0 : 1; });
+  status_->probesIs(status_->probes() + probes);
+}
+
+// --- Requests --------------------------------------------------------------------------------------------
+
+void VrfSm::ask(std::vector<Job*>& jobs, const std::function<Netlink::Message(Job&)>& message,
+                const std::function<void(Job&, const Netlink::Result&)>& answered) {
+  if (jobs.empty()) return;
+  std::vector<Netlink::Message> messages;
+  for (Job* job : jobs) messages.push_back(message(*job));
+  sockets_->requests.batch(
+      messages,
+      [&](std::size_t i, const Netlink::Result& error) {
+        // The device has gone; what that means for the key comes with the notification.
+        if (error && error->number == ENODEV) {
+          if (!jobs[i]->wanted) settle(jobs[i]->key);
+        } else {
+          answered(*jobs[i], error);
+        }
+      },
+      [&](std::size_t i, const Netlink::Received& received) {
+        if (auto actual = readNeighbour(received)) jobs[i]->actual = *actual;
+      });
+}
+
+// Up to three exchanges with the kernel for a batch of keys. What is not there is written with the first;
+// nothing that is there is written over before it was looked at.
+void VrfSm::program() {
+  std::vector<Job> jobs;
+  for (; jobs.size() < Netlink::Socket::kBatch && !queue_.empty(); queue_.pop_front()) {
+    const Key& key = queue_.front();
+    entries_[key].queued = false;
+    const auto device = devices_.find(key.intf);
+    const Job job{key, device == devices_.end() ? 0 : device->second, wanted(key), {}};
+    if (job.ifIndex != 0) {
+      jobs.push_back(job);
+    } else if (!job.wanted) {
+      settle(key);
+    }
+  }
+  std::vector<Job*> look;
+  std::vector<Job*> change;
+  const auto done = [&](Job& job, const Netlink::Result& error) {
+    if (error && error->number != ENOENT) {
+      refuse(job.key.intf.toStrep() + ", neighbour " + job.key.address.toStrep(), *error);
+    } else {
+      settle(job.key);
+    }
+  };
+  std::vector<Job*> create;
+  for (Job& job : jobs) (job.wanted ? create : look).push_back(&job);
+  ask(
+      create, [](Job& job) { return writeRequest(job.ifIndex, job.key.address, *job.wanted, NLM_F_EXCL); },
+      [&](Job& job, const Netlink::Result& error) {
+        if (error && error->number == EEXIST) {
+          look.push_back(&job);
+        } else {
+          done(job, error);
+        }
+      });
+  ask(
+      look, [](Job& job) { return lookRequest(job.ifIndex, job.key.address); },
+      [&](Job& job, const Netlink::Result& error) {
+        if (error && error->number != ENOENT) return done(job, error);
+        if (judge(job.wanted, job.actual) == Verdict::leave) return settle(job.key);
+        change.push_back(&job);
+      });
+  ask(
+      change,
+      [](Job& job) {
+        return job.wanted ? writeRequest(job.ifIndex, job.key.address, *job.wanted, NLM_F_REPLACE)
+                          : removeRequest(job.ifIndex, job.key.address);
+      },
+      done);
+}
+
+void VrfSm::settle(const Key& key) {
+  const auto at = entries_.find(key);
+  if (at == entries_.end() || at->second.queued) return;
+  if (wanted(key)) {
+    at->second.seenRound = round_;
+    settled_ += std::exchange(at->second.settled, true) ? 0 : 1;
+  } else {
+    settled_ -= at->second.settled ? 1 : 0;
+    entries_.erase(at);
+  }
+}
+
+void VrfSm::refuse(const std::string& what, const Netlink::Error& error) {
+  refused_ = true;
+  status_->refusalsIs(status_->refusals() + 1);
+  if (!status_->problem().empty()) return;  // told once, not for each neighbour
+  const bool full = error.number == ENOBUFS || error.number == ENOMEM || error.number == ENOSPC;
+  const std::string reason =
+      full ? "the kernel's neighbour table is full; see net.ipv4.neigh.default.gc_thresh3" : error.text;
+  status_->problemIs(what + ": " + reason);
+  ARP_SERVICE_TRACE(0, "VRF " << name_ << ": " << status_->problem() << "; tried again");
+  TRACELET_RECORD("ARP service: VRF {}: {}", name_, status_->problem());
+}
+
+void VrfSm::publish() {
+  const std::size_t configured = config_ ? config_->ipv4s() + config_->ipv6s() : 0;
+  status_->programmedIs(settled_);
+  status_->pendingIs(configured - std::min(settled_, configured));
+}
+
+}  // namespace ArpService

@@ -1,0 +1,383 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <set>
+
+#include "Lanix/Namespaces.h"
+#include "ServiceRig.h"
+#include "linux/KernelState/LabKernel.h"
+
+// A switch in a namespace of its own, with VLANs 10 and 20 in VRF "default", and VLAN 10's number again in
+// VRF "red".
+
+namespace ArpService {
+namespace {
+
+using KernelState::neighbourMessage;
+using KernelState::request;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+using Lines = std::vector<std::string>;
+constexpr const char* kMac1 = "02:00:00:00:00:01";
+constexpr const char* kMac2 = "02:00:00:00:00:02";
+constexpr std::uint8_t kLocal = 1;
+
+std::string line(const Neighbour& neighbour) {
+  const std::string state = (neighbour.state & NUD_PERMANENT) != 0    ? "permanent"
+                            : (neighbour.state & NUD_REACHABLE) != 0  ? "reachable"
+                            : (neighbour.state & NUD_FAILED) != 0     ? "failed"
+                            : (neighbour.state & NUD_INCOMPLETE) != 0 ? "incomplete"
+                                                                      : "stale";
+  return neighbour.address.toStrep() + " " + neighbour.mac.toStrep() + " " + state + " " +
+         std::to_string(neighbour.protocol);
+}
+
+// Those on a device of the namespace that the thread is in.
+Lines neighbours(const std::string& device) {
+  Lines lines;
+  Netlink::Socket socket(NETLINK_ROUTE);
+  const auto error = socket.dump(
+      neighbourDump(),
+      [&](const Netlink::Received& message) {
+        const auto neighbour = readNeighbour(message);
+        if (neighbour && neighbour->ifIndex == Lab::ifIndex(device) && (neighbour->state & NUD_NOARP) == 0)
+          lines.push_back(line(*neighbour));
+      },
+      [&] { lines.clear(); });
+  EXPECT_FALSE(error.has_value()) << error->text;
+  std::ranges::sort(lines);
+  return lines;
+}
+
+// What the kernel tells about neighbours from here on, as "ip monitor neigh" sees it.
+class Monitor {
+ public:
+  Monitor() { EXPECT_FALSE(socket_.join(RTNLGRP_NEIGH).has_value()); }
+  Lines told() {
+    Lines lines;
+    socket_.receive(
+        [&](const Netlink::Received& message) {
+          if (const auto neighbour = readNeighbour(message))
+            lines.push_back((message.type() == RTM_DELNEIGH ? "gone " : "") + line(*neighbour));
+        },
+        100000);
+    return lines;
+  }
+
+ private:
+  Netlink::Socket socket_{NETLINK_ROUTE};
+};
+
+class ArpServiceTest : public testing::Test {
+ protected:
+  ArpServiceTest() {
+    for (const char* device : {"vlan10", "vlan20", "eth9"}) Lab::bridgeIs(device);
+    redComes();
+    rigIs();
+  }
+  void rigIs(VrfSm::Settings settings = {}) {
+    rig = std::make_unique<ServiceRig>(settings);
+    rig->vrfIs("default", "default");
+    rig->vrfIs("red", red->name());
+    config = rig->input->vrfIs("default");
+  }
+  void redComes() {
+    red.emplace("red");
+    Lab::vethIs("v10", "vlan10", *red);
+  }
+  void configIs(const std::string& ip, const Arp::ArpEntryInput& entry) {
+    config->ipv4Is(ServiceRig::ip(ip), entry);
+  }
+  void kernelHas(const std::string& ip, const std::string& mac, std::uint16_t state,
+                 std::uint8_t protocol = 0) {
+    request(neighbourMessage("vlan10", ip, mac, state, protocol));
+  }
+  void expect(const std::string& device, const Lines& expected, const char* what = "") {
+    rig->becomes([&] { return neighbours(device) == expected; });
+    rig->settle();
+    EXPECT_EQ(neighbours(device), expected) << what;
+  }
+  template <class Call>
+  auto inRed(Call call) {
+    const Lab::Entered entered(*red);
+    return call();
+  }
+
+  Lab::Namespace leaf;
+  Lab::Entered entered{leaf};
+  Lanix::Namespaces namespaces;  // whose home is where this thread is now
+  Lanix::Replaced<Lanix::Namespaces> replaced{namespaces};
+  std::optional<Lab::Namespace> red;
+  std::unique_ptr<ServiceRig> rig;
+  Ptr<Arp::ArpInputVrfConfig> config;
+};
+
+TEST_F(ArpServiceTest, WhatIsFoundAtStart) {
+  struct Case {
+    const char* what;
+    std::uint16_t state;  // of the kernel's neighbour, which has kMac1; 0: none
+    std::uint8_t protocol;
+    std::optional<Arp::ArpEntryInput> wanted;
+    const char* expected;
+  };
+  const auto entry = [](const char* mac, std::uint8_t arpType = 0, bool dynamic = false) {
+    return ServiceRig::entry(mac, "Vlan10", arpType, dynamic);
+  };
+  const std::vector<Case> cases = {
+      {"right already", NUD_PERMANENT, 110, entry(kMac1), "02:00:00:00:00:01 permanent 110"},
+      {"another station", NUD_PERMANENT, 110, entry(kMac2), "02:00:00:00:00:02 permanent 110"},
+      {"not configured any more", NUD_PERMANENT, 110, {}, ""},
+      {"dynamic and not configured any more", NUD_STALE, 110, {}, "02:00:00:00:00:01 stale 110"},
+      {"an operator's", NUD_PERMANENT, 0, entry(kMac2), "02:00:00:00:00:01 permanent 0"},
+      {"an operator's, not configured", NUD_PERMANENT, 0, {}, "02:00:00:00:00:01 permanent 0"},
+      {"not there", 0, 0, entry(kMac1), "02:00:00:00:00:01 permanent 110"},
+      {"unanswered", NUD_FAILED, 0, entry(kMac1), "02:00:00:00:00:01 permanent 110"},
+      {"remote, resolved by the kernel", NUD_REACHABLE, 0, entry(kMac2), "02:00:00:00:00:02 permanent 110"},
+      {"local, resolved by the kernel", NUD_STALE, 0, entry(kMac1, kLocal), "02:00:00:00:00:01 stale 0"},
+      {"dynamic", 0, 0, entry(kMac1, kLocal, true), "02:00:00:00:00:01 reachable 110"},
+      {"dynamic and there", NUD_STALE, 110, entry(kMac1, kLocal, true), "02:00:00:00:00:01 stale 110"},
+      {"dynamic now", NUD_PERMANENT, 110, entry(kMac1, kLocal, true), "02:00:00:00:00:01 reachable 110"},
+  };
+  Lines expected;
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const std::string ip = "10.0.0." + std::to_string(10 + i);
+    if (cases[i].state != 0) kernelHas(ip, kMac1, cases[i].state, cases[i].protocol);
+    if (cases[i].wanted) configIs(ip, *cases[i].wanted);
+    if (*cases[i].expected) expected.push_back(ip + " " + cases[i].expected);
+  }
+  request(neighbourMessage("eth9", "10.0.0.1", kMac1, NUD_PERMANENT, 110));
+  inRed([] { request(neighbourMessage("vlan10", "10.0.0.10", kMac1, NUD_PERMANENT, 110)); });
+  Monitor monitor;
+  rig->start();
+  expect("vlan10", expected);
+  EXPECT_THAT(neighbours("eth9"), ElementsAre("10.0.0.1 02:00:00:00:00:01 permanent 110"))
+      << "no VLAN interface";
+  EXPECT_THAT(inRed([] { return neighbours("vlan10"); }), IsEmpty());
+  std::set<std::string> changed;
+  for (const std::string& told : monitor.told()) changed.insert(told.substr(told.find("10.0.0."), 9));
+  EXPECT_THAT(changed, ElementsAre("10.0.0.11", "10.0.0.12", "10.0.0.16", "10.0.0.17", "10.0.0.18",
+                                   "10.0.0.20", "10.0.0.22"))
+      << "nothing but what had to change was written";
+  EXPECT_EQ(rig->status->vrf("default")->programmed(), 10U);
+  EXPECT_EQ(rig->status->vrf("default")->pending(), 0U);
+
+  // Run again, or evaluated again, it finds everything right.
+  const auto again = [&] {
+    rig->clock.ahead += 100;
+    rig->settle();
+    EXPECT_THAT(monitor.told(), IsEmpty());
+  };
+  again();
+  rig->root = nullptr;
+  rig->start();
+  again();
+}
+
+TEST_F(ArpServiceTest, FollowsTheConfiguration) {
+  rig->start();
+  const auto remote = [](const char* mac, const char* intf = "Vlan10") {
+    return ServiceRig::entry(mac, intf);
+  };
+  configIs("10.0.0.1", remote(kMac1));
+  configIs("10.0.0.2", remote(kMac1));
+  expect("vlan10", {"10.0.0.1 02:00:00:00:00:01 permanent 110", "10.0.0.2 02:00:00:00:00:01 permanent 110"});
+  configIs("10.0.0.1", remote(kMac2));
+  config->ipv4Del(ServiceRig::ip("10.0.0.2"));
+  expect("vlan10", {"10.0.0.1 02:00:00:00:00:02 permanent 110"}, "changed and deleted");
+  {
+    Monitor monitor;
+    config->ipv4Del(ServiceRig::ip("10.0.0.1"));
+    configIs("10.0.0.1", remote(kMac2));
+    rig->settle();
+    EXPECT_THAT(monitor.told(), IsEmpty()) << "deleted and made again in one go";
+  }
+  configIs("10.0.0.1", remote(kMac2, "Vlan20"));
+  expect("vlan20", {"10.0.0.1 02:00:00:00:00:02 permanent 110"}, "on another VLAN");
+  expect("vlan10", {}, "and no longer on this one");
+
+  configIs("10.0.0.1", ServiceRig::entry(kMac2, "Vlan10", kLocal, true));
+  expect("vlan10", {"10.0.0.1 02:00:00:00:00:02 reachable 110"});
+  config->ipv4Del(ServiceRig::ip("10.0.0.1"));
+  expect("vlan10", {"10.0.0.1 02:00:00:00:00:02 reachable 110"}, "left to the kernel's ageing");
+
+  configIs("10.0.0.3", remote(kMac1));
+  expect("vlan10", {"10.0.0.1 02:00:00:00:00:02 reachable 110", "10.0.0.3 02:00:00:00:00:01 permanent 110"});
+  request(removeRequest(Lab::ifIndex("vlan10"), ServiceRig::ip("10.0.0.1")));
+  request(removeRequest(Lab::ifIndex("vlan10"), ServiceRig::ip("10.0.0.3")));
+  expect("vlan10", {"10.0.0.3 02:00:00:00:00:01 permanent 110"}, "taken away by hand");
+  kernelHas("10.0.0.3", kMac2, NUD_PERMANENT, 4);
+  config->ipv4Del(ServiceRig::ip("10.0.0.3"));
+  expect("vlan10", {"10.0.0.3 02:00:00:00:00:02 permanent 4"}, "an operator's own by now");
+
+  configIs("10.0.0.4", remote(kMac1));
+  const auto other = rig->input->vrfIs("red");
+  other->ipv4Is(ServiceRig::ip("10.0.0.4"), remote(kMac2));
+  expect("vlan10", {"10.0.0.3 02:00:00:00:00:02 permanent 4", "10.0.0.4 02:00:00:00:00:01 permanent 110"});
+  rig->becomes([&] { return inRed([] { return neighbours("vlan10").size() == 1; }); });
+  EXPECT_THAT(inRed([] { return neighbours("vlan10"); }),
+              ElementsAre("10.0.0.4 02:00:00:00:00:02 permanent 110"));
+  rig->input->vrfDel("red");
+  rig->becomes([&] { return inRed([] { return neighbours("vlan10").empty(); }); });
+  EXPECT_THAT(inRed([] { return neighbours("vlan10"); }), IsEmpty()) << "the VRF's configuration is gone";
+  // There is no turn of the loop between the end of the agent, which empties the configuration, and ours.
+  rig->input->vrfDelAll();
+  rig->root = nullptr;
+  EXPECT_THAT(neighbours("vlan10"), ElementsAre("10.0.0.3 02:00:00:00:00:02 permanent 4"));
+}
+
+TEST_F(ArpServiceTest, Ipv6) {
+  std::ofstream("/proc/sys/net/ipv6/conf/vlan10/disable_ipv6") << "0";
+  std::ofstream("/proc/sys/net/ipv6/conf/vlan20/disable_ipv6") << "0";
+  rig->start();
+  for (const char* text : {"2001:db8::1", "fe80::1"}) {
+    for (const char* intf : {"Vlan10", "Vlan20"}) {
+      config->ipv6Is({Lanix::Ip6Addr::fromStrep(text).value(), Lanix::IntfId::fromName(intf)},
+                     ServiceRig::entry(kMac1, intf));
+    }
+  }
+  const Lines both = {"2001:db8::1 02:00:00:00:00:01 permanent 110",
+                      "fe80::1 02:00:00:00:00:01 permanent 110"};
+  expect("vlan10", both);
+  expect("vlan20", both);
+  config->ipv6Del({Lanix::Ip6Addr::fromStrep("fe80::1").value(), Lanix::IntfId::fromName("Vlan10")});
+  expect("vlan10", {both[0]});
+  expect("vlan20", both);
+}
+
+TEST_F(ArpServiceTest, DevicesAndNamespacesComeAndGo) {
+  config = rig->input->vrfIs("red");
+  configIs("10.0.0.1", ServiceRig::entry(kMac1, "Vlan10"));
+  configIs("10.0.0.2", ServiceRig::entry(kMac1, "Vlan30"));
+  rig->start();
+  const auto programmed = [&](std::uint64_t count, const char* what) {
+    const auto status = rig->status->vrf("red");
+    EXPECT_TRUE(rig->becomes([&] { return status->programmed() == count; })) << what;
+    EXPECT_EQ(status->pending(), config->ipv4s() - count) << what;
+    EXPECT_EQ(status->refusals(), 0U) << what << ": " << status->problem();
+  };
+  programmed(1, "one device of two");
+  Lab::vethIs("v30", "vlan30", *red);
+  programmed(2, "a new device");
+  const auto there = [&] {
+    return inRed([] { return neighbours("vlan10").size() + neighbours("vlan30").size(); });
+  };
+  EXPECT_EQ(there(), 2U);
+  inRed([] { Lab::upIs("vlan30", false), Lab::upIs("vlan30"); });  // takes its neighbours along
+  EXPECT_TRUE(rig->becomes([&] { return there() == 2; }));
+  Lab::linkDel("v10");
+  programmed(1, "device gone");
+  Lab::vethIs("v10", "vlan10", *red);
+  programmed(2, "device made again");
+  EXPECT_EQ(there(), 2U);
+
+  rig->vrfIs("red", red->name(), Ip::VrfState::inactive);
+  programmed(0, "VRF inactive");
+  red.reset();
+  // Nothing keeps the namespace alive: the kernel takes the pair away with it.
+  EXPECT_TRUE(rig->becomes([] { return Lab::ifIndex("v10") == 0; }));
+  redComes();
+  rig->vrfIs("red", red->name());
+  programmed(1, "another namespace");
+  EXPECT_EQ(there(), 1U);
+  rig->vrfIs("red", "no-such-namespace");
+  EXPECT_TRUE(rig->becomes([&] { return !rig->status->vrf("red")->problem().empty(); }));
+  EXPECT_THAT(rig->status->vrf("red")->problem(), HasSubstr("no-such-namespace"));
+  rig->vrfs->vrfDel("red");
+  EXPECT_TRUE(rig->becomes([&] { return !rig->status->vrf("red"); }));
+}
+
+// A kernel without room for more neighbours.
+class FullKernel final : public Netlink::Kernel {
+ public:
+  std::int64_t send(int descriptor, Netlink::Bytes bytes) override {
+    std::vector<std::byte> changed(bytes.begin(), bytes.end());
+    for (std::size_t at = 0; full && at + sizeof(nlmsghdr) + sizeof(ndmsg) <= changed.size();) {
+      nlmsghdr header;
+      std::memcpy(&header, &changed[at], sizeof header);
+      // A type that rtnetlink refuses with EOPNOTSUPP, and nothing happens.
+      const std::uint16_t unknown = RTM_MAX + 1;
+      if (header.nlmsg_type == RTM_NEWNEIGH)
+        std::memcpy(&changed[at + offsetof(nlmsghdr, nlmsg_type)], &unknown, sizeof unknown);
+      at += NLMSG_ALIGN(header.nlmsg_len);
+    }
+    return Netlink::Kernel::send(descriptor, changed);
+  }
+  std::int64_t receive(int descriptor, std::span<std::byte> buffer, bool& fromKernel) override {
+    const std::int64_t length = Netlink::Kernel::receive(descriptor, buffer, fromKernel);
+    nlmsghdr header{};
+    if (length >= static_cast<std::int64_t>(sizeof header))
+      std::memcpy(&header, buffer.data(), sizeof header);
+    int error = 0;
+    if (header.nlmsg_type == NLMSG_ERROR) std::memcpy(&error, &buffer[sizeof header], sizeof error);
+    if (error == -EOPNOTSUPP) {
+      error = -ENOBUFS;
+      std::memcpy(&buffer[sizeof header], &error, sizeof error);
+    }
+    return length;
+  }
+  bool full = true;
+};
+
+TEST_F(ArpServiceTest, RefusedEntriesAreReportedAndTriedAgain) {
+  FullKernel kernel;
+  rigIs({240, &kernel});
+  for (int i = 1; i <= 200; ++i)
+    configIs("10.0.0." + std::to_string(i), ServiceRig::entry(kMac1, i <= 100 ? "Vlan10" : "Vlan20"));
+  rig->start();
+  EXPECT_TRUE(rig->becomes([&] { return rig->status->vrf("default")->refusals() == 200; }));
+  EXPECT_EQ(rig->status->vrf("default")->pending(), 200U);
+  EXPECT_THAT(rig->status->vrf("default")->problem(), HasSubstr("neighbour table is full"));
+  // Less and less often.
+  for (int i = 0; i < 600; ++i) rig->clock.ahead += 1, rig->settle();
+  EXPECT_LT(rig->status->vrf("default")->refusals(), 200U * 25);
+  EXPECT_GT(rig->status->vrf("default")->refusals(), 200U * 5);
+  kernel.full = false;
+  rig->clock.ahead += 60;
+  EXPECT_TRUE(rig->becomes([&] { return rig->status->vrf("default")->programmed() == 200; }));
+  rig->settle();
+  EXPECT_EQ(rig->status->vrf("default")->problem(), "");
+  EXPECT_EQ(neighbours("vlan10").size() + neighbours("vlan20").size(), 200U);
+}
+
+TEST_F(ArpServiceTest, StaleNeighboursAreProbed) {
+  rigIs({50, nullptr});  // a neighbour that is made stale counts as confirmed a minute ago
+  for (const char* name : {"delay_first_probe_time", "retrans_time_ms"}) {
+    inRed([&] {
+      std::ofstream(std::string("/proc/sys/net/ipv4/neigh/vlan10/") + name)
+          << (name == std::string("retrans_time_ms") ? 20 : 0);
+    });
+  }
+  // The host of the first one is there.
+  KernelState::addressIs("v10", "10.0.0.2/24");
+  const std::string host = Lanix::EthAddr(Lab::macOf("v10")).toStrep();
+  inRed([&] {
+    KernelState::addressIs("vlan10", "10.0.0.1/24");
+    request(neighbourMessage("vlan10", "10.0.0.2", host, NUD_STALE));
+    request(neighbourMessage("vlan10", "10.0.0.3", kMac1, NUD_STALE));
+    request(neighbourMessage("vlan10", "10.0.0.4", kMac1, NUD_STALE, 110));
+    request(neighbourMessage("vlan10", "10.0.0.5", kMac1, NUD_REACHABLE));
+    request(neighbourMessage("vlan10", "10.0.0.6", kMac1, NUD_PERMANENT));
+  });
+  rig->start();
+  const Lines expected = {"10.0.0.2 " + host + " reachable 0", "10.0.0.3 00:00:00:00:00:00 failed 0",
+                          "10.0.0.4 00:00:00:00:00:00 failed 110", "10.0.0.5 02:00:00:00:00:01 reachable 0",
+                          "10.0.0.6 02:00:00:00:00:01 permanent 0"};
+  Lines now;
+  rig->becomes([&] {
+    now = inRed([] { return neighbours("vlan10"); });
+    return now == expected;
+  });
+  EXPECT_EQ(now, expected);
+  EXPECT_EQ(rig->status->vrf("red")->probes(), 3U);
+}
+
+}  // namespace
+}  // namespace ArpService
