@@ -158,8 +158,9 @@ Failure Datapath::portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole rol
   }
   if (Failure failure = programs_.portIs(ifIndex, vlan, role)) return failure;
   const bool access = role == PortRole::access;
+  const Program egress = role == PortRole::own ? Program::ownEgress : Program::tunnelEgress;
   if (Failure failure = attach(ifIndex, access ? Direction::ingress : Direction::egress,
-                               access ? Program::accessIngress : Program::tunnelEgress))
+                               access ? Program::accessIngress : egress))
     return joined(failure, programs_.portDel(ifIndex));
   ports_[ifIndex] = {vlan, role};
   // What an earlier run may have left in the other direction, when the port had the other role.
@@ -195,7 +196,7 @@ Failure Datapath::portsDel(std::uint16_t vlan, PortRole role, const std::vector<
 Failure Datapath::tunnelPortsIs(std::uint16_t vlan, std::vector<std::uint32_t> tunnelPorts) {
   Vlan& entry = vlans_[vlan];
   entry.tunnelPorts = std::move(tunnelPorts);
-  return programs_.vlanPathsIs(vlan, entry.wayIn.outer, entry.tunnelPorts);
+  return programs_.vlanPathsIs(vlan, entry.wayIn.outer, entry.tunnelPorts, entry.bridge);
 }
 
 Failure Datapath::vlanIs(std::uint16_t vlan, const VlanPorts& ports) {
@@ -214,6 +215,7 @@ Failure Datapath::vlanIs(std::uint16_t vlan, const VlanPorts& ports) {
   Pair wayIn = vlans_[vlan].wayIn;
   Failure failure = wayInIs(vlan, ports.bridgeIfIndex, wayIn);
   vlans_[vlan].wayIn = failure ? Pair{} : wayIn;
+  vlans_[vlan].bridge = ports.bridgeIfIndex;
   std::vector<std::uint32_t> accessPorts = ports.accessPorts;
   std::erase_if(accessPorts,
                 [&](std::uint32_t ifIndex) { return isWayIn(ifIndex) || ifIndex == wayIn.inner; });
@@ -224,13 +226,18 @@ Failure Datapath::vlanIs(std::uint16_t vlan, const VlanPorts& ports) {
   failure = joined(failure, tunnelPortsIs(vlan, tunnelPorts));
   for (const std::uint32_t ifIndex : accessPorts)
     failure = joined(failure, portIs(ifIndex, vlan, PortRole::access));
+  if (ports.ownTrapped) failure = joined(failure, portIs(ports.bridgeIfIndex, vlan, PortRole::own));
+  failure = joined(
+      failure, portsDel(vlan, PortRole::own,
+                        ports.ownTrapped ? std::vector{ports.bridgeIfIndex} : std::vector<std::uint32_t>()));
   failure = joined(failure, portsDel(vlan, PortRole::access, accessPorts));
   return joined(failure, portsDel(vlan, PortRole::tunnel, tunnelPorts));
 }
 
 Failure Datapath::vlanDel(std::uint16_t vlan) {
   if (!vlans_.contains(vlan)) return std::nullopt;
-  Failure failure = portsDel(vlan, PortRole::access, {});
+  Failure failure = portsDel(vlan, PortRole::own, {});
+  failure = joined(failure, portsDel(vlan, PortRole::access, {}));
   failure = joined(failure, portsDel(vlan, PortRole::tunnel, {}));
   failure = joined(failure, programs_.vlanPathsDel(vlan));
   const Pair wayIn = vlans_[vlan].wayIn;

@@ -16,8 +16,9 @@
 //
 // What is trapped: a complete, untagged, broadcast Ethernet/IPv4 ARP request or reply of at most 9216 bytes
 // that an access port receives while its VLAN is active. It is copied to the agent and goes on into the
-// bridge, marked, so that hosts of this switch hear it. All else passes untouched, and so does a frame whose
-// copy fails. What comes out of the overlay is never trapped.
+// bridge, marked, so that hosts of this switch hear it. Likewise what the bridge device sends, if asked for.
+// All else passes untouched, and so does a frame whose copy fails. What comes out of the overlay is never
+// trapped.
 //
 // Everything here may be done again: what is already as it should be stays. A failure leaves what could be
 // done in place and says what could not; calling again tries that again. No method blocks but for netlink
@@ -25,6 +26,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,6 +44,8 @@ struct VlanPorts {
   std::uint32_t bridgeIfIndex = 0;
   std::vector<std::uint32_t> accessPorts;  // those of our own pairs among them are passed over
   std::vector<std::uint32_t> tunnelPorts;  // at most 32
+  // What the bridge device itself sends is trapped like what an access port receives.
+  bool ownTrapped = false;
 };
 
 class Datapath {
@@ -69,6 +73,12 @@ class Datapath {
   // because the kernel took the programs off with the device.
   [[nodiscard]] Failure portDel(std::uint32_t ifIndex);
 
+  // Frames from this address are trapped nowhere: that of the switch itself, when nobody would act on what it
+  // asks.
+  [[nodiscard]] Failure passedAddressIs(const std::optional<MacAddress>& address) {
+    return programs_.passedAddressIs(address);
+  }
+
   // Whether frames of the VLAN are trapped. Independent of vlanIs() and of the order of the two.
   [[nodiscard]] Failure activeVlanIs(std::uint16_t vlan, bool active);
 
@@ -89,6 +99,7 @@ class Datapath {
   struct Vlan {
     Pair wayIn;
     std::vector<std::uint32_t> tunnelPorts;
+    std::uint32_t bridge = 0;
   };
 
   [[nodiscard]] Failure pairIs(const PairNames& names, std::uint32_t mtu,

@@ -63,6 +63,8 @@ const char* toString(Program program) {
   switch (program) {
     case Program::accessIngress:
       return "access_ingress";
+    case Program::ownEgress:
+      return "own_egress";
     case Program::tunnelEgress:
       return "tunnel_egress";
     case Program::trapEgress:
@@ -105,6 +107,8 @@ int Programs::fd(Program program) const {
   switch (program) {
     case Program::accessIngress:
       return bpf_program__fd(programs.access_ingress);
+    case Program::ownEgress:
+      return bpf_program__fd(programs.own_egress);
     case Program::tunnelEgress:
       return bpf_program__fd(programs.tunnel_egress);
     case Program::trapEgress:
@@ -122,15 +126,26 @@ int Programs::fd(Program program) const {
 }
 
 Failure Programs::trapPeerIs(std::uint32_t ifIndex) {
-  const SoftForwardSettings value{ifIndex, 0};
-  return failed("settings", "trap peer " + std::to_string(ifIndex),
+  trapPeer_ = ifIndex;
+  return settingsPut();
+}
+
+Failure Programs::passedAddressIs(const std::optional<MacAddress>& address) {
+  passedAddress_ = address;
+  return settingsPut();
+}
+
+Failure Programs::settingsPut() {
+  SoftForwardSettings value{trapPeer_, {}, passedAddress_.has_value()};
+  if (passedAddress_) std::memcpy(value.ownAddress, passedAddress_->data(), passedAddress_->size());
+  return failed("settings", "trap peer " + std::to_string(trapPeer_),
                 put(skeleton_->bpf->maps.settings, 0, value));
 }
 
 Failure Programs::portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role) {
-  const SoftForwardPort value{
-      vlan, static_cast<__u8>(role == PortRole::access ? SOFT_FORWARD_ROLE_ACCESS : SOFT_FORWARD_ROLE_TUNNEL),
-      0};
+  constexpr SoftForwardRole kRoles[] = {SOFT_FORWARD_ROLE_ACCESS, SOFT_FORWARD_ROLE_TUNNEL,
+                                        SOFT_FORWARD_ROLE_OWN};
+  const SoftForwardPort value{vlan, static_cast<__u8>(kRoles[static_cast<std::size_t>(role)]), 0};
   return failed("ports", portKey(ifIndex), put(skeleton_->bpf->maps.ports, ifIndex, value));
 }
 
@@ -145,11 +160,12 @@ Failure Programs::activeVlanIs(std::uint16_t vlan, bool active) {
 }
 
 Failure Programs::vlanPathsIs(std::uint16_t vlan, std::uint32_t wayIn,
-                              const std::vector<std::uint32_t>& tunnelPorts) {
+                              const std::vector<std::uint32_t>& tunnelPorts, std::uint32_t bridge) {
   MOX_ASSERT(kSource, "tunnelPorts.size() <= SOFT_FORWARD_MAX_TUNNEL_PORTS",
              tunnelPorts.size() <= SOFT_FORWARD_MAX_TUNNEL_PORTS);
   SoftForwardVlanPaths value{};
   value.wayIn = wayIn;
+  value.bridge = bridge;
   value.tunnelPorts = static_cast<__u32>(tunnelPorts.size());
   std::ranges::copy(tunnelPorts, value.tunnelPort);
   return failed("vlan_paths", vlanKey(vlan), put(skeleton_->bpf->maps.vlan_paths, vlan, value));

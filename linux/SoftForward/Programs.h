@@ -7,14 +7,17 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "SoftForward/Failure.h"
+#include "SoftForward/Links.h"
 
 namespace SoftForward {
 
 enum class Program : std::uint8_t {
   accessIngress,
+  ownEgress,
   tunnelEgress,
   trapEgress,
   injectStrip,  // XDP; the others are tc programs
@@ -25,7 +28,8 @@ enum class Program : std::uint8_t {
 
 const char* toString(Program program);  // the program's name in the kernel
 
-enum class PortRole : std::uint8_t { access, tunnel };
+// `own` is the bridge device as far as it sends.
+enum class PortRole : std::uint8_t { access, tunnel, own };
 
 // Frames since the programs were loaded.
 struct Statistics {
@@ -51,21 +55,27 @@ class Programs {
   int fd(Program program) const;
 
   [[nodiscard]] Failure trapPeerIs(std::uint32_t ifIndex);
+  // What comes from this address is never trapped.
+  [[nodiscard]] Failure passedAddressIs(const std::optional<MacAddress>& address);
   [[nodiscard]] Failure portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role);
   [[nodiscard]] Failure portDel(std::uint32_t ifIndex);
   [[nodiscard]] Failure activeVlanIs(std::uint16_t vlan, bool active);
   // At most SOFT_FORWARD_MAX_TUNNEL_PORTS; `wayIn` 0: none. A frame sees the old set or the new one, nothing
   // between.
   [[nodiscard]] Failure vlanPathsIs(std::uint16_t vlan, std::uint32_t wayIn,
-                                    const std::vector<std::uint32_t>& tunnelPorts);
+                                    const std::vector<std::uint32_t>& tunnelPorts, std::uint32_t bridge);
   [[nodiscard]] Failure vlanPathsDel(std::uint16_t vlan);
 
   // All zero when the counters cannot be read.
   Statistics statistics() const;
 
  private:
+  [[nodiscard]] Failure settingsPut();
+
   struct Skeleton;
   std::unique_ptr<Skeleton> skeleton_;
+  std::uint32_t trapPeer_ = 0;
+  std::optional<MacAddress> passedAddress_;
 };
 
 }  // namespace SoftForward

@@ -24,7 +24,7 @@
 //       12     2  SOFT_FORWARD_TRAP_ETHERTYPE
 //       14     2  zero
 //       16     4  VLAN
-//       20     4  interface index of the port that received the frame
+//       20     4  interface index of the port that received the frame; of the bridge, if that sent it
 //       24     4  zero
 //       28     -  the frame from its ethertype on
 #define SOFT_FORWARD_TRAP_ETHERTYPE 0x8135
@@ -40,6 +40,7 @@
 enum SoftForwardRole {
   SOFT_FORWARD_ROLE_ACCESS = 1,
   SOFT_FORWARD_ROLE_TUNNEL = 2,
+  SOFT_FORWARD_ROLE_OWN = 3,  // the bridge itself, as far as it sends
 };
 
 // Map "ports": what a bridge port is, by interface index (__u32).
@@ -61,12 +62,14 @@ struct SoftForwardVlanPaths {
   __u32 wayIn;        // interface index of the device that leads into the bridge; 0: none
   __u32 tunnelPorts;  // how many of the indexes below are there
   __u32 tunnelPort[SOFT_FORWARD_MAX_TUNNEL_PORTS];
+  __u32 bridge;  // interface index; for what it sends itself, which no port received
 };
 
 // Map "settings", one entry.
 struct SoftForwardSettings {
-  __u32 trapPeer;  // interface index of the inner end of "arpsnoop"; 0: nothing is trapped
-  __u32 zero;
+  __u32 trapPeer;      // interface index of the inner end of "arpsnoop"; 0: nothing is trapped
+  __u8 ownAddress[6];  // the address of the switch's VLAN interfaces
+  __u16 ownPasses;     // 1: frames from that address are not trapped, whatever port they come from
 };
 
 // Map "counters", one per-CPU __u64 each.
@@ -90,7 +93,7 @@ struct SoftForwardInjectMeta {
 #ifdef __cplusplus
 static_assert(sizeof(SoftForwardPort) == 4);
 static_assert(sizeof(SoftForwardActiveVlan) == 8);
-static_assert(sizeof(SoftForwardVlanPaths) == 8 + 4 * SOFT_FORWARD_MAX_TUNNEL_PORTS);
-static_assert(sizeof(SoftForwardSettings) == 8);
+static_assert(sizeof(SoftForwardVlanPaths) == 12 + 4 * SOFT_FORWARD_MAX_TUNNEL_PORTS);
+static_assert(sizeof(SoftForwardSettings) == 12);
 static_assert(sizeof(SoftForwardInjectMeta) == 8);
 #endif

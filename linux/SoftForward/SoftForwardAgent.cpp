@@ -20,6 +20,13 @@ constexpr double kSettleSeconds = 0.02;
 constexpr double kRetrySeconds = 3;
 constexpr unsigned kLevel = 3;
 
+constexpr char kBridgingConfigPath[] = "bridging/config";
+constexpr char kArpService[] = "ArpService";
+
+bool contains(const std::vector<Mox::String>& names, const Mox::String& name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
 Tracelet::Handle& traceHandle() {
   static Tracelet::Handle handle("SoftForward");
   return handle;
@@ -29,15 +36,19 @@ Tracelet::Handle& traceHandle() {
 
 SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
                              Mox::Ptr<const Switch::Config> switchConfig,
-                             Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus)
+                             Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus,
+                             Mox::Ptr<const Bridging::Config> bridgingConfig)
     : loop_(scheduler->loop()),
       switchConfig_(std::move(switchConfig)),
       arpSuppressionStatus_(std::move(arpSuppressionStatus)),
+      bridgingConfig_(std::move(bridgingConfig)),
+      ownTrapped_(contains(switchConfig_->agents(), kArpService)),
       requests_(NETLINK_ROUTE),
       notifications_(NETLINK_ROUTE),
       synchronise_(scheduler, "SoftForward", kLevel, [this] { synchronise(); }) {
   arpSuppressionStatus_.on(ArpSuppression::ArpSuppressionStatus::vlanIdChanged,
                            [this](Bridging::VlanId vlanId) { handleVlanId(vlanId); });
+  bridgingConfig_.on(Bridging::Config::bridgeMacAddrChanged, [this] { synchronise_.schedule(); });
   if (const Netlink::Result refused = notifications_.join(RTNLGRP_LINK)) {
     check("link notifications", Netlink::describe("link notifications", *refused));
   } else {
@@ -97,6 +108,15 @@ void SoftForwardSm::handleVlanId(Bridging::VlanId vlanId) {
   }
 }
 
+bool SoftForwardSm::synchroniseOwn() {
+  std::optional<MacAddress> passed;
+  if (!ownTrapped_ && bridgingConfig_ && !bridgingConfig_->bridgeMacAddr().isZero()) {
+    const auto bytes = bridgingConfig_->bridgeMacAddr().bytes();
+    std::ranges::copy(std::as_bytes(std::span(bytes)), passed.emplace().begin());
+  }
+  return check("the switch's own address", datapath_.passedAddressIs(passed));
+}
+
 bool SoftForwardSm::synchroniseVlan(const Switch::VlanConfig& vlan) {
   const std::string what = "VLAN " + vlan.vlanId().toStrep();
   const auto bridge = links_.find(vlan.bridge());
@@ -104,9 +124,10 @@ bool SoftForwardSm::synchroniseVlan(const Switch::VlanConfig& vlan) {
     return check(what, datapath_.vlanDel(vlan.vlanId()));
   VlanPorts ports;
   ports.bridgeIfIndex = bridge->second.index;
+  ports.ownTrapped = ownTrapped_;
   const auto& tunnels = vlan.tunnelPorts();
   for (const auto& [name, link] : links_) {
-    const bool tunnel = std::find(tunnels.begin(), tunnels.end(), name) != tunnels.end();
+    const bool tunnel = contains(tunnels, name);
     if (tunnel) {
       ports.tunnelPorts.push_back(link.index);
     } else if (link.master == bridge->second.index && !Datapath::ownsDevice(name)) {
@@ -128,6 +149,7 @@ void SoftForwardSm::synchronise() {
     good = check("reading links", links.forEach([this](const Link& link) { links_[link.name] = link; }));
   }
   if (open_ && good) {
+    good = synchroniseOwn();
     for (const auto& [vlanId, vlan] : switchConfig_->vlanCollection()) good = synchroniseVlan(*vlan) && good;
     if (good && !staleDeleted_)
       staleDeleted_ = good = check("removing what an earlier run left", datapath_.staleDel());
@@ -147,6 +169,7 @@ void SoftForwardSm::dumpState(Orb::DumpContext& context, int indent) const {
 void SoftForwardAgent::doInit() {
   const Mox::Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
+  group->mountIs(kBridgingConfigPath, "Bridging::Config", "r");
   localEntitiesCreatedIs(true);
   group->doClose();
 }
@@ -157,7 +180,8 @@ void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Sta
   const auto status = Mox::dynamicPtrCast<const ArpSuppression::ArpSuppressionStatus>(
       tree->mount("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", "r"));
   if (!switchConfig || !status) return;
-  softForwardSm_ = Mox::make<SoftForwardSm>(taskSchedulerRoot()->scheduler(), switchConfig, status);
+  softForwardSm_ = Mox::make<SoftForwardSm>(taskSchedulerRoot()->scheduler(), switchConfig, status,
+                                            tree->entityOf<const Bridging::Config>(kBridgingConfigPath));
 }
 
 }  // namespace SoftForward

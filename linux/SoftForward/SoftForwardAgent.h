@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "Bridging/Config.h"
 #include "Mox/Notifiee.h"
 #include "Netlink/Socket.h"
 #include "Orb/AgentBase.h"
@@ -20,13 +21,18 @@ namespace SoftForward {
 // Keeps the data path in step with the switch: the bridges and ports of the configured VLANs as the kernel
 // has them now, and the VLANs on which suppression is in force. Ports may come and go.
 //
+// What the switch itself asks for on its VLANs is trapped while the plug-in "ArpService" is loaded, which
+// turns what the agent then decides into kernel neighbours. Without it nobody would answer, so it is left
+// alone.
+//
 // What the kernel tells of its links only says that something changed; the links are then read once for all
 // changes of a short while. A failure is reported once as long as it stays the same, and tried again every
 // few seconds.
 class SoftForwardSm final : public Mox::Entity {
  public:
   SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Mox::Ptr<const Switch::Config> switchConfig,
-                Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus);
+                Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus,
+                Mox::Ptr<const Bridging::Config> bridgingConfig);
   // Detaches everything and removes the devices that it made.
   ~SoftForwardSm() override;
 
@@ -39,11 +45,14 @@ class SoftForwardSm final : public Mox::Entity {
   void synchronise();
   // Whether it went well; otherwise it is reported and will be tried again.
   bool check(const std::string& what, const Failure& failure);
+  bool synchroniseOwn();
   bool synchroniseVlan(const Switch::VlanConfig& vlan);
 
   Orb::EventLoop& loop_;
   Mox::Ptr<const Switch::Config> switchConfig_;
   Mox::Notifiee<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus_;
+  Mox::Notifiee<const Bridging::Config> bridgingConfig_;
+  const bool ownTrapped_;
   Netlink::Socket requests_;
   Netlink::Socket notifications_;
   Mox::Notifiee<Orb::FileDescriptor> descriptor_;

@@ -1,13 +1,14 @@
 // The forwarding programs. Frames are read with bpf_skb_load_bytes into the stack, so that a frame is never
 // linearised or otherwise touched by a program that lets it pass.
 //
-//   access_ingress  tc ingress of access ports       ARP goes to the agent as a copy, and on into the bridge
-//   marked tunnel_egress   tc egress of tunnel ports        what was marked does not leave trap_egress     tc
-//   egress of the trap peer       puts the trap header into the copy inject_strip    XDP of the inject peer
-//   takes the trap header off inject_ingress  tc ingress of the inject peer    sends the frame out of the
-//   tunnel ports fabric_ingress  tc ingress of the fabric peer    takes the tag off and hands the frame to
-//   the bridge drop_all        the other directions of the peers, and the host's side of the ways into the
-//   bridges
+//   access_ingress  tc ingress of access ports       ARP goes to the agent as a copy, and on marked
+//   own_egress      tc egress of the bridge device   the same for what the switch sends itself
+//   tunnel_egress   tc egress of tunnel ports        what was marked does not leave
+//   trap_egress     tc egress of the trap peer       puts the trap header into the copy
+//   inject_strip    XDP of the inject peer           takes the trap header off
+//   inject_ingress  tc ingress of the inject peer    sends the frame out of the tunnel ports
+//   fabric_ingress  tc ingress of the fabric peer    takes the tag off and hands the frame to the bridge
+//   drop_all        the other directions of the peers, and the host's side of the ways into the bridges
 //
 // The programs on ports answer TC_ACT_UNSPEC for what they let pass, so that filters of others behind them
 // still run.
@@ -114,8 +115,13 @@ static __always_inline bool isMarked(const struct __sk_buff* skb) {
   return (skb->mark & SOFT_FORWARD_MARK_MASK) == SOFT_FORWARD_MARK;
 }
 
-SEC("tc")
-int access_ingress(struct __sk_buff* skb) {
+static __always_inline bool isSame(const __u8* address, const __u8* other) {
+  __u8 difference = 0;
+  for (int i = 0; i < ETH_ALEN; ++i) difference |= address[i] ^ other[i];
+  return difference == 0;
+}
+
+static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
   // A tag that the device took off is beside the frame: what is tagged is not this VLAN's.
   if (skb->protocol != bpf_htons(ETH_P_ARP) || skb->vlan_present) return TC_ACT_UNSPEC;
   if (skb->len > SOFT_FORWARD_MAX_FRAME) return TC_ACT_UNSPEC;
@@ -125,13 +131,14 @@ int access_ingress(struct __sk_buff* skb) {
 
   __u32 ifIndex = skb->ifindex;
   const struct SoftForwardPort* port = bpf_map_lookup_elem(&ports, &ifIndex);
-  if (!port || port->role != SOFT_FORWARD_ROLE_ACCESS) return TC_ACT_UNSPEC;
+  if (!port || port->role != role) return TC_ACT_UNSPEC;
   __u32 vlan = port->vlan;
   const struct SoftForwardActiveVlan* activeVlan = bpf_map_lookup_elem(&active_vlans, &vlan);
   if (!activeVlan || !activeVlan->active) return TC_ACT_UNSPEC;
   __u32 zero = 0;
   const struct SoftForwardSettings* setting = bpf_map_lookup_elem(&settings, &zero);
   if (!setting || !setting->trapPeer) return TC_ACT_UNSPEC;
+  if (setting->ownPasses && isSame(frame.source, setting->ownAddress)) return TC_ACT_UNSPEC;
 
   // The copy takes the mark along: that is how trap_egress learns the VLAN.
   const __u32 before = skb->mark;
@@ -147,6 +154,16 @@ int access_ingress(struct __sk_buff* skb) {
 }
 
 SEC("tc")
+int access_ingress(struct __sk_buff* skb) {
+  return trap(skb, SOFT_FORWARD_ROLE_ACCESS);
+}
+
+SEC("tc")
+int own_egress(struct __sk_buff* skb) {
+  return trap(skb, SOFT_FORWARD_ROLE_OWN);
+}
+
+SEC("tc")
 int tunnel_egress(struct __sk_buff* skb) {
   if (!isMarked(skb) || skb->protocol != bpf_htons(ETH_P_ARP)) return TC_ACT_UNSPEC;
   __u32 ifIndex = skb->ifindex;
@@ -159,10 +176,16 @@ int tunnel_egress(struct __sk_buff* skb) {
 SEC("tc")
 int trap_egress(struct __sk_buff* skb) {
   if (!isMarked(skb)) return unexpected();
+  __u32 vlan = skb->mark & SOFT_FORWARD_VLAN_MASK;
+  __u32 from = skb->ingress_ifindex;
+  if (from == 0) {
+    const struct SoftForwardVlanPaths* paths = bpf_map_lookup_elem(&vlan_paths, &vlan);
+    if (paths) from = paths->bridge;
+  }
   struct TrapHeader header = {
       .ethertype = bpf_htons(SOFT_FORWARD_TRAP_ETHERTYPE),
-      .vlan = bpf_htonl(skb->mark & SOFT_FORWARD_VLAN_MASK),
-      .port = bpf_htonl(skb->ingress_ifindex),
+      .vlan = bpf_htonl(vlan),
+      .port = bpf_htonl(from),
   };
   if (bpf_skb_load_bytes(skb, 0, header.destination, 2 * ETH_ALEN) < 0) return unexpected();
   if (bpf_skb_change_head(skb, SOFT_FORWARD_TRAP_PUSH, 0) < 0) return unexpected();

@@ -153,6 +153,23 @@ TEST_F(DatapathTest, TrappedFramesReachTheAgentAndLocalHostsOnly) {
   EXPECT_EQ(statistics.trapFailed + statistics.injected + statistics.replied + statistics.unexpected, 0U);
 }
 
+TEST_F(DatapathTest, TheSwitchsOwnRequestsAreTrappedWhenAskedFor) {
+  start();
+  auto ports = this->ports({"access1", "access2"}, {"tunnel1", "tunnel2"});
+  const auto own = std::make_unique<Lab::PacketSocket>("vlan10");
+  const Lab::Frame frame = request(Lab::macOf("vlan10"), kIp1);
+  for (const bool trapped : {false, true, false}) {
+    SCOPED_TRACE(trapped);
+    ports.ownTrapped = trapped;
+    ASSERT_EQ(datapath_->vlanIs(kVlan, ports), std::nullopt);
+    own->send(frame);
+    if (trapped) expectTrapped(frame, "vlan10");
+    const Frames remote = trapped ? Frames() : Frames{frame};
+    expect(*own, {{&*host1_, {frame}}, {&*host2_, {frame}}, {&*remote1_, remote}, {&*remote2_, remote}});
+  }
+  EXPECT_THAT(hooksOf("vlan10"), IsEmpty());
+}
+
 TEST_F(DatapathTest, FramesOfTheGreatestLengthAreTrappedAndLongerOnesFlooded) {
   for (const char* name : {"access1", "access2", "tunnel1", "tunnel2"}) {
     Lab::mtuIs(name, 9500);

@@ -150,6 +150,12 @@ TEST_F(ProgramsTest, WhenAnAccessPortPassesARequest) {
   ASSERT_EQ(programs_.portDel(kLoopback), std::nullopt);
   passes("the port is not known");
   ASSERT_EQ(programs_.portIs(kLoopback, kVlan, PortRole::access), std::nullopt);
+  MacAddress sender;
+  std::ranges::copy(std::as_bytes(std::span(kRequest.senderMac)), sender.begin());
+  ASSERT_EQ(programs_.passedAddressIs(sender), std::nullopt);
+  passes("it is the switch's own");
+  sender[5] ^= std::byte{1};
+  ASSERT_EQ(programs_.passedAddressIs(sender), std::nullopt);
   ASSERT_EQ(programs_.trapPeerIs(0), std::nullopt);
   passes("there is no trap peer");
   EXPECT_EQ(programs_.statistics().trapFailed, 0U);
@@ -258,8 +264,8 @@ TEST_F(ProgramsTest, TheInjectPeerTakesTheHeaderOff) {
 
 // The tag is inside the frame here; on a real device the kernel takes it off first.
 TEST_F(ProgramsTest, TheFabricPeerTakesTheTagOff) {
-  ASSERT_EQ(programs_.vlanPathsIs(kVlan, kLoopback, {}), std::nullopt);
-  ASSERT_EQ(programs_.vlanPathsIs(kVlan + 1, 0, {}), std::nullopt);
+  ASSERT_EQ(programs_.vlanPathsIs(kVlan, kLoopback, {}, 0), std::nullopt);
+  ASSERT_EQ(programs_.vlanPathsIs(kVlan + 1, 0, {}, 0), std::nullopt);
   Lab::Arp arp = kRequest;
   arp.operation = 2;
   const Lab::Frame reply = Lab::arpFrame(arp, {2, 0, 0, 0, 0, 9});
