@@ -137,9 +137,13 @@ std::optional<Mount> EntityManager::request(const std::string& path, const std::
 std::vector<Mount> EntityManager::absentMounts() const {
   std::vector<Mount> absent;
   for (const Mount& mount : requests_) {
-    const bool listed =
-        std::any_of(absent.begin(), absent.end(), [&](const Mount& m) { return m.path == mount.path; });
-    if (!listed && !entity(mount.path)) absent.push_back(mount);
+    const auto listed =
+        std::find_if(absent.begin(), absent.end(), [&](const Mount& m) { return m.path == mount.path; });
+    if (listed != absent.end()) {
+      listed->flags.write = listed->flags.write || mount.flags.write;
+    } else if (!entity(mount.path)) {
+      absent.push_back(mount);
+    }
   }
   return absent;
 }

@@ -62,7 +62,7 @@ class EntityManager final : public Mox::Entity {
                               std::string* problem = nullptr);
   void unmount(const std::string& path);
   // What groups asked for without creating it and nobody has: the host creates those that no loaded plug-in
-  // owns.
+  // owns. Each path once, to be written when anybody asked to write it.
   std::vector<Mount> absentMounts() const;
 
   // From now on the entity of this path is kept in the store: loaded when it is created, every later change

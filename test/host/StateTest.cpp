@@ -150,6 +150,9 @@ TEST(State, createsWhatNobodyOwns) {
   HostState host(runDir, {{"agents", {"KernelState", "ArpSuppression"}}});
   const auto group = host.state->tree()->mountGroup();
   group->mountIs("ip/status", "Ip::Status", "r");
+  const auto reader = host.state->tree()->mountGroup();
+  reader->mountIs("arp/input/config/arpSuppression", "Arp::ArpInputConfig", "r");
+  reader->doClose();
   group->mountIs("arp/input/config/arpSuppression", "Arp::ArpInputConfig", "wS");
   group->mountIs("evpn/status", "Evpn::EvpnStatus", "r");
   group->doClose();

@@ -1,11 +1,16 @@
 // The whole switch: the daemon with all that makes a Linux machine one, hosts at its ports, and the far end
 // of the overlay behind a tunnel port. Hosts and the far end are packet sockets.
 
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <optional>
 
 #include "Netlink/Socket.h"
@@ -80,16 +85,19 @@ class WholeSwitch : public testing::Test {
     far2_.emplace("far-core11");
   }
 
-  void start() {
-    switch_.start({{"agents", {"KernelState", "SoftForward", "ArpSuppression"}},
+  // `more` is merged into the configuration, which then serves these VLANs with one remote binding each.
+  void start(const json& more = json::object(), const std::vector<int>& vlans = {10}) {
+    json config = {{"agents", {"KernelState", "SoftForward", "ArpSuppression"}},
                    {"vlans", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10", "core11"}}}}}},
                    {"state",
                     {{"evpn/status", {{"mplsConfigured", true}, {"vlanToDot1q", {{"10", 10}}}}},
                      {"arpSuppression/remoteBindingConfig/evpn",
-                      {{"remoteBinding", {{"10 10.0.10.99", {{"mac", "02:00:00:00:00:99"}}}}}}}}}});
+                      {{"remoteBinding", {{"10 10.0.10.99", {{"mac", "02:00:00:00:00:99"}}}}}}}}}};
+    config.merge_patch(more);
+    switch_.start(config);
     const json running = {{"runnable", true},
-                          {"activeVlans", {10}},
-                          {"remoteBindings", 1},
+                          {"activeVlans", vlans},
+                          {"remoteBindings", vlans.size()},
                           {"trapSocket", "open"},
                           {"reinjectSocket", "open"}};
     ASSERT_EQ(switch_.status(running), running);
@@ -223,6 +231,93 @@ TEST_F(WholeSwitch, WhatNobodyKnowsReachesEveryEndpointOnceAndTheAnswerComesBack
   EXPECT_THAT(seen.host2, IsEmpty());
   EXPECT_THAT(seen.far, IsEmpty());
   EXPECT_THAT(seen.far2, IsEmpty());
+}
+
+// What the switch itself asks for: its own datagrams make it resolve an address.
+void datagramTo(const Ip& ip) {
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(9);  // discard
+  std::memcpy(&to.sin_addr, ip.data(), ip.size());
+  const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  EXPECT_EQ(sendto(descriptor, "", 1, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to), 1);
+  close(descriptor);
+}
+
+TEST_F(WholeSwitch, ItsOwnRequestsToo) {
+  // VLAN 20 is another VRF's, behind a bridge of another name.
+  const Namespace red("red");
+  bridgeIs("br20");
+  vethIs("to-vlan20", "vlan20", red);
+  portIs("to-vlan20", "br20");
+  vethIs("core20", "far-core20", outside_);
+  portIs("core20", "br20");
+  std::optional<PacketSocket> far20;
+  {
+    const Entered entered(outside_);
+    far20.emplace("far-core20");
+  }
+  const Mac own = macOf("vlan10");
+  {
+    const Entered entered(red);
+    ifinfomsg link{};
+    link.ifi_index = static_cast<int>(ifIndex("vlan20"));
+    KernelState::request(std::move(
+        Netlink::Message(RTM_SETLINK).header(link).bytes(IFLA_ADDRESS, std::as_bytes(std::span(own)))));
+    KernelState::addressIs("vlan20", "10.0.20.1/24");
+  }
+  json more = {{"vrfs", {{"red", {{"id", 5}, {"networkNamespace", red.name()}}}}},
+               {"vlans", {{"20", {{"bridge", "br20"}, {"tunnelPorts", {"core20"}}}}}},
+               {"state",
+                {{"evpn/status", {{"vlanToDot1q", {{"20", 20}}}}},
+                 {"arpSuppression/remoteBindingConfig/evpn",
+                  {{"remoteBinding", {{"20 10.0.20.99", {{"mac", "02:00:00:00:00:98"}}}}}}}}}};
+  const Ip remote20{10, 0, 20, 99};
+  const Frame asks10 = arpFrame({1, own, kGatewayIp, {}, kRemoteIp});
+  const Frame asks20 = arpFrame({1, own, {10, 0, 20, 1}, {}, remote20});
+  const auto heard20 = [&] {
+    const Frame last = plainFrame(own, kBroadcast, kSentinelType, ++sentinels_);
+    const Entered entered(red);
+    PacketSocket("vlan20").send(last);
+    Texts heard = hexOf(far20->receiveUntil(last));
+    std::erase_if(heard, [&](const std::string& text) { return text != hex(asks20); });
+    return heard;
+  };
+  for (const bool served : {false, true}) {
+    SCOPED_TRACE(served ? "ArpService" : "no ArpService");
+    if (served) more["agents"] = {"KernelState", "ArpService", "SoftForward", "ArpSuppression"};
+    start(more, {10, 20});
+    quiet(), heard20();
+    datagramTo(kRemoteIp);
+    {
+      const Entered entered(red);
+      datagramTo(remote20);
+    }
+    Seen seen = quiet();
+    EXPECT_THAT(seen.host1, ElementsAre(hex(asks10))) << "local hosts hear it";
+    EXPECT_EQ(seen.far, served ? Texts() : Texts{hex(asks10)});
+    EXPECT_EQ(heard20(), served ? Texts() : Texts{hex(asks20)});
+    const auto raised = switch_.counters()["staticBindingEvent"];  // more when the kernel asks again
+    EXPECT_TRUE(served ? raised >= 2 : raised == 0) << raised;
+
+    const Ip& local = served ? kHost2Ip : kHost1Ip;
+    const Mac& mac = served ? kHost2 : kHost1;
+    datagramTo(local);
+    (served ? host2_ : host1_)->send(arpFrame({2, mac, local, own, kGatewayIp}, own));
+    const std::string key = "/arpEntry/0 10.0.10." + std::to_string(local[3]) + " Vlan10/mac";
+    const json expected = "02:00:00:00:00:" + std::to_string(served ? 12 : 11);
+    EXPECT_EQ(switch_.state("arp/status", key.c_str(), expected), expected) << "found by flooding";
+    switch_.stop();
+    EXPECT_EQ(filtersOf("vlan10"), 0);
+    for (const Ip& ip : {kRemoteIp, remote20}) {
+      // What is still being asked for would be heard in the next round.
+      const Entered entered(ip == remote20 ? red : switch_.netNs());
+      const std::string device = ip == remote20 ? "vlan20" : "vlan10";
+      upIs(device, false);
+      upIs(device);
+      awaitOperational(device);
+    }
+  }
 }
 
 TEST_F(WholeSwitch, IsAPlainSwitchAgainAfterTheDaemon) {
