@@ -67,6 +67,27 @@ TEST_F(FdbTest, MovesArriveInOrderAndTheTableIsReadOnce) {
       "bridging/status", "Memtab::Bridging::Status", Memtab::MountDescriptor::reader()));
   const auto entry = [&](const char* rest) { return std::string("10 ") + kHost + " " + rest; };
   EXPECT_THAT(rig->macs(), ElementsAre(entry("learnedDynamic Ethernet1")));
+  // Readers hear of every change, and then see the last of those that came in one go.
+  std::vector<std::string> told;
+  Mox::Notifiee<Memtab::Bridging::Status> watch(fdb);
+  watch.on(Memtab::Bridging::Status::fdbChanged, [&](const Bridging::HostKey& key) {
+    const auto now = fdb->fdbEntry(key);
+    told.push_back(now ? Mox::toStrep(*now) : "gone");
+  });
+  const auto heard = [&] {
+    settle();
+    return std::exchange(told, {});
+  };
+  kernel.in().delMac("vlan10", kHost);
+  kernel.in().addMac("vlan10", kHost, {"core10"});
+  EXPECT_THAT(heard(), ElementsAre("evpnLearned core10", "evpnLearned core10"));
+  kernel.in().addMac("vlan10", kHost, {"Ethernet1"});
+  kernel.in().delMac("vlan10", kHost);
+  EXPECT_THAT(heard(), ElementsAre("gone", "gone"));
+  for (const char* port : {"Ethernet1", "core10", "Ethernet1"}) {
+    kernel.in().addMac("vlan10", kHost, {port});
+    EXPECT_THAT(heard(), ElementsAre(testing::EndsWith(port)));
+  }
   kernel.in().addMac("vlan10", kHost, {"Ethernet2"});
   kernel.in().addMac("vlan10", kHost, {"core10"});
   settle();
