@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "ArpService/Neighbour.h"
 #include "KernelState/Messages.h"
 #include "Netlink/Attributes.h"
 #include "Netlink/Socket.h"
@@ -54,6 +55,13 @@ void readTables(const Netlink::Received& message) {
   if (const auto mac = KernelState::readMac(message))
     Fuzz::check(KernelState::isMacMessage(message) && mac->bridge != 0 && !mac->mac.isMulticast(),
                 "a station's address on a bridge", mac->mac.toStrep());
+  if (const auto device = ArpService::readDevice(message))
+    Fuzz::check(device->ifIndex != 0 && (!device->intf || device->intf.isVlan()),
+                "a device, of a VLAN or none", device->intf.toStrep());
+  if (const auto neighbour = ArpService::readNeighbour(message))
+    Fuzz::check(neighbour->ifIndex != 0 && neighbour->address && neighbour->confirmedAgo >= 0 &&
+                    ArpService::judge(nullptr, *neighbour) != ArpService::Verdict::write,
+                "a neighbour", neighbour->address.toStrep());
 }
 
 }  // namespace

@@ -209,8 +209,9 @@ const Arp::ArpEntryInput* VrfSm::wanted(const Key& key) const {
   return entry && entry->intf == key.intf ? entry : nullptr;
 }
 
-void VrfSm::enqueue(const Key& key) {
+void VrfSm::enqueue(const Key& key, bool unlessSettled) {
   Record& record = entries_[key];
+  if (unlessSettled && record.settled) return;
   settled_ -= std::exchange(record.settled, false) ? 1 : 0;
   if (std::exchange(record.queued, true)) return;
   queue_.push_back(key);
@@ -242,7 +243,7 @@ bool VrfSm::step() {
     probe();
     return true;
   }
-  if (stage_ == Stage::idle && started_ && std::exchange(rescan_, false)) scanStart();
+  if (stage_ == Stage::idle && started_ && rescan_) scanStart();
   switch (stage_) {
     case Stage::idle:
       return false;
@@ -259,8 +260,7 @@ bool VrfSm::step() {
         break;
       }
       scan(config_->ipv4Collection(), ipv4Bookmark_, Stage::ipv6, [this](const auto& entry) {
-        const Key key{entry.first, entry.second.intf};
-        if (!entries_[key].settled) enqueue(key);
+        enqueue({entry.first, entry.second.intf}, true);
       });
       break;
     case Stage::ipv6:
@@ -269,16 +269,14 @@ bool VrfSm::step() {
         break;
       }
       scan(config_->ipv6Collection(), ipv6Bookmark_, Stage::entries, [this](const auto& entry) {
-        const Key key{entry.first.addr, entry.first.intf};
-        if (!entries_[key].settled) enqueue(key);
+        enqueue({entry.first.addr, entry.first.intf}, true);
       });
       break;
     case Stage::entries:
       scan(entries_, entriesBookmark_, Stage::idle, [this](const auto& entry) {
-        const Arp::ArpEntryInput* const want = wanted(entry.first);
-        const bool missed =
-            want && !want->dynamic && entry.second.settled && entry.second.seenRound != round_;
-        if (!want || missed) enqueue(entry.first);
+        const auto& [key, record] = entry;
+        const bool open = !(record.settled && record.dynamic);
+        if ((open && record.round != round_) || (rescanning_ && !wanted(key))) enqueue(key);
       });
       if (stage_ == Stage::idle) roundEnd();
       break;
@@ -324,7 +322,6 @@ void VrfSm::roundStart() {
   if (!sockets_) return;
   if (stage_ != Stage::idle) return roundTask_.schedule(kSettle);
   ++round_;
-  rescan_ = false;
   seenDevices_.clear();
   stage_ = Stage::devices;
   dumpStart(deviceDump());
@@ -346,8 +343,10 @@ void VrfSm::dumpStep(const std::function<void(const Netlink::Received&)>& handle
   roundEnd();
 }
 
+// What the configuration holds is known from its events, but for what came or went with a VRF.
 void VrfSm::scanStart() {
-  stage_ = Stage::ipv4;
+  rescanning_ = std::exchange(rescan_, false);
+  stage_ = rescanning_ ? Stage::ipv4 : Stage::entries;
   ipv4Bookmark_ = {};
   ipv6Bookmark_ = {};
   entriesBookmark_ = {};
@@ -397,9 +396,7 @@ void VrfSm::compare(const Neighbour& actual) {
     }
   }
   if (!leave) return enqueue(key);
-  if (!want) return;
-  entries_[key];
-  settle(key);
+  if (want) settle(key, want);
 }
 
 void VrfSm::probe() {
@@ -427,7 +424,7 @@ void VrfSm::ask(std::vector<Job*>& jobs, const std::function<Netlink::Message(Jo
       [&](std::size_t i, const Netlink::Result& error) {
         // The device has gone; what that means for the key comes with the notification.
         if (error && error->number == ENODEV) {
-          if (!jobs[i]->wanted) settle(jobs[i]->key);
+          if (!jobs[i]->wanted) settle(jobs[i]->key, nullptr);
         } else {
           answered(*jobs[i], error);
         }
@@ -443,13 +440,15 @@ void VrfSm::program() {
   std::vector<Job> jobs;
   for (; jobs.size() < Netlink::Socket::kBatch && !queue_.empty(); queue_.pop_front()) {
     const Key& key = queue_.front();
-    entries_[key].queued = false;
+    Record& record = entries_[key];
+    record.queued = false;
+    record.round = round_;
     const auto device = devices_.find(key.intf);
     const Job job{key, device == devices_.end() ? 0 : device->second, wanted(key), {}};
     if (job.ifIndex != 0) {
       jobs.push_back(job);
     } else if (!job.wanted) {
-      settle(key);
+      settle(key, nullptr);
     }
   }
   std::vector<Job*> look;
@@ -458,7 +457,7 @@ void VrfSm::program() {
     if (error && error->number != ENOENT) {
       refuse(job.key.intf.toStrep() + ", neighbour " + job.key.address.toStrep(), *error);
     } else {
-      settle(job.key);
+      settle(job.key, job.wanted);
     }
   };
   std::vector<Job*> create;
@@ -476,7 +475,7 @@ void VrfSm::program() {
       look, [](Job& job) { return lookRequest(job.ifIndex, job.key.address); },
       [&](Job& job, const Netlink::Result& error) {
         if (error && error->number != ENOENT) return done(job, error);
-        if (judge(job.wanted, job.actual) == Verdict::leave) return settle(job.key);
+        if (judge(job.wanted, job.actual) == Verdict::leave) return settle(job.key, job.wanted);
         change.push_back(&job);
       });
   ask(
@@ -488,16 +487,18 @@ void VrfSm::program() {
       done);
 }
 
-void VrfSm::settle(const Key& key) {
-  const auto at = entries_.find(key);
-  if (at == entries_.end() || at->second.queued) return;
-  if (wanted(key)) {
-    at->second.seenRound = round_;
-    settled_ += std::exchange(at->second.settled, true) ? 0 : 1;
-  } else {
-    settled_ -= at->second.settled ? 1 : 0;
+void VrfSm::settle(const Key& key, const Arp::ArpEntryInput* want) {
+  const auto at = entries_.try_emplace(key).first;
+  Record& record = at->second;
+  if (record.queued) return;
+  settled_ -= std::exchange(record.settled, want != nullptr) ? 1 : 0;
+  if (!want) {
     entries_.erase(at);
+    return;
   }
+  ++settled_;
+  record.dynamic = want->dynamic;
+  record.round = round_;
 }
 
 void VrfSm::refuse(const std::string& what, const Netlink::Error& error) {

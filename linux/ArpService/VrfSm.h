@@ -57,8 +57,9 @@ class VrfSm final : public Orb::WalkSmBase {
   // A key that the configuration holds, or did until now.
   struct Record {
     bool queued = false;
-    bool settled = false;         // nothing is left to be done for it
-    std::uint32_t seenRound = 0;  // the kernel had it in this round
+    bool settled = false;     // nothing is left to be done for it
+    bool dynamic = false;     // as it was settled
+    std::uint32_t round = 0;  // in which it was last dealt with
   };
   struct Sockets;
   struct Job;
@@ -90,11 +91,11 @@ class VrfSm final : public Orb::WalkSmBase {
   void probe();
 
   const Arp::ArpEntryInput* wanted(const Key& key) const;
-  void enqueue(const Key& key);
+  void enqueue(const Key& key, bool unlessSettled = false);
   void program();
   void ask(std::vector<Job*>& jobs, const std::function<Netlink::Message(Job&)>& message,
            const std::function<void(Job&, const Netlink::Result&)>& answered);
-  void settle(const Key& key);
+  void settle(const Key& key, const Arp::ArpEntryInput* want);
   void refuse(const std::string& what, const Netlink::Error& error);
   void publish();
 
@@ -120,7 +121,8 @@ class VrfSm final : public Orb::WalkSmBase {
 
   Stage stage_ = Stage::idle;
   bool started_ = false;  // the kernel's table was read since the sockets were opened
-  bool rescan_ = false;   // the configuration came or went as a whole
+  bool rescan_ = false;   // the configuration came or went as a whole: it is to be read, or is being read
+  bool rescanning_ = false;
   bool refused_ = false;  // something, in this walk
   bool roundDone_ = false;
   double retryDelay_ = 0;
