@@ -92,6 +92,10 @@ int main(int argc, char** argv) {
   measure("ArpService: find it again at start", rig);
   rig.clock.ahead += 60;
   measure("ArpService: one round", rig);
+  rig.vrfIs("default", "default", Ip::VrfState::inactive);
+  measure("ArpService: VRF inactive", rig);
+  rig.vrfIs("default", "default");
+  measure("ArpService: VRF active again", rig);
   rig.input->vrfDelAll();
   measure("ArpService: remove", rig);
   return 0;

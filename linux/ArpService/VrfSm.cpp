@@ -45,13 +45,6 @@ struct VrfSm::Sockets {
   Netlink::Socket dumps;
 };
 
-struct VrfSm::Job {
-  Key key;
-  IfIndex ifIndex = 0;
-  const Arp::ArpEntryInput* wanted = nullptr;  // the configuration does not change while a batch is handled
-  Neighbour actual;
-};
-
 VrfSm::VrfSm(Ptr<const Arp::ArpInputConfig> arpInputConfig, Ptr<const Ip::VrfStatusLocal> vrfStatus,
              Ptr<Arp::VrfServiceStatus> status, const Settings& settings,
              const Ptr<Orb::TaskScheduler>& scheduler)
@@ -414,77 +407,32 @@ void VrfSm::probe() {
 
 // --- Requests --------------------------------------------------------------------------------------------
 
-void VrfSm::ask(std::vector<Job*>& jobs, const std::function<Netlink::Message(Job&)>& message,
-                const std::function<void(Job&, const Netlink::Result&)>& answered) {
-  if (jobs.empty()) return;
-  std::vector<Netlink::Message> messages;
-  for (Job* job : jobs) messages.push_back(message(*job));
-  sockets_->requests.batch(
-      messages,
-      [&](std::size_t i, const Netlink::Result& error) {
-        // The device has gone; what that means for the key comes with the notification.
-        if (error && error->number == ENODEV) {
-          if (!jobs[i]->wanted) settle(jobs[i]->key, nullptr);
-        } else {
-          answered(*jobs[i], error);
-        }
-      },
-      [&](std::size_t i, const Netlink::Received& received) {
-        if (auto actual = readNeighbour(received)) jobs[i]->actual = *actual;
-      });
-}
-
-// Up to three exchanges with the kernel for a batch of keys. What is not there is written with the first;
-// nothing that is there is written over before it was looked at.
 void VrfSm::program() {
+  std::vector<Key> keys;
   std::vector<Job> jobs;
   for (; jobs.size() < Netlink::Socket::kBatch && !queue_.empty(); queue_.pop_front()) {
     const Key& key = queue_.front();
     Record& record = entries_[key];
     record.queued = false;
     record.round = round_;
-    const auto device = devices_.find(key.intf);
-    const Job job{key, device == devices_.end() ? 0 : device->second, wanted(key), {}};
-    if (job.ifIndex != 0) {
-      jobs.push_back(job);
-    } else if (!job.wanted) {
+    const Arp::ArpEntryInput* const want = wanted(key);
+    if (const auto device = devices_.find(key.intf); device != devices_.end()) {
+      keys.push_back(key);
+      jobs.push_back({device->second, key.address, want, {}, {}});
+    } else if (!want) {
       settle(key, nullptr);
     }
   }
-  std::vector<Job*> look;
-  std::vector<Job*> change;
-  const auto done = [&](Job& job, const Netlink::Result& error) {
-    if (error && error->number != ENOENT) {
-      refuse(job.key.intf.toStrep() + ", neighbour " + job.key.address.toStrep(), *error);
-    } else {
-      settle(job.key, job.wanted);
+  bringInStep(sockets_->requests, jobs);
+  for (std::size_t i = 0; i < jobs.size(); ++i) {
+    const Job& job = jobs[i];
+    const bool deviceGone = job.error && job.error->number == ENODEV;
+    if (!job.error || (deviceGone && !job.wanted)) {
+      settle(keys[i], job.wanted);
+    } else if (!deviceGone) {  // of that the kernel tells
+      refuse(keys[i].intf.toStrep() + ", neighbour " + job.address.toStrep(), *job.error);
     }
-  };
-  std::vector<Job*> create;
-  for (Job& job : jobs) (job.wanted ? create : look).push_back(&job);
-  ask(
-      create, [](Job& job) { return writeRequest(job.ifIndex, job.key.address, *job.wanted, NLM_F_EXCL); },
-      [&](Job& job, const Netlink::Result& error) {
-        if (error && error->number == EEXIST) {
-          look.push_back(&job);
-        } else {
-          done(job, error);
-        }
-      });
-  ask(
-      look, [](Job& job) { return lookRequest(job.ifIndex, job.key.address); },
-      [&](Job& job, const Netlink::Result& error) {
-        if (error && error->number != ENOENT) return done(job, error);
-        if (judge(job.wanted, job.actual) == Verdict::leave) return settle(job.key, job.wanted);
-        change.push_back(&job);
-      });
-  ask(
-      change,
-      [](Job& job) {
-        return job.wanted ? writeRequest(job.ifIndex, job.key.address, *job.wanted, NLM_F_REPLACE)
-                          : removeRequest(job.ifIndex, job.key.address);
-      },
-      done);
+  }
 }
 
 void VrfSm::settle(const Key& key, const Arp::ArpEntryInput* want) {

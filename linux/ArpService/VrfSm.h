@@ -10,7 +10,7 @@
 
 #include "Arp/InputConfig.h"
 #include "Arp/ServiceStatus.h"
-#include "ArpService/Neighbour.h"
+#include "ArpService/Job.h"
 #include "Ip/Status.h"
 #include "Mox/Notifiee.h"
 #include "Orb/FileDescriptor.h"
@@ -62,7 +62,6 @@ class VrfSm final : public Orb::WalkSmBase {
     std::uint32_t round = 0;  // in which it was last dealt with
   };
   struct Sockets;
-  struct Job;
   enum class Stage : std::uint8_t { idle, devices, neighbours, ipv4, ipv6, entries };
 
   Orb::WalkRet walk() override;
@@ -93,8 +92,6 @@ class VrfSm final : public Orb::WalkSmBase {
   const Arp::ArpEntryInput* wanted(const Key& key) const;
   void enqueue(const Key& key, bool unlessSettled = false);
   void program();
-  void ask(std::vector<Job*>& jobs, const std::function<Netlink::Message(Job&)>& message,
-           const std::function<void(Job&, const Netlink::Result&)>& answered);
   void settle(const Key& key, const Arp::ArpEntryInput* want);
   void refuse(const std::string& what, const Netlink::Error& error);
   void publish();

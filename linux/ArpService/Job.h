@@ -1,0 +1,22 @@
+#pragma once
+
+#include <span>
+
+#include "ArpService/Neighbour.h"
+
+namespace ArpService {
+
+// One neighbour that is to be as the configuration wants it.
+struct Job {
+  IfIndex ifIndex = 0;
+  Lanix::IpGenAddr address;
+  const Arp::ArpEntryInput* wanted = nullptr;  // null: nothing; refers to the configuration
+  Neighbour actual;                            // as the kernel had it, if it had to be asked
+  Netlink::Result error;                       // empty: it is in step now
+};
+
+// Brings up to a batch of neighbours in step with at most three exchanges. What is not there is written with
+// the first; nothing that is there is written over or removed before it was looked at, and judged.
+void bringInStep(Netlink::Socket& socket, std::span<Job> jobs);
+
+}  // namespace ArpService
