@@ -252,22 +252,23 @@ bool VrfSm::step() {
         stage_ = Stage::entries;
         break;
       }
-      scan(config_->ipv4Collection(), ipv4Bookmark_, Stage::ipv6, [this](const auto& entry) {
-        enqueue({entry.first, entry.second.intf}, true);
-      });
+      scan(config_->ipv4Collection(), ipv4Bookmark_, Stage::ipv6,
+           [this](const Lanix::IpAddr& ip, const Arp::ArpEntryInput& entry) {
+             enqueue({ip, entry.intf}, true);
+           });
       break;
     case Stage::ipv6:
       if (!config_) {
         stage_ = Stage::entries;
         break;
       }
-      scan(config_->ipv6Collection(), ipv6Bookmark_, Stage::entries, [this](const auto& entry) {
-        enqueue({entry.first.addr, entry.first.intf}, true);
-      });
+      scan(config_->ipv6Collection(), ipv6Bookmark_, Stage::entries,
+           [this](const Arp::NeighborEntryKey& key, const Arp::NeighborEntryConfigInput&) {
+             enqueue({key.addr, key.intf}, true);
+           });
       break;
     case Stage::entries:
-      scan(entries_, entriesBookmark_, Stage::idle, [this](const auto& entry) {
-        const auto& [key, record] = entry;
+      scan(entries_, entriesBookmark_, Stage::idle, [this](const Key& key, const Record& record) {
         const bool open = !(record.settled && record.dynamic);
         if ((open && record.round != round_) || (rescanning_ && !wanted(key))) enqueue(key);
       });
@@ -277,20 +278,15 @@ bool VrfSm::step() {
   return true;
 }
 
-template <class Collection, class Bookmark, class Queue>
-void VrfSm::scan(const Collection& collection, Bookmark& bookmark, Stage next, Queue queue) {
-  auto at = bookmark == Bookmark() ? collection.begin() : [&] {
-    if constexpr (requires { collection.lowerBound(bookmark); }) {
-      return collection.lowerBound(bookmark);
-    } else {
-      return collection.lower_bound(bookmark);
-    }
-  }();
-  for (std::size_t i = 0; i < kEntriesPerStep && at != collection.end(); ++i, ++at) queue(*at);
+template <class Collection, class K, class Queue>
+void VrfSm::scan(const Collection& collection, std::optional<K>& bookmark, Stage next, Queue queue) {
+  auto at = bookmark ? collection.lowerBound(*bookmark) : collection.begin();
+  for (std::size_t i = 0; i < kEntriesPerStep && at != collection.end(); ++i, ++at)
+    queue(Collection::keyOf(*at), Collection::valueOf(*at));
+  bookmark.reset();
   if (at != collection.end()) {
-    bookmark = at->first;
+    bookmark = Collection::keyOf(*at);
   } else {
-    bookmark = Bookmark();
     stage_ = next;
   }
 }
@@ -340,9 +336,9 @@ void VrfSm::dumpStep(const std::function<void(const Netlink::Received&)>& handle
 void VrfSm::scanStart() {
   rescanning_ = std::exchange(rescan_, false);
   stage_ = rescanning_ ? Stage::ipv4 : Stage::entries;
-  ipv4Bookmark_ = {};
-  ipv6Bookmark_ = {};
-  entriesBookmark_ = {};
+  ipv4Bookmark_.reset();
+  ipv6Bookmark_.reset();
+  entriesBookmark_.reset();
 }
 
 void VrfSm::roundEnd() {

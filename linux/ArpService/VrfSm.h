@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -61,6 +62,12 @@ class VrfSm final : public Orb::WalkSmBase {
     bool dynamic = false;     // as it was settled
     std::uint32_t round = 0;  // in which it was last dealt with
   };
+  // Scanned like a collection of the configuration.
+  struct Entries : std::map<Key, Record> {
+    static const Key& keyOf(const value_type& entry) { return entry.first; }
+    static const Record& valueOf(const value_type& entry) { return entry.second; }
+    const_iterator lowerBound(const Key& key) const { return lower_bound(key); }
+  };
   struct Sockets;
   enum class Stage : std::uint8_t { idle, devices, neighbours, ipv4, ipv6, entries };
 
@@ -85,8 +92,8 @@ class VrfSm final : public Orb::WalkSmBase {
   void devicesDone();
   void compare(const Neighbour& actual);
   void compareStep();
-  template <class Collection, class Bookmark, class Queue>
-  void scan(const Collection& collection, Bookmark& bookmark, Stage next, Queue queue);
+  template <class Collection, class K, class Queue>
+  void scan(const Collection& collection, std::optional<K>& bookmark, Stage next, Queue queue);
   void probe();
 
   const Arp::ArpEntryInput* wanted(const Key& key) const;
@@ -111,7 +118,7 @@ class VrfSm final : public Orb::WalkSmBase {
   std::map<Lanix::IntfId, IfIndex> devices_;
   std::unordered_map<IfIndex, Lanix::IntfId> intfs_;
 
-  std::map<Key, Record> entries_;
+  Entries entries_;
   std::size_t settled_ = 0;
   std::deque<Key> queue_;
   std::vector<Neighbour> stale_;  // to be probed
@@ -125,9 +132,9 @@ class VrfSm final : public Orb::WalkSmBase {
   double retryDelay_ = 0;
   std::uint32_t round_ = 0;
   std::set<IfIndex> seenDevices_;
-  Lanix::IpAddr ipv4Bookmark_;
-  Arp::NeighborEntryKey ipv6Bookmark_;
-  Key entriesBookmark_;
+  std::optional<Lanix::IpAddr> ipv4Bookmark_;
+  std::optional<Arp::NeighborEntryKey> ipv6Bookmark_;
+  std::optional<Key> entriesBookmark_;
   Orb::Task receiveTask_;
   Orb::Task roundTask_;
 };
