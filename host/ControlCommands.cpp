@@ -5,6 +5,7 @@
 #include "Statedb/Json.h"
 #include "host/AgentAnswer.h"
 #include "host/JsonText.h"
+#include "host/Monitor.h"
 #include "host/Protocol.h"
 
 namespace Host {
@@ -26,6 +27,19 @@ const std::string* stringOf(const json& request, const char* key, std::string& o
   if (value != request.end() && value->is_string()) return &value->get_ref<const std::string&>();
   ControlCommands::appendError(output, std::string("the request needs \"") + key + "\", a string");
   return nullptr;
+}
+
+// The list of strings under a key, empty when it is left out; false and an answer when it is not one.
+bool stringsOf(const json& request, const char* key, std::vector<std::string>& strings, std::string& output) {
+  const auto list = request.find(key);
+  if (list == request.end()) return true;
+  bool good = list->is_array();
+  for (std::size_t i = 0; good && i < list->size(); ++i) {
+    good = (*list)[i].is_string();
+    if (good) strings.push_back((*list)[i].get<std::string>());
+  }
+  if (!good) ControlCommands::appendError(output, std::string("\"") + key + "\" is not a list of strings");
+  return good;
 }
 
 class ShowJob final : public ControlJob {
@@ -75,7 +89,7 @@ void forEachLine(std::string_view lines, const Visit& visit) {
 }  // namespace
 
 ControlCommands::ControlCommands(State& state, const Agents& agents, Orb::EventLoop& loop)
-    : state_(state), agents_(agents), answers_(std::make_unique<AgentAnswers>(loop)) {}
+    : state_(state), agents_(agents), loop_(loop), answers_(std::make_unique<AgentAnswers>(loop)) {}
 
 ControlCommands::~ControlCommands() = default;
 
@@ -129,8 +143,9 @@ std::unique_ptr<ControlJob> ControlCommands::dispatch(json& request, uid_t user,
   if (*command == "apply") return apply(request, output);
   if (*command == "remote") return remote(request, output);
   if (*command == "agent") return agent(request, output);
+  if (*command == "monitor") return monitor(request, output);
   appendError(output, "unknown command " + Statedb::describe(*command) +
-                          "; known are paths, show, set, apply, remote and agent");
+                          "; known are paths, show, set, apply, remote, agent and monitor");
   return nullptr;
 }
 
@@ -227,19 +242,8 @@ void ControlCommands::changeBindings(std::string_view lines, bool add, std::stri
 std::unique_ptr<ControlJob> ControlCommands::agent(const json& request, std::string& output) {
   const std::string* name = stringOf(request, "command", output);
   if (!name) return nullptr;
-  std::vector<Mox::String> arguments;
-  const auto args = request.find("args");
-  if (args != request.end()) {
-    bool good = args->is_array();
-    for (std::size_t i = 0; good && i < args->size(); ++i) {
-      good = (*args)[i].is_string();
-      if (good) arguments.push_back((*args)[i].get<std::string>());
-    }
-    if (!good) {
-      appendError(output, "\"args\" is not a list of strings");
-      return nullptr;
-    }
-  }
+  std::vector<std::string> arguments;
+  if (!stringsOf(request, "args", arguments, output)) return nullptr;
   std::string loaded;
   for (const Mox::Ptr<Orb::AgentBase>& agent : agents_) {
     loaded += (loaded.empty() ? "" : ", ") + agent->name();
@@ -253,6 +257,15 @@ std::unique_ptr<ControlJob> ControlCommands::agent(const json& request, std::str
   appendError(output, "no plug-in that is ready answers \"" + *name +
                           "\"; loaded: " + (loaded.empty() ? "none" : loaded));
   return nullptr;
+}
+
+std::unique_ptr<ControlJob> ControlCommands::monitor(const json& request, std::string& output) {
+  std::vector<std::string> paths;
+  if (!stringsOf(request, "paths", paths, output)) return nullptr;
+  std::string error;
+  std::unique_ptr<ControlJob> job = makeMonitor(state_, loop_, paths, error);
+  if (!job) appendError(output, error);
+  return job;
 }
 
 }  // namespace Host

@@ -70,10 +70,12 @@ class ControlCommands {
   Job apply(const nlohmann::json& request, std::string& output);
   Job remote(const nlohmann::json& request, std::string& output);
   Job agent(const nlohmann::json& request, std::string& output);
+  Job monitor(const nlohmann::json& request, std::string& output);
   void changeBindings(std::string_view lines, bool add, std::string& output);
 
   State& state_;
   const Agents& agents_;
+  Orb::EventLoop& loop_;
   const std::unique_ptr<AgentAnswers> answers_;
 };
 

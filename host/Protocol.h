@@ -8,17 +8,17 @@
 //
 //   {"ok": true, ...}   or   {"ok": false, "error": "<one line that says what to do>"}
 //
-// | request                                                     | answer |
-// |-------------------------------------------------------------|-------------------------------------------------------|
-// | {"cmd": "paths"}                                            | "paths": the list of paths | | {"cmd":
-// "show", "path": P}                                  | text: the entity or table as JSON | | {"cmd": "set",
-// "path": P, "value": JSON}                    |                                                       | |
-// {"cmd": "apply", "state": {P: JSON, ...}}                   | all or nothing | | {"cmd": "remote", "op":
-// "add", "bindings": LINES}           | "changed": how many; all of the chunk or nothing      | | {"cmd":
-// "remote", "op": "del", "bindings": LINES}           | "changed": how many there were | | {"cmd": "remote",
-// "op": "clear"}                            | "changed": how many there were                        | |
-// {"cmd": "agent", "command": C, "args": [...]}               | text: what the plug-in that has this command
-// writes   |
+//   request                                            answer
+//   {"cmd": "paths"}                                   "paths": the list of paths
+//   {"cmd": "show", "path": P}                         text: the entity or table as JSON
+//   {"cmd": "set", "path": P, "value": JSON}
+//   {"cmd": "apply", "state": {P: JSON, ...}}          all or nothing
+//   {"cmd": "remote", "op": "add", "bindings": LINES}  "changed": how many; all of the chunk or nothing
+//   {"cmd": "remote", "op": "del", "bindings": LINES}  "changed": how many there were
+//   {"cmd": "remote", "op": "clear"}                   "changed": how many there were
+//   {"cmd": "agent", "command": C, "args": [...]}      text: what the plug-in that has this command writes
+//   {"cmd": "monitor", "paths": [P, ...]}              text: changes, as in host/Monitor.h, until the client
+//                                                      goes; without paths those of all
 //
 // LINES is one string of lines as in host/Bindings.h, "\n" between them. Bulk input is sent as chunks of
 // kChunkBindings, of which a client keeps at most kWindowChunks unanswered. "set", "apply" and "remote" are

@@ -23,6 +23,17 @@ class Dump {
   virtual bool step(std::size_t maxEntries, std::string& text) = 0;
 };
 
+// Follows the tables of one path, whoever writes them, as a reader of its own that nobody else notices. What
+// changed while nobody asked is kept by the tables (Memtab/ChangeFeed.h), so a feed that is not drained costs
+// no memory here.
+class TableFeed {
+ public:
+  virtual ~TableFeed() = default;
+  // Merges up to `maxKeys` changes into `change` ({collection: {key: value, or null}}), each with what is
+  // there now; true when there may be more.
+  virtual bool drain(std::size_t maxKeys, nlohmann::json& change) = 0;
+};
+
 // One class of shared-memory entities. Entities given to it must be of that class.
 class TableType {
  public:
@@ -38,6 +49,9 @@ class TableType {
   // touched.
   virtual std::string replace(Memtab::Entity& entity, const nlohmann::json& json) const = 0;
   virtual std::unique_ptr<Dump> dump(Mox::Ptr<Memtab::Entity> entity) const = 0;
+  // From here on; the tables need not exist yet. The directory and the watcher must outlive it.
+  virtual std::unique_ptr<TableFeed> follow(const Memtab::Directory& directory, const std::string& path,
+                                            Memtab::Watcher& watcher) const = 0;
 };
 
 using TableTypes = std::map<std::string, std::unique_ptr<TableType>, std::less<>>;

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Mox/Strep.h"
 #include "Statedb/Json.h"
@@ -77,6 +78,48 @@ class TableDump final : public Dump {
   bool ended_ = false;
 };
 
+// The feed of one collection of an entity.
+class CollectionFeed {
+ public:
+  virtual ~CollectionFeed() = default;
+  virtual bool drain(std::size_t maxKeys, nlohmann::json& change) = 0;
+};
+
+template <class Key, class Value>
+class TypedCollectionFeed final : public CollectionFeed {
+ public:
+  TypedCollectionFeed(const char* name, const Memtab::Directory& directory, const std::string& path,
+                      Memtab::Watcher& watcher)
+      : name_(name), reader_(directory, path + "." + name, &watcher) {
+    reader_.watch();
+  }
+  bool drain(std::size_t maxKeys, nlohmann::json& change) override {
+    return reader_.drain(maxKeys, [&](const Key& key) {
+      nlohmann::json value;
+      try {
+        if (const std::optional<Value> entry = reader_.lookup(key)) value = Statedb::valueToJson(*entry);
+      } catch (const Memtab::CorruptionError&) {
+        // It counts as absent, as for everybody who looks it up.
+      }
+      change[name_][Mox::toStrep(key)] = std::move(value);
+    });
+  }
+
+ private:
+  const char* const name_;
+  Memtab::TableReader<Key, Value> reader_;
+};
+
+class TypedFeed final : public TableFeed {
+ public:
+  bool drain(std::size_t maxKeys, nlohmann::json& change) override {
+    bool more = false;
+    for (const auto& collection : collections) more = collection->drain(maxKeys, change) || more;
+    return more;
+  }
+  std::vector<std::unique_ptr<CollectionFeed>> collections;
+};
+
 template <class E>
 class TypedTable final : public TableType {
  public:
@@ -130,6 +173,17 @@ class TypedTable final : public TableType {
 
   std::unique_ptr<Dump> dump(Mox::Ptr<Memtab::Entity> entity) const override {
     return std::make_unique<TableDump<E>>(Mox::dynamicPtrCast<E>(entity));
+  }
+
+  std::unique_ptr<TableFeed> follow(const Memtab::Directory& directory, const std::string& path,
+                                    Memtab::Watcher& watcher) const override {
+    auto feed = std::make_unique<TypedFeed>();
+    Memtab::forEachTable(
+        *prototype_, [&]<class Key, class Value>(const char* name, const Memtab::Collection<Key, Value>&) {
+          feed->collections.push_back(
+              std::make_unique<TypedCollectionFeed<Key, Value>>(name, directory, path, watcher));
+        });
+    return feed;
   }
 
  private:

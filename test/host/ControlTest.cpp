@@ -159,6 +159,8 @@ TEST_F(Control, refusesWithoutHarm) {
       {R"({"cmd":"remote","op":"del","bindings":"10"})", "IP \"\""},
       {R"({"cmd":"agent","command":"status"})", "no plug-in that is ready answers \"status\"; loaded: none"},
       {R"({"cmd":"agent","command":"status","args":[1]})", "\"args\" is not a list of strings"},
+      {R"({"cmd":"monitor","paths":"evpn/status"})", "\"paths\" is not a list of strings"},
+      {R"({"cmd":"monitor","paths":["evpn/status","a/b"]})", "a/b: there is no such path; allowed: "},
   };
   for (const auto& test : cases) {
     const std::string answer = answerTo(test.request + "\n");
@@ -373,6 +375,120 @@ TEST_F(Control, carriesAgentCommands) {
       answer = ask("large", {"x"});
     EXPECT_THAT(answer, HasSubstr("\"text\":\"x\""));
   }
+}
+
+json linesOf(const std::string& answer) {
+  std::string text;
+  for (std::size_t at = 0; at < answer.size(); at = answer.find('\n', at) + 1)
+    text += json::parse(answer.substr(at, answer.find('\n', at) - at)).value("text", "");
+  json lines = json::array();
+  for (std::size_t at = 0; at < text.size(); at = text.find('\n', at) + 1) {
+    lines.push_back(json::parse(text.substr(at, text.find('\n', at) - at)));
+    EXPECT_GT(lines.back()["time"], 1.7e9);
+    lines.back().erase("time");
+  }
+  return lines;
+}
+
+TEST_F(Control, monitorTellsWhatChanged) {
+  Host::ControlLimits limits;
+  limits.idleSeconds = 0.01;
+  serverIs(limits);
+  ASSERT_EQ(host.state->apply(
+                {{"evpn/status", {{"vlanToDot1q", {{"9", 9}}}, {"segmentStatus", {{"Ethernet1", json::object()}}}}}}),
+            "");
+  Peer peer(*server, kNobody);
+  peer.send("{\"cmd\":\"monitor\"}\n");
+  EXPECT_EQ(all(peer), "") << "what is there already is no change";
+  const auto changes = [&](const json& state) {
+    EXPECT_EQ(host.state->apply(state), "");
+    std::string answer;
+    const double deadline = host.loop.clock().now() + 10;
+    while (answer.empty() && host.loop.clock().now() < deadline) {
+      host.loop.step(0.01);
+      answer = all(peer);
+    }
+    return linesOf(answer);
+  };
+  const auto line = [](const char* path, const json& change) {
+    return json{{"path", path}, {"change", change}};
+  };
+  // Those of one turn are one line, with what is there in the end.
+  host.state->apply({{"evpn/status", {{"imetLabel", {{"10", 1}}}}}});
+  EXPECT_EQ(
+      changes({{"evpn/status",
+                {{"mplsConfigured", true}, {"vlanToDot1q", {{"9", nullptr}}}, {"imetLabel", {{"10", 2}}}}}}),
+      json::array(
+          {line("evpn/status",
+                {{"mplsConfigured", true}, {"vlanToDot1q", {{"9", nullptr}}}, {"imetLabel", {{"10", 2}}}})}));
+  EXPECT_EQ(changes({{"evpn/status", {{"segmentStatus", {{"Ethernet1", {{"esiLabel", 5}}}}}}}}),
+            json::array({line("evpn/status", {{"segmentStatus", {{"Ethernet1", {{"esiLabel", 5}}}}}})}));
+  // A child that was replaced in between goes first, with its old members.
+  host.state->apply({{"evpn/status", {{"segmentStatus", {{"Ethernet1", nullptr}}}}}});
+  EXPECT_EQ(changes({{"evpn/status", {{"segmentStatus", {{"Ethernet1", {{"esiLabel", 6}}}}}}}}),
+            json::array(
+                {line("evpn/status", {{"segmentStatus", {{"Ethernet1", nullptr}}}}),
+                 line("evpn/status",
+                      {{"segmentStatus",
+                        {{"Ethernet1", {{"esiLabel", 6}, {"designatedForwarderTep", json::object()}}}}}})}));
+  const json binding = {{"mac", "02:00:00:00:00:01"}, {"localMultihomed", false}};
+  EXPECT_EQ(changes({{kRemote, {{"remoteBinding", {{"10 10.0.0.1", binding}}}}}}),
+            json::array({line(kRemote, {{"remoteBinding", {{"10 10.0.0.1", binding}}}})}));
+  EXPECT_EQ(changes({{kRemote, {{"remoteBinding", nullptr}}}}),
+            json::array({line(kRemote, {{"remoteBinding", {{"10 10.0.0.1", nullptr}}}})}));
+  EXPECT_EQ(changes({{"kni/ns/red/status", {{"interface", {{"vlan10", {{"ifIndex", 7}}}}}}}}),
+            json::array({line("kni/ns/red/status", {{"interface", {{"vlan10", {{"ifIndex", 7}}}}}})}));
+  host.state->tree()->entityDel("kni/ns/red/status");
+  EXPECT_EQ(changes({}), json::array({line("kni/ns/red/status", nullptr)}));
+  EXPECT_EQ(server->clients(), 1u) << "one that waits for changes is not idle";
+  peer.hangUp();
+  host.settle();
+  EXPECT_EQ(server->clients(), 0u);
+}
+
+// Whatever changes meanwhile, a client that does not read costs a bounded amount of memory.
+TEST_F(Control, monitorSaysWhatIsLost) {
+  Host::ControlLimits limits;
+  limits.unsent = 4 << 10;
+  serverIs(limits);
+  Peer peer(*server);
+  peer.send(std::string(R"({"cmd":"monitor","paths":["evpn/status/",")") + kRemote + "\"]}\n");
+  host.settle();
+  constexpr int kRounds = 40;
+  for (int round = 0; round < kRounds; ++round) {
+    json entries;
+    for (int vlan = 1; vlan <= 1000; ++vlan) {
+      entries["vlanToDot1q"][std::to_string(vlan)] = round % 2 + 1;
+      entries["imetLabel"][std::to_string(vlan)] = round;
+      entries["vlanAwareVlanId"][std::to_string(vlan)] = round + 1;
+      entries["segmentStatus"]["Ethernet" + std::to_string(vlan) + "/" + std::to_string(round)] = {
+          {"esiLabel", 1}};
+    }
+    ASSERT_EQ(host.state->apply({{"evpn/status", entries}, {"arp/status", {{"arpEntry", nullptr}}}}), "");
+    json bindings;
+    for (int i = 1; i <= 250; ++i)
+      bindings["10 10.0." + std::to_string(round) + "." + std::to_string(i)] = {{"mac", "02:00:00:00:00:01"}};
+    ASSERT_EQ(host.state->apply({{kRemote, {{"remoteBinding", bindings}}}}), "");
+    host.settle();
+  }
+  std::size_t lost = 0;
+  std::set<std::string> bindings;
+  const double deadline = host.loop.clock().now() + 20;
+  std::string answer;
+  while (bindings.size() < kRounds * 250 && host.loop.clock().now() < deadline) {
+    host.loop.step(0.01);
+    answer += peer.receive();
+    const std::size_t whole = answer.rfind('\n') + 1;
+    for (const json& line : linesOf(answer.substr(0, whole))) {
+      lost += line.contains("lost") && line["path"] == "evpn/status" ? 1 : 0;
+      if (line["path"] != kRemote) continue;
+      for (const auto& [key, value] : line["change"]["remoteBinding"].items()) bindings.insert(key);
+    }
+    answer.erase(0, whole);
+  }
+  EXPECT_GE(lost, 1u);
+  EXPECT_EQ(bindings.size(), kRounds * 250u) << "shared memory keeps what changed";
+  EXPECT_LT(host.loop.clock().now(), deadline);
 }
 
 TEST_F(Control, dropsIdleClientsAndServesSoMany) {
