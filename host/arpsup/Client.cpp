@@ -50,6 +50,11 @@ std::unique_ptr<Client> Client::connect(const std::string& runDirectory, Failure
 
 Client::~Client() { close(socket_); }
 
+void Client::waitForEver() {
+  const timeval none = {0, 0};
+  setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
+}
+
 bool Client::send(std::string_view line, Failure& failure) {
   std::string bytes(line);
   bytes += '\n';
@@ -102,8 +107,9 @@ std::optional<nlohmann::json> Client::receive(const TextSink& sink, Failure& fai
     }
     const auto text = answer->find("text");
     if (text != answer->end() && text->is_string()) {
-      sink(text->get_ref<const std::string&>());
-      continue;
+      if (sink(text->get_ref<const std::string&>())) continue;
+      failure = {kRefused, ""};
+      return std::nullopt;
     }
     if (answer->value("ok", false)) return answer;
     failure = {kRefused, answer->value("error", std::string("refused without a reason"))};
@@ -118,6 +124,7 @@ std::optional<nlohmann::json> Client::ask(const nlohmann::json& request, std::st
   return receive(
       [&](std::string_view piece) {
         if (text) *text += piece;
+        return true;
       },
       failure);
 }

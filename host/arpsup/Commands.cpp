@@ -1,17 +1,20 @@
 #include "host/arpsup/Commands.h"
 
 #include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "Statedb/Json.h"
 #include "Suppression/Counter.h"
 #include "host/JsonText.h"
 #include "host/Protocol.h"
-#include "host/arpsup/Client.h"
+#include "host/arpsup/Output.h"
+#include "host/arpsup/PrettyJson.h"
 
 namespace Host {
 
@@ -19,30 +22,9 @@ namespace {
 
 using nlohmann::json;
 using nlohmann::ordered_json;
+using Counts = std::array<std::uint64_t, ArpSuppression::kCounters>;
 
 constexpr const char* kCounterPath = "arpSuppression/counter";
-
-// All of it; a reader that has gone (a pipe into `head`) ends the command quietly.
-bool print(std::string_view text) {
-  return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
-}
-
-std::string textOf(const ordered_json& value, int indent = -1) {
-  return value.dump(indent, ' ', false, ordered_json::error_handler_t::replace);
-}
-
-int failWith(const Failure& failure) { return fail(failure.status, failure.text); }
-
-// One request on a connection of its own; `text` becomes the content of the answer.
-int request(const CommonOptions& options, const json& request, std::string* text, json* answer = nullptr) {
-  Failure failure;
-  const auto client = Client::connect(options.runDirectory, failure);
-  if (!client) return failWith(failure);
-  std::optional<json> got = client->ask(request, text, failure);
-  if (!got) return failWith(failure);
-  if (answer) *answer = std::move(*got);
-  return kDone;
-}
 
 std::string forPeople(const ordered_json& value) {
   if (value.is_string()) return value.get<std::string>();
@@ -52,64 +34,84 @@ std::string forPeople(const ordered_json& value) {
   return list.empty() ? "none" : list;
 }
 
-int unreadable(const char* what) {
-  return fail(kRefused,
-              std::string("the answer to ") + what + " cannot be read: is it an agent-host of this version?");
-}
-
-int countersOnce(const CommonOptions& options, bool nonzero) {
+int readCounters(const CommonOptions& options, Counts& counts) {
   std::string text;
   if (const int status = request(options, {{"cmd", "show"}, {"path", kCounterPath}}, &text)) return status;
-  const ordered_json table = ordered_json::parse(text, nullptr, false);
+  const json table = json::parse(text, nullptr, false);
   const auto values = table.is_object() ? table.find("counter") : table.end();
   if (!table.is_object() || values == table.end() || !values->is_object()) return unreadable("counters");
   if (values->empty())
     return fail(kRefused,
                 "there are no counters: the plug-in ArpSuppression is not loaded; put it into \"agents\"");
-  ordered_json shown = ordered_json::object();
-  std::string lines;
-  for (std::uint32_t id = 0; id < ArpSuppression::kCounters; ++id) {
-    const std::string key = std::to_string(id);
-    const auto value = values->find(key);
-    const std::uint64_t count =
-        value != values->end() && value->is_number_unsigned() ? value->get<std::uint64_t>() : 0;
-    if (nonzero && count == 0) continue;
-    shown[key] = {{"name", ArpSuppression::kCounterNames[id]}, {"value", count}};
-    char line[100];
-    std::snprintf(line, sizeof line, "%3u  %-36s %12llu\n", id, ArpSuppression::kCounterNames[id],
-                  static_cast<unsigned long long>(count));
-    lines += line;
+  for (std::size_t id = 0; id < counts.size(); ++id) {
+    const auto value = values->find(std::to_string(id));
+    counts[id] = value != values->end() && value->is_number_unsigned() ? value->get<std::uint64_t>() : 0;
   }
-  if (options.json) lines = textOf(shown) + "\n";
-  return print(lines) ? kDone : kRefused;
+  return kDone;
+}
+
+std::string countersJson(const Counts& counts, bool nonzero) {
+  ordered_json shown = ordered_json::object();
+  for (std::size_t id = 0; id < counts.size(); ++id) {
+    if (nonzero && counts[id] == 0) continue;
+    shown[std::to_string(id)] = {{"name", ArpSuppression::kCounterNames[id]}, {"value", counts[id]}};
+  }
+  return textOf(shown) + "\n";
+}
+
+// With what came since `before`, and how many a second that is.
+std::string counterLines(const Counts& counts, bool nonzero, const std::optional<Counts>& before,
+                         double seconds) {
+  std::string lines;
+  for (std::size_t id = 0; id < counts.size(); ++id) {
+    if (nonzero && counts[id] == 0) continue;
+    char line[160];
+    int length = std::snprintf(line, sizeof line, "%3zu  %-36s %12llu", id, ArpSuppression::kCounterNames[id],
+                               static_cast<unsigned long long>(counts[id]));
+    lines.append(line, static_cast<std::size_t>(length));
+    if (before && counts[id] > (*before)[id]) {
+      const std::uint64_t more = counts[id] - (*before)[id];
+      length = std::snprintf(line, sizeof line, "  +%llu, %.4g a second",
+                             static_cast<unsigned long long>(more), static_cast<double>(more) / seconds);
+      lines.append(line, static_cast<std::size_t>(length));
+    } else if (before && counts[id] < (*before)[id]) {
+      lines += "  counted anew";
+    }
+    lines += '\n';
+  }
+  return lines.empty() ? "every counter is zero\n" : lines;
 }
 
 }  // namespace
 
-int fail(int status, const std::string& text) {
-  std::fprintf(stderr, "arpsup: %s\n", text.c_str());
-  return status;
-}
-
 int showStatus(const CommonOptions& options) {
-  std::string text;
-  if (const int status = request(options, {{"cmd", "agent"}, {"command", "status"}}, &text)) return status;
-  const ordered_json shown = ordered_json::parse(text, nullptr, false);
-  if (!shown.is_object()) return unreadable("status");
-  if (options.json) return print(textOf(shown) + "\n") ? kDone : kRefused;
+  ordered_json shown;
+  if (const int status = requestObject(options, "status", json::array(), shown)) return status;
+  if (options.json) return printed(textOf(shown) + "\n");
   std::size_t width = 0;
   for (const auto& [key, value] : shown.items()) width = std::max(width, key.size());
   std::string lines;
   for (const auto& [key, value] : shown.items()) {
     lines += key + ":" + std::string(width - key.size() + 1, ' ') + forPeople(value) + "\n";
   }
-  return print(lines) ? kDone : kRefused;
+  return printed(lines);
 }
 
 int showCounters(const CommonOptions& options, bool nonzero, double watchSeconds) {
+  using Clock = std::chrono::steady_clock;
+  if (watchSeconds > 0) endsQuietly();
+  std::optional<Counts> before;
+  Clock::time_point then;
   while (true) {
-    const int status = countersOnce(options, nonzero);
-    if (status != kDone || watchSeconds <= 0) return status;
+    Counts counts{};
+    const Clock::time_point now = Clock::now();
+    if (const int status = readCounters(options, counts)) return status;
+    const double seconds = std::chrono::duration<double>(now - then).count();
+    if (!print(options.json ? countersJson(counts, nonzero) : counterLines(counts, nonzero, before, seconds)))
+      return kRefused;
+    if (watchSeconds <= 0) return kDone;
+    before = counts;
+    then = now;
     poll(nullptr, 0, static_cast<int>(watchSeconds * 1e3));
     if (!options.json && !print("\n")) return kRefused;
   }
@@ -122,37 +124,37 @@ int showState(const CommonOptions& options, const std::string& path) {
     const json paths = answer.value("paths", json::array());
     std::string lines;
     for (const json& element : paths) lines += element.is_string() ? element.get<std::string>() + "\n" : "";
-    return print(options.json ? Statedb::jsonText(paths) + "\n" : lines) ? kDone : kRefused;
+    return printed(options.json ? Statedb::jsonText(paths) + "\n" : lines);
   }
+  // A table may be large: JSON is passed on as it comes.
+  PrettyJson pretty;
+  const int status = requestStream(options, {{"cmd", "show"}, {"path", path}}, [&](std::string_view piece) {
+    return print(options.json ? std::string(piece) : pretty.next(piece));
+  });
+  return status == kDone ? printed("\n") : status;
+}
+
+int monitor(const CommonOptions& options, const std::vector<std::string>& paths) {
+  endsQuietly();
   Failure failure;
   const auto client = Client::connect(options.runDirectory, failure);
-  if (!client || !client->send(Statedb::jsonText({{"cmd", "show"}, {"path", path}}), failure))
-    return failWith(failure);
-  // A table may be large: JSON is passed on as it comes.
-  std::string text;
-  bool good = true;
-  const auto answer = client->receive(
-      [&](std::string_view piece) {
-        if (options.json) {
-          good = good && print(piece);
-        } else {
-          text += piece;
-        }
-      },
-      failure);
-  if (!answer) return failWith(failure);
-  if (options.json) return good && print("\n") ? kDone : kRefused;
-  const ordered_json content = ordered_json::parse(text, nullptr, false);
-  if (content.is_discarded()) return unreadable("show");
-  return print(textOf(content, 2) + "\n") ? kDone : kRefused;
+  if (!client) return fail(failure);
+  client->waitForEver();
+  if (!client->send(Statedb::jsonText({{"cmd", "monitor"}, {"paths", paths}}), failure)) return fail(failure);
+  client->receive(print, failure);
+  return fail(failure);
 }
 
 int showTechSupport(const CommonOptions& options) {
-  std::string text;
-  if (const int status = request(options, {{"cmd", "agent"}, {"command", "showTechSupport"}}, &text))
-    return status;
-  if (options.json) text = Statedb::jsonText({{"techSupport", text}}) + "\n";
-  return print(text) ? kDone : kRefused;
+  const json request = {{"cmd", "agent"}, {"command", "showTechSupport"}};
+  if (!options.json) return requestStream(options, request, print);
+  bool begun = false;
+  const int status = requestStream(options, request, [&](std::string_view piece) {
+    const std::string quoted = Statedb::jsonText(std::string(piece));
+    return print((std::exchange(begun, true) ? "" : "{\"techSupport\":\"") +
+                 quoted.substr(1, quoted.size() - 2));
+  });
+  return status == kDone ? printed(begun ? "\"}\n" : "{\"techSupport\":\"\"}\n") : status;
 }
 
 int setState(const CommonOptions& options, const std::string& path, const std::string& value) {

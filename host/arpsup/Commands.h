@@ -18,7 +18,24 @@ int showStatus(const CommonOptions& options);
 int showCounters(const CommonOptions& options, bool nonzero, double watchSeconds);
 // No path: the list of paths.
 int showState(const CommonOptions& options, const std::string& path);
+// `kind` is local or remote; no VLAN: all.
+int showBindings(const CommonOptions& options, const std::string& kind, const std::string& vlan);
+// No sender: any.
+int explain(const CommonOptions& options, const std::string& vlan, const std::string& ip,
+            const std::string& from);
+// No path: all. Ends with the daemon, or when it is interrupted.
+int monitor(const CommonOptions& options, const std::vector<std::string>& paths);
 int showTechSupport(const CommonOptions& options);
+
+struct TraceOptions {
+  bool follow = false;
+  bool all = false;                // earlier daemons too
+  int level = 5;                   // and the more important ones below
+  std::vector<std::string> texts;  // all of which a line has to have
+  std::string vlan;
+  std::string ip;
+};
+int showTrace(const CommonOptions& options, const TraceOptions& trace);
 int setState(const CommonOptions& options, const std::string& path, const std::string& value);
 int applyFile(const CommonOptions& options, const std::string& file);
 
@@ -27,8 +44,5 @@ int addRemote(const CommonOptions& options, const std::string& vlan, const std::
 int deleteRemote(const CommonOptions& options, const std::string& vlan, const std::string& ip);
 int clearRemote(const CommonOptions& options);
 int loadRemote(const CommonOptions& options, const std::string& file, bool skipBad);
-
-// Writes one line "arpsup: ..." to stderr; returns `status`.
-int fail(int status, const std::string& text);
 
 }  // namespace Host

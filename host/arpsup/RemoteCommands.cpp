@@ -10,6 +10,7 @@
 #include "host/arpsup/BindingFile.h"
 #include "host/arpsup/Client.h"
 #include "host/arpsup/Commands.h"
+#include "host/arpsup/Output.h"
 
 namespace Host {
 
@@ -24,7 +25,7 @@ std::optional<std::uint64_t> change(const CommonOptions& options, const json& re
   const auto answer = client ? client->ask(request, nullptr, failure) : std::nullopt;
   status = kDone;
   if (answer) return answer->value("changed", std::uint64_t{0});
-  status = fail(failure.status, failure.text);
+  status = fail(failure);
   return std::nullopt;
 }
 
@@ -63,12 +64,12 @@ std::string chunkRequest(const std::vector<Binding>& bindings, std::size_t from,
 int sendBindings(const CommonOptions& options, const std::vector<Binding>& bindings) {
   Failure failure;
   const auto client = Client::connect(options.runDirectory, failure);
-  if (!client) return fail(failure.status, failure.text);
+  if (!client) return fail(failure);
   const std::size_t chunks = (bindings.size() + kChunkBindings - 1) / kChunkBindings;
   std::size_t answered = 0;
   Progress progress(bindings.size());
   const auto receive = [&] {
-    if (!client->receive([](std::string_view) {}, failure)) return false;
+    if (!client->receive([](std::string_view) { return true; }, failure)) return false;
     progress.done(std::min(bindings.size(), ++answered * kChunkBindings));
     return true;
   };

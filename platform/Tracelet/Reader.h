@@ -34,6 +34,9 @@ class Reader {
   // Why there is nothing to read; empty when there is. A file that is not a trace file stays so.
   const std::string& error() const { return error_; }
 
+  // The process that wrote last.
+  std::uint32_t pid() const { return header_.pid; }
+
   // The next line; nothing when there is none yet. To follow the writer, call again later.
   std::optional<std::string> next();
 

@@ -1,18 +1,7 @@
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <array>
-#include <chrono>
-#include <fstream>
-#include <vector>
 
 #include "host/Plugins.h"
-#include "test/host/HostFixture.h"
+#include "test/host/Programs.h"
 
 // The two programs, end to end.
 
@@ -20,130 +9,6 @@ namespace HostTest {
 namespace {
 
 using testing::HasSubstr;
-using Strings = std::vector<std::string>;
-
-constexpr int kPatienceMs = 30000;
-
-// A child process whose output is read here. Killed at the end at the latest.
-class Process {
- public:
-  explicit Process(const Strings& command, const std::string& input = {}) {
-    std::array<int, 2> in{};
-    EXPECT_EQ(pipe2(in.data(), O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(out_.data(), O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(err_.data(), O_CLOEXEC), 0);
-    std::vector<char*> arguments;
-    for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
-    arguments.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(in[0], STDIN_FILENO);
-      dup2(out_[1], STDOUT_FILENO);
-      dup2(err_[1], STDERR_FILENO);
-      execv(arguments[0], arguments.data());
-      _exit(127);
-    }
-    close(in[0]);
-    close(out_[1]);
-    close(err_[1]);
-    EXPECT_EQ(write(in[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
-    close(in[1]);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-  ~Process() {
-    if (pid_ > 0) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
-    close(out_[0]);
-    close(err_[0]);
-  }
-
-  // Reads until stderr has this, or both streams ended, or patience did.
-  bool readUntil(const std::string& wanted) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPatienceMs);
-    while (wanted.empty() || error.find(wanted) == std::string::npos) {
-      std::array<pollfd, 2> streams{
-          {{openOut_ ? out_[0] : -1, POLLIN, 0}, {openErr_ ? err_[0] : -1, POLLIN, 0}}};
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-      if ((!openOut_ && !openErr_) || left.count() <= 0) return wanted.empty() && !openOut_ && !openErr_;
-      poll(streams.data(), streams.size(), static_cast<int>(left.count()));
-      if (streams[0].revents != 0) openOut_ = readInto(output, out_[0]);
-      if (streams[1].revents != 0) openErr_ = readInto(error, err_[0]);
-    }
-    return true;
-  }
-  // Waits for its end; -1 when a signal ended it.
-  int wait() {
-    if (!readUntil("")) {
-      ADD_FAILURE() << "does not end: " << error;
-      kill(pid_, SIGKILL);
-    }
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  void signal(int number) const { kill(pid_, number); }
-
-  std::string output;
-  std::string error;
-
- private:
-  static bool readInto(std::string& text, int descriptor) {
-    std::array<char, 65536> bytes;
-    const ssize_t got = read(descriptor, bytes.data(), bytes.size());
-    if (got > 0) text.append(bytes.data(), static_cast<std::size_t>(got));
-    return got > 0;
-  }
-  pid_t pid_ = -1;
-  std::array<int, 2> out_{};
-  std::array<int, 2> err_{};
-  bool openOut_ = true;
-  bool openErr_ = true;
-};
-
-struct Result {
-  int status;
-  std::string output;
-  std::string error;
-};
-
-class Programs : public testing::Test {
- protected:
-  std::string configFile(const json& more) {
-    json config = {{"runDirectory", runDirectory}};
-    config.update(more);
-    const std::string file = folder.path() + "/config.json";
-    std::ofstream(file) << config.dump();
-    return file;
-  }
-  void daemonIs(const json& config = json::object()) {
-    daemon.reset();
-    daemon = std::make_unique<Process>(Strings{AGENT_HOST, "--config", configFile(config)});
-    ASSERT_TRUE(daemon->readUntil("agent-host: runs\n")) << daemon->error;
-  }
-  Result arpsup(Strings arguments, const std::string& input = {}) const {
-    arguments.insert(arguments.begin(), {ARPSUP, "--run-dir", runDirectory});
-    Process process(arguments, input);
-    const int status = process.wait();
-    return {status, process.output, process.error};
-  }
-  json shown(const std::string& path) const {
-    return json::parse(arpsup({"show", path, "--json"}).output, nullptr, false);
-  }
-
-  RunDir folder;
-  const std::string runDirectory =
-      folder.path() + "/run-" + std::string(100, 'd');  // longer than a socket address
-  struct Cleaner {
-    ~Cleaner() { Memtab::Directory::forRunDir(path).removeAll(); }
-    const std::string& path;
-  } cleaner{runDirectory};
-  std::unique_ptr<Process> daemon;
-};
 
 TEST_F(Programs, showSetAndForget) {
   daemonIs({{"state", {{"evpn/status", {{"vlanToDot1q", {{"10", 10}}}}}}}});
@@ -165,35 +30,6 @@ TEST_F(Programs, showSetAndForget) {
                 .status,
             0);
   EXPECT_EQ(shown("bridging/status")["fdb"].size(), 1u);
-  const std::string nobody = folder.path() + "/absent.json";
-  const struct {
-    Strings arguments;
-    int status;
-    const char* error;
-  } cases[] = {
-      {{"set", "evpn/status", R"({"mplsConfigured": 1})"},
-       1,
-       "arpsup: evpn/status: mplsConfigured: 1 is not true or false\n"},
-      {{"set", "evpn/status", "{mpls}"}, 2, "the value is not JSON"},
-      {{"show", "evpn/nothing"}, 1, "there is no such path"},
-      {{"apply", nobody}, 1, "absent.json: No such file"},
-      {{"status"}, 1, "no plug-in that is ready answers \"status\"; loaded: none"},
-      {{"counters"}, 1, "there are no counters"},
-      {{"remote", "del", "10", "10.0.0.1"}, 1, "there is no remote binding of 10.0.0.1 on VLAN 10"},
-      {{"remote", "add", "10", "10.0.0.1", "03:00:00:00:00:01"}, 2, "MAC \"03:00:00:00:00:01\" is not"},
-      {{"remote", "add", "10", "10.0.0.1"}, 2, "MAC is required"},
-      {{"frobnicate"}, 2, "\"frobnicate\"; see arpsup --help"},
-      {{}, 2, "subcommand is required; see arpsup --help"},
-  };
-  for (const auto& test : cases) {
-    const Result result = arpsup(test.arguments);
-    EXPECT_EQ(result.status, test.status) << result.error;
-    EXPECT_THAT(result.error, HasSubstr(test.error));
-    EXPECT_THAT(result.error, testing::StartsWith("arpsup: "));
-    EXPECT_EQ(std::count(result.error.begin(), result.error.end(), '\n'), 1) << result.error;
-    EXPECT_EQ(result.output, "");
-  }
-  EXPECT_THAT(arpsup({"remote", "load", "--help"}).output, HasSubstr("Examples:\n  arpsup remote load"));
   daemon->signal(SIGTERM);
   EXPECT_EQ(daemon->wait(), 0) << daemon->error;
   const Result gone = arpsup({"show"});

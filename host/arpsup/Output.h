@@ -1,0 +1,41 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+#include "host/arpsup/Client.h"
+#include "host/arpsup/Commands.h"
+
+// What the commands of arpsup share: asking the daemon, and writing what it says.
+
+namespace Host {
+
+// To stdout at once; false when its reader has gone (a pipe into `head`), which ends a command quietly.
+bool print(std::string_view text);
+// The same as an exit status.
+int printed(std::string_view text);
+
+// Writes one line "arpsup: ..." to stderr, unless there is nothing to say; returns the status.
+int fail(int status, const std::string& text);
+int fail(const Failure& failure);
+int unreadable(const char* command);
+
+// From here on SIGINT ends the process with status 0: it is how a command that goes on for ever is ended.
+void endsQuietly();
+
+// One line; nothing in it can make this fail.
+std::string textOf(const nlohmann::ordered_json& value);
+
+// One request on a connection of its own. `text` becomes the content of the answer, `answer` its last line;
+// both may be null. Returns the exit status.
+int request(const CommonOptions& options, const nlohmann::json& request, std::string* text,
+            nlohmann::json* answer = nullptr);
+// The same for content of any length, which goes to the sink piece by piece.
+int requestStream(const CommonOptions& options, const nlohmann::json& request, const Client::TextSink& sink);
+
+// An agent command whose answer is one JSON object; `shown` becomes it. Returns the exit status.
+int requestObject(const CommonOptions& options, const char* command, const nlohmann::json& arguments,
+                  nlohmann::ordered_json& shown);
+
+}  // namespace Host

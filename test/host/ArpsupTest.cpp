@@ -1,0 +1,212 @@
+#include <sys/stat.h>
+
+#include <regex>
+
+#include "host/ControlServer.h"
+#include "host/arpsup/PrettyJson.h"
+#include "test/host/Programs.h"
+
+// The command line as its users meet it.
+
+namespace HostTest {
+namespace {
+
+using testing::HasSubstr;
+
+TEST(PrettyJson, laysOutPiecesOfAnySize) {
+  const std::string text = R"({"a":1,"none":{},"list":[],"short":{"x":"a{[,:\"","y":[1,2]},"long":{"key":")" +
+                           std::string(100, 'z') + R"(","b":{"c":null}}})";
+  const std::string expected =
+      "{\n  \"a\": 1,\n  \"none\": {},\n  \"list\": [],\n  \"short\": {\n"
+      "    \"x\": \"a{[,:\\\"\",\n    \"y\": [1, 2]\n  },\n  \"long\": {\n    \"key\": \"" +
+      std::string(100, 'z') + "\",\n    \"b\": {\"c\": null}\n  }\n}";
+  for (const std::size_t size : {std::size_t{1}, std::size_t{7}, text.size()}) {
+    Host::PrettyJson pretty;
+    std::string result;
+    for (std::size_t at = 0; at < text.size(); at += size) result += pretty.next(text.substr(at, size));
+    EXPECT_EQ(result, expected);
+  }
+}
+
+TEST_F(Programs, tellWhatToDoNext) {
+  daemonIs();
+  const std::string absent = folder.path() + "/absent";
+  struct Case {
+    Strings arguments;
+    int status;
+    const char* text;  // of stdout when the status is 0, otherwise of the one line on stderr
+  };
+  const std::vector<Case> cases = {
+      {{}, 0, "Usage: arpsup.*Look:\n +status.*Change:.*Find out why:"},
+      {{"--version"}, 0, "^arpsup \\d+\\.\\d+\\.\\d+\n$"},
+      {{"explain", "--help"}, 0, "Examples:\n  arpsup explain 10 10\\.0\\.10\\.99\n.*--from"},
+      {{"remote", "load", "--help"}, 0, "Examples:\n  arpsup remote load"},
+      {{"counters", "extra"}, 2, "unknown argument \"extra\"; see arpsup counters --help"},
+      {{"statsu"}, 2, "unknown command \"statsu\", did you mean status\\?; see arpsup --help"},
+      {{"frobnicate"}, 2, "unknown command \"frobnicate\"; see arpsup --help"},
+      {{"remote"}, 2, "one of add, del, clear, load is required; see arpsup remote --help"},
+      {{"remote", "dell"}, 2, "did you mean del\\?; see arpsup remote --help"},
+      {{"counters", "--nonzro"}, 2, "unknown option \"--nonzro\", did you mean --nonzero\\?"},
+      {{"remote", "add", "10", "10.0.0.1"}, 2, "MAC is required; see arpsup remote add --help"},
+      {{"remote", "add", "10", "10.0.0.1", "03:00:00:00:00:01"}, 2, "MAC \"03:00:00:00:00:01\" is not"},
+      {{"remote", "del", "10", "10.0.0.1"}, 1, "there is no remote binding of 10.0.0.1 on VLAN 10"},
+      {{"bindings", "lokal"}, 2, "KIND \"lokal\" is not local or remote"},
+      {{"bindings", "local", "--vlan", "4095"}, 2, "--vlan \"4095\" is not a VLAN id from 1 to 4094"},
+      {{"bindings", "local"}, 1, "no plug-in that is ready answers \"bindings\"; loaded: none"},
+      {{"explain", "0", "10.0.0.1"}, 2, "VLAN \"0\" is not a VLAN id from 1 to 4094"},
+      {{"explain", "10", "fe80::1"}, 2, "IP \"fe80::1\" is not the IPv4 address of one host"},
+      {{"explain", "10", "10.0.0.256"}, 2, "IP \"10.0.0.256\" is not the IPv4 address of one host"},
+      {{"explain", "10", "10.0.0.1", "--from", "ff:ff:ff:ff:ff:ff"}, 2, "--from: MAC \"ff:.* is not"},
+      {{"status"}, 1, "no plug-in that is ready answers \"status\"; loaded: none"},
+      {{"counters"}, 1, "there are no counters: the plug-in ArpSuppression is not loaded"},
+      {{"show", "evpn/nothing"}, 1, "evpn/nothing: there is no such path; allowed: .*evpn/status"},
+      {{"monitor", "evpn/status", "evpn/nothing"}, 1, "evpn/nothing: there is no such path; allowed: "},
+      {{"set", "evpn/status", R"({"mplsConfigured": 1})"},
+       1,
+       "^arpsup: evpn/status: mplsConfigured: 1 is not true or false\n$"},
+      {{"set", "evpn/status", "{mpls}"}, 2, "the value is not JSON: line 1, .*quote it for the shell"},
+      {{"apply", absent}, 1, "/absent: No such file"},
+      {{"trace"}, 1, "no trace ring is there that can be read"},
+      {{"trace", "--run-dir", absent}, 2, "/absent: No such file .*--run-dir"},
+      {{"trace", "--vlan", "x"}, 2, "--vlan \"x\" is not a VLAN id"},
+      {{"trace", "--level", "6"}, 2, "--level: Value 6 not in range 0 to 5"},
+  };
+  const auto check = [](const Case& test, const Result& result) {
+    // ECMAScript's dot is for one line.
+    std::string text = test.text;
+    for (std::size_t at = 0; (at = text.find(".*", at)) != std::string::npos; at += 7)
+      text.replace(at, 2, "[^]*");
+    EXPECT_EQ(result.status, test.status) << test.text << result.error;
+    EXPECT_TRUE(std::regex_search(test.status == 0 ? result.output : result.error, std::regex(text)))
+        << test.text << "\n"
+        << result.output << result.error;
+    if (test.status == 0) return;
+    EXPECT_EQ(result.output, "") << test.text;
+    EXPECT_THAT(result.error, testing::StartsWith("arpsup: "));
+    EXPECT_EQ(std::count(result.error.begin(), result.error.end(), '\n'), 1) << result.error;
+  };
+  for (const Case& test : cases) check(test, arpsup(test.arguments));
+  // The shell's question comes first of all.
+  const std::vector<Case> completions = {
+      {{"remote", ""}, 0, "^add\nclear\ndel\nload\n$"},
+      {{"bindings", "local", "--v"}, 0, "^--version\n--vlan\n$"},
+      {{"--run-dir", runDirectory, "monitor", "arp/status", "evpn/s"}, 0, "^evpn/status\n$"},
+      {{"--run-dir", absent, "show", "evpn/s"}, 0, "^evpn/status\n$"},
+      {{"show", "evpn/status", ""}, 0, "^$"},
+  };
+  for (const Case& test : completions) {
+    Strings command = {ARPSUP, "complete-words"};
+    command.insert(command.end(), test.arguments.begin(), test.arguments.end());
+    Process process(command);
+    const int status = process.wait();
+    check(test, {status, process.output, process.error});
+  }
+  daemon.reset();
+  check({{}, 2, "no agent-host answers there .*start it, or name its run directory"}, arpsup({"show"}));
+}
+
+TEST_F(Programs, monitorAndTrace) {
+  daemonIs({{"agents", {"ArpSuppression"}}});
+  Process monitor(Strings{ARPSUP, "--run-dir", runDirectory, "monitor", "evpn/status"});
+  // It says nothing until something changes after it has begun.
+  int label = 0;
+  ASSERT_TRUE(monitor.readUntil("\n", true, [&] {
+    arpsup({"set", "evpn/status", "{\"imetLabel\": {\"10\": " + std::to_string(++label) + "}}"});
+  }));
+  const json line = json::parse(monitor.output.substr(0, monitor.output.find('\n')));
+  EXPECT_EQ(line["path"], "evpn/status");
+  EXPECT_GE(line["change"]["imetLabel"]["10"], 1);
+  EXPECT_GT(line["time"], 1.7e9);
+  monitor.signal(SIGINT);
+  EXPECT_EQ(monitor.wait(), 0);
+  EXPECT_EQ(monitor.error, "");
+
+  Process follow(Strings{ARPSUP, "--run-dir", runDirectory, "trace", "--follow", "--grep", "vlanId=77"});
+  ASSERT_EQ(arpsup({"set", "evpn/status", R"({"mplsConfigured": true, "vlanToDot1q": {"77": 77}})"}).status,
+            0);
+  ASSERT_EQ(arpsup({"remote", "add", "77", "10.0.0.9", "02:00:00:00:00:09"}).status, 0);
+  ASSERT_TRUE(follow.readUntil("vlanId=77\n", true));
+  follow.signal(SIGINT);
+  EXPECT_EQ(follow.wait(), 0);
+  EXPECT_EQ(arpsup({"trace", "--vlan", "7"}).status, 1) << "77 is another VLAN";
+  const Result found = arpsup({"trace", "--vlan", "77", "--level", "2", "--json"});
+  const json record = json::parse(found.output.substr(0, found.output.find('\n')));
+  EXPECT_EQ(record["level"], 2);
+  EXPECT_THAT(record["text"], HasSubstr("vlanId=77"));
+
+  // Earlier runs stay readable, and what is no trace ring is reported.
+  daemon->signal(SIGKILL);
+  daemon->wait();
+  std::ofstream(runDirectory + "/Other-1.tl") << "damaged";
+  daemonIs({{"agents", {"ArpSuppression"}}});
+  ASSERT_EQ(arpsup({"show"}).status, 0) << "its plug-ins have started";
+  EXPECT_THAT(arpsup({"trace"}).output, testing::Not(HasSubstr("vlanId=77")));
+  const Result all = arpsup({"trace", "--all"});
+  EXPECT_EQ(all.status, 0);
+  EXPECT_THAT(all.output, testing::ContainsRegex("^== agent-host, process [0-9]+, running\n"));
+  EXPECT_THAT(all.output, testing::ContainsRegex("\n== agent-host, process [0-9]+, ended\n.*\n.*"));
+  EXPECT_THAT(all.output, HasSubstr("vlanId=77"));
+  EXPECT_THAT(all.error, HasSubstr("/Other-1.tl: too short for a trace file; it is left out\n"));
+}
+
+// What agents answer to, as people and scripts get it.
+TEST(Arpsup, showsAgentAnswers) {
+  struct Command final : Orb::AgentCommandCallback {
+    explicit Command(const char* name) : AgentCommandCallback("", name) {}
+    void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
+      std::string answer;
+      if (commandName() == "explain") {
+        answer =
+            R"({"vlan":10,"action":"reply","counter":{"id":8,"name":"replyRemote"},"summary":"Answered.",)"
+            R"("facts":[{"fact":"a","value":1,"text":"first"},{"fact":"b","value":2,"text":"second"}]})";
+        if (arguments.size() == 3) answer = "{\"facts\":[1]}";
+      } else if (arguments.size() == 1) {
+        answer = "[\n";
+        for (int i = 0; i < 5000; ++i) {
+          answer += std::string(i == 0 ? "" : ",\n") + R"({"vrf":"red","ip":"10.0.0.)" + std::to_string(i) +
+                    R"(","vlan":10,"mac":"02:00:00:00:00:01","interface":"Ethernet1","dynamic":)" +
+                    (i % 2 == 0 ? "true}" : "false}");
+        }
+        answer += "\n]\n";
+      } else {
+        answer = "[\n]\n";
+      }
+      EXPECT_EQ(write(descriptor, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
+    }
+  };
+  struct Agent final : Orb::AgentBase {
+    Agent() : AgentBase("Fake") {
+      for (const char* name : {"bindings", "explain"}) agentCommandCallbackIs(Mox::make<Command>(name));
+    }
+    void doInit() override {}
+    void doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Statedb::EntityManager>&) override {}
+  };
+  RunDir runDir;
+  HostState host{runDir};
+  Host::ControlCommands::Agents agents{Mox::make<Agent>()};
+  Host::ControlServer server(host.scheduler(), *host.state, agents, [](const std::string&) {});
+  ASSERT_EQ(server.listen(runDir.path()), "");
+  const auto arpsup = [&](Strings arguments) -> Result {
+    arguments.insert(arguments.begin(), {ARPSUP, "--run-dir", runDir.path()});
+    Process process(arguments);
+    const int status = process.wait([&] { host.settle(); });
+    return {status, process.output, process.error};
+  };
+  const Result table = arpsup({"bindings", "local"});
+  EXPECT_EQ(table.status, 0) << table.error;
+  EXPECT_THAT(table.output,
+              testing::StartsWith("VLAN  IP          MAC                VRF  INTERFACE  LEARNED\n"
+                                  "10    10.0.0.0    02:00:00:00:00:01  red  Ethernet1  dynamic\n"
+                                  "10    10.0.0.1    02:00:00:00:00:01  red  Ethernet1  static\n"));
+  EXPECT_EQ(std::count(table.output.begin(), table.output.end(), '\n'), 5001);
+  EXPECT_EQ(json::parse(arpsup({"bindings", "local", "--json"}).output, nullptr, false).size(), 5000u);
+  EXPECT_EQ(arpsup({"bindings", "remote", "--vlan", "10"}).output, "no remote bindings on VLAN 10\n");
+  EXPECT_EQ(arpsup({"explain", "10", "10.0.0.1"}).output,
+            "Answered.\n  1. first\n  2. second\nSuch a request counts as replyRemote.\n");
+  EXPECT_EQ(json::parse(arpsup({"--json", "explain", "10", "10.0.0.1"}).output)["counter"]["id"], 8);
+  EXPECT_THAT(arpsup({"explain", "10", "10.0.0.1", "--from", "02:00:00:00:00:01"}).error,
+              HasSubstr("the answer to explain cannot be read"));
+}
+
+}  // namespace
+}  // namespace HostTest
