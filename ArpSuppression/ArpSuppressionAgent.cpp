@@ -253,6 +253,10 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
                    m.allIntfStatusLocalDir, r.deviceIntfStatusDir, r.vlanL3InfoStatus, m.entityManager);
   remoteBindingStatusSm_.is(scheduler, m.remoteBindingConfig, m.remoteBindingConfigMountGroup,
                             r.vlanL3InfoStatus, r.remoteBindingStatus);
+  arpInputConfigSm_.is(
+      scheduler, m.l2VpnConfig, r.localBindingRecord, ConstRemoteBindings(r.remoteBindingStatus),
+      Ptr<const ArpInputConfigTrigger>(r.arpInputConfigTrigger), ConstVlanL3Info(r.vlanL3InfoStatus),
+      m.arpStatus, m.arpInputConfig, m.arpSuppressionCounterStatus);
   arpSuppressionSm_.is(r.receivedRequestTrap, r.reinjectMessageQueue, m.arpSuppressionCounterStatus,
                        r.localRequestRecord, m.remoteBindingConfig, r.vlanL3InfoStatus, m.arpStatus,
                        m.bridgingConfig, m.bridgingStatus, m.evpnStatus, m.fhrpVrMacStatus, m.vrfNameToIdMap,
@@ -288,6 +292,7 @@ void ArpSuppressionRootSm::dropReactors() {
   vlanL3InfoSm_.del();
   arpSuppressionStatusSm_.del();
   remoteBindingStatusSm_.del();
+  arpInputConfigSm_.del();
   root_ = nullptr;
 }
 
@@ -305,6 +310,7 @@ void ArpSuppressionRootSm::dumpState(Orb::DumpContext& context, int indent) cons
   context.child(indent + 2, root_, "ArpSuppressionRoot");
   context.child(indent + 2, arpSuppressionStatusSm_.child(), "ArpSuppressionStatusSm");
   context.child(indent + 2, remoteBindingStatusSm_.child(), "RemoteBindingStatusSm");
+  context.child(indent + 2, arpInputConfigSm_.child(), "ArpInputConfigSm");
   context.child(indent + 2, arpSuppressionSm_.child(), "ArpSuppressionSm");
   context.child(indent + 2, bindingDiscoverySm_.child(), "BindingDiscoverySm");
   context.child(indent + 2, messageReinjectSm_.child(), "MessageReinjectSm");

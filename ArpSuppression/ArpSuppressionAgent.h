@@ -2,6 +2,7 @@
 
 #include "Arp/InputConfig.h"
 #include "Arp/Table.h"
+#include "ArpSuppression/ArpInputConfigSm.h"
 #include "ArpSuppression/ArpInputConfigTrigger.h"
 #include "ArpSuppression/ArpSuppression.h"
 #include "ArpSuppression/ArpSuppressionSm.h"
@@ -105,6 +106,7 @@ class ArpSuppressionRootSm final : public Mox::Entity {
   const Ptr<ArpSuppressionMounts>& mounts() const { return mounts_; }
   // Present exactly while suppression runs.
   const Ptr<ArpSuppressionRoot>& root() const { return root_; }
+  const Ptr<ArpInputConfigSm>& arpInputConfigSm() const { return arpInputConfigSm_.child(); }
   const Ptr<ArpSuppressionSm>& arpSuppressionSm() const { return arpSuppressionSm_.child(); }
   const Ptr<BindingDiscoverySm>& bindingDiscoverySm() const { return bindingDiscoverySm_.child(); }
   const Ptr<MessageTrapSm>& messageTrapSm() const { return messageTrapSm_.child(); }
@@ -134,6 +136,7 @@ class ArpSuppressionRootSm final : public Mox::Entity {
   Mox::Owner<LocalRequestRecordSm> localRequestRecordSm_;  // a stop leaves it to the next start
   Mox::Owner<VlanL3InfoSm> vlanL3InfoSm_;
   Mox::Owner<RemoteBindingStatusSm> remoteBindingStatusSm_;
+  Mox::Owner<ArpInputConfigSm> arpInputConfigSm_;
   Mox::Owner<ArpSuppressionSm> arpSuppressionSm_;
   Mox::Owner<BindingDiscoverySm> bindingDiscoverySm_;
   Mox::Owner<MessageReinjectSmBase> messageReinjectSm_;

@@ -37,6 +37,11 @@ struct NeighborEntryKey {
     return std::tuple(Mox::Field("ip", &NeighborEntryKey::addr), Mox::Field("intf", &NeighborEntryKey::intf));
   }
   friend auto operator<=>(const NeighborEntryKey&, const NeighborEntryKey&) = default;
+  // The entries of one address stand together in hash order; link-local addresses are the same on many
+  // interfaces and therefore spread.
+  std::uint64_t hash(std::uint64_t seed) const {
+    return addr.isLinkLocal() ? intf.hash(addr.hash(seed)) : addr.hash(seed);
+  }
 };
 
 using NeighborEntryConfigInput = ArpEntryInput;
@@ -46,8 +51,8 @@ class ArpInputVrfConfig final : public Mox::Entity {
   explicit ArpInputVrfConfig(Mox::String vrfName) : vrfName_(std::move(vrfName)) {}
   const Mox::String& vrfName() const { return vrfName_; }
 
-  MOX_MAP(Lanix::IpAddr, ArpEntryInput, ipv4)
-  MOX_MAP(NeighborEntryKey, NeighborEntryConfigInput, ipv6)
+  MOX_HASH(Lanix::IpAddr, ArpEntryInput, ipv4)
+  MOX_HASH(NeighborEntryKey, NeighborEntryConfigInput, ipv6)
   MOX_MEMBERS(ipv4, ipv6)
 
  private:

@@ -166,6 +166,7 @@ TEST(LifecycleDeathTest, runnable_flag_cleared_by_somebody_else) {
 TEST(LifecycleDeathTest, kernel_input_left_by_another_owner) {
   Rig rig;
   rig.start();
+  rig.rootSm()->arpInputConfigSm()->skipArpInputCleanupForTestIs(true);
   rig.state<Arp::ArpInputConfig>("arp/input/config/arpSuppression")->vrfIs("red");
   EXPECT_DEATH(
       rig.evpn()->mplsConfiguredIs(false),

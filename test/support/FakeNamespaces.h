@@ -1,9 +1,15 @@
 #pragma once
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
+#include <span>
 #include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "Lanix/Namespaces.h"
 #include "Lanix/NetlinkSocket.h"
@@ -53,7 +59,7 @@ class FakeNamespaces final : public Lanix::Namespaces {
   Lanix::Replaced<Lanix::Namespaces> replaced_;
 };
 
-// Netlink sockets that are numbers only, from 1000 on.
+// Netlink sockets that are numbers only, from 1000 on, and a kernel behind them that takes neighbours.
 class FakeNetlinkSockets final : public Lanix::NetlinkSockets {
  public:
   FakeNetlinkSockets() : replaced_(*this) {}
@@ -74,7 +80,28 @@ class FakeNetlinkSockets final : public Lanix::NetlinkSockets {
   }
   void close(int socket) override { sockets_.erase(socket); }
 
+  // "red 7 10.0.0.5 02:00:00:00:00:05 state=2 protocol=110": the neighbours, with namespace and interface
+  // index.
+  std::vector<std::string> neighbours() const;
+  // Requests are answered with this errno, until it is 0.
+  void refusesRequestsWith(int error) { requestError_ = error; }
+  // That many requests are answered too late, at the next one.
+  void answersLate(int requests) { late_ = requests; }
+  // Goes before the next answer as it is.
+  void says(std::vector<std::byte> datagram) { answers_.push_back(std::move(datagram)); }
+
+  bool send(int socket, std::span<const std::byte> message) override;
+  ssize_t receive(int socket, std::span<std::byte> into) override;
+  // Nothing comes later than it came: a wait is over at once.
+  bool waitReadable(int /*socket*/, int /*milliseconds*/) override { return false; }
+
  private:
+  using Neighbour = std::tuple<std::string, int, std::string>;
+  std::map<Neighbour, std::string> neighbours_;
+  std::deque<std::vector<std::byte>> answers_;
+  int requestError_ = 0;
+  int late_ = 0;
+  bool silent_ = false;
   int error_ = 0;
   int next_ = 1000;
   std::map<int, std::string> sockets_;

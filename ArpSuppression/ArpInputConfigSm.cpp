@@ -1,0 +1,343 @@
+#include "ArpSuppression/ArpInputConfigSm.h"
+
+#include <bit>
+
+#include "Arp/Neighbour.h"
+#include "ArpSuppression/Trace.h"
+#include "Orb/FeatureSwitch.h"
+
+namespace ArpSuppression {
+
+namespace {
+
+constexpr char kSource[] = "ArpSuppression/ArpInputConfigSm";
+
+// ARP types of entries in the ARP service's input.
+constexpr std::uint8_t kArpTypeRemote = 0;
+constexpr std::uint8_t kArpTypeLocal = 1;
+
+using Counter = ArpSuppressionCounterId;
+using Arp::ArpEntryInput;
+using Arp::ArpInputVrfConfig;
+using Arp::NeighborEntryKey;
+using Installation = KernelDynamicEntryInstallation;
+
+const char* yesNo(bool value) { return value ? "yes" : "no"; }
+
+// Goes before every interface in the order of keys.
+constexpr auto kBeforeAll = std::bit_cast<Lanix::IntfId>(std::array<std::uint8_t, 16>{});
+
+// The output's entries of a key. An IPv6 address without an interface is one key of the VRF, although an
+// entry names an interface as well: all entries of the address are the key's.
+template <class Visit>
+void forEachEntry(const ArpInputVrfConfig& config, const VrfIpAddress& key, Visit&& visit) {
+  if (key.ipAddress.isIpv4()) {
+    if (const ArpEntryInput* entry = config.ipv4Collection().find(key.ipAddress.ipv4()))
+      visit(entry->intf, *entry);
+    return;
+  }
+  const auto& entries = config.ipv6Collection();
+  const NeighborEntryKey first{key.ipAddress.ipv6(), key.intfId ? key.intfId : kBeforeAll};
+  for (auto at = entries.lowerBound(first); at != entries.end() && at->key.addr == first.addr; ++at) {
+    if (key.intfId && at->key.intf != key.intfId) break;
+    visit(at->key.intf, at->value);
+  }
+}
+
+// Removes the key's entries but the one on `kept`; true when there were any.
+bool removeEntries(ArpInputVrfConfig& config, const VrfIpAddress& key, const Lanix::IntfId& kept = {}) {
+  if (key.ipAddress.isIpv4()) return !kept && config.ipv4Del(key.ipAddress.ipv4());
+  bool removed = false;
+  for (bool more = true; more; removed = removed || more) {
+    Lanix::IntfId stray;
+    forEachEntry(config, key, [&](const Lanix::IntfId& intf, const ArpEntryInput&) {
+      if (intf != kept) stray = intf;
+    });
+    more = stray && config.ipv6Del({key.ipAddress.ipv6(), stray});
+  }
+  return removed;
+}
+
+}  // namespace
+
+ArpInputConfigVlanL3InfoSm::ArpInputConfigVlanL3InfoSm(Bridging::VlanId /*vlanId*/,
+                                                       Ptr<const VlanL3Info> vlanL3Info,
+                                                       ArpInputConfigSm* parent)
+    : vlanL3Info_(std::move(vlanL3Info)) {
+  vlanL3Info_.on(VlanL3Info::kniIntfIfIndexChanged, [parent] { parent->reevaluate(); });
+}
+
+ArpInputConfigSm::ArpInputConfigSm(
+    Ptr<Orb::TaskScheduler> scheduler, Ptr<const Routing::L2Vpn::Config> l2VpnConfig,
+    Ptr<LocalBindingRecord> localBindingRecord, Ptr<const RemoteBindingStatus> remoteBindingStatus,
+    Ptr<const ArpInputConfigTrigger> arpInputConfigTrigger, Ptr<const VlanL3InfoStatus> vlanL3InfoStatus,
+    Ptr<const Arp::Table::Status> arpStatus, Ptr<Arp::ArpInputConfig> arpInputConfig,
+    Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus)
+    : WalkSmBase(std::move(scheduler), "ArpInputConfigSm"),
+      l2VpnConfig_(std::move(l2VpnConfig)),
+      localBindingRecord_(std::move(localBindingRecord)),
+      remoteBindingStatus_(std::move(remoteBindingStatus)),
+      arpInputConfigTrigger_(std::move(arpInputConfigTrigger)),
+      vlanL3InfoStatus_(std::move(vlanL3InfoStatus)),
+      arpStatus_(arpStatus),
+      arpStatusHelper_(std::move(arpStatus)),
+      arpInputConfig_(std::move(arpInputConfig)),
+      arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)) {
+  l2VpnConfig_.onAny([this](Mox::EventId) { reevaluate(); });
+  localBindingRecord_.on(LocalBindingRecord::bindingChanged,
+                         [this](const VrfIpAddress& key) { updateVrfIpAddress(key, false); });
+  remoteBindingStatus_
+      .on(RemoteBindingStatus::lastVrfIpAddressChangeChanged,
+          [this](const VrfIpAddress& key) { updateVrfIpAddress(key, false); })
+      .on(RemoteBindingStatus::initialPopulationCompleteChanged, [this] { scheduleWalk(); });
+  arpInputConfigTrigger_.on(ArpInputConfigTrigger::triggerChanged, [this] { handleArpInputConfigTrigger(); });
+  vlanL3InfoStatus_
+      .on(VlanL3InfoStatus::vlanL3InfoChanged, [this](Bridging::VlanId vlanId) { handleVlanL3Info(vlanId); })
+      .on(VlanL3InfoStatus::initialArpSuppressionStatusSyncChanged, [this] { scheduleWalk(); });
+  arpStatus_.on(Arp::Table::Status::arpEntryChanged,
+                [this](const Arp::Table::ArpKey& arpKey) { handleArpStatus(arpKey); });
+  handleInitialized();
+}
+
+ArpInputConfigSm::~ArpInputConfigSm() { handleDestroy(); }
+
+void ArpInputConfigSm::handleInitialized() {
+  TRACE8("");
+  for (const auto& [vlanId, info] : vlanL3InfoStatus_->vlanL3InfoCollection())
+    moxVlanL3InfoIs(vlanId, Ptr<const VlanL3Info>(info), this);
+  if (arpInputConfig_->vrfs() != 0) takeOverEnds_ = this->scheduler()->loop().now() + kTakeOverSeconds;
+  reevaluate();
+}
+
+void ArpInputConfigSm::handleDestroy() {
+  TRACE8("");
+  if (!skipArpInputCleanupForTest_) arpInputConfig_->vrfDelAll();
+}
+
+void ArpInputConfigSm::reevaluate() {
+  walkStage_ = WalkStage::walkLocalBindingRecord;
+  localBindingRecordBookmark_ = {};
+  remoteBindingStatusBookmark_ = {};
+  arpInputConfigBookmark_ = {};
+  scheduleWalk();
+}
+
+void ArpInputConfigSm::handleVlanL3Info(Bridging::VlanId vlanId) {
+  moxVlanL3InfoDel(vlanId);
+  if (const Ptr<VlanL3Info> info = vlanL3InfoStatus_->vlanL3Info(vlanId))
+    moxVlanL3InfoIs(vlanId, Ptr<const VlanL3Info>(info), this);
+  reevaluate();
+}
+
+void ArpInputConfigSm::handleArpInputConfigTrigger() {
+  const VrfIpAddress key =
+      arpInputConfigTrigger_->vrfIpAddress();  // the trigger may be raised again meanwhile
+  updateVrfIpAddress(key, arpInputConfigTrigger_->suppressionEvent());
+}
+
+void ArpInputConfigSm::handleArpStatus(const Arp::Table::ArpKey& arpKey) {
+  // Whoever writes the table may write anything.
+  const bool sound = arpKey.addr && arpKey.addr.sound();
+  const VrfIpAddress key = sound ? VrfIpAddress::fromArpKey(*vlanL3InfoStatus_, arpKey) : VrfIpAddress();
+  if (!key) {
+    TRACE8("no vrfIpAddress intfId=" << arpKey.intfId << " addr=" << arpKey.addr);
+    return;
+  }
+  const Ptr<LocalBinding> localBinding = localBindingRecord_->binding(key);
+  if (!localBinding) {
+    TRACE8("no localBinding vrfIpAddress=" << key);
+    return;
+  }
+  // A neighbour that is left in a VRF or a VLAN which the host is not in any more says nothing about it.
+  const Ptr<VlanL3Info> info = vlanL3InfoStatus_->vlanL3Info(localBinding->vlanIdMacAddress().vlanId);
+  if (!info || arpKey.vrfId != key.vrfInfo->vrfId() || arpKey.intfId != info->vlanIntfId()) {
+    TRACE8("not of the binding's VLAN vrfIpAddress=" << key << " intfId=" << arpKey.intfId);
+    return;
+  }
+  const Arp::Table::ArpEntry entry = arpStatusHelper_.lookup(arpKey);
+  const bool exists = !(entry == Arp::Table::ArpEntry());
+  TRACE8("vrfIpAddress=" << key << " localBinding=" << localBinding << " arpStatusEntry="
+                         << ArpStatusHelper::text(entry) << " arpStatusEntryExists=" << yesNo(exists));
+  // A binding goes with the dynamic entry that the kernel once had for it. The record tells this reactor of
+  // that, which decides the key anew: nothing follows.
+  if (exists && !entry.isStatic) {
+    localBinding->arpStatusHasDynamicEntryIs(true);
+    deleteEntry(key);
+  } else if (localBinding->arpStatusHasDynamicEntry()) {
+    localBindingRecord_->deleteLocalBinding(localBinding);
+  } else if (!exists) {
+    updateVrfIpAddress(key, false);
+  } else if (entry.arpType != Arp::Table::kArpTypeOwn) {
+    deleteEntry(key);
+  }
+}
+
+// --- One key ---------------------------------------------------------------------------------------------
+
+void ArpInputConfigSm::updateVrfIpAddress(const VrfIpAddress& vrfIpAddress, bool suppressionEvent) {
+  if (!vrfIpAddress) return;
+  decide(vrfIpAddress, suppressionEvent, remoteBindingStatus_->ipToMac(vrfIpAddress));
+}
+
+void ArpInputConfigSm::decide(const VrfIpAddress& key, bool suppressionEvent,
+                              const RemoteBindingPtr& remote) {
+  TRACE8("vrfIpAddress=" << key << " suppressionEvent=" << yesNo(suppressionEvent));
+  const VlanIdMacAddress deleted = updateLocalMultihomedRemoteBindings(key, remote);
+  if (updateWithLocalBinding(key)) return;
+  const bool selective = !suppressionEvent && selectiveInstall(key, remote);
+  if (!updateWithRemoteBinding(key, remote, deleted, selective) && !awaited(key)) deleteEntry(key);
+}
+
+VlanIdMacAddress ArpInputConfigSm::updateLocalMultihomedRemoteBindings(const VrfIpAddress& key,
+                                                                       const RemoteBindingPtr& remote) {
+  if (remote && remote->isFirstVlanIdMacAddressLocalMultihomed()) {
+    localMultihomedRemoteBindingIs(key, remote->firstVlanIdMacAddress());
+    return {};
+  }
+  const VlanIdMacAddress deleted = localMultihomedRemoteBinding(key);
+  localMultihomedRemoteBindingDel(key);
+  return deleted;
+}
+
+bool ArpInputConfigSm::selectiveInstall(const VrfIpAddress& key, const RemoteBindingPtr& remote) const {
+  if (!l2VpnConfig_ || !l2VpnConfig_->selectiveArpInstall()) return false;
+  static Orb::FeatureSwitch localMultihome("ArpSuppression.json", "LocalMultihomeSelectiveArpInstall", true);
+  if (!localMultihome.enabled() || !remote || remote->vlanIdMacAddresss() != 1 ||
+      !remote->isFirstVlanIdMacAddressLocalMultihomed())
+    return true;
+  TRACE8("Ignoring selective install"
+         << " for local multihomed vrfIpAddress=" << key);
+  return false;
+}
+
+bool ArpInputConfigSm::updateWithLocalBinding(const VrfIpAddress& key) {
+  const Ptr<LocalBinding> localBinding = localBindingRecord_->binding(key);
+  if (!localBinding) {
+    TRACE8("no localBinding vrfIpAddress=" << key);
+    return false;
+  }
+  const VlanIdMacAddress& station = localBinding->vlanIdMacAddress();
+  const Ptr<const VlanL3Info> info = vlanL3InfoFor(key, station.vlanId);
+  if (!info) return false;
+  const Arp::Table::ArpEntry entry = arpStatusHelper_.lookup(ArpStatusHelper::keyOf(*info, key.ipAddress));
+  TRACE8("localBinding=" << localBinding << " arpStatusEntry=" << ArpStatusHelper::text(entry));
+  const bool exists = !(entry == Arp::Table::ArpEntry());
+  if (exists && (!entry.isStatic || entry.arpType > Arp::Table::kArpTypeOwn)) {
+    if (!entry.isStatic) localBinding->arpStatusHasDynamicEntryIs(true);
+    deleteEntry(key);  // the kernel's own entry serves the key
+    return true;
+  }
+  return updateEntry(kArpTypeLocal, key, false, station, false);
+}
+
+bool ArpInputConfigSm::updateWithRemoteBinding(const VrfIpAddress& key, const RemoteBindingPtr& remote,
+                                               const VlanIdMacAddress& deleted, bool selective) {
+  TRACE8("vrfIpAddress=" << key << " remoteIpToMac=" << remote);
+  if (remote) return updateEntry(kArpTypeRemote, key, selective, remote->firstVlanIdMacAddress(), false);
+  static Orb::FeatureSwitch proxyArpRefresh("EvpnLib.json", "EvpnMplsProxyArpRefresh", true);
+  if (deleted == VlanIdMacAddress() || !proxyArpRefresh.enabled()) return false;
+  return updateEntry(kArpTypeLocal, key, false, deleted, true);
+}
+
+Ptr<const VlanL3Info> ArpInputConfigSm::vlanL3InfoFor(const VrfIpAddress& key, Bridging::VlanId vlanId) {
+  Ptr<const VlanL3Info> info = vlanL3InfoStatus_->usableVlanL3Info(vlanId);
+  // A binding of the VRF that the VLAN has left must not be programmed into it with an index of the new one.
+  if (info && info->vrfInfo() == key.vrfInfo) return info;
+  TRACE8("no vlanL3Info vlanId=" << vlanId);
+  arpSuppressionCounterStatus_->increment(Counter::arpInputNoVlanL3Info);
+  return {};
+}
+
+Ptr<ArpInputVrfConfig> ArpInputConfigSm::arpInputVrfConfig(const VrfIpAddress& key) const {
+  return key.vrfInfo ? arpInputConfig_->vrf(key.vrfInfo->vrfName()) : Ptr<ArpInputVrfConfig>();
+}
+
+bool ArpInputConfigSm::updateEntry(std::uint8_t arpType, const VrfIpAddress& key, bool onlyUpdate,
+                                   const VlanIdMacAddress& vlanIdMacAddress, bool dynamicOrPermanent) {
+  const Ptr<const VlanL3Info> info = vlanL3InfoFor(key, vlanIdMacAddress.vlanId);
+  if (!info || !key.ipAddress) return false;
+  Ptr<ArpInputVrfConfig> config = arpInputVrfConfig(key);
+  if (!config && onlyUpdate) {
+    TRACE8("arpInputVrfConfig not found vrfName=" << key.vrfInfo->vrfName());
+    return false;
+  }
+  if (!config) config = arpInputConfig_->vrfIs(key.vrfInfo->vrfName());
+
+  const ArpEntryInput wanted{vlanIdMacAddress.macAddress, info->vlanIntfId(), arpType, dynamicOrPermanent};
+  std::uint32_t entries = 0;
+  bool equal = false;
+  bool sameType = false;
+  forEachEntry(*config, key, [&](const Lanix::IntfId& intf, const ArpEntryInput& entry) {
+    equal = ++entries == 1 && intf == wanted.intf && entry == wanted;
+    sameType = sameType || entry.arpType == arpType;
+  });
+  if (equal) return true;
+  if (onlyUpdate && !sameType) return entries != 0;
+
+  if (key.ipAddress.isIpv4()) {
+    config->ipv4Is(key.ipAddress.ipv4(), wanted);
+  } else {
+    removeEntries(*config, key, wanted.intf);
+    config->ipv6Is({key.ipAddress.ipv6(), wanted.intf}, wanted);
+  }
+  const bool local = arpType == kArpTypeLocal;
+  const Installation installation =
+      local ? install(key, *info, wanted.mac) : Installation::kernelDynamicEntryInstallationNotAttempted;
+  TRACE8("updated=" << key << " vlanIdMacAddress=" << vlanIdMacAddress << " dynamicOrPermanent="
+                    << yesNo(dynamicOrPermanent) << " existing=" << yesNo(entries != 0)
+                    << " kernelDynamicEntryInstallation=" << installation);
+  arpSuppressionCounterStatus_->increment(
+      entries == 0 ? (local ? Counter::arpInputNewLocal : Counter::arpInputNewRemote)
+                   : (local ? Counter::arpInputUpdatedLocal : Counter::arpInputUpdatedRemote));
+  return true;
+}
+
+Installation ArpInputConfigSm::install(const VrfIpAddress& key, const VlanL3Info& vlanL3Info,
+                                       const Lanix::EthAddr& mac) {
+  const std::uint32_t socket = key.vrfInfo->netlinkSocket();
+  const std::uint32_t ifIndex = vlanL3Info.kniIntfIfIndex();
+  const int error = key.ipAddress.isIpv4()
+                        ? Arp::ipNeighAdd(socket, ifIndex, key.ipAddress.ipv4(), mac, Arp::kNudReachable)
+                        : Arp::ip6NeighAdd(socket, ifIndex, key.ipAddress.ipv6(), mac, Arp::kNudReachable);
+  if (error != 0) TRACELET_RECORD("kernel neighbour refused ipAddress={} errno={}", key.ipAddress, error);
+  arpSuppressionCounterStatus_->increment(error == 0 ? Counter::kernelInstallSuccess
+                                                     : Counter::kernelInstallFailed);
+  return error == 0 ? Installation::kernelDynamicEntryInstallationSuccess
+                    : Installation::kernelDynamicEntryInstallationFailed;
+}
+
+void ArpInputConfigSm::deleteEntry(const VrfIpAddress& key) {
+  const Ptr<ArpInputVrfConfig> config = arpInputVrfConfig(key);
+  if (!config) {
+    TRACE8("no arpInputVrfConfig vrfName=" << (key.vrfInfo ? key.vrfInfo->vrfName() : Mox::String()));
+    return;
+  }
+  const bool deleted = removeEntries(*config, key);
+  TRACE8("vrfIpAddress=" << key << " deletedEntry=" << yesNo(deleted));
+  if (deleted) arpSuppressionCounterStatus_->increment(Counter::arpInputDeleted);
+  if (config->ipv4s() == 0 && config->ipv6s() == 0) arpInputConfig_->vrfDel(config->vrfName());
+}
+
+bool ArpInputConfigSm::takingOver() const { return scheduler()->loop().now() < takeOverEnds_; }
+
+bool ArpInputConfigSm::awaited(const VrfIpAddress& key) {
+  const Ptr<ArpInputVrfConfig> config = arpInputVrfConfig(key);
+  if (!config) return false;
+  bool waits = false;
+  forEachEntry(*config, key, [&](const Lanix::IntfId& intf, const ArpEntryInput& entry) {
+    const std::uint32_t number = intf.vlanNumber();
+    if (entry.arpType != kArpTypeRemote || !Bridging::VlanId::valid(number)) return;
+    const Bridging::VlanId vlanId(number);
+    const Ptr<const VlanL3Info> info = vlanL3InfoStatus_->usableVlanL3Info(vlanId);
+    if (!info) {
+      waits = waits || takingOver();
+    } else if (info->vrfInfo() == key.vrfInfo && !remoteBindingStatus_->ipToMacHas(key)) {
+      const Ptr<RemoteMacToIp> station = remoteBindingStatus_->macToIp({vlanId, entry.mac});
+      waits = waits || (station && station->ipAddressHas(key.ipAddress));
+    }
+  });
+  if (waits) scheduleWalk(kAwaitedSeconds);
+  return waits;
+}
+
+}  // namespace ArpSuppression

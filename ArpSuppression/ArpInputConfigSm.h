@@ -1,0 +1,180 @@
+#pragma once
+
+#include <array>
+#include <compare>
+#include <cstdint>
+
+#include "Arp/InputConfig.h"
+#include "Arp/Table.h"
+#include "ArpSuppression/ArpInputConfigTrigger.h"
+#include "ArpSuppression/ArpStatusHelper.h"
+#include "ArpSuppression/LocalBinding.h"
+#include "ArpSuppression/RemoteBindingStatus.h"
+#include "Mox/Notifiee.h"
+#include "Orb/WalkSm.h"
+#include "Routing/Status.h"
+#include "Suppression/Counter.h"
+
+namespace ArpSuppression {
+
+// Where the walk over the output resumes: at an entry of a VRF, or, without an address, at the VRF's first.
+struct ArpInputConfigBookmark {
+  Mox::String vrfName;
+  Lanix::IpGenAddr ipAddress;
+  Lanix::IntfId intfId;  // IPv6 only
+
+  explicit operator bool() const { return !(*this == ArpInputConfigBookmark()); }
+  friend auto operator<=>(const ArpInputConfigBookmark&, const ArpInputConfigBookmark&) = default;
+  // "Value('ArpSuppression::ArpInputConfigBookmark', ** {...})"
+  Mox::String toStrep() const;
+};
+
+enum class WalkStage : std::uint8_t { walkLocalBindingRecord, walkRemoteBindingStatus, walkArpInputConfig };
+constexpr std::array<const char*, 3> moxEnumNames(WalkStage) {
+  return {"walkLocalBindingRecord", "walkRemoteBindingStatus", "walkArpInputConfig"};
+}
+
+// What became of the neighbour's way straight into the kernel.
+enum class KernelDynamicEntryInstallation : std::uint8_t {
+  kernelDynamicEntryInstallationNotAttempted,
+  kernelDynamicEntryInstallationSuccess,
+  kernelDynamicEntryInstallationFailed
+};
+constexpr std::array<const char*, 3> moxEnumNames(KernelDynamicEntryInstallation) {
+  return {"kernelDynamicEntryInstallationNotAttempted", "kernelDynamicEntryInstallationSuccess",
+          "kernelDynamicEntryInstallationFailed"};
+}
+
+class ArpInputConfigSm;
+
+// Asks for everything to be decided again when the kernel index of one VLAN's interface changes.
+class ArpInputConfigVlanL3InfoSm final : public Mox::Entity {
+ public:
+  ArpInputConfigVlanL3InfoSm(Bridging::VlanId vlanId, Ptr<const VlanL3Info> vlanL3Info,
+                             ArpInputConfigSm* parent);
+
+ private:
+  Mox::Notifiee<const VlanL3Info> vlanL3Info_;
+};
+
+// Makes kernel neighbours of bindings, so that the switch's own IP stack finds hosts without asking the
+// network. For each address it decides what serves it, and writes, refreshes or deletes the one entry of the
+// ARP service's input for it:
+//
+//   a local binding    an entry of ARP type 1, until the kernel has a neighbour of its own for the address;
+//   the
+//                      binding goes when that neighbour expires
+//   a remote binding   an entry of ARP type 0; with selective installation only where there is one already
+//   nothing            none; but a host on a segment that this switch shares, whose remote binding has just
+//                      gone, is written once more as a dynamic entry (ARP type 1), for the kernel to refresh
+//
+// Entries of type 1 also go into the kernel at once, through the VRF's netlink socket.
+//
+// A key is decided when one of its bindings or its kernel neighbour changes, and when the trigger says so.
+// Everything is decided again, by a walk in slices, when a VLAN's layer-3 info or the layer-2 VPN
+// configuration changes: first local bindings, then remote ones, then what is in the output, where this
+// removes what is stale. This last stage waits until the VLANs and the remote bindings that were there at
+// start are known.
+//
+// An earlier run may have ended without taking its entries back. Those that are still wanted stay in the
+// output throughout: for a short time after a start with entries an absent VRF and a VLAN that is not usable
+// yet count as not known yet, and an entry whose binding is advertised but not filed under the VLAN's VRF yet
+// waits for it.
+//
+// The decisions read the binding tables and change none but the flag arpStatusHasDynamicEntry. The end takes
+// everything out of the output.
+class ArpInputConfigSm final : public Orb::WalkSmBase {
+ public:
+  ArpInputConfigSm(Ptr<Orb::TaskScheduler> scheduler, Ptr<const Routing::L2Vpn::Config> l2VpnConfig,
+                   Ptr<LocalBindingRecord> localBindingRecord,
+                   Ptr<const RemoteBindingStatus> remoteBindingStatus,
+                   Ptr<const ArpInputConfigTrigger> arpInputConfigTrigger,
+                   Ptr<const VlanL3InfoStatus> vlanL3InfoStatus, Ptr<const Arp::Table::Status> arpStatus,
+                   Ptr<Arp::ArpInputConfig> arpInputConfig,
+                   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus);
+  ~ArpInputConfigSm() override;
+
+  // Remote bindings of hosts on a shared segment, by their first station; remembered for when they go.
+  MOX_HASH(VrfIpAddress, VlanIdMacAddress, localMultihomedRemoteBinding)
+  MOX_CHILDREN(Bridging::VlanId, ArpInputConfigVlanL3InfoSm, moxVlanL3Info)
+
+  // How long an earlier run's entries wait for their VLAN, in seconds, and how often they are looked at.
+  static constexpr double kTakeOverSeconds = 3;
+  static constexpr double kAwaitedSeconds = 1;
+
+  WalkStage walkStage() const { return walkStage_; }
+  const ArpInputConfigBookmark& arpInputConfigBookmark() const { return arpInputConfigBookmark_; }
+  // The end leaves the output as it is.
+  void skipArpInputCleanupForTestIs(bool skip) { skipArpInputCleanupForTest_ = skip; }
+
+  // Decides everything again, from the first stage on.
+  void reevaluate();
+  // Decides one key; the default key is ignored. `suppressionEvent`: a suppressed request of the switch
+  // itself asks, which selective installation does not hold back.
+  void updateVrfIpAddress(const VrfIpAddress& vrfIpAddress, bool suppressionEvent);
+
+  Mox::String toStrep() const { return "<ArpInputConfigSm>"; }
+  void dumpState(Orb::DumpContext& context, int indent) const;
+
+ private:
+  using RemoteBindingPtr = Ptr<const RemoteIpToMac>;
+
+  Orb::WalkRet walk() override;
+  void handleInitialized();
+  void handleDestroy();
+  void handleVlanL3Info(Bridging::VlanId vlanId);
+  void handleArpInputConfigTrigger();
+  void handleArpStatus(const Arp::Table::ArpKey& arpKey);
+
+  // --- one key; `remote` is its remote binding, null when there is none
+  void decide(const VrfIpAddress& key, bool suppressionEvent, const RemoteBindingPtr& remote);
+  // The station of the entry that was removed, otherwise the default one.
+  VlanIdMacAddress updateLocalMultihomedRemoteBindings(const VrfIpAddress& key,
+                                                       const RemoteBindingPtr& remote);
+  bool selectiveInstall(const VrfIpAddress& key, const RemoteBindingPtr& remote) const;
+  // True: a local binding serves the key, in the output or by the kernel's own entry.
+  bool updateWithLocalBinding(const VrfIpAddress& key);
+  // False: nothing is to be programmed.
+  bool updateWithRemoteBinding(const VrfIpAddress& key, const RemoteBindingPtr& remote,
+                               const VlanIdMacAddress& deleted, bool selective);
+  // The VLAN's usable info when it is in the VRF of the key; otherwise null, and counted.
+  Ptr<const VlanL3Info> vlanL3InfoFor(const VrfIpAddress& key, Bridging::VlanId vlanId);
+  // The only writer of entries. True when the output holds an entry of the key afterwards; `onlyUpdate`
+  // creates none and leaves one of another ARP type alone.
+  bool updateEntry(std::uint8_t arpType, const VrfIpAddress& key, bool onlyUpdate,
+                   const VlanIdMacAddress& vlanIdMacAddress, bool dynamicOrPermanent);
+  KernelDynamicEntryInstallation install(const VrfIpAddress& key, const VlanL3Info& vlanL3Info,
+                                         const Lanix::EthAddr& mac);
+  void deleteEntry(const VrfIpAddress& key);
+  // The entry of a key that nothing serves is to stay for now; it is looked at again.
+  bool awaited(const VrfIpAddress& key);
+  bool takingOver() const;
+  Ptr<Arp::ArpInputVrfConfig> arpInputVrfConfig(const VrfIpAddress& key) const;
+
+  // --- the walk
+  template <class Bindings>
+  Orb::WalkRet bindingWalk(const Bindings& bindings, VrfIpAddress& bookmark, WalkStage next);
+  Orb::WalkRet arpInputConfigWalk();
+  // False: it gave way in the middle of the VRF; the bookmark is set.
+  bool vrfWalk(const Ptr<Arp::ArpInputVrfConfig>& config, const Ptr<VrfInfo>& vrfInfo,
+               const ArpInputConfigBookmark& from, Orb::WalkRet& ret);
+
+  Mox::Notifiee<const Routing::L2Vpn::Config> l2VpnConfig_;
+  Mox::Notifiee<LocalBindingRecord> localBindingRecord_;
+  Mox::Notifiee<const RemoteBindingStatus> remoteBindingStatus_;
+  Mox::Notifiee<const ArpInputConfigTrigger> arpInputConfigTrigger_;
+  Mox::Notifiee<const VlanL3InfoStatus> vlanL3InfoStatus_;
+  Mox::Notifiee<const Arp::Table::Status> arpStatus_;
+  ArpStatusHelper arpStatusHelper_;
+  Ptr<Arp::ArpInputConfig> arpInputConfig_;
+  Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;
+
+  WalkStage walkStage_ = WalkStage::walkLocalBindingRecord;
+  VrfIpAddress localBindingRecordBookmark_;
+  VrfIpAddress remoteBindingStatusBookmark_;
+  ArpInputConfigBookmark arpInputConfigBookmark_;
+  double takeOverEnds_ = 0;  // on the loop's clock
+  bool skipArpInputCleanupForTest_ = false;
+};
+
+}  // namespace ArpSuppression
