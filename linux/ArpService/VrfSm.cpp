@@ -128,7 +128,7 @@ void VrfSm::close() {
   stale_.clear();
   started_ = false;
   stage_ = Stage::idle;
-  for (auto& [key, record] : entries_) record.settled = false;
+  firstRound_ = round_ + 1;  // what was settled until now is not any more
   settled_ = 0;
 }
 
@@ -204,8 +204,9 @@ const Arp::ArpEntryInput* VrfSm::wanted(const Key& key) const {
 
 void VrfSm::enqueue(const Key& key, bool unlessSettled) {
   Record& record = entries_[key];
-  if (unlessSettled && record.settled) return;
-  settled_ -= std::exchange(record.settled, false) ? 1 : 0;
+  if (unlessSettled && isSettled(record)) return;
+  settled_ -= isSettled(record) ? 1 : 0;
+  record.settled = false;
   if (std::exchange(record.queued, true)) return;
   queue_.push_back(key);
   scheduleWalk();
@@ -269,7 +270,7 @@ bool VrfSm::step() {
       break;
     case Stage::entries:
       scan(entries_, entriesBookmark_, Stage::idle, [this](const Key& key, const Record& record) {
-        const bool open = !(record.settled && record.dynamic);
+        const bool open = !(isSettled(record) && record.dynamic);
         if ((open && record.round != round_) || (rescanning_ && !wanted(key))) enqueue(key);
       });
       if (stage_ == Stage::idle) roundEnd();
@@ -435,12 +436,13 @@ void VrfSm::settle(const Key& key, const Arp::ArpEntryInput* want) {
   const auto at = entries_.try_emplace(key).first;
   Record& record = at->second;
   if (record.queued) return;
-  settled_ -= std::exchange(record.settled, want != nullptr) ? 1 : 0;
+  settled_ -= isSettled(record) ? 1 : 0;
   if (!want) {
     entries_.erase(at);
     return;
   }
   ++settled_;
+  record.settled = true;
   record.dynamic = want->dynamic;
   record.round = round_;
 }

@@ -58,7 +58,7 @@ class VrfSm final : public Orb::WalkSmBase {
   // A key that the configuration holds, or did until now.
   struct Record {
     bool queued = false;
-    bool settled = false;     // nothing is left to be done for it
+    bool settled = false;     // nothing was left to be done for it; see isSettled
     bool dynamic = false;     // as it was settled
     std::uint32_t round = 0;  // in which it was last dealt with
   };
@@ -97,6 +97,8 @@ class VrfSm final : public Orb::WalkSmBase {
   void probe();
 
   const Arp::ArpEntryInput* wanted(const Key& key) const;
+  // And that since the sockets were opened.
+  bool isSettled(const Record& record) const { return record.settled && record.round >= firstRound_; }
   void enqueue(const Key& key, bool unlessSettled = false);
   void program();
   void settle(const Key& key, const Arp::ArpEntryInput* want);
@@ -131,6 +133,7 @@ class VrfSm final : public Orb::WalkSmBase {
   bool roundDone_ = false;
   double retryDelay_ = 0;
   std::uint32_t round_ = 0;
+  std::uint32_t firstRound_ = 1;  // since the sockets were opened
   std::set<IfIndex> seenDevices_;
   std::optional<Lanix::IpAddr> ipv4Bookmark_;
   std::optional<Arp::NeighborEntryKey> ipv6Bookmark_;
