@@ -435,7 +435,7 @@ TEST(Trap, read_errors_end_the_walk_and_the_next_frame_starts_a_new_one) {
   rig.start();
   rig.sockets.fails(Call::read, EINTR, 3);
   rig.trap(Trapped{});
-  EXPECT_EQ(rig.takeCounters(), "replyRemote=1 trappedRequest=1");
+  EXPECT_EQ(rig.takeCounters(), "arpInputNewRemote=1 replyRemote=1 trappedRequest=1");
   rig.sockets.fails(Call::read, ENETDOWN);
   rig.trap(Trapped{});
   EXPECT_EQ(rig.takeCounters(), "trapReadFailed=1");
