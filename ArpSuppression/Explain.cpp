@@ -132,7 +132,7 @@ class Explanation {
     sourcePort_ = entry.intf;
     return needs("sourceIsLocal", local, "who asks is on a port of this switch",
                  "who asks is behind the overlay, and what comes from there is never trapped") &&
-           (fact("sourcePort", entry.intf.toStrep(), "the port it comes from"), true);
+           (fact("sourcePort", entry.intf.toStrep(), "it comes from " + entry.intf.toStrep()), true);
   }
 
   void decided() {
@@ -169,21 +169,25 @@ class Explanation {
     fact(
         "targetIsMine", facts.targetIsMine,
         facts.targetIsMine ? "the address is one of the VLAN interface's own" : "the address is not our own");
-    const auto macFact = [&](const char* name, const Lanix::EthAddr& mac, const char* known,
+    const auto macFact = [&](const char* name, const Lanix::EthAddr& mac, const Mox::String& known,
                              const char* unknown) {
-      fact(name, mac.isZero() ? "" : mac.toStrep(), mac.isZero() ? unknown : known);
+      const Mox::String text = mac.isZero() ? Mox::String() : mac.toStrep();
+      fact(name, text, text.empty() ? unknown : known + text);
     };
-    macFact("localBinding", facts.localBindingMac, "the kernel's neighbour table knows the owner",
+    macFact("localBinding", facts.localBindingMac, "the kernel's neighbour table says ",
             "the kernel's neighbour table does not know the owner");
     macFact("remoteBinding", facts.remoteBinding.macAddress,
             facts.remoteBinding.localMultihomed
-                ? "another switch advertises the owner, on a segment that is attached here too"
-                : "another switch advertises the owner",
+                ? "another switch, on a segment that is attached here too, advertises "
+                : "another switch advertises ",
             "no other switch advertises the owner");
-    macFact("owner", facts.bindingMac, "the MAC that counts", "no MAC is known");
-    fact("fid", facts.fid, "the MAC table's id of the VLAN");
+    macFact("owner", facts.bindingMac, "so the owner is ", "so no owner is known");
+    if (facts.fid != vlanId_.value()) {
+      fact("fid", facts.fid, "the MAC table has the VLAN as " + std::to_string(facts.fid));
+    }
     if (facts.fdbEntry.intf) {
-      fact("ownerPort", facts.fdbEntry.intf.toStrep(), "where the MAC table has the owner");
+      const Mox::String port = facts.fdbEntry.intf.toStrep();
+      fact("ownerPort", port, "the MAC table has the owner on " + port);
     }
     const auto type = static_cast<std::size_t>(facts.connectionType);
     fact("connectionType", Mox::toStrep(facts.connectionType), kConnectionTexts[type]);

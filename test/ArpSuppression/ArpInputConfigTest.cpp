@@ -30,7 +30,7 @@ class ArpInput : public testing::Test {
   }
   void start() {
     rig.start();
-    rig.takeCounters();
+    rig.takeCounters(Rig::Of::arpInput);
   }
 
   Ptr<Arp::ArpInputConfig> output() {
@@ -96,11 +96,11 @@ TEST_F(ArpInput, bindingsOfBothFamiliesAreProgrammedInTheVrfOfTheirVlan) {
       entries(),
       ElementsAre("red 10.0.0.5 Vlan10 02:00:00:00:00:01 0", "red 2001:db8::5 Vlan10 02:00:00:00:00:01 0",
                   "red fe80::5 Vlan10 02:00:00:00:00:01 0", "red fe80::5 Vlan20 02:00:00:00:00:02 0"));
-  EXPECT_EQ(rig.takeCounters(), "arpInputNewRemote=4");
+  EXPECT_EQ(rig.takeCounters(Rig::Of::arpInput), "arpInputNewRemote=4");
   // Everything again: nothing is written.
   rig.rootSm()->arpInputConfigSm()->reevaluate();
   rig.settle();
-  EXPECT_EQ(rig.takeCounters(), "");
+  EXPECT_EQ(rig.takeCounters(Rig::Of::arpInput), "");
   EXPECT_THAT(rig.netlinkSockets.neighbours(), IsEmpty());
 
   // A global address that moves to another VLAN leaves nothing behind; the link-local one of a VLAN goes
@@ -126,7 +126,7 @@ TEST_F(ArpInput, theFirstStationOfAnAddressCountsUntilItIsWithdrawn) {
   EXPECT_THAT(entries(), ElementsAre("red 10.0.0.5 Vlan20 02:00:00:00:00:02 0"));
   remote(20, "10.0.0.5", kMac1);
   EXPECT_THAT(entries(), ElementsAre("red 10.0.0.5 Vlan20 02:00:00:00:00:01 0"));
-  EXPECT_EQ(rig.takeCounters(), "arpInputNewRemote=1 arpInputUpdatedRemote=2");
+  EXPECT_EQ(rig.takeCounters(Rig::Of::arpInput), "arpInputNewRemote=1 arpInputUpdatedRemote=2");
 }
 
 TEST_F(ArpInput, aLocalBindingWinsAndGoesIntoTheKernelAtOnce) {
@@ -139,7 +139,7 @@ TEST_F(ArpInput, aLocalBindingWinsAndGoesIntoTheKernelAtOnce) {
   EXPECT_THAT(rig.netlinkSockets.neighbours(),
               ElementsAre("red 7 10.0.0.5 02:00:00:00:00:01 state=2 protocol=110",
                           "red 7 fe80::7 02:00:00:00:00:01 state=2 protocol=110"));
-  EXPECT_EQ(rig.takeCounters(),
+  EXPECT_EQ(rig.takeCounters(Rig::Of::arpInput),
             "kernelInstallSuccess=2 arpInputNewLocal=1 arpInputNewRemote=1 arpInputUpdatedLocal=1");
   rig.root()->localBindingRecord->deleteLocalBinding(binding);
   EXPECT_THAT(entries(), ElementsAre("red 10.0.0.5 Vlan10 02:00:00:00:00:02 0",
@@ -151,13 +151,14 @@ TEST_F(ArpInput, aLocalBindingWinsAndGoesIntoTheKernelAtOnce) {
   rig.netlinkSockets.answersLate(1);
   local(10, "10.0.0.9");
   EXPECT_EQ(entries().size(), 4u);
-  EXPECT_EQ(rig.takeCounters(), "kernelInstallFailed=2 arpInputNewLocal=2 arpInputUpdatedRemote=1");
+  EXPECT_EQ(rig.takeCounters(Rig::Of::arpInput),
+            "kernelInstallFailed=2 arpInputNewLocal=2 arpInputUpdatedRemote=1");
   // The late answer is not taken for the next one's.
   rig.netlinkSockets.refusesRequestsWith(EPERM);
   rig.netlinkSockets.says({std::byte{1}});
   rig.netlinkSockets.says(std::vector<std::byte>(16, std::byte{0xff}));
   local(10, "10.0.0.10");
-  EXPECT_EQ(rig.takeCounters(), "kernelInstallFailed=1 arpInputNewLocal=1");
+  EXPECT_EQ(rig.takeCounters(Rig::Of::arpInput), "kernelInstallFailed=1 arpInputNewLocal=1");
 }
 
 // What the kernel has for the address of a local binding decides whether an entry is needed.
@@ -249,11 +250,11 @@ TEST_F(ArpInput, aMultihomedHostIsRefreshedOnceWhenItsRemoteBindingGoes) {
   start();
   for (const char* address : {"10.0.0.5", "2001:db8::5", "fe80::5"}) {
     remote(10, address, kMac1, true);
-    rig.takeCounters();
+    rig.takeCounters(Rig::Of::arpInput);
     noRemote(10, address);
     EXPECT_THAT(entries(),
                 ElementsAre(std::string("red ") + address + " Vlan10 02:00:00:00:00:01 1 dynamic"));
-    EXPECT_EQ(rig.takeCounters(), "kernelInstallSuccess=1 arpInputUpdatedLocal=1");
+    EXPECT_EQ(rig.takeCounters(Rig::Of::arpInput), "kernelInstallSuccess=1 arpInputUpdatedLocal=1");
     rig.rootSm()->arpInputConfigSm()->reevaluate();
     rig.settle();
     EXPECT_THAT(entries(), IsEmpty());

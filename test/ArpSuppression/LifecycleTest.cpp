@@ -296,7 +296,7 @@ TEST(Lifecycle, dump_of_a_stopped_agent) {
   rig.start();
   const std::string dump = rig.command("showTechSupport");
   EXPECT_THAT(dump, testing::StartsWith("ArpSuppressionRootSm\n  NULL\n  NULL\n"));
-  EXPECT_EQ(linesOf(dump, "  NULL\n"), 8u) << "the tables and each reactor";
+  EXPECT_EQ(linesOf(dump, "  NULL\n"), 9u) << "the tables and each reactor";
   EXPECT_THAT(dump, HasSubstr("\n  tasks: "));
   EXPECT_THAT(dump, HasSubstr("\ncounter #52\n"));
 }
