@@ -57,10 +57,11 @@ class Table {
   std::size_t count_ = 0;
 };
 
-std::string text(const json& object, const char* key) {
+template <class Json>
+std::string text(const Json& object, const char* key) {
   const auto value = object.find(key);
   if (value == object.end() || value->is_null()) return {};
-  return value->is_string() ? value->get<std::string>() : Statedb::jsonText(*value);
+  return value->is_string() ? value->template get<std::string>() : textOf(*value);
 }
 
 // Whole lines of text that comes in pieces.
@@ -148,14 +149,20 @@ int explain(const CommonOptions& options, const std::string& vlan, const std::st
   const auto facts = shown.find("facts");
   if (summary == shown.end() || !summary->is_string() || facts == shown.end() || !facts->is_array())
     return unreadable("explain");
-  std::string lines = summary->get<std::string>() + "\n";
+  const std::string action = text(shown, "action");
+  // What a reply would have said matters only where there is one.
+  const std::string mac = action == "leave" ? "" : text(shown, "mac");
+  std::string lines =
+      action + (mac.empty() ? "" : " with " + mac) + ": " + summary->get<std::string>() + "\n";
   const std::size_t digits = std::to_string(facts->size()).size();
   std::size_t number = 0;
   for (const ordered_json& fact : *facts) {
     const std::string count = std::to_string(++number);
     const auto told = fact.is_object() ? fact.find("text") : fact.end();
     if (!fact.is_object() || told == fact.end() || !told->is_string()) return unreadable("explain");
-    lines += std::string(digits - count.size() + 2, ' ') + count + ". " + told->get<std::string>() + "\n";
+    lines += std::string(digits - count.size() + 2, ' ') + count + ". " + told->get<std::string>();
+    const std::string value = text(fact, "value");
+    lines += (value.empty() || fact["value"].is_boolean() ? "" : " (" + value + ")") + "\n";
   }
   const auto counter = shown.find("counter");
   if (counter != shown.end() && counter->is_object()) {

@@ -157,8 +157,8 @@ TEST(Arpsup, showsAgentAnswers) {
       std::string answer;
       if (commandName() == "explain") {
         answer =
-            R"({"vlan":10,"action":"reply","counter":{"id":8,"name":"replyRemote"},"summary":"Answered.",)"
-            R"("facts":[{"fact":"a","value":1,"text":"first"},{"fact":"b","value":2,"text":"second"}]})";
+            R"({"vlan":10,"action":"reply","mac":"02:00:00:00:00:09","counter":{"id":8,"name":"replyRemote"},"summary":"answered",)"
+            R"("facts":[{"fact":"a","value":true,"text":"first"},{"fact":"b","value":"x","text":"second"}]})";
         if (arguments.size() == 3) answer = "{\"facts\":[1]}";
       } else if (arguments.size() == 1) {
         answer = "[\n";
@@ -202,7 +202,8 @@ TEST(Arpsup, showsAgentAnswers) {
   EXPECT_EQ(json::parse(arpsup({"bindings", "local", "--json"}).output, nullptr, false).size(), 5000u);
   EXPECT_EQ(arpsup({"bindings", "remote", "--vlan", "10"}).output, "no remote bindings on VLAN 10\n");
   EXPECT_EQ(arpsup({"explain", "10", "10.0.0.1"}).output,
-            "Answered.\n  1. first\n  2. second\nSuch a request counts as replyRemote.\n");
+            "reply with 02:00:00:00:00:09: answered\n  1. first\n  2. second (x)\nSuch a request counts as "
+            "replyRemote.\n");
   EXPECT_EQ(json::parse(arpsup({"--json", "explain", "10", "10.0.0.1"}).output)["counter"]["id"], 8);
   EXPECT_THAT(arpsup({"explain", "10", "10.0.0.1", "--from", "02:00:00:00:00:01"}).error,
               HasSubstr("the answer to explain cannot be read"));
