@@ -371,7 +371,8 @@ TEST_F(Control, carriesAgentCommands) {
     EXPECT_THAT(ask("large", {"x"}), HasSubstr("try again in a moment"));
     peers.clear();
     std::string answer = "try again";
-    for (int tries = 0; tries < 500 && answer.find("try again") != std::string::npos; ++tries)
+    const double deadline = host.loop.clock().now() + 20;
+    while (answer.find("try again") != std::string::npos && host.loop.clock().now() < deadline)
       answer = ask("large", {"x"});
     EXPECT_THAT(answer, HasSubstr("\"text\":\"x\""));
   }
@@ -395,7 +396,8 @@ TEST_F(Control, monitorTellsWhatChanged) {
   limits.idleSeconds = 0.01;
   serverIs(limits);
   ASSERT_EQ(host.state->apply(
-                {{"evpn/status", {{"vlanToDot1q", {{"9", 9}}}, {"segmentStatus", {{"Ethernet1", json::object()}}}}}}),
+                {{"evpn/status",
+                  {{"vlanToDot1q", {{"9", 9}}}, {"segmentStatus", {{"Ethernet1", json::object()}}}}}}),
             "");
   Peer peer(*server, kNobody);
   peer.send("{\"cmd\":\"monitor\"}\n");
@@ -454,7 +456,7 @@ TEST_F(Control, monitorSaysWhatIsLost) {
   Peer peer(*server);
   peer.send(std::string(R"({"cmd":"monitor","paths":["evpn/status/",")") + kRemote + "\"]}\n");
   host.settle();
-  constexpr int kRounds = 40;
+  constexpr int kRounds = 12;
   for (int round = 0; round < kRounds; ++round) {
     json entries;
     for (int vlan = 1; vlan <= 1000; ++vlan) {
