@@ -1,7 +1,5 @@
 #include <sys/stat.h>
 
-#include <regex>
-
 #include "host/ControlServer.h"
 #include "host/arpsup/PrettyJson.h"
 #include "test/host/Programs.h"
@@ -38,7 +36,7 @@ TEST_F(Programs, tellWhatToDoNext) {
   };
   const std::vector<Case> cases = {
       {{}, 0, "Usage: arpsup.*Look:\n +status.*Change:.*Find out why:"},
-      {{"--version"}, 0, "^arpsup \\d+\\.\\d+\\.\\d+\n$"},
+      {{"--version"}, 0, "^arpsup [0-9]+\\.[0-9]+\\.[0-9]+\n$"},
       {{"explain", "--help"}, 0, "Examples:\n  arpsup explain 10 10\\.0\\.10\\.99\n.*--from"},
       {{"remote", "load", "--help"}, 0, "Examples:\n  arpsup remote load"},
       {{"counters", "extra"}, 2, "unknown argument \"extra\"; see arpsup counters --help"},
@@ -72,14 +70,8 @@ TEST_F(Programs, tellWhatToDoNext) {
       {{"trace", "--level", "6"}, 2, "--level: Value 6 not in range 0 to 5"},
   };
   const auto check = [](const Case& test, const Result& result) {
-    // ECMAScript's dot is for one line.
-    std::string text = test.text;
-    for (std::size_t at = 0; (at = text.find(".*", at)) != std::string::npos; at += 7)
-      text.replace(at, 2, "[^]*");
     EXPECT_EQ(result.status, test.status) << test.text << result.error;
-    EXPECT_TRUE(std::regex_search(test.status == 0 ? result.output : result.error, std::regex(text)))
-        << test.text << "\n"
-        << result.output << result.error;
+    EXPECT_THAT(test.status == 0 ? result.output : result.error, testing::ContainsRegex(test.text));
     if (test.status == 0) return;
     EXPECT_EQ(result.output, "") << test.text;
     EXPECT_THAT(result.error, testing::StartsWith("arpsup: "));
