@@ -160,9 +160,7 @@ int explain(const CommonOptions& options, const std::string& vlan, const std::st
     const std::string count = std::to_string(++number);
     const auto told = fact.is_object() ? fact.find("text") : fact.end();
     if (!fact.is_object() || told == fact.end() || !told->is_string()) return unreadable("explain");
-    lines += std::string(digits - count.size() + 2, ' ') + count + ". " + told->get<std::string>();
-    const std::string value = text(fact, "value");
-    lines += (value.empty() || fact["value"].is_boolean() ? "" : " (" + value + ")") + "\n";
+    lines += std::string(digits - count.size() + 2, ' ') + count + ". " + told->get<std::string>() + "\n";
   }
   const auto counter = shown.find("counter");
   if (counter != shown.end() && counter->is_object()) {
