@@ -224,6 +224,9 @@ std::optional<Config> parseConfig(std::string_view text, const std::string& file
                  {"agents",
                   [&](const auto& k, const auto& v) {
                     reader.strings(k, v, config.agents, isPlugin, "one of " + pluginNames());
+                    std::ranges::sort(config.agents, {}, [](const std::string& name) {
+                      return std::find(std::begin(kPlugins), std::end(kPlugins), name);
+                    });
                   }},
                  {"vrfs", [&](const auto& k, const auto& v) { readVrfs(reader, k, v, config); }},
                  {"vlans", [&](const auto& k, const auto& v) { readVlans(reader, k, v, config); }},

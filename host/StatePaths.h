@@ -9,7 +9,8 @@
 
 namespace Host {
 
-// The plug-ins that a configuration may load.
+// The plug-ins that a configuration may load, in the order in which they start, whatever order it names them
+// in. They end in reverse: what the agent takes back when it stops must still reach the kernel.
 inline constexpr const char* kKernelState = "KernelState";
 inline constexpr const char* kArpService = "ArpService";
 inline constexpr const char* kSoftForward = "SoftForward";

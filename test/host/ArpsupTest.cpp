@@ -194,7 +194,7 @@ TEST(Arpsup, showsAgentAnswers) {
   EXPECT_EQ(json::parse(arpsup({"bindings", "local", "--json"}).output, nullptr, false).size(), 5000u);
   EXPECT_EQ(arpsup({"bindings", "remote", "--vlan", "10"}).output, "no remote bindings on VLAN 10\n");
   EXPECT_EQ(arpsup({"explain", "10", "10.0.0.1"}).output,
-            "reply with 02:00:00:00:00:09: answered\n  1. first\n  2. second (x)\nSuch a request counts as "
+            "reply with 02:00:00:00:00:09: answered\n  1. first\n  2. second\nSuch a request counts as "
             "replyRemote.\n");
   EXPECT_EQ(json::parse(arpsup({"--json", "explain", "10", "10.0.0.1"}).output)["counter"]["id"], 8);
   EXPECT_THAT(arpsup({"explain", "10", "10.0.0.1", "--from", "02:00:00:00:00:01"}).error,

@@ -20,7 +20,7 @@ TEST(Config, takesEveryKeyAndComments) {
   std::string error;
   const auto config = parseConfig(R"(// "{[ of a comment counts for nothing
     { /* "nor { here */ "runDirectory": "/tmp/a//b", "hardware": true,
-      "agents": ["ArpSuppression"],
+      "agents": ["ArpSuppression", "ArpService"],
       "vrfs": {"red": {"id": 5, "networkNamespace": "red"}, "blue": {"id": 16777214, "networkNamespace": "b"}},
       "vlans": {"10": {"bridge": "vlan10", "tunnelPorts": ["core10", "core11"]}, "4094": {"bridge": "br0"}},
       "state": {"bridging/config/": {"bridgeMacAddr": "02:00:00:00:be:ef", "vidToFidMap": {"10": 110}},
@@ -32,7 +32,7 @@ TEST(Config, takesEveryKeyAndComments) {
   ASSERT_TRUE(config) << error;
   EXPECT_EQ(config->runDirectory, "/tmp/a//b");
   EXPECT_TRUE(config->hardware);
-  EXPECT_THAT(config->agents, testing::ElementsAre("ArpSuppression"));
+  EXPECT_THAT(config->agents, testing::ElementsAre("ArpService", "ArpSuppression"));
   EXPECT_EQ(config->vrfs.at("red").networkNamespace, "red");
   EXPECT_EQ(config->vrfs.at("blue").id, 16777214u);
   EXPECT_THAT(config->vlans.at(10).tunnelPorts, testing::ElementsAre("core10", "core11"));
