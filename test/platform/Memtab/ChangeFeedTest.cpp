@@ -2,7 +2,6 @@
 
 #include <set>
 #include <stdexcept>
-
 #include <vector>
 
 #include "Scratch.h"
@@ -55,18 +54,6 @@ TEST_F(ChangeFeedTest, ACallbackThatThrowsHasHadItsKey) {
   EXPECT_THROW(reader.drain(10, [](const Key&) { throw std::runtime_error("handler"); }), std::runtime_error);
   EXPECT_EQ(drained(reader), times(1, 2));
 }
-
-TEST_F(ChangeFeedTest, MovingToAnotherSegmentMakesNoDifference) {
-  auto writer = open({.capacity = 16, .ringEntries = 8192});
-  Reader reader(directory, kTable);
-  reader.watch();
-  put(*writer, 0, 50);
-  EXPECT_EQ(drained(reader), times(0, 50));
-  put(*writer, 50, 5000);
-  EXPECT_EQ(drained(reader), times(50, 5000)) << "each once, across all the moves";
-  EXPECT_EQ(reader.overruns(), 0U);
-}
-
 // A reader that has fallen behind, by whatever happened meanwhile; what it has been told then is what there
 // is.
 TEST_F(ChangeFeedTest, FallingBehind) {

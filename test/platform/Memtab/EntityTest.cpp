@@ -1,12 +1,9 @@
 #include "Memtab/Entity.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
-#include <array>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -181,29 +178,6 @@ TEST_F(MemtabEntity, table_outlives_its_writer_and_the_next_one_goes_on) {
   EXPECT_THAT(taken(), ElementsAre("2-"));
 }
 
-TEST_F(MemtabEntity, readers_are_rung_at_the_end_of_a_turn_that_changed_something) {
-  const auto writer = them_.writer();
-  them_.settle();
-  const int bells = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  const std::string bell = Memtab::Directory::bellFile(directory_.segmentFile(kTable));
-  ASSERT_GE(inotify_add_watch(bells, bell.c_str(), IN_MODIFY), 0);
-  const auto rung = [&] {
-    std::array<char, 4096> buffer;
-    return read(bells, buffer.data(), buffer.size()) > 0;
-  };
-  them_.inTurn([&] {
-    for (std::uint32_t key = 0; key < 100; ++key) writer->portIs(key, key);
-    EXPECT_FALSE(rung());
-  });
-  EXPECT_TRUE(rung());
-  them_.inTurn([&] {
-    writer->portIs(1, 1);
-    writer->portDel(1000);
-  });
-  EXPECT_FALSE(rung());
-  close(bells);
-}
-
 TEST_F(MemtabEntity, doorbell_may_be_held_back_to_gather_the_changes_of_several_turns) {
   const auto writer = them_.mount(MountDescriptor::writer({}, 0.5));
   const auto reader = us_.reader();
@@ -327,18 +301,6 @@ TEST_F(MemtabEntity, many_changes_are_told_in_slices_and_other_work_goes_on_betw
     ASSERT_LT(++turns, 1000u);
   }
   EXPECT_EQ(told, kKeys);
-
-  // A walk in slices of seven, while the table changes.
-  Memtab::Cursor cursor;
-  std::vector<int> met(kKeys);
-  std::uint32_t next = kKeys;
-  while (reader->portVisit(cursor, 7, [&](std::uint32_t key, std::uint32_t) {
-    if (key < kKeys) ++met[key];
-  })) {
-    for (int i = 0; i < 20 && next < 5 * kKeys; ++i) writer->portIs(next++, 1);
-    writer->portDel(next - 5);
-  }
-  EXPECT_THAT(met, ::testing::Each(1));
 }
 
 TEST_F(MemtabEntity, watcher_that_raises_an_error_loses_nothing_but_its_own_key) {

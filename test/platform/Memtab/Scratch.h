@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <compare>
 #include <cstdint>
@@ -66,25 +67,16 @@ class Scratch : public testing::Test {
     }
     return model;
   }
-  // What two models differ in, for the message of a failed test; empty if they are equal.
+  // What two models first differ in, for the message of a failed test; empty if they are equal.
   static std::string difference(const Model& got, const Model& wanted) {
-    std::string text;
-    const auto describe = [&](const Model& model, const Key& key) {
-      const auto it = model.find(key);
-      text += it == model.end() ? " absent" : " version " + std::to_string(it->second.version);
+    const auto [a, b] = std::mismatch(got.begin(), got.end(), wanted.begin(), wanted.end());
+    if (a == got.end() && b == wanted.end()) return "";
+    const auto text = [](const Model& model, Model::const_iterator at) {
+      return at == model.end()
+                 ? "no more"
+                 : std::to_string(at->first.words[4]) + " version " + std::to_string(at->second.version);
     };
-    Model all = got;
-    all.insert(wanted.begin(), wanted.end());
-    for (const auto& [key, value] : all) {
-      const auto a = got.find(key), b = wanted.find(key);
-      if (a != got.end() && b != wanted.end() && a->second == b->second) continue;
-      text += "key " + std::to_string(key.words[4]) + ": got";
-      describe(got, key);
-      text += ", wanted";
-      describe(wanted, key);
-      text += "; ";
-    }
-    return text;
+    return "got key " + text(got, a) + ", wanted key " + text(wanted, b);
   }
   // Drains all there is; the keys as often as they are reported.
   static std::map<Key, int> drained(Reader& reader, std::size_t slice = 64) {
