@@ -15,37 +15,15 @@ using MoxTest::Heard;
 using MoxTest::Sample;
 using ::testing::ElementsAre;
 
-TEST(Members, are_visited_in_their_order_the_base_first_with_what_reads_and_writes_them) {
-  Sample entity;
+TEST(Members, are_visited_in_their_order_the_base_first_with_the_events_they_have) {
   Heard names;
   Mox::forEachMember<Sample>([&](auto member) {
-    using M = decltype(member);
-    std::string text = member.name;
-    if constexpr (M::kind == Mox::MemberKind::attribute) {
-      member.set(entity, typename M::Value{});
-      EXPECT_TRUE(member.get(entity) == typename M::Value{});
-      text = "attribute " + text;
-    } else {
-      if constexpr (M::kind == Mox::MemberKind::map) {
-        member.set(entity, 1, typename M::Value{});
-        text = "map " + text;
-      } else {
-        member.set(entity, 1);
-        text = (M::kind == Mox::MemberKind::set ? "set " : "children ") + text;
-      }
-      const auto& all = member.get(entity);
-      EXPECT_EQ(all.size(), 1u) << text;
-      EXPECT_EQ(all.keyOf(*all.begin()), 1) << text;
-      EXPECT_EQ(&all.valueOf(*all.begin()), all.find(1)) << text;
-      member.del(entity, 1);
-      EXPECT_TRUE(member.get(entity).empty()) << text;
-    }
-    if (member.event() == Sample::levelChanged.id) text += "!";
-    names.push_back(text);
+    static constexpr const char* kKinds[] = {"attribute ", "map ", "set ", "children "};
+    names.push_back(kKinds[static_cast<int>(member.kind)] + std::string(member.name));
+    if (member.event() == Sample::levelChanged.id) names.back() += "!";
   });
   EXPECT_THAT(names, ElementsAre("attribute title", "attribute level!", "attribute favourite", "map name",
                                  "map large", "map small", "set tag", "children child", "children hashed"));
-  EXPECT_EQ(entity.level(), 0);
 }
 
 enum class Colour { red, green };

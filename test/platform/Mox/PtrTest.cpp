@@ -5,7 +5,6 @@
 
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "Mox/Owner.h"
 #include "platform/Mox/Model.h"
