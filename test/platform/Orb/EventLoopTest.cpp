@@ -67,62 +67,6 @@ TEST_F(Loop, timer_may_destroy_itself_or_the_next_one_in_its_own_call) {
   EXPECT_THAT(taken(), ElementsAre("1000", "third"));
 }
 
-TEST_F(Loop, nothing_that_is_scheduled_runs_in_place_or_in_the_same_turn) {
-  const int event = eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK);
-  auto descriptor = Mox::make<Orb::FileDescriptor>(loop_, "event");
-  descriptor->descriptorIs(event);
-  Mox::Notifiee<Orb::FileDescriptor> ready(descriptor);
-  Timer timer(loop_, "timer", [&] { hear("timer"); });
-  Timer again(loop_, "again", [&] {
-    hear("again");
-    loop_.post([&] { hear("late post"); });
-    again.after(0);
-  });
-  const auto hook = loop_.endOfTurn([&] { hear("end"); });
-  ready.on(Orb::FileDescriptor::readableCountChanged, [&] {
-    timer.after(0);
-    loop_.post([&] { hear("post"); });
-    hear("descriptor");
-  });
-  descriptor->notifyOnReadableIs(true);
-  again.after(0);
-  EXPECT_THAT(heard_, IsEmpty());
-  loop_.step();
-  EXPECT_THAT(taken(), ElementsAre("descriptor", "again", "end"));
-  loop_.step();
-  EXPECT_THAT(taken(), ElementsAre("timer", "again", "post", "late post", "end"));
-  again.cancel();
-  loop_.step();
-  EXPECT_THAT(taken(), ElementsAre("late post", "end"));
-  EXPECT_FALSE(loop_.step());
-  close(event);
-}
-
-TEST_F(Loop, runtime_error_costs_the_work_that_met_it_and_nothing_else) {
-  std::vector<std::string> errors;
-  loop_.errorHandlerIs(
-      [&](const char* where, const char* what) { errors.push_back(std::string(where) + ": " + what); });
-  const int event = eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK);
-  auto descriptor = Mox::make<Orb::FileDescriptor>(loop_, "event");
-  descriptor->descriptorIs(event);
-  Mox::Notifiee<Orb::FileDescriptor> ready(descriptor);
-  ready.on(Orb::FileDescriptor::readableCountChanged, [] { throw Mox::NullError("descriptor"); });
-  descriptor->notifyOnReadableIs(true);
-  Timer bad(loop_, "bad", [] { throw Mox::RangeError("vlan 5000"); });
-  Timer good(loop_, "good", [&] { hear("good"); });
-  bad.after(0);
-  good.after(0);
-  loop_.post([] { throw Mox::ReinstantiationError("post"); });
-  loop_.post([&] { hear("post"); });
-  const auto badHook = loop_.endOfTurn([] { throw Mox::Error("hook"); });
-  const auto hook = loop_.endOfTurn([&] { hear("end"); });
-  EXPECT_TRUE(loop_.step());
-  EXPECT_THAT(taken(), ElementsAre("good", "post", "end"));
-  EXPECT_THAT(errors,
-              ElementsAre("event: descriptor", "bad: vlan 5000", "posted call: post", "end of turn: hook"));
-  close(event);
-}
-
 TEST_F(Loop, hooks_run_in_order_after_turns_that_did_something_until_their_handle_goes) {
   auto first = loop_.endOfTurn([&] { hear("first"); });
   auto second = loop_.endOfTurn([&] { hear("second"); });
@@ -194,6 +138,51 @@ class Descriptors : public Loop {
   }
   static void raise(int fd) { ASSERT_EQ(eventfd_write(fd, 1), 0); }
 };
+
+TEST_F(Descriptors, nothing_that_is_scheduled_runs_in_place_or_in_the_same_turn) {
+  Timer timer(loop_, "timer", [&] { hear("timer"); });
+  Timer again(loop_, "again", [&] {
+    hear("again");
+    loop_.post([&] { hear("late post"); });
+    again.after(0);
+  });
+  const auto hook = loop_.endOfTurn([&] { hear("end"); });
+  const auto descriptor = event("descriptor", [&] {
+    timer.after(0);
+    loop_.post([&] { hear("post"); });
+  });
+  raise(descriptor->fd);
+  again.after(0);
+  EXPECT_THAT(heard_, IsEmpty());
+  loop_.step();
+  EXPECT_THAT(taken(), ElementsAre("descriptor", "again", "end"));
+  loop_.step();
+  EXPECT_THAT(taken(), ElementsAre("timer", "again", "post", "late post", "end"));
+  again.cancel();
+  loop_.step();
+  EXPECT_THAT(taken(), ElementsAre("late post", "end"));
+  EXPECT_FALSE(loop_.step());
+}
+
+TEST_F(Descriptors, runtime_error_costs_the_work_that_met_it_and_nothing_else) {
+  std::vector<std::string> errors;
+  loop_.errorHandlerIs(
+      [&](const char* where, const char* what) { errors.push_back(std::string(where) + ": " + what); });
+  const auto descriptor = event("event", [] { throw Mox::NullError("descriptor"); });
+  raise(descriptor->fd);
+  Timer bad(loop_, "bad", [] { throw Mox::RangeError("vlan 5000"); });
+  Timer good(loop_, "good", [&] { hear("good"); });
+  bad.after(0);
+  good.after(0);
+  loop_.post([] { throw Mox::ReinstantiationError("post"); });
+  loop_.post([&] { hear("post"); });
+  const auto badHook = loop_.endOfTurn([] { throw Mox::Error("hook"); });
+  const auto hook = loop_.endOfTurn([&] { hear("end"); });
+  EXPECT_TRUE(loop_.step());
+  EXPECT_THAT(taken(), ElementsAre("event", "good", "post", "end"));
+  EXPECT_THAT(errors,
+              ElementsAre("event: descriptor", "bad: vlan 5000", "posted call: post", "end of turn: hook"));
+}
 
 TEST_F(Descriptors, one_notification_an_edge_also_when_nobody_reads) {
   std::array<int, 2> ends{};
