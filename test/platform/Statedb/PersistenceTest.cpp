@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include "Statedb/EntityManager.h"
-#include "Statedb/LmdbStore.h"
 #include "TestModel.h"
 
 using namespace Test;
@@ -201,29 +200,4 @@ TEST_F(PersistenceTest, OutsideChangesGoIntoTheEntityAndAreNotWrittenBack) {
   deleter.on(Config::fidChanged, [&] { manager->entityDel("test"); });
   watch_("test", "fid/1", "12");
   EXPECT_FALSE(manager->entity("test"));
-}
-
-TEST(PersistenceInLmdb, ManyMembersSurviveTheProcess) {
-  ScratchDirectory directory;
-  constexpr std::uint32_t kMembers = 20000;
-  const auto process = [&] {
-    std::string error;
-    auto manager = Mox::make<EntityManager>(
-        registry(), [](std::function<void()>) {}, Statedb::LmdbStore::open(directory.path(), {}, error),
-        [](const std::string& message) { ADD_FAILURE() << message; });
-    manager->persist("test");
-    return manager;
-  };
-  {
-    const auto manager = process();
-    const auto vrf = Mox::dynamicPtrCast<Config>(manager->entityIs("test", "Test::Config"))->vrfIs("red");
-    for (std::uint32_t i = 0; i < kMembers; ++i) vrf->ipv4Is(Address(i), Entry{Address(i), true, 1});
-    while (manager->flush(3000)) continue;
-    vrf->ipv4Del(Address(5));
-  }
-  const auto manager = process();
-  const auto vrf = Mox::dynamicPtrCast<Config>(manager->entityIs("test", "Test::Config"))->vrf("red");
-  ASSERT_TRUE(vrf);
-  EXPECT_EQ(vrf->ipv4s(), kMembers - 1);
-  EXPECT_EQ(vrf->ipv4(Address(77)), (Entry{Address(77), true, 1}));
 }

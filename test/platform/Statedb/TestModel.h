@@ -4,7 +4,6 @@
 
 #include <array>
 #include <compare>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
