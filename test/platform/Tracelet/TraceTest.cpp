@@ -96,6 +96,10 @@ TEST_F(TraceTest, LevelOfANameHoldsForItsHandlesEarlyAndLate) {
   EXPECT_FALSE(early.on(9) || late.on(4));
   Tracelet::levelIs("Early", Tracelet::kOff);
   EXPECT_FALSE(early.on(0));
+  int evaluated = 0;
+  TRACELET_TRACE(early, 0, "Unit/Source", ++evaluated);
+  EXPECT_EQ(evaluated, 0);
+  EXPECT_TRUE(lines_.empty());
 }
 
 TEST_F(TraceTest, LineShowsTimeHandleSourceAndSignature) {
@@ -107,14 +111,6 @@ TEST_F(TraceTest, LineShowsTimeHandleSourceAndSignature) {
   ASSERT_EQ(lines_.size(), 1u);
   EXPECT_THAT(lines_[0], MatchesRegex("[0-9-]+T[0-9:]+\\.[0-9]+Z Shared Unit/Source:[0-9]+ .*TestBody.* "
                                       "vlanId=10 text=a\\\\x0ab"));
-}
-
-TEST_F(TraceTest, NothingIsEvaluatedWhileOff) {
-  Tracelet::Handle handle("Shared");
-  int evaluated = 0;
-  TRACELET_TRACE(handle, 8, "Unit/Source", ++evaluated);
-  EXPECT_EQ(evaluated, 0);
-  EXPECT_TRUE(lines_.empty());
 }
 
 TEST_F(TraceTest, NestedTraceComesFirstAndWhole) {
