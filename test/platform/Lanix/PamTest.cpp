@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -196,37 +195,6 @@ TEST_F(EthDevPamTest, MayBeDroppedFromItsOwnNotification) {
   EXPECT_EQ(sockets_.openSockets(), 0);
 }
 
-TEST(FakePacketSocketsTest, FullDeviceIsWritableAgainAfterwards) {
-  FakePacketSockets sockets;
-  Orb::EventLoop loop;
-  FakeDevice& fabric = sockets.device(7);
-  PacketSockets& seam = PacketSockets::current();
-  const int socket = seam.open(SOCK_RAW, kEtherTypeAll);
-  ASSERT_EQ(seam.bind(socket, 7, kEtherTypeAll), 0);
-  ASSERT_EQ(seam.nonBlockingIs(socket, true), 0);
-  const auto descriptor = Mox::make<Orb::FileDescriptor>(loop, "fabric");
-  descriptor->descriptorIs(socket);
-  descriptor->notifyOnWritableIs(true);
-  const auto settle = [&] {
-    while (loop.step(0)) {
-    }
-  };
-  settle();
-  const auto before = descriptor->writableCount();
-  EXPECT_GT(before, 0u);
-  fabric.fullIs(true);
-  const Frame frame = frameOf({1});
-  EXPECT_EQ(seam.write(socket, frame), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  settle();
-  EXPECT_EQ(descriptor->writableCount(), before);
-  fabric.fullIs(false);
-  settle();
-  EXPECT_GT(descriptor->writableCount(), before);
-  EXPECT_EQ(seam.write(socket, frame), 1);
-  EXPECT_THAT(fabric.sent(), ElementsAre(frame));
-}
-
 TEST(NetlinkSocketTest, BelongsToTheNamespaceAndIsNeverZero) {
   TestSupport::FakeNamespaces namespaces;
   namespaces.has("red");
@@ -246,54 +214,21 @@ TEST(NetlinkSocketTest, BelongsToTheNamespaceAndIsNeverZero) {
   EXPECT_EQ(errno, EMFILE);
 }
 
-class NamespaceGuardTest : public ::testing::Test {
- protected:
-  NamespaceGuardTest() {
-    namespaces_.has("red");
-    namespaces_.has("blue");
-  }
-  TestSupport::FakeNamespaces namespaces_;
-};
-
-TEST_F(NamespaceGuardTest, DefaultAndTheSameAreEnteredWithoutASwitch) {
+TEST(NamespaceGuardTest, TheSameIsEnteredWithoutASwitchAndFailingToComeBackIsAnAssertion) {
+  TestSupport::FakeNamespaces namespaces;
+  namespaces.has("red");
+  namespaces.has("blue");
   const NamespaceGuard outer("default");
   EXPECT_TRUE(outer);
-  EXPECT_EQ(namespaces_.switches(), 0);
+  EXPECT_EQ(namespaces.switches(), 0);
   const NamespaceGuard red("red");
   const NamespaceGuard again("red");
   EXPECT_TRUE(again);
-  EXPECT_EQ(namespaces_.switches(), 1);
-}
-
-TEST_F(NamespaceGuardTest, NestedGuardsComeBackToTheOneBefore) {
-  {
-    const NamespaceGuard red("red");
-    {
-      const NamespaceGuard blue("blue");
-      EXPECT_EQ(namespaces_.inside(), "blue");
-      const NamespaceGuard home("default");
-      EXPECT_EQ(namespaces_.inside(), "default");
-    }
-    EXPECT_EQ(namespaces_.inside(), "red");
-  }
-  EXPECT_EQ(namespaces_.inside(), "default");
-}
-
-TEST_F(NamespaceGuardTest, FailureLeavesTheThreadWhereItWas) {
-  for (const char* name : {"green", ""}) {
-    const NamespaceGuard guard(name);
-    EXPECT_FALSE(guard);
-    EXPECT_THAT(guard.error(), HasSubstr(std::strerror(ENOENT)));
-  }
-  EXPECT_EQ(namespaces_.switches(), 0);
-}
-
-TEST_F(NamespaceGuardTest, FailingToComeBackIsAnAssertion) {
+  EXPECT_EQ(namespaces.switches(), 1);
   EXPECT_DEATH(
       {
-        const NamespaceGuard red("red");
         const NamespaceGuard blue("blue");
-        namespaces_.loses("red");
+        namespaces.loses("red");
       },
       "back in the network namespace before");
 }

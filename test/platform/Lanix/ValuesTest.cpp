@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <bit>
-#include <map>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -28,9 +27,10 @@ static_assert(kKey<EthAddr> && kKey<IpAddr> && kKey<Ip6Addr> && kKey<IpGenAddr> 
 template <class T>
 class Strep : public ::testing::Test {};
 
-// Good texts with the text that comes back, in ascending order of their values; bad texts.
+// Good texts in ascending order of their values; texts that come back as another good one; bad texts.
 struct Texts {
-  std::vector<std::pair<std::string, std::string>> good;
+  std::vector<std::string> good;
+  std::vector<std::pair<std::string, std::string>> others;
   std::vector<std::string> bad;
 };
 
@@ -40,10 +40,8 @@ Texts texts();
 template <>
 Texts texts<EthAddr>() {
   return {
-      {{"00:00:00:00:00:00", "00:00:00:00:00:00"},
-       {"02:00:00:00:be:EF", "02:00:00:00:be:ef"},
-       {"02:00:00:01:00:00", "02:00:00:01:00:00"},
-       {"ff:ff:ff:ff:ff:ff", "ff:ff:ff:ff:ff:ff"}},
+      {"00:00:00:00:00:00", "02:00:00:00:be:ef", "02:00:00:01:00:00", "ff:ff:ff:ff:ff:ff"},
+      {{"02:00:00:00:be:EF", "02:00:00:00:be:ef"}},
       {"", "02:00:00:00:be", "02:00:00:00:be:ef:01", "2:00:00:00:be:eff", "02-00-00-00-be-ef",
        "020000.00beef", "02:00:00:00:be:eg", "02:00:00:00:be:-f", "02:00:00:00:be:+f", " 02:00:00:00:be:e",
        "02:00:00:00:be:e ", "0x:00:00:00:be:ef", std::string("02:00:00:00:be:e\0", 17)}};
@@ -51,44 +49,32 @@ Texts texts<EthAddr>() {
 
 template <>
 Texts texts<IpAddr>() {
-  return {{{"0.0.0.0", "0.0.0.0"},
-           {"9.255.255.255", "9.255.255.255"},
-           {"10.0.0.1", "10.0.0.1"},
-           {"255.255.255.255", "255.255.255.255"}},
+  return {{"0.0.0.0", "9.255.255.255", "10.0.0.1", "255.255.255.255"},
+          {},
           {"", "10.0.0", "10.0.0.256", "10.0.0.1.1", "10.0.0.01", " 10.0.0.1", "10.0.0.1 ", "10.0.0.1/24",
            "0x0a.0.0.1", "167772161", "::1", std::string("10.0.0.1\0", 9), std::string(100, '1')}};
 }
 
 template <>
 Texts texts<Ip6Addr>() {
-  return {{{"::", "::"},
-           {"::1", "::1"},
-           {"2001:DB8:0:0:1:0:0:1", "2001:db8::1:0:0:1"},
-           {"fe80:0000:0000:0000:0000:0000:0000:0001", "fe80::1"},
-           {"ff02::1", "ff02::1"}},
-          {"", ":", ":::", "1", "10.0.0.1", "fe80::1%eth0", "fe80::1/64", "1::2::3", "1:2:3:4:5:6:7",
-           "1:2:3:4:5:6:7:8:9", "12345::", "g::", " ::1", "::1 ", std::string(100, ':')}};
+  return {
+      {"::", "::1", "2001:db8::1:0:0:1", "fe80::1", "ff02::1"},
+      {{"2001:DB8:0:0:1:0:0:1", "2001:db8::1:0:0:1"}, {"fe80:0000:0000:0000:0000:0000:0000:0001", "fe80::1"}},
+      {"", ":", ":::", "1", "10.0.0.1", "fe80::1%eth0", "fe80::1/64", "1::2::3", "1:2:3:4:5:6:7",
+       "1:2:3:4:5:6:7:8:9", "12345::", "g::", " ::1", "::1 ", std::string(100, ':')}};
 }
 
 template <>
 Texts texts<IpGenAddr>() {
-  return {{{"", ""},
-           {"0.0.0.0", "0.0.0.0"},
-           {"10.0.0.1", "10.0.0.1"},
-           {"::", "::"},
-           {"::1", "::1"},
-           {"fe80::1", "fe80::1"}},
+  return {{"", "0.0.0.0", "10.0.0.1", "::", "::1", "fe80::1"},
+          {},
           {" ", "none", "10.0.0.1/24", "10.0.0.01", "fe80::1%vlan10", "10.0.0.1 ::1"}};
 }
 
 template <>
 Texts texts<IpGenPrefix>() {
-  return {{{"", ""},
-           {"0.0.0.0/0", "0.0.0.0/0"},
-           {"10.0.0.1/24", "10.0.0.1/24"},
-           {"10.0.0.1/32", "10.0.0.1/32"},
-           {"2001:db8::1/64", "2001:db8::1/64"},
-           {"2001:db8::1/128", "2001:db8::1/128"}},
+  return {{"", "0.0.0.0/0", "10.0.0.1/24", "10.0.0.1/32", "2001:db8::1/64", "2001:db8::1/128"},
+          {},
           {"/", "/24", "10.0.0.1", "10.0.0.1/", "10.0.0.1/33", "10.0.0.1/-1", "10.0.0.1/024",
            "10.0.0.1/24/24", "10.0.0.1/ 24", "10.0.0.1/24 ", "2001:db8::1/129", "2001:db8::1/4294967296",
            "10.0.0.1/255.255.255.0"}};
@@ -96,13 +82,8 @@ Texts texts<IpGenPrefix>() {
 
 template <>
 Texts texts<IntfId>() {
-  return {{{"Ethernet1", "Ethernet1"},
-           {"Tep1", "Tep1"},
-           {"Vlan10", "Vlan10"},
-           {"vlan20", "Vlan20"},
-           {"fabric", "fabric"},
-           {"fifteen-bytes-x", "fifteen-bytes-x"},
-           {"", ""}},
+  return {{"Ethernet1", "Tep1", "Vlan10", "Vlan20", "fabric", "fifteen-bytes-x", ""},
+          {{"vlan20", "Vlan20"}},
           {"sixteen-bytes-xx", "with blank", " Vlan10", "Vlan10\n", "\x7f", std::string("Vlan10\0", 7)}};
 }
 
@@ -111,14 +92,14 @@ TYPED_TEST_SUITE(Strep, Types);
 
 TYPED_TEST(Strep, TextsRoundTripAndOrder) {
   std::vector<TypeParam> values;
-  for (const auto& [text, back] : texts<TypeParam>().good) {
+  for (const std::string& text : texts<TypeParam>().good) {
     const auto value = Mox::fromStrep<TypeParam>(text);
     ASSERT_TRUE(value) << text;
-    EXPECT_EQ(value->toStrep(), back);
-    EXPECT_EQ(Mox::fromStrep<TypeParam>(back), value);
-    EXPECT_EQ(Mox::hashOf(*value, 7), Mox::hashOf(*Mox::fromStrep<TypeParam>(back), 7));
+    EXPECT_EQ(value->toStrep(), text);
     values.push_back(*value);
   }
+  for (const auto& [text, back] : texts<TypeParam>().others)
+    EXPECT_EQ(Mox::fromStrep<TypeParam>(text), Mox::fromStrep<TypeParam>(back)) << text;
   for (std::size_t i = 0; i < values.size(); ++i) {
     for (std::size_t j = 0; j < values.size(); ++j) {
       EXPECT_EQ(values[i] < values[j], i < j) << values[i].toStrep() << " " << values[j].toStrep();
@@ -150,11 +131,6 @@ TEST(EthAddr, Kinds) {
   }
 }
 
-TEST(IpAddr, HostOrder) {
-  EXPECT_EQ(IpAddr(0x0a000001u).toStrep(), "10.0.0.1");
-  EXPECT_EQ(IpAddr::fromStrep("192.168.1.2")->value(), 0xc0a80102u);
-}
-
 TEST(IpGenAddr, FamiliesAndKinds) {
   struct Row {
     const char* text;
@@ -178,6 +154,7 @@ TEST(IpGenAddr, FamiliesAndKinds) {
     EXPECT_EQ(address.isLinkLocal(), row.linkLocal) << row.text;
   }
   const IpGenAddr four = IpAddr(0x0a000001u);
+  EXPECT_EQ(four.ipv4().value(), 0x0a000001u);
   EXPECT_EQ(four.ipv4().toStrep(), "10.0.0.1");
   EXPECT_TRUE(four.ipv6().isUnspecified());
   EXPECT_EQ(IpGenAddr(*Ip6Addr::fromStrep("fe80::1")).ipv6().toStrep(), "fe80::1");
