@@ -18,6 +18,17 @@ std::vector<std::string> lines(const Collection& collection, Text text) {
   return result;
 }
 
+// Of a table, as "key value".
+template <class ForEach>
+std::vector<std::string> entries(ForEach forEach) {
+  std::vector<std::string> result;
+  forEach([&](const auto& key, const auto& value) {
+    result.push_back(Mox::toStrep(key) + " " + Mox::toStrep(value));
+  });
+  std::ranges::sort(result);
+  return result;
+}
+
 }  // namespace
 
 AgentRig::AgentRig(const Orb::Clock& clock, const Memtab::Directory& directory)
@@ -70,21 +81,11 @@ void AgentRig::createLocalEntity(const Mox::String&, const Mox::String& type, co
 }
 
 std::vector<std::string> AgentRig::neighbours() const {
-  std::vector<std::string> result;
-  table<Arp::Table::Status>("arp/status")->arpEntryForEach([&](const auto& key, const auto& value) {
-    result.push_back(Mox::toStrep(key) + " " + Mox::toStrep(value));
-  });
-  std::ranges::sort(result);
-  return result;
+  return entries([&](auto tell) { table<Arp::Table::Status>("arp/status")->arpEntryForEach(tell); });
 }
 
 std::vector<std::string> AgentRig::macs() const {
-  std::vector<std::string> result;
-  table<Memtab::Bridging::Status>("bridging/status")->fdbForEach([&](const auto& key, const auto& value) {
-    result.push_back(Mox::toStrep(key) + " " + Mox::toStrep(value));
-  });
-  std::ranges::sort(result);
-  return result;
+  return entries([&](auto tell) { table<Memtab::Bridging::Status>("bridging/status")->fdbForEach(tell); });
 }
 
 std::string AgentRig::ip(const std::string& intf) const {
@@ -102,13 +103,8 @@ std::vector<std::string> AgentRig::vrfs() const {
 }
 
 std::vector<std::string> AgentRig::ids() const {
-  std::vector<std::string> result;
-  table<Vrf::VrfIdMap::Status>("vrf/vrfIdMapStatus")
-      ->vrfIdToNameForEach([&](const auto& id, const auto& name) {
-        result.push_back(std::to_string(id) + " " + name.toStrep());
-      });
-  std::ranges::sort(result);
-  return result;
+  return entries(
+      [&](auto tell) { table<Vrf::VrfIdMap::Status>("vrf/vrfIdMapStatus")->vrfIdToNameForEach(tell); });
 }
 
 std::vector<std::string> AgentRig::devices(const std::string& netNs) const {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,7 +20,6 @@ class AgentRig final : public Orb::AgentHost {
   void vlanIs(std::uint16_t vlanId, const std::string& bridge,
               const std::vector<std::string>& tunnelPorts = {});
   void start();
-  void stop() { agent_ = nullptr; }
 
   template <class E>
   Mox::Ptr<E> at(const std::string& path) const {

@@ -28,6 +28,10 @@ void put(Message& message, std::uint16_t attribute, const std::string& mac) {
   message.bytes(attribute, std::as_bytes(std::span(bytes)));
 }
 
+std::uint16_t newTypeOf(Table table) {
+  return table == Table::links ? RTM_NEWLINK : table == Table::addresses ? RTM_NEWADDR : RTM_NEWNEIGH;
+}
+
 class Event {
  public:
   Event() : descriptor_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
@@ -184,7 +188,6 @@ std::unique_ptr<RouteSource> FakeKernel::open(const Lanix::NamespaceName& name, 
     problem = name + " cannot be entered";
     return nullptr;
   }
-  ++opened_;
   return std::make_unique<Source>(*this, found->second);
 }
 
@@ -206,157 +209,125 @@ std::uint32_t FakeKernel::Namespace::indexOf(const std::string& name) const {
   return device == devices_.end() ? 0 : device->first;
 }
 
-Message FakeKernel::Namespace::link(std::uint16_t type, std::uint32_t ifIndex) const {
-  ifinfomsg header{};
-  header.ifi_index = static_cast<int>(ifIndex);
-  const Device& device = devices_.at(ifIndex);
-  Message message(type);
-  message.header(header).string(IFLA_IFNAME, device.name);
-  if (!device.mac.empty()) put(message, IFLA_ADDRESS, device.mac);
-  return message;
-}
-
-Message FakeKernel::Namespace::address(std::uint16_t type, std::uint32_t ifIndex, const std::string& text,
-                                       bool secondary) const {
-  const auto prefix = Lanix::IpGenPrefix::fromStrep(text).value();
-  ifaddrmsg header{};
-  header.ifa_family = AF_INET;
-  header.ifa_prefixlen = static_cast<std::uint8_t>(prefix.length());
-  header.ifa_index = ifIndex;
-  const auto bytes = prefix.address().ipv4().bytes();
-  Message message(type);
-  message.header(header)
-      .bytes(IFA_LOCAL, std::as_bytes(std::span(bytes)))
-      .u32(IFA_FLAGS, secondary ? unsigned{IFA_F_SECONDARY} : 0U);
-  return message;
-}
-
-Message FakeKernel::Namespace::neighbour(std::uint16_t type, std::uint32_t ifIndex,
-                                         const std::string& ip) const {
-  const Neighbour& entry = neighbours_.at({ifIndex, ip});
-  const auto address = Lanix::IpGenAddr::fromStrep(ip).value();
-  ndmsg header{};
-  header.ndm_family = address.isIpv4() ? AF_INET : AF_INET6;
-  header.ndm_ifindex = static_cast<int>(ifIndex);
-  header.ndm_state = entry.state;
-  header.ndm_flags = entry.flags;
-  Message message(type);
-  message.header(header).bytes(NDA_DST,
-                               std::as_bytes(std::span(address.bytes())).first(address.isIpv4() ? 4 : 16));
-  if (!entry.mac.empty()) put(message, NDA_LLADDR, entry.mac);
-  if (entry.protocol) message.u8(NDA_PROTOCOL, *entry.protocol);
-  return message;
-}
-
-Message FakeKernel::Namespace::mac(std::uint16_t type, std::uint32_t bridge, const std::string& mac) const {
-  const Mac& entry = macs_.at({bridge, mac});
-  ndmsg header{};
-  header.ndm_family = AF_BRIDGE;
-  header.ndm_ifindex = static_cast<int>(indexOf(entry.port));
-  header.ndm_state = entry.state;
-  header.ndm_flags = entry.flags;
-  Message message(type);
-  put(message.header(header), NDA_LLADDR, mac);
-  if (bridge != 0) message.u32(NDA_MASTER, bridge);
-  if (entry.vlan != 0) message.u16(NDA_VLAN, entry.vlan);
-  return message;
-}
-
-std::vector<Message> FakeKernel::Namespace::snapshot(Table table) const {
+std::vector<Message> FakeKernel::Namespace::snapshot(Table table) {
   std::vector<Message> messages;
-  if (table == Table::links) {
-    for (const auto& [ifIndex, device] : devices_) messages.push_back(link(RTM_NEWLINK, ifIndex));
-  } else if (table == Table::addresses) {
-    for (const auto& [ifIndex, item] : addresses_)
-      messages.push_back(address(RTM_NEWADDR, ifIndex, item.first, item.second));
-  } else if (table == Table::neighbours) {
-    for (const auto& [key, entry] : neighbours_)
-      messages.push_back(neighbour(RTM_NEWNEIGH, key.first, key.second));
-  } else {
-    for (const auto& [key, entry] : macs_) messages.push_back(mac(RTM_NEWNEIGH, key.first, key.second));
-  }
+  for (const auto& [key, entry] : entries_[table]) messages.push_back(entry.message(newTypeOf(table)));
   return messages;
 }
 
+void FakeKernel::Namespace::entryIs(Table table, const Key& key, Entry entry) {
+  tell(entry.message(newTypeOf(table)));
+  entries_[table].insert_or_assign(key, std::move(entry));
+}
+
+void FakeKernel::Namespace::entryDel(Table table, const Key& key) {
+  const auto entry = entries_[table].extract(key);
+  tell(entry.mapped().message(static_cast<std::uint16_t>(newTypeOf(table) + 1)));  // RTM_DEL...
+}
+
+void FakeKernel::Namespace::linkIs(std::uint32_t ifIndex, const Device& device) {
+  devices_[ifIndex] = device;
+  const auto message = [=](std::uint16_t type) {
+    ifinfomsg header{};
+    header.ifi_index = static_cast<int>(ifIndex);
+    Message message(type);
+    message.header(header).string(IFLA_IFNAME, device.name);
+    if (!device.mac.empty()) put(message, IFLA_ADDRESS, device.mac);
+    return message;
+  };
+  entryIs(Table::links, {ifIndex, ""}, {ifIndex, message});
+}
+
 void FakeKernel::Namespace::addLink(const std::string& name, std::uint32_t ifIndex, const std::string& mac) {
-  devices_[ifIndex] = {name, mac};
-  tell(link(RTM_NEWLINK, ifIndex));
+  linkIs(ifIndex, {name, mac});
 }
 
 void FakeKernel::Namespace::delLink(const std::string& name) {
   const std::uint32_t ifIndex = indexOf(name);
-  const auto macs = macs_;
-  for (const auto& [key, entry] : macs) {
-    if (entry.port != name) continue;
-    tell(this->mac(RTM_DELNEIGH, key.first, key.second));
-    macs_.erase(key);
+  for (const Table table : {Table::macs, Table::neighbours, Table::addresses}) {
+    const auto entries = entries_[table];
+    for (const auto& [key, entry] : entries) {
+      if (entry.device == ifIndex) entryDel(table, key);
+    }
   }
-  const auto neighbours = neighbours_;
-  for (const auto& [key, entry] : neighbours) {
-    if (key.first != ifIndex) continue;
-    tell(neighbour(RTM_DELNEIGH, key.first, key.second));
-    neighbours_.erase(key);
-  }
-  const auto addresses = addresses_;
-  for (const auto& [index, item] : addresses) {
-    if (index == ifIndex) delAddress(name, item.first);
-  }
-  tell(link(RTM_DELLINK, ifIndex));
+  entryDel(Table::links, {ifIndex, ""});
   devices_.erase(ifIndex);
 }
 
 void FakeKernel::Namespace::renameLink(const std::string& name, const std::string& newName) {
   const std::uint32_t ifIndex = indexOf(name);
-  for (auto& [key, entry] : macs_) {
-    if (entry.port == name) entry.port = newName;
-  }
-  devices_.at(ifIndex).name = newName;
-  tell(link(RTM_NEWLINK, ifIndex));
+  linkIs(ifIndex, {newName, devices_.at(ifIndex).mac});
 }
 
 void FakeKernel::Namespace::macIs(const std::string& name, const std::string& mac) {
-  devices_.at(indexOf(name)).mac = mac;
-  tell(link(RTM_NEWLINK, indexOf(name)));
+  linkIs(indexOf(name), {name, mac});
 }
 
-void FakeKernel::Namespace::addAddress(const std::string& device, const std::string& prefix, bool secondary) {
+void FakeKernel::Namespace::addAddress(const std::string& device, const std::string& text, bool secondary) {
   const std::uint32_t ifIndex = indexOf(device);
-  const auto at = std::ranges::find_if(
-      addresses_, [&](const auto& item) { return item.first == ifIndex && item.second.first == prefix; });
-  if (at != addresses_.end()) {
-    at->second.second = secondary;
-  } else {
-    addresses_.push_back({ifIndex, {prefix, secondary}});
-  }
-  tell(address(RTM_NEWADDR, ifIndex, prefix, secondary));
+  const auto message = [=](std::uint16_t type) {
+    const auto prefix = Lanix::IpGenPrefix::fromStrep(text).value();
+    ifaddrmsg header{};
+    header.ifa_family = AF_INET;
+    header.ifa_prefixlen = static_cast<std::uint8_t>(prefix.length());
+    header.ifa_index = ifIndex;
+    const auto bytes = prefix.address().ipv4().bytes();
+    Message message(type);
+    message.header(header)
+        .bytes(IFA_LOCAL, std::as_bytes(std::span(bytes)))
+        .u32(IFA_FLAGS, secondary ? unsigned{IFA_F_SECONDARY} : 0U);
+    return message;
+  };
+  entryIs(Table::addresses, {ifIndex, text}, {ifIndex, message});
 }
 
-void FakeKernel::Namespace::delAddress(const std::string& device, const std::string& prefix) {
-  const std::uint32_t ifIndex = indexOf(device);
-  std::erase_if(addresses_,
-                [&](const auto& item) { return item.first == ifIndex && item.second.first == prefix; });
-  tell(address(RTM_DELADDR, ifIndex, prefix, false));
+void FakeKernel::Namespace::delAddress(const std::string& device, const std::string& text) {
+  entryDel(Table::addresses, {indexOf(device), text});
 }
 
 void FakeKernel::Namespace::addNeighbour(const std::string& device, const std::string& ip,
                                          const Neighbour& entry) {
-  neighbours_[{indexOf(device), ip}] = entry;
-  tell(neighbour(RTM_NEWNEIGH, indexOf(device), ip));
+  const std::uint32_t ifIndex = indexOf(device);
+  const auto message = [=](std::uint16_t type) {
+    const auto address = Lanix::IpGenAddr::fromStrep(ip).value();
+    ndmsg header{};
+    header.ndm_family = address.isIpv4() ? AF_INET : AF_INET6;
+    header.ndm_ifindex = static_cast<int>(ifIndex);
+    header.ndm_state = entry.state;
+    header.ndm_flags = entry.flags;
+    const std::size_t size = address.isIpv4() ? 4 : 16;
+    Message message(type);
+    message.header(header).bytes(NDA_DST, std::as_bytes(std::span(address.bytes())).first(size));
+    if (!entry.mac.empty()) put(message, NDA_LLADDR, entry.mac);
+    if (entry.protocol) message.u8(NDA_PROTOCOL, *entry.protocol);
+    return message;
+  };
+  entryIs(Table::neighbours, {ifIndex, ip}, {ifIndex, message});
 }
 
 void FakeKernel::Namespace::delNeighbour(const std::string& device, const std::string& ip) {
-  tell(neighbour(RTM_DELNEIGH, indexOf(device), ip));
-  neighbours_.erase({indexOf(device), ip});
+  entryDel(Table::neighbours, {indexOf(device), ip});
 }
 
 void FakeKernel::Namespace::addMac(const std::string& bridge, const std::string& mac, const Mac& entry) {
-  macs_[{indexOf(bridge), mac}] = entry;
-  tell(this->mac(RTM_NEWNEIGH, indexOf(bridge), mac));
+  const std::uint32_t ifIndex = indexOf(bridge), port = indexOf(entry.port);
+  const auto message = [=](std::uint16_t type) {
+    ndmsg header{};
+    header.ndm_family = AF_BRIDGE;
+    header.ndm_ifindex = static_cast<int>(port);
+    header.ndm_state = entry.state;
+    header.ndm_flags = entry.flags;
+    Message message(type);
+    put(message.header(header), NDA_LLADDR, mac);
+    if (ifIndex != 0) message.u32(NDA_MASTER, ifIndex);
+    if (entry.vlan != 0) message.u16(NDA_VLAN, entry.vlan);
+    return message;
+  };
+  entryIs(Table::macs, {ifIndex, mac}, {port, message});
 }
 
 void FakeKernel::Namespace::delMac(const std::string& bridge, const std::string& mac) {
-  tell(this->mac(RTM_DELNEIGH, indexOf(bridge), mac));
-  macs_.erase({indexOf(bridge), mac});
+  entryDel(Table::macs, {indexOf(bridge), mac});
 }
 
 }  // namespace KernelState

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -72,19 +72,20 @@ class FakeKernel final : public KernelAccess {
       std::string name;
       std::string mac;
     };
+    using Key = std::pair<std::uint32_t, std::string>;  // device (or bridge), and what the entry is for
+    struct Entry {
+      std::uint32_t device = 0;  // goes with it
+      std::function<Netlink::Message(std::uint16_t type)> message;
+    };
     std::uint32_t indexOf(const std::string& name) const;
-    Netlink::Message link(std::uint16_t type, std::uint32_t ifIndex) const;
-    Netlink::Message address(std::uint16_t type, std::uint32_t ifIndex, const std::string& prefix,
-                             bool secondary) const;
-    Netlink::Message neighbour(std::uint16_t type, std::uint32_t ifIndex, const std::string& ip) const;
-    Netlink::Message mac(std::uint16_t type, std::uint32_t bridge, const std::string& mac) const;
-    std::vector<Netlink::Message> snapshot(Table table) const;
+    void linkIs(std::uint32_t ifIndex, const Device& device);
+    void entryIs(Table table, const Key& key, Entry entry);
+    void entryDel(Table table, const Key& key);
+    std::vector<Netlink::Message> snapshot(Table table);
 
     NamespaceId id_;
     std::map<std::uint32_t, Device> devices_;
-    std::vector<std::pair<std::uint32_t, std::pair<std::string, bool>>> addresses_;
-    std::map<std::pair<std::uint32_t, std::string>, Neighbour> neighbours_;
-    std::map<std::pair<std::uint32_t, std::string>, Mac> macs_;
+    std::map<Table, std::map<Key, Entry>> entries_;
     std::vector<Source*> listeners_;
     std::map<Table, int> disturbed_;
     std::map<Table, int> refused_;
@@ -104,7 +105,6 @@ class FakeKernel final : public KernelAccess {
   void delNamespace(const std::string& name);
   // What was opened and is still open, in all namespaces.
   int openSources() const { return openSources_; }
-  int opened() const { return opened_; }
 
   NamespaceLook look(const Lanix::NamespaceName& name) override;
   std::unique_ptr<RouteSource> open(const Lanix::NamespaceName& name, std::string& problem) override;
@@ -117,7 +117,6 @@ class FakeKernel final : public KernelAccess {
   std::map<std::string, std::shared_ptr<Namespace>> namespaces_;  // null: a name only
   std::uint64_t nextInode_ = 100;
   int openSources_ = 0;
-  int opened_ = 0;
   Events* events_ = nullptr;
   Lanix::Replaced<KernelAccess> replaced_;
 };

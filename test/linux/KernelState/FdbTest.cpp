@@ -63,8 +63,6 @@ TEST_F(FdbTest, EntriesOfTheKernelBecomeEntries) {
 TEST_F(FdbTest, MovesArriveInOrderAndTheTableIsReadOnce) {
   kernel.in().addMac("vlan10", kHost, {"Ethernet1"});
   starts();
-  const auto fdb = Mox::dynamicPtrCast<Memtab::Bridging::Status>(rig->sharedMemory()->mount(
-      "bridging/status", "Memtab::Bridging::Status", Memtab::MountDescriptor::reader()));
   const auto entry = [&](const char* rest) { return std::string("10 ") + kHost + " " + rest; };
   EXPECT_THAT(rig->macs(), ElementsAre(entry("learnedDynamic Ethernet1")));
   // Readers hear of every change, and then see the last of those that came in one go.
@@ -106,53 +104,46 @@ TEST_F(FdbTest, PublicationFollowsConfigurationAndNames) {
   kernel.in().addMac("vlan10", kHost, {"Ethernet1"});
   kernel.in().addMac("br0", kHost, {"Ethernet2"});
   starts();
-  const auto entry = [&](int fid, const char* rest) {
-    return std::to_string(fid) + " " + kHost + " " + rest;
+  // Of the one station there is: where it is, by forwarding database.
+  const auto places = [&] {
+    std::string text;
+    for (const std::string& line : rig->macs())
+      text += line.substr(0, line.find(' ')) + line.substr(line.find(kHost) + sizeof kHost - 1) + ", ";
+    return text;
   };
-  struct Case {
+  const struct {
     const char* what;
     std::function<void()> happens;
-    std::vector<std::string> macs;
-  };
-  const Case cases[] = {
-      {"at first", [] {}, {entry(10, "learnedDynamic Ethernet1")}},
-      {"mapped",
-       [&] { config->vidToFidMapIs(Bridging::VlanId(10), 110); },
-       {entry(110, "learnedDynamic Ethernet1")}},
-      {"another VLAN",
-       [&] { rig->vlanIs(20, "br0"); },
-       {entry(110, "learnedDynamic Ethernet1"), entry(20, "learnedDynamic Ethernet2")}},
-      {"port becomes a tunnel port",
-       [&] { rig->vlanIs(20, "br0", {"Ethernet2"}); },
-       {entry(110, "learnedDynamic Ethernet1"), entry(20, "evpnLearned Ethernet2")}},
-      {"VLAN gone",
-       [&] { rig->config()->vlanDel(Bridging::VlanId(20)); },
-       {entry(110, "learnedDynamic Ethernet1")}},
-      {"port renamed",
-       [&] { kernel.in().renameLink("Ethernet1", "uplink1"); },
-       {entry(110, "learnedDynamic uplink1")}},
+    const char* places;
+  } cases[] = {
+      {"at first", [] {}, "10 learnedDynamic Ethernet1, "},
+      {"mapped", [&] { config->vidToFidMapIs(Bridging::VlanId(10), 110); }, "110 learnedDynamic Ethernet1, "},
+      {"another VLAN", [&] { rig->vlanIs(20, "br0"); },
+       "110 learnedDynamic Ethernet1, 20 learnedDynamic Ethernet2, "},
+      {"port becomes a tunnel port", [&] { rig->vlanIs(20, "br0", {"Ethernet2"}); },
+       "110 learnedDynamic Ethernet1, 20 evpnLearned Ethernet2, "},
+      {"VLAN gone", [&] { rig->config()->vlanDel(Bridging::VlanId(20)); }, "110 learnedDynamic Ethernet1, "},
+      {"port renamed", [&] { kernel.in().renameLink("Ethernet1", "uplink1"); },
+       "110 learnedDynamic uplink1, "},
       {"port renamed to a tunnel port's name",
        [&] { kernel.in().delLink("core10"), kernel.in().renameLink("uplink1", "core10"); },
-       {entry(110, "evpnLearned core10")}},
-      {"bridge renamed away", [&] { kernel.in().renameLink("vlan10", "x"); }, {}},
-      {"and another one comes to be it",
-       [&] { kernel.in().renameLink("br0", "vlan10"); },
-       {entry(110, "learnedDynamic Ethernet2")}},
+       "110 evpnLearned core10, "},
+      {"bridge renamed away", [&] { kernel.in().renameLink("vlan10", "x"); }, ""},
+      {"and another one comes to be it", [&] { kernel.in().renameLink("br0", "vlan10"); },
+       "110 learnedDynamic Ethernet2, "},
       {"one forwarding database for two",
        [&] { rig->vlanIs(30, "x", {"core10"}), config->vidToFidMapIs(Bridging::VlanId(30), 110); },
-       {"?"}},
-      {"and one of them left",
-       [&] { kernel.in().delMac("x", kHost); },
-       {entry(110, "learnedDynamic Ethernet2")}},
+       nullptr},  // either's
+      {"and one of them left", [&] { kernel.in().delMac("x", kHost); }, "110 learnedDynamic Ethernet2, "},
   };
-  for (const Case& item : cases) {
+  for (const auto& item : cases) {
     SCOPED_TRACE(item.what);
     item.happens();
     settle();
-    if (item.macs == std::vector<std::string>{"?"}) {
-      EXPECT_EQ(rig->macs().size(), 1u);  // either's
+    if (item.places) {
+      EXPECT_EQ(places(), item.places);
     } else {
-      EXPECT_EQ(rig->macs(), item.macs);
+      EXPECT_EQ(rig->macs().size(), 1u);
     }
   }
 }
