@@ -55,12 +55,11 @@ class ProgramsTest : public testing::Test {
 
   void SetUp() override { ASSERT_EQ(programs_.load(), std::nullopt); }
 
-  Outcome run(Program program, const Lab::Frame& frame, std::uint32_t mark = 0, std::uint32_t ingress = 0) {
-    __sk_buff in{};
-    __sk_buff out{};
-    in.mark = mark;
-    in.ingress_ifindex = ingress;
+  // Runs it on the frame; the context is changed to what it is afterwards.
+  template <class Context>
+  std::pair<int, Lab::Frame> testRun(Program program, const Lab::Frame& frame, Context& context) {
     Lab::Frame result(frame.size() + 64);
+    const Context in = context;
     bpf_test_run_opts options{};
     options.sz = sizeof options;
     options.data_in = frame.data();
@@ -69,11 +68,18 @@ class ProgramsTest : public testing::Test {
     options.data_size_out = static_cast<__u32>(result.size());
     options.ctx_in = &in;
     options.ctx_size_in = sizeof in;
-    options.ctx_out = &out;
-    options.ctx_size_out = sizeof out;
+    options.ctx_out = &context;
+    options.ctx_size_out = sizeof context;
     EXPECT_EQ(bpf_prog_test_run_opts(programs_.fd(program), &options), 0);
     result.resize(options.data_size_out);
-    return {static_cast<int>(options.retval), result, out.mark};
+    return {static_cast<int>(options.retval), result};
+  }
+  Outcome run(Program program, const Lab::Frame& frame, std::uint32_t mark = 0, std::uint32_t ingress = 0) {
+    __sk_buff context{};
+    context.mark = mark;
+    context.ingress_ifindex = ingress;
+    const auto [result, after] = testRun(program, frame, context);
+    return {result, after, context.mark};
   }
 
   void trapsOnLoopback() {
@@ -229,28 +235,15 @@ TEST_F(ProgramsTest, TheInjectPeerTakesTheHeaderOff) {
     SCOPED_TRACE(test.what);
     xdp_md context{};
     context.data_end = static_cast<__u32>(test.buffer.size());
-    xdp_md after{};
-    Lab::Frame result(200);
-    bpf_test_run_opts options{};
-    options.sz = sizeof options;
-    options.data_in = test.buffer.data();
-    options.data_size_in = static_cast<__u32>(test.buffer.size());
-    options.data_out = result.data();
-    options.data_size_out = static_cast<__u32>(result.size());
-    options.ctx_in = &context;
-    options.ctx_size_in = sizeof context;
-    options.ctx_out = &after;
-    options.ctx_size_out = sizeof after;
-    ASSERT_EQ(bpf_prog_test_run_opts(programs_.fd(Program::injectStrip), &options), 0);
-    result.resize(options.data_size_out);
+    const auto [verdict, result] = testRun(Program::injectStrip, test.buffer, context);
     if (test.frame.empty()) {
-      EXPECT_EQ(options.retval, static_cast<__u32>(XDP_DROP));
+      EXPECT_EQ(verdict, XDP_DROP);
       EXPECT_EQ(programs_.statistics().unexpected, ++unexpected);
       continue;
     }
-    EXPECT_EQ(options.retval, static_cast<__u32>(XDP_PASS));
+    EXPECT_EQ(verdict, XDP_PASS);
     SoftForwardInjectMeta meta;
-    ASSERT_EQ(after.data, sizeof meta);
+    ASSERT_EQ(context.data, sizeof meta);
     ASSERT_GE(result.size(), sizeof meta);
     std::memcpy(&meta, result.data(), sizeof meta);
     EXPECT_EQ(meta.magic, SOFT_FORWARD_MARK);
