@@ -158,6 +158,21 @@ Failure Links::silentPortIs(const std::string& name, std::uint32_t index, std::u
   return failed(name, "turning learning and flooding off", socket_.request(std::move(message)));
 }
 
+Failure Links::bridgeTakes(const std::string& name, std::uint32_t index, const MacAddress& address,
+                           bool takes) {
+  ndmsg header{};
+  header.ndm_family = AF_BRIDGE;
+  header.ndm_ifindex = static_cast<int>(index);
+  header.ndm_state = NUD_PERMANENT;
+  header.ndm_flags = NTF_SELF;
+  Message message(takes ? RTM_NEWNEIGH : RTM_DELNEIGH, takes ? NLM_F_CREATE : 0);
+  const Netlink::Result result =
+      socket_.request(std::move(message.header(header).bytes(NDA_LLADDR, address)));
+  if (!takes && result && (result->number == ENOENT || result->number == ENODEV)) return std::nullopt;
+  return failed(name, takes ? "taking frames to the shared gateway MAC" : "leaving the shared gateway MAC",
+                result);
+}
+
 Failure Links::xdpIs(const std::string& name, std::uint32_t index, int program) {
   Message message(RTM_SETLINK);
   message.header(byIndex(index)).nest(IFLA_XDP, [&](Message& xdp) {

@@ -59,6 +59,11 @@ class Links {
   // Makes the device a port of the bridge that neither learns nor receives floods.
   [[nodiscard]] Failure silentPortIs(const std::string& name, std::uint32_t index, std::uint32_t bridge);
 
+  // Frames to this address, besides those to its own, are delivered to the bridge device itself, as after
+  // "bridge fdb add ADDRESS dev BRIDGE self permanent"; or no longer.
+  [[nodiscard]] Failure bridgeTakes(const std::string& name, std::uint32_t index, const MacAddress& address,
+                                    bool takes);
+
   // Attaches an XDP program in generic mode, in place of the one that is there. Generic, because it puts no
   // bound on the MTU and works with every driver.
   [[nodiscard]] Failure xdpIs(const std::string& name, std::uint32_t index, int program);

@@ -21,7 +21,14 @@ constexpr double kRetrySeconds = 3;
 constexpr unsigned kLevel = 3;
 
 constexpr char kBridgingConfigPath[] = "bridging/config";
+constexpr char kVrMacPath[] = "routing/fhrp/vrMacStatus";
 constexpr char kArpService[] = "ArpService";
+
+MacAddress macAddress(const Lanix::EthAddr& address) {
+  MacAddress bytes;
+  std::ranges::copy(std::as_bytes(std::span(address.bytes())), bytes.begin());
+  return bytes;
+}
 
 bool contains(const std::vector<Mox::String>& names, const Mox::String& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
@@ -37,11 +44,13 @@ Tracelet::Handle& traceHandle() {
 SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
                              Mox::Ptr<const Switch::Config> switchConfig,
                              Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus,
-                             Mox::Ptr<const Bridging::Config> bridgingConfig)
+                             Mox::Ptr<const Bridging::Config> bridgingConfig,
+                             Mox::Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus)
     : loop_(scheduler->loop()),
       switchConfig_(std::move(switchConfig)),
       arpSuppressionStatus_(std::move(arpSuppressionStatus)),
       bridgingConfig_(std::move(bridgingConfig)),
+      fhrpVrMacStatus_(std::move(fhrpVrMacStatus)),
       ownTrapped_(contains(switchConfig_->agents(), kArpService)),
       requests_(NETLINK_ROUTE),
       notifications_(NETLINK_ROUTE),
@@ -49,6 +58,8 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
   arpSuppressionStatus_.on(ArpSuppression::ArpSuppressionStatus::vlanIdChanged,
                            [this](Bridging::VlanId vlanId) { handleVlanId(vlanId); });
   bridgingConfig_.on(Bridging::Config::bridgeMacAddrChanged, [this] { synchronise_.schedule(); });
+  fhrpVrMacStatus_.on(Routing::Fhrp::VirtualRouterMacStatus::vgwVirtualMacChanged,
+                      [this] { synchronise_.schedule(); });
   if (const Netlink::Result refused = notifications_.join(RTNLGRP_LINK)) {
     check("link notifications", Netlink::describe("link notifications", *refused));
   } else {
@@ -63,7 +74,10 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
 
 SoftForwardSm::~SoftForwardSm() {
   if (descriptor_) descriptor_->descriptorIs(-1);
-  if (open_) check("closing", datapath_.close());
+  if (!open_) return;
+  fhrpVrMacStatus_.notifierIs(nullptr);
+  for (const auto& [name, link] : links_) synchroniseShared(link);
+  check("closing", datapath_.close());
 }
 
 bool SoftForwardSm::check(const std::string& what, const Failure& failure) {
@@ -98,6 +112,7 @@ void SoftForwardSm::handleLink(const Netlink::Received& message) {
   if (!header || header->ifi_index <= 0 || header->ifi_family == AF_BRIDGE) return;
   const auto ifIndex = static_cast<std::uint32_t>(header->ifi_index);
   check("port " + std::to_string(ifIndex), datapath_.portDel(ifIndex));
+  shared_.erase(ifIndex);
 }
 
 void SoftForwardSm::handleVlanId(Bridging::VlanId vlanId) {
@@ -111,8 +126,7 @@ void SoftForwardSm::handleVlanId(Bridging::VlanId vlanId) {
 bool SoftForwardSm::synchroniseOwn() {
   std::optional<MacAddress> passed;
   if (!ownTrapped_ && bridgingConfig_ && !bridgingConfig_->bridgeMacAddr().isZero()) {
-    const auto bytes = bridgingConfig_->bridgeMacAddr().bytes();
-    std::ranges::copy(std::as_bytes(std::span(bytes)), passed.emplace().begin());
+    passed = macAddress(bridgingConfig_->bridgeMacAddr());
   }
   return check("the switch's own address", datapath_.passedAddressIs(passed));
 }
@@ -134,7 +148,26 @@ bool SoftForwardSm::synchroniseVlan(const Switch::VlanConfig& vlan) {
       ports.accessPorts.push_back(link.index);
     }
   }
-  return check(what, datapath_.vlanIs(vlan.vlanId(), ports));
+  const bool shared = synchroniseShared(bridge->second);
+  return check(what, datapath_.vlanIs(vlan.vlanId(), ports)) && shared;
+}
+
+bool SoftForwardSm::synchroniseShared(const Link& bridge) {
+  const Lanix::EthAddr wanted = fhrpVrMacStatus_ ? fhrpVrMacStatus_->vgwVirtualMac() : Lanix::EthAddr();
+  const auto taken = shared_.find(bridge.index);
+  const Lanix::EthAddr before = taken == shared_.end() ? Lanix::EthAddr() : taken->second;
+  if (wanted == before) return true;
+  Links links(requests_);
+  const auto takes = [&](const Lanix::EthAddr& address, bool whether) {
+    if (address.isZero()) return true;
+    return check(bridge.name + " and the shared MAC",
+                 links.bridgeTakes(bridge.name, bridge.index, macAddress(address), whether));
+  };
+  if (!takes(before, false)) return false;
+  shared_.erase(bridge.index);
+  if (!takes(wanted, true)) return false;
+  if (!wanted.isZero()) shared_[bridge.index] = wanted;
+  return true;
 }
 
 void SoftForwardSm::synchronise() {
@@ -170,6 +203,7 @@ void SoftForwardAgent::doInit() {
   const Mox::Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
   group->mountIs(kBridgingConfigPath, "Bridging::Config", "r");
+  group->mountIs(kVrMacPath, "Routing::Fhrp::VirtualRouterMacStatus", "r");
   localEntitiesCreatedIs(true);
   group->doClose();
 }
@@ -180,8 +214,10 @@ void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Sta
   const auto status = Mox::dynamicPtrCast<const ArpSuppression::ArpSuppressionStatus>(
       tree->mount("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", "r"));
   if (!switchConfig || !status) return;
-  softForwardSm_ = Mox::make<SoftForwardSm>(taskSchedulerRoot()->scheduler(), switchConfig, status,
-                                            tree->entityOf<const Bridging::Config>(kBridgingConfigPath));
+  softForwardSm_ =
+      Mox::make<SoftForwardSm>(taskSchedulerRoot()->scheduler(), switchConfig, status,
+                               tree->entityOf<const Bridging::Config>(kBridgingConfigPath),
+                               tree->entityOf<const Routing::Fhrp::VirtualRouterMacStatus>(kVrMacPath));
 }
 
 }  // namespace SoftForward

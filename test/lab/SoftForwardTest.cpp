@@ -235,6 +235,32 @@ TEST_F(WholeSwitch, WhatNobodyKnowsReachesEveryEndpointOnceAndTheAnswerComesBack
   EXPECT_THAT(seen.far2, IsEmpty());
 }
 
+// A bridge delivers to itself only what it is told to.
+TEST_F(WholeSwitch, RepliesToTheSharedMacAreTheSwitchsOwn) {
+  constexpr Mac kShared{0, 0, 0x5e, 0, 1, 1};
+  const auto taken = [] {
+    Process bridge({"/sbin/bridge", "fdb", "show", "br", "vlan10"});
+    EXPECT_EQ(bridge.wait(), 0) << bridge.error;
+    return bridge.output.find("00:00:5e:00:01:01 dev vlan10") != std::string::npos;
+  };
+  start({{"state", {{"routing/fhrp/vrMacStatus", {{"vgwVirtualMac", "00:00:5e:00:01:01"}}}}}});
+  const Frame answer = arpFrame({2, kHost1, kHost1Ip, kShared, kGatewayIp}, kShared);
+  const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
+  while (switch_.counters()["vgwReplyAccepted"] == 0 && std::chrono::steady_clock::now() < deadline)
+    host1_->send(answer);
+  EXPECT_EQ(switch_.status({{"localBindings", 1}}), json({{"localBindings", 1}}));
+  EXPECT_TRUE(taken());
+  switch_.set("routing/fhrp/vrMacStatus", {{"vgwVirtualMac", "00:00:00:00:00:00"}});
+  while (taken() && std::chrono::steady_clock::now() < deadline) {
+  }
+  EXPECT_FALSE(taken());
+  switch_.set("routing/fhrp/vrMacStatus", {{"vgwVirtualMac", "00:00:5e:00:01:01"}});
+  while (!taken() && std::chrono::steady_clock::now() < deadline) {
+  }
+  switch_.stop();
+  EXPECT_FALSE(taken());
+}
+
 // What the switch itself asks for: its own datagrams make it resolve an address.
 void datagramTo(const Ip& ip) {
   sockaddr_in to{};
