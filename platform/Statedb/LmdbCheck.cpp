@@ -22,7 +22,8 @@ constexpr std::size_t kPageHeader = 16;
 constexpr std::size_t kNodeHeader = 8;
 constexpr std::size_t kMetaSize = 136;
 constexpr std::uint64_t kNoPage = ~std::uint64_t{0};
-// No store ever commits that often, and a number near the end would wrap: then an older header counts as newer.
+// No store ever commits that often, and a number near the end would wrap: then an older header counts as
+// newer.
 constexpr std::uint64_t kLastTransaction = std::uint64_t{1} << 62;
 constexpr unsigned kMaxDepth = 24;
 enum PageFlag : std::uint16_t { kBranch = 0x01, kLeaf = 0x02, kOverflow = 0x04, kMeta = 0x08 };
