@@ -50,7 +50,7 @@ TEST_F(KernelFollow, VrfsAndVlanInterfacesComeAndGo) {
                  {"state", {{"evpn/status", {{"mplsConfigured", true}, {"vlanToDot1q", {{"10", 10}}}}}}}});
   const json ready = {{"activeVlans", json::array()}, {"trapSocket", "open"}, {"reinjectSocket", "open"}};
   ASSERT_EQ(switch_.status(ready), ready);
-  // The first round opens what is kept for good; each further one must leave as many as it found.
+  // The first round opens what is kept for good; no further one may leave more than it found.
   std::size_t descriptors = 0;
   for (int round = 0; round < 3; ++round) {
     SCOPED_TRACE(round);
@@ -96,11 +96,11 @@ TEST_F(KernelFollow, VrfsAndVlanInterfacesComeAndGo) {
     EXPECT_TRUE(switch_.running()) << switch_.daemon().error;
     std::size_t now = switch_.descriptors();
     const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
-    while (round != 0 && now != descriptors && std::chrono::steady_clock::now() < deadline &&
+    while (round != 0 && now > descriptors && std::chrono::steady_clock::now() < deadline &&
            switch_.daemon().read(kPatience / 100))
       now = switch_.descriptors();
     if (round != 0) {
-      EXPECT_EQ(now, descriptors);
+      EXPECT_LE(now, descriptors);
     }
     // The namespace goes when nothing of the daemon holds it any more, and takes its devices along.
     while (ifIndex("to-vlan10") != 0 && std::chrono::steady_clock::now() < deadline &&

@@ -8,6 +8,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include <cstdlib>
 #include <filesystem>
@@ -208,10 +209,15 @@ json Switch::state(const std::string& path, const char* at, const json& wanted) 
   });
 }
 
+// What counts learning and kernel neighbours.
+constexpr const char* kBeside[] = {"localBinding", "discovery", "arpInput", "kernelInstall"};
+
 std::string difference(const Counters& before, const Counters& after) {
   std::string text;
   for (const auto& [name, value] : after) {
-    if (name.starts_with("localBinding") || name.starts_with("discovery")) continue;
+    const bool beside =
+        std::ranges::any_of(kBeside, [&](const char* with) { return name.starts_with(with); });
+    if (beside) continue;
     const auto old = before.find(name);
     const std::int64_t change = value - (old == before.end() ? 0 : old->second);
     if (change != 0) text += (text.empty() ? "" : " ") + name + "=" + std::to_string(change);

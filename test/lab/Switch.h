@@ -105,7 +105,7 @@ class Switch {
 };
 
 // `after` without what was there `before`: "replyRemote=1 trappedRequest=2", by name. What is done with
-// frames: the counters of what is learned from them are left out.
+// frames: the counters of what is learned from them, and of kernel neighbours, are left out.
 std::string difference(const Counters& before, const Counters& after);
 
 }  // namespace Lab
