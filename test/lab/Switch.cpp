@@ -8,8 +8,8 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <algorithm>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
