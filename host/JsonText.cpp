@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <set>
 #include <vector>
 
 namespace Host {
@@ -73,10 +72,72 @@ std::string readable(const std::string& what) {
   return text;
 }
 
+// Makes the value while the text is read. The library's own parser with a callback goes through all members
+// of an object at the end of each that is an object itself, which takes minutes for the entries of a large
+// table.
+class Builder final : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  nlohmann::json take() { return std::move(root_); }
+  const std::string& error() const { return error_; }
+
+  bool null() override { return put(nullptr); }
+  bool boolean(bool value) override { return put(value); }
+  bool number_integer(number_integer_t value) override { return put(value); }
+  bool number_unsigned(number_unsigned_t value) override { return put(value); }
+  bool number_float(number_float_t value, const string_t& /*text*/) override { return put(value); }
+  bool string(string_t& value) override { return put(std::move(value)); }
+  bool binary(binary_t& /*value*/) override { return false; }  // not in text
+  bool start_object(std::size_t /*elements*/) override { return open(nlohmann::json::object()); }
+  bool end_object() override { return close(); }
+  bool start_array(std::size_t /*elements*/) override { return open(nlohmann::json::array()); }
+  bool end_array() override { return close(); }
+  bool key(string_t& name) override {
+    const auto [member, isNew] = open_.back()->emplace(name, nullptr);
+    member_ = &*member;
+    if (!isNew) {
+      error_ = "the key " +
+               nlohmann::json(name).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
+               " stands twice in one object";
+    }
+    return isNew;
+  }
+  bool parse_error(std::size_t /*position*/, const std::string& /*token*/,
+                   const nlohmann::json::exception& failure) override {
+    error_ = readable(failure.what());
+    return false;
+  }
+
+ private:
+  bool put(nlohmann::json value) {
+    *place() = std::move(value);
+    return true;
+  }
+  bool open(nlohmann::json container) {
+    nlohmann::json* const at = place();
+    *at = std::move(container);
+    open_.push_back(at);
+    return true;
+  }
+  bool close() {
+    open_.pop_back();
+    return true;
+  }
+  // Of the next value.
+  nlohmann::json* place() {
+    if (open_.empty()) return &root_;
+    if (open_.back()->is_object()) return member_;
+    return &open_.back()->emplace_back(nullptr);
+  }
+
+  nlohmann::json root_;
+  std::vector<nlohmann::json*> open_;  // objects and lists, each in the one before it
+  nlohmann::json* member_ = nullptr;   // of the last key
+  std::string error_;
+};
+
 }  // namespace
 
 std::optional<nlohmann::json> parseJson(std::string_view given, Comments comments, std::string& error) {
-  using Event = nlohmann::json::parse_event_t;
   std::string clean;
   if (comments == Comments::allowed) clean = withoutComments(given);
   const std::string_view text = comments == Comments::allowed ? std::string_view(clean) : given;
@@ -84,26 +145,9 @@ std::optional<nlohmann::json> parseJson(std::string_view given, Comments comment
     error = "nested deeper than " + std::to_string(kMaxJsonDepth) + " levels";
     return std::nullopt;
   }
-  std::vector<std::set<std::string>> keys;
-  std::string twice;
-  const auto visit = [&](int, Event event, nlohmann::json& parsed) {
-    if (event == Event::object_start) keys.emplace_back();
-    if (event == Event::object_end) keys.pop_back();
-    if (event == Event::key && twice.empty() &&
-        !keys.back().insert(parsed.get_ref<const std::string&>()).second) {
-      twice = parsed.get_ref<const std::string&>();
-    }
-    return true;
-  };
-  try {
-    nlohmann::json json = nlohmann::json::parse(text.begin(), text.end(), visit);
-    if (twice.empty()) return json;
-    error = "the key " +
-            nlohmann::json(twice).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
-            " stands twice in one object";
-  } catch (const nlohmann::json::exception& failure) {
-    error = readable(failure.what());
-  }
+  Builder builder;
+  if (nlohmann::json::sax_parse(text.begin(), text.end(), &builder)) return builder.take();
+  error = builder.error();
   return std::nullopt;
 }
 
