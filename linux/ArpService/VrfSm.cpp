@@ -26,7 +26,9 @@ constexpr double kFirstRetry = 1;
 constexpr double kLastRetry = 60;
 constexpr double kMoreProbes = 1;
 constexpr double kLongestPeriod = 3600;
-constexpr double kLastWords = 2;
+// At the end. 100,000 neighbours take less than a second, and some on a busy machine; what ends a daemon that
+// does not end itself waits longer than this.
+constexpr double kLastWords = 20;
 
 }  // namespace
 
