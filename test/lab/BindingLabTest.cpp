@@ -1,0 +1,403 @@
+// Bindings on a real kernel: what is learned from hosts that come, move and go silent, and the neighbours
+// that the kernel is given of it.
+
+#include <arpa/inet.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+
+#include <fstream>
+#include <set>
+
+#include "Netlink/Socket.h"
+#include "lab/WholeSwitch.h"
+
+namespace Lab {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using TextSet = std::set<std::string>;
+
+std::string macText(const Mac& mac) {
+  char text[18];
+  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4],
+                mac[5]);
+  return text;
+}
+
+std::string ipTail(unsigned high, unsigned low) {
+  return "." + std::to_string(high) + "." + std::to_string(low);
+}
+
+// "10.0.10.99 02:00:00:00:00:99 permanent 110", "10.0.10.99 02:00:00:00:00:99 dynamic", "10.0.10.99" for one
+// that the kernel cannot use; empty for what is no host's.
+std::string neighbourText(const Netlink::Received& message) {
+  constexpr Netlink::Policy kPolicy[] = {{NDA_DST, Netlink::Kind::bytes, 4, 16},
+                                         {NDA_LLADDR, Netlink::Kind::bytes, 0, 32},
+                                         {NDA_PROTOCOL, Netlink::Kind::u8}};
+  const auto header = message.header<ndmsg>();
+  const Netlink::Attributes attributes(message.attributes(sizeof(ndmsg)), kPolicy);
+  const auto ip = attributes.bytes(NDA_DST);
+  if (!header || !ip || (header->ndm_state & NUD_NOARP) != 0) return {};
+  char address[INET6_ADDRSTRLEN];
+  inet_ntop(header->ndm_family, ip->data(), address, sizeof address);
+  const auto lladdr = attributes.bytes(NDA_LLADDR);
+  if (!lladdr || lladdr->size() != 6 || (header->ndm_state & (NUD_INCOMPLETE | NUD_FAILED)) != 0)
+    return address;
+  Mac mac;
+  std::memcpy(mac.data(), lladdr->data(), mac.size());
+  const bool permanent = (header->ndm_state & NUD_PERMANENT) != 0;
+  return std::string(address) + " " + macText(mac) +
+         (permanent ? " permanent " + std::to_string(attributes.u8(NDA_PROTOCOL).value_or(0)) : " dynamic");
+}
+
+TextSet neighboursIn(const Namespace& where) {
+  TextSet texts;
+  const Entered entered(where);
+  Netlink::Socket socket(NETLINK_ROUTE);
+  const auto error = socket.dump(
+      Netlink::Message(RTM_GETNEIGH).header(ndmsg{}),
+      [&](const Netlink::Received& message) { texts.insert(neighbourText(message)); },
+      [&] { texts.clear(); });
+  EXPECT_FALSE(error.has_value());
+  std::erase_if(texts, [](const std::string& text) { return text.find(' ') == std::string::npos; });
+  return texts;
+}
+
+// Hears what is done to the neighbours of a namespace.
+class Monitor {
+ public:
+  explicit Monitor(const Namespace& where) {
+    const Entered entered(where);
+    socket_.emplace(NETLINK_ROUTE, Netlink::Options{.receiveBuffer = 64 << 20});
+    EXPECT_FALSE(socket_->join(RTNLGRP_NEIGH).has_value());
+  }
+  // Since the last time; of one that goes the kernel tells that it has no MAC any more.
+  TextSet heard() {
+    TextSet texts;
+    Netlink::Notifications result;
+    do {
+      result = socket_->receive([&](const Netlink::Received& message) {
+        const std::string text = neighbourText(message);
+        if (!text.empty()) texts.insert(text);
+      });
+      EXPECT_FALSE(result.overrun);
+    } while (result.more);
+    return texts;
+  }
+
+ private:
+  std::optional<Netlink::Socket> socket_;
+};
+
+void writeTo(const std::string& file, const std::string& value) {
+  std::ofstream out(file);
+  out << value << std::flush;
+  EXPECT_TRUE(out.good()) << file;
+}
+
+class Bindings : public WholeSwitch {
+ protected:
+  static json agents(json more = json::object()) {
+    more["agents"] = {"KernelState", "ArpService", "SoftForward", "ArpSuppression"};
+    return more;
+  }
+
+  // What `ask` says, at the latest when it is the wanted.
+  template <class T, class Ask>
+  T eventually(const T& wanted, const Ask& ask) {
+    const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
+    T had = ask();
+    while (had != wanted && std::chrono::steady_clock::now() < deadline &&
+           switch_.daemon().read(std::chrono::milliseconds(10)))
+      had = ask();
+    EXPECT_TRUE(switch_.running()) << switch_.daemon().error;
+    return had;
+  }
+  void expectNeighbours(const Namespace& where, const TextSet& wanted) {
+    EXPECT_EQ(eventually(wanted, [&] { return neighboursIn(where); }), wanted);
+  }
+  void expectNeighbour(const std::string& wanted) {
+    const auto has = [&] { return neighboursIn(switch_.netNs()).contains(wanted); };
+    EXPECT_TRUE(eventually(true, has)) << wanted;
+  }
+  void expectLocal(const TextSet& wanted) {
+    EXPECT_EQ(eventually(wanted, [&] { return local(); }), wanted);
+  }
+  // The local bindings: "10.0.10.99 02:00:00:00:00:99".
+  TextSet local() {
+    TextSet texts;
+    for (const json& binding : switch_.shown({"bindings", "local"}))
+      texts.insert(binding["ip"].get<std::string>() + " " + binding["mac"].get<std::string>());
+    return texts;
+  }
+  void remote(const Strings& arguments) {
+    Strings command = {"remote"};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    const Result result = switch_.arpsup(command);
+    EXPECT_EQ(result.status, 0) << result.error;
+  }
+  // Host 2 asks for the remote host and gets the answer.
+  void ask() {
+    const double before = daemonSeconds();
+    host2_->send(arpFrame({1, kHost2, kHost2Ip, {}, kRemoteIp}));
+    ASSERT_TRUE(
+        host2_->receiveUntil(arpFrame({2, kRemote, kRemoteIp, kHost2, kHost2Ip}, kHost2)).has_value());
+    longestAnswer_ = std::max(longestAnswer_, daemonSeconds() - before);
+  }
+  // Of CPU time: what else the machine does meanwhile is not the daemon's.
+  double daemonSeconds() {
+    clockid_t clock{};
+    timespec used{};
+    clock_getcpuclockid(switch_.daemon().pid(), &clock);
+    clock_gettime(clock, &used);
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
+  }
+  static Frame announcement(const Mac& mac, const Ip& ip) { return arpFrame({1, mac, ip, {}, ip}); }
+
+  double longestAnswer_ = 0;  // of ask()
+};
+
+TEST_F(Bindings, OfRemoteHostsAreKernelNeighboursThatNobodyTouchesAgain) {
+  const Namespace red("red");
+  json config = agents(vlan20Is(red));
+  writeTo("/proc/sys/net/ipv6/conf/vlan10/disable_ipv6", "0");
+  {
+    const Entered entered(red);
+    writeTo("/proc/sys/net/ipv6/conf/vlan20/disable_ipv6", "0");
+  }
+  // On both VLANs, so that link-local addresses are in two places.
+  json& bindings = config["state"][kBindings]["remoteBinding"];
+  TextSet here = {"10.0.10.99 02:00:00:00:00:99 permanent 110"};
+  TextSet there = {"10.0.20.99 02:00:00:00:00:98 permanent 110"};
+  for (const char* ip : {"10.0.0.98", "2001:db8::98", "fe80::98"}) {
+    for (const char* vlan : {"10 ", "20 "}) bindings[vlan + std::string(ip)]["mac"] = "02:00:00:00:00:98";
+    for (TextSet* neighbours : {&here, &there})
+      neighbours->insert(std::string(ip) + " 02:00:00:00:00:98 permanent 110");
+  }
+  start(config, {10, 20});
+  expectNeighbours(red, there);
+  // The hosts that spoke at the start are known by what the kernel resolved.
+  expectLocal({"10.0.10.11 02:00:00:00:00:11"});
+  here.insert("10.0.10.11 02:00:00:00:00:11 dynamic");
+  expectNeighbours(switch_.netNs(), here);
+
+  Monitor monitorHere(switch_.netNs());
+  Monitor monitorThere(red);
+  switch_.set("routing/l2vpn/config", {{"selectiveArpInstall", true}});
+  switch_.set("routing/l2vpn/config", {{"selectiveArpInstall", false}});
+  KernelState::addressIs("vlan10", "10.0.11.1/24");
+  {
+    const Entered entered(red);
+    vethIs("vlan30", "to-vlan30", outside_);
+    KernelState::addressIs("vlan20", "10.0.21.1/24");
+  }
+  EXPECT_EQ(switch_.state("ip/status", "/ipIntfStatus/Vlan30/vrfName", "red"), "red");
+  const std::string last = "10.0.0.97 02:00:00:00:00:97 permanent 110";
+  for (const char* vlan : {"10", "20"}) remote({"add", vlan, "10.0.0.97", "02:00:00:00:00:97"});
+  here.insert(last);
+  there.insert(last);
+  expectNeighbours(switch_.netNs(), here);
+  expectNeighbours(red, there);
+  for (Monitor* monitor : {&monitorHere, &monitorThere}) EXPECT_THAT(monitor->heard(), ElementsAre(last));
+
+  // What was added by hand is not advertised any more after a restart.
+  switch_.kill();
+  start(config, {10, 20});
+  here.erase(last);
+  there.erase(last);
+  expectNeighbours(red, there);
+  expectNeighbours(switch_.netNs(), here);
+  for (Monitor* monitor : {&monitorHere, &monitorThere})
+    EXPECT_THAT(monitor->heard(), ElementsAre("10.0.0.97"));
+
+  switch_.stop();
+  EXPECT_THAT(neighboursIn(red), IsEmpty());
+  EXPECT_THAT(neighboursIn(switch_.netNs()), ElementsAre("10.0.10.11 02:00:00:00:00:11 dynamic"));
+}
+
+TEST_F(Bindings, FollowAStationThatMoves) {
+  writeTo("/proc/sys/net/ipv6/conf/vlan10/disable_ipv6", "0");
+  start(agents());
+  const std::string host1 = "10.0.10.11 02:00:00:00:00:11";
+  const std::string station[] = {"10.0.10.99", "10.0.10.98", "2001:db8::99"};
+  TextSet here = {host1};
+  for (const std::string& ip : station) here.insert(ip + " 02:00:00:00:00:99");
+  for (const bool heardFirst : {true, false}) {
+    SCOPED_TRACE(heardFirst);
+    far_->send(announcement(kRemote, kRemoteIp));
+    for (const std::string& ip : station) remote({"add", "10", ip, "02:00:00:00:00:99"});
+    expectLocal({host1});
+    for (const std::string& ip : station) expectNeighbour(ip + " 02:00:00:00:00:99 permanent 110");
+    // It speaks here with one of its addresses, and is known here with all of them.
+    host2_->send(announcement(kRemote, kRemoteIp));
+    expectLocal(here);
+    for (const std::string& ip : station) expectNeighbour(ip + " 02:00:00:00:00:99 dynamic");
+    remote({"clear"});
+    expectLocal(here);
+    // It goes back, and is heard there before it is advertised, or later.
+    if (!heardFirst) continue;
+    far_->send(announcement(kRemote, kRemoteIp));
+    expectLocal({host1});
+  }
+  remote({"add", "10", station[0], "02:00:00:00:00:99"});
+  here.erase(station[0] + " 02:00:00:00:00:99");
+  expectLocal(here);
+  expectNeighbour(station[0] + " 02:00:00:00:00:99 permanent 110");
+  far_->send(announcement(kRemote, kRemoteIp));
+  expectLocal({host1});
+
+  // Two claim one address: the latter has it, until it leaves.
+  const Ip shared{10, 0, 10, 50};
+  host1_->send(announcement(kHost1, shared));
+  expectLocal({host1, "10.0.10.50 02:00:00:00:00:11"});
+  expectNeighbour("10.0.10.50 02:00:00:00:00:11 dynamic");
+  host2_->send(announcement(kHost2, shared));
+  expectLocal({host1, "10.0.10.50 02:00:00:00:00:12"});
+  expectNeighbour("10.0.10.50 02:00:00:00:00:12 dynamic");
+  far_->send(announcement(kHost1, kHost1Ip));
+  expectLocal({"10.0.10.50 02:00:00:00:00:12"});
+  far_->send(announcement(kHost2, kHost2Ip));
+  expectLocal({});
+  switch_.stop();
+}
+
+TEST_F(Bindings, OfASilentHostGoWithItsNeighbour) {
+  const std::pair<const char*, const char*> times[] = {
+      {"base_reachable_time_ms", "200"}, {"delay_first_probe_time", "0"}, {"retrans_time_ms", "100"}};
+  for (const auto& [name, value] : times)
+    writeTo(std::string("/proc/sys/net/ipv4/neigh/vlan10/") + name, value);
+  start(agents({{"neighborRefreshSeconds", 1}}));
+  host2_->send(announcement(kHost2, kHost2Ip));
+  const std::string host1 = "10.0.10.11 02:00:00:00:00:11";
+  expectLocal({host1, "10.0.10.12 02:00:00:00:00:12"});
+  // Host 1 answers when it is asked for, host 2 does not.
+  const Mac own = macOf("vlan10");
+  int asked = 0;
+  const auto answering = [&] {
+    while (const auto frame = host1_->receive(std::chrono::milliseconds(0))) {
+      const Frame probe = arpFrame({1, own, kGatewayIp, {}, kHost1Ip}, kHost1);
+      if (*frame != probe) continue;
+      ++asked;
+      host1_->send(arpFrame({2, kHost1, kHost1Ip, own, kGatewayIp}, own));
+    }
+    return local();
+  };
+  EXPECT_EQ(eventually(TextSet{host1}, answering), TextSet{host1});
+  const int before = asked;
+  EXPECT_TRUE(eventually(true, [&] { return answering() != TextSet{host1} || asked > before + 1; }));
+  EXPECT_EQ(local(), TextSet{host1});
+  const TextSet left = {"10.0.10.11 02:00:00:00:00:11 dynamic", "10.0.10.99 02:00:00:00:00:99 permanent 110"};
+  EXPECT_EQ(neighboursIn(switch_.netNs()), left);
+  EXPECT_GT(switch_.shown({"show", "arp/service/status"})["vrf"]["default"]["probes"], 2);
+  switch_.stop();
+}
+
+// The bridge forgets who is behind the port.
+void flushPort(const std::string& port) {
+  ifinfomsg link{};
+  link.ifi_index = static_cast<int>(ifIndex(port));
+  KernelState::request(
+      std::move(Netlink::Message(RTM_NEWLINK).header(link).nest(IFLA_LINKINFO, [](Netlink::Message& info) {
+        info.string(IFLA_INFO_SLAVE_KIND, "bridge").nest(IFLA_INFO_SLAVE_DATA, [](Netlink::Message& data) {
+          data.bytes(IFLA_BRPORT_FLUSH, {});
+        });
+      })));
+}
+
+TEST_F(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
+  constexpr int kSenders = 10'000;
+  constexpr int kBurst = 50;  // between two questions
+  // The address sanitizer would keep what is freed.
+  const char* const options = std::getenv("ASAN_OPTIONS");
+  setenv("ASAN_OPTIONS", (std::string(options ? options : "") + ":quarantine_size_mb=1").c_str(), 1);
+  start(agents());
+  std::uint64_t resident[3] = {};
+  for (std::uint64_t& pages : resident) {
+    Monitor monitor(switch_.netNs());
+    TextSet senders;
+    for (int i = 0; i < kSenders; ++i) {
+      const auto high = static_cast<std::uint8_t>(i >> 8);
+      const auto low = static_cast<std::uint8_t>(i);
+      const Mac mac{0x02, 0, 0, 1, high, low};
+      host1_->send(arpFrame({1, mac, {10, 1, high, low}, {}, kRemoteIp}));
+      senders.insert("10.1" + ipTail(high, low) + " " + macText(mac));
+      if (i % kBurst == 0) ask();
+    }
+    ask();
+    const TextSet known = local();
+    const TextSet heard = monitor.heard();
+    // A kernel that is short of neighbours may drop one, and the binding goes with it.
+    for (const std::string& sender : senders)
+      EXPECT_TRUE(known.contains(sender) || heard.contains(sender.substr(0, sender.find(' ')))) << sender;
+    flushPort("Ethernet1");
+    for (int i = 0; i < 500; ++i) ask();
+    expectLocal({"10.0.10.12 02:00:00:00:00:12"});
+    const TextSet left = {"10.0.10.99 02:00:00:00:00:99 permanent 110"};
+    const auto permanent = [&] {
+      ask();
+      TextSet neighbours = neighboursIn(switch_.netNs());
+      std::erase_if(neighbours, [](const std::string& text) { return text.ends_with("dynamic"); });
+      return neighbours;
+    };
+    EXPECT_EQ(eventually(left, permanent), left);
+    std::uint64_t size = 0;
+    std::ifstream("/proc/" + std::to_string(switch_.daemon().pid()) + "/statm") >> size >> pages;
+  }
+  EXPECT_LE(resident[2], resident[1] + 256) << "pages";
+  EXPECT_LE(longestAnswer_, 0.05) << "seconds";
+  switch_.stop();
+}
+
+TEST_F(Bindings, AHundredThousandAreTakenOverAfterAKill) {
+  constexpr int kAll = 100'000;
+  constexpr int kWithdrawn = 1'000;
+  const Namespace red("red");
+  json config = agents(vlan20Is(red));
+  start(config, {10, 20});
+  const std::string file = switch_.runDirectory() + "-bindings.csv";  // goes with the switch
+  json& advertised = config["state"][kBindings]["remoteBinding"];
+  TextSet withdrawn;
+  {
+    std::ofstream csv(file);
+    for (int i = 0; i < kAll; ++i) {
+      const auto high = static_cast<std::uint8_t>(i >> 8);
+      const auto low = static_cast<std::uint8_t>(i);
+      const std::string ip = "10." + std::to_string(100 + (i >> 16)) + ipTail(high, low);
+      const std::string mac = macText({0x02, 0, 0, static_cast<std::uint8_t>(2 + (i >> 16)), high, low});
+      csv << "20," << ip << "," << mac << "\n";
+      if (i % (kAll / kWithdrawn) == 0) {
+        withdrawn.insert(ip);
+      } else {
+        advertised["20 " + ip]["mac"] = mac;
+      }
+    }
+  }
+  remote({"load", file});
+  const auto expectProgrammed = [&](std::size_t entries) {
+    const json programmed = {
+        {"programmed", entries}, {"pending", 0}, {"refusals", 0}, {"probes", 0}, {"problem", ""}};
+    EXPECT_EQ(switch_.state("arp/service/status", "/vrf/red", programmed), programmed);
+  };
+  expectProgrammed(kAll + 1);
+  EXPECT_EQ(neighboursIn(red).size(), kAll + 1);
+
+  switch_.kill();
+  Monitor monitor(red);
+  start(config, {10, 20});
+  constexpr std::size_t kLeft = kAll + 1 - kWithdrawn;
+  const auto present = [&] {
+    for (int i = 0; i < 10; ++i) ask();
+    return neighboursIn(red).size();
+  };
+  EXPECT_EQ(eventually(kLeft, present), kLeft);
+  expectProgrammed(kLeft);
+  EXPECT_EQ(monitor.heard(), withdrawn) << "nothing else was written or removed";
+  EXPECT_EQ(switch_.shown({"show", "arp/input/config/arpSuppression"})["vrf"]["red"]["ipv4"].size(), kLeft);
+  switch_.stop();
+  EXPECT_THAT(neighboursIn(red), IsEmpty());
+}
+
+}  // namespace
+}  // namespace Lab
