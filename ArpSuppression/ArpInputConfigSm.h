@@ -61,9 +61,8 @@ class ArpInputConfigVlanL3InfoSm final : public Mox::Entity {
 // network. For each address it decides what serves it, and writes, refreshes or deletes the one entry of the
 // ARP service's input for it:
 //
-//   a local binding    an entry of ARP type 1, until the kernel has a neighbour of its own for the address;
-//   the
-//                      binding goes when that neighbour expires
+//   a local binding    an entry of ARP type 1, until the kernel has a neighbour of its own for the address,
+//                      with which the binding then goes
 //   a remote binding   an entry of ARP type 0; with selective installation only where there is one already
 //   nothing            none; but a host on a segment that this switch shares, whose remote binding has just
 //                      gone, is written once more as a dynamic entry (ARP type 1), for the kernel to refresh
