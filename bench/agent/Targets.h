@@ -3,11 +3,13 @@
 #include <cstdint>
 #include <cstring>
 
+#include "ArpSuppression/Rig.h"
 #include "Lanix/EthAddr.h"
 #include "Lanix/Wire.h"
 #include "support/FakePacketSockets.h"
 
-// The bindings that the benchmarks of the agent load: 65,536 addresses a VLAN, from VLAN 10 on.
+// The bindings that the benchmarks of the agent load: 65,536 a VLAN, from VLAN 10 on. All VLANs are in one
+// VRF and usable, so that each binding becomes a kernel neighbour in the output.
 
 namespace ArpSuppression {
 
@@ -16,11 +18,19 @@ struct Target {
   std::uint32_t address;
 };
 
-inline Target targetOf(std::uint32_t i) { return {10 + i / 65536, 0x0a010000 + i % 65536}; }
+inline Target targetOf(std::uint32_t i) { return {10 + i / 65536, 0x0a010000 + i}; }
 
 inline Lanix::EthAddr macOf(std::uint32_t i) {
   return Lanix::EthAddr({0x02, 0x10, static_cast<std::uint8_t>(i >> 24), static_cast<std::uint8_t>(i >> 16),
                          static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)});
+}
+
+// The VLANs of so many bindings, beside the rig's own.
+inline void makeVlans(Rig& rig, std::uint32_t bindings) {
+  for (std::uint32_t vlan = 11; vlan <= targetOf(bindings - 1).vlan; ++vlan) {
+    rig.vlanInterface(vlan, "red", 1000 + vlan, "10.0.0.1/8");
+    rig.evpn()->vlanToDot1qIs(Vlan(vlan), static_cast<std::uint16_t>(vlan));
+  }
 }
 
 // Makes a trapped request one for another target.

@@ -223,6 +223,7 @@ void run(std::uint32_t bindings) {
   rig.device("default", "fabric", if_nametoindex("fabric"));
   rig.device("default", "arpsnoop", if_nametoindex("arpsnoop"));
   rig.device("default", "arpinject", if_nametoindex("arpinject"));
+  makeVlans(rig, bindings);
   const auto remote = rig.table<RemoteBindingConfig>("arpSuppression/remoteBindingConfig/evpn");
   const auto fdb = rig.table<Memtab::Bridging::Status>("bridging/status");
   for (std::uint32_t i = 0; i < bindings; ++i) {
@@ -232,7 +233,6 @@ void run(std::uint32_t bindings) {
                {Bridging::EntryType::evpnLearned, intf("core10")});
   }
   rig.start();
-  while (!rig.root()->remoteBindingStatus->initialPopulationComplete()) rig.settle();
   rig.settle();
   for (const bool allIn : {true, false}) {
     steer("arpsnoop", allIn);
