@@ -1,32 +1,53 @@
 #include "ArpSuppression/LocalRequestRecord.h"
 
+#include <algorithm>
+
 #include "ArpSuppression/Trace.h"
 
 namespace ArpSuppression {
 
 namespace {
 constexpr char kSource[] = "ArpSuppression/LocalRequestRecord";
-}
+
+constexpr auto kLater = [](const LocalRequestRecordEntry& a, const LocalRequestRecordEntry& b) {
+  return a.lastRequestTime > b.lastRequestTime;
+};
+
+}  // namespace
 
 void LocalRequestRecord::recordLocalRequest(const RemoteBindingKey& key, double now) {
-  AgeList::iterator* const found = index_.find(key);
+  double* const found = lastRequestTime_.find(key);
   TRACE8("remoteBindingKey=" << key << " e=" << (found != nullptr));
-  if (!found) {
-    index_.insert(key, ageList_.insert(ageList_.end(), {key, now}));
+  if (found) {
+    *found = now;
     return;
   }
-  (*found)->lastRequestTime = now;
-  ageList_.splice(ageList_.end(), ageList_, *found);
+  lastRequestTime_.insert(key, now);
+  line_.push_back({key, now});  // nothing in line is later: it is a heap as it stands
+}
+
+void LocalRequestRecord::entryRequeue() {
+  std::pop_heap(line_.begin(), line_.end(), kLater);
+  line_.back().lastRequestTime = lastRequestTime(line_.back().remoteBindingKey);
+  std::push_heap(line_.begin(), line_.end(), kLater);
 }
 
 bool LocalRequestRecord::entryDel(const RemoteBindingKey& key) {
-  if (!index_.find(key)) return false;
-  ageList_.erase(index_.take(key));
+  if (!lastRequestTime_.find(key)) return false;
+  lastRequestTime_.take(key);
+  if (line_.front().remoteBindingKey == key) {
+    std::pop_heap(line_.begin(), line_.end(), kLater);
+    line_.pop_back();
+  } else {
+    std::erase_if(line_, [&](const auto& entry) { return entry.remoteBindingKey == key; });
+    std::make_heap(line_.begin(), line_.end(), kLater);
+  }
   return true;
 }
 
 void LocalRequestRecord::entryDelAll() {
-  while (!ageList_.empty()) entryDel(RemoteBindingKey(ageList_.front().remoteBindingKey));
+  Mox::HashMap<RemoteBindingKey, double>().swap(lastRequestTime_);
+  line_.clear();
 }
 
 void LocalRequestRecord::dumpState(Orb::DumpContext& context, int indent) const {

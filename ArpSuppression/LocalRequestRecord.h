@@ -1,6 +1,6 @@
 #pragma once
 
-#include <list>
+#include <deque>
 
 #include "ArpSuppression/ArpSuppression.h"
 #include "Mox/HashTable.h"
@@ -14,26 +14,37 @@ struct LocalRequestRecordEntry {
   double lastRequestTime = 0;  // seconds on the event loop's clock
 };
 
-// The keys that hosts asked for recently. Entries also stand in a list in order of their last request, so
-// that ageing looks only at those that expire.
+// The keys that hosts asked for recently, and since when each may have to go.
+//
+// A refresh writes the time of the request and touches nothing else. So the line in which entries wait for
+// their end holds each as of when it was put there last: `oldest` is one that nobody was in line before, and
+// may have been asked for again since. `entryRequeue` puts it where it belongs now. An ageing pass that does
+// so looks at an entry once a lifetime, and at the exact end of it.
 class LocalRequestRecord final : public Mox::Entity {
  public:
   // Makes or refreshes the entry. `now` never goes back.
   void recordLocalRequest(const RemoteBindingKey& key, double now);
-  bool entryHas(const RemoteBindingKey& key) const { return index_.find(key) != nullptr; }
+  // Brings the place of the entry into the processor's cache, for callers that know keys ahead.
+  void prefetch(const RemoteBindingKey& key) const { lastRequestTime_.prefetch(key); }
+  bool entryHas(const RemoteBindingKey& key) const { return lastRequestTime_.find(key) != nullptr; }
+  // Fast for the oldest; any other is looked for one by one.
   bool entryDel(const RemoteBindingKey& key);
   void entryDelAll();
-  std::size_t entrys() const { return ageList_.size(); }
-  // The entry whose last request is longest ago; null when there is none.
-  const LocalRequestRecordEntry* oldest() const { return ageList_.empty() ? nullptr : &ageList_.front(); }
+  std::size_t entrys() const { return line_.size(); }
+  // The first in line, with the time at which it was put there; null when there is none.
+  const LocalRequestRecordEntry* oldest() const { return line_.empty() ? nullptr : &line_.front(); }
+  // Puts the first in line where its latest request belongs; there must be one.
+  void entryRequeue();
+  // When the key was last asked for; it must have an entry.
+  double lastRequestTime(const RemoteBindingKey& key) const { return *lastRequestTime_.find(key); }
 
   Mox::String toStrep() const { return "<LocalRequestRecord>"; }
   void dumpState(Orb::DumpContext& context, int indent) const;
 
  private:
-  using AgeList = std::list<LocalRequestRecordEntry>;  // oldest first
-  AgeList ageList_;
-  Mox::HashMap<RemoteBindingKey, AgeList::iterator> index_;
+  Mox::HashMap<RemoteBindingKey, double> lastRequestTime_;
+  // One for each of them: a heap with the earliest time in front, in pieces that never move.
+  std::deque<LocalRequestRecordEntry> line_;
 };
 
 inline Ptr<LocalRequestRecord> localRequestRecordFactory() { return Mox::make<LocalRequestRecord>(); }

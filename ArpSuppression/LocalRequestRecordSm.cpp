@@ -36,15 +36,19 @@ void LocalRequestRecordSm::handleTrappedRequest() {
 Orb::WalkRet LocalRequestRecordSm::walk() {
   Orb::WalkRet ret;
   const double now = scheduler()->loop().now();
+  const auto left = [&](double requestTime) { return requestTime + entryLifetime_ - now; };
   while (const LocalRequestRecordEntry* const entry = localRequestRecord_->oldest()) {
-    const double left = entry->lastRequestTime + entryLifetime_ - now;
-    if (left > 0) {
-      scheduleWalk(left);
+    if (const double wait = left(entry->lastRequestTime); wait > 0) {
+      scheduleWalk(wait);
       break;
     }
     const RemoteBindingKey key = entry->remoteBindingKey;
-    TRACE8("expired remoteBindingKey=" << key);
-    localRequestRecord_->entryDel(key);
+    if (left(localRequestRecord_->lastRequestTime(key)) > 0) {
+      localRequestRecord_->entryRequeue();
+    } else {
+      TRACE8("expired remoteBindingKey=" << key);
+      localRequestRecord_->entryDel(key);
+    }
     ++ret.processed;
     if (mustYield()) {
       ret.moreWork = true;

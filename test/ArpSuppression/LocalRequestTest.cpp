@@ -57,6 +57,24 @@ TEST(LocalRequest, every_request_counts_from_its_latest_repetition) {
   EXPECT_THAT(recorded(rig), IsEmpty()) << "and again for the next entry";
 }
 
+TEST(LocalRequest, an_entry_is_in_line_once_wherever_it_is_taken_from) {
+  LocalRequestRecord record;
+  const auto key = [](int host) {
+    return RemoteBindingKey{Vlan(10), ip(("10.0.0." + std::to_string(host)).c_str())};
+  };
+  for (int host : {1, 2, 3, 4}) record.recordLocalRequest(key(host), host);
+  record.recordLocalRequest(key(1), 5);
+  EXPECT_TRUE(record.entryDel(key(3)));
+  EXPECT_FALSE(record.entryDel(key(3)));
+  record.recordLocalRequest(key(3), 6);
+  ASSERT_EQ(record.oldest()->remoteBindingKey, key(1)) << "as of its first request";
+  record.entryRequeue();
+  std::vector<double> times;
+  for (; record.oldest(); record.entryDel(RemoteBindingKey(record.oldest()->remoteBindingKey)))
+    times.push_back(record.oldest()->lastRequestTime);
+  EXPECT_THAT(times, ElementsAre(2, 4, 5, 6));
+}
+
 TEST(LocalRequest, lifetime_may_change_and_a_stop_leaves_the_record_to_its_end) {
   Rig rig;
   rig.start();
