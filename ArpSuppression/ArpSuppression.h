@@ -72,14 +72,15 @@ constexpr std::array<const char*, 2> moxEnumNames(TrappedMessage::MessageType) {
 // at once.
 //
 // Frames that are read together are a batch: `inBatch` is true while it is handed over, so that answers may
-// wait for its end and go out together. Before that each of its requests is announced, twice, to whoever
-// wants to have what it will look up in the processor's cache by then: the first round finds what hangs on
-// the request, the second what hangs on that.
+// wait for its end and go out together. Before that each of its requests is announced, in several rounds, to
+// whoever wants to have what it will look up in the processor's cache by then: the first round finds what
+// hangs on the request, the next what hangs on that.
 class MessageTrap final : public Mox::Entity {
  public:
   MOX_ATTRIBUTE(Ptr<const TrappedMessage>, lastTrappedMessage)
   MOX_ATTRIBUTE(bool, inBatch, false)
 
+  static constexpr int kAheadRounds = 4;
   using Ahead =
       std::function<void(int round, Bridging::VlanId vlanId, const Lanix::IpGenAddr& targetIpAddress)>;
   // One at most; an empty function takes it away.

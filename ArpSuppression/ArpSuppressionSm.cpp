@@ -28,6 +28,9 @@ char letter(Type type) {
 
 const char* yesNo(bool value) { return value ? "yes" : "no"; }
 
+// Bindings from which on the tables do not fit into the processor's cache.
+constexpr std::uint64_t kLookAheadFrom = 16384;
+
 // The reply as it goes to "fabric": tagged, and not padded.
 struct ArpReplyFrame {
   Lanix::EthAddr destination;
@@ -140,26 +143,36 @@ ArpSuppressionSm::Facts ArpSuppressionSm::gather(const Request& request) const {
   return facts;
 }
 
-// --- The decision
 Bridging::Fid ArpSuppressionSm::fidOf(Bridging::VlanId vlanId) const {
   const Bridging::Fid fid = bridgingConfig_->vidToFidMap(vlanId);
   return fid == 0 ? vlanId.value() : fid;
 }
 
-// Brings the binding of an address that will be asked for, and then the MAC table entry of its owner, into
-// the cache.
+// Brings what a request will look up into the cache: the record of its key and the binding, then the MAC
+// table entry of the owner. Each round finds what the one before brought. Small tables are in the cache
+// anyway.
 void ArpSuppressionSm::lookAhead(int round, Bridging::VlanId vlanId,
                                  const Lanix::IpGenAddr& targetIpAddress) const {
+  if (remoteBindingConfig_->remoteBindings() < kLookAheadFrom) return;
   const RemoteBindingKey key{vlanId, targetIpAddress};
-  if (round == 0) {
-    remoteBindingConfig_->remoteBindingCollection().prefetch(key);
-  } else {
-    bridgingStatus_->fdbCollection().prefetch(
-        {fidOf(vlanId), remoteBindingConfig_->remoteBinding(key).macAddress});
+  const auto& bindings = remoteBindingConfig_->remoteBindingCollection();
+  const auto owner = [&] {
+    return Bridging::HostKey{fidOf(vlanId), remoteBindingConfig_->remoteBinding(key).macAddress};
+  };
+  switch (round) {
+    case 0:
+      localRequestRecord_->prefetch(key);
+      return bindings.prefetchTags(key);
+    case 1:
+      return bindings.prefetch(key);
+    case 2:
+      return bridgingStatus_->fdbCollection().prefetchTags(owner());
+    default:
+      return bridgingStatus_->fdbCollection().prefetch(owner());
   }
 }
 
-// -------------------------------------------------------------------------------------------------------
+// --- The decision ----------------------------------------------------------------------------------------
 
 ArpSuppressionSm::Decision ArpSuppressionSm::decide(const Facts& facts) {
   constexpr Decision kFlood{Action::flood, Id::floodedToRemoteTeps, {}};

@@ -94,8 +94,8 @@ Orb::WalkRet MessageTrapSm::walk() {
     const std::size_t count = static_cast<std::size_t>(read);
     const auto data = [&](std::size_t i) { return MessageData(buffers[i]).first(frames[i].size); };
     if (count > 1) {
-      for (std::size_t i = 0; i < count; ++i) announce(data(i), 0);
-      for (std::size_t i = 0; i < count; ++i) announce(data(i), 1);
+      for (int round = 0; round < MessageTrap::kAheadRounds; ++round)
+        for (std::size_t i = 0; i < count; ++i) announce(data(i), round);
     }
     {
       const Batch batch(*receivedRequestTrap_);

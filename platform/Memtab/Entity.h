@@ -82,6 +82,9 @@ class Collection final : public TableBase {
     }
     return std::nullopt;
   }
+  void prefetchTags(const Key& key) const {
+    if (reader_) reader_->prefetchTags(key);
+  }
   void prefetch(const Key& key) const {
     if (reader_) reader_->prefetch(key);
   }

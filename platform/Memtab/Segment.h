@@ -85,6 +85,7 @@ class Segment {
   std::uint64_t tags(std::uint64_t index) const {
     return loadWord(tagWords_ + index / kBucketSlots, std::memory_order_acquire);
   }
+  void prefetchTags(std::uint64_t index) const { __builtin_prefetch(tagWords_ + index / kBucketSlots); }
   std::uint64_t tag(std::uint64_t index) const { return tags(index) >> (index % kBucketSlots * 8) & 0xff; }
   // Writer only.
   void tagIs(std::uint64_t index, std::uint64_t tag) {
@@ -167,6 +168,17 @@ bool keyIs(const S& shape, const std::uint32_t* slot, const std::uint32_t* key) 
   return difference == 0;
 }
 
+// Of a bucket's tags those of this hash: the high bit of each that is equal; rarely one too many, never one
+// too few.
+inline std::uint64_t equalTags(std::uint64_t tags, std::uint64_t hash) {
+  const std::uint64_t difference = tags ^ tagOf(hash) * kTagLowBits;
+  return (difference - kTagLowBits) & ~difference & kTagHighBits;
+}
+// The first of them: its place in the bucket.
+inline std::uint64_t tagIndex(std::uint64_t equal) {
+  return static_cast<std::uint64_t>(std::countr_zero(equal)) / 8;
+}
+
 // A probe: the key's slot (found), else the free slot where the probe ended, else null at the end of the
 // segment.
 struct Probe {
@@ -178,15 +190,11 @@ struct Probe {
 
 template <class S>
 Probe probe(const Segment& segment, const S& shape, const std::uint32_t* key, std::uint64_t hash) {
-  const std::uint64_t wanted = tagOf(hash) * kTagLowBits;
   const std::uint32_t* const slots = segment.slot(0);
   for (std::uint64_t bucket = segment.home(hash); bucket < segment.slots(); bucket += kBucketSlots) {
     const std::uint64_t tags = segment.tags(bucket);
-    const std::uint64_t difference = tags ^ wanted;
-    // The high bit of every byte without a difference; rarely one too many, never one too few.
-    std::uint64_t equal = (difference - kTagLowBits) & ~difference & kTagHighBits;
-    for (; equal != 0; equal &= equal - 1) {
-      const std::uint64_t at = bucket + static_cast<std::uint64_t>(std::countr_zero(equal)) / 8;
+    for (std::uint64_t equal = equalTags(tags, hash); equal != 0; equal &= equal - 1) {
+      const std::uint64_t at = bucket + tagIndex(equal);
       const std::uint32_t* const slot = slots + at * shape.slotWords();
       const std::uint32_t state = loadWord(slot, std::memory_order_acquire);
       if (keyIs(shape, slot, key)) [[likely]]
@@ -194,7 +202,7 @@ Probe probe(const Segment& segment, const S& shape, const std::uint32_t* key, st
     }
     const std::uint64_t free = ~tags & kTagHighBits;
     if (free != 0) {
-      const std::uint64_t at = bucket + static_cast<std::uint64_t>(std::countr_zero(free)) / 8;
+      const std::uint64_t at = bucket + tagIndex(free);
       return {slots + at * shape.slotWords(), at, 0, false};
     }
   }

@@ -63,6 +63,9 @@ class TableReader {
     return fromWords<Value>(value.data());
   }
   Value lookupOr(const Key& key, const Value& otherwise) { return lookup(key).value_or(otherwise); }
+  void prefetchTags(const Key& key) const {
+    view_.prefetchTags(typename Types::Static{}, toWords(key).data());
+  }
   void prefetch(const Key& key) const { view_.prefetch(typename Types::Static{}, toWords(key).data()); }
   std::uint64_t size() { return view_.size(); }
 

@@ -43,8 +43,11 @@ class TableView {
   bool lookup(const S& shape, const std::uint32_t* key, std::uint32_t* value);
   bool lookup(const std::uint32_t* key, std::uint32_t* value) { return lookup(shape_, key, value); }
 
-  // Brings the places where the key's entry would be into the processor's cache, for callers that know
-  // several keys ahead. Has no effect that can be observed.
+  // For callers that know several keys ahead: bring what a look-up of the key touches into the processor's
+  // cache, first the tags of its bucket, and once they are there the entry itself. No effect that can be
+  // observed.
+  template <class S>
+  void prefetchTags(const S& shape, const std::uint32_t* key) const;
   template <class S>
   void prefetch(const S& shape, const std::uint32_t* key) const;
 
@@ -112,10 +115,21 @@ bool TableView::lookup(const S& shape, const std::uint32_t* key, std::uint32_t* 
 }
 
 template <class S>
+void TableView::prefetchTags(const S& shape, const std::uint32_t* key) const {
+  if (current_) current_->prefetchTags(current_->home(hashOf(shape, key, current_->seed())));
+}
+
+template <class S>
 void TableView::prefetch(const S& shape, const std::uint32_t* key) const {
   if (!current_) return;
-  const std::uint64_t home = current_->home(hashOf(shape, key, current_->seed()));
-  __builtin_prefetch(current_->slot(0) + home * shape.slotWords());
+  const std::uint64_t hash = hashOf(shape, key, current_->seed());
+  const std::uint64_t bucket = current_->home(hash);
+  const std::uint64_t equal = equalTags(current_->tags(bucket), hash);
+  if (equal != 0) {
+    const std::uint32_t* const slot = current_->slot(0) + (bucket + tagIndex(equal)) * shape.slotWords();
+    __builtin_prefetch(slot);
+    __builtin_prefetch(slot + shape.slotWords() - 1);
+  }
 }
 
 }  // namespace Memtab
