@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "Lanix/SameBytes.h"
 #include "Mox/Hash.h"
 #include "Tracelet/Record.h"
 
@@ -30,6 +31,9 @@ class EthAddr {
   constexpr bool isMulticast() const { return (bytes_[0] & 1) != 0; }
 
   friend constexpr auto operator<=>(const EthAddr&, const EthAddr&) = default;
+  friend constexpr bool operator==(const EthAddr& a, const EthAddr& b) {
+    return sameBytes(a.bytes_, b.bytes_);
+  }
   std::uint64_t hash(std::uint64_t seed) const {
     std::uint64_t word = 0;
     std::memcpy(&word, bytes_.data(), bytes_.size());

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "Lanix/SameBytes.h"
 #include "Mox/Hash.h"
 
 namespace Lanix {
@@ -41,6 +42,7 @@ class IntfId {
 
   constexpr const std::array<std::uint8_t, 16>& bytes() const { return bytes_; }
   friend constexpr auto operator<=>(const IntfId&, const IntfId&) = default;
+  friend constexpr bool operator==(const IntfId& a, const IntfId& b) { return sameBytes(a.bytes_, b.bytes_); }
   std::uint64_t hash(std::uint64_t seed) const { return Mox::hashBytes(bytes_.data(), bytes_.size(), seed); }
   std::string toStrep() const { return std::string(name()); }
   // "" is the invalid one; a name is taken as by fromName.

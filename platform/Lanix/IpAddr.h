@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "Lanix/SameBytes.h"
 #include "Mox/Hash.h"
 #include "Tracelet/Record.h"
 
@@ -36,6 +37,7 @@ class IpAddr {
   constexpr bool isLinkLocal() const { return bytes_[0] == 169 && bytes_[1] == 254; }
 
   friend constexpr auto operator<=>(const IpAddr&, const IpAddr&) = default;
+  friend constexpr bool operator==(const IpAddr& a, const IpAddr& b) { return sameBytes(a.bytes_, b.bytes_); }
   std::uint64_t hash(std::uint64_t seed) const { return Mox::hashMix(value(), seed); }
   // Four decimal numbers without leading zeros.
   std::string toStrep() const;
@@ -63,6 +65,9 @@ class Ip6Addr {
   constexpr bool isLinkLocal() const { return bytes_[0] == 0xfe && (bytes_[1] & 0xc0) == 0x80; }
 
   friend constexpr auto operator<=>(const Ip6Addr&, const Ip6Addr&) = default;
+  friend constexpr bool operator==(const Ip6Addr& a, const Ip6Addr& b) {
+    return sameBytes(a.bytes_, b.bytes_);
+  }
   std::uint64_t hash(std::uint64_t seed) const { return Mox::hashBytes(bytes_.data(), bytes_.size(), seed); }
   // The form of RFC 5952; every form of RFC 4291 is read, without a zone.
   std::string toStrep() const;

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "Lanix/IpAddr.h"
+#include "Lanix/SameBytes.h"
 
 namespace Lanix {
 
@@ -48,6 +49,9 @@ class IpGenAddr {
   constexpr bool isLinkLocal() const { return isIpv4() ? ipv4().isLinkLocal() : ipv6().isLinkLocal(); }
 
   friend constexpr auto operator<=>(const IpGenAddr&, const IpGenAddr&) = default;
+  friend constexpr bool operator==(const IpGenAddr& a, const IpGenAddr& b) {
+    return a.af_ == b.af_ && sameBytes(a.bytes_, b.bytes_);
+  }
   std::uint64_t hash(std::uint64_t seed) const {
     std::uint64_t words[2];
     std::memcpy(words, bytes_.data(), sizeof words);
