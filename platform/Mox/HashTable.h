@@ -47,7 +47,7 @@ class HashSlots {
 
  public:
   static constexpr std::size_t kSegmentMin = 8;
-  static constexpr std::size_t kSegmentMax = 16384;
+  static constexpr std::size_t kSegmentMax = 4096;
   static constexpr std::size_t kDirectoryMin = 16;        // the directory may always be doubled from here
   static constexpr std::size_t kPerDirectoryEntry = 256;  // and above for so many elements an entry
 
