@@ -87,7 +87,6 @@ namespace ArpSuppression {
 namespace {
 
 constexpr char kOutput[] = "arp/input/config/arpSuppression";
-constexpr std::uint32_t kHosts = 256;  // that ask, in each VLAN
 constexpr std::size_t kFlushPerTurn = 256;
 
 // Hands out prepared requests and takes every frame at once.
@@ -128,16 +127,6 @@ class Directory {
  private:
   std::string path_ = "/dev/shm/decision-bench-XXXXXX";
 };
-
-// Makes a trapped request one for another target, of a host in the target's VLAN.
-void setRequest(TestSupport::Frame& frame, const Target& target, std::uint32_t host) {
-  setTarget(frame, target);
-  const std::uint32_t number = 256 + (target.vlan - 10) * kHosts + host;
-  const Lanix::Be32 address(0x0a000000 + number);
-  const std::array<std::byte, 2> mac = {std::byte(number >> 8 & 255), std::byte(number & 255)};
-  for (const std::size_t at : {10, 42}) std::memcpy(frame.data() + at, mac.data(), mac.size());
-  std::memcpy(frame.data() + 44, &address, 4);
-}
 
 double reference(std::uint32_t bindings, const std::vector<std::uint32_t>& order,
                  const TestSupport::Frame& frame) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 
@@ -38,6 +39,18 @@ inline void setTarget(TestSupport::Frame& frame, const Target& target) {
   const Lanix::Be32 vlan(target.vlan), address(target.address);
   std::memcpy(frame.data() + 16, &vlan, 4);
   std::memcpy(frame.data() + 54, &address, 4);
+}
+
+constexpr std::uint32_t kHosts = 256;  // that ask, in each VLAN
+
+// The same, of a host in the target's VLAN: one that asked in several would be a station that moves.
+inline void setRequest(TestSupport::Frame& frame, const Target& target, std::uint32_t host) {
+  setTarget(frame, target);
+  const std::uint32_t number = 256 + (target.vlan - 10) * kHosts + host;
+  const Lanix::Be32 address(0x0a000000 + number);
+  const std::array<std::byte, 2> mac = {std::byte(number >> 8 & 255), std::byte(number & 255)};
+  for (const std::size_t at : {10, 42}) std::memcpy(frame.data() + at, mac.data(), mac.size());
+  std::memcpy(frame.data() + 44, &address, 4);
 }
 
 }  // namespace ArpSuppression

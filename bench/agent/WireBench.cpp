@@ -95,7 +95,7 @@ Figures load(std::uint32_t bindings) {
   std::mt19937 random(1);
   std::vector<TestSupport::Frame> frames(4096, Trapped{}.frame());
   for (auto& frame : frames) {
-    setTarget(frame, targetOf(static_cast<std::uint32_t>(random() % bindings)));
+    setRequest(frame, targetOf(static_cast<std::uint32_t>(random() % bindings)), 0);
   }
   std::array<std::byte, 256> reply;
   std::size_t next = 0;
