@@ -22,7 +22,7 @@ constexpr std::size_t kMessages = 2000;
 
 // libbpf writes to stderr unless it is told where to. What it warns of while programs are loaded is kept,
 // newest last.
-thread_local std::string messages;
+std::string messages;
 
 __attribute__((format(printf, 2, 0))) int collect(libbpf_print_level level, const char* format,
                                                   va_list arguments) {
