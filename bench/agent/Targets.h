@@ -49,7 +49,7 @@ inline void setRequest(TestSupport::Frame& frame, const Target& target, std::uin
   const std::uint32_t number = 256 + (target.vlan - 10) * kHosts + host;
   const Lanix::Be32 address(0x0a000000 + number);
   const std::array<std::byte, 2> mac = {std::byte(number >> 8 & 255), std::byte(number & 255)};
-  for (const std::size_t at : {10, 42}) std::memcpy(frame.data() + at, mac.data(), mac.size());
+  for (const std::size_t at : {10u, 42u}) std::memcpy(frame.data() + at, mac.data(), mac.size());
   std::memcpy(frame.data() + 44, &address, 4);
 }
 
