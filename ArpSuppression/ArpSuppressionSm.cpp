@@ -1,5 +1,6 @@
 #include "ArpSuppression/ArpSuppressionSm.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <span>
@@ -219,26 +220,18 @@ ArpSuppressionSm::Delivery ArpSuppressionSm::staticBinding(Bridging::VlanId vlan
 }
 
 std::optional<ArpSuppressionCounterId> ArpSuppressionSm::counterOf(Delivery delivery) {
-  switch (delivery) {
-    case Delivery::send:
-    case Delivery::notABinding:
-      break;
-    case Delivery::unknownSourcePort:
-      return Id::noReplyUnknownSourcePort;
-    case Delivery::samePort:
-      return Id::noReplySamePort;
-    case Delivery::fabricNotUsable:
-      return Id::noReplyFabricNotUsable;
-    case Delivery::program:
-      return Id::staticBindingEvent;
-    case Delivery::bridgeMacAddr:
-      return Id::staticBindingBridgeMac;
-    case Delivery::vgwVirtualMac:
-      return Id::staticBindingVirtualRouterMac;
-    case Delivery::noVlanL3Info:
-      return Id::staticBindingNoVlanL3Info;
-  }
-  return std::nullopt;
+  // In the order of Delivery.
+  constexpr std::array<std::optional<Id>, 9> kCounter{std::nullopt,
+                                                      Id::noReplyUnknownSourcePort,
+                                                      Id::noReplySamePort,
+                                                      Id::noReplyFabricNotUsable,
+                                                      Id::staticBindingEvent,
+                                                      std::nullopt,
+                                                      Id::staticBindingBridgeMac,
+                                                      Id::staticBindingVirtualRouterMac,
+                                                      Id::staticBindingNoVlanL3Info};
+  static_assert(kCounter.size() == static_cast<std::size_t>(Delivery::noVlanL3Info) + 1);
+  return kCounter[static_cast<std::size_t>(delivery)];
 }
 
 void ArpSuppressionSm::handleTrappedRequest() {

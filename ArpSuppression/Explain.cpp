@@ -1,5 +1,7 @@
 #include "ArpSuppression/Explain.h"
 
+#include <iterator>
+
 #include "Orb/JsonObject.h"
 
 namespace ArpSuppression {
@@ -25,29 +27,19 @@ struct DeliveryText {
   const char* summary;
 };
 
-DeliveryText textOf(Sm::Delivery delivery) {
-  switch (delivery) {
-    case Sm::Delivery::send:
-      return {"reply", "the switch answers for the owner"};
-    case Sm::Delivery::unknownSourcePort:
-      return {"leave", "no answer: the port that the request comes from has no interface status"};
-    case Sm::Delivery::samePort:
-      return {"leave", "no answer: who asks and the owner share a port and hear each other"};
-    case Sm::Delivery::fabricNotUsable:
-      return {"leave", "no answer: the device \"fabric\", which answers leave by, is missing or down"};
-    case Sm::Delivery::program:
-      return {"program", "the switch itself asks: the owner becomes a neighbour in the kernel"};
-    case Sm::Delivery::notABinding:
-      return {"leave", "the switch itself asks, and the answer is no unicast MAC and address"};
-    case Sm::Delivery::bridgeMacAddr:
-      return {"leave", "the switch itself asks, and the answer is its own bridge MAC"};
-    case Sm::Delivery::vgwVirtualMac:
-      return {"leave", "the switch itself asks, and the answer is the shared gateway's MAC"};
-    case Sm::Delivery::noVlanL3Info:
-      return {"leave", "the switch itself asks, and the VLAN has no usable VLAN interface"};
-  }
-  return {"leave", ""};
-}
+// In the order of Sm::Delivery.
+constexpr DeliveryText kDeliveryTexts[] = {
+    {"reply", "the switch answers for the owner"},
+    {"leave", "no answer: the port that the request comes from has no interface status"},
+    {"leave", "no answer: who asks and the owner share a port and hear each other"},
+    {"leave", "no answer: the device \"fabric\", which answers leave by, is missing or down"},
+    {"program", "the switch itself asks: the owner becomes a neighbour in the kernel"},
+    {"leave", "the switch itself asks, and the answer is no unicast MAC and address"},
+    {"leave", "the switch itself asks, and the answer is its own bridge MAC"},
+    {"leave", "the switch itself asks, and the answer is the shared gateway's MAC"},
+    {"leave", "the switch itself asks, and the VLAN has no usable VLAN interface"},
+};
+static_assert(std::size(kDeliveryTexts) == static_cast<std::size_t>(Sm::Delivery::noVlanL3Info) + 1);
 
 class Explanation {
  public:
@@ -159,7 +151,7 @@ class Explanation {
       fact("fabricUsable", sm.fabricUsable(),
            sm.fabricUsable() ? "answers can leave by \"fabric\"" : "answers cannot leave by \"fabric\"");
     }
-    const DeliveryText text = textOf(delivery);
+    const DeliveryText& text = kDeliveryTexts[static_cast<std::size_t>(delivery)];
     result_.add("mac", decision.macAddress.toStrep());
     concluded(text.action, text.summary, Sm::counterOf(delivery).value_or(decision.counter));
   }
