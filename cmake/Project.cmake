@@ -7,15 +7,16 @@ option(SUPPRESSION_FUZZ "build the libFuzzer targets instead of tests and benchm
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
-set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_INSTALL_RPATH "$ORIGIN/../lib/arp-suppression:$ORIGIN")
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
 
+# What was compiled in one checkout serves every other one.
 find_program(CCACHE ccache)
 if(CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
+      CCACHE_BASEDIR=${CMAKE_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${CCACHE})
   set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     add_compile_options(-Xclang -fno-pch-timestamp)
@@ -26,7 +27,7 @@ endif()
 
 add_library(project_options INTERFACE)
 target_compile_options(project_options INTERFACE
-  $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wconversion -Werror>)
+  -fPIC $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wconversion -Werror>)
 target_include_directories(project_options INTERFACE
   ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/platform ${CMAKE_SOURCE_DIR}/model ${CMAKE_SOURCE_DIR}/linux)
 if(SUPPRESSION_SANITIZE)
@@ -40,6 +41,18 @@ endif()
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 
+# The headers that nearly every source reads, parsed once for the libraries and once, with the test framework, for the tests.
+# One set of options for all (-fPIC, no define per target), or the compilers refuse them.
+set(STANDARD_HEADERS <algorithm> <array> <cerrno> <compare> <cstddef> <cstdint> <cstring> <functional> <map> <memory> <optional> <set>
+                     <span> <string> <string_view> <type_traits> <utility> <vector>)
+function(precompiled_headers name)
+  file(WRITE ${CMAKE_BINARY_DIR}/${name}.cpp "")
+  add_library(${name} OBJECT ${CMAKE_BINARY_DIR}/${name}.cpp)
+  target_link_libraries(${name} PRIVATE project_options)
+  target_precompile_headers(${name} PRIVATE ${STANDARD_HEADERS} ${ARGN})
+endfunction()
+precompiled_headers(StandardHeaders)
+
 # project_library(Name [LINK other...]): the shared library of this folder. Shared, because the host and the plug-ins
 # that it loads must see one copy of the runtime's registries.
 function(project_library name)
@@ -47,6 +60,8 @@ function(project_library name)
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
   add_library(${name} SHARED ${sources} ${ARG_SOURCES})
   target_link_libraries(${name} PUBLIC project_options ${ARG_LINK})
+  target_precompile_headers(${name} REUSE_FROM StandardHeaders)
+  set_target_properties(${name} PROPERTIES DEFINE_SYMBOL "")
   install(TARGETS ${name} LIBRARY DESTINATION lib/arp-suppression)
 endfunction()
 
@@ -65,6 +80,7 @@ function(project_test name)
   add_executable(${name} ${sources})
   target_link_libraries(${name} PRIVATE project_options ${ARG_LINK} GTest::gmock GTest::gtest_main)
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/test)
+  target_precompile_headers(${name} REUSE_FROM TestHeaders)
   if(NOT ARG_LABEL)
     set(ARG_LABEL unit)
   endif()
@@ -77,4 +93,5 @@ function(project_bench name)
   cmake_parse_arguments(ARG "" "" "LINK;SOURCES" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE project_options ${ARG_LINK})
+  target_precompile_headers(${name} REUSE_FROM StandardHeaders)
 endfunction()

@@ -8,6 +8,7 @@
 #include "Statedb/Path.h"
 #include "Suppression/RemoteBindingConfig.h"
 #include "Switch/Config.h"
+#include "Switch/Problems.h"
 #include "Vrf/VrfIdMap.h"
 #include "host/Config.h"
 #include "host/Types.h"
@@ -96,6 +97,7 @@ State::State(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSchedulerRoot>& tasks
 void State::build(const Config& config) {
   const auto switchConfig =
       Mox::dynamicPtrCast<Switch::Config>(tree_->entityIs(Switch::kConfigPath, Switch::kConfigType));
+  tree_->entityIs(Switch::kProblemsPath, Switch::kProblemsType);
   switchConfig->vrfIs(L3::VrfName::kDefault)->networkNamespaceIs(Lanix::kDefaultNamespace);
   for (const auto& [name, vrf] : config.vrfs) {
     const Mox::Ptr<Switch::VrfConfig> entity = switchConfig->vrfIs(name);

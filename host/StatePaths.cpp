@@ -4,6 +4,8 @@
 
 #include "Statedb/Path.h"
 #include "Switch/Config.h"
+#include "Switch/Forwarding.h"
+#include "Switch/Problems.h"
 
 namespace Host {
 
@@ -40,6 +42,8 @@ const std::vector<StatePath>& statePaths() {
       {"routing/fhrp/vrMacStatus", "Routing::Fhrp::VirtualRouterMacStatus", tree, byHost, nullptr, false},
       {"routing/l2vpn/config", "Routing::L2Vpn::Config", tree, byHost, nullptr, false},
       {Switch::kConfigPath, Switch::kConfigType, tree, fixed, nullptr, false},
+      {Switch::kForwardingPath, Switch::kForwardingType, tree, byPlugin, kSoftForward, false},
+      {Switch::kProblemsPath, Switch::kProblemsType, tree, fixed, nullptr, false},
       {"vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status", sharedMemory, byPlugin, kKernelState, false},
   };
   // clang-format on
@@ -68,7 +72,9 @@ std::string statePathNames() {
 
 std::string whyNotSettable(const StatePath& state, const std::vector<std::string>& loadedPlugins) {
   if (state.writing == Writing::fixed) {
-    return "cannot be set; it follows \"vrfs\" and \"vlans\" of the configuration file";
+    return state.path == Switch::kConfigPath
+               ? "cannot be set; it follows \"vrfs\" and \"vlans\" of the configuration file"
+               : "cannot be set; it says what the plug-ins found";
   }
   if (state.writing == Writing::byHost) return {};
   if (std::find(loadedPlugins.begin(), loadedPlugins.end(), state.writer) == loadedPlugins.end()) return {};

@@ -25,7 +25,7 @@ enum class Storage { tree, sharedMemory };
 //   there as well
 //            only fills what is not set.
 //   byPlugin the plug-in `writer` while it is loaded, and nobody else; the host while it is not.
-//   fixed    the host, once, at start.
+//   fixed    nobody by hand: the host at start, or all plug-ins.
 enum class Writing { byHost, byPlugin, fixed };
 
 struct StatePath {

@@ -14,6 +14,8 @@
 #include "Suppression/RemoteBindingConfig.h"
 #include "Suppression/Status.h"
 #include "Switch/Config.h"
+#include "Switch/Forwarding.h"
+#include "Switch/Problems.h"
 #include "Vrf/VrfIdMap.h"
 
 namespace Model {
@@ -36,6 +38,8 @@ void forEachStateType(Visit&& visit) {
   visit.template operator()<Routing::Fhrp::VirtualRouterMacStatus>("Routing::Fhrp::VirtualRouterMacStatus");
   visit.template operator()<Routing::L2Vpn::Config>("Routing::L2Vpn::Config");
   visit.template operator()<Switch::Config>("Switch::Config");
+  visit.template operator()<Switch::Forwarding>("Switch::Forwarding");
+  visit.template operator()<Switch::Problems>("Switch::Problems");
 }
 
 template <class Visit>

@@ -1,0 +1,48 @@
+#include "Switch/ProblemReporter.h"
+
+#include <ctime>
+
+#include "Tracelet/Record.h"
+#include "Tracelet/Trace.h"
+
+namespace Switch {
+
+ProblemReporter::ProblemReporter(Mox::Ptr<Problems> problems, Mox::String plugin)
+    : problems_(problems ? std::move(problems) : Mox::make<Problems>()), plugin_(std::move(plugin)) {}
+
+ProblemReporter::~ProblemReporter() {
+  for (const Mox::String& subject : reported_) problems_->problemDel(plugin_ + " " + subject);
+}
+
+void ProblemReporter::problemIs(const Mox::String& subject, const Mox::String& problem,
+                                const Mox::String& advice) {
+  const bool added = reported_.insert(subject).second;
+  const Mox::Ptr<Problem> entry = problems_->problemIs(plugin_ + " " + subject);
+  if (!added && entry->problem() == problem && entry->advice() == advice) return;
+  entry->pluginIs(plugin_);
+  entry->subjectIs(subject);
+  entry->problemIs(problem);
+  entry->adviceIs(advice);
+  if (added) entry->sinceIs(static_cast<std::uint64_t>(std::time(nullptr)));
+  Tracelet::writeLine(plugin_ + ": " + subject + ": " + problem + (advice.empty() ? "" : "; " + advice));
+  TRACELET_RECORD("problem: {}: {}: {}", plugin_, subject, problem);
+}
+
+void ProblemReporter::problemDel(const Mox::String& subject) {
+  if (reported_.erase(subject) == 0) return;
+  problems_->problemDel(plugin_ + " " + subject);
+  Tracelet::writeLine(plugin_ + ": " + subject + ": good again");
+  TRACELET_RECORD("problem over: {}: {}", plugin_, subject);
+}
+
+bool ProblemReporter::check(const Mox::String& subject, const Mox::Result<>& result,
+                            const Mox::String& advice) {
+  if (result) {
+    problemDel(subject);
+    return true;
+  }
+  problemIs(subject, result.error(), advice);
+  return false;
+}
+
+}  // namespace Switch

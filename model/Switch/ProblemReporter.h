@@ -1,0 +1,37 @@
+#pragma once
+
+#include <set>
+
+#include "Mox/Result.h"
+#include "Switch/Problems.h"
+
+namespace Switch {
+
+// A plug-in's own problems. Each is in the table from when it is reported until it is over, and stands in the
+// log with one line when it begins, one when its text changes, and one when it is over. Dropping the reporter
+// takes its problems out of the table.
+class ProblemReporter {
+ public:
+  // `problems` may be null: then there is only the log.
+  ProblemReporter(Mox::Ptr<Problems> problems, Mox::String plugin);
+  ProblemReporter(const ProblemReporter&) = delete;
+  ProblemReporter& operator=(const ProblemReporter&) = delete;
+  ~ProblemReporter();
+
+  // Does nothing when just that is reported already.
+  void problemIs(const Mox::String& subject, const Mox::String& problem, const Mox::String& advice = {});
+  // Does nothing when there is no problem with the subject.
+  void problemDel(const Mox::String& subject);
+  // Reports the failure, or that there is none any more. Returns whether there is none.
+  bool check(const Mox::String& subject, const Mox::Result<>& result, const Mox::String& advice = {});
+
+  bool has(const Mox::String& subject) const { return reported_.contains(subject); }
+  bool empty() const { return reported_.empty(); }
+
+ private:
+  Mox::Ptr<Problems> problems_;
+  Mox::String plugin_;
+  std::set<Mox::String> reported_;
+};
+
+}  // namespace Switch
