@@ -1,5 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/if_bridge.h>
+#include <linux/if_link.h>
+#include <linux/neighbour.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -9,6 +12,7 @@
 
 #include "Netlink/Attributes.h"
 #include "Netlink/Message.h"
+#include "Netlink/Route.h"
 #include "Netlink/Socket.h"
 
 namespace Netlink {
@@ -104,6 +108,59 @@ TEST(AttributesDeathTest, AskingForWhatTheTableDoesNotHave) {
   const Attributes attributes(Bytes{}, kOuter);
   EXPECT_DEATH(attributes.u32(2), "the policy names the attribute with this kind");
   EXPECT_DEATH(attributes.has(99), "the policy names the attribute");
+}
+
+TEST(Route, ReadsDevicesTheirPeersAndPorts) {
+  const auto port = [](Message& attributes) {
+    attributes.u8(IFLA_BRPORT_STATE, BR_STATE_LEARNING)
+        .u8(IFLA_BRPORT_LEARNING, 1)
+        .u8(IFLA_BRPORT_BCAST_FLOOD, 1);
+  };
+  const auto device = [](std::uint8_t family, int index) {
+    Message message(RTM_NEWLINK);
+    message.header(ifinfomsg{family, 0, 0, index, IFF_UP, 0})
+        .string(IFLA_IFNAME, "arpsnoop")
+        .u32(IFLA_MASTER, 9);
+    return message;
+  };
+  const auto veth = [&](const char* slave) {
+    Message message = device(AF_UNSPEC, 7);
+    message.u32(IFLA_LINK, 8).u32(IFLA_MTU, 1500).u32(IFLA_GROUP, 5).nest(IFLA_LINKINFO, [&](Message& info) {
+      info.string(IFLA_INFO_KIND, "veth")
+          .string(IFLA_INFO_SLAVE_KIND, slave)
+          .nest(IFLA_INFO_SLAVE_DATA, port);
+    });
+    return message;
+  };
+  const BridgePort learning{BR_STATE_LEARNING, true, false, false, true};
+
+  const auto ofBridge = readLink(Received(veth("bridge").data()));
+  ASSERT_TRUE(ofBridge);
+  EXPECT_EQ(ofBridge->name + " " + ofBridge->kind, "arpsnoop veth");
+  EXPECT_THAT(
+      (std::vector{ofBridge->index, ofBridge->peer, ofBridge->master, ofBridge->mtu, ofBridge->group}),
+      ElementsAre(7U, 8U, 9U, 1500U, 5U));
+  EXPECT_EQ(ofBridge->flags, static_cast<unsigned>(IFF_UP));
+  EXPECT_EQ(ofBridge->port, learning);
+  EXPECT_FALSE(ofBridge->ofBridge);
+  // Of another master the same numbers mean something else.
+  EXPECT_EQ(readLink(Received(veth("bond").data()))->port, std::nullopt);
+  // Index 8 in another namespace is no device of this one.
+  Message far = veth("bridge");
+  EXPECT_EQ(readLink(Received(far.u32(IFLA_LINK_NETNSID, 0).data()))->peer, 0U);
+
+  Message bridges = device(AF_BRIDGE, 7);
+  const auto told = readLink(Received(bridges.nest(IFLA_PROTINFO, port).data()));
+  ASSERT_TRUE(told);
+  EXPECT_TRUE(told->ofBridge);
+  EXPECT_EQ(told->port, learning);
+  EXPECT_FALSE(readLink(Received(device(AF_INET6, 7).data())));
+  EXPECT_FALSE(readLink(Received(device(AF_UNSPEC, 0).data())));
+  Message torn = device(AF_BRIDGE, 7);
+  EXPECT_EQ(
+      readLink(Received(torn.nest(IFLA_PROTINFO, [](Message& in) { in.u32(IFLA_BRPORT_STATE, 3); }).data()))
+          ->port,
+      std::nullopt);
 }
 
 // A kernel whose answers are written down. Answers quote the sequence numbers of what was sent.

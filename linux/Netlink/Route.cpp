@@ -1,0 +1,136 @@
+#include "Netlink/Route.h"
+
+#include <linux/if_link.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <utility>
+
+namespace Netlink {
+namespace {
+
+constexpr std::uint16_t kDeviceName = 16;       // IFNAMSIZ, with the NUL
+constexpr std::uint16_t kHardwareAddress = 32;  // MAX_ADDR_LEN of the kernel
+constexpr std::uint16_t kKindName = 64;
+
+constexpr Policy kLinkPolicy[] = {{IFLA_IFNAME, Kind::string, 2, kDeviceName},
+                                  {IFLA_ADDRESS, Kind::bytes, 0, kHardwareAddress},
+                                  {IFLA_MASTER, Kind::u32},
+                                  {IFLA_LINK, Kind::u32},
+                                  {IFLA_LINK_NETNSID, Kind::u32},
+                                  {IFLA_MTU, Kind::u32},
+                                  {IFLA_GROUP, Kind::u32},
+                                  {IFLA_XDP, Kind::nested},
+                                  {IFLA_LINKINFO, Kind::nested},
+                                  {IFLA_PROTINFO, Kind::nested}};
+constexpr Policy kXdpPolicy[] = {{IFLA_XDP_PROG_ID, Kind::u32}};
+constexpr Policy kInfoPolicy[] = {{IFLA_INFO_KIND, Kind::string, 1, kKindName},
+                                  {IFLA_INFO_SLAVE_KIND, Kind::string, 1, kKindName},
+                                  {IFLA_INFO_SLAVE_DATA, Kind::nested}};
+constexpr Policy kPortPolicy[] = {{IFLA_BRPORT_STATE, Kind::u8},
+                                  {IFLA_BRPORT_LEARNING, Kind::u8},
+                                  {IFLA_BRPORT_UNICAST_FLOOD, Kind::u8},
+                                  {IFLA_BRPORT_MCAST_FLOOD, Kind::u8},
+                                  {IFLA_BRPORT_BCAST_FLOOD, Kind::u8}};
+constexpr Policy kNeighbourPolicy[] = {
+    {NDA_DST, Kind::bytes, 4, 16}, {NDA_LLADDR, Kind::bytes, 0, kHardwareAddress},
+    {NDA_PROTOCOL, Kind::u8},      {NDA_MASTER, Kind::u32},
+    {NDA_VLAN, Kind::u16},         {NDA_CACHEINFO, Kind::bytes, sizeof(nda_cacheinfo), 0}};
+
+template <class Address>
+std::optional<Address> addressOf(const std::optional<Bytes>& bytes) {
+  typename Address::Bytes array;
+  if (!bytes || bytes->size() != array.size()) return std::nullopt;
+  std::memcpy(array.data(), bytes->data(), array.size());
+  return Address(array);
+}
+
+std::optional<BridgePort> portOf(const Attributes& attributes) {
+  const auto state = attributes.u8(IFLA_BRPORT_STATE);
+  if (!state) return std::nullopt;
+  const auto isSet = [&](std::uint16_t flag) { return attributes.u8(flag).value_or(0) != 0; };
+  return BridgePort{*state, isSet(IFLA_BRPORT_LEARNING), isSet(IFLA_BRPORT_UNICAST_FLOOD),
+                    isSet(IFLA_BRPORT_MCAST_FLOOD), isSet(IFLA_BRPORT_BCAST_FLOOD)};
+}
+
+}  // namespace
+
+std::optional<Link> readLink(const Received& message) {
+  const auto header = message.header<ifinfomsg>();
+  if (!header || header->ifi_index <= 0) return std::nullopt;
+  if (header->ifi_family != AF_UNSPEC && header->ifi_family != AF_BRIDGE) return std::nullopt;
+  const Attributes attributes(message.attributes(sizeof(ifinfomsg)), kLinkPolicy);
+  const auto name = attributes.string(IFLA_IFNAME);
+  if (!name || name->empty() || name->size() >= kDeviceName) return std::nullopt;
+  Link link;
+  link.index = static_cast<IfIndex>(header->ifi_index);
+  link.master = attributes.u32(IFLA_MASTER).value_or(0);
+  if (!attributes.has(IFLA_LINK_NETNSID)) link.peer = attributes.u32(IFLA_LINK).value_or(0);
+  link.flags = header->ifi_flags;
+  link.mtu = attributes.u32(IFLA_MTU).value_or(0);
+  link.group = attributes.u32(IFLA_GROUP).value_or(0);
+  link.xdpProgram = attributes.nested(IFLA_XDP, kXdpPolicy).u32(IFLA_XDP_PROG_ID).value_or(0);
+  link.name = *name;
+  link.mac = addressOf<Lanix::EthAddr>(attributes.bytes(IFLA_ADDRESS)).value_or(Lanix::EthAddr());
+  link.ofBridge = header->ifi_family == AF_BRIDGE;
+  const Attributes info = attributes.nested(IFLA_LINKINFO, kInfoPolicy);
+  link.kind = info.string(IFLA_INFO_KIND).value_or("");
+  if (link.ofBridge) {
+    link.port = portOf(attributes.nested(IFLA_PROTINFO, kPortPolicy));
+  } else if (info.string(IFLA_INFO_SLAVE_KIND) == "bridge") {
+    link.port = portOf(info.nested(IFLA_INFO_SLAVE_DATA, kPortPolicy));
+  }
+  return link;
+}
+
+bool Neighbour::isStatic() const { return (state & (NUD_PERMANENT | NUD_NOARP)) != 0; }
+
+bool Neighbour::isResolved() const {
+  return (state & (NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROBE)) != 0;
+}
+
+bool Neighbour::isForeign() const { return (flags & (NTF_EXT_LEARNED | NTF_PROXY)) != 0; }
+
+std::optional<Neighbour> readNeighbour(const Received& message) {
+  static const double ticksPerSecond = static_cast<double>(sysconf(_SC_CLK_TCK));
+  const auto header = message.header<ndmsg>();
+  if (!header || header->ndm_ifindex <= 0) return std::nullopt;
+  const Attributes attributes(message.attributes(sizeof(ndmsg)), kNeighbourPolicy);
+  if (attributes.malformed()) return std::nullopt;
+  Neighbour neighbour;
+  const auto destination = attributes.bytes(NDA_DST);
+  if (header->ndm_family == AF_INET) {
+    if (const auto four = addressOf<Lanix::IpAddr>(destination)) neighbour.address = *four;
+  } else if (header->ndm_family == AF_INET6) {
+    if (const auto six = addressOf<Lanix::Ip6Addr>(destination)) neighbour.address = *six;
+  } else if (header->ndm_family == AF_BRIDGE) {
+    neighbour.bridge = attributes.u32(NDA_MASTER).value_or(0);
+  }
+  if (!neighbour.address && header->ndm_family != AF_BRIDGE) return std::nullopt;
+  neighbour.ifIndex = static_cast<IfIndex>(header->ndm_ifindex);
+  neighbour.mac = addressOf<Lanix::EthAddr>(attributes.bytes(NDA_LLADDR)).value_or(Lanix::EthAddr());
+  neighbour.state = header->ndm_state;
+  neighbour.flags = header->ndm_flags;
+  neighbour.protocol = attributes.u8(NDA_PROTOCOL).value_or(0);
+  neighbour.vlan = attributes.u16(NDA_VLAN).value_or(0);
+  if (const auto bytes = attributes.bytes(NDA_CACHEINFO)) {
+    nda_cacheinfo times;
+    std::memcpy(&times, bytes->data(), sizeof times);
+    neighbour.confirmedAgo = times.ndm_confirmed / ticksPerSecond;
+  }
+  return neighbour;
+}
+
+Message linkDump() {
+  return std::move(Message(RTM_GETLINK).header(ifinfomsg{}).u32(IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS));
+}
+
+Message neighbourDump(std::uint8_t family) {
+  ndmsg header{};
+  header.ndm_family = family;
+  return std::move(Message(RTM_GETNEIGH).header(header));
+}
+
+}  // namespace Netlink

@@ -1,0 +1,76 @@
+#pragma once
+
+// The route netlink messages about devices and neighbours (rtnetlink(7); linux/if_link.h,
+// linux/if_bridge.h, linux/neighbour.h), read once for every plug-in, and the requests that dump them.
+//
+// A reader returns nothing for a message that is malformed, of another family, or about no device: nothing of
+// a message is used before its length, kind and range were checked. The message's type says whether the thing
+// is there or has gone; what a reader returns for a message of another type makes no sense.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Lanix/EthAddr.h"
+#include "Lanix/IpGenAddr.h"
+#include "Netlink/Socket.h"
+
+namespace Netlink {
+
+using IfIndex = std::uint32_t;  // the kernel's, unique within one namespace only; 0: none
+
+// What a bridge keeps for one of its ports.
+struct BridgePort {
+  std::uint8_t state = 0;  // BR_STATE_*
+  bool learning = false;
+  bool unicastFlood = false;
+  bool multicastFlood = false;
+  bool broadcastFlood = false;
+  friend bool operator==(const BridgePort&, const BridgePort&) = default;
+};
+
+struct Link {
+  IfIndex index = 0;
+  IfIndex master = 0;            // the bridge, bond ... above; 0: none
+  IfIndex peer = 0;              // veth: the other end, when that is in this namespace; 0: none
+  std::uint32_t flags = 0;       // IFF_*
+  std::uint32_t mtu = 0;         // bytes
+  std::uint32_t group = 0;       // of devices, 0 by default
+  std::uint32_t xdpProgram = 0;  // id of the one that is attached; 0: none
+  std::string name;              // 1 to 15 bytes
+  std::string kind;              // "veth", "bridge" ...; empty for a physical device
+  Lanix::EthAddr mac;            // zero: not an Ethernet device
+  // The message is the bridge's, about its port: RTM_DELLINK says that the device left the bridge, not that
+  // it has gone. Only index, master, name, MTU, flags, MAC address and port are known then.
+  bool ofBridge = false;
+  std::optional<BridgePort> port;  // the device is a port of a bridge
+};
+// RTM_NEWLINK and RTM_DELLINK.
+std::optional<Link> readLink(const Received& message);
+
+// A neighbour, or an entry of a bridge's MAC table; by default one that is not there.
+struct Neighbour {
+  IfIndex ifIndex = 0;        // the neighbour's device; the port that the MAC address is on
+  IfIndex bridge = 0;         // above that port; 0: an entry of the device itself, or a neighbour
+  Lanix::IpGenAddr address;   // without a family in an entry of a bridge
+  Lanix::EthAddr mac;         // zero: not resolved
+  std::uint16_t state = 0;    // NUD_*
+  std::uint8_t flags = 0;     // NTF_*
+  std::uint8_t protocol = 0;  // who wrote it (NDA_PROTOCOL); 0: not said
+  std::uint16_t vlan = 0;     // inside a bridge; 0: the entry is for the whole bridge
+  double confirmedAgo = 0;    // seconds since the kernel last had proof of the address
+
+  bool isMacEntry() const { return !address; }
+  bool isStatic() const;    // does not age
+  bool isResolved() const;  // has been, by the kernel itself, and may age
+  // Kept by another program for the kernel, or a proxy's: not resolved here.
+  bool isForeign() const;
+};
+// RTM_NEWNEIGH and RTM_DELNEIGH of IPv4, IPv6 and bridges.
+std::optional<Neighbour> readNeighbour(const Received& message);
+
+// All devices; all neighbours of IPv4 and IPv6 (AF_UNSPEC) or of one family, AF_BRIDGE for the MAC tables.
+Message linkDump();
+Message neighbourDump(std::uint8_t family);
+
+}  // namespace Netlink
