@@ -1,16 +1,24 @@
 # What every folder shares: the language, the warnings, the include roots, and one function for each kind of thing
-# that a folder can be (library, plug-in, test, benchmark). A folder's sources are all of its .cpp files.
+# that a folder can be (library, plug-in, support of tests, test, benchmark). A folder's sources are all of its .cpp files.
 
 set(SUPPRESSION_SANITIZE "" CACHE STRING "sanitizers to build with, as in -fsanitize=")
-option(SUPPRESSION_FUZZ "build the libFuzzer targets instead of tests and benchmarks" OFF)
+option(SUPPRESSION_WERROR "warnings are errors; the presets, and CI with them, say so" OFF)
+option(SUPPRESSION_FUZZ "build the libFuzzer targets too; needs clang" OFF)
 
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
-set(CMAKE_INSTALL_RPATH "$ORIGIN/../lib/arp-suppression:$ORIGIN")
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
+# Installed, the programs lie where the GNU directories say, and our libraries, plug-ins among them, in a folder of their
+# own. Each finds them from its own place, so that an installed tree may be moved as a whole.
+include(GNUInstallDirs)
+set(INSTALL_LIBRARIES ${CMAKE_INSTALL_LIBDIR}/arp-suppression)
+foreach(programs BINDIR SBINDIR)
+  file(RELATIVE_PATH ${programs}_TO_LIBRARIES ${CMAKE_INSTALL_FULL_${programs}} ${CMAKE_INSTALL_FULL_LIBDIR}/arp-suppression)
+endforeach()
 
 # What was compiled in one checkout serves every other one.
 find_program(CCACHE ccache)
@@ -27,7 +35,7 @@ endif()
 
 add_library(project_options INTERFACE)
 target_compile_options(project_options INTERFACE
-  -fPIC $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wconversion -Werror>)
+  -fPIC $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Wpedantic -Wconversion $<$<BOOL:${SUPPRESSION_WERROR}>:-Werror>>)
 target_include_directories(project_options INTERFACE
   ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/platform ${CMAKE_SOURCE_DIR}/model ${CMAKE_SOURCE_DIR}/linux)
 if(SUPPRESSION_SANITIZE)
@@ -61,13 +69,22 @@ function(project_library name)
   add_library(${name} SHARED ${sources} ${ARG_SOURCES})
   target_link_libraries(${name} PUBLIC project_options ${ARG_LINK})
   target_precompile_headers(${name} REUSE_FROM StandardHeaders)
-  set_target_properties(${name} PROPERTIES DEFINE_SYMBOL "")
-  install(TARGETS ${name} LIBRARY DESTINATION lib/arp-suppression)
+  set_target_properties(${name} PROPERTIES DEFINE_SYMBOL "" INSTALL_RPATH "$ORIGIN")
+  install(TARGETS ${name} LIBRARY DESTINATION ${INSTALL_LIBRARIES})
 endfunction()
 
 # project_plugin(Name [LINK other...]): a plug-in of the agent host, lib<Name>.so, that tests can link as well.
 function(project_plugin name)
   project_library(${name} ${ARGN})
+endfunction()
+
+# project_support(Name SOURCES file... [LINK other...]): what tests, benchmarks and fuzz targets share.
+function(project_support name)
+  cmake_parse_arguments(ARG "" "" "LINK;SOURCES" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_link_libraries(${name} PUBLIC project_options ${ARG_LINK} GTest::gmock)
+  target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR}/test)
+  target_precompile_headers(${name} REUSE_FROM TestHeaders)
 endfunction()
 
 # project_test(Name [LINK other...] [LABEL unit|lab]): one GoogleTest program of this folder's sources.

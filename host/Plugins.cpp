@@ -17,8 +17,8 @@ std::vector<std::string> libraryDirectories() {
   if (const char* directory = std::getenv(kLibraryDirectoryVariable)) return {directory};
   std::error_code ignored;
   const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", ignored);
-  const std::filesystem::path lib = program.parent_path().parent_path() / "lib";
-  return {lib / "arp-suppression", lib};
+  const std::filesystem::path here = program.parent_path();
+  return {(here / PLUGIN_DIRECTORY).lexically_normal(), (here / "../lib").lexically_normal()};
 }
 
 std::optional<std::vector<std::string>> findPlugins(const std::vector<std::string>& names,

@@ -11,8 +11,9 @@ namespace Host {
 // Overrides where plug-in libraries are looked for, for tests of a tree that is not installed.
 inline constexpr const char* kLibraryDirectoryVariable = "ARPSUP_LIBRARY_DIR";
 
-// Where this program's plug-ins are: the directory that the environment names, else "../lib/arp-suppression"
-// and "../lib" beside the directory of the program.
+// Where this program's plug-ins are: the directory that the environment names, else, seen from where the program
+// lies, the one they are installed to ("../lib/arp-suppression" or as the distribution has it) and, for a tree
+// that is not installed, "../lib".
 std::vector<std::string> libraryDirectories();
 
 // The file of each plug-in, in the same order. Nothing, and `error` names the files that were looked for,

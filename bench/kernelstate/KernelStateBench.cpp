@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "AgentRig.h"
+#include "linux/KernelState/AgentRig.h"
 #include "KernelState/Messages.h"
-#include "LabKernel.h"
+#include "lab/LabKernel.h"
 #include "Lanix/Namespaces.h"
 
 namespace {

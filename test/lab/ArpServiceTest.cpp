@@ -9,7 +9,7 @@
 
 #include "Netlink/Socket.h"
 #include "lab/Switch.h"
-#include "linux/KernelState/LabKernel.h"
+#include "lab/LabKernel.h"
 
 namespace Lab {
 namespace {

@@ -7,7 +7,7 @@
 #include <optional>
 
 #include "lab/Switch.h"
-#include "linux/KernelState/LabKernel.h"
+#include "lab/LabKernel.h"
 
 namespace Lab {
 namespace {

@@ -10,7 +10,7 @@
 #include <optional>
 
 #include "lab/Switch.h"
-#include "linux/KernelState/LabKernel.h"
+#include "lab/LabKernel.h"
 
 namespace Lab {
 

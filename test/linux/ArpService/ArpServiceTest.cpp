@@ -11,7 +11,7 @@
 
 #include "Lanix/Namespaces.h"
 #include "ServiceRig.h"
-#include "linux/KernelState/LabKernel.h"
+#include "lab/LabKernel.h"
 
 // A switch in a namespace of its own, with VLANs 10 and 20 in VRF "default", and VLAN 10's number again in
 // VRF "red".

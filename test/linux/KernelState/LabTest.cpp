@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "AgentRig.h"
-#include "LabKernel.h"
+#include "lab/LabKernel.h"
 #include "Lanix/Namespaces.h"
 
 // The plug-in on a real kernel: a switch in a namespace of its own, a VRF in another.
