@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Arp/Table.h"
-#include "ArpSuppression/ArpSuppression.h"
+#include "ArpSuppression/VlanL3Info.h"
 
 namespace ArpSuppression {
 

@@ -6,8 +6,9 @@
 
 #include "ArpSuppression/ArpInputConfigTrigger.h"
 #include "ArpSuppression/ArpStatusHelper.h"
-#include "ArpSuppression/ArpSuppression.h"
 #include "ArpSuppression/LocalRequestRecord.h"
+#include "ArpSuppression/TrappedMessage.h"
+#include "ArpSuppression/VlanL3Info.h"
 #include "Bridging/Config.h"
 #include "Bridging/Status.h"
 #include "Evpn/Status.h"

@@ -2,8 +2,9 @@
 
 #include <array>
 
-#include "ArpSuppression/ArpSuppression.h"
+#include "ArpSuppression/EnabledVlans.h"
 #include "ArpSuppression/RemoteBindingStatus.h"
+#include "ArpSuppression/VlanL3Info.h"
 #include "Evpn/Status.h"
 #include "Mox/Notifiee.h"
 #include "Orb/WalkSm.h"

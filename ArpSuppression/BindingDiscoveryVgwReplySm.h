@@ -1,7 +1,7 @@
 #pragma once
 
-#include "ArpSuppression/ArpSuppression.h"
 #include "ArpSuppression/ArpSuppressionSafeEthDevPam.h"
+#include "ArpSuppression/VlanL3Info.h"
 #include "Mox/Notifiee.h"
 #include "Orb/WalkSm.h"
 #include "Routing/Status.h"

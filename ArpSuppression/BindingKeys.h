@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "Arp/Table.h"
-#include "ArpSuppression/ArpSuppression.h"
+#include "ArpSuppression/VlanL3Info.h"
 
 namespace ArpSuppression {
 

@@ -2,11 +2,13 @@
 
 #include <deque>
 
-#include "ArpSuppression/ArpSuppression.h"
 #include "Mox/HashTable.h"
+#include "Orb/DumpContext.h"
 #include "Suppression/RemoteBindingConfig.h"
 
 namespace ArpSuppression {
+
+using Mox::Ptr;
 
 // When a (VLAN, address) was last asked for on this switch.
 struct LocalRequestRecordEntry {

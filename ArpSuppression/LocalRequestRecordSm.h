@@ -1,7 +1,7 @@
 #pragma once
 
-#include "ArpSuppression/ArpSuppression.h"
 #include "ArpSuppression/LocalRequestRecord.h"
+#include "ArpSuppression/TrappedMessage.h"
 #include "Mox/Notifiee.h"
 #include "Orb/WalkSm.h"
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "ArpSuppression/MessageTapSocketSm.h"
+#include "ArpSuppression/TrappedMessage.h"
 #include "Bridging/Config.h"
 #include "Evpn/Status.h"
 #include "Suppression/Counter.h"

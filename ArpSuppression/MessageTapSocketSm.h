@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdint>
 
-#include "ArpSuppression/ArpSuppression.h"
+#include "ArpSuppression/VlanL3Info.h"
 #include "Mox/Notifiee.h"
 #include "Orb/FileDescriptor.h"
 #include "Orb/WalkSm.h"

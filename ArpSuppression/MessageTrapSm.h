@@ -4,6 +4,7 @@
 #include <span>
 
 #include "ArpSuppression/MessageTapSocketSm.h"
+#include "ArpSuppression/TrappedMessage.h"
 #include "Suppression/Counter.h"
 #include "Suppression/Status.h"
 

@@ -2,7 +2,8 @@
 
 #include <map>
 
-#include "ArpSuppression/ArpSuppression.h"
+#include "ArpSuppression/EnabledVlans.h"
+#include "ArpSuppression/VlanL3Info.h"
 #include "Interface/NetNsIntfStatusManager.h"
 #include "Ip/Status.h"
 #include "KernelNetInfo/Status.h"

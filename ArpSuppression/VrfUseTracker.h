@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "ArpSuppression/ArpSuppression.h"
+#include "ArpSuppression/VlanL3Info.h"
 
 namespace ArpSuppression {
 

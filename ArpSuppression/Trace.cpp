@@ -1,0 +1,10 @@
+#include "ArpSuppression/Trace.h"
+
+namespace ArpSuppression {
+
+Tracelet::Handle& traceHandle() {
+  static Tracelet::Handle handle("ArpSuppression");
+  return handle;
+}
+
+}  // namespace ArpSuppression
