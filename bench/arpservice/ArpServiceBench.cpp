@@ -61,7 +61,7 @@ void bare(std::size_t entries) {
     }
     std::size_t refused = 0;
     const double cpu = seconds(CLOCK_THREAD_CPUTIME_ID);
-    socket.batch(messages, [&](std::size_t, const Netlink::Result& error) { refused += error ? 1 : 0; });
+    socket.batch(messages, [&](std::size_t, const Mox::Result<>& result) { refused += result ? 0 : 1; });
     std::printf("%-40s %7.3f s CPU  (%zu refused)\n",
                 install ? "bare batches: install" : "bare batches: remove",
                 seconds(CLOCK_THREAD_CPUTIME_ID) - cpu, refused);

@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "linux/KernelState/AgentRig.h"
 #include "KernelState/Messages.h"
-#include "lab/LabKernel.h"
 #include "Lanix/Namespaces.h"
+#include "lab/LabKernel.h"
+#include "linux/KernelState/AgentRig.h"
 
 namespace {
 
@@ -72,9 +72,9 @@ void print(const char* what, const Cost& cost) {
 double readOnly(Table table, std::size_t& messages) {
   Netlink::Socket socket(NETLINK_ROUTE);
   const double begin = cpu();
-  const auto error = socket.dump(
+  const auto dumped = socket.dump(
       KernelState::dumpRequest(table), [&](const Netlink::Received&) { ++messages; }, [&] { messages = 0; });
-  if (error) std::printf("reading %s: %s\n", KernelState::nameOf(table), error->text.c_str());
+  if (!dumped) std::printf("reading %s: %s\n", KernelState::nameOf(table), dumped.error().c_str());
   return cpu() - begin;
 }
 

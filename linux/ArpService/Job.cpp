@@ -15,7 +15,7 @@ void exchange(Netlink::Socket& socket, const std::vector<Job*>& jobs, Request re
   messages.reserve(jobs.size());
   for (const Job* job : jobs) messages.push_back(request(*job));
   socket.batch(
-      messages, [&](std::size_t i, const Netlink::Result& error) { answered(*jobs[i], error); },
+      messages, [&](std::size_t i, const Mox::Result<>& result) { answered(*jobs[i], result); },
       [&](std::size_t i, const Netlink::Received& message) {
         if (const auto actual = readNeighbour(message)) jobs[i]->actual = *actual;
       });
@@ -31,19 +31,19 @@ void bringInStep(Netlink::Socket& socket, std::span<Job> jobs) {
   exchange(
       socket, create,
       [](const Job& job) { return writeRequest(job.ifIndex, job.address, *job.wanted, NLM_F_EXCL); },
-      [&](Job& job, const Netlink::Result& error) {
-        if (error && error->number == EEXIST) {
+      [&](Job& job, const Mox::Result<>& result) {
+        if (result.number() == EEXIST) {
           look.push_back(&job);
         } else {
-          job.error = error;
+          job.result = result;
         }
       });
   // One that has gone in between is like one that never was.
   exchange(
       socket, look, [](const Job& job) { return lookRequest(job.ifIndex, job.address); },
-      [&](Job& job, const Netlink::Result& error) {
-        if (error && error->number != ENOENT) {
-          job.error = error;
+      [&](Job& job, const Mox::Result<>& result) {
+        if (!result && result.number() != ENOENT) {
+          job.result = result;
         } else if (judge(job.wanted, job.actual) != Verdict::leave) {
           change.push_back(&job);
         }
@@ -54,8 +54,8 @@ void bringInStep(Netlink::Socket& socket, std::span<Job> jobs) {
         return job.wanted ? writeRequest(job.ifIndex, job.address, *job.wanted, NLM_F_REPLACE)
                           : removeRequest(job.ifIndex, job.address);
       },
-      [](Job& job, const Netlink::Result& error) {
-        if (error && error->number != ENOENT) job.error = error;
+      [](Job& job, const Mox::Result<>& result) {
+        if (!result && result.number() != ENOENT) job.result = result;
       });
 }
 

@@ -12,7 +12,7 @@ struct Job {
   Lanix::IpGenAddr address;
   const Arp::ArpEntryInput* wanted = nullptr;  // null: nothing; refers to the configuration
   Neighbour actual;                            // as the kernel had it, if it had to be asked
-  Netlink::Result error;                       // empty: it is in step now
+  Mox::Result<> result;                        // whether it is in step now
 };
 
 // Brings up to a batch of neighbours in step with at most three exchanges. What is not there is written with

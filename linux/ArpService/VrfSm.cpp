@@ -107,17 +107,17 @@ void VrfSm::followVrf() {
 bool VrfSm::open() {
   const Lanix::NamespaceGuard guard(vrfStatus_->networkNamespace());
   if (!guard) {
-    refuse("entering its namespace", {0, guard.error()});
+    refuse("entering its namespace", {guard.error(), 0});
     return false;
   }
   sockets_ = std::make_unique<Sockets>(kernel_);
-  Netlink::Result error;
+  Mox::Result<> opened;
   for (const Netlink::Socket* socket : {&sockets_->notifications, &sockets_->requests, &sockets_->dumps})
-    error = error ? error : socket->openError();
+    opened = opened ? socket->opened() : opened;
   for (const unsigned group : {RTNLGRP_LINK, RTNLGRP_NEIGH})
-    error = error ? error : sockets_->notifications.join(group);
-  if (error) refuse("opening netlink", *error);
-  return !error;
+    opened = opened ? sockets_->notifications.join(group) : opened;
+  if (!opened) refuse("opening netlink", opened.failure());
+  return static_cast<bool>(opened);
 }
 
 void VrfSm::close() {
@@ -140,8 +140,8 @@ void VrfSm::handleReadable() {
     result = sockets_->notifications.receive(
         [this](const Netlink::Received& message) { handleMessage(message); }, kMessagesPerCall);
     if (result.overrun) roundTask_.schedule();
-    if (result.error) {
-      refuse("receiving changes", *result.error);
+    if (!result.result) {
+      refuse("receiving changes", result.result.failure());
       reopen_ = true;
       scheduleWalk();
       return;
@@ -320,8 +320,8 @@ void VrfSm::roundStart() {
 }
 
 void VrfSm::dumpStart(const Netlink::Message& request) {
-  if (const Netlink::Result error = sockets_->dumps.dumpStart(request)) {
-    refuse("asking for the kernel's tables", *error);
+  if (const auto started = sockets_->dumps.dumpStart(request); !started) {
+    refuse("asking for the kernel's tables", started.failure());
     roundEnd();
   }
 }
@@ -330,8 +330,8 @@ void VrfSm::dumpStep(const std::function<void(const Netlink::Received&)>& handle
   const Netlink::DumpSlice slice = sockets_->dumps.dumpSlice(handler);
   if (!slice.done) return;
   stage_ = next;
-  if (!slice.error) return;
-  refuse("reading the kernel's tables", *slice.error);
+  if (slice.result) return;
+  refuse("reading the kernel's tables", slice.result.failure());
   roundEnd();
 }
 
@@ -400,7 +400,7 @@ void VrfSm::probe() {
   std::uint64_t probes = 0;
   // One that has gone meanwhile is refused, which is as well.
   sockets_->requests.batch(messages,
-                           [&](std::size_t, const Netlink::Result& error) { probes += error ? 0 : 1; });
+                           [&](std::size_t, const Mox::Result<>& result) { probes += result ? 1 : 0; });
   status_->probesIs(status_->probes() + probes);
 }
 
@@ -425,11 +425,11 @@ void VrfSm::program() {
   bringInStep(sockets_->requests, jobs);
   for (std::size_t i = 0; i < jobs.size(); ++i) {
     const Job& job = jobs[i];
-    const bool deviceGone = job.error && job.error->number == ENODEV;
-    if (!job.error || (deviceGone && !job.wanted)) {
+    const bool deviceGone = job.result.number() == ENODEV;
+    if (job.result || (deviceGone && !job.wanted)) {
       settle(keys[i], job.wanted);
     } else if (!deviceGone) {  // of that the kernel tells
-      refuse(keys[i].intf.toStrep() + ", neighbour " + job.address.toStrep(), *job.error);
+      refuse(keys[i].intf.toStrep() + ", neighbour " + job.address.toStrep(), job.result.failure());
     }
   }
 }
@@ -449,13 +449,13 @@ void VrfSm::settle(const Key& key, const Arp::ArpEntryInput* want) {
   record.round = round_;
 }
 
-void VrfSm::refuse(const std::string& what, const Netlink::Error& error) {
+void VrfSm::refuse(const std::string& what, const Mox::Failure& failure) {
   refused_ = true;
   status_->refusalsIs(status_->refusals() + 1);
   if (!status_->problem().empty()) return;  // told once, not for each neighbour
-  const bool full = error.number == ENOBUFS || error.number == ENOMEM || error.number == ENOSPC;
+  const bool full = failure.number == ENOBUFS || failure.number == ENOMEM || failure.number == ENOSPC;
   const std::string reason =
-      full ? "the kernel's neighbour table is full; see net.ipv4.neigh.default.gc_thresh3" : error.text;
+      full ? "the kernel's neighbour table is full; see net.ipv4.neigh.default.gc_thresh3" : failure.text;
   status_->problemIs(what + ": " + reason);
   ARP_SERVICE_TRACE(0, "VRF " << name_ << ": " << status_->problem() << "; tried again");
   TRACELET_RECORD("ARP service: VRF {}: {}", name_, status_->problem());

@@ -102,7 +102,7 @@ class VrfSm final : public Orb::WalkSmBase {
   void enqueue(const Key& key, bool unlessSettled = false);
   void program();
   void settle(const Key& key, const Arp::ArpEntryInput* want);
-  void refuse(const std::string& what, const Netlink::Error& error);
+  void refuse(const std::string& what, const Mox::Failure& failure);
   void publish();
 
   const double refreshSeconds_;

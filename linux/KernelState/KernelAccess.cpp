@@ -61,13 +61,13 @@ class NetlinkSource final : public RouteSource {
         notifications_(NETLINK_ROUTE, {.receiveBuffer = kNotificationBuffer}),
         dumps_(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = kDumpTimeoutMilliseconds}) {}
 
-  Netlink::Result prepare() {
-    if (notifications_.openError()) return notifications_.openError();
-    if (dumps_.openError()) return dumps_.openError();
+  Mox::Result<> prepare() {
+    if (!notifications_.opened()) return notifications_.opened();
+    if (!dumps_.opened()) return dumps_.opened();
     for (const unsigned group : kGroups) {
-      if (Netlink::Result error = notifications_.join(group)) return error;
+      if (Mox::Result<> joined = notifications_.join(group); !joined) return joined;
     }
-    return std::nullopt;
+    return {};
   }
 
   NamespaceId id() const override { return id_; }
@@ -75,9 +75,7 @@ class NetlinkSource final : public RouteSource {
   Netlink::Notifications receive(const Netlink::Handler& handler, std::size_t maxMessages) override {
     return notifications_.receive(handler, maxMessages);
   }
-  Netlink::Result dumpStart(Netlink::Message request) override {
-    return dumps_.dumpStart(std::move(request));
-  }
+  Mox::Result<> dumpStart(Netlink::Message request) override { return dumps_.dumpStart(std::move(request)); }
   Netlink::DumpSlice dumpSlice(const Netlink::Handler& handler) override { return dumps_.dumpSlice(handler); }
 
  private:
@@ -161,8 +159,8 @@ std::unique_ptr<RouteSource> KernelAccess::open(const Lanix::NamespaceName& name
     id = identityOf(here.get());
   }
   auto source = std::make_unique<NetlinkSource>(id);
-  if (const Netlink::Result error = source->prepare()) {
-    problem = Netlink::describe("network namespace \"" + name + "\": opening netlink", *error);
+  if (const auto prepared = source->prepare(); !prepared) {
+    problem = Netlink::describe("network namespace \"" + name + "\": opening netlink", prepared).error();
     return nullptr;
   }
   return source;

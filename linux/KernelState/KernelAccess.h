@@ -36,7 +36,7 @@ class RouteSource {
   // Readable when notifications wait.
   virtual int descriptor() const = 0;
   virtual Netlink::Notifications receive(const Netlink::Handler& handler, std::size_t maxMessages) = 0;
-  virtual Netlink::Result dumpStart(Netlink::Message request) = 0;
+  virtual Mox::Result<> dumpStart(Netlink::Message request) = 0;
   virtual Netlink::DumpSlice dumpSlice(const Netlink::Handler& handler) = 0;
 };
 

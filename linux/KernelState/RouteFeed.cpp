@@ -91,8 +91,8 @@ bool RouteFeed::step() {
       stage_ = Stage::sweep;
       if (state_ == State::closing) break;
       stage_ = Stage::read;
-      if (const Netlink::Result error = source_->dumpStart(dumpRequest(table))) {
-        fail("asking for ", *error);
+      if (const auto started = source_->dumpStart(dumpRequest(table)); !started) {
+        fail("asking for ", started.failure());
         tableDone(false);
       }
       break;
@@ -110,15 +110,15 @@ void RouteFeed::readNext() {
   const Netlink::DumpSlice slice =
       source_->dumpSlice([this](const Netlink::Received& message) { deliver(message, Word::dump); });
   if (!slice.done) return;
-  if (slice.error) {
-    fail("reading ", *slice.error);
+  if (!slice.result) {
+    fail("reading ", slice.result.failure());
     tableDone(false);
   } else if (!slice.interrupted) {
     stage_ = Stage::sweep;
   } else if (++disturbed_ < kMaxDisturbed) {
     stage_ = Stage::start;
   } else {
-    fail("reading ", {0, "it changes all the time"});
+    fail("reading ", {"it changes all the time", 0});
     tableDone(false);
   }
 }
@@ -141,11 +141,11 @@ void RouteFeed::tableDone(bool success) {
   stage_ = Stage::start;
 }
 
-void RouteFeed::fail(const std::string& doing, const Netlink::Error& error) {
+void RouteFeed::fail(const std::string& doing, const Mox::Failure& failure) {
   const std::string what =
       "network namespace \"" + name_ + "\": " + doing + nameOf(static_cast<Table>(table_));
-  KERNEL_STATE_TRACE(0, Netlink::describe(what, error));
-  TRACELET_RECORD("kernel table not read: {}", Netlink::describe(what, error));
+  KERNEL_STATE_TRACE(0, what << ": " << failure.text);
+  TRACELET_RECORD("kernel table not read: {}: {}", what, failure.text);
 }
 
 void RouteFeed::walkFinishedNotification() {
@@ -172,9 +172,9 @@ void RouteFeed::receive() {
     result = source_->receive(
         [this](const Netlink::Received& message) { deliver(message, Word::notification); }, kMessagesPerCall);
     lost_ = lost_ || result.overrun;
-    if (result.error) {
-      const std::string what = "network namespace \"" + name_ + "\": receiving changes";
-      KERNEL_STATE_TRACE(0, Netlink::describe(what, *result.error));
+    if (!result.result) {
+      KERNEL_STATE_TRACE(
+          0, "network namespace \"" << name_ << "\": receiving changes: " << result.result.error());
       client_.handleBroken();
       return;
     }

@@ -68,7 +68,7 @@ class RouteFeed final : private Orb::WalkSmBase {
   void readNext();
   void deliver(const Netlink::Received& message, Word word);
   void tableDone(bool success);
-  void fail(const std::string& doing, const Netlink::Error& error);
+  void fail(const std::string& doing, const Mox::Failure& failure);
   void receive();
   void sourceIs(std::unique_ptr<RouteSource> source);
 

@@ -1,33 +1,45 @@
 #include "Netlink/Socket.h"
 
 #include <fcntl.h>
-#include <libmnl/libmnl.h>
 #include <linux/netlink.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <type_traits>
+
+#include "Lanix/Descriptor.h"
 
 namespace Netlink {
 namespace {
 
 // A dump's datagram is at most 32 KiB; a notification about one link with many functions may be longer.
-constexpr std::size_t kReceiveBuffer = 65536;
+// Lives for one call only, since a switch with many VRFs has thousands of sockets.
+class ReceiveBuffer {
+ public:
+  operator std::span<std::byte>() const { return {bytes_.get(), kSize}; }
+
+ private:
+  static constexpr std::size_t kSize = 65536;
+  std::unique_ptr<std::byte[]> bytes_ = std::make_unique_for_overwrite<std::byte[]>(kSize);
+};
+
 constexpr int kDumpTries = 4;
 
 constexpr Policy kErrorPolicy[] = {{NLMSGERR_ATTR_MSG, Kind::string, 0, 4096}};
 
-Error errorOf(int number) { return {number, std::strerror(number)}; }
+Failure failureOf(int number) { return {std::strerror(number), number}; }
 
 // `tail` holds the extended acknowledgement's attributes, if there are any.
-Error errorOf(int number, const Received& message, std::size_t tail) {
-  Error error = errorOf(number);
-  if ((message.flags() & NLM_F_ACK_TLVS) == 0) return error;
+Failure failureOf(int number, const Received& message, std::size_t tail) {
+  Failure failure = failureOf(number);
+  if ((message.flags() & NLM_F_ACK_TLVS) == 0) return failure;
   const Attributes attributes(message.attributes(tail), kErrorPolicy);
-  if (const auto text = attributes.string(NLMSGERR_ATTR_MSG)) error.text += " (" + std::string(*text) + ")";
-  return error;
+  if (const auto text = attributes.string(NLMSGERR_ATTR_MSG)) failure.text += " (" + std::string(*text) + ")";
+  return failure;
 }
 
 // The next whole message of a datagram, which is advanced past it.
@@ -42,26 +54,31 @@ std::optional<Received> nextMessage(Bytes& datagram) {
 }
 
 // The result that an NLMSG_ERROR carries: an acknowledgement when its number is 0.
-Result acknowledged(const Received& message) {
+Result<> acknowledged(const Received& message) {
   const auto error = message.header<nlmsgerr>();
-  if (!error) return Error{EBADMSG, "the kernel's acknowledgement is cut off"};
-  if (error->error == 0) return std::nullopt;
+  if (!error) return Failure{"the kernel's acknowledgement is cut off", EBADMSG};
+  if (error->error == 0) return {};
   std::size_t tail = sizeof(nlmsgerr);
   if ((message.flags() & NLM_F_CAPPED) == 0 && error->msg.nlmsg_len > sizeof(nlmsghdr))
     tail += NLMSG_ALIGN(error->msg.nlmsg_len - sizeof(nlmsghdr));
-  return errorOf(-error->error, message, tail);
+  return failureOf(-error->error, message, tail);
 }
 
 // The result at the end of a dump: 0, or a negative errno.
-Result finished(const Received& message) {
+Result<> finished(const Received& message) {
   const int number = message.header<int>().value_or(0);
-  if (number >= 0) return std::nullopt;
-  return errorOf(-number, message, sizeof number);
+  if (number >= 0) return {};
+  return failureOf(-number, message, sizeof number);
 }
+
+Result<> tooLong() { return Failure{"an attribute exceeds 65531 bytes", EMSGSIZE}; }
 
 }  // namespace
 
-std::string describe(const std::string& what, const Error& error) { return what + ": " + error.text; }
+Result<> describe(const std::string& what, Result<> result) {
+  if (result) return result;
+  return Failure{what + ": " + result.error(), result.number()};
+}
 
 Received::Received(Bytes message) {
   nlmsghdr header;
@@ -98,39 +115,39 @@ int Kernel::wait(int descriptor, int milliseconds) {
 }
 
 Socket::Socket(int protocol, Options options, Kernel* kernel)
-    : socket_(mnl_socket_open2(protocol, SOCK_CLOEXEC | SOCK_NONBLOCK), &mnl_socket_close),
+    : fd_(Lanix::aboveStandard(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol))),
       kernel_(kernel),
-      options_(options),
-      buffer_(kReceiveBuffer) {
+      options_(options) {
   static Kernel forwarding;  // without state
   if (kernel_ == nullptr) kernel_ = &forwarding;
-  if (!socket_ || mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
-    openError_ = errorOf(errno);
-    socket_.reset();
+  // Without a port id the kernel chooses one that is free.
+  sockaddr_nl address{};
+  address.nl_family = AF_NETLINK;
+  if (fd_ < 0 || bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    opened_ = failureOf(errno);
+    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
     return;
   }
+  const auto option = [this](int level, int name, int value) {
+    return setsockopt(fd_, level, name, &value, sizeof value) == 0;
+  };
   // What an older kernel does not know of these only makes messages longer or errors terser.
-  int on = 1;
-  mnl_socket_setsockopt(socket_.get(), NETLINK_EXT_ACK, &on, sizeof on);
-  mnl_socket_setsockopt(socket_.get(), NETLINK_CAP_ACK, &on, sizeof on);
-  if (options_.strictDumps) mnl_socket_setsockopt(socket_.get(), NETLINK_GET_STRICT_CHK, &on, sizeof on);
-  if (const int size = options_.receiveBuffer; size > 0) {
-    if (setsockopt(fd(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0)
-      setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-  }
+  option(SOL_NETLINK, NETLINK_EXT_ACK, 1);
+  option(SOL_NETLINK, NETLINK_CAP_ACK, 1);
+  if (options_.strictDumps) option(SOL_NETLINK, NETLINK_GET_STRICT_CHK, 1);
+  if (const int size = options_.receiveBuffer; size > 0 && !option(SOL_SOCKET, SO_RCVBUFFORCE, size))
+    option(SOL_SOCKET, SO_RCVBUF, size);
 }
 
-Socket::~Socket() = default;
-Socket::Socket(Socket&& other) noexcept = default;
-Socket& Socket::operator=(Socket&& other) noexcept = default;
+Socket::~Socket() {
+  if (fd_ >= 0) ::close(fd_);
+}
 
-int Socket::fd() const { return socket_ ? mnl_socket_get_fd(socket_.get()) : -1; }
-
-Result Socket::join(unsigned group) {
-  if (openError_) return openError_;
-  if (mnl_socket_setsockopt(socket_.get(), NETLINK_ADD_MEMBERSHIP, &group, sizeof group) < 0)
-    return errorOf(errno);
-  return std::nullopt;
+Result<> Socket::join(unsigned group) {
+  if (!opened_) return opened_;
+  if (setsockopt(fd_, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)
+    return failureOf(errno);
+  return {};
 }
 
 std::uint32_t Socket::nextSequence() {
@@ -138,50 +155,50 @@ std::uint32_t Socket::nextSequence() {
   return sequence_;
 }
 
-Result Socket::sendAll(Bytes bytes) {
-  if (openError_) return openError_;
+Result<> Socket::sendAll(Bytes bytes) {
+  if (!opened_) return opened_;
   std::int64_t sent;
   do {
-    sent = kernel_->send(fd(), bytes);
+    sent = kernel_->send(fd_, bytes);
   } while (sent < 0 && errno == EINTR);
-  if (sent < 0) return errorOf(errno);
-  return std::nullopt;
+  if (sent < 0) return failureOf(errno);
+  return {};
 }
 
-Result Socket::receiveOne(int timeoutMilliseconds, Bytes& bytes) {
-  bytes = {};
-  if (openError_) return openError_;
+Result<Bytes> Socket::receiveOne(std::span<std::byte> buffer, int timeoutMilliseconds) {
+  if (!opened_) return opened_.failure();
   while (true) {
     bool fromKernel = false;
-    const std::int64_t length = kernel_->receive(fd(), buffer_, fromKernel);
+    const std::int64_t length = kernel_->receive(fd_, buffer, fromKernel);
     if (length >= 0) {
       if (!fromKernel) continue;
-      if (static_cast<std::size_t>(length) > buffer_.size())
-        return Error{EMSGSIZE, "the kernel's datagram of " + std::to_string(length) +
-                                   " bytes exceeds the buffer of " + std::to_string(buffer_.size())};
-      bytes = Bytes(buffer_).first(static_cast<std::size_t>(length));
-      return std::nullopt;
+      if (static_cast<std::size_t>(length) > buffer.size())
+        return Failure{"the kernel's datagram of " + std::to_string(length) +
+                           " bytes exceeds the buffer of " + std::to_string(buffer.size()),
+                       EMSGSIZE};
+      return Bytes(buffer).first(static_cast<std::size_t>(length));
     }
     if (errno == EINTR) continue;
-    if (errno != EAGAIN && errno != EWOULDBLOCK) return errorOf(errno);
-    if (timeoutMilliseconds == 0) return std::nullopt;
-    const int ready = kernel_->wait(fd(), timeoutMilliseconds);
+    if (errno != EAGAIN && errno != EWOULDBLOCK) return failureOf(errno);
+    if (timeoutMilliseconds == 0) return Bytes{};
+    const int ready = kernel_->wait(fd_, timeoutMilliseconds);
     if (ready == 0)
-      return Error{ETIMEDOUT,
-                   "no answer from the kernel within " + std::to_string(timeoutMilliseconds) + " ms"};
-    if (ready < 0 && errno != EINTR) return errorOf(errno);
+      return Failure{"no answer from the kernel within " + std::to_string(timeoutMilliseconds) + " ms",
+                     ETIMEDOUT};
+    if (ready < 0 && errno != EINTR) return failureOf(errno);
   }
 }
 
 // Collects the acknowledgements of the requests numbered `first` and on. Answers of earlier requests, which
 // gave up waiting, are passed over.
-Result Socket::answers(std::uint32_t first, std::span<std::optional<Result>> results,
-                       const Handler* handler) {
-  auto open = std::ranges::count_if(results, [](const std::optional<Result>& result) { return !result; });
+Result<> Socket::answers(std::uint32_t first, std::span<std::optional<Result<>>> results,
+                         const Handler* handler) {
+  const ReceiveBuffer buffer;
+  auto open = std::ranges::count_if(results, [](const std::optional<Result<>>& result) { return !result; });
   while (open > 0) {
-    Bytes datagram;
-    if (Result error = receiveOne(options_.receiveTimeoutMilliseconds, datagram)) return error;
-    while (const auto message = nextMessage(datagram)) {
+    Result<Bytes> datagram = receiveOne(buffer, options_.receiveTimeoutMilliseconds);
+    if (!datagram) return datagram.failure();
+    while (const auto message = nextMessage(*datagram)) {
       const std::uint32_t index = message->sequence() - first;
       if (index >= results.size() || results[index].has_value()) continue;
       if (message->type() == NLMSG_ERROR) {
@@ -192,87 +209,89 @@ Result Socket::answers(std::uint32_t first, std::span<std::optional<Result>> res
       }
     }
   }
-  return std::nullopt;
+  return {};
 }
 
-Result Socket::request(Message message) {
+Result<> Socket::request(Message message) {
   return get(std::move(message), [](const Received&) {});
 }
 
-Result Socket::get(Message message, const Handler& handler) {
-  if (!message.valid()) return Error{EMSGSIZE, "an attribute exceeds 65531 bytes"};
+Result<> Socket::get(Message message, const Handler& handler) {
+  if (!message.valid()) return tooLong();
   const std::uint32_t sequence = nextSequence();
   message.flagsAdd(NLM_F_ACK);
   message.sequenceIs(sequence);
-  if (Result error = sendAll(message.data())) return error;
-  std::optional<Result> result;
-  if (Result error = answers(sequence, std::span(&result, 1), &handler)) return error;
+  if (Result<> sent = sendAll(message.data()); !sent) return sent;
+  std::optional<Result<>> result;
+  if (Result<> answered = answers(sequence, std::span(&result, 1), &handler); !answered) return answered;
   return *result;
 }
 
-void Socket::batch(std::span<Message> messages, const std::function<void(std::size_t, const Result&)>& result,
+void Socket::batch(std::span<Message> messages,
+                   const std::function<void(std::size_t, const Result<>&)>& result,
                    const std::function<void(std::size_t, const Received&)>& answer) {
   std::vector<std::byte> bytes;
   for (std::size_t done = 0; done < messages.size();) {
     const std::size_t count = std::min(kBatch, messages.size() - done);
     if (sequence_ > UINT32_MAX - count) sequence_ = 0;  // numbers of one batch are consecutive, and none is 0
     const std::uint32_t first = sequence_ + 1;
-    std::vector<std::optional<Result>> results(count);
+    std::vector<std::optional<Result<>>> results(count);
     bytes.clear();
     for (std::size_t i = 0; i < count; ++i) {
       Message& message = messages[done + i];
       ++sequence_;
       if (!message.valid()) {
-        results[i] = Error{EMSGSIZE, "an attribute exceeds 65531 bytes"};
+        results[i] = tooLong();
         continue;
       }
       message.flagsAdd(NLM_F_ACK);
       message.sequenceIs(first + static_cast<std::uint32_t>(i));
       bytes.insert(bytes.end(), message.data().begin(), message.data().end());
     }
-    Result failure;
+    Result<> sent;
     if (!bytes.empty()) {
-      failure = sendAll(bytes);
+      sent = sendAll(bytes);
       const Handler handler = [&](const Received& message) {
         answer(done + (message.sequence() - first), message);
       };
-      if (!failure) failure = answers(first, results, answer ? &handler : nullptr);
+      if (sent) sent = answers(first, results, answer ? &handler : nullptr);
     }
-    for (std::size_t i = 0; i < count; ++i) result(done + i, results[i] ? *results[i] : failure);
+    for (std::size_t i = 0; i < count; ++i) result(done + i, results[i] ? *results[i] : sent);
     done += count;
   }
 }
 
-Result Socket::dumpStart(Message message) {
-  if (!message.valid()) return Error{EMSGSIZE, "an attribute exceeds 65531 bytes"};
-  if (dumpSequence_ != 0) return Error{EBUSY, "the socket's previous dump has not been read to its end"};
+Result<> Socket::dumpStart(Message message) {
+  if (!message.valid()) return tooLong();
+  if (dumpSequence_ != 0) return Failure{"the socket's previous dump has not been read to its end", EBUSY};
   dumpInterrupted_ = false;
   const std::uint32_t sequence = nextSequence();
   message.flagsAdd(NLM_F_DUMP);
   message.sequenceIs(sequence);
-  if (Result error = sendAll(message.data())) return error;
+  if (Result<> sent = sendAll(message.data()); !sent) return sent;
   dumpSequence_ = sequence;
-  return std::nullopt;
+  return {};
 }
 
 DumpSlice Socket::dumpSlice(const Handler& handler) {
   DumpSlice slice;
-  const auto end = [&](Result error) {
+  const auto end = [&](Result<> result) {
     slice.done = true;
-    slice.error = std::move(error);
+    slice.result = std::move(result);
     dumpSequence_ = 0;
   };
   if (dumpSequence_ == 0) {
-    end(Error{EINVAL, "no dump was started on this socket"});
+    end(Failure{"no dump was started on this socket", EINVAL});
     return slice;
   }
-  Bytes datagram;
-  if (Result error = receiveOne(options_.receiveTimeoutMilliseconds, datagram)) {
+  const ReceiveBuffer buffer;
+  Result<Bytes> datagram = receiveOne(buffer, options_.receiveTimeoutMilliseconds);
+  if (!datagram) {
     slice.interrupted = dumpInterrupted_;
-    end(std::move(error));
+    end(datagram.failure());
     return slice;
   }
-  while (const auto message = nextMessage(datagram)) {
+  while (const auto message = nextMessage(*datagram)) {
     if (message->sequence() != dumpSequence_) continue;
     if ((message->flags() & NLM_F_DUMP_INTR) != 0) dumpInterrupted_ = true;
     if (message->type() == NLMSG_DONE) {
@@ -291,39 +310,40 @@ DumpSlice Socket::dumpSlice(const Handler& handler) {
   return slice;
 }
 
-Result Socket::dump(const Message& message, const Handler& handler, const std::function<void()>& restarted) {
+Result<> Socket::dump(const Message& message, const Handler& handler,
+                      const std::function<void()>& restarted) {
   for (int attempt = 1;; ++attempt) {
-    if (Result error = dumpStart(message)) return error;
+    if (Result<> started = dumpStart(message); !started) return started;
     DumpSlice slice;
     do {
       slice = dumpSlice(handler);
     } while (!slice.done);
-    if (slice.error) return slice.error;
-    if (!slice.interrupted) return std::nullopt;
-    if (attempt == kDumpTries) return Error{EINTR, "the dump was interrupted by changes again and again"};
+    if (!slice.result || !slice.interrupted) return slice.result;
+    if (attempt == kDumpTries) return Failure{"the dump was interrupted by changes again and again", EINTR};
     restarted();
   }
 }
 
 Notifications Socket::receive(const Handler& handler, std::size_t maxMessages) {
-  Notifications result;
-  while (result.messages < maxMessages) {
-    Bytes datagram;
-    if (Result error = receiveOne(0, datagram)) {
+  const ReceiveBuffer buffer;
+  Notifications heard;
+  while (heard.messages < maxMessages) {
+    Result<Bytes> datagram = receiveOne(buffer, 0);
+    if (!datagram) {
       // A datagram that does not fit is lost as well.
-      result.overrun = result.more = error->number == ENOBUFS || error->number == EMSGSIZE;
-      if (!result.overrun) result.error = std::move(error);
-      return result;
+      heard.overrun = heard.more = datagram.number() == ENOBUFS || datagram.number() == EMSGSIZE;
+      if (!heard.overrun) heard.result = datagram.failure();
+      return heard;
     }
-    if (datagram.empty()) return result;
-    while (const auto message = nextMessage(datagram)) {
+    if (datagram->empty()) return heard;
+    while (const auto message = nextMessage(*datagram)) {
       if (message->type() < NLMSG_MIN_TYPE) continue;
       handler(*message);
-      ++result.messages;
+      ++heard.messages;
     }
   }
-  result.more = true;
-  return result;
+  heard.more = true;
+  return heard;
 }
 
 }  // namespace Netlink

@@ -4,11 +4,11 @@
 //
 // Three ways to use one, and a socket is used in one way only (a notification could otherwise push an answer
 // out of the receive buffer, or be taken for one):
-//   - requests: request(), get() and batch() send and wait for the kernel's answer, at most `receiveTimeout`
-//   for each
-//     datagram of it. rtnetlink answers from within the send, so that the wait is a bound and not a habit;
+//   - requests: request(), get() and batch() send and wait for the kernel's answer, at most
+//     `receiveTimeoutMilliseconds` for each datagram of it. rtnetlink answers from within the send, so that
+//     the wait is a bound and not a habit;
 //   - dumps: dumpStart() and then dumpSlice() until it says `done`, at most one datagram (32 KiB or less) a
-//   slice;
+//     slice;
 //   - notifications: join() the groups, watch fd() for readability, and receive() until it says no more.
 //
 // Nothing here throws. The descriptor is close-on-exec and non-blocking. Not thread-safe.
@@ -17,25 +17,21 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "Mox/Result.h"
 #include "Netlink/Attributes.h"
 #include "Netlink/Message.h"
 
-struct mnl_socket;
-
 namespace Netlink {
 
-struct Error {
-  int number = 0;    // an errno value, positive
-  std::string text;  // errno's text, and what the kernel added to it (its extended acknowledgement)
-};
-
-using Result = std::optional<Error>;  // empty: done
+// What the kernel refuses has errno's number, and its text with what the kernel added to it (its extended
+// acknowledgement).
+using Mox::Failure;
+using Mox::Result;
 
 // One received message. A view: valid only inside the handler that it was given to.
 class Received {
@@ -93,19 +89,19 @@ struct Options {
 };
 
 struct DumpSlice {
-  bool done = false;  // the dump ended, with or without an error
-  bool interrupted =
-      false;  // something changed while the dump ran (NLM_F_DUMP_INTR): what was seen may be inconsistent
+  bool done = false;  // the dump ended, with or without a failure
+  // Something changed while the dump ran (NLM_F_DUMP_INTR): what was seen may be inconsistent.
+  bool interrupted = false;
   std::size_t messages = 0;  // handed to the handler in this slice
-  Result error;
+  Result<> result;
 };
 
 struct Notifications {
   std::size_t messages = 0;
   bool more = false;  // stopped at the bound or at an overrun; there may be more to read
-  bool overrun =
-      false;     // the kernel dropped notifications (ENOBUFS): everything they told must be read again
-  Result error;  // anything else; the socket is not usable any more
+  // The kernel dropped notifications (ENOBUFS): everything they told must be read again.
+  bool overrun = false;
+  Result<> result;  // anything else that failed; the socket is not usable any more
 };
 
 class Socket {
@@ -118,60 +114,58 @@ class Socket {
   // real one.
   explicit Socket(int protocol, Options options = {}, Kernel* kernel = nullptr);
   ~Socket();
-  Socket(Socket&& other) noexcept;
-  Socket& operator=(Socket&& other) noexcept;
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
 
-  // Why the socket could not be opened. Every other operation then fails with the same error.
-  const Result& openError() const { return openError_; }
-  int fd() const;  // -1 when not open
+  // Whether the socket could be opened. Every other operation otherwise fails with the same error.
+  const Result<>& opened() const { return opened_; }
+  int fd() const { return fd_; }  // -1 when not open
 
   // Joins the multicast group of that number (RTNLGRP_LINK ...).
-  [[nodiscard]] Result join(unsigned group);
+  Result<> join(unsigned group);
 
   // Sends and waits for the acknowledgement.
-  [[nodiscard]] Result request(Message message);
+  Result<> request(Message message);
 
   // Sends a request whose answer is one message, which goes to `handler`, and waits for the acknowledgement.
-  [[nodiscard]] Result get(Message message, const Handler& handler);
+  Result<> get(Message message, const Handler& handler);
 
   // Sends all, kBatch at a time, and reports one result for each, by position and in order. The kernel
   // carries on after a request that it refuses. If the socket itself fails, the requests without an answer
   // all get that error. Messages are given up to the batch: their flags and sequence numbers are written.
   // Where a request is answered with a message, `answer` gets that first, with the request's position.
-  void batch(std::span<Message> messages, const std::function<void(std::size_t, const Result&)>& result,
+  void batch(std::span<Message> messages, const std::function<void(std::size_t, const Result<>&)>& result,
              const std::function<void(std::size_t, const Received&)>& answer = {});
 
   // Starts a dump; one at a time.
-  [[nodiscard]] Result dumpStart(Message message);
+  Result<> dumpStart(Message message);
   // Reads one datagram of it. Waits as bounded above only if the kernel has none ready.
   DumpSlice dumpSlice(const Handler& handler);
   // The whole dump at once, for short ones. Tried again when it was interrupted, at most three times;
   // `restarted` runs before each further try, for the caller to forget what it collected.
-  [[nodiscard]] Result dump(const Message& message, const Handler& handler,
-                            const std::function<void()>& restarted);
+  Result<> dump(const Message& message, const Handler& handler, const std::function<void()>& restarted);
 
   // Hands over the notifications that wait, without blocking, up to a datagram beyond `maxMessages`.
   Notifications receive(const Handler& handler, std::size_t maxMessages = 256);
 
  private:
-  Result sendAll(Bytes bytes);
-  // Receives one datagram from the kernel into buffer_, waiting until the timeout. Empty `bytes`: nothing
-  // came.
-  Result receiveOne(int timeoutMilliseconds, Bytes& bytes);
-  Result answers(std::uint32_t first, std::span<std::optional<Result>> results, const Handler* handler);
+  Result<> sendAll(Bytes bytes);
+  // Receives one datagram from the kernel, waiting until the timeout. Empty: nothing came.
+  Result<Bytes> receiveOne(std::span<std::byte> buffer, int timeoutMilliseconds);
+  Result<> answers(std::uint32_t first, std::span<std::optional<Result<>>> results, const Handler* handler);
   std::uint32_t nextSequence();
 
-  std::unique_ptr<mnl_socket, int (*)(mnl_socket*)> socket_;
+  int fd_ = -1;
   Kernel* kernel_;
   Options options_;
-  Result openError_;
-  std::vector<std::byte> buffer_;
+  Result<> opened_;
   std::uint32_t sequence_ = 0;
   std::uint32_t dumpSequence_ = 0;  // 0: no dump is running
   bool dumpInterrupted_ = false;
 };
 
-// errno's text behind what was being done: "adding link arpsnoop: File exists".
-std::string describe(const std::string& what, const Error& error);
+// What was being done in front of why it failed: "adding link arpsnoop: File exists". Nothing to say when it
+// was done.
+Result<> describe(const std::string& what, Result<> result);
 
 }  // namespace Netlink

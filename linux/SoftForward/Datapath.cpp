@@ -89,7 +89,7 @@ Failure Datapath::pairIs(const PairNames& names, std::uint32_t mtu,
 }
 
 Failure Datapath::open() {
-  if (socket_.openError()) return Netlink::describe("opening a netlink socket", *socket_.openError());
+  if (!socket_.opened()) return Netlink::describe("opening a netlink socket", socket_.opened()).error();
   if (Failure failure = programs_.load()) return failure;
 
   struct Peer {

@@ -30,9 +30,9 @@ tcmsg filterHeader(const Hook& hook) {
   return header;
 }
 
-Failure failed(const Hook& hook, const char* step, const Netlink::Result& result) {
-  if (!result) return std::nullopt;
-  return Netlink::describe(toString(hook) + ": " + step, *result);
+Failure failed(const Hook& hook, const char* step, const Mox::Result<>& result) {
+  if (result) return std::nullopt;
+  return Netlink::describe(toString(hook) + ": " + step, result).error();
 }
 
 }  // namespace
@@ -44,7 +44,7 @@ std::string toString(const Hook& hook) {
 
 Failure Filters::owner(const Hook& hook, Owner& owner, std::string& name) {
   owner = Owner::nobody;
-  const Netlink::Result result = socket_.get(
+  const Mox::Result<> result = socket_.get(
       std::move(Message(RTM_GETTFILTER).header(filterHeader(hook))), [&](const Netlink::Received& message) {
         const Netlink::Attributes attributes(message.attributes(sizeof(tcmsg)), kTcPolicy);
         const Netlink::Attributes bpf = attributes.nested(TCA_OPTIONS, kBpfPolicy);
@@ -53,7 +53,7 @@ Failure Filters::owner(const Hook& hook, Owner& owner, std::string& name) {
             name.starts_with(kPrefix) && attributes.string(TCA_KIND) == "bpf" ? Owner::ours : Owner::other;
       });
   // No device, no clsact qdisc (EINVAL), or no filter behind it.
-  if (!result || result->number == ENOENT || result->number == EINVAL || result->number == ENODEV)
+  if (result || result.number() == ENOENT || result.number() == EINVAL || result.number() == ENODEV)
     return std::nullopt;
   return failed(hook, "looking for a filter", result);
 }
@@ -63,9 +63,9 @@ Failure Filters::attach(const Hook& hook, int program, const std::string& name) 
   qdisc.tcm_ifindex = static_cast<int>(hook.ifIndex);
   qdisc.tcm_handle = kClsact;
   qdisc.tcm_parent = TC_H_CLSACT;
-  const Netlink::Result made = socket_.request(
+  const Mox::Result<> made = socket_.request(
       std::move(Message(RTM_NEWQDISC, NLM_F_CREATE | NLM_F_EXCL).header(qdisc).string(TCA_KIND, "clsact")));
-  if (made && made->number != EEXIST) return failed(hook, "making the clsact qdisc", made);
+  if (!made && made.number() != EEXIST) return failed(hook, "making the clsact qdisc", made);
 
   Owner owner = Owner::nobody;
   std::string present;
@@ -88,15 +88,15 @@ Failure Filters::detach(const Hook& hook) {
   std::string present;
   if (Failure failure = this->owner(hook, owner, present)) return failure;
   if (owner != Owner::ours) return std::nullopt;
-  const Netlink::Result result =
+  const Mox::Result<> result =
       socket_.request(std::move(Message(RTM_DELTFILTER).header(filterHeader(hook)).string(TCA_KIND, "bpf")));
-  if (result && (result->number == ENOENT || result->number == ENODEV)) return std::nullopt;
+  if (result.number() == ENOENT || result.number() == ENODEV) return std::nullopt;
   return failed(hook, "detaching the program", result);
 }
 
 Failure Filters::attached(std::vector<Hook>& hooks) {
   std::vector<std::uint32_t> devices;
-  const Netlink::Result result = socket_.dump(
+  const Mox::Result<> result = socket_.dump(
       Message(RTM_GETQDISC).header(tcmsg{}),
       [&](const Netlink::Received& message) {
         const auto header = message.header<tcmsg>();
@@ -105,7 +105,7 @@ Failure Filters::attached(std::vector<Hook>& hooks) {
           devices.push_back(static_cast<std::uint32_t>(header->tcm_ifindex));
       },
       [&] { devices.clear(); });
-  if (result) return Netlink::describe("listing clsact qdiscs", *result);
+  if (!result) return Netlink::describe("listing clsact qdiscs", result).error();
   hooks.clear();
   for (const std::uint32_t device : devices) {
     for (const Direction direction : {Direction::ingress, Direction::egress}) {

@@ -46,35 +46,35 @@ std::optional<Link> linkOf(const Netlink::Received& message) {
   return link;
 }
 
-Failure failed(const std::string& name, const std::string& step, const Netlink::Result& result) {
-  if (!result) return std::nullopt;
-  return Netlink::describe("device " + name + ": " + step, *result);
+Failure failed(const std::string& name, const std::string& step, const Mox::Result<>& result) {
+  if (result) return std::nullopt;
+  return Netlink::describe("device " + name + ": " + step, result).error();
 }
 
 }  // namespace
 
 std::optional<Link> Links::find(const std::string& name, Failure& failure) {
   std::optional<Link> link;
-  const Netlink::Result result =
+  const Mox::Result<> result =
       socket_.get(std::move(Message(RTM_GETLINK).header(ifinfomsg{}).string(IFLA_IFNAME, name)),
                   [&](const Netlink::Received& message) { link = linkOf(message); });
   failure.reset();
-  if (!result && link) return link;
-  if (result && result->number == ENODEV) return std::nullopt;
-  failure = result ? failed(name, "looking it up", result)
-                   : "device " + name + ": the kernel's description is malformed";
+  if (result && link) return link;
+  if (result.number() == ENODEV) return std::nullopt;
+  failure = !result ? failed(name, "looking it up", result)
+                    : "device " + name + ": the kernel's description is malformed";
   return std::nullopt;
 }
 
 Failure Links::forEach(const std::function<void(const Link&)>& visit) {
   std::vector<Link> links;
-  const Netlink::Result result = socket_.dump(
+  const Mox::Result<> result = socket_.dump(
       Message(RTM_GETLINK).header(ifinfomsg{}),
       [&](const Netlink::Received& message) {
         if (auto link = linkOf(message)) links.push_back(std::move(*link));
       },
       [&] { links.clear(); });
-  if (result) return Netlink::describe("listing network devices", *result);
+  if (!result) return Netlink::describe("listing network devices", result).error();
   for (const Link& link : links) visit(link);
   return std::nullopt;
 }
@@ -166,9 +166,8 @@ Failure Links::bridgeTakes(const std::string& name, std::uint32_t index, const M
   header.ndm_state = NUD_PERMANENT;
   header.ndm_flags = NTF_SELF;
   Message message(takes ? RTM_NEWNEIGH : RTM_DELNEIGH, takes ? NLM_F_CREATE : 0);
-  const Netlink::Result result =
-      socket_.request(std::move(message.header(header).bytes(NDA_LLADDR, address)));
-  if (!takes && result && (result->number == ENOENT || result->number == ENODEV)) return std::nullopt;
+  const Mox::Result<> result = socket_.request(std::move(message.header(header).bytes(NDA_LLADDR, address)));
+  if (!takes && (result.number() == ENOENT || result.number() == ENODEV)) return std::nullopt;
   return failed(name, takes ? "taking frames to the shared gateway MAC" : "leaving the shared gateway MAC",
                 result);
 }
@@ -182,8 +181,8 @@ Failure Links::xdpIs(const std::string& name, std::uint32_t index, int program) 
 }
 
 Failure Links::linkDel(const std::string& name, std::uint32_t index) {
-  const Netlink::Result result = socket_.request(std::move(Message(RTM_DELLINK).header(byIndex(index))));
-  if (result && result->number == ENODEV) return std::nullopt;
+  const Mox::Result<> result = socket_.request(std::move(Message(RTM_DELLINK).header(byIndex(index))));
+  if (result.number() == ENODEV) return std::nullopt;
   return failed(name, "removing it", result);
 }
 

@@ -60,8 +60,8 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
   bridgingConfig_.on(Bridging::Config::bridgeMacAddrChanged, [this] { synchronise_.schedule(); });
   fhrpVrMacStatus_.on(Routing::Fhrp::VirtualRouterMacStatus::vgwVirtualMacChanged,
                       [this] { synchronise_.schedule(); });
-  if (const Netlink::Result refused = notifications_.join(RTNLGRP_LINK)) {
-    check("link notifications", Netlink::describe("link notifications", *refused));
+  if (const auto joined = notifications_.join(RTNLGRP_LINK); !joined) {
+    check("link notifications", Netlink::describe("link notifications", joined).error());
   } else {
     const auto descriptor = Mox::make<Orb::FileDescriptor>(loop_, "SoftForward");
     descriptor->descriptorIs(notifications_.fd());
@@ -99,8 +99,9 @@ void SoftForwardSm::handleNotifications() {
   while (more) {
     const Netlink::Notifications batch =
         notifications_.receive([this](const Netlink::Received& m) { handleLink(m); });
-    more = batch.more && !batch.error;
-    if (batch.error) check("link notifications", Netlink::describe("link notifications", *batch.error));
+    more = batch.more && batch.result;
+    if (!batch.result)
+      check("link notifications", Netlink::describe("link notifications", batch.result).error());
   }
   synchronise_.schedule(kSettleSeconds);
 }

@@ -71,7 +71,7 @@ class Monitor {
   explicit Monitor(const Namespace& where) {
     const Entered entered(where);
     socket_.emplace(NETLINK_ROUTE, Netlink::Options{.receiveBuffer = 64 << 20});
-    EXPECT_FALSE(socket_->join(RTNLGRP_NEIGH).has_value());
+    EXPECT_TRUE(socket_->join(RTNLGRP_NEIGH));
   }
   // Since the last time; of one that goes the kernel tells that it has no MAC any more.
   TextSet heard() {

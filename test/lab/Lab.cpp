@@ -40,8 +40,8 @@ constexpr Netlink::Policy kNeighbourPolicy[] = {{NDA_LLADDR, Kind::bytes, 6, 6},
 [[noreturn]] void fail(const std::string& what) { throw std::runtime_error("lab: " + what); }
 [[noreturn]] void failErrno(const std::string& what) { fail(what + ": " + std::strerror(errno)); }
 
-void require(const std::string& what, const Netlink::Result& result) {
-  if (result) fail(Netlink::describe(what, *result));
+void require(const std::string& what, const Mox::Result<>& result) {
+  if (!result) fail(Netlink::describe(what, result).error());
 }
 
 void request(const std::string& what, Message& message) {

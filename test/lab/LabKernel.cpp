@@ -40,13 +40,14 @@ void putMac(Message& message, const std::string& mac) {
 
 void request(Message message) {
   Netlink::Socket socket(NETLINK_ROUTE);
-  if (const auto error = socket.request(std::move(message))) throw std::runtime_error("lab: " + error->text);
+  if (const auto done = socket.request(std::move(message)); !done)
+    throw std::runtime_error("lab: " + done.error());
 }
 
 std::size_t requestAll(std::vector<Message>& messages) {
   std::size_t taken = 0;
   Netlink::Socket socket(NETLINK_ROUTE);
-  socket.batch(messages, [&](std::size_t, const Netlink::Result& error) { taken += error ? 0 : 1; });
+  socket.batch(messages, [&](std::size_t, const Mox::Result<>& result) { taken += result ? 1 : 0; });
   return taken;
 }
 

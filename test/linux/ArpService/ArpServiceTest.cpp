@@ -44,7 +44,7 @@ std::string line(const Neighbour& neighbour) {
 Lines neighbours(const std::string& device) {
   Lines lines;
   Netlink::Socket socket(NETLINK_ROUTE);
-  const auto error = socket.dump(
+  const auto dumped = socket.dump(
       neighbourDump(),
       [&](const Netlink::Received& message) {
         const auto neighbour = readNeighbour(message);
@@ -52,7 +52,7 @@ Lines neighbours(const std::string& device) {
           lines.push_back(line(*neighbour));
       },
       [&] { lines.clear(); });
-  EXPECT_FALSE(error.has_value()) << error->text;
+  EXPECT_TRUE(dumped) << dumped.error();
   std::ranges::sort(lines);
   return lines;
 }
@@ -60,7 +60,7 @@ Lines neighbours(const std::string& device) {
 // What the kernel tells about neighbours from here on, as "ip monitor neigh" sees it.
 class Monitor {
  public:
-  Monitor() { EXPECT_FALSE(socket_.join(RTNLGRP_NEIGH).has_value()); }
+  Monitor() { EXPECT_TRUE(socket_.join(RTNLGRP_NEIGH)); }
   Lines told() {
     Lines lines;
     socket_.receive(

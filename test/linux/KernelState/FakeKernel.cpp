@@ -94,8 +94,8 @@ class FakeKernel::Source final : public RouteSource {
     return result;
   }
 
-  Netlink::Result dumpStart(Message request) override {
-    if (dumping_) return Netlink::Error{EBUSY, "a dump is running"};
+  Mox::Result<> dumpStart(Message request) override {
+    if (dumping_) return Mox::Failure{"a dump is running", EBUSY};
     ndmsg header{};
     std::memcpy(&header, request.data().data() + sizeof(nlmsghdr), sizeof(rtgenmsg));
     table_ = request.type() == RTM_GETLINK    ? Table::links
@@ -106,7 +106,7 @@ class FakeKernel::Source final : public RouteSource {
     dump_ = of_->snapshot(table_);
     at_ = 0;
     dumping_ = true;
-    return std::nullopt;
+    return {};
   }
 
   Netlink::DumpSlice dumpSlice(const Netlink::Handler& handler) override {
@@ -122,7 +122,7 @@ class FakeKernel::Source final : public RouteSource {
       slice.interrupted = true;
     }
     if (const int error = std::exchange(of_->refused_[table_], 0))
-      slice.error = Netlink::Error{error, strerror(error)};
+      slice.result = Mox::Failure{strerror(error), error};
     return slice;
   }
 
