@@ -55,7 +55,7 @@ TEST(ArpService, KeepsWhatIsConfiguredAcrossRestarts) {
     const Entered there(red);
     KernelState::request(
         KernelState::neighbourMessage("vlan10", "10.0.0.4", "02:00:00:00:00:04", NUD_PERMANENT, 110));
-    ASSERT_FALSE(monitor.emplace(NETLINK_ROUTE).join(RTNLGRP_NEIGH).has_value());
+    ASSERT_TRUE(monitor.emplace(NETLINK_ROUTE).join(RTNLGRP_NEIGH));
   }
   leaf.start(config);
   EXPECT_EQ(leaf.state("arp/service/status", "/vrf/red/programmed", 2), 2);

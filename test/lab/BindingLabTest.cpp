@@ -56,11 +56,11 @@ TextSet neighboursIn(const Namespace& where) {
   TextSet texts;
   const Entered entered(where);
   Netlink::Socket socket(NETLINK_ROUTE);
-  const auto error = socket.dump(
+  const auto dumped = socket.dump(
       Netlink::Message(RTM_GETNEIGH).header(ndmsg{}),
       [&](const Netlink::Received& message) { texts.insert(neighbourText(message)); },
       [&] { texts.clear(); });
-  EXPECT_FALSE(error.has_value());
+  EXPECT_TRUE(dumped) << dumped.error();
   std::erase_if(texts, [](const std::string& text) { return text.find(' ') == std::string::npos; });
   return texts;
 }

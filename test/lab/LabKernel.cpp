@@ -87,7 +87,9 @@ Message macMessage(const std::string& port, const std::string& mac, std::uint16_
 void renameLink(const std::string& device, const std::string& newName) {
   ifinfomsg header{};
   header.ifi_index = static_cast<int>(Lab::ifIndex(device));
+  Lab::upIs(device, false);
   request(std::move(Message(RTM_SETLINK).header(header).string(IFLA_IFNAME, newName)));
+  Lab::upIs(newName);
 }
 
 }  // namespace KernelState

@@ -21,6 +21,7 @@ Netlink::Message macMessage(const std::string& port, const std::string& mac, std
 void request(Netlink::Message message);
 // All of them; returns how many the kernel took.
 std::size_t requestAll(std::vector<Netlink::Message>& messages);
+// Down while it is renamed: older kernels refuse otherwise.
 void renameLink(const std::string& device, const std::string& newName);
 
 }  // namespace KernelState

@@ -30,14 +30,14 @@ int filtersOf(const std::string& device) {
     header.tcm_parent = TC_H_MAKE(TC_H_CLSACT, direction);
     int found = 0;
     // Refused where there is no qdisc to have any.
-    const auto refused = socket.dump(
+    const auto dumped = socket.dump(
         Netlink::Message(RTM_GETTFILTER).header(header),
         [&](const Netlink::Received& message) {
           const auto filter = message.header<tcmsg>();
           found += filter && filter->tcm_handle != 0 ? 1 : 0;
         },
         [&] { found = 0; });
-    if (!refused) filters += found;
+    if (dumped) filters += found;
   }
   return filters;
 }

@@ -8,8 +8,8 @@
 #include <sstream>
 
 #include "AgentRig.h"
-#include "lab/LabKernel.h"
 #include "Lanix/Namespaces.h"
+#include "lab/LabKernel.h"
 
 // The plug-in on a real kernel: a switch in a namespace of its own, a VRF in another.
 
@@ -194,7 +194,7 @@ TEST_F(LabTest, NeighboursAndMacs) {
     EXPECT_EQ(macEntry(own.toStrep()), "") << device;
   }
   renameLink("Ethernet1", "Ethernet2");
-  expectMac("port renamed", "02:00:00:00:00:77", "learnedDynamic Ethernet2");
+  expectMac("port renamed", "02:00:00:00:00:78", "static Ethernet2");
   const auto before = rig->macs();
   rig = nullptr;  // and what the next run finds, it takes over
   startRig();
