@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 #pragma once
 
 // What the eBPF programs and the loader both know: map keys and values, marks, frame sizes. Included from C

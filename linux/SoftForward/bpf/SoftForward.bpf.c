@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: GPL-2.0-or-later
+
 // The forwarding programs. Frames are read with bpf_skb_load_bytes into the stack, so that a frame is never
 // linearised or otherwise touched by a program that lets it pass.
 //
