@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "ArpSuppression/Trace.h"
-#include "Mox/Error.h"
 
 namespace ArpSuppression {
 
@@ -25,13 +24,16 @@ void SafeEthDevPamEnableSm::enableTaskIs(Ptr<Orb::TaskScheduler> scheduler) {
 
 void SafeEthDevPamEnableSm::handleEnableTaskRun() {
   if (owner_->enabled()) return;
-  try {
-    owner_->enabledIs(true);
+  const Mox::Result<> enabled = owner_->enabledIs(true);
+  if (enabled) {
     TRACE8("enabled");
-  } catch (const Mox::Error& error) {
-    TRACE8("what=" << error.what());
-    enableTask_->schedule(kRetryDelay);
+    return;
   }
+  TRACE8("what=" << enabled.error());
+  // Once, not with every attempt.
+  if (std::exchange(refusal_, enabled.error()) != enabled.error())
+    TRACELET_RECORD("listening refused what={}", enabled.error());
+  enableTask_->schedule(kRetryDelay);
 }
 
 Mox::String SafeEthDevPamEnableSm::toStrep() const {

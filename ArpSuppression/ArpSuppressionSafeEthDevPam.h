@@ -29,6 +29,7 @@ class SafeEthDevPamEnableSm final : public Mox::Entity {
   void handleEnableTaskRun();
 
   SafeEthDevPam* owner_;
+  Mox::String refusal_;  // of the last attempt
   Mox::Notifiee<Orb::TimerTask> enableTask_;
 };
 

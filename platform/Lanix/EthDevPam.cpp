@@ -8,6 +8,7 @@
 #include "Lanix/NamespaceGuard.h"
 #include "Lanix/Namespaces.h"
 #include "Lanix/PacketSockets.h"
+#include "Mox/Error.h"
 #include "Orb/EventLoop.h"
 
 namespace Lanix {
@@ -18,49 +19,56 @@ EthDevPam::EthDevPam(Orb::EventLoop& loop, Mox::String deviceName)
                      [this] { readableCountIs(readableCount() + 1); });
 }
 
-EthDevPam::~EthDevPam() { enabledIs(false); }
+EthDevPam::~EthDevPam() { close(); }
 
-int EthDevPam::openSocket() const {
-  const auto fail = [&](const std::string& reason) {
-    throw PamError(deviceName_ + " in network namespace " + netNs_ + ": " + reason);
+Mox::Result<int> EthDevPam::openSocket() const {
+  const auto failure = [&](const std::string& reason, int number) {
+    return Mox::Failure{deviceName_ + " in network namespace " + netNs_ + ": " + reason, number};
+  };
+  const auto refused = [&](const std::string& what, int number) {
+    return failure(what + ": " + std::strerror(number), number);
   };
   PacketSockets& sockets = PacketSockets::current();
   const NamespaceGuard guard(netNs_);
-  if (!guard) fail(guard.error());
+  if (!guard) return failure(guard.error(), guard.entered().number());
   const std::uint32_t ifIndex = Namespaces::current().interfaceIndex(deviceName_);
-  if (ifIndex == 0) fail(std::string("no such device: ") + std::strerror(errno));
+  if (ifIndex == 0) return refused("no such device", errno);
   // Protocol 0 until it is bound: frames of other devices must not get in between.
   const int socket = sockets.open(SOCK_RAW, 0);
-  if (socket < 0) fail(std::string("packet socket: ") + std::strerror(errno));
+  if (socket < 0) return refused("packet socket", errno);
   if (sockets.nonBlockingIs(socket, true) < 0 || sockets.bind(socket, ifIndex, ethProtocol_) < 0) {
-    const std::string reason = std::strerror(errno);
+    const int error = errno;
     sockets.close(socket);
-    fail("packet socket cannot be bound: " + reason);
+    return refused("packet socket cannot be bound", error);
   }
   return socket;
 }
 
-void EthDevPam::enabledIs(bool enabled) {
-  if (enabled == this->enabled()) return;
-  if (!enabled) {
-    fileDescriptor_->descriptorIs(-1);
-    fileDescriptor_.notifierIs(nullptr);
-    PacketSockets::current().close(socket_);
-    socket_ = -1;
-    return;
-  }
-  const int socket = openSocket();
+void EthDevPam::close() {
+  if (!enabled()) return;
+  fileDescriptor_->descriptorIs(-1);
+  fileDescriptor_.notifierIs(nullptr);
+  PacketSockets::current().close(socket_);
+  socket_ = -1;
+}
+
+Mox::Result<> EthDevPam::enabledIs(bool enabled) {
+  if (!enabled) close();
+  if (enabled == this->enabled()) return {};
+  const Mox::Result<int> socket = openSocket();
+  if (!socket) return socket.failure();
   auto fileDescriptor = Mox::make<Orb::FileDescriptor>(loop_, deviceName_);
   try {
-    fileDescriptor->descriptorIs(socket);
+    fileDescriptor->descriptorIs(*socket);
     fileDescriptor->notifyOnReadableIs(true);
   } catch (const Mox::Error& error) {
     fileDescriptor = nullptr;
-    PacketSockets::current().close(socket);
-    throw PamError(error.what());
+    PacketSockets::current().close(*socket);
+    return Mox::Failure{error.what()};
   }
-  socket_ = socket;
+  socket_ = *socket;
   fileDescriptor_.notifierIs(fileDescriptor);
+  return {};
 }
 
 Mox::Ptr<Pkt> EthDevPam::rxPkt() {

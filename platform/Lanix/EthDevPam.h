@@ -3,10 +3,10 @@
 #include <cstdint>
 
 #include "Lanix/NamespaceName.h"
-#include "Lanix/PamError.h"
 #include "Lanix/Pkt.h"
 #include "Mox/Attribute.h"
 #include "Mox/Notifiee.h"
+#include "Mox/Result.h"
 #include "Mox/Strep.h"
 #include "Orb/FileDescriptor.h"
 
@@ -31,10 +31,10 @@ class EthDevPam : public Mox::Entity {
   const NamespaceName& netNs() const { return netNs_; }
   void netNsIs(const NamespaceName& netNs) { netNs_ = netNs; }
 
-  // Opens or closes the device. Throws PamError, and stays disabled, when the namespace or the device is not
-  // there or the kernel refuses.
+  // Opens or closes the device. It stays disabled when the namespace or the device is not there or the kernel
+  // refuses.
   bool enabled() const { return socket_ >= 0; }
-  void enabledIs(bool enabled);
+  Mox::Result<> enabledIs(bool enabled);
 
   // Grows each time when frames arrive after there were none: read until rxPkt gives null, or come back by
   // yourself.
@@ -44,8 +44,9 @@ class EthDevPam : public Mox::Entity {
   Mox::Ptr<Pkt> rxPkt();
 
  private:
+  void close();
   // In the namespace: the bound socket.
-  int openSocket() const;
+  Mox::Result<int> openSocket() const;
 
   Orb::EventLoop& loop_;
   Mox::String deviceName_;

@@ -26,7 +26,9 @@ int switchTo(const NamespaceName& name) {
 NamespaceGuard::NamespaceGuard(const NamespaceName& name) : before_(inside()) {
   if (name == before_) return;
   if (switchTo(name) != 0) {
-    error_ = "network namespace \"" + name + "\" cannot be entered: " + std::strerror(errno);
+    const int error = errno;
+    entered_ =
+        Mox::Failure{"network namespace \"" + name + "\" cannot be entered: " + std::strerror(error), error};
     return;
   }
   inside() = name;

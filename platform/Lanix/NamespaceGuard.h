@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Lanix/NamespaceName.h"
+#include "Mox/Result.h"
 
 namespace Lanix {
 
@@ -17,13 +18,14 @@ class NamespaceGuard {
   NamespaceGuard& operator=(const NamespaceGuard&) = delete;
   ~NamespaceGuard();
 
-  // False when the namespace could not be entered: the thread is where it was, and `error` says why.
-  explicit operator bool() const { return error_.empty(); }
-  const std::string& error() const { return error_; }
+  // Whether the namespace was entered; otherwise the thread is where it was.
+  const Mox::Result<>& entered() const { return entered_; }
+  explicit operator bool() const { return static_cast<bool>(entered_); }
+  const std::string& error() const { return entered_.error(); }
 
  private:
   NamespaceName before_;
-  std::string error_;
+  Mox::Result<> entered_;
   bool switched_ = false;
 };
 

@@ -89,7 +89,7 @@ std::uint32_t openNetlinkSocket(const NamespaceName& netNs) {
   int error = 0;
   {
     const NamespaceGuard guard(netNs);
-    error = errno;
+    error = guard.entered().number();
     if (guard) {
       socket = NetlinkSockets::current().open();
       error = errno;

@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/if_packet.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -58,7 +60,25 @@ int PacketSockets::nonBlockingIs(int socket, bool nonBlocking) {
 }
 
 int PacketSockets::receiveBufferIs(int socket, int bytes) {
+  if (setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) == 0) return 0;
   return setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+}
+
+std::uint32_t PacketSockets::takeDropped(int socket) {
+  tpacket_stats counts{};  // since the last call: asking clears them
+  socklen_t size = sizeof counts;
+  return getsockopt(socket, SOL_PACKET, PACKET_STATISTICS, &counts, &size) == 0 ? counts.tp_drops : 0;
+}
+
+int PacketSockets::takeError(int socket) {
+  int error = 0;
+  socklen_t size = sizeof error;
+  return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : 0;
+}
+
+int PacketSockets::unsent(int socket) {
+  int bytes = 0;
+  return ioctl(socket, SIOCOUTQ, &bytes) == 0 ? bytes : 0;
 }
 
 ssize_t PacketSockets::read(int socket, std::span<std::byte> buffer) {

@@ -36,8 +36,16 @@ class PacketSockets {
   virtual int open(int type, std::uint16_t protocol);
   virtual int bind(int socket, std::uint32_t ifIndex, std::uint16_t protocol);
   virtual int nonBlockingIs(int socket, bool nonBlocking);
-  // SO_RCVBUF, in bytes; the kernel has a least size of its own and doubles what is asked for.
+  // How many bytes may wait to be received, as the kernel counts them: it doubles what is asked for and has a
+  // least size of its own. Only a process without CAP_NET_ADMIN is held to net.core.rmem_max.
   virtual int receiveBufferIs(int socket, int bytes);
+  // Frames that the receive buffer had no room for since this was asked last.
+  virtual std::uint32_t takeDropped(int socket);
+  // The error that waits to be reported in place of the next frame (ENETDOWN after the device was down), or
+  // 0. It is not reported any more then.
+  virtual int takeError(int socket);
+  // Bytes that were sent and still wait in the device's queue.
+  virtual int unsent(int socket);
   virtual ssize_t read(int socket, std::span<std::byte> buffer);
   virtual ssize_t write(int socket, std::span<const std::byte> frame);
   // Sends without waiting.

@@ -11,18 +11,21 @@
 
 namespace Lanix {
 
-RawTxPam::~RawTxPam() { enabledIs(false); }
+RawTxPam::~RawTxPam() { close(); }
 
-void RawTxPam::enabledIs(bool enabled) {
-  if (enabled == this->enabled()) return;
-  PacketSockets& sockets = PacketSockets::current();
-  if (!enabled) {
-    sockets.close(socket_);
-    socket_ = -1;
-    return;
-  }
-  socket_ = sockets.open(SOCK_RAW, 0);
-  if (socket_ < 0) throw PamError(name_ + ": packet socket: " + std::strerror(errno));
+void RawTxPam::close() {
+  if (!enabled()) return;
+  PacketSockets::current().close(socket_);
+  socket_ = -1;
+}
+
+Mox::Result<> RawTxPam::enabledIs(bool enabled) {
+  if (!enabled) close();
+  if (enabled == this->enabled()) return {};
+  socket_ = PacketSockets::current().open(SOCK_RAW, 0);
+  if (socket_ >= 0) return {};
+  const int error = errno;
+  return Mox::Failure{name_ + ": packet socket: " + std::strerror(error), error};
 }
 
 bool RawTxPam::send(std::uint32_t ifIndex, const Mox::Ptr<const Pkt>& pkt) {

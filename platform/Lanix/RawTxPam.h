@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <span>
 
-#include "Lanix/PamError.h"
 #include "Lanix/Pkt.h"
 #include "Mox/Entity.h"
+#include "Mox/Result.h"
 #include "Mox/Strep.h"
 
 namespace Lanix {
@@ -24,9 +24,9 @@ class RawTxPam final : public Mox::Entity {
   std::uint16_t ethProtocol() const { return ethProtocol_; }
   void ethProtocolIs(std::uint16_t protocol) { ethProtocol_ = protocol; }
 
-  // Opens or closes the socket. Throws PamError, and stays disabled, when it cannot be opened.
+  // Opens or closes the socket. It stays disabled when it cannot be opened.
   bool enabled() const { return socket_ >= 0; }
-  void enabledIs(bool enabled);
+  Mox::Result<> enabledIs(bool enabled);
 
   // False with errno when the kernel did not take the frame (ENOBUFS or EAGAIN: its queue is full; ENOTCONN:
   // not enabled). Never waits.
@@ -41,6 +41,8 @@ class RawTxPam final : public Mox::Entity {
   std::size_t sendBatch(std::span<const Frame> frames);
 
  private:
+  void close();
+
   Mox::String name_;
   std::uint16_t ethProtocol_ = 3;
   int socket_ = -1;

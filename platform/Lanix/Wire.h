@@ -107,20 +107,16 @@ struct MplsLabelEntry {
 };
 static_assert(sizeof(MplsLabelEntry) == 4 && alignof(MplsLabelEntry) == 1);
 
-// What stands before a trapped frame. The frame's own addresses are not carried: its Ethernet header counts
-// as beginning at offset 16, with its type at offset 28 and, for 0x8100, the tag control at 30 and the inner
-// type at 32.
-//   0   6  destination, not read
-//   6   6  source, not read
+// What a trapped frame begins with: its own two addresses, then the header of the trap. Behind it the frame
+// goes on with its Ethernet type (at offset 28) and, when that is 0x8100, its tag.
+//   0   6  destination
+//   6   6  source
 //   12  2  type: 0x8135
 //   14  2  zero, not read
 //   16  4  VLAN id
 //   20  4  kernel index of the ingress interface
 //   24  4  zero, not read
 struct TrapHeader {
-  // Where the trapped frame's Ethernet header counts as beginning.
-  static constexpr std::size_t kFrameAt = 16;
-
   EthAddr destination;
   EthAddr source;
   Be16 type = kEtherTypeTrap;

@@ -28,10 +28,14 @@ Frame frameOf(const std::vector<unsigned>& bytes) {
 
 int FakeDevice::receives(const Frame& frame) {
   int delivered = 0;
-  for (const auto& [descriptor, socket] : sockets_->sockets_) {
+  for (auto& [descriptor, socket] : sockets_->sockets_) {
     const bool wanted = socket.protocol == Lanix::kEtherTypeAll || socket.protocol == typeOf(frame);
     if (socket.ifIndex != ifIndex_ || !wanted) continue;
-    delivered += ::send(socket.far, frame.data(), frame.size(), MSG_DONTWAIT) >= 0;
+    if (::send(socket.far, frame.data(), frame.size(), MSG_DONTWAIT) >= 0) {
+      ++delivered;
+    } else {
+      ++socket.dropped;
+    }
   }
   return delivered;
 }
@@ -47,6 +51,20 @@ void FakeDevice::fullIs(bool full) {
       sockets_->drain(socket.far);
     }
   }
+}
+
+void FakeDevice::flaps() {
+  for (auto& [descriptor, socket] : sockets_->sockets_) {
+    if (socket.ifIndex == ifIndex_) socket.error = ENETDOWN;
+  }
+}
+
+int FakeDevice::receiveBuffer() const {
+  int bytes = -1;
+  for (const auto& [descriptor, socket] : sockets_->sockets_) {
+    if (socket.ifIndex == ifIndex_) bytes = socket.receiveBuffer;
+  }
+  return bytes;
 }
 
 int FakeDevice::bound() const {
@@ -102,10 +120,23 @@ int FakePacketSockets::nonBlockingIs(int socket, bool nonBlocking) {
   return failing(Call::nonBlocking) ? -1 : PacketSockets::nonBlockingIs(socket, nonBlocking);
 }
 
-int FakePacketSockets::receiveBufferIs(int, int bytes) {
+int FakePacketSockets::receiveBufferIs(int socket, int bytes) {
   if (failing(Call::receiveBuffer)) return -1;
-  receiveBuffer_ = bytes;
+  sockets_.at(socket).receiveBuffer = bytes;
   return 0;
+}
+
+std::uint32_t FakePacketSockets::takeDropped(int socket) {
+  return std::exchange(sockets_.at(socket).dropped, 0);
+}
+
+int FakePacketSockets::takeError(int socket) { return std::exchange(sockets_.at(socket).error, 0); }
+
+int FakePacketSockets::unsent(int socket) {
+  std::deque<int>& answers = device(sockets_.at(socket).ifIndex).unsent_;
+  const int bytes = answers.empty() ? 0 : answers.front();
+  if (answers.size() > 1) answers.pop_front();
+  return bytes;
 }
 
 ssize_t FakePacketSockets::read(int socket, std::span<std::byte> buffer) {
@@ -128,6 +159,10 @@ ssize_t FakePacketSockets::write(int socket, std::span<const std::byte> frame) {
   const auto at = sockets_.find(socket);
   if (!refused && (at == sockets_.end() || at->second.ifIndex == 0)) {
     errno = at == sockets_.end() ? EBADF : ENXIO;
+    return -1;
+  }
+  if (at != sockets_.end() && at->second.error != 0) {
+    errno = std::exchange(at->second.error, 0);
     return -1;
   }
   const ssize_t written = refused ? -1 : send(at->second.ifIndex, frame);

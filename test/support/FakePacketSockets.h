@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <vector>
@@ -28,8 +29,13 @@ class FakeDevice {
   // While full, nothing can be sent (EAGAIN), and its sockets are not writable; the end of it makes them
   // writable again, which the event loop sees.
   void fullIs(bool full);
-  // Sockets that are bound to it now.
+  // It goes down and comes up again: its sockets report that, in place of the next frame that they send.
+  void flaps();
+  // What its sockets are told of bytes that wait in its queue, call by call; the last answer stands.
+  void unsentAre(std::deque<int> bytes) { unsent_ = std::move(bytes); }
+  // Sockets that are bound to it now, and the receive buffer that was set for the last of them; -1: none was.
   int bound() const;
+  int receiveBuffer() const;
 
  private:
   friend class FakePacketSockets;
@@ -37,6 +43,7 @@ class FakeDevice {
   std::uint32_t ifIndex_ = 0;
   bool full_ = false;
   std::vector<Frame> sent_;
+  std::deque<int> unsent_;
 };
 
 // Packet sockets without a kernel behind them, and without its rights. Each is one end of a pair of real
@@ -54,8 +61,6 @@ class FakePacketSockets final : public Lanix::PacketSockets {
   void fails(Call call, int error, int times = 1) { failures_[call] = {error, times}; }
 
   int openSockets() const { return static_cast<int>(sockets_.size()); }
-  // The receive buffer that was set last, -1 when none was.
-  int receiveBuffer() const { return receiveBuffer_; }
   // System calls that would have been made for sending.
   int sendCalls() const { return sendCalls_; }
 
@@ -63,6 +68,9 @@ class FakePacketSockets final : public Lanix::PacketSockets {
   int bind(int socket, std::uint32_t ifIndex, std::uint16_t protocol) override;
   int nonBlockingIs(int socket, bool nonBlocking) override;
   int receiveBufferIs(int socket, int bytes) override;
+  std::uint32_t takeDropped(int socket) override;
+  int takeError(int socket) override;
+  int unsent(int socket) override;
   ssize_t read(int socket, std::span<std::byte> buffer) override;
   ssize_t write(int socket, std::span<const std::byte> frame) override;
   ssize_t sendTo(int socket, const OutFrame& frame, std::uint16_t protocol) override;
@@ -76,6 +84,9 @@ class FakePacketSockets final : public Lanix::PacketSockets {
     int far;  // the test's end of the pair
     std::uint32_t ifIndex = 0;
     std::uint16_t protocol = 0;
+    int receiveBuffer = -1;
+    std::uint32_t dropped = 0;
+    int error = 0;
   };
   struct Failure {
     int error;
@@ -90,7 +101,6 @@ class FakePacketSockets final : public Lanix::PacketSockets {
   std::map<int, Socket> sockets_;
   std::map<std::uint32_t, std::unique_ptr<FakeDevice>> devices_;
   std::map<Call, Failure> failures_;
-  int receiveBuffer_ = -1;
   int sendCalls_ = 0;
   Lanix::Replaced<Lanix::PacketSockets> replaced_;
 };

@@ -83,11 +83,11 @@ TEST_F(KernelTest, FramesCrossAPairOfDevices) {
   Orb::EventLoop loop;
   auto rx = Mox::make<EthDevPam>(loop, "there");
   rx->ethProtocolIs(kEtherTypeArp);
-  EXPECT_THROW(rx->enabledIs(true), PamError);  // it is in the other namespace
+  EXPECT_EQ(rx->enabledIs(true).number(), ENODEV);  // it is in the other namespace
   rx->netNsIs(netNs_);
-  rx->enabledIs(true);
+  ASSERT_TRUE(rx->enabledIs(true));
   auto tx = Mox::make<RawTxPam>("RawTxPam");
-  tx->enabledIs(true);
+  ASSERT_TRUE(tx->enabledIs(true));
   const std::uint32_t ifIndex = Namespaces::current().interfaceIndex("here");
   ASSERT_NE(ifIndex, 0u);
 
@@ -118,7 +118,7 @@ TEST_F(KernelTest, FramesCrossAPairOfDevices) {
   EXPECT_GE(rx->readableCount(), 1u);
 }
 
-TEST_F(KernelTest, BatchesAreReceivedInOneCall) {
+TEST_F(KernelTest, SocketsReceiveBatchesAndTellOfLossesAndErrors) {
   PacketSockets& sockets = PacketSockets::current();
   const NamespaceGuard guard(netNs_);
   ASSERT_TRUE(guard);
@@ -140,6 +140,28 @@ TEST_F(KernelTest, BatchesAreReceivedInOneCall) {
   ASSERT_EQ(sockets.receiveBatch(socket, in), 2);
   EXPECT_EQ(in[0].size, 64u);
   EXPECT_EQ(in[1].size, 20u);
+
+  EXPECT_EQ(sockets.takeDropped(socket), 0u);
+  ASSERT_EQ(sockets.receiveBufferIs(socket, 0), 0);
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(sockets.write(socket, frame), 64);
+  int received = 0;
+  for (int count = 0; (count = sockets.receiveBatch(socket, in)) > 0;) received += count;
+  EXPECT_LT(received, 100);
+  EXPECT_EQ(sockets.takeDropped(socket), static_cast<unsigned>(100 - received));
+  EXPECT_EQ(sockets.takeDropped(socket), 0u);
+  EXPECT_EQ(sockets.unsent(socket), 0);
+
+  Lab::upIs("lo", false);
+  Lab::upIs("lo");
+  EXPECT_EQ(sockets.takeError(socket), ENETDOWN);
+  EXPECT_EQ(sockets.takeError(socket), 0);
+  EXPECT_EQ(sockets.write(socket, frame), 64);
+  // More than what a process without rights may have.
+  EXPECT_EQ(sockets.receiveBufferIs(socket, 2 << 20), 0);
+  int size = 0;
+  socklen_t length = sizeof size;
+  EXPECT_EQ(getsockopt(socket, SOL_SOCKET, SO_RCVBUF, &size, &length), 0);
+  EXPECT_EQ(size, 4 << 20);
   sockets.close(socket);
 }
 

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <functional>
 #include <vector>
 
 #include "Lanix/Bytes.h"
@@ -36,15 +35,6 @@ Frame frameOfType(std::uint16_t type, unsigned mark) {
 
 Mox::Ptr<const Pkt> pktOf(const Frame& frame) { return PktManager::global().newPktWithSharedHeadData(frame); }
 
-std::string errorOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const PamError& error) {
-    return error.what();
-  }
-  return "no error";
-}
-
 class RawTxPamTest : public ::testing::Test {
  protected:
   FakePacketSockets sockets_;
@@ -57,24 +47,24 @@ TEST_F(RawTxPamTest, SendsOnceEnabled) {
   EXPECT_FALSE(pam_->send(7, pkt));
   EXPECT_EQ(errno, ENOTCONN);
   pam_->ethProtocolIs(kEtherTypeAll);
-  pam_->enabledIs(true);
-  pam_->enabledIs(true);
+  EXPECT_TRUE(pam_->enabledIs(true));
+  EXPECT_TRUE(pam_->enabledIs(true));
   EXPECT_EQ(sockets_.openSockets(), 1);
   EXPECT_TRUE(pam_->send(7, pkt));
   EXPECT_THAT(fabric_.sent(), ElementsAre(frameOf({1, 2, 3})));
   EXPECT_EQ(fabric_.receives(frameOfType(kEtherTypeArp, 1)), 0);  // it listens to nothing
-  pam_->enabledIs(false);
+  EXPECT_TRUE(pam_->enabledIs(false));
   EXPECT_EQ(sockets_.openSockets(), 0);
-  pam_->enabledIs(true);
+  EXPECT_TRUE(pam_->enabledIs(true));
   pam_ = nullptr;
   EXPECT_EQ(sockets_.openSockets(), 0);
 }
 
 TEST_F(RawTxPamTest, RefusalsAreKept) {
   sockets_.fails(FakePacketSockets::Call::open, EPERM);
-  EXPECT_THAT(errorOf([&] { pam_->enabledIs(true); }), HasSubstr(std::strerror(EPERM)));
+  EXPECT_THAT(pam_->enabledIs(true).error(), HasSubstr(std::strerror(EPERM)));
   EXPECT_FALSE(pam_->enabled());
-  pam_->enabledIs(true);
+  EXPECT_TRUE(pam_->enabledIs(true));
   const auto pkt = pktOf(frameOf({1}));
   sockets_.fails(FakePacketSockets::Call::send, ENOBUFS);
   EXPECT_FALSE(pam_->send(7, pkt));
@@ -84,7 +74,7 @@ TEST_F(RawTxPamTest, RefusalsAreKept) {
 }
 
 TEST_F(RawTxPamTest, BatchesInOrderAndStopsAtTheFirstRefusal) {
-  pam_->enabledIs(true);
+  EXPECT_TRUE(pam_->enabledIs(true));
   std::vector<RawTxPam::Frame> frames;
   for (unsigned i = 0; i < 150; ++i) frames.push_back({7, pktOf(frameOf({i}))});
   EXPECT_EQ(pam_->sendBatch(frames), 150u);
@@ -128,7 +118,7 @@ TEST_F(EthDevPamTest, ReceivesItsProtocolAndNotifiesOnEdges) {
   int notified = 0;
   Mox::Notifiee<EthDevPam> watch(pam_);
   watch.on(EthDevPam::readableCountChanged, [&] { ++notified; });
-  pam_->enabledIs(true);
+  EXPECT_TRUE(pam_->enabledIs(true));
   EXPECT_EQ(namespaces_.inside(), kDefaultNamespace);
   settle();
   EXPECT_EQ(notified, 0);
@@ -152,26 +142,26 @@ TEST_F(EthDevPamTest, ReceivesItsProtocolAndNotifiesOnEdges) {
 
 TEST_F(EthDevPamTest, EnablingSaysWhatIsMissingAndCanBeTriedAgain) {
   namespaces_.loses("red");
-  EXPECT_THAT(errorOf([&] { pam_->enabledIs(true); }),
+  EXPECT_THAT(pam_->enabledIs(true).error(),
               AllOf(HasSubstr("vlan10"), HasSubstr("red"), HasSubstr(std::strerror(ENOENT))));
   namespaces_.has("red");
-  EXPECT_THAT(errorOf([&] { pam_->enabledIs(true); }), HasSubstr("no such device"));
+  EXPECT_THAT(pam_->enabledIs(true).error(), HasSubstr("no such device"));
   namespaces_.deviceIs("red", "vlan10", 5);
   for (auto call :
        {FakePacketSockets::Call::open, FakePacketSockets::Call::nonBlocking, FakePacketSockets::Call::bind}) {
     sockets_.fails(call, ENOBUFS);
-    EXPECT_THAT(errorOf([&] { pam_->enabledIs(true); }), HasSubstr(std::strerror(ENOBUFS)));
+    EXPECT_THAT(pam_->enabledIs(true).error(), HasSubstr(std::strerror(ENOBUFS)));
     EXPECT_FALSE(pam_->enabled());
     EXPECT_EQ(sockets_.openSockets(), 0);
     EXPECT_EQ(namespaces_.inside(), kDefaultNamespace);
   }
-  pam_->enabledIs(true);
+  EXPECT_TRUE(pam_->enabledIs(true));
   EXPECT_TRUE(pam_->enabled());
   EXPECT_EQ(vlan10_.bound(), 1);
 }
 
 TEST_F(EthDevPamTest, ReportedErrorsDoNotHideWaitingFrames) {
-  pam_->enabledIs(true);
+  EXPECT_TRUE(pam_->enabledIs(true));
   vlan10_.receives(frameOfType(kEtherTypeArp, 1));
   sockets_.fails(FakePacketSockets::Call::read, ENETDOWN);
   EXPECT_TRUE(pam_->rxPkt());
@@ -188,7 +178,7 @@ TEST_F(EthDevPamTest, MayBeDroppedFromItsOwnNotification) {
     watch.notifierIs(nullptr);
     pam_ = nullptr;
   });
-  pam_->enabledIs(true);
+  EXPECT_TRUE(pam_->enabledIs(true));
   vlan10_.receives(frameOfType(kEtherTypeArp, 1));
   settle();
   EXPECT_FALSE(pam_);
