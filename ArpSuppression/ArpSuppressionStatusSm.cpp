@@ -132,7 +132,8 @@ Orb::WalkRet ArpSuppressionStatusSm::walkVlans(const Collection& vlans) {
   bookmark_ = {};
   while (next != vlans.end()) {
     const Bridging::VlanId vlanId = next->first;
-    handleVlan(vlanId);
+    // An error costs the VLAN that raised it, not those behind it.
+    scheduler()->loop().dispatch(kSource, [&] { handleVlan(vlanId); });
     ++ret.processed;
     next = vlans.upperBound(vlanId);  // the handler may have removed the entry
     if (next != vlans.end() && mustYield()) {

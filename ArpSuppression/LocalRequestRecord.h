@@ -16,12 +16,13 @@ struct LocalRequestRecordEntry {
   double lastRequestTime = 0;  // seconds on the event loop's clock
 };
 
-// The keys that hosts asked for recently, and since when each may have to go.
+// What hosts asked for recently: each key with the time of its latest request, and a line of all keys by
+// which the old ones are found without a scan.
 //
-// A refresh writes the time of the request and touches nothing else. So the line in which entries wait for
-// their end holds each as of when it was put there last: `oldest` is one that nobody was in line before, and
-// may have been asked for again since. `entryRequeue` puts it where it belongs now. An ageing pass that does
-// so looks at an entry once a lifetime, and at the exact end of it.
+// Being asked for again writes that time and nothing else; the place in the line stays as it was. So an entry
+// of the line holds the time at which it was put there, and its key may have been asked for since. Whoever
+// takes old keys out looks at the front of the line, compares with lastRequestTime, and either deletes the
+// key or, with `entryRequeue`, puts it where its latest request belongs. That looks at a key once a lifetime.
 class LocalRequestRecord final : public Mox::Entity {
  public:
   // Makes or refreshes the entry. `now` never goes back.

@@ -28,7 +28,8 @@ void LocalRequestRecordSm::handleTrappedRequest() {
   const Ptr<const TrappedMessage> request = receivedRequestTrap_->lastTrappedMessage();
   if (!request) return;
   TRACE8("trappedRequest=" << request);
-  if (localRequestRecord_->entrys() == 0) scheduleWalk(entryLifetime_);
+  // A walk is scheduled while there are entries, unless an error ended it.
+  if (!walkScheduled()) scheduleWalk(entryLifetime_);
   localRequestRecord_->recordLocalRequest({request->vlanId(), request->targetIpAddress()},
                                           scheduler()->loop().now());
 }

@@ -48,6 +48,15 @@ constexpr std::size_t kLargestFlood = sizeof(FloodHeader) + sizeof(ControlWord) 
                                       sizeof(Lanix::Dot1qTag) + sizeof(Lanix::ArpIp4);
 static_assert(kLargestFlood == 76);
 
+// True for as long as this lives.
+struct Set {
+  explicit Set(bool& given) : flag(given) { flag = true; }
+  Set(const Set&) = delete;
+  Set& operator=(const Set&) = delete;
+  ~Set() { flag = false; }
+  bool& flag;
+};
+
 }  // namespace
 
 MessageReinjectSmBase::MessageReinjectSmBase(Ptr<Orb::TaskScheduler> scheduler, Mox::String interfaceName,
@@ -58,25 +67,34 @@ MessageReinjectSmBase::MessageReinjectSmBase(Ptr<Orb::TaskScheduler> scheduler, 
                          protocol, NotifyMode::writable, std::move(vlanL3InfoStatus)),
       reinjectMessageQueue_(std::move(reinjectMessageQueue)),
       arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)) {
-  reinjectMessageQueue_.on(MessageQueue::messageChanged,
-                           [this](MessageQueue::Index index) { handleMessage(index); });
+  reinjectMessageQueue_.on(MessageQueue::messageChanged, [this] { handleMessage(); });
 }
 
-// Only an addition makes work. The drain's own removals would start it again after a failed write, until
-// every message of the queue was lost to the same failure.
-void MessageReinjectSmBase::handleMessage(MessageQueue::Index index) {
-  if (reinjectMessageQueue_->messageHas(index)) scheduleWalk();
+// The queue notifies of removals as well. Those of this reactor make no work: after a failed write each would
+// start the next walk, until all messages were lost to the same failure.
+void MessageReinjectSmBase::handleMessage() {
+  if (!taking_) scheduleWalk();
 }
 
 Orb::WalkRet MessageReinjectSmBase::walk() {
   Orb::WalkRet ret;
   if (!socketOpen()) {
+    const Set taking(taking_);
     reinjectMessageQueue_->messageDelAll();
     return ret;
   }
+  Lanix::PacketSockets& sockets = Lanix::PacketSockets::current();
+  awaitSentIs(false);
+  // An error of the time when the device was down must not cost the message that comes first now.
+  if (reinjectMessageQueue_->messages() != 0) {
+    if (const int stale = sockets.takeError(socket())) TRACE8("stale errno=" << std::strerror(stale));
+  }
   const std::size_t initialMessages = reinjectMessageQueue_->messages();
   for (;;) {
-    const Ptr<const TrappedMessage> message = reinjectMessageQueue_->messageDeq();
+    const Ptr<const TrappedMessage> message = [&] {
+      const Set taking(taking_);
+      return reinjectMessageQueue_->messageDeq();
+    }();
     if (!message) return ret;
     std::int32_t written = 0;
     try {
@@ -89,9 +107,9 @@ Orb::WalkRet MessageReinjectSmBase::walk() {
       const int error = errno;
       TRACE8("write failed errno=" << std::strerror(error));
       arpSuppressionCounterStatus_->increment(ArpSuppressionCounterId::reinjectWriteFailed);
-      // The kernel took the frame, and the device's queue had no place: the frame's own end makes the socket
-      // writable. Followed, each message of the queue would be lost to that of the one before.
-      if (error == ENOBUFS) ignoreNextReadiness();
+      // The device's queue was full, and the kernel dropped the frame there. Dropping it makes the socket
+      // writable, which tells nothing: the queue is as full as before. What counts is a frame that leaves it.
+      if (error == ENOBUFS) awaitSentIs(true);
       break;
     }
     arpSuppressionCounterStatus_->increment(ArpSuppressionCounterId::reinjected);

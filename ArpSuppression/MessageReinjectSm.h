@@ -32,10 +32,11 @@ class MessageReinjectSmBase : public MessageTapSocketSm {
 
  private:
   Orb::WalkRet walk() override;
-  void handleMessage(MessageQueue::Index index);
+  void handleMessage();
 
   Mox::Notifiee<MessageQueue> reinjectMessageQueue_;
   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;
+  bool taking_ = false;  // messages off the queue, now
 };
 
 // On the software-forwarding data plane: a message goes back as it was trapped.

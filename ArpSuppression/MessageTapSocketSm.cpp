@@ -1,17 +1,16 @@
 #include "ArpSuppression/MessageTapSocketSm.h"
 
-#include <linux/if_ether.h>
 #include <sys/socket.h>
 
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <utility>
 
 #include "ArpSuppression/Trace.h"
 #include "L3/VrfName.h"
 #include "Lanix/PacketSockets.h"
+#include "Lanix/Wire.h"
 #include "Mox/Assert.h"
 #include "Mox/Error.h"
 
@@ -21,16 +20,33 @@ namespace {
 
 constexpr char kSource[] = "ArpSuppression/MessageTapSocketSm";
 
-// In host byte order; 0 for the invalid one.
-constexpr std::array<std::uint16_t, 3> kSocketProtocol{0, MessageTapSocketSm::kEtherTypeArpSnoop, ETH_P_ALL};
+// Where trapped frames wait while the agent does something else. The kernel makes 4 MiB of it, which hold
+// some 5,000 requests: 0.2 s of what the policers of 48 ports let through, so that neither a slice of other
+// work nor a burst on several ports loses any. More would only be a longer queue: what waits in this one is
+// answered within some 20 ms.
+constexpr int kTrapReceiveBuffer = 2 << 20;
 
-// Between its creation and its binding a socket hears every device. What came in by then is a bounded lot:
-// the receive buffer's worth.
+// As socket(2) takes it, but in host byte order; 0 for the invalid one.
+std::uint16_t socketProtocol(MessageTapSocketSm::Protocol protocol) {
+  switch (protocol) {
+    case MessageTapSocketSm::Protocol::tervakArpSnoop:
+      return Lanix::kEtherTypeTrap;
+    case MessageTapSocketSm::Protocol::allProtocols:
+      return Lanix::kEtherTypeAll;
+    case MessageTapSocketSm::Protocol::invalid:
+      break;
+  }
+  return 0;
+}
+
+// Between its creation and its binding a socket hears every device. What came in by then goes unread, and
+// what found no room does not count.
 void discardReceived(int sock) {
-  constexpr int kMost = 1024;  // a receive buffer holds fewer; what comes behind is the bound device's
+  constexpr int kMost = 1024;  // a new socket's buffer holds fewer; what comes behind is the bound device's
   std::array<std::byte, 1> cut;
   for (int i = 0; i < kMost && Lanix::PacketSockets::current().read(sock, cut) >= 0; ++i) {
   }
+  Lanix::PacketSockets::current().takeDropped(sock);
 }
 
 }  // namespace
@@ -69,37 +85,41 @@ void MessageTapSocketSm::handleKniIntfIfIndex() {
 }
 
 void MessageTapSocketSm::openSocket() {
-  const std::uint16_t proto = kSocketProtocol[static_cast<std::size_t>(protocol_)];
+  const std::uint16_t proto = socketProtocol(protocol_);
   MOX_ASSERT(kSource, "0 != proto", proto != 0);
   Lanix::PacketSockets& sockets = Lanix::PacketSockets::current();
   const int sock = sockets.open(SOCK_RAW, proto);
   if (sock < 0) {
-    TRACE8("socket creation failed errno=" << std::strerror(errno));
+    const int error = errno;
+    TRACE8("socket creation failed errno=" << std::strerror(error));
+    TRACELET_RECORD("socket creation failed intfId={} errno={}", interfaceName_, std::strerror(error));
     return;
   }
   if (sockets.bind(sock, interfaceWatch_->kniIntfIfIndex(), proto) < 0) {
     const int error = errno;
     sockets.close(sock);
     TRACE8("bind failed intfId=" << interfaceName_ << " errno=" << std::strerror(error));
+    TRACELET_RECORD("bind failed intfId={} errno={}", interfaceName_, std::strerror(error));
     return;
   }
   TRACE8("bound socket=" << sock);
-  ignoreNextReadiness_ = false;
+  unsentAtRefusal_ = {};
   auto descriptor = Mox::make<Orb::FileDescriptor>(scheduler()->loop(), "ArpTrap");
   try {
     descriptor->descriptorIs(sock);
     descriptor->nonBlockingIs(true);
     discardReceived(sock);
-    if (notifyMode_ == NotifyMode::writable) {
-      if (sockets.receiveBufferIs(sock, 0) < 0) {
-        TRACE8("setsockopt SO_RCVBUF failed intfId=" << interfaceName_ << " errno=" << std::strerror(errno));
-      }
+    if (sockets.receiveBufferIs(sock, notifyMode_ == NotifyMode::readable ? kTrapReceiveBuffer : 0) < 0) {
+      const int error = errno;
+      TRACE8("setsockopt SO_RCVBUF failed intfId=" << interfaceName_ << " errno=" << std::strerror(error));
+      TRACELET_RECORD("setsockopt SO_RCVBUF failed intfId={} errno={}", interfaceName_, std::strerror(error));
     }
     fileDescriptor_.notifierIs(descriptor);
     descriptor->notifyOnReadableIs(notifyMode_ == NotifyMode::readable);
     descriptor->notifyOnWritableIs(notifyMode_ == NotifyMode::writable);
   } catch (const Mox::Error& error) {
     TRACE8("event loop refused socket=" << sock << " what=" << error.what());
+    TRACELET_RECORD("event loop refused socket intfId={} what={}", interfaceName_, error.what());
     fileDescriptor_.notifierIs(nullptr);
     descriptor->descriptorIs(-1);
     sockets.close(sock);
@@ -120,7 +140,14 @@ void MessageTapSocketSm::closeSocket() {
 void MessageTapSocketSm::handleFileDescriptor() {
   TRACE8("scheduled=" << walkScheduled() << " readableCount=" << fileDescriptor_->readableCount()
                       << " writableCount=" << fileDescriptor_->writableCount());
-  if (!std::exchange(ignoreNextReadiness_, false)) scheduleWalk();
+  if (unsentAtRefusal_ && Lanix::PacketSockets::current().unsent(socket()) >= *unsentAtRefusal_) return;
+  unsentAtRefusal_ = {};
+  scheduleWalk();
+}
+
+void MessageTapSocketSm::awaitSentIs(bool await) {
+  unsentAtRefusal_ = {};
+  if (await) unsentAtRefusal_ = Lanix::PacketSockets::current().unsent(socket());
 }
 
 int MessageTapSocketSm::socket() const { return fileDescriptor_ ? fileDescriptor_->descriptor() : -1; }

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
+#include <optional>
 
 #include "ArpSuppression/VlanL3Info.h"
 #include "Mox/Notifiee.h"
@@ -21,11 +21,8 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
     tervakArpSnoop,  // the trap Ethernet type, 0x8135
     allProtocols,    // ETH_P_ALL
   };
-  // Which readiness schedules the walk. A writable socket is for sending only: its receive buffer is set to
-  // 0.
+  // Which readiness schedules the walk. A writable socket is for sending only: it receives nothing.
   enum class NotifyMode : std::uint8_t { readable, writable };
-
-  static constexpr std::uint16_t kEtherTypeArpSnoop = 0x8135;
 
   const Mox::String& interfaceName() const { return interfaceName_; }
   Mox::String toStrep() const { return "<" + walkName() + " " + interfaceName_ + ">"; }
@@ -39,8 +36,9 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
 
   // The open socket, or -1.
   int socket() const;
-  // The next readiness of this socket is no news, and does not schedule the walk.
-  void ignoreNextReadiness() { ignoreNextReadiness_ = true; }
+  // After a refused write: readiness schedules the walk again once less of what was sent waits in the queue
+  // of the device than now. False: any readiness does.
+  void awaitSentIs(bool await);
   void dumpSocket(Orb::DumpContext& context, int indent) const;
 
  private:
@@ -57,7 +55,7 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
   Ptr<VlanL3InfoStatus> vlanL3InfoStatus_;
   Mox::Notifiee<VrfInterfaceWatch> interfaceWatch_;
   Mox::Notifiee<Orb::FileDescriptor> fileDescriptor_;
-  bool ignoreNextReadiness_ = false;
+  std::optional<int> unsentAtRefusal_;  // bytes; set while they are waited for
 };
 
 }  // namespace ArpSuppression

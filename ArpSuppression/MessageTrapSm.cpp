@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ArpSuppression/Trace.h"
+#include "Lanix/Bytes.h"
 #include "Lanix/PacketSockets.h"
 #include "Lanix/Wire.h"
 #include "Mox/Assert.h"
@@ -19,38 +20,30 @@ constexpr char kSource[] = "ArpSuppression/MessageTrapSm";
 // Trapped frames go before everything else that the agent does.
 constexpr unsigned kTrapLevel = 1;
 
+using Id = ArpSuppressionCounterId;
 using Lanix::hex;
-using Lanix::kEtherTypeArp;
-using Lanix::kEtherTypeDot1q;
 
-constexpr std::size_t kTrapHeaderSize = sizeof(Lanix::TrapHeader);
-constexpr std::size_t kInnerOffset = Lanix::TrapHeader::kFrameAt;
-constexpr std::size_t kEthHeaderSize = sizeof(Lanix::EthHdr);
-constexpr std::size_t kTaggedEthHeaderSize = kEthHeaderSize + sizeof(Lanix::Dot1qTag);
-constexpr std::size_t kArpSize = sizeof(Lanix::ArpIp4);
-
-// Shared by all instances: a batch is handled before the next one is read.
-std::array<std::array<std::byte, MessageTrapSm::kBufferSize>, MessageTrapSm::kBatch> buffers;
-
-std::uint16_t be16(MessageTrapSm::MessageData data, std::size_t offset) {
-  return static_cast<std::uint16_t>(std::to_integer<unsigned>(data[offset]) << 8 |
-                                    std::to_integer<unsigned>(data[offset + 1]));
-}
-
-std::uint32_t be32(MessageTrapSm::MessageData data, std::size_t offset) {
-  return std::uint32_t{be16(data, offset)} << 16 | be16(data, offset + 2);
-}
-
-// A batch ends also when a handler raises an error in it, or drops the reader.
-struct Batch {
-  explicit Batch(MessageTrap& messageTrap) : trap(&messageTrap) { trap->inBatchIs(true); }
-  Batch(const Batch&) = delete;
-  Batch& operator=(const Batch&) = delete;
-  ~Batch() { trap->inBatchIs(false); }
+// For its life requests are handed over as a batch, whose answers leave together at its end. That comes also
+// when a handler drops the reader.
+struct HandOver {
+  explicit HandOver(MessageTrap& messageTrap) : trap(&messageTrap) { trap->inBatchIs(true); }
+  HandOver(const HandOver&) = delete;
+  HandOver& operator=(const HandOver&) = delete;
+  ~HandOver() { trap->inBatchIs(false); }
   Ptr<MessageTrap> trap;
 };
 
 }  // namespace
+
+// Frames that were read together: those before `next` were handled. A time slice may end between two of them.
+struct MessageTrapSm::Batch {
+  std::array<std::array<std::byte, kBufferSize>, kBatch> buffers;
+  std::array<Lanix::PacketSockets::InFrame, kBatch> frames;
+  std::size_t count = 0;
+  std::size_t next = 0;
+
+  MessageData data(std::size_t i) const { return MessageData(buffers[i]).first(frames[i].size); }
+};
 
 struct MessageTrapSm::Parsed {
   Bridging::VlanId vlanId;
@@ -71,55 +64,100 @@ MessageTrapSm::MessageTrapSm(Ptr<Orb::TaskScheduler> scheduler, Mox::String inte
       reinjectMessageQueue_(std::move(reinjectMessageQueue)),
       arpSuppressionStatus_(std::move(arpSuppressionStatus)),
       arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)),
-      deviceIntfStatusDir_(std::move(deviceIntfStatusDir)) {}
+      deviceIntfStatusDir_(std::move(deviceIntfStatusDir)),
+      batch_(std::make_unique_for_overwrite<Batch>()) {}
+
+MessageTrapSm::~MessageTrapSm() = default;
 
 Orb::WalkRet MessageTrapSm::walk() {
   Orb::WalkRet ret;
-  if (!socketOpen()) return ret;
-  const int sock = socket();
-  MOX_ASSERT(kSource, "sock >= 0", sock >= 0);
-  LifeGuard guard(*this);
-  std::array<Lanix::PacketSockets::InFrame, kBatch> frames;
-  for (;;) {
-    for (std::size_t i = 0; i < kBatch; ++i) frames[i] = {buffers[i]};
-    const int read = Lanix::PacketSockets::current().receiveBatch(sock, frames);
-    if (read < 0) {
-      const int error = errno;
-      if (error == EINTR) continue;
-      if (error == EAGAIN) return ret;
-      TRACE8("read failed errno=" << std::strerror(error));
-      arpSuppressionCounterStatus_->increment(ArpSuppressionCounterId::trapReadFailed);
-      return ret;
-    }
-    const std::size_t count = static_cast<std::size_t>(read);
-    const auto data = [&](std::size_t i) { return MessageData(buffers[i]).first(frames[i].size); };
-    if (count > 1) {
-      for (int round = 0; round < MessageTrap::kAheadRounds; ++round)
-        for (std::size_t i = 0; i < count; ++i) announce(data(i), round);
-    }
-    {
-      const Batch batch(*receivedRequestTrap_);
-      for (std::size_t i = 0; i < count && guard.alive(); ++i) processMessage(data(i));
-    }
-    ret.processed += static_cast<std::uint32_t>(count);
-    // Fewer than asked for: there were no more, and those that come now wake the socket again.
-    if (!guard.alive() || count < kBatch) return ret;
-    if (mustYield()) {
-      ret.moreWork = true;
-      return ret;
-    }
+  Batch& batch = *batch_;
+  if (!socketOpen()) {
+    batch.next = batch.count;
+    return ret;
   }
+  MOX_ASSERT(kSource, "sock >= 0", socket() >= 0);
+  LifeGuard guard(*this);
+  Orb::EventLoop& loop = scheduler()->loop();
+  bool wasFull = false;
+  for (bool yield = false; !yield;) {
+    if (batch.next == batch.count && (!socketOpen() || !readBatch())) {
+      ret.moreWork = false;
+      break;
+    }
+    wasFull = wasFull || batch.count == kBatch;
+    {
+      const HandOver handOver(*receivedRequestTrap_);
+      while (batch.next < batch.count && !yield) {
+        const MessageData data = batch.data(batch.next++);
+        // An error costs the frame that raised it, not those behind it.
+        loop.dispatch(kSource, [&] { processMessage(data); });
+        ++ret.processed;
+        if (!guard.alive()) return ret;
+        yield = mustYield();
+      }
+    }
+    // Fewer than asked for: there were no more, and those that come now wake the socket again.
+    ret.moreWork = batch.next < batch.count || batch.count == kBatch;
+    if (!ret.moreWork) break;
+  }
+  // Frames are lost behind a queue that is full; so it takes a full batch for any to be.
+  if (wasFull) countDropped();
+  return ret;
+}
+
+// The next frames into the batch; false when there are none, or they cannot be read.
+bool MessageTrapSm::readBatch() {
+  Batch& batch = *batch_;
+  batch.count = batch.next = 0;
+  for (std::size_t i = 0; i < kBatch; ++i) batch.frames[i] = {batch.buffers[i]};
+  int read = 0;
+  do {
+    read = Lanix::PacketSockets::current().receiveBatch(socket(), batch.frames);
+  } while (read < 0 && errno == EINTR);
+  if (read < 0) {
+    const int error = errno;
+    if (error == EAGAIN) return false;
+    TRACE8("read failed errno=" << std::strerror(error));
+    TRACELET_RECORD("read failed intfId={} errno={}", interfaceName(), std::strerror(error));
+    arpSuppressionCounterStatus_->increment(Id::trapReadFailed);
+    return false;
+  }
+  batch.count = static_cast<std::size_t>(read);
+  if (batch.count > 1) announceBatch();
+  return batch.count != 0;
+}
+
+void MessageTrapSm::countDropped() {
+  const std::uint32_t dropped = Lanix::PacketSockets::current().takeDropped(socket());
+  if (dropped == 0) return;
+  TRACE8("dropped=" << dropped);
+  TRACELET_RECORD("trapped frames dropped intfId={} dropped={}", interfaceName(), dropped);
+  arpSuppressionCounterStatus_->increment(Id::trapDropped, dropped);
 }
 
 // Only looks at what a good untagged or tagged request has in its place; the checks come when it is its turn.
-void MessageTrapSm::announce(MessageData data, int round) const {
+void MessageTrapSm::announceBatch() const {
   const MessageTrap::Ahead& ahead = receivedRequestTrap_->ahead();
-  if (!ahead || data.size() < kInnerOffset + kEthHeaderSize + kArpSize) return;
-  const std::size_t arpOffset =
-      kInnerOffset + (be16(data, 28) == kEtherTypeDot1q ? kTaggedEthHeaderSize : kEthHeaderSize);
-  const std::uint32_t vlan = be32(data, 16);
-  if (!Bridging::VlanId::valid(vlan) || data.size() < arpOffset + kArpSize) return;
-  ahead(round, Bridging::VlanId(vlan), Lanix::IpAddr(be32(data, arpOffset + 24)));
+  if (!ahead) return;
+  struct Request {
+    Bridging::VlanId vlanId;
+    Lanix::IpGenAddr targetIpAddress;
+  };
+  std::array<Request, kBatch> requests;
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < batch_->count; ++i) {
+    Lanix::ByteCursor cursor(batch_->data(i));
+    const auto header = cursor.read<Lanix::TrapHeader>();
+    const auto type = cursor.read<Lanix::Be16>();
+    if (type && *type == Lanix::kEtherTypeDot1q) cursor.skip(sizeof(Lanix::Dot1qTag));
+    const auto arp = cursor.read<Lanix::ArpIp4>();
+    if (!header || !arp || !Bridging::VlanId::valid(header->vlanId)) continue;
+    requests[count++] = {Bridging::VlanId(header->vlanId), Lanix::IpGenAddr(arp->targetIp)};
+  }
+  for (int round = 0; round < MessageTrap::kAheadRounds; ++round) {
+    for (std::size_t i = 0; i < count; ++i) ahead(round, requests[i].vlanId, requests[i].targetIpAddress);
+  }
 }
 
 bool MessageTrapSm::refuse(ArpSuppressionCounterId counter, const char* why, MessageData data) {
@@ -129,46 +167,42 @@ bool MessageTrapSm::refuse(ArpSuppressionCounterId counter, const char* why, Mes
 }
 
 bool MessageTrapSm::parse(MessageData data, Parsed& parsed) {
-  using Id = ArpSuppressionCounterId;
-  if (data.size() < kTrapHeaderSize)
-    return refuse(Id::trapMalformed, "not enough data for vxlan_encap_hdr", data);
-  if (be16(data, 12) != kEtherTypeArpSnoop)
+  Lanix::ByteCursor cursor(data);
+  const auto header = cursor.read<Lanix::TrapHeader>();
+  if (!header) return refuse(Id::trapMalformed, "not enough data for vxlan_encap_hdr", data);
+  if (header->type != Lanix::kEtherTypeTrap)
     return refuse(Id::trapMalformed, "not ETH_P_TERVAK_ARP_SNOOP", data);
-  const std::uint32_t vlan = be32(data, 16);
-  if (!Bridging::VlanId::valid(vlan)) return refuse(Id::trapMalformed, "Invalid vlanId", data);
-  parsed.vlanId = Bridging::VlanId(vlan);
+  if (!Bridging::VlanId::valid(header->vlanId)) return refuse(Id::trapMalformed, "Invalid vlanId", data);
+  parsed.vlanId = Bridging::VlanId(header->vlanId);
+  parsed.ifIndex = header->ifIndex;
   if (!arpSuppressionStatus_->vlanId(parsed.vlanId)) {
     TRACE8("Unexpected vlanId=" << parsed.vlanId << " data=" << hex(data));
     arpSuppressionCounterStatus_->increment(Id::trapVlanNotEnabled);
     return false;
   }
-  if (data.size() - kInnerOffset < kEthHeaderSize)
-    return refuse(Id::trapMalformed, "not enough data for ethhdr", data);
 
-  std::size_t arpOffset = kInnerOffset + kEthHeaderSize;
-  const std::uint16_t inner = be16(data, 28);
-  if (inner == kEtherTypeDot1q) {
-    if (data.size() - kInnerOffset < kTaggedEthHeaderSize) {
-      return refuse(Id::trapMalformed, "not enough data for vlan_ethhdr", data);
-    }
-    if (be16(data, 32) != kEtherTypeArp) {
-      TRACE8("ETH_P_8021Q encapsulated packet not ARP h_vlan_encapsulated_proto=" << be16(data, 32)
+  const auto type = cursor.read<Lanix::Be16>();
+  if (!type) return refuse(Id::trapMalformed, "not enough data for ethhdr", data);
+  if (*type == Lanix::kEtherTypeDot1q) {
+    const auto tag = cursor.read<Lanix::Dot1qTag>();
+    if (!tag) return refuse(Id::trapMalformed, "not enough data for vlan_ethhdr", data);
+    if (tag->type != Lanix::kEtherTypeArp) {
+      TRACE8("ETH_P_8021Q encapsulated packet not ARP h_vlan_encapsulated_proto=" << std::uint16_t{tag->type}
                                                                                   << " data=" << hex(data));
       arpSuppressionCounterStatus_->increment(Id::trapMalformed);
       return false;
     }
-    arpOffset = kInnerOffset + kTaggedEthHeaderSize;
-  } else if (inner != kEtherTypeArp) {
-    TRACE8("packet not ARP h_proto=" << inner << " data=" << hex(data));
+  } else if (*type != Lanix::kEtherTypeArp) {
+    TRACE8("packet not ARP h_proto=" << std::uint16_t{*type} << " data=" << hex(data));
     arpSuppressionCounterStatus_->increment(Id::trapMalformed);
     return false;
   }
 
-  const std::size_t remaining = data.size() - arpOffset;
-  if (remaining < kArpSize) return refuse(Id::trapMalformed, "not enough data for ARP header", data);
-  std::memcpy(&parsed.arp, data.data() + arpOffset, kArpSize);
-  const Lanix::ArpIp4& arp = parsed.arp;
-  if (arp.hardwareSize != 6 || arp.protocolSize != 4 || arp.hardwareType != 1 || arp.protocolType != 0x0800) {
+  const auto read = cursor.read<Lanix::ArpIp4>();
+  if (!read) return refuse(Id::trapMalformed, "not enough data for ARP header", data);
+  const Lanix::ArpIp4& arp = parsed.arp = *read;
+  if (arp.hardwareSize != 6 || arp.protocolSize != 4 || arp.hardwareType != Lanix::ArpIp4::kEthernet ||
+      arp.protocolType != Lanix::kEtherTypeIpv4) {
     return refuse(Id::trapMalformed, "invalid ARP header", data);
   }
   switch (std::uint16_t{arp.operation}) {
@@ -186,11 +220,10 @@ bool MessageTrapSm::parse(MessageData data, Parsed& parsed) {
       arpSuppressionCounterStatus_->increment(Id::trapNotRequestOrReply);
       return false;
   }
-  if (remaining > kArpSize) {
-    TRACE8("ARP message has extra data rcv=" << remaining - kArpSize << " data=" << hex(data));
+  if (cursor.remaining() != 0) {
+    TRACE8("ARP message has extra data rcv=" << cursor.remaining() << " data=" << hex(data));
     arpSuppressionCounterStatus_->increment(Id::trapExtraData);
   }
-  parsed.ifIndex = be32(data, 20);
   return true;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <span>
 
 #include "ArpSuppression/MessageTapSocketSm.h"
@@ -34,6 +35,8 @@ class MessageTrapSm : public MessageTapSocketSm {
   // Frames that are read together.
   static constexpr std::size_t kBatch = 32;
 
+  ~MessageTrapSm() override;
+
   void processMessage(MessageData data);
 
   void dumpState(Orb::DumpContext& context, int indent) const;
@@ -46,11 +49,14 @@ class MessageTrapSm : public MessageTapSocketSm {
                 Ptr<const Interface::DeviceIntfStatusDir> deviceIntfStatusDir);
 
  private:
+  struct Batch;
   // What the checks leave of a buffer.
   struct Parsed;
 
   Orb::WalkRet walk() override;
-  void announce(MessageData data, int round) const;
+  bool readBatch();
+  void announceBatch() const;
+  void countDropped();
   // False when the buffer is refused; it was counted and traced then.
   bool parse(MessageData data, Parsed& parsed);
   bool refuse(ArpSuppressionCounterId counter, const char* why, MessageData data);
@@ -61,6 +67,7 @@ class MessageTrapSm : public MessageTapSocketSm {
   Ptr<const ArpSuppressionStatus> arpSuppressionStatus_;
   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;
   Ptr<const Interface::DeviceIntfStatusDir> deviceIntfStatusDir_;
+  std::unique_ptr<Batch> batch_;
 };
 
 // On switch hardware.

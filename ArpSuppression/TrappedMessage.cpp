@@ -143,11 +143,7 @@ void MessageQueue::messageDelAll() {
   for (const MoxMessage& member : gone) notify(messageChanged, member.index);
 }
 
-bool MessageQueue::messageHas(Index index) const {
-  // The newest is what a watcher of additions asks for.
-  if (!message_.empty() && message_.back().index == index) return true;
-  return find(index) != message_.end();
-}
+bool MessageQueue::messageHas(Index index) const { return find(index) != message_.end(); }
 
 void MessageQueue::updateQueueLimit(std::uint32_t messagesProcessed) {
   const std::uint32_t doubled = messagesProcessed * 2;

@@ -2,9 +2,9 @@
 
 namespace ArpSuppression {
 
-void ArpSuppressionCounterStatus::increment(ArpSuppressionCounterId id) {
+void ArpSuppressionCounterStatus::increment(ArpSuppressionCounterId id, std::uint64_t by) {
   const auto index = static_cast<std::size_t>(id);
-  counterIs(static_cast<std::uint32_t>(index), ++values_[index]);
+  counterIs(static_cast<std::uint32_t>(index), values_[index] += by);
 }
 
 void ArpSuppressionCounterStatus::clear() {

@@ -60,7 +60,8 @@ namespace ArpSuppression {
   X(trappedReply)                       \
   X(reinjected)                         \
   X(reinjectWriteFailed)                \
-  X(reinjectNoImetLabel)
+  X(reinjectNoImetLabel)                \
+  X(trapDropped)
 
 enum class ArpSuppressionCounterId : std::uint32_t {
 #define X(name) name,
@@ -74,7 +75,7 @@ inline constexpr auto kCounterNames = std::to_array<const char*>({
 #undef X
 });
 inline constexpr std::uint32_t kCounters = static_cast<std::uint32_t>(kCounterNames.size());
-static_assert(kCounters == 52);
+static_assert(kCounters == 53);
 
 // In shared memory at "arpSuppression/counter": one entry an id. The writer begins at zero.
 class ArpSuppressionCounterStatus final : public Memtab::Entity {
@@ -83,9 +84,9 @@ class ArpSuppressionCounterStatus final : public Memtab::Entity {
   MEMTAB_MEMBERS(counter)
 
   // For the writer.
-  void increment(ArpSuppressionCounterId id);
+  void increment(ArpSuppressionCounterId id, std::uint64_t by = 1);
   std::uint64_t value(ArpSuppressionCounterId id) const { return values_[static_cast<std::size_t>(id)]; }
-  // Creates the 52 entries, all zero.
+  // Creates the entries, all zero.
   void clear();
 
  private:

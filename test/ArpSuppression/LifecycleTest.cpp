@@ -257,27 +257,29 @@ TEST(Lifecycle, everything_works_while_it_is_traced) {
     rig.evpn()->mplsConfiguredIs(false);
     expectStopped(rig);
   }
-  for (const char* words : {"evpnMplsIsConfigured=true weHaveNotCleanedUp=false",
-                            " mounts=<ArpSuppressionMounts>",
-                            "handleVlan vlanId 10 inEvpnStatus=true inRemoteBindingStatus=",
-                            " vlanUsable=true",
-                            "no netNs",
-                            "no kniIntfIfIndex",
-                            "No ipIntfStatus vlanId=10",
-                            "oldVlanL3Info=NULL vrfName=red vlanIntfId=Vlan10",
-                            "oldVlanL3Info=<vrfName=red vlanId=10> vrfName=blue",
-                            "update vrfId vrfInfo=<vrfName=red",
-                            "using made up vrfStatusLocal for default VRF",
-                            " wasActive=false nowActive=true",
-                            "add macToIp newVlanIdMacAddress=<10;02:00:00:00:00:63> ipAddress=10.0.0.99",
-                            " create=yes activeLocalChanged=no",
-                            "delete macToIp=<10;02:00:00:00:00:63> ipAddress=10.0.0.99",
-                            "add vlanId=10",
-                            "del vlanId=10",
-                            "walkStage=walkRemoteBindingStatus",
-                            "req=<request vlanId=10",
-                            "existingBinding=NULL",
-                            "finished processed="}) {
+  for (const char* words :
+       {"evpnMplsIsConfigured=true weHaveNotCleanedUp=false",
+        " mounts=<ArpSuppressionMounts>",
+        "handleVlan vlanId 10 inEvpnStatus=true inRemoteBindingStatus=",
+        " vlanUsable=true",
+        "no netNs",
+        "no kniIntfIfIndex",
+        "No ipIntfStatus vlanId=10",
+        "oldVlanL3Info=NULL vrfName=red vlanIntfId=Vlan10",
+        "oldVlanL3Info=<vrfName=red vlanId=10> vrfName=blue",
+        "update vrfId vrfInfo=<vrfName=red",
+        "using made up vrfStatusLocal for default VRF",
+        " wasActive=false nowActive=true",
+        "add macToIp newVlanIdMacAddress=<10;02:00:00:00:00:63> ipAddress=10.0.0.99",
+        " create=yes activeLocalChanged=no",
+        "delete macToIp=<10;02:00:00:00:00:63> ipAddress=10.0.0.99",
+        "add vlanId=10",
+        "del vlanId=10",
+        "walkStage=walkRemoteBindingStatus",
+        "req=<request vlanId=10",
+        "existingBinding=NULL",
+        " vlanId= 10 senderIp= 10.0.0.99 senderMac=02:00:00:00:00:63 targetIp= 10.0.0.10 targetMac=",
+        "finished processed="}) {
     EXPECT_THAT(traces.text, HasSubstr(words));
   }
   EXPECT_THAT(traces.text, HasSubstr("ArpSuppression/ArpSuppressionAgent:"));
@@ -298,7 +300,7 @@ TEST(Lifecycle, dump_of_a_stopped_agent) {
   EXPECT_THAT(dump, testing::StartsWith("ArpSuppressionRootSm\n  NULL\n  NULL\n"));
   EXPECT_EQ(linesOf(dump, "  NULL\n"), 9u) << "the tables and each reactor";
   EXPECT_THAT(dump, HasSubstr("\n  tasks: "));
-  EXPECT_THAT(dump, HasSubstr("\ncounter #52\n"));
+  EXPECT_THAT(dump, HasSubstr("\ncounter #53\n"));
 }
 
 TEST(Lifecycle, dump_of_a_running_agent_shows_shared_objects_once) {

@@ -57,6 +57,21 @@ TEST(LocalRequest, every_request_counts_from_its_latest_repetition) {
   EXPECT_THAT(recorded(rig), IsEmpty()) << "and again for the next entry";
 }
 
+TEST(LocalRequest, ageing_that_an_error_ended_goes_on_with_the_next_request) {
+  Rig rig;
+  rig.start();
+  for (const char* target : {"10.0.0.97", "10.0.0.98"}) rig.trap(Trapped{.targetIp = target});
+  rig.tasks().mustYieldForTestIs([]() -> bool { throw Mox::RangeError("no good"); });
+  rig.clock.advance(240);
+  rig.settle();
+  EXPECT_THAT(rig.errors, testing::HasSubstr("no good"));
+  rig.tasks().mustYieldForTestIs({});
+  rig.trap(Trapped{.targetIp = "10.0.0.99"});
+  rig.clock.advance(240);
+  rig.settle();
+  EXPECT_THAT(recorded(rig), IsEmpty());
+}
+
 TEST(LocalRequest, an_entry_is_in_line_once_wherever_it_is_taken_from) {
   LocalRequestRecord record;
   const auto key = [](int host) {

@@ -185,6 +185,18 @@ TEST(Reinject, a_failed_write_costs_one_message_and_the_rest_waits_for_the_next_
     EXPECT_EQ(rig.takeCounters(), "reinjected=4 reinjectWriteFailed=1");
   }
 
+  // The refused frame's own end and those of all that waited in the device's queue are one readiness.
+  device.unsentAre({1000, 0});
+  for (int i = 0; i < 4; ++i) queue->enqueueMessage(message({}));
+  rig.sockets.fails(TestSupport::FakePacketSockets::Call::send, ENOBUFS);
+  rig.settle();
+  EXPECT_EQ(rig.takeCounters(), "reinjected=3 reinjectWriteFailed=1");
+
+  device.flaps();
+  queue->enqueueMessage(message({}));
+  rig.settle();
+  EXPECT_EQ(rig.takeCounters(), "reinjected=1") << "the first message after the device came back";
+
   device.fullIs(true);
   for (int i = 0; i < 3; ++i) queue->enqueueMessage(message({}));
   const int calls = rig.sockets.sendCalls();

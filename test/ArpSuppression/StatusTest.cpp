@@ -85,6 +85,24 @@ void apply(Reactor& r, unsigned facts) {
   facts& kInRemote ? r.remote->vlanIdIs(Vlan(10)) : static_cast<void>(r.remote->vlanIdDel(Vlan(10)));
 }
 
+TEST(Status, an_error_costs_its_vlan_and_the_walks_go_on) {
+  Reactor reactor;
+  std::string errors;
+  reactor.loop.errorHandlerIs([&](const char*, const char* what) { errors += what; });
+  for (const std::uint32_t vlan : {10u, 20u, 30u}) {
+    reactor.inEvpn(vlan);
+    reactor.usable(vlan, true);
+  }
+  reactor.published->vlanIdIs(Vlan(77), true);
+  Mox::Notifiee<EnabledVlans> watch(reactor.enabled);
+  watch.on(EnabledVlans::vlanIdChanged, [](Vlan vlan) {
+    if (vlan == Vlan(20)) throw Mox::RangeError("no good");
+  });
+  reactor.complete();
+  EXPECT_THAT(reactor.publishedVlans(), ElementsAre(10, 30));
+  EXPECT_EQ(errors, "no good");
+}
+
 TEST(Status, vlan_is_enabled_and_published_by_rule_whatever_was_before) {
   for (const Rule& before : kRules) {
     Reactor r;

@@ -1,5 +1,7 @@
 // The agent alone: what it does with frames, seen from outside.
 
+#include <signal.h>
+
 #include <fstream>
 
 #include "lab/AgentSwitch.h"
@@ -159,6 +161,36 @@ TEST_F(AgentOnly, FollowsItsInputs) {
   }
   expectAnswered();
   switch_.stop();
+}
+
+// A burst waits while the agent does something else, what is too much for that is counted, and a device that
+// was down for a moment costs no request.
+TEST_F(AgentOnly, LosesNoFrameUnseen) {
+  switch_.start(config());
+  ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
+  const Frame request = trapped(requestFor(kRemoteIp));
+  std::int64_t asked = 0;
+  for (const auto& [frames, lost] : {std::pair(3000, false), {12000, true}}) {
+    switch_.daemon().signal(SIGSTOP);
+    for (int i = 0; i < frames; ++i) snoop_->send(request);
+    switch_.daemon().signal(SIGCONT);
+    asked += frames;
+    const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
+    Counters counters = switch_.counters();
+    while (counters["trappedRequest"] + counters["trapDropped"] < asked &&
+           std::chrono::steady_clock::now() < deadline)
+      counters = switch_.counters();
+    EXPECT_EQ(counters["trappedRequest"] + counters["trapDropped"], asked);
+    EXPECT_EQ(counters["trapDropped"] != 0, lost) << counters["trapDropped"];
+  }
+  for (const char* device : {"arpinject", "fabric"}) {
+    upIs(device, false);
+    upIs(device);
+    awaitOperational(device);
+  }
+  const Frame unknown = trapped(requestFor({10, 0, 0, 120}));
+  snoop_->send(unknown);
+  EXPECT_TRUE(inject_->receiveUntil(unknown)) << "the first flood after that";
 }
 
 // The device of the VLAN's interface comes later than what is known of it.
