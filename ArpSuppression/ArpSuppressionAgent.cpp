@@ -6,6 +6,7 @@
 #include "ArpSuppression/Trace.h"
 #include "Mox/Assert.h"
 #include "Statedb/Path.h"
+#include "Switch/Forwarding.h"
 #include "Tracelet/Tracelet.h"
 
 namespace ArpSuppression {
@@ -67,6 +68,7 @@ void ArpSuppressionAgent::doInit() {
   group->mountIs(Statedb::cellPath(kVrfStatusLocalPath), "Ip::AllVrfStatusLocal", "r");
   group->mountIs("routing/l2vpn/config", "Routing::L2Vpn::Config", "r");
   group->mountIs(kArpInputConfigPath, "Arp::ArpInputConfig", "wS");
+  group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "r");  // for `explain`
   createLocalEntity("AllIntfStatusDir", "Interface::AllIntfStatusDir", "interface/status/all");
   createLocalEntity("AllIntfStatusLocalDir", "Interface::AllIntfStatusLocalDir",
                     Statedb::cellPath(kIntfStatusLocalPath));

@@ -10,7 +10,6 @@
 #include "L3/VrfName.h"
 #include "Lanix/Wire.h"
 #include "Mox/Assert.h"
-#include "Mox/Error.h"
 
 namespace ArpSuppression {
 
@@ -19,6 +18,7 @@ namespace {
 constexpr char kSource[] = "ArpSuppression/ArpSuppressionSm";
 
 using Id = ArpSuppressionCounterId;
+using Kind = Outcome::Kind;
 using Type = ArpSuppressionSm::MacConnectionType;
 
 char letter(Type type) {
@@ -82,12 +82,16 @@ void ArpSuppressionSm::handleInitialized() {
   TRACE8("");
   rawTxPam_ = Mox::make<Lanix::RawTxPam>("RawTxPam");
   rawTxPam_->ethProtocolIs(Lanix::kEtherTypeAll);
-  try {
-    rawTxPam_->enabledIs(true);
-  } catch (const Mox::Error& error) {
-    TRACE8("what=" << error.what());  // sending will fail, and be counted
-  }
+  openRawTxPam();
   fabricInterfaceWatch_ = vlanL3InfoStatus_->findOrCreateVrfInterfaceWatch(L3::VrfName::kDefault, "fabric");
+}
+
+void ArpSuppressionSm::openRawTxPam() {
+  if (rawTxPam_->enabled()) return;
+  const Mox::Result<> enabled = rawTxPam_->enabledIs(true);
+  if (enabled) return;
+  TRACE8("what=" << enabled.error());
+  TRACELET_RECORD("replies cannot be sent what={}", enabled.error());
 }
 
 // --- What is known ---------------------------------------------------------------------------------------
@@ -175,63 +179,48 @@ void ArpSuppressionSm::lookAhead(int round, Bridging::VlanId vlanId,
 
 // --- The decision ----------------------------------------------------------------------------------------
 
-ArpSuppressionSm::Decision ArpSuppressionSm::decide(const Facts& facts) {
-  constexpr Decision kFlood{Action::flood, Id::floodedToRemoteTeps, {}};
+Outcome ArpSuppressionSm::decide(const Request& request, const Facts& facts) const {
   const Lanix::EthAddr& remoteMac = facts.remoteBinding.macAddress;
-  if (facts.targetIsMine) return {Action::leave, Id::targetIsMine, {}};
-  if (facts.announcement || facts.probe) return kFlood;
+  const auto answer = [&](Id counter, const Lanix::EthAddr& mac) {
+    return Outcome{deliver(request, facts, mac), counter, mac};
+  };
+  if (facts.targetIsMine) return {Kind::targetIsMine};
+  if (facts.announcement || facts.probe) return {Kind::forAll};
   switch (facts.connectionType) {
     case Type::unknown:
     case Type::remote:
-      if (!facts.remoteBinding) return kFlood;
-      return {Action::reply, Id::replyRemote, facts.bindingMac};
+      if (facts.remoteBinding) return answer(Id::replyRemote, facts.bindingMac);
+      return {facts.localBindingMac.isZero() ? Kind::ownerUnknown : Kind::ownerNotAdvertised};
     case Type::localSinglehomed:
-      return {Action::leave, Id::noReplyTargetLocal, {}};
+      return {Kind::ownerIsLocal};
     case Type::localMultihomedDf:
-      if (facts.localArpReq && !remoteMac.isZero()) return {Action::reply, Id::replyMultihomedDf, remoteMac};
-      return {Action::leave, Id::noReplyTargetLocal, {}};
+      if (facts.localArpReq && !remoteMac.isZero()) return answer(Id::replyMultihomedDf, remoteMac);
+      return {Kind::ownerIsLocal};
     case Type::localMultihomedNonDf:
-      if (!facts.localArpReq || facts.localBindingMac.isZero()) {
-        return {Action::reply, Id::replyMultihomedNonDf, facts.bindingMac};
-      }
-      if (remoteMac.isZero()) return kFlood;
-      return {Action::reply, Id::replyMultihomedNonDf, remoteMac};
+      if (!facts.localArpReq || facts.localBindingMac.isZero())
+        return answer(Id::replyMultihomedNonDf, facts.bindingMac);
+      if (remoteMac.isZero()) return {Kind::ownerNotAdvertised};
+      return answer(Id::replyMultihomedNonDf, remoteMac);
   }
   MOX_ASSERT(kSource, "connectionType <= localMultihomedNonDf", false);
-  return kFlood;
+  return {Kind::ownerUnknown};
 }
 
-ArpSuppressionSm::Delivery ArpSuppressionSm::deliver(const Request& request, const Facts& facts,
-                                                     const Decision& decision) const {
-  if (facts.localArpReq) return staticBinding(request.vlanId, request.targetIpAddress, decision.macAddress);
-  if (!request.sourcePort) return Delivery::unknownSourcePort;
-  if (*request.sourcePort == facts.fdbEntry.intf) return Delivery::samePort;
-  return fabricUsable() ? Delivery::send : Delivery::fabricNotUsable;
+Outcome::Kind ArpSuppressionSm::deliver(const Request& request, const Facts& facts,
+                                        const Lanix::EthAddr& mac) const {
+  if (facts.localArpReq) return staticBinding(request.vlanId, request.targetIpAddress, mac);
+  if (!request.sourcePort) return Kind::unknownSourcePort;
+  if (*request.sourcePort == facts.fdbEntry.intf) return Kind::samePort;
+  return fabricUsable() ? Kind::answered : Kind::fabricNotUsable;
 }
 
-ArpSuppressionSm::Delivery ArpSuppressionSm::staticBinding(Bridging::VlanId vlanId,
-                                                           const Lanix::IpGenAddr& ipAddress,
-                                                           const Lanix::EthAddr& macAddress) const {
-  if (macAddress.isZero() || macAddress.isMulticast()) return Delivery::notABinding;
-  if (!ipAddress || ipAddress.isUnspecified() || ipAddress.isMulticast()) return Delivery::notABinding;
-  if (macAddress == bridgingConfig_->bridgeMacAddr()) return Delivery::bridgeMacAddr;
-  if (macAddress == fhrpVrMacStatus_->vgwVirtualMac()) return Delivery::vgwVirtualMac;
-  return vlanL3InfoStatus_->usableVlanL3Info(vlanId) ? Delivery::program : Delivery::noVlanL3Info;
-}
-
-std::optional<ArpSuppressionCounterId> ArpSuppressionSm::counterOf(Delivery delivery) {
-  // In the order of Delivery.
-  constexpr std::array<std::optional<Id>, 9> kCounter{std::nullopt,
-                                                      Id::noReplyUnknownSourcePort,
-                                                      Id::noReplySamePort,
-                                                      Id::noReplyFabricNotUsable,
-                                                      Id::staticBindingEvent,
-                                                      std::nullopt,
-                                                      Id::staticBindingBridgeMac,
-                                                      Id::staticBindingVirtualRouterMac,
-                                                      Id::staticBindingNoVlanL3Info};
-  static_assert(kCounter.size() == static_cast<std::size_t>(Delivery::noVlanL3Info) + 1);
-  return kCounter[static_cast<std::size_t>(delivery)];
+Outcome::Kind ArpSuppressionSm::staticBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
+                                              const Lanix::EthAddr& mac) const {
+  if (mac.isZero() || mac.isMulticast()) return Kind::notABinding;
+  if (!ipAddress || ipAddress.isUnspecified() || ipAddress.isMulticast()) return Kind::notABinding;
+  if (mac == bridgingConfig_->bridgeMacAddr()) return Kind::bridgeMacAddr;
+  if (mac == fhrpVrMacStatus_->vgwVirtualMac()) return Kind::vgwVirtualMac;
+  return vlanL3InfoStatus_->usableVlanL3Info(vlanId) ? Kind::programmed : Kind::noVlanL3Info;
 }
 
 void ArpSuppressionSm::handleTrappedRequest() {
@@ -242,10 +231,7 @@ void ArpSuppressionSm::handleTrappedRequest() {
                       request->targetIpAddress(),
                       srcIntf.intfStatus ? std::optional(srcIntf.intfStatus->intfId()) : std::nullopt};
   const Facts facts = gather(asked);
-  const Decision decision = decide(facts);
-  const Delivery delivery =
-      decision.action == Action::reply ? deliver(asked, facts, decision) : Delivery::send;
-  const Id outcome = counterOf(delivery).value_or(decision.counter);
+  const Outcome outcome = decide(asked, facts);
   TRACE8("trappedRequest=" << request << " localBindingMacAddress=" << facts.localBindingMac
                            << " remoteBindingMacAddress=" << facts.remoteBinding.macAddress
                            << " connectionType=" << facts.connectionType
@@ -260,60 +246,62 @@ void ArpSuppressionSm::handleTrappedRequest() {
       request->vlanId().value(), request->srcIntf().ifIndex, request->senderIpAddress(),
       request->senderMacAddress(), request->targetIpAddress(), facts.localBindingMac,
       facts.remoteBinding.macAddress, letter(facts.connectionType), facts.localArpReq, facts.targetIsMine,
-      facts.probe, facts.announcement, facts.fdbEntry.intf, kCounterNames[static_cast<std::size_t>(outcome)]);
-  switch (decision.action) {
+      facts.probe, facts.announcement, facts.fdbEntry.intf, outcome.name());
+  if (outcome.answerCounter) traceDelivery(*request, outcome);
+  for (const auto& counter : {outcome.answerCounter, outcome.counter()}) {
+    if (counter) count(*counter);
+  }
+  switch (outcome.action()) {
     case Action::leave:
-      count(decision.counter);
       break;
     case Action::flood:
       sendToRemoteTeps(request);
       break;
     case Action::reply:
-      count(decision.counter);
-      issueReply(*request, decision.macAddress, delivery);
+      sendArpReply(request->vlanId(), request->targetIpAddress(), outcome.macAddress,
+                   request->senderIpAddress(), request->senderMacAddress());
+      break;
+    case Action::program:
+      createStaticBinding(request->vlanId(), request->targetIpAddress());
       break;
   }
 }
 
 // --- What is done ----------------------------------------------------------------------------------------
 
-void ArpSuppressionSm::issueReply(const TrappedMessage& request, const Lanix::EthAddr& mac,
-                                  Delivery delivery) {
+void ArpSuppressionSm::traceDelivery(const TrappedMessage& request, const Outcome& outcome) const {
   const auto trace = [&](const char* what) {
-    TRACE8(what << " trappedRequest=" << request << " macAddress=" << mac);
+    TRACE8(what << " trappedRequest=" << request << " macAddress=" << outcome.macAddress);
   };
-  switch (delivery) {
-    case Delivery::send:
-    case Delivery::fabricNotUsable:
+  switch (outcome.kind) {
+    case Kind::answered:
+    case Kind::fabricNotUsable:
       trace("send reply");
-      sendArpReply(request.vlanId(), request.targetIpAddress(), mac, request.senderIpAddress(),
-                   request.senderMacAddress());
-      break;
-    case Delivery::unknownSourcePort:
-      trace("unknown source port");
-      count(Id::noReplyUnknownSourcePort);
-      break;
-    case Delivery::samePort:
-      trace("source and target on same port");
-      count(Id::noReplySamePort);
-      break;
+      TRACE8("vlanId= " << request.vlanId() << " senderIp= " << request.targetIpAddress()
+                        << " senderMac=" << outcome.macAddress << " targetIp= " << request.senderIpAddress()
+                        << " targetMac=" << request.senderMacAddress());
+      if (outcome.kind == Kind::fabricNotUsable)
+        TRACE8("fabric device not usable fabricInterfaceWatch=" << fabricInterfaceWatch_);
+      return;
+    case Kind::unknownSourcePort:
+      return trace("unknown source port");
+    case Kind::samePort:
+      return trace("source and target on same port");
     default:
-      trace("localReq");
-      maybeCreateStaticBinding(request.vlanId(), request.targetIpAddress(), mac, false);
+      break;
   }
+  trace("localReq");
+  TRACE8("vlanId=" << request.vlanId() << " ipAddress=" << request.targetIpAddress()
+                   << " macAddress=" << outcome.macAddress << " onlyUpdate=" << false);
+  if (outcome.kind == Kind::bridgeMacAddr) TRACE8("Not adding binding for bridgeMacAddr");
+  if (outcome.kind == Kind::vgwVirtualMac) TRACE8("Not adding binding for vgwVirtualMac");
+  if (outcome.kind == Kind::noVlanL3Info) TRACE8("No vlanL3Info vlanId=" << request.vlanId());
 }
 
 void ArpSuppressionSm::sendArpReply(Bridging::VlanId vlanId, const Lanix::IpGenAddr& senderIpAddress,
                                     const Lanix::EthAddr& senderMacAddress,
                                     const Lanix::IpGenAddr& targetIpAddress,
                                     const Lanix::EthAddr& targetMacAddress) {
-  TRACE8("vlanId= " << vlanId << "senderIp= " << senderIpAddress << "senderMac=" << senderMacAddress
-                    << "targetIp= " << targetIpAddress << "targetMac=" << targetMacAddress);
-  if (!fabricUsable()) {
-    TRACE8("fabric device not usable fabricInterfaceWatch=" << fabricInterfaceWatch_);
-    count(Id::noReplyFabricNotUsable);
-    return;
-  }
   MOX_ASSERT(kSource, "senderIpAddress.af() == Lanix::AddressFamily::ipv4_",
              senderIpAddress.af() == Lanix::AddressFamily::ipv4_ &&
                  targetIpAddress.af() == Lanix::AddressFamily::ipv4_);
@@ -341,6 +329,8 @@ void ArpSuppressionSm::handleInBatch() {
 
 // In order. A reply that the kernel refuses is lost and counted, and the next one tried.
 void ArpSuppressionSm::sendReplies() {
+  if (replies_.empty()) return;
+  openRawTxPam();  // it may have been refused before; sending fails then, and is counted
   std::span<const Lanix::RawTxPam::Frame> rest(replies_);
   while (!rest.empty()) {
     const std::size_t taken = rawTxPam_->sendBatch(rest);
@@ -355,20 +345,10 @@ void ArpSuppressionSm::sendReplies() {
 
 void ArpSuppressionSm::sendToRemoteTeps(const Ptr<const TrappedMessage>& request) {
   TRACE8("trappedRequest=" << request);
-  count(Id::floodedToRemoteTeps);
   if (reinjectMessageQueue_->enqueueMessage(request)) count(Id::floodDroppedOldest);
 }
 
-void ArpSuppressionSm::maybeCreateStaticBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
-                                                const Lanix::EthAddr& macAddress, bool onlyUpdate) {
-  TRACE8("vlanId=" << vlanId << " ipAddress=" << ipAddress << " macAddress=" << macAddress
-                   << " onlyUpdate=" << onlyUpdate);
-  const Delivery delivery = staticBinding(vlanId, ipAddress, macAddress);
-  if (delivery == Delivery::bridgeMacAddr) TRACE8("Not adding binding for bridgeMacAddr");
-  if (delivery == Delivery::vgwVirtualMac) TRACE8("Not adding binding for vgwVirtualMac");
-  if (delivery == Delivery::noVlanL3Info) TRACE8("No vlanL3Info vlanId=" << vlanId);
-  if (const auto counter = counterOf(delivery)) count(*counter);
-  if (delivery != Delivery::program) return;
+void ArpSuppressionSm::createStaticBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress) {
   const Ptr<VlanL3Info> vlanL3Info = vlanL3InfoStatus_->usableVlanL3InfoNonConst(vlanId);
   arpInputConfigTrigger_->event(VrfIpAddress::fromVlanL3Info(*vlanL3Info, ipAddress), true);
 }

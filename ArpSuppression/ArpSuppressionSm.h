@@ -7,6 +7,7 @@
 #include "ArpSuppression/ArpInputConfigTrigger.h"
 #include "ArpSuppression/ArpStatusHelper.h"
 #include "ArpSuppression/LocalRequestRecord.h"
+#include "ArpSuppression/Outcome.h"
 #include "ArpSuppression/TrappedMessage.h"
 #include "ArpSuppression/VlanL3Info.h"
 #include "Bridging/Config.h"
@@ -59,27 +60,6 @@ class ArpSuppressionSm final : public Mox::Entity {
     bool announcement = false;
   };
 
-  enum class Action : std::uint8_t { leave, flood, reply };
-  struct Decision {
-    Action action;
-    ArpSuppressionCounterId counter;
-    Lanix::EthAddr macAddress;  // with reply: the answer
-  };
-
-  // What becomes of an answer: a frame to the host that asks, a kernel neighbour when the switch asks, or
-  // neither for one of the reasons.
-  enum class Delivery : std::uint8_t {
-    send,
-    unknownSourcePort,
-    samePort,  // the host that asks and the owner share a port and hear each other
-    fabricNotUsable,
-    program,
-    notABinding,  // no unicast MAC or address
-    bridgeMacAddr,
-    vgwVirtualMac,
-    noVlanL3Info,
-  };
-
   ArpSuppressionSm(Ptr<MessageTrap> receivedRequestTrap, Ptr<MessageQueue> reinjectMessageQueue,
                    Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus,
                    Ptr<LocalRequestRecord> localRequestRecord,
@@ -92,11 +72,7 @@ class ArpSuppressionSm final : public Mox::Entity {
   ~ArpSuppressionSm() override;
 
   Facts gather(const Request& request) const;
-  static Decision decide(const Facts& facts);
-  // Of a decision to reply.
-  Delivery deliver(const Request& request, const Facts& facts, const Decision& decision) const;
-  // What is counted besides the decision's own counter.
-  static std::optional<ArpSuppressionCounterId> counterOf(Delivery delivery);
+  Outcome decide(const Request& request, const Facts& facts) const;
 
   // The switch itself asks: its bridge MAC, or the gateway MAC that it shares.
   bool localArpRequest(const Lanix::EthAddr& senderMacAddress) const;
@@ -117,17 +93,19 @@ class ArpSuppressionSm final : public Mox::Entity {
                                            const Lanix::IpGenAddr& ipAddress) const;
   MacConnectionType getMacConnectionType(Bridging::VlanId vlanId, const Lanix::EthAddr& mac,
                                          const Memtab::Bridging::MemtabFdbStatus& entry) const;
-  void issueReply(const TrappedMessage& request, const Lanix::EthAddr& mac, Delivery delivery);
+  // Of a request that has the answer `mac`.
+  Outcome::Kind deliver(const Request& request, const Facts& facts, const Lanix::EthAddr& mac) const;
+  Outcome::Kind staticBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
+                              const Lanix::EthAddr& mac) const;
+  void traceDelivery(const TrappedMessage& request, const Outcome& outcome) const;
+  void openRawTxPam();
   // Sender and target are those of the reply: the owner answers the requester.
   void sendArpReply(Bridging::VlanId vlanId, const Lanix::IpGenAddr& senderIpAddress,
                     const Lanix::EthAddr& senderMacAddress, const Lanix::IpGenAddr& targetIpAddress,
                     const Lanix::EthAddr& targetMacAddress);
   void sendReplies();
   void sendToRemoteTeps(const Ptr<const TrappedMessage>& request);
-  Delivery staticBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
-                         const Lanix::EthAddr& macAddress) const;
-  void maybeCreateStaticBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
-                                const Lanix::EthAddr& macAddress, bool onlyUpdate);
+  void createStaticBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress);
   void count(ArpSuppressionCounterId id) { arpSuppressionCounterStatus_->increment(id); }
 
   Mox::Notifiee<MessageTrap> receivedRequestTrap_;

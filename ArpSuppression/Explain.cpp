@@ -1,8 +1,7 @@
 #include "ArpSuppression/Explain.h"
 
-#include <iterator>
-
 #include "Orb/JsonObject.h"
+#include "Switch/Forwarding.h"
 
 namespace ArpSuppression {
 
@@ -11,35 +10,24 @@ namespace {
 using Sm = ArpSuppressionSm;
 using Id = ArpSuppressionCounterId;
 
-constexpr const char* kConnectionTexts[] = {
-    "the MAC table does not know the owner",
-    "the owner is behind a remote endpoint",
-    "the owner is on a port of this switch and answers itself",
-    "the owner is on an Ethernet segment for which this switch is the designated forwarder",
-    "the owner is on an Ethernet segment for which a remote endpoint is the designated forwarder",
-};
+const char* textOf(Sm::MacConnectionType type) {
+  switch (type) {
+    case Sm::MacConnectionType::unknown:
+      break;
+    case Sm::MacConnectionType::remote:
+      return "the owner is behind a remote endpoint";
+    case Sm::MacConnectionType::localSinglehomed:
+      return "the owner is on a port of this switch and answers itself";
+    case Sm::MacConnectionType::localMultihomedDf:
+      return "the owner is on an Ethernet segment for which this switch is the designated forwarder";
+    case Sm::MacConnectionType::localMultihomedNonDf:
+      return "the owner is on an Ethernet segment for which a remote endpoint is the designated forwarder";
+  }
+  return "the MAC table does not know the owner";
+}
 
-// Nobody's: no own MAC can be it.
+// Asks when nobody else is said to: a MAC that no host and no switch has.
 constexpr Lanix::EthAddr kSomeHost = Lanix::EthAddr::broadcast();
-
-struct DeliveryText {
-  const char* action;
-  const char* summary;
-};
-
-// In the order of Sm::Delivery.
-constexpr DeliveryText kDeliveryTexts[] = {
-    {"reply", "the switch answers for the owner"},
-    {"leave", "no answer: the port that the request comes from has no interface status"},
-    {"leave", "no answer: who asks and the owner share a port and hear each other"},
-    {"leave", "no answer: the device \"fabric\", which answers leave by, is missing or down"},
-    {"program", "the switch itself asks: the owner becomes a neighbour in the kernel"},
-    {"leave", "the switch itself asks, and the answer is no unicast MAC and address"},
-    {"leave", "the switch itself asks, and the answer is its own bridge MAC"},
-    {"leave", "the switch itself asks, and the answer is the shared gateway's MAC"},
-    {"leave", "the switch itself asks, and the VLAN has no usable VLAN interface"},
-};
-static_assert(std::size(kDeliveryTexts) == static_cast<std::size_t>(Sm::Delivery::noVlanL3Info) + 1);
 
 class Explanation {
  public:
@@ -62,7 +50,7 @@ class Explanation {
     facts_ += facts_.empty() ? "[" : ",";
     facts_ += Orb::JsonObject().add("fact", name).add("value", value).add("text", text).text();
   }
-  void concluded(const char* action, const Mox::String& summary, const std::optional<Id>& counter) {
+  void concluded(const Mox::String& action, const Mox::String& summary, const std::optional<Id>& counter) {
     result_.add("action", action).add("summary", summary);
     if (!counter) return;
     const auto id = static_cast<std::uint32_t>(*counter);
@@ -92,9 +80,22 @@ class Explanation {
       return false;
     }
     const Ptr<MessageTrapSm>& trap = rootSm_.messageTrapSm();
-    return needs("trapSocket", trap && trap->socketOpen(), "the trap device is open",
+    return forwarded(vlan) &&
+           needs("trapSocket", trap && trap->socketOpen(), "the trap device is open",
                  "the trap device is missing or down") &&
            hasPort();
+  }
+
+  // Whether the software data plane traps the VLAN. It says nothing where it is not loaded.
+  bool forwarded(const Mox::String& vlan) {
+    const auto forwarding = mounts_.entityManager->entityOf<Switch::Forwarding>(Switch::kForwardingPath);
+    if (!forwarding || forwarding->vlans() == 0) return true;
+    const Ptr<Switch::VlanForwarding> status = forwarding->vlan(vlanId_);
+    const Mox::String problem =
+        !status ? vlan + " is not among the \"vlans\" of the configuration" : status->reason();
+    return needs(
+        "forwarding", status && status->ready(), "the software data plane traps the VLAN",
+        "the software data plane does not trap the VLAN" + (problem.empty() ? problem : ": " + problem));
   }
 
   Mox::String whyInactive(const Mox::String& vlan) const {
@@ -132,28 +133,15 @@ class Explanation {
     const Sm::Request request{vlanId_, {}, from_.value_or(kSomeHost), ipAddress_, sourcePort_};
     const Sm::Facts facts = sm.gather(request);
     tell(facts);
-    const Sm::Decision decision = Sm::decide(facts);
-    switch (decision.action) {
-      case Sm::Action::leave:
-        return concluded("leave",
-                         facts.targetIsMine ? "no answer: the address is the switch's own, the kernel answers"
-                                            : "no answer: the owner is attached here and answers itself",
-                         decision.counter);
-      case Sm::Action::flood:
-        return concluded("flood",
-                         "nothing says who has the address: the request goes to the remote endpoints",
-                         decision.counter);
-      case Sm::Action::reply:
-        break;
+    const Outcome outcome = sm.decide(request, facts);
+    if (outcome.answerCounter) {
+      if (!facts.localArpReq) {
+        fact("fabricUsable", sm.fabricUsable(),
+             sm.fabricUsable() ? "answers can leave by \"fabric\"" : "answers cannot leave by \"fabric\"");
+      }
+      result_.add("mac", outcome.macAddress.toStrep());
     }
-    const Sm::Delivery delivery = sm.deliver(request, facts, decision);
-    if (!facts.localArpReq) {
-      fact("fabricUsable", sm.fabricUsable(),
-           sm.fabricUsable() ? "answers can leave by \"fabric\"" : "answers cannot leave by \"fabric\"");
-    }
-    const DeliveryText& text = kDeliveryTexts[static_cast<std::size_t>(delivery)];
-    result_.add("mac", decision.macAddress.toStrep());
-    concluded(text.action, text.summary, Sm::counterOf(delivery).value_or(decision.counter));
+    concluded(Mox::toStrep(outcome.action()), outcome.summary(), outcome.toldBy());
   }
 
   // In the order in which the decision looks at them.
@@ -181,8 +169,7 @@ class Explanation {
       const Mox::String port = facts.fdbEntry.intf.toStrep();
       fact("ownerPort", port, "the MAC table has the owner on " + port);
     }
-    const auto type = static_cast<std::size_t>(facts.connectionType);
-    fact("connectionType", Mox::toStrep(facts.connectionType), kConnectionTexts[type]);
+    fact("connectionType", Mox::toStrep(facts.connectionType), textOf(facts.connectionType));
     fact("localArpReq", facts.localArpReq, facts.localArpReq ? "the switch itself asks" : "a host asks");
   }
 

@@ -107,8 +107,9 @@ void RemoteBindingStatusSm::addMac(const RemoteBindingKey& key, const RemoteBind
                                          << "> create=" << yesNo(create)
                                          << " activeLocalChanged=" << yesNo(activeLocalChanged));
       TRACELET_RECORD(
-          "add ipToMac ipAddress={} > newVlanIdMacAddress=<{};{}> create={} activeLocalChanged={}",
-          key.ipAddress, key.vlanId.value(), now.macAddress, create, activeLocalChanged);
+          "add ipToMac vrfIpAddress=<{};{};{}> > newVlanIdMacAddress=<{};{}> create={} activeLocalChanged={}",
+          vrfIpAddress.vrfInfo->vrfName(), key.ipAddress, vrfIpAddress.intfId, key.vlanId.value(),
+          now.macAddress, yesNo(create), yesNo(activeLocalChanged));
       fileMac(vrfIpAddress, mac, now.localMultihomed);
     }
   }
@@ -134,7 +135,8 @@ void RemoteBindingStatusSm::deleteMac(const RemoteBindingKey& key, const Lanix::
   if (const VrfIpAddress vrfIpAddress = vrfIpAddressOf(key)) {
     if (const Ptr<RemoteIpToMac> ipToMac = remoteBindingStatus_->ipToMac(vrfIpAddress)) {
       TRACE8("delete ipToMac=" << ipToMac << " oldVlanIdMacAddress=" << shortForm(mac));
-      TRACELET_RECORD("delete ipToMac={} oldVlanIdMacAddress=<{};{}>", key.ipAddress, key.vlanId.value(),
+      TRACELET_RECORD("delete ipToMac=<{};{};{}> oldVlanIdMacAddress=<{};{}>",
+                      vrfIpAddress.vrfInfo->vrfName(), key.ipAddress, vrfIpAddress.intfId, key.vlanId.value(),
                       oldMac);
       unfileMac(ipToMac, mac);
     }
@@ -284,8 +286,8 @@ void RemoteBindingStatusSm::updateIpToMac(const Ptr<RemoteIpToMac>& ipToMac) {
                       << " remoteBinding=" << remoteBinding);
     if (newVrf != oldVrf || !held) {
       TRACE8("delete ipToMac=" << ipToMac << " vlanIdMacAddress=" << mac);
-      TRACELET_RECORD("delete ipToMac={} vlanIdMacAddress=<{};{}>", ipAddress, mac.vlanId.value(),
-                      mac.macAddress);
+      TRACELET_RECORD("delete ipToMac=<{};{};{}> vlanIdMacAddress=<{};{}>", oldVrf->vrfName(), ipAddress,
+                      ipToMac->vrfIpAddress().intfId, mac.vlanId.value(), mac.macAddress);
       unfileMac(ipToMac, mac);
     }
     if (newVrf && held && (newVrf != oldVrf || oldFlag != remoteBinding.localMultihomed)) {
@@ -295,8 +297,9 @@ void RemoteBindingStatusSm::updateIpToMac(const Ptr<RemoteIpToMac>& ipToMac) {
       const bool activeLocalChanged = oldFlag != remoteBinding.localMultihomed;
       TRACE8("add ipToMac newVrfIpAddress=" << newVrfIpAddress << " create=" << yesNo(create)
                                             << " activeLocalChanged=" << yesNo(activeLocalChanged));
-      TRACELET_RECORD("add ipToMac newVrfIpAddress={} create={} activeLocalChanged={}", ipAddress, create,
-                      activeLocalChanged);
+      TRACELET_RECORD("add ipToMac newVrfIpAddress=<{};{};{}> create={} activeLocalChanged={}",
+                      newVrf->vrfName(), ipAddress, newVrfIpAddress.intfId, yesNo(create),
+                      yesNo(activeLocalChanged));
       fileMac(newVrfIpAddress, mac, remoteBinding.localMultihomed);
     }
   }

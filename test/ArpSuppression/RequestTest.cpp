@@ -4,12 +4,16 @@
 #include <sstream>
 
 #include "Rig.h"
+#include "Switch/Forwarding.h"
+#include "Tracelet/Reader.h"
 
 namespace ArpSuppression {
 namespace {
 
 using Bridging::EntryType;
+using testing::AllOf;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -45,6 +49,9 @@ struct Case {
   const char* replyMac;  // null: no reply
   bool flooded;
   const char* counters;
+  char letter = 'U';              // in the trace, of how the owner is attached
+  const char* summary = "";       // of `explain`
+  const char* outcome = nullptr;  // in the trace, where it is not the last counter
 };
 
 void multihomed(Rig& rig, const char* forwarder) {
@@ -59,13 +66,17 @@ const Case kCases[] = {
      {},
      nullptr,
      true,
-     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
+     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1",
+     'U',
+     "nothing says who has the address"},
     {"kernel entry without a remote binding floods when the MAC is nowhere",
      [](Rig& rig) { rig.neighbour("10.0.0.99", kHostMac); },
      {},
      nullptr,
      true,
-     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
+     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1",
+     'U',
+     "the kernel knows who has the address"},
     {"the kernel's MAC wins over the remote one",
      [](Rig& rig) {
        rig.neighbour("10.0.0.99", kOtherMac);
@@ -83,7 +94,8 @@ const Case kCases[] = {
      {},
      kHostMac,
      false,
-     "replyRemote=1 trappedRequest=1"},
+     "replyRemote=1 trappedRequest=1",
+     'R'},
     {"target on a local port answers itself",
      [](Rig& rig) {
        rig.remoteBinding(10, "10.0.0.99", kHostMac);
@@ -92,7 +104,8 @@ const Case kCases[] = {
      {},
      nullptr,
      false,
-     "noReplyTargetLocal=1 trappedRequest=1"},
+     "noReplyTargetLocal=1 trappedRequest=1",
+     'S'},
     {"the FID of the VLAN counts",
      [](Rig& rig) {
        rig.state<Bridging::Config>("bridging/config")->vidToFidMapIs(Vlan(10), 110);
@@ -103,7 +116,8 @@ const Case kCases[] = {
      {},
      nullptr,
      false,
-     "noReplyTargetLocal=1 trappedRequest=1"},
+     "noReplyTargetLocal=1 trappedRequest=1",
+     'S'},
     {"own address is left to the switch",
      [](Rig&) {},
      {.targetIp = "10.0.0.1"},
@@ -130,7 +144,8 @@ const Case kCases[] = {
      {},
      nullptr,
      false,
-     "noReplyTargetLocal=1 trappedRequest=1"},
+     "noReplyTargetLocal=1 trappedRequest=1",
+     'D'},
     {"designated forwarder that asks itself gets a binding",
      [](Rig& rig) {
        rig.remoteBinding(10, "10.0.0.99", kHostMac);
@@ -139,7 +154,8 @@ const Case kCases[] = {
      {.senderMac = kBridgeMac},
      nullptr,
      false,
-     "replyMultihomedDf=1 staticBindingEvent=1 trappedRequest=1"},
+     "replyMultihomedDf=1 staticBindingEvent=1 trappedRequest=1",
+     'D'},
     {"not the designated forwarder: answered",
      [](Rig& rig) {
        rig.remoteBinding(10, "10.0.0.99", kHostMac);
@@ -148,7 +164,8 @@ const Case kCases[] = {
      {},
      kHostMac,
      false,
-     "replyMultihomedNonDf=1 trappedRequest=1"},
+     "replyMultihomedNonDf=1 trappedRequest=1",
+     'N'},
     {"not the designated forwarder, the switch asks, both MACs known: the remote one",
      [](Rig& rig) {
        rig.neighbour("10.0.0.99", kHostMac);
@@ -158,7 +175,8 @@ const Case kCases[] = {
      {.senderMac = kBridgeMac},
      nullptr,
      false,
-     "replyMultihomedNonDf=1 staticBindingEvent=1 trappedRequest=1"},
+     "replyMultihomedNonDf=1 staticBindingEvent=1 trappedRequest=1",
+     'N'},
     {"not the designated forwarder, the switch asks, only the kernel knows: flooded",
      [](Rig& rig) {
        rig.neighbour("10.0.0.99", kHostMac);
@@ -167,7 +185,9 @@ const Case kCases[] = {
      {.senderMac = kBridgeMac},
      nullptr,
      true,
-     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
+     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1",
+     'N',
+     "the kernel knows who has the address"},
     {"owner on the requester's port",
      [](Rig& rig) {
        rig.remoteBinding(10, "10.0.0.99", kHostMac);
@@ -176,7 +196,8 @@ const Case kCases[] = {
      {.ifIndex = Rig::kEthernet2},
      nullptr,
      false,
-     "replyMultihomedNonDf=1 noReplySamePort=1 trappedRequest=1"},
+     "replyMultihomedNonDf=1 noReplySamePort=1 trappedRequest=1",
+     'N'},
     {"port without an interface",
      [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
      {.ifIndex = Rig::kFabric},
@@ -201,6 +222,15 @@ const Case kCases[] = {
      nullptr,
      false,
      "replyRemote=1 staticBindingBridgeMac=1 trappedRequest=1"},
+    {"the switch asks for what is no host's",
+     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", "01:00:5e:00:00:01"); },
+     {.senderMac = kBridgeMac},
+     nullptr,
+     false,
+     "replyRemote=1 trappedRequest=1",
+     'U',
+     "the answer is no unicast MAC",
+     "notABinding"},
     {"the virtual router asks for the virtual router",
      [](Rig& rig) {
        rig.state<Routing::Fhrp::VirtualRouterMacStatus>("routing/fhrp/vrMacStatus")
@@ -282,6 +312,16 @@ std::string lastOutcome(const std::string& counters) {
   return last;
 }
 
+// The latest record in the ring of this process that has the words; "" when none has.
+std::string latestRecord(const std::string& words) {
+  std::string latest;
+  Tracelet::Reader ring = Tracelet::Reader::ofThisProcess();
+  while (auto record = ring.next()) {
+    if (record->find(words) != std::string::npos) latest = *record;
+  }
+  return latest;
+}
+
 TEST(Request, decision_table) {
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -297,6 +337,13 @@ TEST(Request, decision_table) {
     EXPECT_EQ(counters, c.counters);
     if (!explanation.empty()) {
       EXPECT_THAT(explanation, HasSubstr("\"name\":\"" + lastOutcome(counters) + "\""));
+      EXPECT_THAT(explanation, HasSubstr(c.summary));
+    }
+    if (c.request.operation == 1) {
+      const std::string outcome = c.outcome ? c.outcome : lastOutcome(counters);
+      EXPECT_THAT(latestRecord("trappedRequest=<"),
+                  AllOf(HasSubstr(std::string(" connectionType=") + c.letter + " "),
+                        EndsWith(" outcome=" + outcome)));
     }
     const auto replies = rig.replies();
     ASSERT_THAT(replies, SizeIs(c.replyMac ? 1 : 0));
@@ -315,6 +362,8 @@ TEST(Request, decision_table) {
 
 TEST(Request, explanations_of_what_is_never_trapped_and_of_nonsense) {
   Rig rig;
+  rig.evpn()->vlanToDot1qIs(Vlan(30), 30);
+  rig.vlanInterface(30, "red", 9);
   rig.fdb(10, kOtherMac, EntryType::evpnLearned, "core10");
   rig.remoteBinding(10, "10.0.0.99", kHostMac, true);
   rig.start();
@@ -332,6 +381,18 @@ TEST(Request, explanations_of_what_is_never_trapped_and_of_nonsense) {
       {{"10", "10.0.0.99", "me"}, "the MAC \"me\" is not"},
   };
   for (const auto& c : cases) EXPECT_THAT(rig.command("explain", c.arguments), HasSubstr(c.answer));
+
+  // What the software data plane says, once it says anything.
+  const auto ofVlan10 = rig.state<Switch::Forwarding>(Switch::kForwardingPath)->vlanIs(Vlan(10));
+  EXPECT_THAT(rig.command("explain", {"30", "10.0.0.99"}),
+              AllOf(HasSubstr("\"notTrapped\""), HasSubstr("VLAN 30 is not among the \\\"vlans\\\"")));
+  ofVlan10->reasonIs("device fabric is gone");
+  EXPECT_THAT(rig.command("explain", {"10", "10.0.0.99"}),
+              AllOf(HasSubstr("\"notTrapped\""),
+                    HasSubstr("the software data plane does not trap the VLAN: device fabric is gone")));
+  ofVlan10->readyIs(true);
+  EXPECT_THAT(rig.command("explain", {"10", "10.0.0.99"}), HasSubstr("\"action\":\"reply\""));
+
   rig.evpn()->mplsConfiguredIs(false);
   rig.settle();
   EXPECT_THAT(rig.command("explain", {"10", "10.0.0.99"}), HasSubstr("suppression does not run"));
@@ -366,6 +427,106 @@ TEST(Request, failed_sends_are_counted_and_harm_nothing) {
   EXPECT_EQ(rig.takeCounters(), "replyRemote=1 replySendFailed=1 trappedRequest=1");
   rig.trap(Trapped{});
   EXPECT_THAT(rig.replies(), SizeIs(1));
+}
+
+TEST(Request, what_a_full_queue_gives_up_is_counted) {
+  Rig rig;
+  rig.start();
+  rig.takeCounters();
+  rig.root()->reinjectMessageQueue->updateQueueLimit(0);  // 50
+  for (int i = 0; i < 60; ++i) rig.sockets.device(Rig::kArpsnoop).receives(Trapped{}.frame());
+  rig.settle();
+  EXPECT_EQ(rig.takeCounters(),
+            "floodedToRemoteTeps=60 floodDroppedOldest=10 trappedRequest=60 reinjected=50");
+}
+
+TEST(Request, sockets_that_cannot_be_opened_at_start_leave_records_and_replies_are_tried_again) {
+  using Call = TestSupport::FakePacketSockets::Call;
+  Rig rig;
+  rig.remoteBinding(10, "10.0.0.99", kHostMac);
+  rig.sockets.fails(Call::open, EPERM, 2);  // for replies and for reinjection
+  rig.start();
+  EXPECT_THAT(rig.command("status"), HasSubstr("\"reinjectSocket\":\"closed\""));
+  rig.sockets.fails(Call::open, EMFILE);
+  rig.trap(Trapped{});
+  EXPECT_EQ(rig.takeCounters(), "replyRemote=1 replySendFailed=1 trappedRequest=1");
+  rig.trap(Trapped{});
+  EXPECT_THAT(rig.replies(), SizeIs(1));
+  rig.sockets.fails(Call::bind, ENODEV);
+  rig.device("default", "arpinject", 60);
+  rig.settle();
+  for (const char* record :
+       {"replies cannot be sent what=RawTxPam: packet socket: Operation not permitted",
+        "socket creation failed intfId=arpinject errno=Operation not permitted",
+        "replies cannot be sent what=RawTxPam: packet socket: Too many open files",
+        "bind failed intfId=arpinject errno=No such device",
+        "add ipToMac vrfIpAddress=<red;10.0.0.99;> > newVlanIdMacAddress=<10;02:00:00:00:00:63> create=yes"
+        " activeLocalChanged=no"}) {
+    EXPECT_NE(latestRecord(record), "") << record;
+  }
+}
+
+// Of frames that one system call reads, one that is refused, or whose handler raises an error, costs itself
+// only, and a time slice may end behind each.
+TEST(Trap, frames_of_a_batch_are_handled_one_by_one) {
+  Rig rig;
+  rig.remoteBinding(10, "10.0.0.99", kHostMac);
+  rig.start();
+  const auto& trap = rig.root()->receivedRequestTrap;
+  Mox::Notifiee<MessageTrap> watch(trap);
+  watch.on(MessageTrap::lastTrappedMessageChanged, [&] {
+    if (trap->lastTrappedMessage()->senderIpAddress() == ip("10.0.0.66")) throw Mox::RangeError("no good");
+  });
+  int batches = 0;
+  watch.on(MessageTrap::inBatchChanged, [&] { batches += trap->inBatch(); });
+  auto malformed = Trapped{}.frame();
+  malformed[34] = std::byte{8};
+  const std::vector<TestSupport::Frame> frames = {Trapped{}.frame(),
+                                                  malformed,
+                                                  Trapped{.vlan = 20}.frame(),
+                                                  Trapped{}.frame(),
+                                                  Trapped{.senderIp = "10.0.0.66"}.frame(),
+                                                  Trapped{.operation = 2}.frame(),
+                                                  Trapped{}.frame()};
+  for (const bool yielding : {false, true}) {
+    SCOPED_TRACE(yielding);
+    rig.takeCounters();
+    rig.errors.clear();
+    if (yielding) rig.tasks().mustYieldForTestIs([] { return true; });
+    batches = 0;
+    for (const auto& frame : frames) rig.sockets.device(Rig::kArpsnoop).receives(frame);
+    rig.settle();
+    EXPECT_EQ(batches, yielding ? 7 : 1);
+    EXPECT_THAT(rig.replies(), SizeIs(4)) << "the error came behind the answer";
+    EXPECT_THAT(rig.reinjected(), ElementsAre(frames[5]));
+    EXPECT_EQ(
+        rig.takeCounters(),
+        "replyRemote=4 trapMalformed=1 trapVlanNotEnabled=1 trappedRequest=4 trappedReply=1 reinjected=1");
+    EXPECT_THAT(rig.errors, EndsWith(": no good\n"));
+    EXPECT_EQ(std::count(rig.errors.begin(), rig.errors.end(), '\n'), 1);
+  }
+}
+
+TEST(Trap, what_the_receive_queue_has_no_room_for_is_counted_once) {
+  Rig rig;
+  rig.remoteBinding(10, "10.0.0.99", kHostMac);
+  rig.start();
+  rig.takeCounters();
+  unsigned lost = 0;
+  unsigned queued = 0;
+  while (lost < 5) {
+    if (rig.sockets.device(Rig::kArpsnoop).receives(Trapped{}.frame()) == 1) {
+      ++queued;
+    } else {
+      ++lost;
+    }
+  }
+  rig.settle();
+  const std::string all = std::to_string(queued);
+  EXPECT_EQ(rig.takeCounters(), "replyRemote=" + all + " trappedRequest=" + all + " trapDropped=5");
+  for (int i = 0; i < 64; ++i) rig.sockets.device(Rig::kArpsnoop).receives(Trapped{}.frame());
+  rig.settle();
+  EXPECT_EQ(rig.takeCounters(), "replyRemote=64 trappedRequest=64");
 }
 
 TEST(Trap, malformed_frames_of_every_kind_are_counted_and_dropped) {
@@ -449,7 +610,8 @@ TEST(Trap, socket_follows_its_device) {
   rig.start();
   const int open = rig.sockets.openSockets();
   EXPECT_EQ(rig.sockets.device(Rig::kArpsnoop).bound(), 1);
-  EXPECT_EQ(rig.sockets.receiveBuffer(), 0) << "the socket for sending queues nothing";
+  EXPECT_EQ(rig.sockets.device(Rig::kArpinject).receiveBuffer(), 0) << "it sends only";
+  EXPECT_GT(rig.sockets.device(Rig::kArpsnoop).receiveBuffer(), 1 << 20);
   rig.device("default", "arpsnoop", 0);
   rig.settle();
   EXPECT_EQ(rig.sockets.openSockets(), open - 1);

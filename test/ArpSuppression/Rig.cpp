@@ -103,7 +103,8 @@ Rig::Rig(std::unique_ptr<Statedb::Store> store, const Orb::Clock* given)
            {"routing/l2vpn/config", "Routing::L2Vpn::Config"},
            {"ip/vrf/status/local", "Ip::AllVrfStatusLocal"},
            {"arp/input/config/arpSuppression", "Arp::ArpInputConfig"},
-           {"interface/status/all", "Interface::AllIntfStatusDir"}}) {
+           {"interface/status/all", "Interface::AllIntfStatusDir"},
+           {Switch::kForwardingPath, Switch::kForwardingType}}) {
     tree_->entityIs(path, type);
   }
   tables_ =
