@@ -43,25 +43,24 @@ unsigned readAttributes(const Netlink::Received& message) {
 }
 
 void readTables(const Netlink::Received& message) {
-  if (const auto link = KernelState::readLink(message))
-    Fuzz::check(link->ifIndex != 0 && !link->link.name.empty() && link->link.name.size() < 16,
-                "a device with a name that fits", link->link.name);
+  if (const auto link = Netlink::readLink(message))
+    Fuzz::check(link->index != 0 && !link->name.empty() && link->name.size() < 16,
+                "a device with a name that fits", link->name);
   if (const auto address = KernelState::readAddress(message))
     Fuzz::check(address->ifIndex != 0 && address->prefixLength <= 32 && !address->address.isUnspecified(),
                 "an address with a prefix", address->address.toStrep());
-  if (const auto neighbour = KernelState::readNeighbour(message); neighbour && neighbour->entry)
-    Fuzz::check(neighbour->address && !neighbour->address.isMulticast() && !neighbour->entry->mac.isZero(),
-                "a neighbour with both addresses", neighbour->address.toStrep());
-  if (const auto mac = KernelState::readMac(message))
-    Fuzz::check(KernelState::isMacMessage(message) && mac->bridge != 0 && !mac->mac.isMulticast(),
+  const auto neighbour = Netlink::readNeighbour(message);
+  if (!neighbour) return;
+  if (const auto mac = KernelState::macEntryOf(*neighbour))
+    Fuzz::check(neighbour->isMacEntry() && mac->bridge != 0 && !mac->mac.isMulticast(),
                 "a station's address on a bridge", mac->mac.toStrep());
-  if (const auto device = ArpService::readDevice(message))
-    Fuzz::check(device->ifIndex != 0 && (!device->intf || device->intf.isVlan()),
-                "a device, of a VLAN or none", device->intf.toStrep());
-  if (const auto neighbour = ArpService::readNeighbour(message))
-    Fuzz::check(neighbour->ifIndex != 0 && neighbour->address && neighbour->confirmedAgo >= 0 &&
-                    ArpService::judge(nullptr, *neighbour) != ArpService::Verdict::write,
-                "a neighbour", neighbour->address.toStrep());
+  if (neighbour->isMacEntry()) return;
+  if (const auto entry = KernelState::entryOf(*neighbour))
+    Fuzz::check(!neighbour->address.isMulticast() && !entry->mac.isZero(), "a neighbour with both addresses",
+                neighbour->address.toStrep());
+  Fuzz::check(neighbour->ifIndex != 0 && neighbour->confirmedAgo >= 0 &&
+                  ArpService::judge(nullptr, *neighbour) != ArpService::Verdict::write,
+              "a neighbour", neighbour->address.toStrep());
 }
 
 }  // namespace

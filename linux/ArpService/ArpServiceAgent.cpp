@@ -6,6 +6,12 @@
 #include "Switch/Config.h"
 
 namespace ArpService {
+
+Tracelet::Handle& traceHandle() {
+  static Tracelet::Handle handle("ArpService");
+  return handle;
+}
+
 namespace {
 
 constexpr char kSource[] = "ArpService/ArpServiceAgent";
@@ -18,11 +24,12 @@ constexpr unsigned kUpdateLevel = 3;
 
 ArpServiceRootSm::ArpServiceRootSm(Ptr<const Arp::ArpInputConfig> arpInputConfig,
                                    Ptr<const Ip::AllVrfStatusLocal> vrfStatusLocal,
-                                   Ptr<Arp::ServiceStatus> status, const VrfSm::Settings& settings,
-                                   const Ptr<Orb::TaskScheduler>& scheduler)
+                                   Ptr<Arp::ServiceStatus> status, Ptr<Switch::Problems> problems,
+                                   const VrfSm::Settings& settings, const Ptr<Orb::TaskScheduler>& scheduler)
     : arpInputConfig_(std::move(arpInputConfig)),
       vrfStatusLocal_(std::move(vrfStatusLocal)),
       status_(std::move(status)),
+      problems_(std::move(problems), "ArpService"),
       settings_(settings),
       scheduler_(scheduler),
       updateTask_(scheduler, "ArpService VRFs", kUpdateLevel, [this] { update(); }) {
@@ -43,7 +50,8 @@ void ArpServiceRootSm::update() {
   }
   for (const auto& [name, vrf] : vrfStatusLocal_->vrfCollection()) {
     if (vrfs_.contains(name)) continue;
-    vrfs_[name] = {vrf, Mox::make<VrfSm>(arpInputConfig_, vrf, status_->vrfIs(name), settings_, scheduler_)};
+    vrfs_[name] = {
+        vrf, Mox::make<VrfSm>(arpInputConfig_, vrf, status_->vrfIs(name), problems_, settings_, scheduler_)};
   }
 }
 
@@ -54,6 +62,7 @@ Ptr<Orb::AgentBase> arpServiceAgentFactory(const Mox::String& name) {
 void ArpServiceAgent::doInit() {
   const Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
+  group->mountIs(Switch::kProblemsPath, Switch::kProblemsType, "wc");
   group->mountIs(kInputPath, "Arp::ArpInputConfig", "r");
   group->mountIs(Statedb::cellPath(kVrfStatusLocalPath), "Ip::AllVrfStatusLocal", "r");
   group->mountIs(kStatusPath, "Arp::ServiceStatus", "wc");
@@ -76,7 +85,9 @@ void ArpServiceAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   }
   VrfSm::Settings settings;
   settings.refreshSeconds = switchConfig->neighborRefreshSeconds();
-  rootSm_ = Mox::make<ArpServiceRootSm>(input, vrfs, status, settings, taskSchedulerRoot()->scheduler());
+  rootSm_ = Mox::make<ArpServiceRootSm>(input, vrfs, status,
+                                        tree->entityOf<Switch::Problems>(Switch::kProblemsPath), settings,
+                                        taskSchedulerRoot()->scheduler());
 }
 
 }  // namespace ArpService

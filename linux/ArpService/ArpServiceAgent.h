@@ -13,7 +13,8 @@ class ArpServiceRootSm final : public Mox::Entity {
  public:
   ArpServiceRootSm(Ptr<const Arp::ArpInputConfig> arpInputConfig,
                    Ptr<const Ip::AllVrfStatusLocal> vrfStatusLocal, Ptr<Arp::ServiceStatus> status,
-                   const VrfSm::Settings& settings, const Ptr<Orb::TaskScheduler>& scheduler);
+                   Ptr<Switch::Problems> problems, const VrfSm::Settings& settings,
+                   const Ptr<Orb::TaskScheduler>& scheduler);
 
  private:
   void update();
@@ -21,6 +22,7 @@ class ArpServiceRootSm final : public Mox::Entity {
   Ptr<const Arp::ArpInputConfig> arpInputConfig_;
   Mox::Notifiee<const Ip::AllVrfStatusLocal> vrfStatusLocal_;
   Ptr<Arp::ServiceStatus> status_;
+  Switch::ProblemReporter problems_;
   const VrfSm::Settings settings_;
   Ptr<Orb::TaskScheduler> scheduler_;
   std::map<Mox::String, std::pair<Ptr<const Ip::VrfStatusLocal>, Ptr<VrfSm>>> vrfs_;

@@ -17,7 +17,7 @@ void exchange(Netlink::Socket& socket, const std::vector<Job*>& jobs, Request re
   socket.batch(
       messages, [&](std::size_t i, const Mox::Result<>& result) { answered(*jobs[i], result); },
       [&](std::size_t i, const Netlink::Received& message) {
-        if (const auto actual = readNeighbour(message)) jobs[i]->actual = *actual;
+        if (const auto actual = Netlink::readNeighbour(message)) jobs[i]->actual = *actual;
       });
 }
 

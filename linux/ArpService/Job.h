@@ -11,7 +11,7 @@ struct Job {
   IfIndex ifIndex = 0;
   Lanix::IpGenAddr address;
   const Arp::ArpEntryInput* wanted = nullptr;  // null: nothing; refers to the configuration
-  Neighbour actual;                            // as the kernel had it, if it had to be asked
+  Netlink::Neighbour actual;                   // as the kernel had it, if it had to be asked
   Mox::Result<> result;                        // whether it is in step now
 };
 

@@ -1,21 +1,19 @@
 #pragma once
 
-#include <deque>
-#include <functional>
-#include <map>
 #include <memory>
-#include <optional>
-#include <set>
-#include <unordered_map>
 #include <vector>
 
 #include "Arp/InputConfig.h"
 #include "Arp/ServiceStatus.h"
+#include "ArpService/Devices.h"
 #include "ArpService/Job.h"
+#include "ArpService/Queue.h"
+#include "ArpService/Round.h"
 #include "Ip/Status.h"
 #include "Mox/Notifiee.h"
 #include "Orb/FileDescriptor.h"
 #include "Orb/WalkSm.h"
+#include "Switch/ProblemReporter.h"
 
 namespace ArpService {
 
@@ -30,10 +28,9 @@ using Mox::Ptr;
 //   - stale neighbours, whoever has them, are probed after a while, and go if nobody answers.
 //
 // What is to be done with a key follows from the configuration and the kernel as they are when it is done;
-// events only say which key to look at. Keys whose event was missed or whose request was refused, and what an
-// earlier run left, are found by rounds: the kernel's table is read and compared. There is one when the VRF
-// becomes active, when a VLAN interface comes, when the kernel dropped notifications, soon after a refusal,
-// and every quarter of the refresh time.
+// events only put the key into the queue. Keys whose event was missed or whose request was refused, and what
+// an earlier run left, are found by rounds. There is one when the VRF becomes active, when a VLAN interface
+// comes, when the kernel dropped notifications, soon after a refusal, and every quarter of the refresh time.
 //
 // Works in slices of one batch of requests or one datagram of a dump. The sockets are open while the VRF is
 // active, since they keep its namespace alive.
@@ -44,66 +41,36 @@ class VrfSm final : public Orb::WalkSmBase {
     Netlink::Kernel* kernel = nullptr;
   };
   VrfSm(Ptr<const Arp::ArpInputConfig> arpInputConfig, Ptr<const Ip::VrfStatusLocal> vrfStatus,
-        Ptr<Arp::VrfServiceStatus> status, const Settings& settings,
+        Ptr<Arp::VrfServiceStatus> status, Switch::ProblemReporter& problems, const Settings& settings,
         const Ptr<Orb::TaskScheduler>& scheduler);
   // Removes what the configuration gave up last: there is no later turn for that. The rest stays.
   ~VrfSm() override;
 
  private:
-  struct Key {
-    Lanix::IpGenAddr address;
-    Lanix::IntfId intf;
-    friend auto operator<=>(const Key&, const Key&) = default;
-  };
-  // A key that the configuration holds, or did until now.
-  struct Record {
-    bool queued = false;
-    bool settled = false;     // nothing was left to be done for it; see isSettled
-    bool dynamic = false;     // as it was settled
-    std::uint32_t round = 0;  // in which it was last dealt with
-  };
-  // Scanned like a collection of the configuration.
-  struct Entries : std::map<Key, Record> {
-    static const Key& keyOf(const value_type& entry) { return entry.first; }
-    static const Record& valueOf(const value_type& entry) { return entry.second; }
-    const_iterator lowerBound(const Key& key) const { return lower_bound(key); }
-  };
   struct Sockets;
-  enum class Stage : std::uint8_t { idle, devices, neighbours, ipv4, ipv6, entries };
 
   Orb::WalkRet walk() override;
   void walkFinishedNotification() override;
   bool step();
 
   void followVrf();
-  bool open();
+  Mox::Result<> open();
   void close();
   void handleConfig();
   void handleAddress(const Lanix::IpGenAddr& address);
   void handleReadable();
   void handleMessage(const Netlink::Received& message);
-  void handleDevice(const Netlink::Received& message);
-
-  void roundStart();
-  void scanStart();
-  void roundEnd();
-  void dumpStart(const Netlink::Message& request);
-  void dumpStep(const std::function<void(const Netlink::Received&)>& handler, Stage next);
-  void devicesDone();
-  void compare(const Neighbour& actual);
-  void compareStep();
-  template <class Collection, class K, class Queue>
-  void scan(const Collection& collection, std::optional<K>& bookmark, Stage next, Queue queue);
+  void handleRound();
+  void compare(const Netlink::Neighbour& actual);
+  void enqueue(const Key& key);
   void probe();
-
-  const Arp::ArpEntryInput* wanted(const Key& key) const;
-  // And that since the sockets were opened.
-  bool isSettled(const Record& record) const { return record.settled && record.round >= firstRound_; }
-  void enqueue(const Key& key, bool unlessSettled = false);
   void program();
-  void settle(const Key& key, const Arp::ArpEntryInput* want);
   void refuse(const std::string& what, const Mox::Failure& failure);
+  void noProblem();
   void publish();
+
+  const Arp::ArpEntryInput* wanted(const Key& key) const { return wantedFor(key, config_.get()); }
+  Mox::String subject() const { return "VRF " + name_; }
 
   const double refreshSeconds_;
   Netlink::Kernel* kernel_;
@@ -111,33 +78,20 @@ class VrfSm final : public Orb::WalkSmBase {
   Mox::Notifiee<const Arp::ArpInputVrfConfig> config_;
   Mox::Notifiee<const Ip::VrfStatusLocal> vrfStatus_;
   Ptr<Arp::VrfServiceStatus> status_;
+  Switch::ProblemReporter& problems_;
   Mox::String name_;
 
-  bool reopen_ = false;  // the VRF was inactive, or somewhere else, since the sockets were opened
+  bool reopen_ = true;  // the VRF was inactive, or somewhere else, since the sockets were opened
   std::unique_ptr<Sockets> sockets_;
   Ptr<Orb::FileDescriptor> descriptor_;
   Mox::Notifiee<Orb::FileDescriptor> readable_;
-  std::map<Lanix::IntfId, IfIndex> devices_;
-  std::unordered_map<IfIndex, Lanix::IntfId> intfs_;
-
-  Entries entries_;
-  std::size_t settled_ = 0;
-  std::deque<Key> queue_;
-  std::vector<Neighbour> stale_;  // to be probed
-
-  Stage stage_ = Stage::idle;
-  bool started_ = false;  // the kernel's table was read since the sockets were opened
-  bool rescan_ = false;   // the configuration came or went as a whole: it is to be read, or is being read
-  bool rescanning_ = false;
-  bool refused_ = false;  // something, in this walk
-  bool roundDone_ = false;
-  double retryDelay_ = 0;
-  std::uint32_t round_ = 0;
-  std::uint32_t firstRound_ = 1;  // since the sockets were opened
-  std::set<IfIndex> seenDevices_;
-  std::optional<Lanix::IpAddr> ipv4Bookmark_;
-  std::optional<Arp::NeighborEntryKey> ipv6Bookmark_;
-  std::optional<Key> entriesBookmark_;
+  Devices devices_;
+  Queue queue_;
+  Round round_;
+  std::vector<Netlink::Neighbour> stale_;  // to be probed
+  bool refused_ = false;                   // something, in this walk
+  bool openFailed_ = false;                // in this walk
+  double retryDelay_ = 0;                  // of the next round; 0: nothing was refused in the last one
   Orb::Task receiveTask_;
   Orb::Task roundTask_;
 };

@@ -46,12 +46,17 @@ class Descriptor {
   int descriptor_;
 };
 
-NamespaceId identityOf(int descriptor) {
+Mox::Failure failed(const Lanix::NamespaceName& name, const char* doing, int number) {
+  return {"network namespace \"" + name + "\" " + doing + ": " + std::strerror(number), number};
+}
+
+// Nothing for a file that is no namespace.
+Mox::Result<NamespaceId> identityOf(const Lanix::NamespaceName& name, const Descriptor& descriptor) {
   struct statfs system {};
   struct stat file {};
-  if (fstatfs(descriptor, &system) != 0 || system.f_type != NSFS_MAGIC || fstat(descriptor, &file) != 0)
-    return {};
-  return {file.st_dev, file.st_ino};
+  if (descriptor.get() < 0 || fstatfs(descriptor.get(), &system) != 0 || fstat(descriptor.get(), &file) != 0)
+    return failed(name, "cannot be looked at", errno);
+  return system.f_type == NSFS_MAGIC ? NamespaceId{file.st_dev, file.st_ino} : NamespaceId{};
 }
 
 class NetlinkSource final : public RouteSource {
@@ -138,32 +143,31 @@ KernelAccess& KernelAccess::current() {
 
 KernelAccess* KernelAccess::replace(KernelAccess* access) { return std::exchange(replaced_, access); }
 
-NamespaceLook KernelAccess::look(const Lanix::NamespaceName& name) {
-  if (name == Lanix::kDefaultNamespace) return {true, {0, 1}};
-  if (name.empty() || name == "." || name == ".." || name.find('/') != Mox::String::npos) return {};
+Mox::Result<NamespaceLook> KernelAccess::look(const Lanix::NamespaceName& name) {
+  if (name == Lanix::kDefaultNamespace) return NamespaceLook{true, {0, 1}};
+  if (name.empty() || name == "." || name == ".." || name.find('/') != Mox::String::npos)
+    return NamespaceLook{};
   const Descriptor file(::open((std::string(kNames) + "/" + name).c_str(), O_PATH | O_CLOEXEC));
-  if (file.get() < 0) return {};
-  return {true, identityOf(file.get())};
+  if (file.get() < 0 && errno == ENOENT) return NamespaceLook{};
+  const auto id = identityOf(name, file);
+  if (!id) return id.failure();
+  return NamespaceLook{true, *id};
 }
 
-std::unique_ptr<RouteSource> KernelAccess::open(const Lanix::NamespaceName& name, std::string& problem) {
+Mox::Result<std::unique_ptr<RouteSource>> KernelAccess::open(const Lanix::NamespaceName& name) {
   const Lanix::NamespaceGuard guard(name);
-  if (!guard) {
-    problem = guard.error();
-    return nullptr;
-  }
-  NamespaceId id = look(name).id;
+  if (!guard) return Mox::Failure{guard.error(), errno};
+  NamespaceId id{0, 1};
   if (name != Lanix::kDefaultNamespace) {
     // Of the one that was entered: the name may have moved on.
-    const Descriptor here(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
-    id = identityOf(here.get());
+    const auto here = identityOf(name, Descriptor(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)));
+    if (!here) return here.failure();
+    id = *here;
   }
   auto source = std::make_unique<NetlinkSource>(id);
-  if (const auto prepared = source->prepare(); !prepared) {
-    problem = Netlink::describe("network namespace \"" + name + "\": opening netlink", prepared).error();
-    return nullptr;
-  }
-  return source;
+  if (const auto prepared = source->prepare(); !prepared)
+    return Netlink::describe("network namespace \"" + name + "\": opening netlink", prepared).failure();
+  return std::unique_ptr<RouteSource>(std::move(source));
 }
 
 std::unique_ptr<NamespaceEvents> KernelAccess::watchNamespaces() {

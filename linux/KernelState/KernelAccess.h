@@ -22,8 +22,8 @@ struct NamespaceId {
 
 struct NamespaceLook {
   bool named = false;  // something has the name
-  NamespaceId
-      id;  // of the namespace behind it; false: there is none (ip-netns mounts it after making the name)
+  // Of the namespace behind it; false: there is none (ip-netns mounts it after making the name).
+  NamespaceId id;
 };
 
 // The route netlink of one network namespace, used as Netlink::Socket says: one socket for notifications, one
@@ -58,11 +58,11 @@ class KernelAccess {
   static KernelAccess& current();
   static KernelAccess* replace(KernelAccess* access);
 
-  // "default" is the namespace of the process, and always there.
-  virtual NamespaceLook look(const Lanix::NamespaceName& name);
-  // Enters the namespace and subscribes to devices, IPv4 addresses, neighbours and MAC tables. Null, and
-  // `problem` says why, when that cannot be.
-  virtual std::unique_ptr<RouteSource> open(const Lanix::NamespaceName& name, std::string& problem);
+  // "default" is the namespace of the process, and always there. A failure says nothing about the namespace:
+  // it may be there (descriptors are exhausted, permission is refused).
+  virtual Mox::Result<NamespaceLook> look(const Lanix::NamespaceName& name);
+  // Enters the namespace and subscribes to devices, IPv4 addresses, neighbours and MAC tables.
+  virtual Mox::Result<std::unique_ptr<RouteSource>> open(const Lanix::NamespaceName& name);
   virtual std::unique_ptr<NamespaceEvents> watchNamespaces();
 };
 

@@ -26,27 +26,28 @@ Ptr<E> mountWriter(Memtab::EntityManager& tables, const char* path, const char* 
 
 KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Orb::TaskScheduler>& scheduler)
     : tree_(mounts->tree),
+      problems_(mounts->problems, "KernelState"),
       states_(Mox::make<NamespaceStates>()),
       vrfs_(Mox::make<NamespaceVrfs>()),
       owners_(Mox::make<VlanOwners>()),
       neighbourTable_(Mox::make<NeighbourTable>(mounts->arpStatus)),
       reconcileSm_(states_, mounts->arpStatus, mounts->bridgingStatus, mounts->vrfIdMap, scheduler),
-      vrfSm_(mounts->config, states_, mounts->vrfIdMap, vrfs_, mounts->vrfStatusLocal, scheduler),
-      vlanInterfaceSm_(states_, vrfs_, owners_, mounts->ipStatus),
+      vrfSm_(mounts->config, states_, mounts->vrfIdMap, vrfs_, mounts->vrfStatusLocal, problems_, scheduler),
+      vlanInterfaceSm_(states_, vrfs_, owners_, mounts->ipStatus, scheduler),
       intfStatusSm_(states_->stateIs(Lanix::kDefaultNamespace)),
       bridgeMacSm_(owners_, scheduler),
       fdbSm_(states_->state(Lanix::kDefaultNamespace), mounts->config, Ptr<const Bridging::Config>(),
-             mounts->bridgingStatus, scheduler),
+             mounts->bridgingStatus, problems_, scheduler),
       findTask_(scheduler, "KernelState entities", kFindLevel, [this] { findEntities(); }) {
   tree_.on(Statedb::EntityManager::entityChanged, [this](const std::string& path) {
     if (path == kIntfStatusPath || path == Statedb::cellPath(kIntfStatusLocalPath) ||
         path == kBridgingConfigPath)
       findTask_.schedule();
   });
-  reconcileSm_.writersAre(neighbourTable_, &fdbSm_);
+  reconcileSm_.writersAre(neighbourTable_, &vlanInterfaceSm_, &fdbSm_);
   findEntities();
   namespaceManagerSm_.is(Ptr<const NamespaceVrfs>(vrfs_), Ptr<const VlanOwners>(owners_), &fdbSm_, states_,
-                         neighbourTable_, mounts->tree, scheduler);
+                         neighbourTable_, mounts->tree, &problems_, scheduler);
 }
 
 // The tables stay as they are for those who read them: the kernel goes on without this plug-in.
@@ -69,6 +70,7 @@ Ptr<Orb::AgentBase> kernelStateAgentFactory(const Mox::String& name) {
 void KernelStateAgent::doInit() {
   const Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
+  group->mountIs(Switch::kProblemsPath, Switch::kProblemsType, "wc");
   group->mountIs(kIpStatusPath, "Ip::Status", "wc");
   group->mountIs(Statedb::cellPath(kVrfStatusLocalPath), "Ip::AllVrfStatusLocal", "wc");
   group->mountIs(kBridgingConfigPath, "Bridging::Config", "rwS");
@@ -82,6 +84,7 @@ void KernelStateAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   const auto mounts = Mox::make<KernelStateMounts>();
   mounts->tree = tree;
   mounts->config = tree->entityOf<Switch::Config>(Switch::kConfigPath);
+  mounts->problems = tree->entityOf<Switch::Problems>(Switch::kProblemsPath);
   mounts->ipStatus = tree->entityOf<Ip::Status>(kIpStatusPath);
   mounts->vrfStatusLocal = tree->entityOf<Ip::AllVrfStatusLocal>(Statedb::cellPath(kVrfStatusLocalPath));
   if (!mounts->ipStatus || !mounts->vrfStatusLocal) {

@@ -12,6 +12,7 @@
 #include "Memtab/EntityManager.h"
 #include "Mox/Owner.h"
 #include "Orb/AgentBase.h"
+#include "Switch/ProblemReporter.h"
 
 namespace KernelState {
 
@@ -19,6 +20,7 @@ namespace KernelState {
 struct KernelStateMounts final : public Mox::Referenced {
   Ptr<Statedb::EntityManager> tree;
   Ptr<const Switch::Config> config;
+  Ptr<Switch::Problems> problems;
   Ptr<Ip::Status> ipStatus;
   Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal;
   Ptr<Vrf::VrfIdMap::Status> vrfIdMap;
@@ -43,6 +45,7 @@ class KernelStateRootSm final : public Mox::Entity {
   void findEntities();
 
   Mox::Notifiee<Statedb::EntityManager> tree_;
+  Switch::ProblemReporter problems_;
   Ptr<NamespaceStates> states_;
   Ptr<NamespaceVrfs> vrfs_;
   Ptr<VlanOwners> owners_;

@@ -17,14 +17,14 @@ LinkSm::LinkSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> kernelNetIn
 }
 
 void LinkSm::handleMessage(const Netlink::Received& message, Word word) {
-  const auto read = readLink(message);
-  if (!read) return;
+  const auto read = Netlink::readLink(message);
+  if (!read || read->ofBridge) return;
   if (message.type() == RTM_DELLINK) {
     if (word == Word::dump) return;
-    linkDel(read->ifIndex);
-    mirror_.gone(read->ifIndex);
-  } else if (mirror_.said(read->ifIndex, word)) {
-    linkIs(read->ifIndex, read->link);
+    linkDel(read->index);
+    mirror_.gone(read->index);
+  } else if (mirror_.said(read->index, word)) {
+    linkIs(read->index, {read->name, read->mac});
   }
 }
 
@@ -79,15 +79,25 @@ void AddressSm::handleMessage(const Netlink::Received& message, Word word) {
 }
 
 bool AddressSm::sweep() {
-  return mirror_.sweep(kEntriesPerSweep, [this](const Key& key, const Record&) {
-    forget(key);
-    unpublished_.insert(key.ifIndex);
-  });
+  if (!swept_) {
+    swept_ = !mirror_.sweep(kEntriesPerSweep, [this](const Key& key, const Record&) {
+      forget(key);
+      unpublished_.insert(key.ifIndex);
+    });
+    return true;
+  }
+  publishRead(kEntriesPerSweep);
+  return !unpublished_.empty();
 }
 
-void AddressSm::handleTableRead() {
-  for (const IfIndex ifIndex : unpublished_) publish(ifIndex);
-  unpublished_.clear();
+void AddressSm::handleTableRead() { publishRead(unpublished_.size()); }
+
+void AddressSm::publishRead(std::size_t max) {
+  for (; max != 0 && !unpublished_.empty(); --max) {
+    const IfIndex ifIndex = *unpublished_.begin();
+    unpublished_.erase(unpublished_.begin());
+    publish(ifIndex);
+  }
 }
 
 void AddressSm::forget(const Key& key) {

@@ -40,9 +40,13 @@ class AddressSm final : public Mox::Entity {
   explicit AddressSm(Ptr<NamespaceState> state);
 
   void handleMessage(const Netlink::Received& message, Word word);
-  void reconcileBegin() { mirror_.reconcileBegin(); }
+  void reconcileBegin() {
+    swept_ = false;
+    mirror_.reconcileBegin();
+  }
+  // Ends with publishing what the reading changed: in the midst of it the order is not known.
   bool sweep();
-  // What a reading changed shows when it is over: in the midst of it the order is not known.
+  // The reading is over, with a sweep or without.
   void handleTableRead();
 
  private:
@@ -56,12 +60,14 @@ class AddressSm final : public Mox::Entity {
     bool secondary = false;
   };
   void publish(IfIndex ifIndex);
+  void publishRead(std::size_t max);
   void forget(const Key& key);
 
   Ptr<NamespaceState> state_;
   Mirror<Key, Record> mirror_;
   std::unordered_map<IfIndex, std::vector<Lanix::IpGenPrefix>> order_;  // as the kernel lists them
   std::set<IfIndex> unpublished_;
+  bool swept_ = false;  // since the last reading
 };
 
 }  // namespace KernelState

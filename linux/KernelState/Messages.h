@@ -5,21 +5,12 @@
 
 #include "Arp/Table.h"
 #include "KernelState/Tables.h"
-#include "Netlink/Socket.h"
+#include "Netlink/Route.h"
 
-// The route netlink messages that this plug-in reads (rtnetlink(7); linux/if_link.h, linux/if_addr.h,
-// linux/neighbour.h). Every function returns nothing for a message that is malformed or of no concern;
-// nothing of a message is used before its length, kind and range were checked.
+// What this plug-in makes of the kernel's messages about devices, addresses and neighbours (Netlink/Route.h;
+// linux/if_addr.h). Every function returns nothing for what is malformed or of no concern.
 
 namespace KernelState {
-
-struct LinkMessage {
-  IfIndex ifIndex = 0;
-  Link link;
-};
-// RTM_NEWLINK and RTM_DELLINK of the device itself; those that a bridge sends about its port are of no
-// concern.
-std::optional<LinkMessage> readLink(const Netlink::Received& message);
 
 struct AddressMessage {
   IfIndex ifIndex = 0;
@@ -30,17 +21,11 @@ struct AddressMessage {
 // RTM_NEWADDR and RTM_DELADDR of IPv4.
 std::optional<AddressMessage> readAddress(const Netlink::Received& message);
 
-struct NeighbourMessage {
-  IfIndex ifIndex = 0;
-  Lanix::IpGenAddr address;
-  // The entry; nothing when the neighbour is not resolved or not ours to publish (externally learned, proxy,
-  // multicast), which is the same as its absence.
-  std::optional<Arp::Table::ArpEntry> entry;
-};
-// RTM_NEWNEIGH and RTM_DELNEIGH of IPv4 and IPv6.
-std::optional<NeighbourMessage> readNeighbour(const Netlink::Received& message);
+// The entry of a neighbour; nothing when it is not resolved or not ours to publish (externally learned,
+// proxy, multicast), which is the same as its absence.
+std::optional<Arp::Table::ArpEntry> entryOf(const Netlink::Neighbour& neighbour);
 
-struct MacMessage {
+struct MacEntry {
   enum class Kind : std::uint8_t {
     own,  // an address of the switch itself
     learned,
@@ -52,12 +37,9 @@ struct MacMessage {
   Lanix::EthAddr mac;
   Kind kind = Kind::own;
 };
-// RTM_NEWNEIGH and RTM_DELNEIGH of bridges. Entries without a bridge above them, entries of a VLAN inside a
-// bridge and group addresses are of no concern.
-std::optional<MacMessage> readMac(const Netlink::Received& message);
-
-// Whether a neighbour message is about a bridge's MAC table.
-bool isMacMessage(const Netlink::Received& message);
+// Of an entry of a bridge's MAC table. Entries without a bridge above them, entries of a VLAN inside a bridge
+// and group addresses are of no concern.
+std::optional<MacEntry> macEntryOf(const Netlink::Neighbour& entry);
 
 enum class Table : std::uint8_t { links, addresses, neighbours, macs };
 const char* nameOf(Table table);

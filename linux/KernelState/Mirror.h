@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -12,6 +13,19 @@ namespace KernelState {
 
 // Where a message comes from: a change as it happens, or the reading of a whole table.
 enum class Word : std::uint8_t { notification, dump };
+
+// How many of a table's entries are on each device.
+class Tally {
+ public:
+  void add(std::uint32_t ifIndex) { ++counts_[ifIndex]; }
+  void remove(std::uint32_t ifIndex) {
+    if (const auto at = counts_.find(ifIndex); at != counts_.end() && --at->second == 0) counts_.erase(at);
+  }
+  bool has(std::uint32_t ifIndex) const { return counts_.contains(ifIndex); }
+
+ private:
+  std::unordered_map<std::uint32_t, std::size_t> counts_;
+};
 
 // A copy of one of the kernel's tables, kept by notifications and reconciled with dumps.
 //

@@ -1,6 +1,7 @@
 #include "KernelState/NamespaceManagerSm.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "KernelState/Trace.h"
 
@@ -19,6 +20,7 @@ constexpr double kLastRetry = 5;
 NamespaceManagerSm::NamespaceManagerSm(Ptr<const NamespaceVrfs> vrfs, Ptr<const VlanOwners> owners,
                                        FdbSm* fdb, Ptr<NamespaceStates> states,
                                        Ptr<NeighbourTable> neighbourTable, Ptr<Statedb::EntityManager> tree,
+                                       Switch::ProblemReporter* problems,
                                        const Ptr<Orb::TaskScheduler>& scheduler)
     : vrfs_(std::move(vrfs)),
       owners_(std::move(owners)),
@@ -26,6 +28,7 @@ NamespaceManagerSm::NamespaceManagerSm(Ptr<const NamespaceVrfs> vrfs, Ptr<const 
       states_(std::move(states)),
       neighbourTable_(std::move(neighbourTable)),
       tree_(std::move(tree)),
+      problems_(problems),
       scheduler_(scheduler),
       events_(KernelAccess::current().watchNamespaces()),
       retryDelay_(kFirstRetry),
@@ -47,31 +50,40 @@ NamespaceManagerSm::~NamespaceManagerSm() {
 
 void NamespaceManagerSm::handleNames() {
   retryDelay_ = kFirstRetry;
+  again_ = true;
   checkTask_.schedule();
 }
 
 void NamespaceManagerSm::check() {
-  events_->drain();
-  for (const auto& [name, vrf] : vrfs_->vrfCollection()) namespaceIs(name);
-  bool retry = false;
-  for (auto slot = slots_.begin(); slot != slots_.end();) {
-    retry = update(slot->first, slot->second) || retry;
+  if (!from_) {
+    again_ = retry_ = false;
+    events_->drain();
+    for (const auto& [name, vrf] : vrfs_->vrfCollection()) slots_.try_emplace(name);
+  }
+  for (auto slot = from_ ? slots_.lower_bound(*from_) : slots_.begin(); slot != slots_.end();) {
+    if (!slot->second.sm) make(slot->first, slot->second);
+    retry_ = update(slot->first, slot->second) || retry_;
     if (!vrfs_->vrfHas(slot->first) && slot->second.sm->feedState() == RouteFeed::State::closed) {
       states_->stateDel(slot->first);
       slot = slots_.erase(slot);
     } else {
       ++slot;
     }
+    if (slot != slots_.end() && scheduler_->root().mustYield()) {
+      from_ = slot->first;
+      return checkTask_.schedule();
+    }
   }
+  from_.reset();
+  passed_ = true;
   updateStarted();
-  if (!retry) return;
+  if (again_) return checkTask_.schedule();
+  if (!retry_) return;
   checkTask_.schedule(retryDelay_);
   retryDelay_ = std::min(retryDelay_ * 2, kLastRetry);
 }
 
-void NamespaceManagerSm::namespaceIs(const Lanix::NamespaceName& name) {
-  Slot& slot = slots_[name];
-  if (slot.sm) return;
+void NamespaceManagerSm::make(const Lanix::NamespaceName& name, Slot& slot) {
   const std::string path = "kni/ns/" + name + "/status";
   std::string problem;
   const auto kernelNetInfo =
@@ -81,14 +93,21 @@ void NamespaceManagerSm::namespaceIs(const Lanix::NamespaceName& name) {
   const Ptr<NamespaceState> state = states_->stateIs(name);
   slot.watch = std::make_unique<Watch>(state);
   slot.watch->state.on(NamespaceState::attemptedChanged, [this] { updateStarted(); });
-  slot.sm = Mox::make<NamespaceSm>(state, kernelNetInfo, vrfs_.notifier(), owners_, neighbourTable_,
-                                   isDefault ? fdb_ : nullptr, scheduler_, [this] { checkTask_.schedule(); });
+  slot.sm =
+      Mox::make<NamespaceSm>(state, kernelNetInfo, vrfs_.notifier(), owners_, neighbourTable_,
+                             isDefault ? fdb_ : nullptr, *problems_, scheduler_, [this] { handleNames(); });
 }
 
 // True: to be tried again soon.
 bool NamespaceManagerSm::update(const Lanix::NamespaceName& name, Slot& slot) {
   NamespaceLook look;
-  if (vrfs_->vrfHas(name)) look = KernelAccess::current().look(name);
+  if (vrfs_->vrfHas(name)) {
+    const auto looked = KernelAccess::current().look(name);
+    if (!looked) return refuse(slot, looked.failure());
+    look = *looked;
+  }
+  // Where it is closed, opening it has the last word.
+  if (!look.id || slot.sm->feedState() == RouteFeed::State::open) accept(slot);
   switch (slot.sm->feedState()) {
     case RouteFeed::State::closing:
       return false;  // it says when it is done
@@ -106,24 +125,41 @@ bool NamespaceManagerSm::update(const Lanix::NamespaceName& name, Slot& slot) {
 }
 
 bool NamespaceManagerSm::open(const Lanix::NamespaceName& name, Slot& slot) {
-  std::string problem;
-  auto source = KernelAccess::current().open(name, problem);
-  if (source && slot.sm->feedState() == RouteFeed::State::open && source->id() != slot.sm->id()) {
+  auto source = KernelAccess::current().open(name);
+  if (!source) {
+    // It may have gone in this moment: the next look says so.
+    if (source.number() != ENOENT) refuse(slot, source.failure());
+    return false;
+  }
+  accept(slot);
+  if (slot.sm->feedState() == RouteFeed::State::open && (*source)->id() != slot.sm->id()) {
     slot.sm->closeIs();  // another one took the name in this moment
-  } else if (source) {
-    slot.reported = false;
-    slot.sm->openIs(std::move(source));
-  } else if (!std::exchange(slot.reported, true)) {
-    KERNEL_STATE_TRACE(0, problem);
-    TRACELET_RECORD("{}", problem);
+  } else {
+    slot.sm->openIs(std::move(*source));
   }
   return slot.sm->feedState() == RouteFeed::State::open && !slot.sm->broken();
 }
 
+void NamespaceManagerSm::accept(const Slot& slot) {
+  if (!slot.sm->state()->refused()) return;
+  slot.sm->state()->refusedIs(false);
+  problems_->problemDel(slot.sm->subject());
+}
+
+bool NamespaceManagerSm::refuse(const Slot& slot, const Mox::Failure& failure) {
+  slot.sm->state()->refusedIs(true);
+  const bool exhausted = failure.number == EMFILE || failure.number == ENFILE;
+  problems_->problemIs(slot.sm->subject(),
+                       failure.text + "; what is known of it stands, and it is tried again",
+                       exhausted ? "raise the limit on open files (LimitNOFILE of the service)" : "");
+  return true;
+}
+
 void NamespaceManagerSm::updateStarted() {
-  if (states_->started() || slots_.empty()) return;
+  if (states_->started() || !passed_) return;
   const bool all = std::all_of(slots_.begin(), slots_.end(), [](const auto& slot) {
-    return slot.second.sm->feedState() != RouteFeed::State::open || slot.second.sm->state()->attempted();
+    return !slot.second.sm || slot.second.sm->feedState() != RouteFeed::State::open ||
+           slot.second.sm->state()->attempted();
   });
   if (all) states_->startedIs(true);
 }

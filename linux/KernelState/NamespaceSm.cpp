@@ -6,13 +6,14 @@ namespace KernelState {
 
 NamespaceSm::NamespaceSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> kernelNetInfo,
                          Ptr<const NamespaceVrfs> vrfs, Ptr<const VlanOwners> owners,
-                         Ptr<NeighbourTable> neighbourTable, FdbSm* fdb,
+                         Ptr<NeighbourTable> neighbourTable, FdbSm* fdb, Switch::ProblemReporter& problems,
                          const Ptr<Orb::TaskScheduler>& scheduler, std::function<void()> changed)
     : state_(std::move(state)),
       linkSm_(state_, std::move(kernelNetInfo)),
       addressSm_(state_),
       neighbourSm_(state_, std::move(vrfs), std::move(owners), std::move(neighbourTable), scheduler),
       fdb_(fdb),
+      problems_(problems),
       changed_(std::move(changed)),
       feed_(scheduler, *this, state_->name(), fdb_ ? 4 : 3) {}
 
@@ -40,10 +41,12 @@ void NamespaceSm::handleMessage(const Netlink::Received& message, Word word) {
       break;
     case RTM_NEWNEIGH:
     case RTM_DELNEIGH:
-      if (!isMacMessage(message)) {
-        neighbourSm_.handleMessage(message, word);
+      if (const auto read = Netlink::readNeighbour(message); !read) {
+        break;
+      } else if (!read->isMacEntry()) {
+        neighbourSm_.handleNeighbour(*read, message.type() == RTM_DELNEIGH, word);
       } else if (fdb_) {
-        fdb_->handleMessage(message, word);
+        fdb_->handleEntry(*read, message.type() == RTM_DELNEIGH, word);
       }
       break;
     default:
@@ -85,7 +88,13 @@ void NamespaceSm::handleTableRead(Table table) {
 
 void NamespaceSm::handleRound(bool complete) {
   state_->attemptedIs(true);
-  if (complete) state_->syncedIs(true);
+  if (!complete) return;
+  state_->syncedIs(true);
+  problems_.problemDel(subject());
+}
+
+void NamespaceSm::handleFailure(const std::string& problem) {
+  problems_.problemIs(subject(), problem + "; tried again");
 }
 
 void NamespaceSm::handleBroken() {

@@ -7,6 +7,7 @@
 #include "KernelState/LinkSm.h"
 #include "KernelState/NeighbourSm.h"
 #include "KernelState/RouteFeed.h"
+#include "Switch/ProblemReporter.h"
 
 namespace KernelState {
 
@@ -19,9 +20,12 @@ class NamespaceSm final : public Mox::Entity, private RouteFeedClient {
   // tasks, when the namespace is closed or its sockets are broken: it is to schedule work only.
   NamespaceSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> kernelNetInfo,
               Ptr<const NamespaceVrfs> vrfs, Ptr<const VlanOwners> owners, Ptr<NeighbourTable> neighbourTable,
-              FdbSm* fdb, const Ptr<Orb::TaskScheduler>& scheduler, std::function<void()> changed);
+              FdbSm* fdb, Switch::ProblemReporter& problems, const Ptr<Orb::TaskScheduler>& scheduler,
+              std::function<void()> changed);
 
   const Ptr<NamespaceState>& state() const { return state_; }
+  // What its problems are reported about, in an operator's words.
+  Mox::String subject() const { return "network namespace " + state_->name(); }
   RouteFeed::State feedState() const { return feed_.state(); }
   NamespaceId id() const { return feed_.id(); }
   bool broken() const { return broken_; }
@@ -35,6 +39,7 @@ class NamespaceSm final : public Mox::Entity, private RouteFeedClient {
   bool handleSweep(Table table) override;
   void handleTableRead(Table table) override;
   void handleRound(bool complete) override;
+  void handleFailure(const std::string& problem) override;
   void handleBroken() override;
   void handleClosed() override;
 
@@ -43,6 +48,7 @@ class NamespaceSm final : public Mox::Entity, private RouteFeedClient {
   AddressSm addressSm_;
   NeighbourSm neighbourSm_;
   FdbSm* fdb_;
+  Switch::ProblemReporter& problems_;
   std::function<void()> changed_;
   bool broken_ = false;
   RouteFeed feed_;

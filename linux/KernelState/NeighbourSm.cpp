@@ -1,7 +1,5 @@
 #include "KernelState/NeighbourSm.h"
 
-#include <linux/rtnetlink.h>
-
 #include <algorithm>
 
 namespace KernelState {
@@ -55,47 +53,50 @@ NeighbourSm::NeighbourSm(Ptr<const NamespaceState> state, Ptr<const NamespaceVrf
 
 NeighbourSm::~NeighbourSm() { std::erase(table_->publishers_, this); }
 
-void NeighbourSm::handleMessage(const Netlink::Received& message, Word word) {
-  const auto read = readNeighbour(message);
-  if (!read) return;
-  const Key key{read->ifIndex, read->address};
-  if (message.type() == RTM_DELNEIGH || !read->entry) {
+void NeighbourSm::handleNeighbour(const Netlink::Neighbour& neighbour, bool gone, Word word) {
+  const Key key{neighbour.ifIndex, neighbour.address};
+  const auto entry = gone ? std::nullopt : entryOf(neighbour);
+  if (!entry) {
     if (word == Word::dump) return;  // the sweep removes what is not said
-    if (Record* record = mirror_.find(key)) {
-      const Record gone = *record;
-      mirror_.gone(key);
-      if (gone.intf) table_->withdraw(arpKeyOf(gone.vrfId, key.address, gone.intf));
-    } else {
-      mirror_.gone(key);
-    }
+    std::optional<Record> known;
+    if (const Record* record = mirror_.find(key)) known = *record;
+    mirror_.gone(key);
+    if (known) forget(key, *known);
     return;
   }
   Record* record = mirror_.said(key, word);
   if (!record) return;
-  record->entry = *read->entry;
+  if (record->entry.mac.isZero()) onDevice_.add(key.ifIndex);  // a new one
+  record->entry = *entry;
   publish(key, *record);
 }
 
 bool NeighbourSm::sweep() {
-  return mirror_.sweep(kEntriesPerBatch, [this](const Key& key, Record& record) { withdraw(key, record); });
+  return mirror_.sweep(kEntriesPerBatch, [this](const Key& key, Record& record) { forget(key, record); });
+}
+
+void NeighbourSm::forget(const Key& key, Record& record) {
+  onDevice_.remove(key.ifIndex);
+  withdraw(key, record);
 }
 
 void NeighbourSm::handleLink(IfIndex ifIndex) {
-  if (vlanInterfaces_.contains(ifIndex) && !state_->linkHas(ifIndex)) {
-    vlanInterfaces_.erase(ifIndex);
-    if (mirror_.size() != 0) scheduleWalk();
-  }
+  const auto vlan = vlanInterfaces_.find(ifIndex);
+  if (vlan == vlanInterfaces_.end() || state_->linkHas(ifIndex)) return;
+  devices_.erase(vlan->second);
+  vlanInterfaces_.erase(vlan);
+  if (onDevice_.has(ifIndex)) scheduleWalk();
 }
 
 void NeighbourSm::handleOwner(const Lanix::IntfId& intf) {
   const VlanOwner owner = owners_->owner(intf);
   const IfIndex now = owner.netNs == state_->name() ? owner.ifIndex : 0;
-  const auto before = std::find_if(vlanInterfaces_.begin(), vlanInterfaces_.end(),
-                                   [&](const auto& known) { return known.second == intf; });
-  if (before == vlanInterfaces_.end() ? now == 0 : before->first == now) return;
-  if (before != vlanInterfaces_.end()) vlanInterfaces_.erase(before);
-  if (now != 0) vlanInterfaces_[now] = intf;
-  if (mirror_.size() != 0) scheduleWalk();
+  const auto device = devices_.find(intf);
+  const IfIndex before = device == devices_.end() ? 0 : device->second;
+  if (before == now) return;
+  if (before != 0) vlanInterfaces_.erase(before), devices_.erase(device);
+  if (now != 0) vlanInterfaces_[now] = intf, devices_[intf] = now;
+  if (onDevice_.has(before) || onDevice_.has(now)) scheduleWalk();
 }
 
 bool NeighbourSm::walkStartedNotification() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -43,7 +44,8 @@ class NeighbourSm final : public Orb::WalkSmBase {
               Ptr<NeighbourTable> table, const Ptr<Orb::TaskScheduler>& scheduler);
   ~NeighbourSm() override;
 
-  void handleMessage(const Netlink::Received& message, Word word);
+  // `gone`: the kernel has the neighbour no longer.
+  void handleNeighbour(const Netlink::Neighbour& neighbour, bool gone, Word word);
   void reconcileBegin() { mirror_.reconcileBegin(); }
   bool sweep();
 
@@ -59,8 +61,8 @@ class NeighbourSm final : public Orb::WalkSmBase {
   };
   struct Record {
     Arp::Table::ArpEntry entry;
-    Vrf::VrfIdMap::VrfId vrfId =
-        Vrf::VrfIdMap::kNoVrfId;  // published under this and `intf`; none: not published
+    // Published under these; without an interface: not published.
+    Vrf::VrfIdMap::VrfId vrfId = Vrf::VrfIdMap::kNoVrfId;
     Lanix::IntfId intf;
   };
 
@@ -69,6 +71,7 @@ class NeighbourSm final : public Orb::WalkSmBase {
   bool allowWalkRestarts() const override { return true; }
   void handleLink(IfIndex ifIndex);
   void handleOwner(const Lanix::IntfId& intf);
+  void forget(const Key& key, Record& record);
   void publish(const Key& key, Record& record);
   void withdraw(const Key& key, Record& record);
 
@@ -77,8 +80,10 @@ class NeighbourSm final : public Orb::WalkSmBase {
   Mox::Notifiee<const VlanOwners> owners_;
   Ptr<NeighbourTable> table_;
   Mirror<Key, Record> mirror_;
-  std::unordered_map<IfIndex, Lanix::IntfId>
-      vlanInterfaces_;  // those of this namespace that are VLAN interfaces
+  Tally onDevice_;
+  // The devices of this namespace that are VLAN interfaces.
+  std::unordered_map<IfIndex, Lanix::IntfId> vlanInterfaces_;
+  std::map<Lanix::IntfId, IfIndex> devices_;
   std::optional<Key> bookmark_;
 };
 

@@ -18,6 +18,7 @@ ReconcileSm::ReconcileSm(Ptr<const NamespaceStates> states, Ptr<Arp::Table::Stat
               [this](StateWatch::Notifiee& state) {
                 state.on(NamespaceState::syncedChanged, [this] { scheduleWalk(); });
                 state.on(NamespaceState::enteredChanged, [this] { scheduleWalk(); });
+                state.on(NamespaceState::refusedChanged, [this] { scheduleWalk(); });
               }),
       started_(states) {
   started_.on(NamespaceStates::startedChanged, [this] { scheduleWalk(); });
@@ -36,17 +37,19 @@ void ReconcileSm::add(Collection& collection) {
   });
 }
 
-void ReconcileSm::writersAre(Ptr<const NeighbourTable> neighbourTable, const FdbSm* fdb) {
+void ReconcileSm::writersAre(Ptr<const NeighbourTable> neighbourTable, const VlanInterfaceSm* vlanInterfaces,
+                             const FdbSm* fdb) {
   neighbourTable_ = std::move(neighbourTable);
+  vlanInterfaces_ = vlanInterfaces;
   fdb_ = fdb;
 }
 
 bool ReconcileSm::walkStartedNotification() {
   if (done() || !fdb_ || !states_->started()) return false;
   for (const auto& [netNs, state] : states_->stateCollection()) {
-    if (state->entered() && !state->synced()) return false;
+    if (state->refused() || (state->entered() && !state->synced())) return false;
   }
-  if (!neighbourTable_->busy() && !fdb_->walkScheduled()) return true;
+  if (!vlanInterfaces_->busy() && !neighbourTable_->busy() && !fdb_->walkScheduled()) return true;
   scheduleWalk(kPause);
   return false;
 }

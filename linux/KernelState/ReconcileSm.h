@@ -8,14 +8,15 @@
 #include "KernelState/FdbSm.h"
 #include "KernelState/NeighbourSm.h"
 #include "KernelState/StateWatch.h"
+#include "KernelState/VlanInterfaceSm.h"
 #include "Orb/WalkSm.h"
 #include "Vrf/VrfIdMap.h"
 
 namespace KernelState {
 
 // Removes what an earlier run left in shared memory and the kernel no longer has. It waits until every
-// namespace that is there has been read with success and all of it is published, so that entries which still
-// hold are there throughout.
+// namespace that is there, or may be, has been read with success and all of it is published, so that entries
+// which still hold are there throughout.
 class ReconcileSm final : public Orb::WalkSmBase {
  public:
   // The tables may be null. Begins their reconciliation; made before anything is written to them.
@@ -23,8 +24,9 @@ class ReconcileSm final : public Orb::WalkSmBase {
               Ptr<Memtab::Bridging::Status> bridgingStatus, Ptr<Vrf::VrfIdMap::Status> vrfIdMap,
               const Ptr<Orb::TaskScheduler>& scheduler);
 
-  // What writes the tables; the plain pointer is to outlive this.
-  void writersAre(Ptr<const NeighbourTable> neighbourTable, const FdbSm* fdb);
+  // What writes the tables; the plain pointers are to outlive this.
+  void writersAre(Ptr<const NeighbourTable> neighbourTable, const VlanInterfaceSm* vlanInterfaces,
+                  const FdbSm* fdb);
   bool done() const { return tables_.empty(); }
 
  private:
@@ -37,6 +39,7 @@ class ReconcileSm final : public Orb::WalkSmBase {
   Mox::Notifiee<const NamespaceStates> started_;
   std::vector<std::function<bool()>> tables_;  // sweeps a batch; true while there is more
   Ptr<const NeighbourTable> neighbourTable_;
+  const VlanInterfaceSm* vlanInterfaces_ = nullptr;
   const FdbSm* fdb_ = nullptr;
 };
 

@@ -142,10 +142,7 @@ void RouteFeed::tableDone(bool success) {
 }
 
 void RouteFeed::fail(const std::string& doing, const Mox::Failure& failure) {
-  const std::string what =
-      "network namespace \"" + name_ + "\": " + doing + nameOf(static_cast<Table>(table_));
-  KERNEL_STATE_TRACE(0, what << ": " << failure.text);
-  TRACELET_RECORD("kernel table not read: {}: {}", what, failure.text);
+  client_.handleFailure(doing + nameOf(static_cast<Table>(table_)) + ": " + failure.text);
 }
 
 void RouteFeed::walkFinishedNotification() {
@@ -173,8 +170,7 @@ void RouteFeed::receive() {
         [this](const Netlink::Received& message) { deliver(message, Word::notification); }, kMessagesPerCall);
     lost_ = lost_ || result.overrun;
     if (!result.result) {
-      KERNEL_STATE_TRACE(
-          0, "network namespace \"" << name_ << "\": receiving changes: " << result.result.error());
+      client_.handleFailure("receiving changes: " + result.result.error());
       client_.handleBroken();
       return;
     }

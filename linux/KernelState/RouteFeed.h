@@ -29,6 +29,8 @@ class RouteFeedClient {
   virtual void handleTableRead(Table table) = 0;
   // All tables were; whether with success.
   virtual void handleRound(bool complete) = 0;
+  // What could not be done, and why; in the same round, or with handleBroken.
+  virtual void handleFailure(const std::string& problem) = 0;
   // The sockets are of no use any more: openIs with new ones.
   virtual void handleBroken() = 0;
   // After closeIs: the tables are empty.

@@ -10,6 +10,7 @@
 #include "Lanix/IpGenPrefix.h"
 #include "Lanix/NamespaceName.h"
 #include "Mox/Attribute.h"
+#include "Netlink/Route.h"
 #include "Vrf/VrfId.h"
 
 // The plug-in's own tables: what its reactors tell each other. They hold kernel terms (indices, device
@@ -18,7 +19,7 @@
 namespace KernelState {
 
 using Mox::Ptr;
-using IfIndex = std::uint32_t;  // the kernel's, unique within one namespace only; 0: none
+using Netlink::IfIndex;
 
 // One kernel device.
 struct Link {
@@ -45,6 +46,8 @@ class NamespaceState final : public Mox::Entity {
   MOX_ATTRIBUTE(bool, attempted, false)
   // Every table was read with success.
   MOX_ATTRIBUTE(bool, synced, false)
+  // The namespace may well be there, but the kernel refuses to show it: nothing is known to have gone.
+  MOX_ATTRIBUTE(bool, refused, false)
 
  private:
   Lanix::NamespaceName name_;

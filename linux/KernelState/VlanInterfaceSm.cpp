@@ -1,21 +1,26 @@
 #include "KernelState/VlanInterfaceSm.h"
 
-#include <vector>
-
 #include "L3/VrfName.h"
 
 namespace KernelState {
+namespace {
+
+constexpr unsigned kResolveLevel = 3;
+
+}  // namespace
 
 VlanInterfaceSm::VlanInterfaceSm(Ptr<const NamespaceStates> states, Ptr<const NamespaceVrfs> vrfs,
-                                 Ptr<VlanOwners> owners, Ptr<Ip::Status> ipStatus)
+                                 Ptr<VlanOwners> owners, Ptr<Ip::Status> ipStatus,
+                                 const Ptr<Orb::TaskScheduler>& scheduler)
     : started_(states),
       vrfs_(std::move(vrfs)),
       owners_(std::move(owners)),
       ipStatus_(std::move(ipStatus)),
+      resolveTask_(scheduler, "KernelState VLAN interfaces", kResolveLevel, [this] { resolveNext(); }),
       states_(states, [this](StateWatch::Notifiee& state) { attach(state); }) {
   ipStatus_->ipIntfStatusDelAll();  // an earlier agent of this process
-  started_.on(NamespaceStates::startedChanged, [this] { resolveAll(); });
-  vrfs_.on(NamespaceVrfs::vrfChanged, [this] { resolveAll(); });
+  started_.on(NamespaceStates::startedChanged, [this] { resolveOf(Lanix::kDefaultNamespace); });
+  vrfs_.on(NamespaceVrfs::vrfChanged, [this](const Lanix::NamespaceName& netNs) { resolveOf(netNs); });
 }
 
 void VlanInterfaceSm::attach(StateWatch::Notifiee& state) {
@@ -46,13 +51,24 @@ void VlanInterfaceSm::handleAddresses(const NamespaceState& state, IfIndex ifInd
   const auto intf = intfOf_.find({state.name(), ifIndex});
   if (intf == intfOf_.end()) return;
   const VlanOwner owner = owners_->owner(intf->second);
-  if (owner.netNs == state.name() && owner.ifIndex == ifIndex) publish(intf->second, owner);
+  // The owner of one that is to be resolved anew may have lost its VRF.
+  if (owner.netNs == state.name() && owner.ifIndex == ifIndex && vrfs_->vrfHas(owner.netNs))
+    publish(intf->second, owner);
 }
 
-void VlanInterfaceSm::resolveAll() {
-  std::vector<Lanix::IntfId> intfs;
-  for (const auto& [intf, holders] : candidates_) intfs.push_back(intf);
-  for (const Lanix::IntfId& intf : intfs) resolve(intf);
+void VlanInterfaceSm::resolveOf(const Lanix::NamespaceName& netNs) {
+  for (auto at = intfOf_.lower_bound({netNs, 0}); at != intfOf_.end() && at->first.first == netNs; ++at)
+    unresolved_.insert(at->second);
+  resolveTask_.schedule();
+}
+
+void VlanInterfaceSm::resolveNext() {
+  while (!unresolved_.empty()) {
+    const Lanix::IntfId intf = *unresolved_.begin();
+    unresolved_.erase(unresolved_.begin());
+    resolve(intf);
+    if (resolveTask_.scheduler()->root().mustYield()) return resolveTask_.schedule();
+  }
 }
 
 VlanOwner VlanInterfaceSm::ownerOf(const Lanix::IntfId& intf) const {

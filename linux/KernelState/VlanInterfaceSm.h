@@ -1,10 +1,12 @@
 #pragma once
 
 #include <map>
+#include <set>
 
 #include "Ip/Status.h"
 #include "KernelState/StateWatch.h"
 #include "KernelState/Tables.h"
+#include "Orb/TaskScheduler.h"
 
 namespace KernelState {
 
@@ -15,13 +17,18 @@ namespace KernelState {
 class VlanInterfaceSm final : public Mox::Entity {
  public:
   VlanInterfaceSm(Ptr<const NamespaceStates> states, Ptr<const NamespaceVrfs> vrfs, Ptr<VlanOwners> owners,
-                  Ptr<Ip::Status> ipStatus);
+                  Ptr<Ip::Status> ipStatus, const Ptr<Orb::TaskScheduler>& scheduler);
+
+  // Some are yet to be decided anew.
+  bool busy() const { return !unresolved_.empty(); }
 
  private:
   void attach(StateWatch::Notifiee& state);
   void handleLink(const NamespaceState& state, IfIndex ifIndex);
   void handleAddresses(const NamespaceState& state, IfIndex ifIndex);
-  void resolveAll();
+  // All that have a device in the namespace, in slices.
+  void resolveOf(const Lanix::NamespaceName& netNs);
+  void resolveNext();
   void resolve(const Lanix::IntfId& intf);
   VlanOwner ownerOf(const Lanix::IntfId& intf) const;
   void publish(const Lanix::IntfId& intf, const VlanOwner& owner);
@@ -33,6 +40,8 @@ class VlanInterfaceSm final : public Mox::Entity {
   // Who has a device of the VLAN interface's name.
   std::map<Lanix::IntfId, std::map<Lanix::NamespaceName, IfIndex>> candidates_;
   std::map<std::pair<Lanix::NamespaceName, IfIndex>, Lanix::IntfId> intfOf_;
+  std::set<Lanix::IntfId> unresolved_;
+  Orb::Task resolveTask_;
   StateWatch states_;
 };
 

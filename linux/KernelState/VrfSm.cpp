@@ -2,12 +2,9 @@
 
 #include <vector>
 
-#include "KernelState/Trace.h"
-
 namespace KernelState {
 namespace {
 
-constexpr char kSource[] = "KernelState/VrfSm";
 constexpr unsigned kUpdateLevel = 3;
 constexpr ::Vrf::VrfIdMap::VrfId kDefaultId = 0;
 
@@ -17,7 +14,8 @@ using ::Vrf::VrfIdMap::kNoVrfId;
 
 VrfSm::VrfSm(Ptr<const Switch::Config> config, Ptr<const NamespaceStates> states,
              Ptr<::Vrf::VrfIdMap::Status> vrfIdMap, Ptr<NamespaceVrfs> vrfs,
-             Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal, const Ptr<Orb::TaskScheduler>& scheduler)
+             Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal, Switch::ProblemReporter& problems,
+             const Ptr<Orb::TaskScheduler>& scheduler)
     : config_(std::move(config), [this] { updateTask_.schedule(); }),
       states_(std::move(states),
               [this](StateWatch::Notifiee& state) {
@@ -26,12 +24,13 @@ VrfSm::VrfSm(Ptr<const Switch::Config> config, Ptr<const NamespaceStates> states
       vrfIdMap_(std::move(vrfIdMap)),
       vrfs_(std::move(vrfs)),
       vrfStatusLocal_(std::move(vrfStatusLocal)),
+      problems_(problems),
       updateTask_(scheduler, "KernelState VRFs", kUpdateLevel, [this] { update(); }) {
   vrfStatusLocal_->vrfDelAll();  // an earlier agent of this process
   update();
 }
 
-VrfSm::Vrfs VrfSm::configured() const {
+VrfSm::Vrfs VrfSm::configured() {
   Vrfs vrfs;
   std::map<::Vrf::VrfIdMap::VrfId, Mox::String> holders{{kDefaultId, L3::VrfName::kDefault}};
   vrfs[L3::VrfName::kDefault] = {kDefaultId, Lanix::kDefaultNamespace};
@@ -39,18 +38,17 @@ VrfSm::Vrfs VrfSm::configured() const {
   for (const auto& [name, config] : config_->vrfCollection()) {
     if (name == L3::VrfName::kDefault) continue;
     if (name.empty() || name.size() > L3::VrfName::maxLength) {
-      KERNEL_STATE_TRACE(
-          0, "vrfs." << name << ": allowed is a name of 1 to " << L3::VrfName::maxLength << " bytes");
+      wrong("vrfs." + name, "allowed is a name of 1 to " + std::to_string(L3::VrfName::maxLength) + " bytes");
       continue;
     }
     Vrf& vrf = vrfs[name];
     vrf.netNs = config->networkNamespace();
     if (config->id() >= kNoVrfId) {
-      KERNEL_STATE_TRACE(0,
-                         "vrfs." << name << ".id: " << config->id() << ", allowed is 1 to " << kNoVrfId - 1);
+      wrong("vrfs." + name + ".id", std::to_string(config->id()),
+            "allowed is 1 to " + std::to_string(kNoVrfId - 1));
     } else if (const auto [holder, isNew] = holders.emplace(config->id(), name); !isNew) {
-      KERNEL_STATE_TRACE(0, "vrfs." << name << ".id: " << config->id() << " is the id of VRF "
-                                    << holder->second << "; allowed is one that no other VRF has");
+      wrong("vrfs." + name + ".id", std::to_string(config->id()) + " is the id of VRF " + holder->second,
+            "allowed is one that no other VRF has");
     } else {
       vrf.id = config->id();
     }
@@ -58,7 +56,13 @@ VrfSm::Vrfs VrfSm::configured() const {
   return vrfs;
 }
 
+void VrfSm::wrong(const Mox::String& where, const Mox::String& problem, const Mox::String& allowed) {
+  wrong_.insert(where);
+  problems_.problemIs(where, problem, allowed);
+}
+
 void VrfSm::update() {
+  const std::set<Mox::String> before = std::exchange(wrong_, {});
   const Vrfs wanted = configured();
   // What goes is inactive before it loses its number and its namespace.
   std::vector<Mox::String> gone;
@@ -73,6 +77,9 @@ void VrfSm::update() {
   publishNamespaces(wanted);
   for (const auto& [name, vrf] : wanted) vrfStatusLocal_->vrfIs(name)->networkNamespaceIs(vrf.netNs);
   publishStates();
+  for (const Mox::String& where : before) {
+    if (!wrong_.contains(where)) problems_.problemDel(where);
+  }
 }
 
 void VrfSm::publishIds(const Vrfs& wanted) {
@@ -97,8 +104,8 @@ void VrfSm::publishNamespaces(const Vrfs& wanted) {
     if (vrf.netNs.empty()) continue;
     const auto [holder, isNew] = vrfs.emplace(vrf.netNs, VrfOfNamespace{name, vrf.id});
     if (!isNew && holder->second.name != name) {
-      KERNEL_STATE_TRACE(0, "vrfs." << name << ".networkNamespace: " << vrf.netNs << " is that of VRF "
-                                    << holder->second.name << ", whose devices are in it");
+      wrong("vrfs." + name + ".networkNamespace",
+            vrf.netNs + " is that of VRF " + holder->second.name + ", whose devices are in it");
     }
   }
   std::vector<Lanix::NamespaceName> gone;

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <map>
+#include <set>
 
 #include "Ip/Status.h"
 #include "KernelState/ConfigWatch.h"
 #include "KernelState/StateWatch.h"
 #include "KernelState/Tables.h"
 #include "Orb/TaskScheduler.h"
+#include "Switch/ProblemReporter.h"
 #include "Vrf/VrfIdMap.h"
 
 namespace KernelState {
@@ -19,7 +21,8 @@ class VrfSm final : public Mox::Entity {
   // `vrfIdMap` may be null.
   VrfSm(Ptr<const Switch::Config> config, Ptr<const NamespaceStates> states,
         Ptr<Vrf::VrfIdMap::Status> vrfIdMap, Ptr<NamespaceVrfs> vrfs,
-        Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal, const Ptr<Orb::TaskScheduler>& scheduler);
+        Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal, Switch::ProblemReporter& problems,
+        const Ptr<Orb::TaskScheduler>& scheduler);
 
  private:
   struct Vrf {
@@ -28,7 +31,9 @@ class VrfSm final : public Mox::Entity {
   };
   using Vrfs = std::map<Mox::String, Vrf>;
 
-  Vrfs configured() const;
+  Vrfs configured();
+  // What is wrong with the configuration at `where` ("vrfs.red.id"), until an update does not say it again.
+  void wrong(const Mox::String& where, const Mox::String& problem, const Mox::String& allowed = {});
   void update();
   void publishIds(const Vrfs& wanted);
   void publishNamespaces(const Vrfs& wanted);
@@ -39,7 +44,9 @@ class VrfSm final : public Mox::Entity {
   Ptr<::Vrf::VrfIdMap::Status> vrfIdMap_;
   Ptr<NamespaceVrfs> vrfs_;
   Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal_;
+  Switch::ProblemReporter& problems_;
   std::map<::Vrf::VrfIdMap::VrfId, Mox::String> ids_;  // as published
+  std::set<Mox::String> wrong_;                        // in this update
   Orb::Task updateTask_;
 };
 

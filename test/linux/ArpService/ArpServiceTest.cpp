@@ -30,7 +30,7 @@ constexpr const char* kMac1 = "02:00:00:00:00:01";
 constexpr const char* kMac2 = "02:00:00:00:00:02";
 constexpr std::uint8_t kLocal = 1;
 
-std::string line(const Neighbour& neighbour) {
+std::string line(const Netlink::Neighbour& neighbour) {
   const std::string state = (neighbour.state & NUD_PERMANENT) != 0    ? "permanent"
                             : (neighbour.state & NUD_REACHABLE) != 0  ? "reachable"
                             : (neighbour.state & NUD_FAILED) != 0     ? "failed"
@@ -45,9 +45,9 @@ Lines neighbours(const std::string& device) {
   Lines lines;
   Netlink::Socket socket(NETLINK_ROUTE);
   const auto dumped = socket.dump(
-      neighbourDump(),
+      Netlink::neighbourDump(AF_UNSPEC),
       [&](const Netlink::Received& message) {
-        const auto neighbour = readNeighbour(message);
+        const auto neighbour = Netlink::readNeighbour(message);
         if (neighbour && neighbour->ifIndex == Lab::ifIndex(device) && (neighbour->state & NUD_NOARP) == 0)
           lines.push_back(line(*neighbour));
       },
@@ -65,7 +65,7 @@ class Monitor {
     Lines lines;
     socket_.receive(
         [&](const Netlink::Received& message) {
-          if (const auto neighbour = readNeighbour(message))
+          if (const auto neighbour = Netlink::readNeighbour(message))
             lines.push_back((message.type() == RTM_DELNEIGH ? "gone " : "") + line(*neighbour));
         },
         100000);
@@ -292,6 +292,7 @@ TEST_F(ArpServiceTest, DevicesAndNamespacesComeAndGo) {
   EXPECT_THAT(rig->status->vrf("red")->problem(), HasSubstr("no-such-namespace"));
   rig->vrfs->vrfDel("red");
   EXPECT_TRUE(rig->becomes([&] { return !rig->status->vrf("red"); }));
+  EXPECT_EQ(rig->problems->problems(), 0U);
 }
 
 // A kernel without room for more neighbours.
@@ -316,6 +317,7 @@ TEST_F(ArpServiceTest, RefusedEntriesAreReportedAndTriedAgain) {
   EXPECT_TRUE(rig->becomes([&] { return rig->status->vrf("default")->refusals() == 200; }));
   EXPECT_EQ(rig->status->vrf("default")->pending(), 200U);
   EXPECT_THAT(rig->status->vrf("default")->problem(), HasSubstr("neighbour table is full"));
+  EXPECT_TRUE(rig->problems->problem("ArpService VRF default"));
   // Less and less often.
   for (int i = 0; i < 600; ++i) rig->clock.ahead += 1, rig->settle();
   EXPECT_LT(rig->status->vrf("default")->refusals(), 200U * 25);
@@ -325,6 +327,7 @@ TEST_F(ArpServiceTest, RefusedEntriesAreReportedAndTriedAgain) {
   EXPECT_TRUE(rig->becomes([&] { return rig->status->vrf("default")->programmed() == 200; }));
   rig->settle();
   EXPECT_EQ(rig->status->vrf("default")->problem(), "");
+  EXPECT_EQ(rig->problems->problems(), 0U);
   EXPECT_EQ(neighbours("vlan10").size() + neighbours("vlan20").size(), 200U);
 }
 

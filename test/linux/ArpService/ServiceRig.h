@@ -31,7 +31,7 @@ class ServiceRig {
   }
   void start() {
     root = Mox::make<ArpServiceRootSm>(Ptr<const Arp::ArpInputConfig>(input),
-                                       Ptr<const Ip::AllVrfStatusLocal>(vrfs), status, settings_,
+                                       Ptr<const Ip::AllVrfStatusLocal>(vrfs), status, problems, settings_,
                                        tasks->scheduler());
   }
   // Runs the loop until it holds. False: it never did.
@@ -59,6 +59,7 @@ class ServiceRig {
   Ptr<Arp::ArpInputConfig> input = Mox::make<Arp::ArpInputConfig>();
   Ptr<Ip::AllVrfStatusLocal> vrfs = Mox::make<Ip::AllVrfStatusLocal>();
   Ptr<Arp::ServiceStatus> status = Mox::make<Arp::ServiceStatus>();
+  Ptr<Switch::Problems> problems = Mox::make<Switch::Problems>();
   Ptr<ArpServiceRootSm> root;
 
  private:

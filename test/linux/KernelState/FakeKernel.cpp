@@ -176,19 +176,19 @@ void FakeKernel::namesChanged() {
   if (events_) events_->raise();
 }
 
-NamespaceLook FakeKernel::look(const Lanix::NamespaceName& name) {
+Mox::Result<NamespaceLook> FakeKernel::look(const Lanix::NamespaceName& name) {
+  ++looks_;
+  if (refusedNames_ != 0) return Mox::Failure{name + ": " + strerror(refusedNames_), refusedNames_};
   const auto found = namespaces_.find(name);
-  if (found == namespaces_.end()) return {};
-  return {true, found->second ? found->second->id_ : NamespaceId{}};
+  if (found == namespaces_.end()) return NamespaceLook{};
+  return NamespaceLook{true, found->second ? found->second->id_ : NamespaceId{}};
 }
 
-std::unique_ptr<RouteSource> FakeKernel::open(const Lanix::NamespaceName& name, std::string& problem) {
+Mox::Result<std::unique_ptr<RouteSource>> FakeKernel::open(const Lanix::NamespaceName& name) {
   const auto found = namespaces_.find(name);
-  if (found == namespaces_.end() || !found->second) {
-    problem = name + " cannot be entered";
-    return nullptr;
-  }
-  return std::make_unique<Source>(*this, found->second);
+  const int error = found == namespaces_.end() || !found->second ? ENOENT : refusedNames_;
+  if (error != 0) return Mox::Failure{name + " cannot be entered: " + strerror(error), error};
+  return std::unique_ptr<RouteSource>(std::make_unique<Source>(*this, found->second));
 }
 
 std::unique_ptr<NamespaceEvents> FakeKernel::watchNamespaces() { return std::make_unique<Events>(*this); }

@@ -105,9 +105,14 @@ class FakeKernel final : public KernelAccess {
   void delNamespace(const std::string& name);
   // What was opened and is still open, in all namespaces.
   int openSources() const { return openSources_; }
+  // How often a namespace was looked at.
+  int looks() const { return looks_; }
 
-  NamespaceLook look(const Lanix::NamespaceName& name) override;
-  std::unique_ptr<RouteSource> open(const Lanix::NamespaceName& name, std::string& problem) override;
+  // Looking at namespaces and entering them fails with this errno from now on; 0: no longer.
+  void refusesNames(int error) { refusedNames_ = error; }
+
+  Mox::Result<NamespaceLook> look(const Lanix::NamespaceName& name) override;
+  Mox::Result<std::unique_ptr<RouteSource>> open(const Lanix::NamespaceName& name) override;
   std::unique_ptr<NamespaceEvents> watchNamespaces() override;
 
  private:
@@ -117,6 +122,8 @@ class FakeKernel final : public KernelAccess {
   std::map<std::string, std::shared_ptr<Namespace>> namespaces_;  // null: a name only
   std::uint64_t nextInode_ = 100;
   int openSources_ = 0;
+  int refusedNames_ = 0;
+  int looks_ = 0;
   Events* events_ = nullptr;
   Lanix::Replaced<KernelAccess> replaced_;
 };

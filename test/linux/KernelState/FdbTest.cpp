@@ -1,5 +1,7 @@
 #include <linux/neighbour.h>
 
+#include <ctime>
+
 #include "Fixture.h"
 
 namespace KernelState {
@@ -164,6 +166,27 @@ TEST_F(FdbTest, BridgeThatComesLaterAndLostNotifications) {
   settle();
   EXPECT_THAT(rig->macs(), ElementsAre("10 02:00:00:00:00:02 learnedDynamic Ethernet1"));
 }
+
+// Seconds of CPU that a start with so many VLANs takes.
+double costOfStart(std::uint32_t vlans) {
+  FakeKernel kernel;
+  const Orb::ManualClock clock;
+  const ScratchTables tables;
+  AgentRig rig(clock, tables.directory());
+  for (std::uint32_t id = 2; id < vlans + 2; ++id) {
+    kernel.in().addLink("vlan" + std::to_string(id), id);
+    rig.vlanIs(static_cast<std::uint16_t>(id), "vlan" + std::to_string(id));
+  }
+  const auto now = [] { return static_cast<double>(std::clock()) / CLOCKS_PER_SEC; };
+  const double begin = now();
+  rig.start();
+  EXPECT_TRUE(rig.settle());
+  EXPECT_EQ(rig.at<Ip::Status>("ip/status")->ipIntfStatuss(), vlans);
+  return now() - begin;
+}
+
+// Eight times the VLANs are eight times the work, or a little more, and not sixty-four times.
+TEST(FdbScale, WorkIsInProportionToVlans) { EXPECT_LT(costOfStart(4000), costOfStart(500) * 24); }
 
 }  // namespace
 }  // namespace KernelState

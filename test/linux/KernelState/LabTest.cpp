@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <linux/neighbour.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 #include <chrono>
 #include <fstream>
@@ -125,6 +126,40 @@ TEST_F(LabTest, NamespacesComeAndGo) {
   const std::string source = "/proc/self/fd/" + std::to_string(red->fd());
   ASSERT_EQ(::mount(source.c_str(), mount.c_str(), nullptr, MS_BIND, nullptr), 0);
   expectVrf("namespace back behind its name", "active");
+}
+
+// No more files can be opened for as long as it lives.
+class Exhausted {
+ public:
+  Exhausted() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit none{0, before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+  }
+  ~Exhausted() { setrlimit(RLIMIT_NOFILE, &before_); }
+  Exhausted(const Exhausted&) = delete;
+  Exhausted& operator=(const Exhausted&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+TEST_F(LabTest, DescriptorsExhausted) {
+  redComes();
+  expectVrf("there", "active");
+  const auto problems = rig->at<Switch::Problems>(Switch::kProblemsPath);
+  {
+    const Lab::Namespace other("other");  // a reason to look at every name
+    const Exhausted exhausted;
+    EXPECT_TRUE(
+        becomes([&] { return problems->problem("KernelState network namespace " + redName) != nullptr; }));
+    expectVrf("refused is not gone", "active");
+    expectIp("nor are its devices", "red ");
+  }
+  EXPECT_TRUE(becomes([&] { return problems->problems() == 0; }));
+  expectVrf("and can be looked at again", "active");
+  red = nullptr;
+  expectVrf("now it has gone", "inactive");
 }
 
 TEST_F(LabTest, DevicesInAnyOrder) {

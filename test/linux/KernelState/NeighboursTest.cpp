@@ -195,12 +195,41 @@ TEST_F(NeighboursTest, TableThatWasDisturbedOrRefusedIsReadAgain) {
     red.overrun();
     settle();
     EXPECT_EQ(rig->neighbours().size(), 1u);
-    EXPECT_THAT(reports.lines, ElementsAre(testing::HasSubstr("\"red\": reading neighbours: ")));
+    EXPECT_THAT(reports.lines,
+                ElementsAre(testing::HasSubstr("network namespace red: reading neighbours: ")));
     passes(0.2);
     EXPECT_THAT(rig->neighbours(), IsEmpty());
     red.addNeighbour("vlan10", "10.0.0.9");
     settle();
   }
+}
+
+// An index belongs to a device of one namespace: those of others that have it are other devices.
+TEST_F(NeighboursTest, EqualIndicesInTwoNamespaces) {
+  auto& host = kernel.in();
+  host.addLink("vlan20", 7);  // as "vlan10" in "red"
+  host.addAddress("vlan20", "10.0.20.1/24");
+  host.addNeighbour("vlan20", "10.0.0.9", {"02:00:00:00:00:02", NUD_STALE, 0, {}});
+  host.addMac("vlan20", "02:00:00:00:00:03", {"vlan20"});
+  kernel.in("red").addNeighbour("vlan10", "10.0.0.9");
+  starts();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("0 10.0.0.9 Vlan20 02:00:00:00:00:02 false 0",
+                                             "5 10.0.0.9 Vlan10 02:00:00:00:00:01 false 0"));
+  EXPECT_EQ(rig->ip("Vlan20"), "default 10.0.20.1/24");
+  host.delNeighbour("vlan20", "10.0.0.9");
+  settle();
+  EXPECT_THAT(rig->neighbours(), ElementsAre("5 10.0.0.9 Vlan10 02:00:00:00:00:01 false 0"));
+  host.delLink("vlan20");
+  settle();
+  EXPECT_EQ(rig->neighbours().size(), 1u);
+  EXPECT_EQ(rig->ip("Vlan10"), "red 10.0.0.1/24");
+  EXPECT_EQ(rig->ip("Vlan20"), "");
+  // And a name at another index in the other one.
+  kernel.in("red").delLink("vlan10");
+  host.addLink("vlan10", 7);
+  settle();
+  EXPECT_THAT(rig->neighbours(), IsEmpty());
+  EXPECT_EQ(rig->ip("Vlan10"), "default ");
 }
 
 TEST_F(NeighboursTest, EntriesOfAnEarlierRunAreTakenOver) {

@@ -64,6 +64,71 @@ TEST_F(VrfsTest, NamespaceReplacedUnderItsName) {
   EXPECT_EQ(kernel.openSources(), 2);
 }
 
+// Descriptors are exhausted, for one.
+TEST_F(VrfsTest, RefusedIsNotGone) {
+  redComes();
+  kernel.in("red").addNeighbour("vlan10", "10.0.0.9");
+  starts();
+  const auto problems = rig->at<Switch::Problems>(Switch::kProblemsPath);
+  const auto stands = [&](const char* what) {
+    SCOPED_TRACE(what);
+    EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red active red"));
+    EXPECT_EQ(rig->ip("Vlan10"), "red 10.0.0.1/24");
+    EXPECT_EQ(rig->neighbours().size(), 1u);
+  };
+  {
+    Reports reports;
+    kernel.refusesNames(EMFILE);
+    kernel.addName("other");
+    for (int i = 0; i < 20; ++i) passes(1);
+    stands("while nothing can be looked at");
+    EXPECT_THAT(reports.lines, testing::Contains(testing::AllOf(testing::HasSubstr("network namespace red: "),
+                                                                testing::HasSubstr("Too many open files")))
+                                   .Times(1));
+    EXPECT_TRUE(problems->problem("KernelState network namespace red"));
+    kernel.refusesNames(0);
+    passes(10);
+    stands("when that is over");
+    EXPECT_EQ(problems->problems(), 0u);
+  }
+  // What an earlier run left is not given up before its namespace could be looked at.
+  kernel.refusesNames(EMFILE);
+  restarts();
+  starts();
+  passes(20);
+  EXPECT_EQ(rig->neighbours().size(), 1u);
+  EXPECT_FALSE(rig->agent()->rootSm()->reconciled());
+  kernel.refusesNames(0);
+  passes(10);
+  stands("at the next start");
+  EXPECT_TRUE(rig->agent()->rootSm()->reconciled());
+  kernel.delNamespace("red");
+  settle();
+  EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red inactive red"));
+}
+
+TEST_F(VrfsTest, ManyAreLookedAtInSlices) {
+  constexpr int kVrfs = 500;
+  for (int i = 0; i < kVrfs; ++i) {
+    const std::string name = "vrf" + std::to_string(i);
+    kernel.addNamespace(name).addLink("vlan" + std::to_string(i + 100), 7);
+    rig->vrfIs(name, static_cast<Vrf::VrfIdMap::VrfId>(i + 100), name);
+  }
+  rig->taskSchedulerRoot()->mustYieldForTestIs([] { return true; });
+  rig->start();
+  int most = 0;
+  int turns = 0;
+  for (int before = 0; rig->loop().step(0); before = kernel.looks(), ++turns) {
+    most = std::max(most, kernel.looks() - before);
+    ASSERT_LT(turns, 100000);
+  }
+  EXPECT_EQ(most, 1);
+  std::size_t active = 0;
+  for (const std::string& vrf : rig->vrfs()) active += vrf.find(" active ") != std::string::npos ? 1 : 0;
+  EXPECT_EQ(active, kVrfs + 1u);
+  EXPECT_EQ(rig->ip("Vlan599"), "vrf499 ");
+}
+
 // Whatever comes, goes and moves, and in whatever order: the end shows, and only that.
 TEST_F(VrfsTest, ConfigurationAndNamespacesInAnyOrder) {
   redComes();

@@ -1,0 +1,65 @@
+#include "ArpService/Queue.h"
+
+#include <utility>
+
+namespace ArpService {
+
+void Queue::add(const Key& key) {
+  Record& record = records_[key];
+  settled_ -= isSettled(record) ? 1 : 0;
+  record.settled = false;
+  if (!std::exchange(record.waiting, true)) waiting_.push_back(key);
+}
+
+void Queue::addUnsettled(const Key& key) {
+  if (const auto at = records_.find(key); at == records_.end() || !isSettled(at->second)) add(key);
+}
+
+// No interface's name sorts before "!".
+void Queue::addAddress(const Lanix::IpGenAddr& address) {
+  for (auto at = records_.lower_bound({address, Lanix::IntfId::fromName("!")});
+       at != records_.end() && at->first.address == address; ++at)
+    add(at->first);
+}
+
+Key Queue::take() {
+  const Key key = waiting_.front();
+  waiting_.pop_front();
+  Record& record = records_[key];
+  record.waiting = false;
+  record.round = round_;
+  return key;
+}
+
+void Queue::settle(const Key& key, const Arp::ArpEntryInput* want) {
+  const auto at = records_.try_emplace(key).first;
+  Record& record = at->second;
+  if (record.waiting) return;
+  settled_ -= isSettled(record) ? 1 : 0;
+  if (!want) {
+    records_.erase(at);
+    return;
+  }
+  ++settled_;
+  record = {false, true, want->dynamic, round_};
+}
+
+void Queue::unsettleAll() {
+  firstRound_ = round_ + 1;
+  settled_ = 0;
+}
+
+bool Queue::rescan(std::optional<Key>& bookmark, std::size_t max,
+                   const std::function<bool(const Key&)>& gone) {
+  auto at = bookmark ? records_.lower_bound(*bookmark) : records_.begin();
+  for (; max != 0 && at != records_.end(); --max, ++at) {
+    const auto& [key, record] = *at;
+    const bool given = isSettled(record) && record.dynamic;
+    if ((record.round != round_ && !given) || gone(key)) add(key);
+  }
+  bookmark.reset();
+  if (at != records_.end()) bookmark = at->first;
+  return bookmark.has_value();
+}
+
+}  // namespace ArpService

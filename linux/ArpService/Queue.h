@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <optional>
+
+#include "Arp/InputConfig.h"
+#include "Lanix/IntfId.h"
+#include "Lanix/IpGenAddr.h"
+
+namespace ArpService {
+
+// A neighbour's address on one VLAN interface.
+struct Key {
+  Lanix::IpGenAddr address;
+  Lanix::IntfId intf;
+  friend auto operator<=>(const Key&, const Key&) = default;
+};
+
+// What the configuration holds for one VRF, or held until now: which of it is to be looked at next, each key
+// once, and which of it is settled, that is, the kernel has what it is to have.
+//
+// Rounds count: what was not dealt with in a round although everything was compared is found by `rescan`.
+class Queue {
+ public:
+  bool empty() const { return waiting_.empty(); }
+  void add(const Key& key);
+  // But not if it is settled.
+  void addUnsettled(const Key& key);
+  // Every known key of that address: it may have moved to another interface.
+  void addAddress(const Lanix::IpGenAddr& address);
+  // The one that has waited longest, which counts as dealt with in this round. Only when not empty.
+  Key take();
+
+  // Nothing is left to be done for it; `want` is what the configuration holds (null: nothing, and the key is
+  // forgotten). Does nothing when it is to be looked at again.
+  void settle(const Key& key, const Arp::ArpEntryInput* want);
+  std::size_t settled() const { return settled_; }
+  // The kernel may have anything: its namespace is another one now.
+  void unsettleAll();
+
+  void roundBegins() { ++round_; }
+  // Looks at up to `max` keys from the bookmark on (nothing: the beginning) and moves it; true while there are
+  // more. Adds those that the round has not come across, except dynamic ones that were given to the kernel
+  // once, and those for which `gone` says that the configuration does not hold them.
+  bool rescan(std::optional<Key>& bookmark, std::size_t max, const std::function<bool(const Key&)>& gone);
+
+ private:
+  struct Record {
+    bool waiting = false;
+    bool settled = false;     // see isSettled
+    bool dynamic = false;     // as it was settled
+    std::uint32_t round = 0;  // in which it was last dealt with
+  };
+  // And that for the namespace that is served now.
+  bool isSettled(const Record& record) const { return record.settled && record.round >= firstRound_; }
+
+  std::map<Key, Record> records_;
+  std::deque<Key> waiting_;
+  std::size_t settled_ = 0;
+  std::uint32_t round_ = 0;
+  std::uint32_t firstRound_ = 1;  // of the namespace that is served now
+};
+
+}  // namespace ArpService
