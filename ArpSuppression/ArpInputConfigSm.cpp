@@ -22,8 +22,6 @@ using Arp::ArpInputVrfConfig;
 using Arp::NeighborEntryKey;
 using Installation = KernelDynamicEntryInstallation;
 
-const char* yesNo(bool value) { return value ? "yes" : "no"; }
-
 // Goes before every interface in the order of keys.
 constexpr auto kBeforeAll = std::bit_cast<Lanix::IntfId>(std::array<std::uint8_t, 16>{});
 

@@ -27,8 +27,6 @@ char letter(Type type) {
   return kLetters[static_cast<std::size_t>(type)];
 }
 
-const char* yesNo(bool value) { return value ? "yes" : "no"; }
-
 // Bindings from which on the tables do not fit into the processor's cache.
 constexpr std::uint64_t kLookAheadFrom = 16384;
 

@@ -21,8 +21,6 @@ bool localMultihomeSelectiveArpInstall() {
   return feature.enabled();
 }
 
-const char* yesNo(bool value) { return value ? "yes" : "no"; }
-
 }  // namespace
 
 BindingDiscoverySm::BindingDiscoverySm(

@@ -16,8 +16,6 @@ constexpr char kSource[] = "ArpSuppression/RemoteBindingStatusSm";
 // The input is read this many entries at a time; the time slice is looked at in between.
 constexpr std::size_t kEntriesPerVisit = 16;
 
-const char* yesNo(bool value) { return value ? "yes" : "no"; }
-
 // "<10;02:00:00:00:00:01>"
 Mox::String shortForm(const VlanIdMacAddress& key) {
   return "<" + key.vlanId.toStrep() + ";" + key.macAddress.toStrep() + ">";

@@ -8,6 +8,8 @@ namespace ArpSuppression {
 // The default trace handle of every reactor of the agent.
 Tracelet::Handle& traceHandle();
 
+inline const char* yesNo(bool value) { return value ? "yes" : "no"; }
+
 }  // namespace ArpSuppression
 
 // A level-8 trace line of a member function: the object, then what is given. The source names its component
