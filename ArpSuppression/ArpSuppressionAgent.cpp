@@ -87,8 +87,9 @@ void ArpSuppressionAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   const Ptr<Memtab::EntityManager> tables = host().sharedMemory();
   tables->mount("vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status", MountDescriptor::reader());
   tables->mount("arp/status", "Arp::Table::Status", MountDescriptor::reader());
-  tables->mount("arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus",
-                MountDescriptor::writer({{"counter", kCounters}}, kCounterDoorbellDelay));
+  if (!tables->mount("arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus",
+                     MountDescriptor::writer({{"counter", kCounters}}, kCounterDoorbellDelay)))
+    throw Mox::Error("arpSuppression/counter cannot be written");
   tables->mount("bridging/status", "Memtab::Bridging::Status", MountDescriptor::reader());
   const Ptr<MoxSharedMem::MountGroup> remoteBindingGroup = tables->mountGroup();
   remoteBindingGroup->mountIs(kRemoteBindingPath, "ArpSuppression::RemoteBindingConfig",

@@ -46,6 +46,10 @@ constexpr int kAnswer = 3;  // the copy's only descriptor besides the standard o
   _exit(0);
 }
 
+Mox::Failure failureOf(const char* what, int number) {
+  return {std::string(what) + ": " + std::strerror(number), number};
+}
+
 }  // namespace
 
 // A file in memory that the command wrote its answer to.
@@ -132,52 +136,57 @@ AgentAnswers::~AgentAnswers() {
   }
 }
 
-std::unique_ptr<ControlJob> AgentAnswers::run(Orb::AgentCommandCallback& command,
-                                              const std::vector<Mox::String>& arguments, std::string& error) {
-  error = command.refusal(arguments);
-  if (!error.empty()) return nullptr;
-  if (command.answer() == Orb::AgentCommandCallback::Answer::small) {
-    const int descriptor = memfd_create("agent answer", MFD_CLOEXEC);
-    if (descriptor < 0) {
-      error = std::string("no memory for the answer: ") + std::strerror(errno);
-      return nullptr;
-    }
-    auto job = std::make_unique<SmallJob>(descriptor);
-    command.handleCommand(descriptor, arguments);
-    return job;
-  }
-  if (copies_.size() >= kCopies) {
-    error = std::to_string(kCopies) + " such answers are being written already; try again in a moment";
-    return nullptr;
-  }
+Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::run(Orb::AgentCommandCallback& command,
+                                                           const std::vector<Mox::String>& arguments,
+                                                           uid_t user) {
+  if (const std::string refusal = command.refusal(arguments); !refusal.empty()) return Mox::Failure{refusal};
+  return command.answer() == Orb::AgentCommandCallback::Answer::small ? runSmall(command, arguments)
+                                                                      : runLarge(command, arguments, user);
+}
+
+Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::runSmall(Orb::AgentCommandCallback& command,
+                                                                const std::vector<Mox::String>& arguments) {
+  const int descriptor = memfd_create("agent answer", MFD_CLOEXEC);
+  if (descriptor < 0) return failureOf("no memory for the answer", errno);
+  std::unique_ptr<ControlJob> job = std::make_unique<SmallJob>(descriptor);
+  command.handleCommand(descriptor, arguments);
+  return job;
+}
+
+Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::runLarge(Orb::AgentCommandCallback& command,
+                                                                const std::vector<Mox::String>& arguments,
+                                                                uid_t user) {
+  std::vector<uid_t> holders;
+  for (const Copy& copy : copies_) holders.push_back(copy.user);
+  const Mox::Result<> allowed =
+      kCopies.oneMore(holders, user, "such answers", "are being written already; try again in a moment");
+  if (!allowed) return allowed.failure();
   int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
-    error = std::string("no pipe for the answer: ") + std::strerror(errno);
-    return nullptr;
-  }
+  if (pipe2(ends, O_CLOEXEC) != 0) return failureOf("no pipe for the answer", errno);
   const pid_t parent = getpid();
   const pid_t id = fork();
   if (id == 0) answer(command, arguments, ends[1], parent);
-  const int reason = errno;
+  int reason = errno;
   close(ends[1]);
   const int handle = id < 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, id, 0));
   if (handle < 0) {
-    error = std::string("no process for the answer: ") + std::strerror(id < 0 ? reason : errno);
-    close(ends[0]);
     if (id > 0) {
+      reason = errno;
       ::kill(id, SIGKILL);
       waitpid(id, nullptr, 0);
     }
-    return nullptr;
+    close(ends[0]);
+    return failureOf("no process for the answer", reason);
   }
   const auto copy = copies_.emplace(copies_.end());
   copy->id = id;
+  copy->user = user;
   copy->handle = handle;
   copy->ended.notifierIs(Mox::make<Orb::FileDescriptor>(loop_, "copy of the process"));
   copy->ended.on(Orb::FileDescriptor::readableCountChanged, [this, copy] { handleEnded(copy); });
   copy->ended->descriptorIs(handle);
   copy->ended->notifyOnReadableIs(true);
-  return std::make_unique<LargeJob>(*this, id, ends[0]);
+  return std::unique_ptr<ControlJob>(std::make_unique<LargeJob>(*this, id, ends[0]));
 }
 
 void AgentAnswers::kill(pid_t id) {

@@ -8,9 +8,11 @@
 #include <vector>
 
 #include "Mox/Notifiee.h"
+#include "Mox/Result.h"
 #include "Orb/AgentBase.h"
 #include "Orb/FileDescriptor.h"
 #include "host/ControlCommands.h"
+#include "host/Quota.h"
 
 namespace Host {
 
@@ -21,17 +23,17 @@ namespace Host {
 class AgentAnswers {
  public:
   // More at a time would only fight for the other processor.
-  static constexpr std::size_t kCopies = 4;
+  static constexpr Quota kCopies = {.all = 4, .ofUser = 2, .keptForRoot = 1};
 
   explicit AgentAnswers(Orb::EventLoop& loop) : loop_(loop) {}
   AgentAnswers(const AgentAnswers&) = delete;
   AgentAnswers& operator=(const AgentAnswers&) = delete;
   ~AgentAnswers();
 
-  // Null when `error` says why there is none: the command refuses the arguments, or there are no means to run
+  // For a client of this user. Refused when the command refuses the arguments, or there are no means to run
   // it. The job must not outlive this.
-  std::unique_ptr<ControlJob> run(Orb::AgentCommandCallback& command,
-                                  const std::vector<Mox::String>& arguments, std::string& error);
+  Mox::Result<std::unique_ptr<ControlJob>> run(Orb::AgentCommandCallback& command,
+                                               const std::vector<Mox::String>& arguments, uid_t user);
 
  private:
   class SmallJob;
@@ -40,9 +42,14 @@ class AgentAnswers {
   // A copy of the process, until it has been waited for.
   struct Copy {
     pid_t id = 0;
+    uid_t user = 0;
     int handle = -1;  // becomes readable at its end (pidfd_open(2))
     Mox::Notifiee<Orb::FileDescriptor> ended;
   };
+  Mox::Result<std::unique_ptr<ControlJob>> runSmall(Orb::AgentCommandCallback& command,
+                                                    const std::vector<Mox::String>& arguments);
+  Mox::Result<std::unique_ptr<ControlJob>> runLarge(Orb::AgentCommandCallback& command,
+                                                    const std::vector<Mox::String>& arguments, uid_t user);
   void kill(pid_t id);
   void handleEnded(std::list<Copy>::iterator copy);
 

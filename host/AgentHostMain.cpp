@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/Daemon.h"
+#include "host/Version.h"
 
 // agent-host: loads the plug-ins that its configuration names and runs them until it is told to end.
 //
@@ -26,6 +27,7 @@ int main(int argc, char** argv) {
       "Example: agent-host --config /etc/arp-suppression/agent-host.json");
   std::string file;
   app.add_option("--config", file, "the configuration file (JSON, comments allowed)")->required();
+  app.set_version_flag("--version", Host::versionOf("agent-host"));
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -33,21 +35,17 @@ int main(int argc, char** argv) {
     report(std::string(error.what()) + "; see agent-host --help");
     return 2;
   }
-  std::string error;
-  std::optional<Host::Config> config = Host::readConfig(file, error);
+  Mox::Result<Host::Config> config = Host::readConfig(file);
   if (!config) {
-    report(error);
+    report(config.error());
     return 1;
   }
   Orb::EventLoop loop;
   Host::Daemon daemon(loop, std::move(*config), report);
-  error = daemon.watchSignals();
-  if (error.empty()) error = daemon.start();
-  if (!error.empty()) {
-    report(error);
-    return 1;
-  }
-  report("runs");
-  loop.run();
-  return 0;
+  Mox::Result<> done = daemon.watchSignals();
+  if (done) done = daemon.start();
+  if (done) done = daemon.run();
+  if (done) return 0;
+  report(done.error());
+  return 1;
 }

@@ -26,29 +26,23 @@ std::string quoted(std::string_view text) { return Statedb::describe(std::string
 
 }  // namespace
 
-std::optional<ArpSuppression::RemoteBindingKey> parseBindingKey(std::string_view vlan, std::string_view ip,
-                                                                std::string& problem) {
+Mox::Result<ArpSuppression::RemoteBindingKey> parseBindingKey(std::string_view vlan, std::string_view ip) {
   const auto vlanId = Bridging::VlanId::fromStrep(vlan);
-  if (!vlanId) {
-    problem = "VLAN " + quoted(vlan) + " is not " + Bridging::VlanId::allowed();
-    return std::nullopt;
-  }
+  if (!vlanId) return Mox::Failure{"VLAN " + quoted(vlan) + " is not " + Bridging::VlanId::allowed()};
   const auto address = IpGenAddr::fromStrep(ip);
-  if (!address || !isOneHost(*address)) {
-    problem = "IP " + quoted(ip) + " is not the IPv4 or IPv6 address of one host";
-    return std::nullopt;
-  }
+  if (!address || !isOneHost(*address))
+    return Mox::Failure{"IP " + quoted(ip) + " is not the IPv4 or IPv6 address of one host"};
   return ArpSuppression::RemoteBindingKey{*vlanId, *address};
 }
 
-std::optional<Binding> parseBinding(std::string_view vlan, std::string_view ip, std::string_view mac,
-                                    bool localMultihomed, std::string& problem) {
-  const auto key = parseBindingKey(vlan, ip, problem);
-  if (!key) return std::nullopt;
+Mox::Result<Binding> parseBinding(std::string_view vlan, std::string_view ip, std::string_view mac,
+                                  bool localMultihomed) {
+  const auto key = parseBindingKey(vlan, ip);
+  if (!key) return key.failure();
   const auto address = EthAddr::fromStrep(mac);
   if (!address || address->isZero() || address->isMulticast()) {
-    problem = "MAC " + quoted(mac) + " is not the MAC address of one station, like 02:00:00:00:00:01";
-    return std::nullopt;
+    return Mox::Failure{"MAC " + quoted(mac) +
+                        " is not the MAC address of one station, like 02:00:00:00:00:01"};
   }
   return Binding{*key, {*address, localMultihomed}};
 }
@@ -61,21 +55,18 @@ std::string bindingLine(const Binding& binding) {
   return line;
 }
 
-std::optional<Binding> parseBindingLine(std::string_view line, std::string& problem) {
+Mox::Result<Binding> parseBindingLine(std::string_view line) {
   const std::string_view vlan = nextPart(line);
   const std::string_view ip = nextPart(line);
   const std::string_view mac = nextPart(line);
-  if (!line.empty() && line != kLocalMultihomed) {
-    problem = quoted(line) + " is not \"localMultihomed\" or nothing";
-    return std::nullopt;
-  }
-  return parseBinding(vlan, ip, mac, !line.empty(), problem);
+  if (!line.empty() && line != kLocalMultihomed)
+    return Mox::Failure{quoted(line) + " is not \"localMultihomed\" or nothing"};
+  return parseBinding(vlan, ip, mac, !line.empty());
 }
 
-std::optional<ArpSuppression::RemoteBindingKey> parseBindingKeyLine(std::string_view line,
-                                                                    std::string& problem) {
+Mox::Result<ArpSuppression::RemoteBindingKey> parseBindingKeyLine(std::string_view line) {
   const std::string_view vlan = nextPart(line);
-  return parseBindingKey(vlan, line, problem);
+  return parseBindingKey(vlan, line);
 }
 
 }  // namespace Host

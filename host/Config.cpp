@@ -193,22 +193,18 @@ void readVlans(Reader& reader, const std::string& key, const json& value, Config
 void readState(Reader& reader, const std::string& key, const json& value, Config& config) {
   reader.eachKey(key, value, "an object by path",
                  [&](const std::string&, const std::string& path, const json& content) {
-                   const std::string problem = checkState(path, content, config.agents);
-                   if (!problem.empty()) reader.fail(key, problem);
+                   const Mox::Result<> checked = checkState(path, content, config.agents);
+                   if (!checked) reader.fail(key, checked.error());
                  });
   config.state = value;
 }
 
 }  // namespace
 
-std::optional<Config> parseConfig(std::string_view text, const std::string& file, std::string& error) {
+Mox::Result<Config> parseConfig(std::string_view text, const std::string& file) {
   Reader reader(file);
-  std::string problem;
-  const std::optional<json> parsed = parseJson(text, Comments::allowed, problem);
-  if (!parsed) {
-    error = file + ": " + problem;
-    return std::nullopt;
-  }
+  const Mox::Result<json> parsed = parseJson(text, Comments::allowed);
+  if (!parsed) return Mox::Failure{file + ": " + parsed.error()};
   Config config;
   json state = json::object();
   reader.object("", *parsed,
@@ -251,14 +247,13 @@ std::optional<Config> parseConfig(std::string_view text, const std::string& file
   // Last: what may be set hangs on the plug-ins.
   if (reader.good()) readState(reader, "state", state, config);
   if (reader.good()) return config;
-  error = reader.error();
-  return std::nullopt;
+  return Mox::Failure{reader.error()};
 }
 
-std::optional<Config> readConfig(const std::string& file, std::string& error) {
-  const std::optional<std::string> text = readFile(file, kMaxFileBytes, false, error);
-  if (!text) return std::nullopt;
-  return parseConfig(*text, file, error);
+Mox::Result<Config> readConfig(const std::string& file) {
+  const Mox::Result<std::string> text = readFile(file, kMaxFileBytes, false);
+  if (!text) return text.failure();
+  return parseConfig(*text, file);
 }
 
 }  // namespace Host

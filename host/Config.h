@@ -3,10 +3,11 @@
 #include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "Mox/Result.h"
 
 namespace Host {
 
@@ -48,9 +49,9 @@ struct Config {
   std::uint32_t neighborRefreshSeconds = 240;
 };
 
-// Nothing, and `error` is one line "<file>: <key>: <value> is not ...", when anything is wrong. The key is a
-// path like "vrfs.red.id".
-std::optional<Config> parseConfig(std::string_view text, const std::string& file, std::string& error);
-std::optional<Config> readConfig(const std::string& file, std::string& error);
+// When anything is wrong the refusal is one line "<file>: <key>: <value> is not ...". The key is a path like
+// "vrfs.red.id".
+Mox::Result<Config> parseConfig(std::string_view text, const std::string& file);
+Mox::Result<Config> readConfig(const std::string& file);
 
 }  // namespace Host

@@ -15,6 +15,7 @@ namespace {
 using nlohmann::json;
 
 constexpr std::size_t kEntriesPerSlice = 256;
+constexpr std::string_view kStatusCommand = "status";
 
 void appendLine(std::string& output, const json& answer) {
   output += Statedb::jsonText(answer);
@@ -57,6 +58,20 @@ class ShowJob final : public ControlJob {
   const std::unique_ptr<Dump> dump_;
 };
 
+class MergeJob final : public ControlJob {
+ public:
+  explicit MergeJob(std::unique_ptr<StateChange> change) : change_(std::move(change)) {}
+  Step step(std::string& output) override {
+    const Mox::Result<bool> more = change_->step(kEntriesPerSlice);
+    if (more && *more) return Step::more;
+    more ? ControlCommands::appendOk(output) : ControlCommands::appendError(output, more.error());
+    return Step::done;
+  }
+
+ private:
+  const std::unique_ptr<StateChange> change_;
+};
+
 class ClearJob final : public ControlJob {
  public:
   explicit ClearJob(Mox::Ptr<ArpSuppression::RemoteBindingConfig> table)
@@ -89,7 +104,11 @@ void forEachLine(std::string_view lines, const Visit& visit) {
 }  // namespace
 
 ControlCommands::ControlCommands(State& state, const Agents& agents, Orb::EventLoop& loop)
-    : state_(state), agents_(agents), loop_(loop), answers_(std::make_unique<AgentAnswers>(loop)) {}
+    : state_(state),
+      agents_(agents),
+      loop_(loop),
+      startedAt_(loop.clock().now()),
+      answers_(std::make_unique<AgentAnswers>(loop)) {}
 
 ControlCommands::~ControlCommands() = default;
 
@@ -111,11 +130,10 @@ void ControlCommands::appendError(std::string& output, const std::string& error)
 }
 
 std::unique_ptr<ControlJob> ControlCommands::start(std::string_view line, uid_t user, std::string& output) {
-  std::string error;
-  std::optional<json> request = parseJson(line, Comments::refused, error);
-  if (request && !request->is_object()) error = "it is not a JSON object";
-  if (!error.empty()) {
-    appendError(output, "the request cannot be read: " + error);
+  Mox::Result<json> request = parseJson(line, Comments::refused);
+  if (!request || !request->is_object()) {
+    appendError(output,
+                "the request cannot be read: " + (request ? "it is not a JSON object" : request.error()));
     return nullptr;
   }
   try {
@@ -142,7 +160,7 @@ std::unique_ptr<ControlJob> ControlCommands::dispatch(json& request, uid_t user,
   if (*command == "set") return set(request, output);
   if (*command == "apply") return apply(request, output);
   if (*command == "remote") return remote(request, output);
-  if (*command == "agent") return agent(request, output);
+  if (*command == "agent") return agent(request, user, output);
   if (*command == "monitor") return monitor(request, output);
   appendError(output, "unknown command " + Statedb::describe(*command) +
                           "; known are paths, show, set, apply, remote, agent and monitor");
@@ -152,10 +170,9 @@ std::unique_ptr<ControlJob> ControlCommands::dispatch(json& request, uid_t user,
 std::unique_ptr<ControlJob> ControlCommands::show(const json& request, std::string& output) {
   const std::string* path = stringOf(request, "path", output);
   if (!path) return nullptr;
-  std::string error;
-  std::unique_ptr<Dump> dump = state_.dump(*path, error);
-  if (dump) return std::make_unique<ShowJob>(std::move(dump));
-  appendError(output, error);
+  auto dump = state_.dump(*path);
+  if (dump) return std::make_unique<ShowJob>(std::move(*dump));
+  appendError(output, dump.error());
   return nullptr;
 }
 
@@ -169,21 +186,22 @@ std::unique_ptr<ControlJob> ControlCommands::set(json& request, std::string& out
   }
   json state = json::object();
   state[*path] = std::move(*value);
-  return apply({{"state", std::move(state)}}, output);
+  return merge(std::move(state), output);
 }
 
-std::unique_ptr<ControlJob> ControlCommands::apply(const json& request, std::string& output) {
+std::unique_ptr<ControlJob> ControlCommands::apply(json& request, std::string& output) {
   const auto state = request.find("state");
   if (state == request.end() || !state->is_object()) {
     appendError(output, "the request needs \"state\", an object by path");
     return nullptr;
   }
-  const std::string error = state_.apply(*state);
-  if (error.empty()) {
-    appendOk(output);
-  } else {
-    appendError(output, error);
-  }
+  return merge(std::move(*state), output);
+}
+
+std::unique_ptr<ControlJob> ControlCommands::merge(json state, std::string& output) {
+  auto change = state_.change(std::move(state));
+  if (change) return std::make_unique<MergeJob>(std::move(*change));
+  appendError(output, change.error());
   return nullptr;
 }
 
@@ -191,9 +209,9 @@ std::unique_ptr<ControlJob> ControlCommands::remote(const json& request, std::st
   const std::string* op = stringOf(request, "op", output);
   if (!op) return nullptr;
   if (*op == "clear") {
-    std::string error;
-    if (auto table = state_.remoteBindings(error)) return std::make_unique<ClearJob>(std::move(table));
-    appendError(output, error);
+    auto table = state_.remoteBindings();
+    if (table) return std::make_unique<ClearJob>(std::move(*table));
+    appendError(output, table.error());
     return nullptr;
   }
   if (*op != "add" && *op != "del") {
@@ -206,40 +224,45 @@ std::unique_ptr<ControlJob> ControlCommands::remote(const json& request, std::st
 }
 
 void ControlCommands::changeBindings(std::string_view lines, bool add, std::string& output) {
-  std::string error;
-  const auto table = state_.remoteBindings(error);
+  const auto table = state_.remoteBindings();
+  if (!table) return appendError(output, table.error());
   std::vector<Binding> bindings;
+  Mox::Result<> read;
   forEachLine(lines, [&](std::string_view line) {
-    if (!error.empty()) return;
+    if (!read) return;
     if (bindings.size() == kChunkBindings) {
-      error =
-          "more than " + std::to_string(kChunkBindings) + " bindings in one request; send them in several";
+      read = Mox::Failure{"more than " + std::to_string(kChunkBindings) +
+                          " bindings in one request; send them in several"};
     } else if (add) {
-      if (const auto binding = parseBindingLine(line, error)) bindings.push_back(*binding);
-    } else if (const auto key = parseBindingKeyLine(line, error)) {
-      bindings.push_back({*key, {}});
+      const auto binding = parseBindingLine(line);
+      binding ? bindings.push_back(*binding) : void(read = binding.failure());
+    } else {
+      const auto key = parseBindingKeyLine(line);
+      key ? bindings.push_back({*key, {}}) : void(read = key.failure());
     }
   });
-  if (!error.empty()) return appendError(output, error);
-  auto& collection = table->remoteBindingCollection();
+  if (!read) return appendError(output, read.error());
+  auto& collection = (*table)->remoteBindingCollection();
   std::size_t changed = 0;
+  bool full = false;
   for (const Binding& binding : bindings) {
     const Memtab::Written written = add ? collection.tableWriter()->entryIs(binding.key, binding.value)
                                     : collection.tableWriter()->entryDel(binding.key)
                                         ? Memtab::Written::kChanged
                                         : Memtab::Written::kUnchanged;
-    if (written == Memtab::Written::kFull) {
-      error = "no shared memory for more remote bindings: " + collection.tableWriter()->core().growthError();
-      break;
-    }
+    full = written == Memtab::Written::kFull;
+    if (full) break;
     changed += written == Memtab::Written::kChanged ? 1 : 0;
   }
   if (changed != 0) collection.touched();
-  if (!error.empty()) return appendError(output, error);
+  if (full) {
+    return appendError(output, "no shared memory for more remote bindings: " +
+                                   collection.tableWriter()->core().growthError());
+  }
   appendOk(output, {{"changed", changed}});
 }
 
-std::unique_ptr<ControlJob> ControlCommands::agent(const json& request, std::string& output) {
+std::unique_ptr<ControlJob> ControlCommands::agent(const json& request, uid_t user, std::string& output) {
   const std::string* name = stringOf(request, "command", output);
   if (!name) return nullptr;
   std::vector<std::string> arguments;
@@ -249,23 +272,42 @@ std::unique_ptr<ControlJob> ControlCommands::agent(const json& request, std::str
     loaded += (loaded.empty() ? "" : ", ") + agent->name();
     const Mox::Ptr<Orb::AgentCommandCallback> callback = agent->agentCommand("", *name);
     if (!callback) continue;
-    std::string error;
-    std::unique_ptr<ControlJob> job = answers_->run(*callback, arguments, error);
-    if (!job) appendError(output, error);
-    return job;
+    auto job = answers_->run(*callback, arguments, user);
+    if (job) return std::move(*job);
+    appendError(output, job.error());
+    return nullptr;
   }
-  appendError(output, "no plug-in that is ready answers \"" + *name +
-                          "\"; loaded: " + (loaded.empty() ? "none" : loaded));
+  const std::string reason =
+      "no plug-in that is ready answers \"" + *name + "\"; loaded: " + (loaded.empty() ? "none" : loaded);
+  if (*name != kStatusCommand) {
+    appendError(output, reason);
+    return nullptr;
+  }
+  appendText(output, statusWithoutAgent(reason).dump());
+  appendOk(output);
   return nullptr;
+}
+
+// Whether it runs can be asked of every agent-host. The keys are those of the plug-in's answer, and why it is
+// not there.
+nlohmann::ordered_json ControlCommands::statusWithoutAgent(const std::string& reason) const {
+  return {{"runnable", false},
+          {"activeVlans", json::array()},
+          {"localBindings", 0},
+          {"remoteBindings", 0},
+          {"trapSocket", "closed"},
+          {"reinjectSocket", "closed"},
+          {"uptimeSeconds", static_cast<std::uint64_t>(loop_.clock().now() - startedAt_)},
+          {"reason", reason}};
 }
 
 std::unique_ptr<ControlJob> ControlCommands::monitor(const json& request, std::string& output) {
   std::vector<std::string> paths;
   if (!stringsOf(request, "paths", paths, output)) return nullptr;
-  std::string error;
-  std::unique_ptr<ControlJob> job = makeMonitor(state_, loop_, paths, error);
-  if (!job) appendError(output, error);
-  return job;
+  auto job = makeMonitor(state_, loop_, paths);
+  if (job) return std::move(*job);
+  appendError(output, job.error());
+  return nullptr;
 }
 
 }  // namespace Host

@@ -29,6 +29,8 @@ class ControlJob {
   virtual ~ControlJob() = default;
   // Does a slice and appends whole answer lines. May also be called while it waits.
   virtual Step step(std::string& output) = 0;
+  // Whether it goes on for as long as its client wants: such an answer has no deadline.
+  virtual bool endless() const { return false; }
 
   // What `wake` calls, from any notification; it only schedules. Set before the first step.
   void wakeIs(std::function<void()> wake) { wake_ = std::move(wake); }
@@ -67,15 +69,18 @@ class ControlCommands {
   Job dispatch(nlohmann::json& request, uid_t user, std::string& output);
   Job show(const nlohmann::json& request, std::string& output);
   Job set(nlohmann::json& request, std::string& output);
-  Job apply(const nlohmann::json& request, std::string& output);
+  Job apply(nlohmann::json& request, std::string& output);
+  Job merge(nlohmann::json state, std::string& output);
   Job remote(const nlohmann::json& request, std::string& output);
-  Job agent(const nlohmann::json& request, std::string& output);
+  Job agent(const nlohmann::json& request, uid_t user, std::string& output);
+  nlohmann::ordered_json statusWithoutAgent(const std::string& reason) const;
   Job monitor(const nlohmann::json& request, std::string& output);
   void changeBindings(std::string_view lines, bool add, std::string& output);
 
   State& state_;
   const Agents& agents_;
   Orb::EventLoop& loop_;
+  const double startedAt_;
   const std::unique_ptr<AgentAnswers> answers_;
 };
 

@@ -27,7 +27,8 @@ ControlConnection::ControlConnection(const Mox::Ptr<Orb::TaskScheduler>& schedul
       ended_(std::move(ended)),
       ready_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), "control connection")),
       task_(scheduler, "control connection", kLevel, [this] { work(); }),
-      idle_(scheduler->loop(), "control connection", [this] { handleIdle(); }) {
+      idle_(scheduler->loop(), "control connection", [this] { handleIdle(); }),
+      overdue_(scheduler->loop(), "control connection", [this] { handleOverdue(); }) {
   ready_.on(Orb::FileDescriptor::readableCountChanged, [this] { handleReadable(); });
   ready_.on(Orb::FileDescriptor::writableCountChanged, [this] { handleWritable(); });
   ready_->descriptorIs(descriptor_);
@@ -80,9 +81,7 @@ void ControlConnection::work() {
   bool again = true;
   do {
     if (job_) {
-      const ControlJob::Step step = job_->step(output_);
-      if (step == ControlJob::Step::done) job_.reset();
-      again = step != ControlJob::Step::waiting;
+      again = stepJob() != ControlJob::Step::waiting;
     } else {
       again = takeRequest();
     }
@@ -97,6 +96,18 @@ void ControlConnection::work() {
   } else if ((eof_ || refused_) && output_.empty() && (!job_ || hungUp())) {
     end();
   }
+}
+
+// Ends the job when it is done, or when it meets an error, which the client is told.
+ControlJob::Step ControlConnection::stepJob() {
+  ControlJob::Step step = ControlJob::Step::done;
+  try {
+    step = job_->step(output_);
+  } catch (const Mox::Error& error) {
+    ControlCommands::appendError(output_, error.what());
+  }
+  if (step == ControlJob::Step::done) job_.reset();
+  return step;
 }
 
 // The client has gone, and not only closed its side of the connection for requests.
@@ -123,6 +134,11 @@ bool ControlConnection::takeRequest() {
   if (line.find_first_not_of(" \t\r") == std::string::npos) return true;
   job_ = commands_.start(line, user_, output_);
   if (job_) job_->wakeIs([this] { task_.schedule(); });
+  if (job_ && job_->endless()) {
+    overdue_.cancel();
+  } else {
+    overdue_.after(limits_.answerSeconds);
+  }
   return true;
 }
 
@@ -138,6 +154,7 @@ void ControlConnection::send() {
   if (sent_ == output_.size()) {
     output_.clear();
     sent_ = 0;
+    if (!job_) overdue_.cancel();
   } else if (sent_ > limits_.unsent) {
     output_.erase(0, sent_);
     sent_ = 0;
@@ -164,6 +181,13 @@ void ControlConnection::handleIdle() {
   end();
 }
 
+void ControlConnection::handleOverdue() {
+  if (hasEnded()) return;
+  refuse("the answer was not taken in time");
+  send();
+  end();
+}
+
 void ControlConnection::end() {
   if (hasEnded()) return;
   ready_->descriptorIs(-1);
@@ -171,6 +195,7 @@ void ControlConnection::end() {
   descriptor_ = -1;
   task_.cancel();
   idle_.cancel();
+  overdue_.cancel();
   job_.reset();
   ended_();
 }

@@ -10,17 +10,21 @@
 #include "Orb/FileDescriptor.h"
 #include "Orb/TaskScheduler.h"
 #include "host/ControlCommands.h"
+#include "host/Quota.h"
 
 namespace Host {
 
-// What one client may cost.
+// What clients may cost.
 struct ControlLimits {
-  std::size_t connections = 64;
+  Quota connections = {.all = 64, .ofUser = 16, .keptForRoot = 16};
   // Bytes of answers that wait for the client; while there are more, nothing of it is read or worked on.
   std::size_t unsent = 256 << 10;
   // A client that for so long neither completes a request, nor takes what it is sent, nor waits for an answer
   // is dropped.
   double idleSeconds = 60;
+  // A client that has not taken the whole answer to a request so long after it was read is dropped, however
+  // steadily it takes some. Answers that go on for ever (monitor) are excepted.
+  double answerSeconds = 300;
 };
 
 // One client of the control socket. Its requests are worked on in turn, in slices, by a background task, so
@@ -36,6 +40,7 @@ class ControlConnection {
   ~ControlConnection();
 
   bool hasEnded() const { return descriptor_ < 0; }
+  uid_t user() const { return user_; }
 
  private:
   void handleReadable();
@@ -46,6 +51,8 @@ class ControlConnection {
   void refuse(const std::string& error);
   void active();
   void handleIdle();
+  void handleOverdue();
+  ControlJob::Step stepJob();
   void end();
   bool hungUp() const;
   std::size_t maxLine() const;
@@ -71,6 +78,7 @@ class ControlConnection {
   Mox::Notifiee<Orb::FileDescriptor> ready_;
   Orb::Task task_;
   Orb::Timer idle_;
+  Orb::Timer overdue_;
 };
 
 }  // namespace Host

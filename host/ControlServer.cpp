@@ -18,6 +18,7 @@ namespace {
 constexpr const char* kGroup = "arpsup";
 constexpr unsigned kLevel = 3;
 constexpr double kRetrySeconds = 1;
+constexpr const char* kSubject = "control socket";
 
 const sockaddr* generic(const sockaddr_un& address) {
   const void* bytes = &address;
@@ -27,10 +28,10 @@ const sockaddr* generic(const sockaddr_un& address) {
 }  // namespace
 
 ControlServer::ControlServer(const Mox::Ptr<Orb::TaskScheduler>& scheduler, State& state,
-                             const ControlCommands::Agents& agents, Report report, ControlLimits limits)
+                             const ControlCommands::Agents& agents, ControlLimits limits)
     : scheduler_(scheduler),
       commands_(state, agents, scheduler->loop()),
-      report_(std::move(report)),
+      problems_(state.problems()),
       limits_(limits),
       listening_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), "control socket")),
       removal_(scheduler, "control connections", kLevel, [this] { removeEnded(); }),
@@ -47,9 +48,12 @@ ControlServer::~ControlServer() {
   if (directory_ >= 0) close(directory_);
 }
 
-std::string ControlServer::listen(const std::string& runDirectory) {
+Mox::Result<> ControlServer::listen(const std::string& runDirectory) {
   const std::string file = runDirectory + "/" + kControlSocket;
-  const auto failed = [&](const char* doing) { return file + ": " + doing + ": " + std::strerror(errno); };
+  const auto failed = [&](const char* doing) {
+    const int number = errno;
+    return Mox::Failure{file + ": " + doing + ": " + std::strerror(number), number};
+  };
   directory_ = open(runDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (directory_ < 0) return failed("open");
   if (unlinkat(directory_, kControlSocket, 0) < 0 && errno != ENOENT) return failed("remove the old socket");
@@ -80,9 +84,11 @@ void ControlServer::handleReadable() {
     if (client < 0) {
       if (errno == EAGAIN || errno == EWOULDBLOCK) return;
       // Out of descriptors or memory: the clients wait in the queue of the socket.
-      report_(std::string("the control socket cannot accept: ") + std::strerror(errno));
+      problems_.problemIs(kSubject,
+                          std::string("it cannot accept clients, who wait: ") + std::strerror(errno));
       return retry_.after(kRetrySeconds);
     }
+    problems_.problemDel(kSubject);
     ucred peer{};
     socklen_t size = sizeof peer;
     if (getsockopt(client, SOL_SOCKET, SO_PEERCRED, &peer, &size) < 0 || size != sizeof peer) {
@@ -95,10 +101,13 @@ void ControlServer::handleReadable() {
 
 void ControlServer::clientIs(int descriptor, uid_t user) {
   removeEnded();
-  if (connections_.size() >= limits_.connections) {
+  std::vector<uid_t> users;
+  for (const ControlConnection& connection : connections_) users.push_back(connection.user());
+  const Mox::Result<> allowed = limits_.connections.oneMore(
+      users, user, "clients", "are connected already; try again when one has ended");
+  if (!allowed) {
     std::string answer;
-    ControlCommands::appendError(answer, std::to_string(limits_.connections) +
-                                             " clients are connected already; try again when one has ended");
+    ControlCommands::appendError(answer, allowed.error());
     send(descriptor, answer.data(), answer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     close(descriptor);
     return;

@@ -16,17 +16,15 @@ namespace Host {
 // The control socket (host/Protocol.h). Destroying it drops every client and removes the socket.
 class ControlServer {
  public:
-  using Report = std::function<void(const std::string& message)>;
   ControlServer(const Mox::Ptr<Orb::TaskScheduler>& scheduler, State& state,
-                const ControlCommands::Agents& agents, Report report, ControlLimits limits = {});
+                const ControlCommands::Agents& agents, ControlLimits limits = {});
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
   ~ControlServer();
 
   // Listens in the run directory, which belongs to this process alone: a socket that an earlier run left is
-  // replaced. The socket has mode 0660, owner root, and the group "arpsup" where there is one. Returns "", or
-  // what went wrong.
-  std::string listen(const std::string& runDirectory);
+  // replaced. The socket has mode 0660, owner root, and the group "arpsup" where there is one.
+  Mox::Result<> listen(const std::string& runDirectory);
 
   // Serves a connected stream socket of a client with this user id; takes the descriptor.
   void clientIs(int descriptor, uid_t user);
@@ -38,7 +36,7 @@ class ControlServer {
 
   const Mox::Ptr<Orb::TaskScheduler> scheduler_;
   ControlCommands commands_;
-  const Report report_;
+  Switch::ProblemReporter& problems_;
   const ControlLimits limits_;
   int directory_ = -1;
   int socket_ = -1;

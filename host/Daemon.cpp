@@ -1,5 +1,6 @@
 #include "host/Daemon.h"
 
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -23,6 +24,16 @@ sigset_t endingSignals() {
   sigemptyset(&set);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, signal);
   return set;
+}
+
+// Each VRF costs some descriptors. What few the system gives a program by default is for those that use
+// select(2), which nothing here does.
+void raiseDescriptorLimit(const Daemon::Report& report) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur == limit.rlim_max) return;
+  limit.rlim_cur = limit.rlim_max;
+  if (setrlimit(RLIMIT_NOFILE, &limit) < 0)
+    report(std::string("the limit of open files cannot be raised: ") + std::strerror(errno));
 }
 
 }  // namespace
@@ -50,63 +61,98 @@ Daemon::~Daemon() {
   state_.reset();
 }
 
-std::string Daemon::start() {
-  std::string error;
-  const auto libraries = findPlugins(config_.agents, libraryDirectories(), error);
-  if (!libraries) return error;
-  runDirectory_ = RunDirectory::open(config_.runDirectory, error);
-  if (!runDirectory_) return error;
+Mox::Result<> Daemon::start() {
+  const auto libraries = findPlugins(config_.agents, libraryDirectories());
+  if (!libraries) return libraries.failure();
+  auto runDirectory = RunDirectory::open(config_.runDirectory);
+  if (!runDirectory) return runDirectory.failure();
+  runDirectory_ = std::move(*runDirectory);
+  auto networkNamespace = lockNetworkNamespace(config_.runDirectory);
+  if (!networkNamespace) return networkNamespace.failure();
+  networkNamespace_ = std::move(*networkNamespace);
+  raiseDescriptorLimit(report_);
   Tracelet::directoryIs(config_.runDirectory);
   for (const auto& [handle, level] : config_.trace) Tracelet::levelIs(handle, level);
   Orb::FeatureSwitch::sourceIs(
       [this, directory = featureDirectory(config_.featureDirectory)](const auto& group, const auto& name) {
         return featureSwitch(directory, group, name, report_);
       });
+  std::string error;
   auto store = Statedb::LmdbStore::open(runDirectory_->stateDirectory(), report_, error);
-  if (!store) return error;
+  if (!store) return Mox::Failure{error};
   state_ =
       std::make_unique<State>(loop_, tasks_, config_.runDirectory, config_.agents, std::move(store), report_);
-  state_->build(config_);
+  if (auto built = state_->build(config_); !built) return built;
   flushHook_ = loop_.endOfTurn([this] {
     if (state_->flush()) loop_.post([] {});  // the rest comes in another turn
   });
   for (std::size_t i = 0; i < config_.agents.size(); ++i) {
-    Mox::Ptr<Orb::AgentBase> agent = loadPlugin(config_.agents[i], (*libraries)[i], error);
-    if (!agent) return error;
-    agent->hostIs(*this);
-    agents_.push_back(std::move(agent));
+    const auto agent = loadPlugin(config_.agents[i], (*libraries)[i]);
+    if (!agent) return agent.failure();
+    (*agent)->hostIs(*this);
+    agents_.push_back(*agent);
   }
-  control_ = std::make_unique<ControlServer>(tasks_->scheduler(), *state_, agents_, report_);
-  error = control_->listen(config_.runDirectory);
-  if (!error.empty()) return error;
+  control_ = std::make_unique<ControlServer>(tasks_->scheduler(), *state_, agents_);
+  if (auto listening = control_->listen(config_.runDirectory); !listening) return listening;
   pluginStart_.after(0);
   return {};
 }
 
+Mox::Result<> Daemon::run() {
+  loop_.run();
+  return started_;
+}
+
 void Daemon::startPlugins() {
-  for (const auto& agent : agents_) loop_.dispatch(agent->name().c_str(), [&] { agent->doInit(); });
+  starting_ = agents_.size() + 1;  // and this one
+  for (const auto& agent : agents_) startStep(*agent, [&] { agent->doInit(); });
   state_->createAbsent();
+  handleStarted();
+}
+
+// Part of a plug-in's start. The first one that fails is the last one.
+template <class Call>
+void Daemon::startStep(Orb::AgentBase& agent, const Call& call) {
+  if (!started_) return;
+  try {
+    call();
+  } catch (const std::exception& error) {
+    started_ = Mox::Failure{"the plug-in " + agent.name() + " cannot start: " + error.what() +
+                            "; correct that and start the agent-host again"};
+    loop_.stop();
+  }
+}
+
+void Daemon::handleStarted() {
+  if (--starting_ == 0 && started_) report_("runs");
 }
 
 Mox::Ptr<Statedb::MountGroup> Daemon::mountGroup(Orb::AgentBase& agent) {
   const std::size_t index = groups_.size();
   groups_.push_back(state_->tree()->mountGroup([this, index, &agent](Statedb::MountStatus status) {
-    for (const std::string& message : groups_[index]->messages()) report_(agent.name() + ": " + message);
-    agent.doMountsComplete(status, state_->tree());
+    startStep(agent, [&] {
+      std::string refusals;
+      for (const std::string& message : groups_[index]->messages())
+        refusals += (refusals.empty() ? "" : "; ") + message;
+      if (status == Statedb::MountStatus::failed) throw Mox::Error(refusals);
+      agent.doMountsComplete(status, state_->tree());
+    });
+    handleStarted();
   }));
   return groups_.back();
 }
 
 void Daemon::createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) {
   std::string problem;
-  if (!state_->tree()->entityIs(path, type, &problem)) report_(name + ": " + problem);
+  if (!state_->tree()->entityIs(path, type, &problem)) throw Mox::Error(name + ": " + problem);
 }
 
-std::string Daemon::watchSignals() {
+Mox::Result<> Daemon::watchSignals() {
   const sigset_t set = endingSignals();
-  if (sigprocmask(SIG_BLOCK, &set, nullptr) < 0) return std::string("signals: ") + std::strerror(errno);
+  if (sigprocmask(SIG_BLOCK, &set, nullptr) < 0)
+    return Mox::Failure{std::string("signals: ") + std::strerror(errno), errno};
   signalDescriptor_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-  if (signalDescriptor_ < 0) return std::string("signals: ") + std::strerror(errno);
+  if (signalDescriptor_ < 0) return Mox::Failure{std::string("signals: ") + std::strerror(errno), errno};
   signals_->descriptorIs(signalDescriptor_);
   signals_->notifyOnReadableIs(true);
   return {};

@@ -10,6 +10,7 @@
 #include "Orb/FileDescriptor.h"
 #include "host/Config.h"
 #include "host/ControlServer.h"
+#include "host/LockFile.h"
 #include "host/RunDirectory.h"
 #include "host/State.h"
 
@@ -27,14 +28,14 @@ class Daemon final : public Orb::AgentHost {
   // published and waits for the state store, state, run directory. Shared-memory tables stay.
   ~Daemon() override;
 
-  // Does everything up to the first turn of the loop, in which the plug-ins start. Returns "", or why it
-  // cannot run; when a plug-in is not there, nothing was created.
-  std::string start();
-  // From here on SIGTERM, SIGINT and SIGHUP end the loop; they are blocked for the process. Returns "", or
-  // what went wrong.
-  std::string watchSignals();
-
-  State& state() { return *state_; }
+  // From here on SIGTERM, SIGINT and SIGHUP end the loop; they are blocked for the process.
+  Mox::Result<> watchSignals();
+  // Does everything up to the first turn of the loop, in which the plug-ins start. When a plug-in is not there,
+  // or another agent-host is in the way, nothing was created.
+  Mox::Result<> start();
+  // Runs the loop until a signal ends it, and says so in the log once every plug-in has started. Refused when
+  // one of them could not complete its start, whatever it met: the others would only look as if they worked.
+  Mox::Result<> run();
 
  private:
   Orb::EventLoop& loop() override { return loop_; }
@@ -46,16 +47,22 @@ class Daemon final : public Orb::AgentHost {
   void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) override;
 
   void startPlugins();
+  template <class Call>
+  void startStep(Orb::AgentBase& agent, const Call& call);
+  void handleStarted();
   void handleSignal();
 
   Orb::EventLoop& loop_;
   const Config config_;
   const Report report_;
   const Mox::Ptr<Orb::TaskSchedulerRoot> tasks_;
+  std::unique_ptr<LockFile> networkNamespace_;
   std::unique_ptr<RunDirectory> runDirectory_;
   std::unique_ptr<State> state_;
   std::vector<Mox::Ptr<Statedb::MountGroup>> groups_;
   ControlCommands::Agents agents_;
+  std::size_t starting_ = 0;  // plug-ins whose start is not complete
+  Mox::Result<> started_;     // refused: why it cannot be completed
   std::unique_ptr<ControlServer> control_;
   int signalDescriptor_ = -1;
   Mox::Notifiee<Orb::FileDescriptor> signals_;

@@ -29,11 +29,10 @@ std::optional<bool> featureSwitch(const std::string& directory, const std::strin
   const auto status = std::filesystem::status(file, error);
   if (!std::filesystem::exists(status)) return std::nullopt;
   if (!std::filesystem::is_regular_file(status)) return refused("not a regular file");
-  std::string why;
-  const auto text = readFile(file, kMaxBytes, false, why);
-  if (!text) return refused(why.substr(file.size() + 2));
-  const auto content = parseJson(*text, Comments::allowed, why);
-  if (!content) return refused(why);
+  const auto text = readFile(file, kMaxBytes, false);
+  if (!text) return refused(text.error().substr(file.size() + 2));
+  const auto content = parseJson(*text, Comments::allowed);
+  if (!content) return refused(content.error());
   if (!content->is_object()) return refused("not an object of switches");
   const auto value = content->find(name);
   if (value == content->end()) return std::nullopt;

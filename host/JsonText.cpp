@@ -137,28 +137,24 @@ class Builder final : public nlohmann::json_sax<nlohmann::json> {
 
 }  // namespace
 
-std::optional<nlohmann::json> parseJson(std::string_view given, Comments comments, std::string& error) {
+Mox::Result<nlohmann::json> parseJson(std::string_view given, Comments comments) {
   std::string clean;
   if (comments == Comments::allowed) clean = withoutComments(given);
   const std::string_view text = comments == Comments::allowed ? std::string_view(clean) : given;
-  if (nestsTooDeep(text)) {
-    error = "nested deeper than " + std::to_string(kMaxJsonDepth) + " levels";
-    return std::nullopt;
-  }
+  if (nestsTooDeep(text))
+    return Mox::Failure{"nested deeper than " + std::to_string(kMaxJsonDepth) + " levels"};
   Builder builder;
   if (nlohmann::json::sax_parse(text.begin(), text.end(), &builder)) return builder.take();
-  error = builder.error();
-  return std::nullopt;
+  return Mox::Failure{builder.error()};
 }
 
-std::optional<std::string> readFile(const std::string& file, std::size_t maxBytes, bool allowStdin,
-                                    std::string& error) {
+Mox::Result<std::string> readFile(const std::string& file, std::size_t maxBytes, bool allowStdin) {
   const bool isStdin = allowStdin && file == "-";
   const int descriptor = isStdin ? dup(STDIN_FILENO) : open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
   const auto failed = [&] {
-    error = file + ": " + std::strerror(errno);
+    const int number = errno;
     if (descriptor >= 0) close(descriptor);
-    return std::nullopt;
+    return Mox::Failure{file + ": " + std::strerror(number), number};
   };
   if (descriptor < 0) return failed();
   std::string content;
@@ -174,9 +170,8 @@ std::optional<std::string> readFile(const std::string& file, std::size_t maxByte
     if (got == 0) break;
     content.append(block.data(), static_cast<std::size_t>(got));
     if (content.size() > maxBytes) {
-      error = file + ": larger than " + std::to_string(maxBytes >> 20) + " MiB";
       close(descriptor);
-      return std::nullopt;
+      return Mox::Failure{file + ": larger than " + std::to_string(maxBytes >> 20) + " MiB", EFBIG};
     }
   }
   close(descriptor);

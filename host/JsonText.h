@@ -1,9 +1,10 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <string>
 #include <string_view>
+
+#include "Mox/Result.h"
 
 // JSON text that comes from outside: bounded in depth, and refused with a reason that a person can use.
 
@@ -17,12 +18,12 @@ bool nestsTooDeep(std::string_view text);
 
 enum class Comments { refused, allowed };
 
-// Nothing, and `error` says what and where ("line 3, column 7: ..."), for text that is not exactly one JSON
-// value, nests too deep or names a key of one object twice.
-std::optional<nlohmann::json> parseJson(std::string_view text, Comments comments, std::string& error);
+// Refuses, and says what and where ("line 3, column 7: ..."), text that is not exactly one JSON value, nests
+// too deep or names a key of one object twice.
+Mox::Result<nlohmann::json> parseJson(std::string_view text, Comments comments);
 
-// The whole of a regular file or pipe of at most `maxBytes`; "-" is standard input when `allowStdin`.
-std::optional<std::string> readFile(const std::string& file, std::size_t maxBytes, bool allowStdin,
-                                    std::string& error);
+// The whole of a regular file or pipe of at most `maxBytes`; "-" is standard input when `allowStdin`. A
+// refusal begins with the file's name.
+Mox::Result<std::string> readFile(const std::string& file, std::size_t maxBytes, bool allowStdin);
 
 }  // namespace Host

@@ -213,6 +213,8 @@ class MonitorJob final : public ControlJob {
   MonitorJob& operator=(const MonitorJob&) = delete;
   ~MonitorJob() override { bells_->descriptorIs(-1); }
 
+  bool endless() const override { return true; }
+
   // Why changes of shared memory would not be noticed; "" when they are.
   const std::string& error() const { return watcher_.error(); }
 
@@ -263,7 +265,7 @@ class MonitorJob final : public ControlJob {
     watcher_.handleReadable();
     while (watcher_.next()) {
     }
-    // To ask one that has none costs little.
+    // The bell does not say which table rang: each is asked for its changes, and one without any costs little.
     for (const auto& feed : feeds_) feed->news = true;
     wake();
   }
@@ -282,21 +284,17 @@ class MonitorJob final : public ControlJob {
 
 }  // namespace
 
-std::unique_ptr<ControlJob> makeMonitor(State& state, Orb::EventLoop& loop,
-                                        const std::vector<std::string>& paths, std::string& error) {
+Mox::Result<std::unique_ptr<ControlJob>> makeMonitor(State& state, Orb::EventLoop& loop,
+                                                     const std::vector<std::string>& paths) {
   std::vector<StatePath> known;
   for (const std::string& path : paths) {
     const std::optional<StatePath> found = findStatePath(path);
-    if (!found) {
-      error = path + ": there is no such path; allowed: " + statePathNames();
-      return nullptr;
-    }
+    if (!found) return Mox::Failure{path + ": there is no such path; allowed: " + statePathNames()};
     known.push_back(*found);
   }
   auto job = std::make_unique<MonitorJob>(state, loop, known);
-  error = job->error();
-  if (!error.empty()) return nullptr;
-  return job;
+  if (!job->error().empty()) return Mox::Failure{job->error()};
+  return std::unique_ptr<ControlJob>(std::move(job));
 }
 
 }  // namespace Host

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Mox/Result.h"
 #include "Orb/EventLoop.h"
 #include "host/ControlCommands.h"
 #include "host/State.h"
@@ -24,9 +25,9 @@ namespace Host {
 // forgotten, and the line is {"time": ..., "path": ..., "lost": true}: `show` has the state then.
 inline constexpr std::size_t kKeptChanges = 4096;
 
-// Never done: ends with its client. No path: all, those that come later too. Null, and `error` names the
-// paths that there are, when one is unknown. Loop and state must outlive it.
-std::unique_ptr<ControlJob> makeMonitor(State& state, Orb::EventLoop& loop,
-                                        const std::vector<std::string>& paths, std::string& error);
+// Never done: ends with its client. No path: all, those that come later too. When one is unknown the refusal
+// names those that there are. Loop and state must outlive it.
+Mox::Result<std::unique_ptr<ControlJob>> makeMonitor(State& state, Orb::EventLoop& loop,
+                                                     const std::vector<std::string>& paths);
 
 }  // namespace Host

@@ -21,9 +21,8 @@ std::vector<std::string> libraryDirectories() {
   return {(here / PLUGIN_DIRECTORY).lexically_normal(), (here / "../lib").lexically_normal()};
 }
 
-std::optional<std::vector<std::string>> findPlugins(const std::vector<std::string>& names,
-                                                    const std::vector<std::string>& directories,
-                                                    std::string& error) {
+Mox::Result<std::vector<std::string>> findPlugins(const std::vector<std::string>& names,
+                                                  const std::vector<std::string>& directories) {
   std::vector<std::string> files;
   for (const std::string& name : names) {
     std::string looked;
@@ -34,26 +33,25 @@ std::optional<std::vector<std::string>> findPlugins(const std::vector<std::strin
       if (found.empty() && access(file.c_str(), R_OK) == 0) found = file;
     }
     if (found.empty()) {
-      error = "agents: the library of the plug-in " + name + " is not there: looked for " + looked;
-      return std::nullopt;
+      return Mox::Failure{"agents: the library of the plug-in " + name + " is not there: looked for " +
+                          looked};
     }
     files.push_back(found);
   }
   return files;
 }
 
-Mox::Ptr<Orb::AgentBase> loadPlugin(const std::string& name, const std::string& file, std::string& error) {
+Mox::Result<Mox::Ptr<Orb::AgentBase>> loadPlugin(const std::string& name, const std::string& file) {
   void* const library = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
   void* const entry = library ? dlsym(library, kEntry) : nullptr;
   if (!entry) {
     const char* const reason = dlerror();
-    error =
-        "agents: the plug-in " + name + " cannot be loaded: " + (reason ? reason : file + " has no entry");
-    return {};
+    return Mox::Failure{"agents: the plug-in " + name +
+                        " cannot be loaded: " + (reason ? reason : file + " has no entry")};
   }
   auto* const make = reinterpret_cast<Orb::AgentBase* (*)(const char*)>(entry);
   auto agent = Mox::Ptr<Orb::AgentBase>::adopt(make(name.c_str()));
-  if (!agent) error = "agents: the plug-in " + name + " made no agent";
+  if (!agent) return Mox::Failure{"agents: the plug-in " + name + " made no agent"};
   return agent;
 }
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
+#include "Mox/Result.h"
 #include "Orb/AgentBase.h"
 
 namespace Host {
@@ -16,14 +16,13 @@ inline constexpr const char* kLibraryDirectoryVariable = "ARPSUP_LIBRARY_DIR";
 // that is not installed, "../lib".
 std::vector<std::string> libraryDirectories();
 
-// The file of each plug-in, in the same order. Nothing, and `error` names the files that were looked for,
-// when one is missing.
-std::optional<std::vector<std::string>> findPlugins(const std::vector<std::string>& names,
-                                                    const std::vector<std::string>& directories,
-                                                    std::string& error);
+// The file of each plug-in, in the same order. When one is missing the refusal names the files that were
+// looked for.
+Mox::Result<std::vector<std::string>> findPlugins(const std::vector<std::string>& names,
+                                                  const std::vector<std::string>& directories);
 
-// Loads a plug-in and makes its agent. Null, with `error`, when the library cannot be loaded or is no
-// plug-in. A library stays loaded until the process ends.
-Mox::Ptr<Orb::AgentBase> loadPlugin(const std::string& name, const std::string& file, std::string& error);
+// Loads a plug-in and makes its agent. Refused when the library cannot be loaded or is no plug-in. A library
+// stays loaded until the process ends.
+Mox::Result<Mox::Ptr<Orb::AgentBase>> loadPlugin(const std::string& name, const std::string& file);
 
 }  // namespace Host

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "Memtab/EntityManager.h"
+#include "Mox/Result.h"
 
 // Shared-memory tables without their C++ types, as JSON: {"fdb": {"10 02:00:00:00:00:01": {"entryType":
 // "static"}}}. What holds for merging into the state tree holds here: objects merge, null deletes an entry
@@ -21,6 +22,15 @@ class Dump {
   virtual ~Dump() = default;
   // Appends the next piece, of at most `maxEntries` entries; false when nothing follows.
   virtual bool step(std::size_t maxEntries, std::string& text) = 0;
+};
+
+// JSON on its way into an entity, slice by slice.
+class TableMerge {
+ public:
+  virtual ~TableMerge() = default;
+  // Merges about `maxEntries` entries; true while there is more. Refused when an entry cannot be written (no
+  // memory); those before it were. Entries that others write between two calls stay.
+  virtual Mox::Result<bool> step(std::size_t maxEntries) = 0;
 };
 
 // Follows the tables of one path, whoever writes them, as a reader of its own that nobody else notices. What
@@ -39,15 +49,15 @@ class TableType {
  public:
   virtual ~TableType() = default;
   virtual void registerAt(Memtab::EntityManager& manager) const = 0;
-  // Says what is wrong with JSON for an entity of this class, beginning with `path`; "" when nothing is.
-  // Whether it is good does not depend on what the table holds.
-  virtual std::string check(const nlohmann::json& json, const std::string& path) const = 0;
-  // Merges JSON that was checked into an entity that is mounted for writing. Returns "", or why an entry
-  // could not be written (no memory); those before it were.
-  virtual std::string merge(Memtab::Entity& entity, const nlohmann::json& json) const = 0;
+  // Whether this is JSON for an entity of this class; a refusal begins with `path`. It does not depend on what
+  // the table holds.
+  virtual Mox::Result<> check(const nlohmann::json& json, const std::string& path) const = 0;
+  // Merges JSON that was checked into an entity that is mounted for writing.
+  virtual std::unique_ptr<TableMerge> merge(const Mox::Ptr<Memtab::Entity>& entity,
+                                            nlohmann::json json) const = 0;
   // From here on the tables hold what the checked JSON says and nothing else. Entries that stay are not
-  // touched.
-  virtual std::string replace(Memtab::Entity& entity, const nlohmann::json& json) const = 0;
+  // touched. Refused when an entry could not be written (no memory).
+  virtual Mox::Result<> replace(Memtab::Entity& entity, const nlohmann::json& json) const = 0;
   virtual std::unique_ptr<Dump> dump(Mox::Ptr<Memtab::Entity> entity) const = 0;
   // From here on; the tables need not exist yet. The directory and the watcher must outlive it.
   virtual std::unique_ptr<TableFeed> follow(const Memtab::Directory& directory, const std::string& path,

@@ -21,24 +21,20 @@ using nlohmann::json;
 
 constexpr const char* kVrfIdPath = "vrf/vrfIdMapStatus";
 constexpr const char* kVrfIdToName = "vrfIdToName";
+constexpr const char* kReporter = "agent-host";
 constexpr const char* kRemoteBindingPath = "arpSuppression/remoteBindingConfig/evpn";
 
 // The VRF "default" has the id 0, and no other has.
-std::string checkVrfIds(const json& content) {
+Mox::Result<> checkVrfIds(const json& content) {
   const auto names = content.find(kVrfIdToName);
-  if (names == content.end()) return {};
-  if (names->is_object()) {
-    for (auto item = names->begin(); item != names->end(); ++item) {
-      const auto id = Mox::fromStrep<std::uint32_t>(item.key());
-      const bool isDefault = item.value() == L3::VrfName::kDefault;
-      if (id && *id >= Vrf::VrfIdMap::kNoVrfId)
-        return std::string(kVrfIdPath) + ": " + kVrfIdToName + "[\"" + item.key() +
-               "\"]: the id is not a number from 0 to 16777214";
-      if (id && (*id == 0) != isDefault) {
-        return std::string(kVrfIdPath) + ": " + kVrfIdToName + "[\"" + item.key() +
-               "\"]: the VRF \"default\" always has the id 0, and no other VRF has it";
-      }
-    }
+  if (names == content.end() || !names->is_object()) return {};
+  for (auto item = names->begin(); item != names->end(); ++item) {
+    const std::string where = std::string(kVrfIdPath) + ": " + kVrfIdToName + "[\"" + item.key() + "\"]";
+    const auto id = Mox::fromStrep<std::uint32_t>(item.key());
+    if (id && *id >= Vrf::VrfIdMap::kNoVrfId)
+      return Mox::Failure{where + ": the id is not a number from 0 to 16777214"};
+    if (id && (*id == 0) != (item.value() == L3::VrfName::kDefault))
+      return Mox::Failure{where + ": the VRF \"default\" always has the id 0, and no other VRF has it"};
   }
   return {};
 }
@@ -62,20 +58,31 @@ json statedContent(const json& state, const std::string& path) {
   return content;
 }
 
+// The store without what it keeps on behalf of plug-ins that are not loaded: nobody would ever take it back.
+std::unique_ptr<Statedb::Store> withoutOrphans(std::unique_ptr<Statedb::Store> store,
+                                               const std::vector<std::string>& plugins) {
+  for (const StatePath& state : statePaths()) {
+    if (store && state.persistent && !writtenByPlugin(state, plugins)) store->erasePath(state.path);
+  }
+  return store;
+}
+
 }  // namespace
 
-std::string checkState(const std::string& path, const json& content,
-                       const std::vector<std::string>& plugins) {
+Mox::Result<> checkState(const std::string& path, const json& content,
+                         const std::vector<std::string>& plugins) {
   const std::optional<StatePath> state = findStatePath(path);
-  if (!state) return path + ": there is no such path; allowed: " + statePathNames();
-  const std::string refusal = whyNotSettable(*state, plugins);
-  if (!refusal.empty()) return state->path + ": " + refusal;
+  if (!state) return Mox::Failure{path + ": there is no such path; allowed: " + statePathNames()};
+  if (const auto allowed = settable(*state, plugins); !allowed)
+    return Mox::Failure{state->path + ": " + allowed.error()};
   if (state->storage == Storage::sharedMemory) {
-    const std::string problem = tableTypes().at(state->typeName)->check(content, state->path);
-    return problem.empty() && state->path == kVrfIdPath ? checkVrfIds(content) : problem;
+    Mox::Result<> checked = tableTypes().at(state->typeName)->check(content, state->path);
+    return checked && state->path == kVrfIdPath ? checkVrfIds(content) : checked;
   }
   const Statedb::EntityType* type = treeTypes().find(state->typeName);
-  return type->planMerge(type->make(), content, state->path).error();
+  const Statedb::Plan plan = type->planMerge(type->make(), content, state->path);
+  if (!plan) return Mox::Failure{plan.error()};
+  return {};
 }
 
 State::State(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSchedulerRoot>& tasks,
@@ -84,20 +91,22 @@ State::State(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSchedulerRoot>& tasks
     : plugins_(std::move(plugins)),
       report_(std::move(report)),
       tree_(Mox::make<Statedb::EntityManager>(
-          treeTypes(), [&loop](std::function<void()> call) { loop.post(std::move(call)); }, std::move(store),
-          report_)),
+          treeTypes(), [&loop](std::function<void()> call) { loop.post(std::move(call)); },
+          withoutOrphans(std::move(store), plugins_), report_)),
       tables_(Mox::make<Memtab::EntityManager>(loop, tasks->scheduler(),
-                                               Memtab::Directory::forRunDir(runDirectory), report_)) {
+                                               Memtab::Directory::forRunDir(runDirectory), report_)),
+      problems_(Mox::dynamicPtrCast<Switch::Problems>(
+                    tree_->entityIs(Switch::kProblemsPath, Switch::kProblemsType)),
+                kReporter) {
   for (const auto& [name, type] : tableTypes()) type->registerAt(*tables_);
   for (const StatePath& state : statePaths()) {
-    if (state.persistent) tree_->persist(state.path);
+    if (state.persistent && writtenByPlugin(state, plugins_)) tree_->persist(state.path);
   }
 }
 
-void State::build(const Config& config) {
+Mox::Result<> State::build(const Config& config) {
   const auto switchConfig =
       Mox::dynamicPtrCast<Switch::Config>(tree_->entityIs(Switch::kConfigPath, Switch::kConfigType));
-  tree_->entityIs(Switch::kProblemsPath, Switch::kProblemsType);
   switchConfig->vrfIs(L3::VrfName::kDefault)->networkNamespaceIs(Lanix::kDefaultNamespace);
   for (const auto& [name, vrf] : config.vrfs) {
     const Mox::Ptr<Switch::VrfConfig> entity = switchConfig->vrfIs(name);
@@ -112,28 +121,34 @@ void State::build(const Config& config) {
   switchConfig->agentsIs(config.agents);
   switchConfig->neighborRefreshSecondsIs(config.neighborRefreshSeconds);
   for (const StatePath& state : statePaths()) {
-    if (!whyNotSettable(state, plugins_).empty()) continue;
+    if (!settable(state, plugins_)) continue;
     if (state.storage == Storage::tree) {
       tree_->entityIs(state.path, state.typeName);
       continue;
     }
     const json stated = statedContent(config.state, state.path);
-    buildTable(state, state.path == kVrfIdPath ? ownVrfIds(config, stated) : stated);
+    const json& content = state.path == kVrfIdPath ? ownVrfIds(config, stated) : stated;
+    if (const auto built = buildTable(state, content); !built) return built;
   }
   for (auto item = config.state.begin(); item != config.state.end(); ++item) {
     const std::optional<StatePath> state = findStatePath(item.key());
     if (!state || state->storage != Storage::tree) continue;
-    const std::string problem = write(*state, item.value());
-    if (!problem.empty()) report_(problem);
+    if (const auto written = writeTree(*state, item.value()); !written) return written;
   }
+  return {};
 }
 
-void State::buildTable(const StatePath& state, const json& content) {
+Mox::Result<> State::buildTable(const StatePath& state, const json& content) {
   const Mox::Ptr<Memtab::Entity> entity =
       tables_->mount(state.path, state.typeName, Memtab::MountDescriptor::writer());
-  if (!entity) return;  // reported: another process writes it
-  const std::string problem = tableTypes().at(state.typeName)->replace(*entity, content);
-  if (!problem.empty()) report_(state.path + ": " + problem);
+  if (!entity) {
+    problems_.problemIs("table " + state.path, "another process writes it: what is configured is not in it",
+                        "end that process, and restart the agent-host");
+    return {};
+  }
+  const Mox::Result<> replaced = tableTypes().at(state.typeName)->replace(*entity, content);
+  if (!replaced) return Mox::Failure{state.path + ": " + replaced.error()};
+  return {};
 }
 
 void State::createAbsent() {
@@ -141,44 +156,71 @@ void State::createAbsent() {
     const std::optional<StatePath> state = findStatePath(mount.path);
     // What a loaded plug-in creates itself, it may create later than the others mount it. What it only writes
     // into (a shared mount) is nobody's yet.
-    const bool owned = state && state->writing == Writing::byPlugin && !mount.flags.write &&
-                       std::find(plugins_.begin(), plugins_.end(), state->writer) != plugins_.end();
+    const bool owned = state && !mount.flags.write && writtenByPlugin(*state, plugins_);
     std::string problem;
     if (!owned && !tree_->entityIs(mount.path, mount.typeName, &problem)) report_(problem);
   }
 }
 
-std::string State::apply(const json& state) {
-  for (auto item = state.begin(); item != state.end(); ++item) {
-    const std::string problem = checkState(item.key(), item.value(), plugins_);
-    if (!problem.empty()) return problem;
-    const std::optional<StatePath> known = findStatePath(item.key());
-    std::string error;
-    if (known->storage == Storage::sharedMemory && !writableTable(*known, error)) return error;
-  }
-  for (auto item = state.begin(); item != state.end(); ++item) {
-    const std::string problem = write(*findStatePath(item.key()), item.value());
-    if (!problem.empty()) return problem;
-  }
-  return {};
-}
+// The parts of a change, one after the other.
+class State::Merge final : public StateChange {
+ public:
+  struct Part {
+    StatePath state;
+    json content;
+  };
+  Merge(State& state, std::vector<Part> parts) : state_(state), parts_(std::move(parts)) {}
 
-std::string State::write(const StatePath& state, const json& content) {
-  std::string problem;
-  if (state.storage == Storage::sharedMemory) {
-    const Mox::Ptr<Memtab::Entity> entity = writableTable(state, problem);
-    if (!entity) return problem;
-    problem = tableTypes().at(state.typeName)->merge(*entity, content);
-    if (state.path == kVrfIdPath) {
-      Mox::dynamicPtrCast<Vrf::VrfIdMap::Status>(entity)->vrfIdToNameIs(
+  Mox::Result<bool> step(std::size_t maxEntries) override {
+    if (next_ == parts_.size()) return false;
+    Part& part = parts_[next_];
+    if (part.state.storage == Storage::tree) {
+      ++next_;
+      if (const auto written = state_.writeTree(part.state, part.content); !written) return written.failure();
+      return true;
+    }
+    const auto entity = state_.writableTable(part.state);
+    if (!entity) return entity.failure();
+    if (!table_) table_ = tableTypes().at(part.state.typeName)->merge(*entity, std::move(part.content));
+    const Mox::Result<bool> stepped = table_->step(maxEntries);
+    if (part.state.path == kVrfIdPath) {
+      Mox::dynamicPtrCast<Vrf::VrfIdMap::Status>(*entity)->vrfIdToNameIs(
           0, Vrf::VrfIdMap::FixedVrfName(L3::VrfName::kDefault));
     }
-    return problem.empty() ? problem : state.path + ": " + problem;
+    if (!stepped) return Mox::Failure{part.state.path + ": " + stepped.error()};
+    if (*stepped) return true;
+    table_.reset();
+    ++next_;
+    return true;
   }
+
+ private:
+  State& state_;
+  std::vector<Part> parts_;
+  std::size_t next_ = 0;
+  std::unique_ptr<TableMerge> table_;  // of that part, once it has begun
+};
+
+Mox::Result<std::unique_ptr<StateChange>> State::change(json state) {
+  std::vector<Merge::Part> parts;
+  for (auto item = state.begin(); item != state.end(); ++item) {
+    if (const auto checked = checkState(item.key(), item.value(), plugins_); !checked)
+      return checked.failure();
+    StatePath known = *findStatePath(item.key());
+    if (known.storage == Storage::sharedMemory) {
+      if (const auto writable = writableTable(known); !writable) return writable.failure();
+    }
+    parts.push_back({std::move(known), std::move(item.value())});
+  }
+  return std::unique_ptr<StateChange>(std::make_unique<Merge>(*this, std::move(parts)));
+}
+
+Mox::Result<> State::writeTree(const StatePath& state, const json& content) {
+  std::string problem;
   const Mox::Ptr<Mox::Entity> entity = tree_->entityIs(state.path, state.typeName, &problem);
-  if (!entity) return problem;
+  if (!entity) return Mox::Failure{problem};
   Statedb::Plan plan = tree_->entityType(state.path)->planMerge(entity, content, state.path);
-  if (!plan) return plan.error();
+  if (!plan) return Mox::Failure{plan.error()};
   try {
     plan.apply();
   } catch (const Mox::Error& error) {
@@ -188,16 +230,17 @@ std::string State::write(const StatePath& state, const json& content) {
   return {};
 }
 
-Mox::Ptr<Memtab::Entity> State::writableTable(const StatePath& state, std::string& error) const {
+Mox::Result<Mox::Ptr<Memtab::Entity>> State::writableTable(const StatePath& state) const {
   if (tables_->writable(state.path)) return tables_->entity(state.path);
-  error = state.path +
-          ": another process writes this table; end it, then restart the agent-host to set it by hand";
-  return {};
+  return Mox::Failure{state.path +
+                      ": another process writes this table; end it, then restart the agent-host "
+                      "to set it by hand"};
 }
 
-Mox::Ptr<ArpSuppression::RemoteBindingConfig> State::remoteBindings(std::string& error) const {
-  return Mox::dynamicPtrCast<ArpSuppression::RemoteBindingConfig>(
-      writableTable(*findStatePath(kRemoteBindingPath), error));
+Mox::Result<Mox::Ptr<ArpSuppression::RemoteBindingConfig>> State::remoteBindings() const {
+  const auto table = writableTable(*findStatePath(kRemoteBindingPath));
+  if (!table) return table.failure();
+  return Mox::dynamicPtrCast<ArpSuppression::RemoteBindingConfig>(*table);
 }
 
 std::vector<std::string> State::paths() const {
@@ -207,7 +250,7 @@ std::vector<std::string> State::paths() const {
   return paths;
 }
 
-std::unique_ptr<Dump> State::dump(std::string_view given, std::string& error) const {
+Mox::Result<std::unique_ptr<Dump>> State::dump(std::string_view given) const {
   const std::string path(Statedb::normalPath(given));
   if (const Mox::Ptr<Mox::Entity> entity = tree_->entity(path)) {
     return dumpTree(tree_->entityType(path)->name, entity);
@@ -215,10 +258,8 @@ std::unique_ptr<Dump> State::dump(std::string_view given, std::string& error) co
   if (const Mox::Ptr<Memtab::Entity> entity = tables_->entity(path)) {
     return tableTypes().find(tables_->typeName(path))->second->dump(entity);
   }
-  const std::optional<StatePath> state = findStatePath(path);
-  error =
-      path + (state ? ": nobody has made it yet" : ": there is no such path; allowed: " + statePathNames());
-  return nullptr;
+  return Mox::Failure{path + (findStatePath(path) ? ": nobody has made it yet"
+                                                  : ": there is no such path; allowed: " + statePathNames())};
 }
 
 bool State::flush() { return tree_->flush(kFlushPerTurn); }

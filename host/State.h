@@ -11,6 +11,7 @@
 #include "Orb/EventLoop.h"
 #include "Orb/TaskScheduler.h"
 #include "Statedb/EntityManager.h"
+#include "Switch/ProblemReporter.h"
 #include "host/Bindings.h"
 #include "host/SharedTables.h"
 #include "host/StatePaths.h"
@@ -19,10 +20,19 @@ namespace Host {
 
 struct Config;
 
-// Why this content cannot be merged at this path while these plug-ins are loaded, beginning with the path; ""
-// when it can.
-std::string checkState(const std::string& path, const nlohmann::json& content,
-                       const std::vector<std::string>& plugins);
+// Whether this content can be merged at this path while these plug-ins are loaded. A refusal begins with the
+// path.
+Mox::Result<> checkState(const std::string& path, const nlohmann::json& content,
+                         const std::vector<std::string>& plugins);
+
+// A change of state that was checked as a whole, and is written slice by slice.
+class StateChange {
+ public:
+  virtual ~StateChange() = default;
+  // Writes one entity of the state tree, or about `maxEntries` entries of a table; true while there is more.
+  // Refused when there is no memory for a table's entry; what was written before stays.
+  virtual Mox::Result<bool> step(std::size_t maxEntries) = 0;
+};
 
 // All state of the process, state tree and shared memory, and what the host itself writes of it. Everything
 // here runs in the event loop, and never inside a notification.
@@ -40,37 +50,46 @@ class State {
   // writes with what the configuration's `state` says. A table that an earlier run left in shared memory is
   // reconciled with that. While KernelState is not loaded the VRF ids are those of the configuration's
   // `vrfs`; which VRFs are active on this switch ("ip/vrf/status/local") only `state` and operators say.
-  void build(const Config& config);
+  //
+  // Refused when what the configuration says cannot be written. A table that another process writes is its
+  // own, and a problem of the switch.
+  Mox::Result<> build(const Config& config);
   // After every plug-in has asked for its mounts: creates, empty, what was mounted without being created and
   // that nobody owns.
   void createAbsent();
 
-  // Merges {path: content, ...}; all or nothing. Returns "", or the refusal.
-  std::string apply(const nlohmann::json& state);
+  // Merges {path: content, ...}; refused as a whole when anything of it is wrong. The change must not outlive
+  // this.
+  Mox::Result<std::unique_ptr<StateChange>> change(nlohmann::json state);
 
   // What stands there now, ascending.
   std::vector<std::string> paths() const;
-  // Null, and `error` says why, when there is nothing at the path.
-  std::unique_ptr<Dump> dump(std::string_view path, std::string& error) const;
+  // Refused when there is nothing at the path.
+  Mox::Result<std::unique_ptr<Dump>> dump(std::string_view path) const;
 
-  // The table of remote bindings, null, with `error`, while the host cannot write it.
-  Mox::Ptr<ArpSuppression::RemoteBindingConfig> remoteBindings(std::string& error) const;
+  // The table of remote bindings; refused while the host cannot write it.
+  Mox::Result<Mox::Ptr<ArpSuppression::RemoteBindingConfig>> remoteBindings() const;
+
+  // What is wrong with the host itself.
+  Switch::ProblemReporter& problems() { return problems_; }
 
   // Once a turn: makes some of the published state durable; true while more waits.
   bool flush();
   void flushAll() { tree_->flush(); }
 
  private:
+  class Merge;
   static constexpr std::size_t kFlushPerTurn = 256;
 
-  std::string write(const StatePath& state, const nlohmann::json& content);
-  Mox::Ptr<Memtab::Entity> writableTable(const StatePath& state, std::string& error) const;
-  void buildTable(const StatePath& state, const nlohmann::json& content);
+  Mox::Result<> writeTree(const StatePath& state, const nlohmann::json& content);
+  Mox::Result<Mox::Ptr<Memtab::Entity>> writableTable(const StatePath& state) const;
+  Mox::Result<> buildTable(const StatePath& state, const nlohmann::json& content);
 
   const std::vector<std::string> plugins_;
   const Report report_;
   Mox::Ptr<Statedb::EntityManager> tree_;
   Mox::Ptr<Memtab::EntityManager> tables_;
+  Switch::ProblemReporter problems_;
 };
 
 }  // namespace Host

@@ -70,16 +70,21 @@ std::string statePathNames() {
   return names + "kni/ns/<namespace>/status";
 }
 
-std::string whyNotSettable(const StatePath& state, const std::vector<std::string>& loadedPlugins) {
+bool writtenByPlugin(const StatePath& state, const std::vector<std::string>& loadedPlugins) {
+  return state.writing == Writing::byPlugin &&
+         std::find(loadedPlugins.begin(), loadedPlugins.end(), state.writer) != loadedPlugins.end();
+}
+
+Mox::Result<> settable(const StatePath& state, const std::vector<std::string>& loadedPlugins) {
   if (state.writing == Writing::fixed) {
-    return state.path == Switch::kConfigPath
-               ? "cannot be set; it follows \"vrfs\" and \"vlans\" of the configuration file"
-               : "cannot be set; it says what the plug-ins found";
+    return Mox::Failure{state.path == Switch::kConfigPath
+                            ? "cannot be set; it follows \"vrfs\" and \"vlans\" of the configuration file"
+                            : "cannot be set; it says what the plug-ins found"};
   }
-  if (state.writing == Writing::byHost) return {};
-  if (std::find(loadedPlugins.begin(), loadedPlugins.end(), state.writer) == loadedPlugins.end()) return {};
-  return "cannot be set while the plug-in " + std::string(state.writer) +
-         " is loaded, which writes it; take it out of \"agents\" in the configuration file to set it by hand";
+  if (!writtenByPlugin(state, loadedPlugins)) return {};
+  return Mox::Failure{"cannot be set while the plug-in " + std::string(state.writer) +
+                      " is loaded, which writes it; take it out of \"agents\" in the configuration file to "
+                      "set it by hand"};
 }
 
 }  // namespace Host

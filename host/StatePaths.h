@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Mox/Result.h"
+
 // What state there is: the one table of paths, their classes, who writes them and how long they last.
 
 namespace Host {
@@ -22,8 +24,7 @@ enum class Storage { tree, sharedMemory };
 // Who may write a path by hand.
 //
 //   byHost   always the host: from the configuration's `state` and from operators. A plug-in that writes
-//   there as well
-//            only fills what is not set.
+//            there as well only fills what is not set.
 //   byPlugin the plug-in `writer` while it is loaded, and nobody else; the host while it is not.
 //   fixed    nobody by hand: the host at start, or all plug-ins.
 enum class Writing { byHost, byPlugin, fixed };
@@ -34,8 +35,9 @@ struct StatePath {
   Storage storage;
   Writing writing;
   const char* writer;  // null unless byPlugin
-  // Kept in the state store beyond the process. Everything else is rebuilt: by its writer, or, where that is
-  // the host, from the configuration; what was set by hand lasts as long as the host.
+  // Kept in the state store beyond the process, on behalf of the plug-in that writes it: while that one is not
+  // loaded nothing is kept, and nothing that was. Everything else is rebuilt: by its writer, or, where that
+  // is the host, from the configuration; what was set by hand lasts as long as the host.
   bool persistent;
 };
 
@@ -48,7 +50,10 @@ std::optional<StatePath> findStatePath(std::string_view path);
 // For messages: every path, joined by ", ".
 std::string statePathNames();
 
-// Why nobody can set the path while these plug-ins are loaded; "" when it can be set.
-std::string whyNotSettable(const StatePath& state, const std::vector<std::string>& loadedPlugins);
+// Whether one of these plug-ins writes the path.
+bool writtenByPlugin(const StatePath& state, const std::vector<std::string>& loadedPlugins);
+
+// Whether the path can be set by hand while these plug-ins are loaded, or why not.
+Mox::Result<> settable(const StatePath& state, const std::vector<std::string>& loadedPlugins);
 
 }  // namespace Host

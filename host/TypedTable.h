@@ -120,6 +120,114 @@ class TypedFeed final : public TableFeed {
   std::vector<std::unique_ptr<CollectionFeed>> collections;
 };
 
+// How the entries of JSON come into a collection.
+namespace Entries {
+
+template <class Key, class Value>
+Mox::Result<> check(const Memtab::Collection<Key, Value>&, const nlohmann::json& entries) {
+  if (entries.is_null()) return {};
+  if (!entries.is_object()) {
+    return Mox::Failure{": " + Statedb::describe(entries) +
+                        " is not an object by key, or null to delete all"};
+  }
+  for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+    const std::string where = "[" + Statedb::describe(entry.key()) + "]";
+    if (!tableKey<Key>(entry.key()))
+      return Mox::Failure{where + ": the key is not " + allowedTableKey<Key>()};
+    if (entry.value().is_null()) continue;
+    Value value{};
+    std::string problem;
+    if (!Statedb::mergeValue(entry.value(), value, problem)) return Mox::Failure{where + problem};
+  }
+  return {};
+}
+
+// Merges into `value`, which is what the entry is without it.
+template <class Key, class Value>
+Mox::Result<> put(Memtab::Collection<Key, Value>& collection, const Key& key, Value value,
+                  const nlohmann::json& json) {
+  std::string problem;
+  if (!Statedb::mergeValue(json, value, problem)) return Mox::Failure{problem};
+  if (collection.tableWriter()->entryIs(key, value) == Memtab::Written::kFull) {
+    return Mox::Failure{"no shared memory for " + Mox::toStrep(key) + ": " +
+                        collection.tableWriter()->core().growthError()};
+  }
+  collection.touched();
+  return {};
+}
+
+template <class Key, class Value>
+Mox::Result<> merge(Memtab::Collection<Key, Value>& collection, const std::string& text,
+                    const nlohmann::json& json) {
+  const std::optional<Key> key = tableKey<Key>(text);
+  if (!key) return {};
+  if (!json.is_null())
+    return put(collection, *key, collection.tableWriter()->entry(*key).value_or(Value{}), json);
+  collection.del(*key);
+  return {};
+}
+
+template <class Key, class Value>
+Mox::Result<> replace(Memtab::Collection<Key, Value>& collection, const nlohmann::json& entries) {
+  for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+    const std::optional<Key> key = tableKey<Key>(entry.key());
+    if (!key || entry.value().is_null()) continue;
+    if (const auto written = put(collection, *key, Value{}, entry.value()); !written) return written;
+  }
+  return {};
+}
+
+}  // namespace Entries
+
+template <class E>
+class TypedMerge final : public TableMerge {
+ public:
+  TypedMerge(Mox::Ptr<E> entity, nlohmann::json json) : entity_(std::move(entity)), json_(std::move(json)) {}
+
+  Mox::Result<bool> step(std::size_t maxEntries) override {
+    Mox::Result<bool> result = false;
+    std::size_t index = 0;
+    Memtab::forEachTable(*entity_, [&](const char* name, auto& collection) {
+      if (index++ != collection_) return;
+      const auto entries = json_.find(name);
+      Mox::Result<bool> stepped = false;
+      if (entries != json_.end()) stepped = step(collection, *entries, maxEntries);
+      if (stepped && !*stepped) {
+        ++collection_;
+        begun_ = false;
+      }
+      result = stepped ? Mox::Result<bool>(true) : stepped;
+    });
+    return result;
+  }
+
+ private:
+  template <class Key, class Value>
+  Mox::Result<bool> step(Memtab::Collection<Key, Value>& collection, const nlohmann::json& entries,
+                         std::size_t maxEntries) {
+    const bool isNew = !std::exchange(begun_, true);
+    if (entries.is_null()) {
+      Memtab::Writer& writer = collection.tableWriter()->core();
+      if (isNew) writer.reconcileBegin();
+      const bool more = writer.sweep(maxEntries);
+      collection.touched();
+      return more;
+    }
+    if (isNew) next_ = entries.begin();
+    for (std::size_t done = 0; done < maxEntries && next_ != entries.end(); ++done, ++next_) {
+      if (const auto merged = Entries::merge(collection, next_.key(), next_.value()); !merged)
+        return merged.failure();
+    }
+    return next_ != entries.end();
+  }
+
+  const Mox::Ptr<E> entity_;
+  const nlohmann::json json_;
+  std::size_t collection_ = 0;  // in hand, in the order of the class
+  bool begun_ = false;          // with it
+  nlohmann::json::const_iterator next_;
+};
+
 template <class E>
 class TypedTable final : public TableType {
  public:
@@ -127,48 +235,44 @@ class TypedTable final : public TableType {
 
   void registerAt(Memtab::EntityManager& manager) const override { manager.registerType<E>(name_); }
 
-  std::string check(const nlohmann::json& json, const std::string& path) const override {
-    if (!json.is_object()) return path + ": " + Statedb::describe(json) + " is not an object of " + names();
+  Mox::Result<> check(const nlohmann::json& json, const std::string& path) const override {
+    if (!json.is_object())
+      return Mox::Failure{path + ": " + Statedb::describe(json) + " is not an object of " + names()};
     for (auto member = json.begin(); member != json.end(); ++member) {
       bool known = false;
-      std::string problem;
+      Mox::Result<> checked;
       Memtab::forEachTable(*prototype_, [&](const char* name, const auto& collection) {
         if (member.key() != name) return;
         known = true;
-        problem = checkEntries(collection, member.value());
+        checked = Entries::check(collection, member.value());
       });
-      if (!known) return path + ": unknown key " + Statedb::describe(member.key()) + "; allowed: " + names();
-      if (!problem.empty()) return path + ": " + member.key() + problem;
+      if (!known) {
+        return Mox::Failure{path + ": unknown key " + Statedb::describe(member.key()) +
+                            "; allowed: " + names()};
+      }
+      if (!checked) return Mox::Failure{path + ": " + member.key() + checked.error()};
     }
     return {};
   }
 
-  std::string merge(Memtab::Entity& entity, const nlohmann::json& json) const override {
-    std::string problem;
-    Memtab::forEachTable(dynamic_cast<E&>(entity), [&](const char* name, auto& collection) {
-      const auto entries = json.find(name);
-      if (entries == json.end() || !problem.empty()) return;
-      if (entries->is_null()) {
-        sweepAll(collection);
-      } else {
-        problem = mergeEntries(collection, *entries);
-      }
-    });
-    return problem;
+  std::unique_ptr<TableMerge> merge(const Mox::Ptr<Memtab::Entity>& entity,
+                                    nlohmann::json json) const override {
+    return std::make_unique<TypedMerge<E>>(Mox::dynamicPtrCast<E>(entity), std::move(json));
   }
 
-  std::string replace(Memtab::Entity& entity, const nlohmann::json& json) const override {
-    std::string problem;
+  Mox::Result<> replace(Memtab::Entity& entity, const nlohmann::json& json) const override {
+    Mox::Result<> result;
     Memtab::forEachTable(dynamic_cast<E&>(entity), [&](const char* name, auto& collection) {
       Memtab::Writer& writer = collection.tableWriter()->core();
       writer.reconcileBegin();
       const auto entries = json.find(name);
-      if (entries != json.end() && entries->is_object()) problem += putEntries(collection, *entries);
+      if (entries != json.end() && entries->is_object() && result)
+        result = Entries::replace(collection, *entries);
       while (writer.sweep(kSweep)) {
       }
       collection.touched();
     });
-    return problem;
+    return result;
   }
 
   std::unique_ptr<Dump> dump(Mox::Ptr<Memtab::Entity> entity) const override {
@@ -194,73 +298,6 @@ class TypedTable final : public TableType {
     for (Memtab::TableBase* table : prototype_->tables())
       names += (names.empty() ? "" : ", ") + std::string(table->name());
     return names;
-  }
-
-  template <class Key, class Value>
-  static std::string checkEntries(const Memtab::Collection<Key, Value>&, const nlohmann::json& entries) {
-    if (entries.is_null()) return {};
-    if (!entries.is_object()) {
-      return ": " + Statedb::describe(entries) + " is not an object by key, or null to delete all";
-    }
-    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
-      const std::string where = "[" + Statedb::describe(entry.key()) + "]";
-      if (!tableKey<Key>(entry.key())) return where + ": the key is not " + allowedTableKey<Key>();
-      if (entry.value().is_null()) continue;
-      Value value{};
-      std::string problem;
-      if (!Statedb::mergeValue(entry.value(), value, problem)) return where + problem;
-    }
-    return {};
-  }
-
-  template <class Key, class Value>
-  static std::string mergeEntries(Memtab::Collection<Key, Value>& collection, const nlohmann::json& entries) {
-    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
-      const std::optional<Key> key = tableKey<Key>(entry.key());
-      if (!key) continue;
-      if (entry.value().is_null()) {
-        collection.del(*key);
-        continue;
-      }
-      const std::string problem =
-          put(collection, *key, collection.tableWriter()->entry(*key).value_or(Value{}), entry.value());
-      if (!problem.empty()) return problem;
-    }
-    return {};
-  }
-
-  // As mergeEntries, into fresh values.
-  template <class Key, class Value>
-  static std::string putEntries(Memtab::Collection<Key, Value>& collection, const nlohmann::json& entries) {
-    std::string problem;
-    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
-      const std::optional<Key> key = tableKey<Key>(entry.key());
-      if (key && !entry.value().is_null() && problem.empty())
-        problem = put(collection, *key, Value{}, entry.value());
-    }
-    return problem;
-  }
-
-  template <class Key, class Value>
-  static std::string put(Memtab::Collection<Key, Value>& collection, const Key& key, Value value,
-                         const nlohmann::json& json) {
-    std::string problem;
-    if (!Statedb::mergeValue(json, value, problem)) return problem;
-    if (collection.tableWriter()->entryIs(key, value) == Memtab::Written::kFull) {
-      return "no shared memory for " + Mox::toStrep(key) + ": " +
-             collection.tableWriter()->core().growthError();
-    }
-    collection.touched();
-    return {};
-  }
-
-  template <class Key, class Value>
-  static void sweepAll(Memtab::Collection<Key, Value>& collection) {
-    Memtab::Writer& writer = collection.tableWriter()->core();
-    writer.reconcileBegin();
-    while (writer.sweep(kSweep)) {
-    }
-    collection.touched();
   }
 
   const std::string name_;

@@ -131,15 +131,15 @@ int showBindings(const CommonOptions& options, const std::string& kind, const st
 
 int explain(const CommonOptions& options, const std::string& vlan, const std::string& ip,
             const std::string& from) {
-  std::string problem;
-  const auto key = parseBindingKey(vlan, ip, problem);
+  const auto key = parseBindingKey(vlan, ip);
   // ARP asks for no other addresses.
   if (Bridging::VlanId::fromStrep(vlan) && !(key && key->ipAddress.isIpv4()))
-    problem = "IP " + Statedb::describe(ip) + " is not the IPv4 address of one host";
-  if (!problem.empty()) return fail(kUsage, problem);
+    return fail(kUsage, "IP " + Statedb::describe(ip) + " is not the IPv4 address of one host");
+  if (!key) return fail(kUsage, key.error());
   json arguments = {vlan, ip};
   if (!from.empty()) {
-    if (!parseBinding(vlan, ip, from, false, problem)) return fail(kUsage, "--from: " + problem);
+    if (const auto station = parseBinding(vlan, ip, from, false); !station)
+      return fail(kUsage, "--from: " + station.error());
     arguments.push_back(from);
   }
   ordered_json shown;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <optional>
 
 #include "Statedb/Json.h"
 #include "host/JsonText.h"
@@ -32,7 +31,7 @@ bool isHeading(std::string_view line) {
                     [](char a, char b) { return (a | 0x20) == b; });
 }
 
-std::optional<Binding> parseCsv(std::string_view line, std::string& problem) {
+Mox::Result<Binding> parseCsv(std::string_view line) {
   std::array<std::string_view, 4> fields{};
   std::size_t count = 0;
   for (bool more = true; more; ++count) {
@@ -42,25 +41,20 @@ std::optional<Binding> parseCsv(std::string_view line, std::string& problem) {
     if (more) line.remove_prefix(comma + 1);
   }
   if (count < 3 || count > fields.size()) {
-    problem = std::to_string(count) + (count == 1 ? " field is" : " fields are") +
-              " not vlan,ip,mac or vlan,ip,mac,localMultihomed";
-    return std::nullopt;
+    return Mox::Failure{std::to_string(count) + (count == 1 ? " field is" : " fields are") +
+                        " not vlan,ip,mac or vlan,ip,mac,localMultihomed"};
   }
   const bool localMultihomed = fields[3] == "true" || fields[3] == "1";
   if (!localMultihomed && !fields[3].empty() && fields[3] != "false" && fields[3] != "0") {
-    problem = "localMultihomed " + Statedb::describe(std::string(fields[3])) +
-              " is not true, false, 1, 0 or nothing";
-    return std::nullopt;
+    return Mox::Failure{"localMultihomed " + Statedb::describe(std::string(fields[3])) +
+                        " is not true, false, 1, 0 or nothing"};
   }
-  return parseBinding(fields[0], fields[1], fields[2], localMultihomed, problem);
+  return parseBinding(fields[0], fields[1], fields[2], localMultihomed);
 }
 
-std::optional<Binding> parseJsonLine(std::string_view line, std::string& problem) {
+Mox::Result<Binding> parseJsonLine(std::string_view line) {
   const std::optional<json> object = nestsTooDeep(line) ? std::nullopt : Statedb::jsonOf(line);
-  if (!object || !object->is_object()) {
-    problem = "it is not a JSON object";
-    return std::nullopt;
-  }
+  if (!object || !object->is_object()) return Mox::Failure{"it is not a JSON object"};
   std::string vlan;
   std::string ip;
   std::string mac;
@@ -78,17 +72,16 @@ std::optional<Binding> parseJsonLine(std::string_view line, std::string& problem
       good = value.is_string();
       if (good) (item.key() == "ip" ? ip : mac) = value.get<std::string>();
     } else {
-      problem = "unknown key " + Statedb::describe(item.key()) + "; allowed: vlan, ip, mac, localMultihomed";
-      return std::nullopt;
+      return Mox::Failure{"unknown key " + Statedb::describe(item.key()) +
+                          "; allowed: vlan, ip, mac, localMultihomed"};
     }
     if (good) continue;
-    problem = item.key() + " " + Statedb::describe(value) + " is not " +
-              (item.key() == "vlan"              ? Bridging::VlanId::allowed()
-               : item.key() == "localMultihomed" ? "true or false"
-                                                 : "a string");
-    return std::nullopt;
+    return Mox::Failure{item.key() + " " + Statedb::describe(value) + " is not " +
+                        (item.key() == "vlan"              ? Bridging::VlanId::allowed()
+                         : item.key() == "localMultihomed" ? "true or false"
+                                                           : "a string")};
   }
-  return parseBinding(vlan, ip, mac, localMultihomed, problem);
+  return parseBinding(vlan, ip, mac, localMultihomed);
 }
 
 }  // namespace
@@ -104,12 +97,12 @@ BindingFile parseBindingFile(std::string_view text) {
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     if (line.empty() || (!isJson && line.front() == '#')) continue;
     if (std::exchange(mayBeHeading, false) && isHeading(line)) continue;
-    std::string problem;
-    if (const auto binding = isJson ? parseJsonLine(line, problem) : parseCsv(line, problem)) {
+    const Mox::Result<Binding> binding = isJson ? parseJsonLine(line) : parseCsv(line);
+    if (binding) {
       file.bindings.push_back(*binding);
-      continue;
+    } else if (file.badCount++ < BindingFile::kKeptBadLines) {
+      file.badLines.push_back({number, binding.error()});
     }
-    if (file.badCount++ < BindingFile::kKeptBadLines) file.badLines.push_back({number, problem});
   }
   return file;
 }

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "host/Config.h"
+#include "host/Version.h"
 #include "host/arpsup/Client.h"
 #include "host/arpsup/Output.h"
 
@@ -36,7 +37,7 @@ CommandLine::CommandLine()
       ->take_last()
       ->type_name("DIR");
   app_.add_flag("--json", options_.json, "write what is shown as JSON");
-  app_.set_version_flag("--version", "arpsup " ARPSUP_VERSION);
+  app_.set_version_flag("--version", versionOf("arpsup"));
   app_.require_subcommand(0, 1);
   addLooking();
   addChanging();

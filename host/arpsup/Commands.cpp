@@ -136,13 +136,11 @@ int showState(const CommonOptions& options, const std::string& path) {
 
 int monitor(const CommonOptions& options, const std::vector<std::string>& paths) {
   endsQuietly();
-  Failure failure;
-  const auto client = Client::connect(options.runDirectory, failure);
-  if (!client) return fail(failure);
-  client->waitForEver();
-  if (!client->send(Statedb::jsonText({{"cmd", "monitor"}, {"paths", paths}}), failure)) return fail(failure);
-  client->receive(print, failure);
-  return fail(failure);
+  const auto client = Client::connect(options.runDirectory);
+  if (!client) return fail(client.failure());
+  (*client)->waitForEver();
+  const auto sent = (*client)->send(Statedb::jsonText({{"cmd", "monitor"}, {"paths", paths}}));
+  return fail(sent ? (*client)->receive(print).failure() : sent.failure());
 }
 
 int showTechSupport(const CommonOptions& options) {
@@ -158,21 +156,19 @@ int showTechSupport(const CommonOptions& options) {
 }
 
 int setState(const CommonOptions& options, const std::string& path, const std::string& value) {
-  std::string error;
-  const std::optional<json> content = parseJson(value, Comments::refused, error);
+  const Mox::Result<json> content = parseJson(value, Comments::refused);
   if (!content)
-    return fail(kUsage, "the value is not JSON: " + error +
+    return fail(kUsage, "the value is not JSON: " + content.error() +
                             "; quote it for the shell, as in '{\"mplsConfigured\": true}'");
   return request(options, {{"cmd", "set"}, {"path", path}, {"value", *content}}, nullptr);
 }
 
 int applyFile(const CommonOptions& options, const std::string& file) {
   constexpr std::size_t kMaxFileBytes = 8 * kMaxWriterLine;  // with comments and indentation
-  std::string error;
-  const std::optional<std::string> text = readFile(file, kMaxFileBytes, true, error);
-  if (!text) return fail(kRefused, error);
-  const std::optional<json> state = parseJson(*text, Comments::allowed, error);
-  if (!state) return fail(kRefused, file + ": " + error);
+  const Mox::Result<std::string> text = readFile(file, kMaxFileBytes, true);
+  if (!text) return fail(kRefused, text.error());
+  const Mox::Result<json> state = parseJson(*text, Comments::allowed);
+  if (!state) return fail(kRefused, file + ": " + state.error());
   if (!state->is_object())
     return fail(kRefused, file + ": it is not an object by path, like {\"evpn/status\": {...}}");
   const json whole = {{"cmd", "apply"}, {"state", *state}};

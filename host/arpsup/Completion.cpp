@@ -27,9 +27,10 @@ std::size_t distance(const std::string& a, const std::string& b) {
 // Of the daemon, else those that always are.
 std::set<std::string> pathNames(const CommonOptions& options) {
   std::set<std::string> names;
-  Failure ignored;
-  const auto client = Client::connect(options.runDirectory, ignored);
-  const auto answer = client ? client->ask({{"cmd", "paths"}}, nullptr, ignored) : std::nullopt;
+  constexpr std::chrono::milliseconds kShellPatience{1000};  // of whoever pressed the tabulator
+  const auto client = Client::connect(options.runDirectory, kShellPatience);
+  const auto answer =
+      client ? (*client)->ask({{"cmd", "paths"}}, nullptr) : Mox::Result<nlohmann::json>(client.failure());
   if (answer) {
     for (const auto& path : answer->value("paths", nlohmann::json::array())) {
       if (path.is_string()) names.insert(path.get<std::string>());

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 
@@ -23,7 +24,10 @@ int fail(int status, const std::string& text) {
   return status;
 }
 
-int fail(const Failure& failure) { return fail(failure.status, failure.text); }
+int fail(const Mox::Failure& failure) {
+  const bool refused = failure.number == 0 || failure.number == EACCES;
+  return fail(refused ? kRefused : kUsage, failure.text);
+}
 
 int unreadable(const char* command) {
   return fail(kRefused, std::string("the answer to ") + command +
@@ -40,22 +44,20 @@ std::string textOf(const ordered_json& value) {
 }
 
 int request(const CommonOptions& options, const json& request, std::string* text, json* answer) {
-  Failure failure;
-  const auto client = Client::connect(options.runDirectory, failure);
-  if (!client) return fail(failure);
-  std::optional<json> got = client->ask(request, text, failure);
-  if (!got) return fail(failure);
+  const auto client = Client::connect(options.runDirectory);
+  if (!client) return fail(client.failure());
+  Mox::Result<json> got = (*client)->ask(request, text);
+  if (!got) return fail(got.failure());
   if (answer) *answer = std::move(*got);
   return kDone;
 }
 
 int requestStream(const CommonOptions& options, const json& request, const Client::TextSink& sink) {
-  Failure failure;
-  const auto client = Client::connect(options.runDirectory, failure);
-  if (!client || !client->send(Statedb::jsonText(request), failure) || !client->receive(sink, failure)) {
-    return fail(failure);
-  }
-  return kDone;
+  const auto client = Client::connect(options.runDirectory);
+  if (!client) return fail(client.failure());
+  if (const auto sent = (*client)->send(Statedb::jsonText(request)); !sent) return fail(sent.failure());
+  const auto received = (*client)->receive(sink);
+  return received ? kDone : fail(received.failure());
 }
 
 int requestObject(const CommonOptions& options, const char* command, const json& arguments,

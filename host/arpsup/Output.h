@@ -18,7 +18,8 @@ int printed(std::string_view text);
 
 // Writes one line "arpsup: ..." to stderr, unless there is nothing to say; returns the status.
 int fail(int status, const std::string& text);
-int fail(const Failure& failure);
+// With the status that the failure of a Client stands for.
+int fail(const Mox::Failure& failure);
 int unreadable(const char* command);
 
 // From here on SIGINT ends the process with status 0: it is how a command that goes on for ever is ended.

@@ -20,13 +20,10 @@ using nlohmann::json;
 
 // Returns how many entries changed.
 std::optional<std::uint64_t> change(const CommonOptions& options, const json& request, int& status) {
-  Failure failure;
-  const auto client = Client::connect(options.runDirectory, failure);
-  const auto answer = client ? client->ask(request, nullptr, failure) : std::nullopt;
-  status = kDone;
-  if (answer) return answer->value("changed", std::uint64_t{0});
-  status = fail(failure);
-  return std::nullopt;
+  json answer;
+  status = Host::request(options, request, nullptr, &answer);
+  if (status != kDone) return std::nullopt;
+  return answer.value("changed", std::uint64_t{0});
 }
 
 // One line on a terminal, rewritten as it goes.
@@ -62,46 +59,44 @@ std::string chunkRequest(const std::vector<Binding>& bindings, std::size_t from,
 }
 
 int sendBindings(const CommonOptions& options, const std::vector<Binding>& bindings) {
-  Failure failure;
-  const auto client = Client::connect(options.runDirectory, failure);
-  if (!client) return fail(failure);
+  const auto client = Client::connect(options.runDirectory);
+  if (!client) return fail(client.failure());
   const std::size_t chunks = (bindings.size() + kChunkBindings - 1) / kChunkBindings;
   std::size_t answered = 0;
   Progress progress(bindings.size());
-  const auto receive = [&] {
-    if (!client->receive([](std::string_view) { return true; }, failure)) return false;
+  const auto receive = [&]() -> Mox::Result<> {
+    const auto answer = (*client)->receive([](std::string_view) { return true; });
+    if (!answer) return answer.failure();
     progress.done(std::min(bindings.size(), ++answered * kChunkBindings));
-    return true;
+    return {};
   };
-  bool good = true;
+  Mox::Result<> good;
   for (std::size_t chunk = 0; chunk < chunks && good; ++chunk) {
     const std::size_t from = chunk * kChunkBindings;
-    good =
-        client->send(chunkRequest(bindings, from, std::min(bindings.size(), from + kChunkBindings)), failure);
+    good = (*client)->send(chunkRequest(bindings, from, std::min(bindings.size(), from + kChunkBindings)));
     if (good && chunk - answered >= kWindowChunks - 1) good = receive();
   }
   while (good && answered < chunks) good = receive();
   if (good) return kDone;
-  return fail(failure.status, failure.text + " (the first " + std::to_string(answered * kChunkBindings) +
-                                  " bindings are in)");
+  return fail(Mox::Failure{
+      good.error() + " (the first " + std::to_string(answered * kChunkBindings) + " bindings are in)",
+      good.number()});
 }
 
 }  // namespace
 
 int addRemote(const CommonOptions& options, const std::string& vlan, const std::string& ip,
               const std::string& mac, bool localMultihomed) {
-  std::string problem;
-  const auto binding = parseBinding(vlan, ip, mac, localMultihomed, problem);
-  if (!binding) return fail(kUsage, problem);
+  const auto binding = parseBinding(vlan, ip, mac, localMultihomed);
+  if (!binding) return fail(kUsage, binding.error());
   int status = kDone;
   change(options, {{"cmd", "remote"}, {"op", "add"}, {"bindings", bindingLine(*binding)}}, status);
   return status;
 }
 
 int deleteRemote(const CommonOptions& options, const std::string& vlan, const std::string& ip) {
-  std::string problem;
-  const auto key = parseBindingKey(vlan, ip, problem);
-  if (!key) return fail(kUsage, problem);
+  const auto key = parseBindingKey(vlan, ip);
+  if (!key) return fail(kUsage, key.error());
   int status = kDone;
   const auto changed =
       change(options, {{"cmd", "remote"}, {"op", "del"}, {"bindings", Mox::toStrep(*key)}}, status);
@@ -122,9 +117,8 @@ int loadRemote(const CommonOptions& options, const std::string& name, bool skipB
   constexpr std::size_t kMaxFileBytes = std::size_t{2} << 30;
   BindingFile file;
   {
-    std::string error;
-    const std::optional<std::string> text = readFile(name, kMaxFileBytes, true, error);
-    if (!text) return fail(kRefused, error);
+    const Mox::Result<std::string> text = readFile(name, kMaxFileBytes, true);
+    if (!text) return fail(kRefused, text.error());
     file = parseBindingFile(*text);
   }
   for (const BindingFile::BadLine& line : file.badLines) {

@@ -98,17 +98,17 @@ class Rings {
   Rings(std::string directory, const std::string& runDirectory)
       : directory_(std::move(directory)), lockFile_(runDirectory + "/lock") {}
 
-  // Takes in what came since the last look; what cannot be read is reported once. False, with `failure`, when
-  // the directory cannot be read.
-  bool look(Failure& failure) {
+  // Takes in what came since the last look; what cannot be read is reported once. Refused when the directory
+  // cannot be read.
+  Mox::Result<> look() {
     DIR* const listing = opendir(directory_.c_str());
     if (!listing) {
-      const bool denied = errno == EACCES;
-      failure = {
-          denied ? kRefused : kUsage,
-          directory_ + ": " + std::strerror(errno) +
-              (denied ? "; run it as root" : "; name the run directory of the agent-host with --run-dir")};
-      return false;
+      const int number = errno;
+      return Mox::Failure{
+          directory_ + ": " + std::strerror(number) +
+              (number == EACCES ? "; run it as root"
+                                : "; name the run directory of the agent-host with --run-dir"),
+          number};
     }
     while (const dirent* entry = readdir(listing)) {
       const std::string name = entry->d_name;
@@ -119,7 +119,7 @@ class Rings {
       return std::tuple(b.latest, b.changed, b.reader->pid()) <
              std::tuple(a.latest, a.changed, a.reader->pid());
     });
-    return true;
+    return {};
   }
 
   std::vector<Ring> rings;
@@ -197,8 +197,8 @@ std::vector<Ring>::iterator endOfProcess(std::vector<Ring>& rings, std::vector<R
 }
 
 int follow(Rings& rings, Printer& printer) {
-  Failure failure;
-  for (bool readable = true; readable; readable = rings.look(failure)) {
+  Mox::Result<> looked;
+  for (; looked; looked = rings.look()) {
     auto first = rings.rings.begin();
     while (first != rings.rings.end()) {
       const auto last = endOfProcess(rings.rings, first);
@@ -207,7 +207,7 @@ int follow(Rings& rings, Printer& printer) {
     }
     poll(nullptr, 0, kFollowMs);
   }
-  return fail(failure);
+  return fail(looked.failure());
 }
 
 }  // namespace
@@ -224,8 +224,7 @@ int showTrace(const CommonOptions& options, const TraceOptions& trace) {
   const char* const set = std::getenv("TRACELETDIR");
   const std::string directory = set ? set : options.runDirectory;
   Rings rings(directory, options.runDirectory);
-  Failure failure;
-  if (!rings.look(failure)) return fail(failure);
+  if (const auto looked = rings.look(); !looked) return fail(looked.failure());
   if (rings.rings.empty())
     return fail(kRefused, directory +
                               ": no trace ring is there that can be read; has an agent-host with the "

@@ -18,7 +18,7 @@ constexpr unsigned kFindLevel = 3;
 template <class E>
 Ptr<E> mountWriter(Memtab::EntityManager& tables, const char* path, const char* type) {
   const auto entity = Mox::dynamicPtrCast<E>(tables.mount(path, type, Memtab::MountDescriptor::writer()));
-  if (!entity) KERNEL_STATE_TRACE(0, path << " is not published: it cannot be written");
+  if (!entity) throw Mox::Error(std::string(path) + " cannot be written");
   return entity;
 }
 

@@ -1,6 +1,9 @@
+#include <sys/socket.h>
 #include <sys/stat.h>
 
+#include "host/ControlAddress.h"
 #include "host/ControlServer.h"
+#include "host/arpsup/Output.h"
 #include "host/arpsup/PrettyJson.h"
 #include "test/host/Programs.h"
 
@@ -55,7 +58,7 @@ TEST_F(Programs, tellWhatToDoNext) {
       {{"explain", "10", "fe80::1"}, 2, "IP \"fe80::1\" is not the IPv4 address of one host"},
       {{"explain", "10", "10.0.0.256"}, 2, "IP \"10.0.0.256\" is not the IPv4 address of one host"},
       {{"explain", "10", "10.0.0.1", "--from", "ff:ff:ff:ff:ff:ff"}, 2, "--from: MAC \"ff:.* is not"},
-      {{"status"}, 1, "no plug-in that is ready answers \"status\"; loaded: none"},
+      {{"status"}, 0, "runnable: +false\nactiveVlans: +none\n.*\nreason: +no plug-in that is ready answers"},
       {{"counters"}, 1, "there are no counters: the plug-in ArpSuppression is not loaded"},
       {{"show", "evpn/nothing"}, 1, "evpn/nothing: there is no such path; allowed: .*evpn/status"},
       {{"monitor", "evpn/status", "evpn/nothing"}, 1, "evpn/nothing: there is no such path; allowed: "},
@@ -141,6 +144,28 @@ TEST_F(Programs, monitorAndTrace) {
   EXPECT_THAT(all.error, HasSubstr("/Other-1.tl: too short for a trace file; it is left out\n"));
 }
 
+// A daemon that hangs is given up, whether or not it has accepted the connection.
+TEST(Arpsup, doesNotWaitForADaemonThatHangs) {
+  RunDir runDir;
+  const int folder = open(runDir.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  const sockaddr_un address = Host::controlAddress(folder);
+  const void* bytes = &address;
+  const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(listener, static_cast<const sockaddr*>(bytes), sizeof address), 0);
+  ASSERT_EQ(listen(listener, 0), 0);
+  constexpr std::chrono::milliseconds kLittle{50};
+  const auto client = Host::Client::connect(runDir.path(), kLittle);
+  ASSERT_TRUE(client) << client.error();
+  const auto answer = (*client)->ask({{"cmd", "paths"}}, nullptr);
+  EXPECT_THAT(answer.error(), HasSubstr("/control: the agent-host has not answered for 1 seconds: it hangs"));
+  EXPECT_EQ(Host::fail(answer.failure()), Host::kUsage);
+  const auto second = Host::Client::connect(runDir.path(), kLittle);
+  EXPECT_THAT(second.error(), HasSubstr("the agent-host has accepted nobody for 1 seconds: it hangs"));
+  EXPECT_EQ(Host::fail(second.failure()), Host::kUsage);
+  close(listener);
+  close(folder);
+}
+
 // What agents answer to, as people and scripts get it.
 TEST(Arpsup, showsAgentAnswers) {
   struct Command final : Orb::AgentCommandCallback {
@@ -176,8 +201,8 @@ TEST(Arpsup, showsAgentAnswers) {
   RunDir runDir;
   HostState host{runDir};
   Host::ControlCommands::Agents agents{Mox::make<Agent>()};
-  Host::ControlServer server(host.scheduler(), *host.state, agents, [](const std::string&) {});
-  ASSERT_EQ(server.listen(runDir.path()), "");
+  Host::ControlServer server(host.scheduler(), *host.state, agents);
+  ASSERT_EQ(server.listen(runDir.path()).error(), "");
   const auto arpsup = [&](Strings arguments) -> Result {
     arguments.insert(arguments.begin(), {ARPSUP, "--run-dir", runDir.path()});
     Process process(arguments);

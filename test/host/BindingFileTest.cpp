@@ -31,9 +31,8 @@ TEST(BindingFile, readsCsvAndJsonLines) {
   }
   EXPECT_EQ(parseBindingFile("").bindings.size(), 0u);
   // What is written is read back.
-  std::string problem;
-  const auto binding = Host::parseBindingLine("4094 2001:db8::1 02:00:00:00:00:0a localMultihomed", problem);
-  ASSERT_TRUE(binding) << problem;
+  const auto binding = Host::parseBindingLine("4094 2001:db8::1 02:00:00:00:00:0a localMultihomed");
+  ASSERT_TRUE(binding) << binding.error();
   EXPECT_EQ(Host::bindingLine(*binding), "4094 2001:db8::1 02:00:00:00:00:0a localMultihomed");
 }
 

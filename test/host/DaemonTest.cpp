@@ -1,5 +1,7 @@
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include "Memtab/Table.h"
 #include "host/Plugins.h"
 #include "test/host/Programs.h"
 
@@ -11,7 +13,15 @@ namespace {
 using testing::HasSubstr;
 
 TEST_F(Programs, showSetAndForget) {
+  rlimit usual{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const rlimit low{256, usual.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &low);
   daemonIs({{"state", {{"evpn/status", {{"vlanToDot1q", {{"10", 10}}}}}}}});
+  setrlimit(RLIMIT_NOFILE, &usual);
+  rlimit raised{};
+  ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_NOFILE, nullptr, &raised), 0);
+  EXPECT_EQ(raised.rlim_cur, usual.rlim_max);
   struct stat status {};
   ASSERT_EQ(stat(runDirectory.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0755u);
@@ -83,6 +93,9 @@ TEST_F(Programs, doNotStartOnWhatIsWrong) {
   const Strings usage = {AGENT_HOST};
   Process withoutConfig(usage);
   EXPECT_EQ(withoutConfig.wait(), 2);
+  Process version({AGENT_HOST, "--version"});
+  EXPECT_EQ(version.wait(), 0);
+  EXPECT_THAT(version.output, testing::ContainsRegex("^agent-host [0-9]+\\.[0-9]+\\.[0-9]+\n$"));
   const struct {
     json config;
     const char* error;
@@ -107,10 +120,30 @@ TEST_F(Programs, doNotStartOnWhatIsWrong) {
   unsetenv(Host::kLibraryDirectoryVariable);
 
   daemonIs();
+  const std::string process = "process " + std::to_string(daemon->pid());
   Process second({AGENT_HOST, "--config", configFile(json::object())});
   EXPECT_EQ(second.wait(), 1);
-  EXPECT_THAT(second.error, HasSubstr("another agent-host runs there (process "));
+  EXPECT_THAT(second.error, HasSubstr("another agent-host runs there (" + process + ")"));
+  if (geteuid() == 0) {
+    Process elsewhere({AGENT_HOST, "--config", configFile({{"runDirectory", folder.path() + "/other"}})});
+    EXPECT_EQ(elsewhere.wait(), 1);
+    EXPECT_THAT(elsewhere.error, HasSubstr("another agent-host serves this network namespace: " + process +
+                                           ", run directory " + runDirectory + "; stop it"));
+  }
   EXPECT_EQ(arpsup({"show"}).status, 0) << "the first one goes on";
+}
+
+// A plug-in that cannot start is not left out quietly.
+TEST_F(Programs, endWhenAStartCannotBeCompleted) {
+  Memtab::OpenReport report;
+  const auto writer = Memtab::TableWriter<std::uint32_t, std::uint64_t>::open(
+      Memtab::Directory::forRunDir(runDirectory), "arpSuppression/counter.counter", {}, report);
+  ASSERT_TRUE(writer) << report.message;
+  Process process({AGENT_HOST, "--config", configFile({{"agents", {"ArpSuppression"}}})});
+  EXPECT_EQ(process.wait(), 1) << process.error;
+  EXPECT_THAT(process.error, HasSubstr("agent-host: the plug-in ArpSuppression cannot start: "));
+  EXPECT_THAT(process.error, HasSubstr("has a live writer already, process " + std::to_string(getpid())));
+  EXPECT_THAT(process.error, testing::Not(HasSubstr("agent-host: runs")));
 }
 
 // One that was killed leaves its socket and lock behind.

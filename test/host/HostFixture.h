@@ -40,10 +40,9 @@ class RunDir {
 };
 
 inline Host::Config configOf(const json& content) {
-  std::string error;
-  const auto config = Host::parseConfig(content.dump(), "test.json", error);
-  EXPECT_TRUE(config) << error;
-  return config.value_or(Host::Config());
+  const auto config = Host::parseConfig(content.dump(), "test.json");
+  EXPECT_TRUE(config) << config.error();
+  return config ? *config : Host::Config();
 }
 
 // A loop that the test steps, and the state of a host in it.
@@ -57,7 +56,7 @@ class HostState {
     EXPECT_EQ(error, "");
     state = std::make_unique<Host::State>(loop, tasks_, runDir.path(), config_.agents, std::move(store),
                                           [this](const std::string& message) { reports += message + "\n"; });
-    state->build(config_);
+    EXPECT_EQ(state->build(config_).error(), "");
   }
 
   const Mox::Ptr<Orb::TaskScheduler>& scheduler() const { return tasks_->scheduler(); }
@@ -68,14 +67,21 @@ class HostState {
   // The content of a path, read in slices of that size; `between` runs between them.
   std::string text(const std::string& path, std::size_t slice = 1000,
                    const std::function<void()>& between = {}) const {
-    std::string error;
-    const auto dump = state->dump(path, error);
-    if (!dump) return error;
+    const auto dump = state->dump(path);
+    if (!dump) return dump.error();
     std::string text;
-    while (dump->step(slice, text)) {
+    while ((*dump)->step(slice, text)) {
       if (between) between();
     }
     return text;
+  }
+  // Merges all of it; "", or the refusal.
+  std::string apply(const json& content) const {
+    const auto change = state->change(content);
+    if (!change) return change.error();
+    auto more = (*change)->step(1000);
+    while (more && *more) more = (*change)->step(1000);
+    return more.error();
   }
   json show(const std::string& path) const { return json::parse(text(path), nullptr, false); }
 

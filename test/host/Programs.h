@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -89,6 +90,7 @@ class Process {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
   void signal(int number) const { kill(pid_, number); }
+  pid_t pid() const { return pid_; }
 
   std::string output;
   std::string error;
@@ -115,6 +117,10 @@ struct Result {
 
 class Programs : public testing::Test {
  protected:
+  // In a network namespace of the test's own, of which there is one agent-host.
+  Programs() {
+    if (geteuid() == 0 && unshare(CLONE_NEWNET) != 0) ADD_FAILURE() << "no network namespace";
+  }
   std::string configFile(const json& more) {
     json config = {{"runDirectory", runDirectory}};
     config.update(more);
