@@ -30,8 +30,8 @@ class Daemon final : public Orb::AgentHost {
 
   // From here on SIGTERM, SIGINT and SIGHUP end the loop; they are blocked for the process.
   Mox::Result<> watchSignals();
-  // Does everything up to the first turn of the loop, in which the plug-ins start. When a plug-in is not there,
-  // or another agent-host is in the way, nothing was created.
+  // Does everything up to the first turn of the loop, in which the plug-ins start. When a plug-in is not
+  // there, or another agent-host is in the way, no state was created.
   Mox::Result<> start();
   // Runs the loop until a signal ends it, and says so in the log once every plug-in has started. Refused when
   // one of them could not complete its start, whatever it met: the others would only look as if they worked.

@@ -7,13 +7,13 @@
 
 namespace Host {
 
-// A file that one process at a time holds, with a line in it that tells others who does, or did. The lock goes
-// with its holder, however that ends; the file stays, or goes with a holder that ends cleanly.
+// A file that one process at a time holds, with a line in it that tells others who does, or did. The lock
+// goes with its holder, however that ends; the file stays, or goes with a holder that ends cleanly.
 class LockFile {
  public:
   enum class AtEnd { stays, goes };
-  // Refused with the number EWOULDBLOCK, and the holder's line (which may be empty) as the text, while another
-  // process has it; otherwise with a text that begins with the file's name.
+  // Refused with the number EWOULDBLOCK, and the holder's line (which may be empty) as the text, while
+  // another process has it; otherwise with a text that begins with the file's name.
   static Mox::Result<std::unique_ptr<LockFile>> take(const std::string& file, const std::string& line,
                                                      AtEnd atEnd);
   LockFile(const LockFile&) = delete;

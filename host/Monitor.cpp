@@ -265,7 +265,7 @@ class MonitorJob final : public ControlJob {
     watcher_.handleReadable();
     while (watcher_.next()) {
     }
-    // The bell does not say which table rang: each is asked for its changes, and one without any costs little.
+    // Which tables have news is not looked up: all are asked, and one without any costs little.
     for (const auto& feed : feeds_) feed->news = true;
     wake();
   }

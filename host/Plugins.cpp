@@ -50,9 +50,13 @@ Mox::Result<Mox::Ptr<Orb::AgentBase>> loadPlugin(const std::string& name, const 
                         " cannot be loaded: " + (reason ? reason : file + " has no entry")};
   }
   auto* const make = reinterpret_cast<Orb::AgentBase* (*)(const char*)>(entry);
-  auto agent = Mox::Ptr<Orb::AgentBase>::adopt(make(name.c_str()));
-  if (!agent) return Mox::Failure{"agents: the plug-in " + name + " made no agent"};
-  return agent;
+  const std::string none = "agents: the plug-in " + name + " made no agent";
+  try {
+    if (auto agent = Mox::Ptr<Orb::AgentBase>::adopt(make(name.c_str()))) return agent;
+  } catch (const std::exception& error) {
+    return Mox::Failure{none + ": " + error.what()};
+  }
+  return Mox::Failure{none};
 }
 
 }  // namespace Host

@@ -49,8 +49,8 @@ class TableType {
  public:
   virtual ~TableType() = default;
   virtual void registerAt(Memtab::EntityManager& manager) const = 0;
-  // Whether this is JSON for an entity of this class; a refusal begins with `path`. It does not depend on what
-  // the table holds.
+  // Whether this is JSON for an entity of this class; a refusal begins with `path`. It does not depend on
+  // what the table holds.
   virtual Mox::Result<> check(const nlohmann::json& json, const std::string& path) const = 0;
   // Merges JSON that was checked into an entity that is mounted for writing.
   virtual std::unique_ptr<TableMerge> merge(const Mox::Ptr<Memtab::Entity>& entity,

@@ -35,9 +35,9 @@ struct StatePath {
   Storage storage;
   Writing writing;
   const char* writer;  // null unless byPlugin
-  // Kept in the state store beyond the process, on behalf of the plug-in that writes it: while that one is not
-  // loaded nothing is kept, and nothing that was. Everything else is rebuilt: by its writer, or, where that
-  // is the host, from the configuration; what was set by hand lasts as long as the host.
+  // Kept in the state store beyond the process, on behalf of the plug-in that writes it: while that one is
+  // not loaded nothing is kept, and what was is erased. Everything else is rebuilt: by its writer, or, where
+  // that is the host, from the configuration; what was set by hand lasts as long as the host.
   bool persistent;
 };
 

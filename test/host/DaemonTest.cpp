@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include "Memtab/Table.h"
+#include "Suppression/Counter.h"
 #include "host/Plugins.h"
 #include "test/host/Programs.h"
 
@@ -167,7 +168,7 @@ TEST_F(Programs, runTheAgent) {
   EXPECT_EQ(status["activeVlans"], json::array());
   EXPECT_THAT(arpsup({"status"}).output, HasSubstr("activeVlans:    none\n"));
   const json counters = json::parse(arpsup({"counters", "--json"}).output);
-  EXPECT_EQ(counters.size(), 52u);
+  EXPECT_EQ(counters.size(), std::size_t{ArpSuppression::kCounters});
   EXPECT_EQ(counters["8"], json({{"name", "replyRemote"}, {"value", 0}}));
   EXPECT_EQ(arpsup({"counters", "--json", "--nonzero"}).output, "{}\n");
   EXPECT_EQ(arpsup({"set", "evpn/status", R"({"mplsConfigured": true, "vlanToDot1q": {"10": 10}})"}).status,

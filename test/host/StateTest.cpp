@@ -125,6 +125,22 @@ TEST(State, reconcilesTablesOfAnEarlierRun) {
                    {{"10 10.0.0.2", {{"mac", "00:00:00:00:00:00"}, {"localMultihomed", true}}}}}}));
 }
 
+// A feed of its own may write an input. That the configuration has no effect there is a problem of the switch.
+TEST(State, leavesTheTablesOfOthersAlone) {
+  RunDir runDir;
+  Memtab::OpenReport report;
+  const auto other =
+      Memtab::TableWriter<ArpSuppression::RemoteBindingKey, ArpSuppression::RemoteBinding>::open(
+          Memtab::Directory::forRunDir(runDir.path()), std::string(kRemote) + ".remoteBinding", {}, report);
+  ASSERT_TRUE(other) << report.message;
+  HostState host(runDir);
+  const json problems = host.show("switch/problems")["problem"];
+  ASSERT_TRUE(problems.contains(std::string("agent-host table ") + kRemote)) << problems;
+  EXPECT_EQ(problems.size(), 1u);
+  EXPECT_THAT(host.apply({{kRemote, {{"remoteBinding", nullptr}}}}),
+              HasSubstr("another process writes this table"));
+}
+
 // As long as the agent that publishes it is loaded: without it nobody would ever take it back.
 TEST(State, keepsWhatAgentsPublishAndNothingElse) {
   RunDir runDir;

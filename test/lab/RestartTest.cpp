@@ -59,6 +59,21 @@ TEST_F(Restart, TakesBackWhatWasPublishedWhenEvpnIsGone) {
   expectAnswered();
 }
 
+// Nobody would take it back: VLANs would be trapped for an agent that is not there.
+TEST_F(Restart, ForgetsWhatWasPublishedByAnAgentThatIsNotLoadedAnyMore) {
+  json config = this->config();
+  config["agents"] = json::array();
+  for (const char* last : {"published", "set by hand"}) {
+    switch_.start(config);
+    EXPECT_EQ(switch_.shown({"show", "arpSuppression/status"}),
+              json({{"runnable", false}, {"vlanId", json::object()}}))
+        << last;
+    EXPECT_EQ(switch_.shown({"show", "arp/input/config/arpSuppression"})["vrf"], json::object()) << last;
+    switch_.set("arpSuppression/status", {{"runnable", true}, {"vlanId", {{"10", true}}}});
+    switch_.kill();
+  }
+}
+
 // The file, changed in place.
 struct Damage {
   const char* name;
