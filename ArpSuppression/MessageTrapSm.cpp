@@ -79,11 +79,13 @@ Orb::WalkRet MessageTrapSm::walk() {
   MOX_ASSERT(kSource, "sock >= 0", socket() >= 0);
   LifeGuard guard(*this);
   Orb::EventLoop& loop = scheduler()->loop();
+  bool justRead = false;  // not in an earlier slice
   bool wasFull = false;
   for (bool yield = false; !yield;) {
-    if (batch.next == batch.count && (!socketOpen() || !readBatch())) {
+    if (batch.next == batch.count) {
       ret.moreWork = false;
-      break;
+      if (!socketOpen() || !readBatch()) break;
+      justRead = true;
     }
     wasFull = wasFull || batch.count == kBatch;
     {
@@ -97,8 +99,9 @@ Orb::WalkRet MessageTrapSm::walk() {
         yield = mustYield();
       }
     }
-    // Fewer than asked for: there were no more, and those that come now wake the socket again.
-    ret.moreWork = batch.next < batch.count || batch.count == kBatch;
+    // Just read, and fewer than asked for: there were no more, and the next one starts a walk. One that came
+    // between the slices did not.
+    ret.moreWork = batch.next < batch.count || batch.count == kBatch || !justRead;
     if (!ret.moreWork) break;
   }
   // Frames are lost behind a queue that is full; so it takes a full batch for any to be.

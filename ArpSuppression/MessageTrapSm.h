@@ -13,6 +13,8 @@ namespace ArpSuppression {
 
 // Reads the frames that the data plane traps, checks them and hands the good ones on: a request becomes the
 // trap's last message, a reply goes to the reinject queue. Everything else is counted, traced and dropped.
+// Frames are read in batches; a time slice may end between any two, and an error that the handling of one
+// raises costs that one. Frames that found no room in the receive queue are counted.
 //
 // A trapped buffer (multi-byte fields big-endian):
 //

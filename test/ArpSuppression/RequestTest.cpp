@@ -47,7 +47,6 @@ struct Case {
   std::function<void(Rig&)> setUp;
   Trapped request;
   const char* replyMac;  // null: no reply
-  bool flooded;
   const char* counters;
   char letter = 'U';              // in the trace, of how the owner is attached
   const char* summary = "";       // of `explain`
@@ -65,7 +64,6 @@ const Case kCases[] = {
      [](Rig&) {},
      {},
      nullptr,
-     true,
      "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1",
      'U',
      "nothing says who has the address"},
@@ -73,7 +71,6 @@ const Case kCases[] = {
      [](Rig& rig) { rig.neighbour("10.0.0.99", kHostMac); },
      {},
      nullptr,
-     true,
      "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1",
      'U',
      "the kernel knows who has the address"},
@@ -84,7 +81,6 @@ const Case kCases[] = {
      },
      {},
      kOtherMac,
-     false,
      "replyRemote=1 trappedRequest=1"},
     {"EVPN-learned MAC is remote",
      [](Rig& rig) {
@@ -93,7 +89,6 @@ const Case kCases[] = {
      },
      {},
      kHostMac,
-     false,
      "replyRemote=1 trappedRequest=1",
      'R'},
     {"target on a local port answers itself",
@@ -103,7 +98,6 @@ const Case kCases[] = {
      },
      {},
      nullptr,
-     false,
      "noReplyTargetLocal=1 trappedRequest=1",
      'S'},
     {"the FID of the VLAN counts",
@@ -115,26 +109,22 @@ const Case kCases[] = {
      },
      {},
      nullptr,
-     false,
      "noReplyTargetLocal=1 trappedRequest=1",
      'S'},
     {"own address is left to the switch",
      [](Rig&) {},
      {.targetIp = "10.0.0.1"},
      nullptr,
-     false,
      "targetIsMine=1 trappedRequest=1"},
     {"probe floods although the binding is known",
      [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
      {.senderIp = "0.0.0.0"},
      nullptr,
-     true,
      "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
     {"announcement floods",
      [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
      {.senderIp = "10.0.0.99"},
      nullptr,
-     true,
      "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
     {"designated forwarder leaves it",
      [](Rig& rig) {
@@ -143,7 +133,6 @@ const Case kCases[] = {
      },
      {},
      nullptr,
-     false,
      "noReplyTargetLocal=1 trappedRequest=1",
      'D'},
     {"designated forwarder that asks itself gets a binding",
@@ -153,7 +142,6 @@ const Case kCases[] = {
      },
      {.senderMac = kBridgeMac},
      nullptr,
-     false,
      "replyMultihomedDf=1 staticBindingEvent=1 trappedRequest=1",
      'D'},
     {"not the designated forwarder: answered",
@@ -163,7 +151,6 @@ const Case kCases[] = {
      },
      {},
      kHostMac,
-     false,
      "replyMultihomedNonDf=1 trappedRequest=1",
      'N'},
     {"not the designated forwarder, the switch asks, both MACs known: the remote one",
@@ -174,7 +161,6 @@ const Case kCases[] = {
      },
      {.senderMac = kBridgeMac},
      nullptr,
-     false,
      "replyMultihomedNonDf=1 staticBindingEvent=1 trappedRequest=1",
      'N'},
     {"not the designated forwarder, the switch asks, only the kernel knows: flooded",
@@ -184,7 +170,6 @@ const Case kCases[] = {
      },
      {.senderMac = kBridgeMac},
      nullptr,
-     true,
      "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1",
      'N',
      "the kernel knows who has the address"},
@@ -195,38 +180,32 @@ const Case kCases[] = {
      },
      {.ifIndex = Rig::kEthernet2},
      nullptr,
-     false,
      "replyMultihomedNonDf=1 noReplySamePort=1 trappedRequest=1",
      'N'},
     {"port without an interface",
      [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
      {.ifIndex = Rig::kFabric},
      nullptr,
-     false,
      "replyRemote=1 noReplyUnknownSourcePort=1 trappedRequest=1"},
     {"port that nobody knows",
      [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
      {.ifIndex = 4711},
      nullptr,
-     false,
      "replyRemote=1 noReplyUnknownSourcePort=1 trappedRequest=1"},
     {"the switch asks: a static binding is asked for",
      [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
      {.senderMac = kBridgeMac},
      nullptr,
-     false,
      "replyRemote=1 staticBindingEvent=1 trappedRequest=1"},
     {"the switch asks for its own MAC",
      [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kBridgeMac); },
      {.senderMac = kBridgeMac},
      nullptr,
-     false,
      "replyRemote=1 staticBindingBridgeMac=1 trappedRequest=1"},
     {"the switch asks for what is no host's",
      [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", "01:00:5e:00:00:01"); },
      {.senderMac = kBridgeMac},
      nullptr,
-     false,
      "replyRemote=1 trappedRequest=1",
      'U',
      "the answer is no unicast MAC",
@@ -239,7 +218,6 @@ const Case kCases[] = {
      },
      {.senderMac = kVirtualMac},
      nullptr,
-     false,
      "replyRemote=1 staticBindingVirtualRouterMac=1 trappedRequest=1"},
     {"fabric went away",
      [](Rig& rig) {
@@ -248,7 +226,6 @@ const Case kCases[] = {
      },
      {},
      nullptr,
-     false,
      "replyRemote=1 noReplyFabricNotUsable=1 trappedRequest=1"},
     {"without an interface there is no kernel entry and no static binding, but an answer",
      [](Rig& rig) {
@@ -258,7 +235,6 @@ const Case kCases[] = {
      },
      {},
      kHostMac,
-     false,
      "replyRemote=1 trappedRequest=1"},
     {"the switch asks on a VLAN that lost its interface",
      [](Rig& rig) {
@@ -267,20 +243,17 @@ const Case kCases[] = {
      },
      {.senderMac = kBridgeMac},
      nullptr,
-     false,
      "replyRemote=1 staticBindingNoVlanL3Info=1 trappedRequest=1"},
-    {"trapped reply goes on", [](Rig&) {}, {.operation = 2}, nullptr, true, "trappedReply=1 reinjected=1"},
+    {"trapped reply goes on", [](Rig&) {}, {.operation = 2}, nullptr, "trappedReply=1 reinjected=1"},
     {"a foreign tag does not change the VLAN",
      [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
      {.tagged = true, .tag = 20},
      kHostMac,
-     false,
      "replyRemote=1 trappedRequest=1"},
     {"extra data is counted and answered",
      [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
      {.extra = 32},
      kHostMac,
-     false,
      "replyRemote=1 trapExtraData=1 trappedRequest=1"},
 };
 
@@ -351,7 +324,7 @@ TEST(Request, decision_table) {
       EXPECT_EQ(0, std::memcmp(replies[0].data() + 26, mac(c.replyMac).bytes().data(), 6));
     }
     // A flooded message goes back as it came.
-    if (c.flooded) {
+    if (counters.ends_with("reinjected=1")) {
       EXPECT_THAT(rig.reinjected(), ElementsAre(frame));
     } else {
       EXPECT_THAT(rig.reinjected(), IsEmpty());
@@ -464,175 +437,6 @@ TEST(Request, sockets_that_cannot_be_opened_at_start_leave_records_and_replies_a
         " activeLocalChanged=no"}) {
     EXPECT_NE(latestRecord(record), "") << record;
   }
-}
-
-// Of frames that one system call reads, one that is refused, or whose handler raises an error, costs itself
-// only, and a time slice may end behind each.
-TEST(Trap, frames_of_a_batch_are_handled_one_by_one) {
-  Rig rig;
-  rig.remoteBinding(10, "10.0.0.99", kHostMac);
-  rig.start();
-  const auto& trap = rig.root()->receivedRequestTrap;
-  Mox::Notifiee<MessageTrap> watch(trap);
-  watch.on(MessageTrap::lastTrappedMessageChanged, [&] {
-    if (trap->lastTrappedMessage()->senderIpAddress() == ip("10.0.0.66")) throw Mox::RangeError("no good");
-  });
-  int batches = 0;
-  watch.on(MessageTrap::inBatchChanged, [&] { batches += trap->inBatch(); });
-  auto malformed = Trapped{}.frame();
-  malformed[34] = std::byte{8};
-  const std::vector<TestSupport::Frame> frames = {Trapped{}.frame(),
-                                                  malformed,
-                                                  Trapped{.vlan = 20}.frame(),
-                                                  Trapped{}.frame(),
-                                                  Trapped{.senderIp = "10.0.0.66"}.frame(),
-                                                  Trapped{.operation = 2}.frame(),
-                                                  Trapped{}.frame()};
-  for (const bool yielding : {false, true}) {
-    SCOPED_TRACE(yielding);
-    rig.takeCounters();
-    rig.errors.clear();
-    if (yielding) rig.tasks().mustYieldForTestIs([] { return true; });
-    batches = 0;
-    for (const auto& frame : frames) rig.sockets.device(Rig::kArpsnoop).receives(frame);
-    rig.settle();
-    EXPECT_EQ(batches, yielding ? 7 : 1);
-    EXPECT_THAT(rig.replies(), SizeIs(4)) << "the error came behind the answer";
-    EXPECT_THAT(rig.reinjected(), ElementsAre(frames[5]));
-    EXPECT_EQ(
-        rig.takeCounters(),
-        "replyRemote=4 trapMalformed=1 trapVlanNotEnabled=1 trappedRequest=4 trappedReply=1 reinjected=1");
-    EXPECT_THAT(rig.errors, EndsWith(": no good\n"));
-    EXPECT_EQ(std::count(rig.errors.begin(), rig.errors.end(), '\n'), 1);
-  }
-}
-
-TEST(Trap, what_the_receive_queue_has_no_room_for_is_counted_once) {
-  Rig rig;
-  rig.remoteBinding(10, "10.0.0.99", kHostMac);
-  rig.start();
-  rig.takeCounters();
-  unsigned lost = 0;
-  unsigned queued = 0;
-  while (lost < 5) {
-    if (rig.sockets.device(Rig::kArpsnoop).receives(Trapped{}.frame()) == 1) {
-      ++queued;
-    } else {
-      ++lost;
-    }
-  }
-  rig.settle();
-  const std::string all = std::to_string(queued);
-  EXPECT_EQ(rig.takeCounters(), "replyRemote=" + all + " trappedRequest=" + all + " trapDropped=5");
-  for (int i = 0; i < 64; ++i) rig.sockets.device(Rig::kArpsnoop).receives(Trapped{}.frame());
-  rig.settle();
-  EXPECT_EQ(rig.takeCounters(), "replyRemote=64 trappedRequest=64");
-}
-
-TEST(Trap, malformed_frames_of_every_kind_are_counted_and_dropped) {
-  Rig rig;
-  rig.remoteBinding(10, "10.0.0.99", kHostMac);
-  rig.start();
-  rig.takeCounters();
-  const auto good = Trapped{}.frame();
-  const auto tagged = Trapped{.tagged = true}.frame();
-  const auto changed = [](TestSupport::Frame frame, std::size_t at, unsigned value) {
-    frame[at] = static_cast<std::byte>(value);
-    return frame;
-  };
-  const auto cut = [](TestSupport::Frame frame, std::size_t size) {
-    frame.resize(size);
-    return frame;
-  };
-  const struct {
-    const char* name;
-    TestSupport::Frame frame;
-    const char* counters;
-  } cases[] = {
-      {"one short of the trap header", cut(good, 27), "trapMalformed=1"},
-      {"the trap header and nothing else", cut(good, 28), "trapMalformed=1"},
-      {"one short of the inner type", cut(good, 29), "trapMalformed=1"},
-      {"the inner type and nothing else", cut(good, 30), "trapMalformed=1"},
-      {"one short of ARP", cut(good, 57), "trapMalformed=1"},
-      {"cut inside the tag", cut(tagged, 33), "trapMalformed=1"},
-      {"tag and nothing else", cut(tagged, 34), "trapMalformed=1"},
-      {"tagged, one short of ARP", cut(tagged, 61), "trapMalformed=1"},
-      {"VLAN 0", changed(good, 19, 0), "trapMalformed=1"},
-      {"VLAN 4095", changed(changed(good, 18, 0x0f), 19, 0xff), "trapMalformed=1"},
-      {"VLAN beyond 16 bits", changed(good, 16, 1), "trapMalformed=1"},
-      {"VLAN 4094, not enabled", changed(changed(good, 18, 0x0f), 19, 0xfe), "trapVlanNotEnabled=1"},
-      {"IPv6 inside", changed(changed(good, 28, 0x86), 29, 0xdd), "trapMalformed=1"},
-      {"tag with IPv4 inside", changed(changed(tagged, 32, 8), 33, 0), "trapMalformed=1"},
-      {"two tags", changed(changed(tagged, 32, 0x81), 33, 0), "trapMalformed=1"},
-      {"not Ethernet", changed(good, 31, 6), "trapMalformed=1"},
-      {"not IPv4", changed(good, 32, 0x86), "trapMalformed=1"},
-      {"hardware length", changed(good, 34, 8), "trapMalformed=1"},
-      {"protocol length", changed(good, 35, 16), "trapMalformed=1"},
-      {"reverse request", changed(good, 37, 3), "trapNotRequestOrReply=1"},
-      {"operation 0x0101", changed(good, 36, 1), "trapNotRequestOrReply=1"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    rig.trap(c.frame);
-    EXPECT_EQ(rig.takeCounters(), c.counters);
-  }
-  // What has no Ethernet type, or another one, does not pass a socket of the trap's own; the parser refuses
-  // it all the same.
-  MessageTrapSm& trapSm = *rig.rootSm()->messageTrapSm();
-  trapSm.processMessage({});
-  trapSm.processMessage(cut(good, 1));
-  trapSm.processMessage(changed(good, 13, 0x36));
-  EXPECT_EQ(rig.takeCounters(), "trapMalformed=3");
-  EXPECT_THAT(rig.replies(), IsEmpty());
-  EXPECT_THAT(rig.reinjected(), IsEmpty());
-  rig.trap(good);
-  EXPECT_THAT(rig.replies(), SizeIs(1)) << "the agent is unharmed";
-}
-
-TEST(Trap, read_errors_end_the_walk_and_the_next_frame_starts_a_new_one) {
-  using Call = TestSupport::FakePacketSockets::Call;
-  Rig rig;
-  rig.remoteBinding(10, "10.0.0.99", kHostMac);
-  rig.start();
-  rig.sockets.fails(Call::read, EINTR, 3);
-  rig.trap(Trapped{});
-  EXPECT_EQ(rig.takeCounters(), "replyRemote=1 trappedRequest=1");
-  rig.sockets.fails(Call::read, ENETDOWN);
-  rig.trap(Trapped{});
-  EXPECT_EQ(rig.takeCounters(), "trapReadFailed=1");
-  rig.trap(Trapped{});
-  EXPECT_EQ(rig.takeCounters(), "replyRemote=2 trappedRequest=2") << "the frame that waited, and the new one";
-}
-
-TEST(Trap, socket_follows_its_device) {
-  Rig rig;
-  rig.remoteBinding(10, "10.0.0.99", kHostMac);
-  rig.start();
-  const int open = rig.sockets.openSockets();
-  EXPECT_EQ(rig.sockets.device(Rig::kArpsnoop).bound(), 1);
-  EXPECT_EQ(rig.sockets.device(Rig::kArpinject).receiveBuffer(), 0) << "it sends only";
-  EXPECT_GT(rig.sockets.device(Rig::kArpsnoop).receiveBuffer(), 1 << 20);
-  rig.device("default", "arpsnoop", 0);
-  rig.settle();
-  EXPECT_EQ(rig.sockets.openSockets(), open - 1);
-  rig.device("default", "arpsnoop", 55);
-  rig.settle();
-  EXPECT_EQ(rig.sockets.openSockets(), open);
-  EXPECT_EQ(rig.sockets.device(55).bound(), 1);
-  rig.sockets.device(55).receives(Trapped{}.frame());
-  rig.settle();
-  EXPECT_THAT(rig.replies(), SizeIs(1));
-  // A device that cannot be bound leaves no descriptor behind; its next index is tried again.
-  rig.sockets.fails(TestSupport::FakePacketSockets::Call::bind, ENODEV);
-  rig.device("default", "arpsnoop", 56);
-  rig.settle();
-  EXPECT_EQ(rig.sockets.openSockets(), open - 1);
-  rig.device("default", "arpsnoop", 57);
-  rig.settle();
-  EXPECT_EQ(rig.sockets.device(57).bound(), 1);
-  rig.kill();
-  EXPECT_EQ(rig.sockets.openSockets(), 0);
-  EXPECT_THAT(rig.netlinkSockets.openSockets(), IsEmpty());
 }
 
 }  // namespace
