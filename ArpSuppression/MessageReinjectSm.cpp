@@ -108,7 +108,7 @@ Orb::WalkRet MessageReinjectSmBase::walk() {
       TRACE8("write failed errno=" << std::strerror(error));
       arpSuppressionCounterStatus_->increment(ArpSuppressionCounterId::reinjectWriteFailed);
       // The device's queue was full, and the kernel dropped the frame there. Dropping it makes the socket
-      // writable, which tells nothing: the queue is as full as before. What counts is a frame that leaves it.
+      // writable, which tells nothing: the queue is as full as before.
       if (error == ENOBUFS) awaitSentIs(true);
       break;
     }

@@ -103,7 +103,7 @@ void MessageTapSocketSm::openSocket() {
     return;
   }
   TRACE8("bound socket=" << sock);
-  unsentAtRefusal_ = {};
+  awaitedUnsent_ = {};
   auto descriptor = Mox::make<Orb::FileDescriptor>(scheduler()->loop(), "ArpTrap");
   try {
     descriptor->descriptorIs(sock);
@@ -140,14 +140,16 @@ void MessageTapSocketSm::closeSocket() {
 void MessageTapSocketSm::handleFileDescriptor() {
   TRACE8("scheduled=" << walkScheduled() << " readableCount=" << fileDescriptor_->readableCount()
                       << " writableCount=" << fileDescriptor_->writableCount());
-  if (unsentAtRefusal_ && Lanix::PacketSockets::current().unsent(socket()) >= *unsentAtRefusal_) return;
-  unsentAtRefusal_ = {};
+  if (awaitedUnsent_ && Lanix::PacketSockets::current().unsent(socket()) > *awaitedUnsent_) return;
+  awaitedUnsent_ = {};
   scheduleWalk();
 }
 
 void MessageTapSocketSm::awaitSentIs(bool await) {
-  unsentAtRefusal_ = {};
-  if (await) unsentAtRefusal_ = Lanix::PacketSockets::current().unsent(socket());
+  awaitedUnsent_ = {};
+  if (!await) return;
+  const int unsent = Lanix::PacketSockets::current().unsent(socket());
+  awaitedUnsent_ = unsent == 0 ? -1 : unsent / 2;
 }
 
 int MessageTapSocketSm::socket() const { return fileDescriptor_ ? fileDescriptor_->descriptor() : -1; }

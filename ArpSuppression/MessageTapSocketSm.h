@@ -36,8 +36,8 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
 
   // The open socket, or -1.
   int socket() const;
-  // After a refused write: readiness schedules the walk again once less of what was sent waits in the queue
-  // of the device than now. False: any readiness does.
+  // After a refused write: readiness does not schedule the walk before half of what waits in the queue
+  // of the device has left it; nor ever, when the queue is full of others' frames. False: any readiness does.
   void awaitSentIs(bool await);
   void dumpSocket(Orb::DumpContext& context, int indent) const;
 
@@ -55,7 +55,7 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
   Ptr<VlanL3InfoStatus> vlanL3InfoStatus_;
   Mox::Notifiee<VrfInterfaceWatch> interfaceWatch_;
   Mox::Notifiee<Orb::FileDescriptor> fileDescriptor_;
-  std::optional<int> unsentAtRefusal_;  // bytes; set while they are waited for
+  std::optional<int> awaitedUnsent_;  // bytes that may still wait; set while they are waited for
 };
 
 }  // namespace ArpSuppression

@@ -185,8 +185,16 @@ TEST(Reinject, a_failed_write_costs_one_message_and_the_rest_waits_for_the_next_
     EXPECT_EQ(rig.takeCounters(), "reinjected=4 reinjectWriteFailed=1");
   }
 
-  // The refused frame's own end and those of all that waited in the device's queue are one readiness.
-  device.unsentAre({1000, 0});
+  // The refused frame's own end tells nothing. Together with those of half the frames that waited it does.
+  device.unsentAre({1000, 600});
+  for (int i = 0; i < 4; ++i) queue->enqueueMessage(message({}));
+  rig.sockets.fails(TestSupport::FakePacketSockets::Call::send, ENOBUFS);
+  rig.settle();
+  EXPECT_EQ(queue->messages(), 3u);
+  queue->messageDelAll();
+  rig.settle();
+  rig.takeCounters();
+  device.unsentAre({1000, 500});
   for (int i = 0; i < 4; ++i) queue->enqueueMessage(message({}));
   rig.sockets.fails(TestSupport::FakePacketSockets::Call::send, ENOBUFS);
   rig.settle();
