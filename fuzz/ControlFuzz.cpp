@@ -90,9 +90,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     loop.errorHandlerIs([](const char* where, const char* what) { Fuzz::check(false, where, what); });
     const auto tasks = Mox::make<Orb::TaskSchedulerRoot>(loop);
     Host::State state(loop, tasks, folder.path(), {}, nullptr, [](const std::string&) {});
-    state.build(Host::Config());
+    const Mox::Result<> built = state.build(Host::Config());
+    Fuzz::check(static_cast<bool>(built), "the state of an empty configuration", built.error());
     const Host::ControlCommands::Agents agents;
-    Host::ControlServer server(tasks->scheduler(), state, agents, [](const std::string&) {});
+    Host::ControlServer server(tasks->scheduler(), state, agents);
     const std::string answers = answersTo(loop, server, requests, user);
     if (!monitors(requests)) checkAnswers(answers, requestsIn(requests));
   }

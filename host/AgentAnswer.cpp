@@ -80,11 +80,9 @@ class AgentAnswers::SmallJob final : public ControlJob {
 // The text that a copy writes into a pipe, passed on as whole lines.
 class AgentAnswers::LargeJob final : public ControlJob {
  public:
-  LargeJob(AgentAnswers& answers, pid_t copy, int descriptor)
-      : answers_(answers),
-        copy_(copy),
-        descriptor_(descriptor),
-        ready_(Mox::make<Orb::FileDescriptor>(answers.loop_, "agent answer")) {
+  LargeJob(Orb::EventLoop& loop, Copy& copy, int descriptor)
+      : copy_(&copy), descriptor_(descriptor), ready_(Mox::make<Orb::FileDescriptor>(loop, "agent answer")) {
+    copy.job = this;
     ready_.on(Orb::FileDescriptor::readableCountChanged, [this] { wake(); });
     ready_->descriptorIs(descriptor_);
     ready_->nonBlockingIs(true);
@@ -95,14 +93,21 @@ class AgentAnswers::LargeJob final : public ControlJob {
   ~LargeJob() override {
     ready_->descriptorIs(-1);
     close(descriptor_);
-    answers_.kill(copy_);
+    if (!copy_) return;
+    copy_->job = nullptr;
+    ::kill(copy_->id, SIGKILL);  // not waited for yet, so the number is still its own
+  }
+
+  void handleEnded() {
+    copy_ = nullptr;
+    wake();
   }
 
   Step step(std::string& output) override {
     std::array<char, kTextPerSlice> bytes;
     const ssize_t got = read(descriptor_, bytes.data(), bytes.size());
     if (got < 0) return errno == EINTR ? Step::more : Step::waiting;
-    if (got == 0) return end(output);
+    if (got == 0) return copy_ ? Step::waiting : end(output);
     text_.append(bytes.data(), static_cast<std::size_t>(got));
     if (text_.find('\n') != std::string::npos) text_.erase(0, ControlCommands::appendText(output, text_));
     return Step::more;
@@ -120,8 +125,7 @@ class AgentAnswers::LargeJob final : public ControlJob {
     return Step::done;
   }
 
-  AgentAnswers& answers_;
-  const pid_t copy_;
+  Copy* copy_;  // null: it has ended
   const int descriptor_;
   std::string text_;  // read, and not passed on
   Mox::Notifiee<Orb::FileDescriptor> ready_;
@@ -186,19 +190,14 @@ Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::runLarge(Orb::AgentComman
   copy->ended.on(Orb::FileDescriptor::readableCountChanged, [this, copy] { handleEnded(copy); });
   copy->ended->descriptorIs(handle);
   copy->ended->notifyOnReadableIs(true);
-  return std::unique_ptr<ControlJob>(std::make_unique<LargeJob>(*this, id, ends[0]));
-}
-
-void AgentAnswers::kill(pid_t id) {
-  for (const Copy& copy : copies_) {
-    if (copy.id == id) ::kill(id, SIGKILL);  // not waited for yet, so the number is still its own
-  }
+  return std::unique_ptr<ControlJob>(std::make_unique<LargeJob>(loop_, *copy, ends[0]));
 }
 
 void AgentAnswers::handleEnded(std::list<Copy>::iterator copy) {
   waitpid(copy->id, nullptr, 0);
   copy->ended->descriptorIs(-1);
   close(copy->handle);
+  if (copy->job) copy->job->handleEnded();
   copies_.erase(copy);
 }
 

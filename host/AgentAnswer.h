@@ -39,18 +39,19 @@ class AgentAnswers {
   class SmallJob;
   class LargeJob;
 
-  // A copy of the process, until it has been waited for.
+  // A copy of the process, until it has been waited for. Its answer is over no earlier, so that a client who
+  // has one can ask for the next.
   struct Copy {
     pid_t id = 0;
     uid_t user = 0;
-    int handle = -1;  // becomes readable at its end (pidfd_open(2))
+    LargeJob* job = nullptr;  // null: its client has gone
+    int handle = -1;          // becomes readable at its end (pidfd_open(2))
     Mox::Notifiee<Orb::FileDescriptor> ended;
   };
   Mox::Result<std::unique_ptr<ControlJob>> runSmall(Orb::AgentCommandCallback& command,
                                                     const std::vector<Mox::String>& arguments);
   Mox::Result<std::unique_ptr<ControlJob>> runLarge(Orb::AgentCommandCallback& command,
                                                     const std::vector<Mox::String>& arguments, uid_t user);
-  void kill(pid_t id);
   void handleEnded(std::list<Copy>::iterator copy);
 
   Orb::EventLoop& loop_;
