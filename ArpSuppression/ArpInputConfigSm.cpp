@@ -1,8 +1,8 @@
 #include "ArpSuppression/ArpInputConfigSm.h"
 
 #include <bit>
+#include <optional>
 
-#include "Arp/Neighbour.h"
 #include "ArpSuppression/Trace.h"
 #include "Orb/FeatureSwitch.h"
 
@@ -25,8 +25,8 @@ using Installation = KernelDynamicEntryInstallation;
 // Goes before every interface in the order of keys.
 constexpr auto kBeforeAll = std::bit_cast<Lanix::IntfId>(std::array<std::uint8_t, 16>{});
 
-// The output's entries of a key. An IPv6 address without an interface is one key of the VRF, although an
-// entry names an interface as well: all entries of the address are the key's.
+// The output's entries of a key. A global IPv6 address is one key of the VRF, although an entry names an
+// interface as well: all entries of the address are the key's. A link-local one is a key of its interface.
 template <class Visit>
 void forEachEntry(const ArpInputVrfConfig& config, const VrfIpAddress& key, Visit&& visit) {
   if (key.ipAddress.isIpv4()) {
@@ -35,25 +35,28 @@ void forEachEntry(const ArpInputVrfConfig& config, const VrfIpAddress& key, Visi
     return;
   }
   const auto& entries = config.ipv6Collection();
-  const NeighborEntryKey first{key.ipAddress.ipv6(), key.intfId ? key.intfId : kBeforeAll};
-  for (auto at = entries.lowerBound(first); at != entries.end() && at->key.addr == first.addr; ++at) {
-    if (key.intfId && at->key.intf != key.intfId) break;
-    visit(at->key.intf, at->value);
+  const Lanix::Ip6Addr address = key.ipAddress.ipv6();
+  if (address.isLinkLocal()) {
+    if (const ArpEntryInput* entry = entries.find({address, key.intfId})) visit(key.intfId, *entry);
+    return;
   }
+  for (auto at = entries.lowerBound({address, kBeforeAll}); at != entries.end() && at->key.addr == address;
+       ++at)
+    visit(at->key.intf, at->value);
 }
 
-// Removes the key's entries but the one on `kept`; true when there were any.
-bool removeEntries(ArpInputVrfConfig& config, const VrfIpAddress& key, const Lanix::IntfId& kept = {}) {
+// Removes the key's entries but the one on `kept`; true when there were any. An entry may be on no interface
+// at all: an operator or an earlier run can have left one.
+bool removeEntries(ArpInputVrfConfig& config, const VrfIpAddress& key,
+                   const std::optional<Lanix::IntfId>& kept = std::nullopt) {
   if (key.ipAddress.isIpv4()) return !kept && config.ipv4Del(key.ipAddress.ipv4());
-  bool removed = false;
-  for (bool more = true; more; removed = removed || more) {
-    Lanix::IntfId stray;
+  for (bool removed = false;; removed = true) {
+    std::optional<Lanix::IntfId> stray;
     forEachEntry(config, key, [&](const Lanix::IntfId& intf, const ArpEntryInput&) {
       if (intf != kept) stray = intf;
     });
-    more = stray && config.ipv6Del({key.ipAddress.ipv6(), stray});
+    if (!stray || !config.ipv6Del({key.ipAddress.ipv6(), *stray})) return removed;
   }
-  return removed;
 }
 
 }  // namespace
@@ -80,7 +83,11 @@ ArpInputConfigSm::ArpInputConfigSm(
       arpStatus_(arpStatus),
       arpStatusHelper_(std::move(arpStatus)),
       arpInputConfig_(std::move(arpInputConfig)),
-      arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)) {
+      arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)),
+      installer_(this->scheduler()->loop(),
+                 [this](const KernelInstaller::Request& request, const Mox::Result<>& result) {
+                   handleInstalled(request, result);
+                 }) {
   l2VpnConfig_.onAny([this](Mox::EventId) { reevaluate(); });
   localBindingRecord_.on(LocalBindingRecord::bindingChanged,
                          [this](const VrfIpAddress& key) { updateVrfIpAddress(key, false); });
@@ -279,29 +286,33 @@ bool ArpInputConfigSm::updateEntry(std::uint8_t arpType, const VrfIpAddress& key
     config->ipv6Is({key.ipAddress.ipv6(), wanted.intf}, wanted);
   }
   const bool local = arpType == kArpTypeLocal;
-  const Installation installation =
-      local ? install(key, *info, wanted.mac) : Installation::kernelDynamicEntryInstallationNotAttempted;
-  TRACE8("updated=" << key << " vlanIdMacAddress=" << vlanIdMacAddress << " dynamicOrPermanent="
-                    << yesNo(dynamicOrPermanent) << " existing=" << yesNo(entries != 0)
-                    << " kernelDynamicEntryInstallation=" << installation);
+  const KernelInstaller::Request written{key, vlanIdMacAddress, info->kniIntfIfIndex(), dynamicOrPermanent,
+                                         entries != 0};
+  if (local) {
+    installer_.add(written);
+  } else {
+    traceUpdated(written, Installation::kernelDynamicEntryInstallationNotAttempted);
+  }
   arpSuppressionCounterStatus_->increment(
       entries == 0 ? (local ? Counter::arpInputNewLocal : Counter::arpInputNewRemote)
                    : (local ? Counter::arpInputUpdatedLocal : Counter::arpInputUpdatedRemote));
   return true;
 }
 
-Installation ArpInputConfigSm::install(const VrfIpAddress& key, const VlanL3Info& vlanL3Info,
-                                       const Lanix::EthAddr& mac) {
-  const std::uint32_t socket = key.vrfInfo->netlinkSocket();
-  const std::uint32_t ifIndex = vlanL3Info.kniIntfIfIndex();
-  const int error = key.ipAddress.isIpv4()
-                        ? Arp::ipNeighAdd(socket, ifIndex, key.ipAddress.ipv4(), mac, Arp::kNudReachable)
-                        : Arp::ip6NeighAdd(socket, ifIndex, key.ipAddress.ipv6(), mac, Arp::kNudReachable);
-  if (error != 0) TRACELET_RECORD("kernel neighbour refused ipAddress={} errno={}", key.ipAddress, error);
-  arpSuppressionCounterStatus_->increment(error == 0 ? Counter::kernelInstallSuccess
-                                                     : Counter::kernelInstallFailed);
-  return error == 0 ? Installation::kernelDynamicEntryInstallationSuccess
-                    : Installation::kernelDynamicEntryInstallationFailed;
+void ArpInputConfigSm::traceUpdated(const KernelInstaller::Request& written,
+                                    Installation installation) const {
+  TRACE8("updated=" << written.key << " vlanIdMacAddress=" << written.station << " dynamicOrPermanent="
+                    << yesNo(written.dynamicOrPermanent) << " existing=" << yesNo(written.existing)
+                    << " kernelDynamicEntryInstallation=" << installation);
+}
+
+void ArpInputConfigSm::handleInstalled(const KernelInstaller::Request& request, const Mox::Result<>& result) {
+  if (!result)
+    TRACELET_RECORD("kernel neighbour refused ipAddress={} errno={}", request.key.ipAddress, result.number());
+  traceUpdated(request, result ? Installation::kernelDynamicEntryInstallationSuccess
+                               : Installation::kernelDynamicEntryInstallationFailed);
+  arpSuppressionCounterStatus_->increment(result ? Counter::kernelInstallSuccess
+                                                 : Counter::kernelInstallFailed);
 }
 
 void ArpInputConfigSm::deleteEntry(const VrfIpAddress& key) {

@@ -8,6 +8,7 @@
 #include "Arp/Table.h"
 #include "ArpSuppression/ArpInputConfigTrigger.h"
 #include "ArpSuppression/ArpStatusHelper.h"
+#include "ArpSuppression/KernelInstaller.h"
 #include "ArpSuppression/LocalBinding.h"
 #include "ArpSuppression/RemoteBindingStatus.h"
 #include "Mox/Notifiee.h"
@@ -67,7 +68,8 @@ class ArpInputConfigVlanL3InfoSm final : public Mox::Entity {
 //   nothing            none; but a host on a segment that this switch shares, whose remote binding has just
 //                      gone, is written once more as a dynamic entry (ARP type 1), for the kernel to refresh
 //
-// Entries of type 1 also go into the kernel at once, through the VRF's netlink socket.
+// Entries of type 1 also go straight into the kernel, through the VRF's netlink socket, at the end of the
+// loop's turn; what became of that is counted then.
 //
 // A key is decided when one of its bindings or its kernel neighbour changes, and when the trigger says so.
 // Everything is decided again, by a walk in slices, when a VLAN's layer-3 info or the layer-2 VPN
@@ -142,8 +144,9 @@ class ArpInputConfigSm final : public Orb::WalkSmBase {
   // creates none and leaves one of another ARP type alone.
   bool updateEntry(std::uint8_t arpType, const VrfIpAddress& key, bool onlyUpdate,
                    const VlanIdMacAddress& vlanIdMacAddress, bool dynamicOrPermanent);
-  KernelDynamicEntryInstallation install(const VrfIpAddress& key, const VlanL3Info& vlanL3Info,
-                                         const Lanix::EthAddr& mac);
+  void traceUpdated(const KernelInstaller::Request& written,
+                    KernelDynamicEntryInstallation installation) const;
+  void handleInstalled(const KernelInstaller::Request& request, const Mox::Result<>& result);
   void deleteEntry(const VrfIpAddress& key);
   // The entry of a key that nothing serves is to stay for now; it is looked at again.
   bool awaited(const VrfIpAddress& key);
@@ -167,6 +170,7 @@ class ArpInputConfigSm final : public Orb::WalkSmBase {
   ArpStatusHelper arpStatusHelper_;
   Ptr<Arp::ArpInputConfig> arpInputConfig_;
   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;
+  KernelInstaller installer_;
 
   WalkStage walkStage_ = WalkStage::walkLocalBindingRecord;
   VrfIpAddress localBindingRecordBookmark_;

@@ -1,19 +1,18 @@
 #include "Lanix/NetlinkSocket.h"
 
 #include <linux/netlink.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <utility>
 
 #include "Lanix/Descriptor.h"
 #include "Lanix/NamespaceGuard.h"
+#include "Mox/Assert.h"
 
 namespace Lanix {
 
@@ -21,6 +20,8 @@ namespace {
 
 NetlinkSockets* replaced_ = nullptr;
 std::uint32_t sequence_ = 0;  // of the last request of any socket
+
+constexpr char kSource[] = "Lanix/NetlinkSocket";
 
 // Reads one message header at `at` of a datagram, whose alignment is not known.
 template <class T>
@@ -30,19 +31,17 @@ bool readAt(std::span<const std::byte> datagram, std::size_t at, T& value) {
   return true;
 }
 
-// The answer to request `sequence` in a datagram: 0 or an errno; -1 when it is not in there.
-int acknowledgement(std::span<const std::byte> datagram, std::uint32_t sequence) {
+// Calls back with the sequence number and the error, 0 or an errno, of each answer in a datagram.
+template <class Callback>
+void forEachAnswer(std::span<const std::byte> datagram, const Callback& callback) {
   nlmsghdr header{};
   for (std::size_t at = 0; readAt(datagram, at, header); at += NLMSG_ALIGN(header.nlmsg_len)) {
     if (header.nlmsg_len < sizeof header || header.nlmsg_len > datagram.size() - at) break;
     std::int32_t error = 0;
-    if (header.nlmsg_type == NLMSG_ERROR && header.nlmsg_seq == sequence &&
-        readAt(datagram, at + NLMSG_HDRLEN, error)) {
-      // Errors are negative; anything else but 0 is nothing that the kernel says.
-      return error == 0 ? 0 : error < 0 && error > -4096 ? -error : EBADMSG;
-    }
+    if (header.nlmsg_type != NLMSG_ERROR || !readAt(datagram, at + NLMSG_HDRLEN, error)) continue;
+    // Errors are negative; anything else but 0 is nothing that the kernel says.
+    callback(header.nlmsg_seq, error == 0 ? 0 : error < 0 && error > -4096 ? -error : EBADMSG);
   }
-  return -1;
 }
 
 }  // namespace
@@ -79,11 +78,6 @@ ssize_t NetlinkSockets::receive(int socket, std::span<std::byte> into) {
   }
 }
 
-bool NetlinkSockets::waitReadable(int socket, int milliseconds) {
-  pollfd wait{socket, POLLIN, 0};
-  return ::poll(&wait, 1, milliseconds) != 0;  // after an error receive says what it is
-}
-
 std::uint32_t openNetlinkSocket(const NamespaceName& netNs) {
   int socket = -1;
   int error = 0;
@@ -103,36 +97,55 @@ void closeNetlinkSocket(std::uint32_t socket) {
   if (socket != 0) NetlinkSockets::current().close(static_cast<int>(socket));
 }
 
-int netlinkRequest(std::uint32_t socket, std::span<std::byte> message) {
-  using Clock = std::chrono::steady_clock;
-  if (socket == 0) return ENOTCONN;
+void NetlinkBatch::add(std::span<const std::byte> message) {
   nlmsghdr header{};
-  if (!readAt(message, 0, header)) return EINVAL;
+  MOX_ASSERT(kSource, "!full() && message.size() % NLMSG_ALIGNTO == 0",
+             !full() && message.size() % NLMSG_ALIGNTO == 0 && readAt(message, 0, header));
   header.nlmsg_len = static_cast<std::uint32_t>(message.size());
   header.nlmsg_flags |= NLM_F_REQUEST | NLM_F_ACK;
   header.nlmsg_seq = ++sequence_;
   header.nlmsg_pid = 0;
-  std::memcpy(message.data(), &header, sizeof header);
+  const std::size_t at = bytes_.size();
+  bytes_.insert(bytes_.end(), message.begin(), message.end());
+  std::memcpy(&bytes_[at], &header, sizeof header);
+  sequences_.push_back(header.nlmsg_seq);
+}
 
+std::vector<Mox::Result<>> NetlinkBatch::send() {
   NetlinkSockets& sockets = NetlinkSockets::current();
-  const int descriptor = static_cast<int>(socket);
-  if (!sockets.send(descriptor, message)) return errno;
-  const auto end = Clock::now() + std::chrono::milliseconds(kNetlinkPatienceMs);
-  std::array<std::byte, 4096> datagram;
-  while (true) {
-    const ssize_t got = sockets.receive(descriptor, datagram);
-    if (got >= 0) {
-      const std::size_t size = std::min(datagram.size(), static_cast<std::size_t>(got));
-      const int answer = acknowledgement(std::span(datagram).first(size), header.nlmsg_seq);
-      if (answer >= 0) return answer;
-    } else if (errno != EAGAIN && errno != ENOBUFS) {  // ENOBUFS: something was lost, maybe not this one
-      return errno;
-    }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-    if (left <= 0) return ETIMEDOUT;
-    // Other datagrams may be there already: they are taken first.
-    if (got < 0 && !sockets.waitReadable(descriptor, static_cast<int>(left))) return ETIMEDOUT;
+  const int descriptor = static_cast<int>(socket_);
+  constexpr int kNoAnswer = -1;
+  std::vector<int> errors(size(), kNoAnswer);
+  std::size_t awaited = size();
+  if (socket_ == 0 || !sockets.send(descriptor, bytes_)) {
+    errors.assign(size(), socket_ == 0 ? ENOTCONN : errno);
+    awaited = 0;
   }
+  std::array<std::byte, 4096> datagram;
+  while (awaited != 0) {
+    const ssize_t got = sockets.receive(descriptor, datagram);
+    if (got < 0) {
+      if (errno == ENOBUFS) continue;  // told once: some were lost, those that are there come next
+      break;
+    }
+    const std::size_t used = std::min(datagram.size(), static_cast<std::size_t>(got));
+    forEachAnswer(std::span(datagram).first(used), [&](std::uint32_t sequence, int error) {
+      const auto of = std::find(sequences_.begin(), sequences_.end(), sequence);
+      if (of == sequences_.end()) return;
+      int& answer = errors[static_cast<std::size_t>(of - sequences_.begin())];
+      if (answer == kNoAnswer) --awaited;
+      answer = error;
+    });
+  }
+  bytes_.clear();
+  sequences_.clear();
+  std::vector<Mox::Result<>> results;
+  results.reserve(errors.size());
+  for (const int answer : errors) {
+    const int error = answer == kNoAnswer ? ETIMEDOUT : answer;
+    results.push_back(error == 0 ? Mox::Result<>() : Mox::Failure{std::strerror(error), error});
+  }
+  return results;
 }
 
 }  // namespace Lanix

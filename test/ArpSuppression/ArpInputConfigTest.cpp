@@ -112,6 +112,16 @@ TEST_F(ArpInput, bindingsOfBothFamiliesAreProgrammedInTheVrfOfTheirVlan) {
                                      "red 2001:db8::5 Vlan20 02:00:00:00:00:01 0",
                                      "red fe80::5 Vlan20 02:00:00:00:00:02 0"));
   noRemote(10, "10.0.0.5");
+  EXPECT_EQ(entries().size(), 2u) << "the last IPv4 neighbour of a VRF takes none of IPv6 along";
+  // Entries on no interface, which somebody else left, hide none of the address and go with it.
+  for (const char* address : {"2001:db8::5", "2001:db8::6", "fe80::6"}) {
+    for (const Lanix::IntfId& where : {Lanix::IntfId(), intf("Vlan10")})
+      output()->vrf("red")->ipv6Is({ip(address).ipv6(), where}, {mac(kMac2), where, 0, false});
+  }
+  rig.rootSm()->arpInputConfigSm()->reevaluate();
+  rig.settle();
+  EXPECT_THAT(entries(), ElementsAre("red 2001:db8::5 Vlan20 02:00:00:00:00:01 0",
+                                     "red fe80::5 Vlan20 02:00:00:00:00:02 0"));
   noRemote(20, "2001:db8::5");
   noRemote(20, "fe80::5");
   EXPECT_EQ(output()->vrfs(), 0u);
@@ -159,6 +169,52 @@ TEST_F(ArpInput, aLocalBindingWinsAndGoesIntoTheKernelAtOnce) {
   rig.netlinkSockets.says(std::vector<std::byte>(16, std::byte{0xff}));
   local(10, "10.0.0.10");
   EXPECT_EQ(rig.takeCounters(Rig::Of::arpInput), "kernelInstallFailed=1 arpInputNewLocal=1");
+}
+
+// What one turn asks for goes to the kernel together and nothing is waited for; what is too much for a turn,
+// with the next ones. A VRF that has left by then gets nothing.
+TEST_F(ArpInput, neighboursOfATurnGoIntoTheKernelTogether) {
+  rig.vrf("blue", 6);
+  rig.vlanInterface(20, "blue", 8, "10.0.20.1/24");
+  start();
+  const auto learn = [&](std::uint32_t vlan, int bindings) {
+    static int number = 0;
+    for (int i = 0; i < bindings; ++i, ++number) {
+      const std::string address = "10.1." + std::to_string(number / 250) + "." + std::to_string(number % 250);
+      rig.root()->localBindingRecord->createLocalBinding(key(vlan, address.c_str()),
+                                                         {Vlan(vlan), mac(kMac1)});
+    }
+  };
+  const struct {
+    const char* what;
+    int sendError;
+    bool vrfLeaves;
+    std::vector<int> datagrams;
+    const char* counters;
+  } cases[] = {
+      {"one datagram a VRF", 0, false, {3, 3}, "kernelInstallSuccess=6 arpInputNewLocal=6"},
+      {"the socket refuses", EPERM, false, {}, "kernelInstallFailed=6 arpInputNewLocal=6"},
+      {"blue has left", 0, true, {3}, "kernelInstallSuccess=3 kernelInstallFailed=3 arpInputNewLocal=6"},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.what);
+    for (int i = 0; i < 3; ++i) {
+      learn(10, 1);
+      learn(20, 1);
+    }
+    rig.netlinkSockets.failsToSendWith(test.sendError);
+    if (test.vrfLeaves) rig.noVrf("blue");
+    rig.turn();
+    EXPECT_EQ(rig.netlinkSockets.takeDatagrams(), test.datagrams);
+    EXPECT_EQ(rig.takeCounters(Rig::Of::arpInput), test.counters);
+    rig.netlinkSockets.failsToSendWith(0);
+    rig.settle();
+    rig.takeCounters(Rig::Of::arpInput);
+  }
+  learn(10, 300);
+  rig.settle();
+  EXPECT_THAT(rig.netlinkSockets.takeDatagrams(), ElementsAre(64, 64, 64, 64, 44));
+  EXPECT_EQ(rig.takeCounters(Rig::Of::arpInput), "kernelInstallSuccess=300 arpInputNewLocal=300");
 }
 
 // What the kernel has for the address of a local binding decides whether an entry is needed.

@@ -85,21 +85,27 @@ class FakeNetlinkSockets final : public Lanix::NetlinkSockets {
   std::vector<std::string> neighbours() const;
   // Requests are answered with this errno, until it is 0.
   void refusesRequestsWith(int error) { requestError_ = error; }
-  // That many requests are answered too late, at the next one.
-  void answersLate(int requests) { late_ = requests; }
+  // The answers to that many datagrams of requests are too late: they come with the next one's.
+  void answersLate(int datagrams) { late_ = datagrams; }
+  // Sending fails with this errno, until it is 0.
+  void failsToSendWith(int error) { sendError_ = error; }
+  // How many requests each datagram held; empty from here on.
+  std::vector<int> takeDatagrams() { return std::exchange(datagrams_, {}); }
   // Goes before the next answer as it is.
   void says(std::vector<std::byte> datagram) { answers_.push_back(std::move(datagram)); }
 
   bool send(int socket, std::span<const std::byte> message) override;
   ssize_t receive(int socket, std::span<std::byte> into) override;
-  // Nothing comes later than it came: a wait is over at once.
-  bool waitReadable(int /*socket*/, int /*milliseconds*/) override { return false; }
 
  private:
+  void request(int socket, std::span<const std::byte> message);
+
   using Neighbour = std::tuple<std::string, int, std::string>;
   std::map<Neighbour, std::string> neighbours_;
   std::deque<std::vector<std::byte>> answers_;
+  std::vector<int> datagrams_;
   int requestError_ = 0;
+  int sendError_ = 0;
   int late_ = 0;
   bool silent_ = false;
   int error_ = 0;

@@ -31,8 +31,25 @@ std::vector<std::string> FakeNetlinkSockets::neighbours() const {
   return lines;
 }
 
+bool FakeNetlinkSockets::send(int socket, std::span<const std::byte> messages) {
+  if (sendError_ != 0) {
+    errno = sendError_;
+    return false;
+  }
+  int count = 0;
+  for (; messages.size() >= sizeof(nlmsghdr); ++count) {
+    const auto length = std::min<std::size_t>(readAt<nlmsghdr>(messages, 0).nlmsg_len, messages.size());
+    request(socket, messages.first(length));
+    messages = messages.subspan(length);
+  }
+  datagrams_.push_back(count);
+  silent_ = late_ > 0;
+  if (silent_) --late_;
+  return true;
+}
+
 // As the kernel reads RTM_NEWNEIGH, but it wants all three attributes.
-bool FakeNetlinkSockets::send(int socket, std::span<const std::byte> message) {
+void FakeNetlinkSockets::request(int socket, std::span<const std::byte> message) {
   const auto header = readAt<nlmsghdr>(message, 0);
   const auto neighbour = readAt<ndmsg>(message, NLMSG_HDRLEN);
   std::string address, mac, protocol;
@@ -67,9 +84,6 @@ bool FakeNetlinkSockets::send(int socket, std::span<const std::byte> message) {
   answer.body.error = -error;
   const auto bytes = std::as_bytes(std::span(&answer, 1));
   answers_.emplace_back(bytes.begin(), bytes.end());
-  silent_ = late_ > 0;
-  if (silent_) --late_;
-  return true;
 }
 
 ssize_t FakeNetlinkSockets::receive(int /*socket*/, std::span<std::byte> into) {

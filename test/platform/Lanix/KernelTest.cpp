@@ -19,6 +19,7 @@
 #include "Lanix/EthDevPam.h"
 #include "Lanix/NamespaceGuard.h"
 #include "Lanix/Namespaces.h"
+#include "Lanix/Neighbour.h"
 #include "Lanix/NetlinkSocket.h"
 #include "Lanix/PacketSockets.h"
 #include "Lanix/RawTxPam.h"
@@ -166,6 +167,25 @@ TEST_F(KernelTest, SocketsReceiveBatchesAndTellOfLossesAndErrors) {
 }
 
 // A daemon that was started without its standard descriptors.
+TEST_F(KernelTest, EachRequestOfABatchIsAnsweredWithinTheSend) {
+  const std::uint32_t socket = openNetlinkSocket(netNs_);
+  ASSERT_NE(socket, 0u);
+  constexpr std::uint32_t kLoopback = 1, kNoDevice = 4711;
+  for (int round = 0; round < 4; ++round) {
+    NetlinkBatch batch(socket);
+    for (std::uint32_t i = 0; !batch.full(); ++i) {
+      Arp::ipNeighAdd(batch, i % 3 == 0 ? kNoDevice : kLoopback, IpAddr(0x0a000000 + i),
+                      EthAddr({2, 0, 0, 0, 0, 1}), Arp::kNudReachable, 110);
+    }
+    const auto results = batch.send();
+    ASSERT_EQ(results.size(), NetlinkBatch::kMost);
+    for (std::size_t i = 0; i < results.size(); ++i)
+      EXPECT_EQ(results[i].number(), i % 3 == 0 ? ENODEV : 0) << i << " " << results[i].error();
+    EXPECT_EQ(batch.size(), 0u);
+  }
+  closeNetlinkSocket(socket);
+}
+
 TEST_F(KernelTest, SocketsKeepClearOfTheStandardDescriptors) {
   EXPECT_EXIT(
       {

@@ -1,16 +1,11 @@
-#include "Arp/Neighbour.h"
+#include "Lanix/Neighbour.h"
 
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
 #include <array>
-#include <cstddef>
-#include <cstring>
 #include <span>
-
-#include "Arp/InputConfig.h"
-#include "Lanix/NetlinkSocket.h"
 
 namespace Arp {
 
@@ -27,13 +22,13 @@ struct NewNeighbour {
   Lanix::EthAddr mac;
   std::uint16_t padding = 0;
   nlattr protocol{NLA_HDRLEN + 1, NDA_PROTOCOL};
-  std::array<std::uint8_t, 4> protocolValue{kSourceArpSuppression};
+  std::array<std::uint8_t, 4> protocolValue{};
 };
 static_assert(sizeof(NewNeighbour<Lanix::IpAddr>) == 56 && sizeof(NewNeighbour<Lanix::Ip6Addr>) == 68);
 
 template <class Address>
-int neighAdd(std::uint8_t family, std::uint32_t netlinkSocket, std::uint32_t ifIndex, const Address& address,
-             const Lanix::EthAddr& mac, std::uint16_t state) {
+void neighAdd(std::uint8_t family, Lanix::NetlinkBatch& batch, std::uint32_t ifIndex, const Address& address,
+              const Lanix::EthAddr& mac, std::uint16_t state, std::uint8_t protocol) {
   NewNeighbour<Address> request;
   request.header.nlmsg_type = RTM_NEWNEIGH;
   request.header.nlmsg_flags = NLM_F_CREATE | NLM_F_REPLACE;
@@ -42,19 +37,20 @@ int neighAdd(std::uint8_t family, std::uint32_t netlinkSocket, std::uint32_t ifI
   request.neighbour.ndm_state = state;
   request.address = address;
   request.mac = mac;
-  return Lanix::netlinkRequest(netlinkSocket, std::as_writable_bytes(std::span(&request, 1)));
+  request.protocolValue[0] = protocol;
+  batch.add(std::as_bytes(std::span(&request, 1)));
 }
 
 }  // namespace
 
-int ipNeighAdd(std::uint32_t netlinkSocket, std::uint32_t ifIndex, const Lanix::IpAddr& address,
-               const Lanix::EthAddr& mac, std::uint16_t state) {
-  return neighAdd(AF_INET, netlinkSocket, ifIndex, address, mac, state);
+void ipNeighAdd(Lanix::NetlinkBatch& batch, std::uint32_t ifIndex, const Lanix::IpAddr& address,
+                const Lanix::EthAddr& mac, std::uint16_t state, std::uint8_t protocol) {
+  neighAdd(AF_INET, batch, ifIndex, address, mac, state, protocol);
 }
 
-int ip6NeighAdd(std::uint32_t netlinkSocket, std::uint32_t ifIndex, const Lanix::Ip6Addr& address,
-                const Lanix::EthAddr& mac, std::uint16_t state) {
-  return neighAdd(AF_INET6, netlinkSocket, ifIndex, address, mac, state);
+void ip6NeighAdd(Lanix::NetlinkBatch& batch, std::uint32_t ifIndex, const Lanix::Ip6Addr& address,
+                 const Lanix::EthAddr& mac, std::uint16_t state, std::uint8_t protocol) {
+  neighAdd(AF_INET6, batch, ifIndex, address, mac, state, protocol);
 }
 
 }  // namespace Arp
