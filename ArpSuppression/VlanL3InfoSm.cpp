@@ -1,11 +1,9 @@
 #include "ArpSuppression/VlanL3InfoSm.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "ArpSuppression/Trace.h"
 #include "L3/VrfName.h"
-#include "Lanix/NetlinkSocket.h"
 #include "Mox/Assert.h"
 
 namespace ArpSuppression {
@@ -21,8 +19,6 @@ Ptr<Ip::VrfStatusLocal> makeUpDefaultVrf() {
 }
 
 }  // namespace
-
-// --- VlanL3InfoSm ----------------------------------------------------------------------------------------
 
 VlanL3InfoSm::VlanL3InfoSm(Ptr<Orb::TaskScheduler> scheduler,
                            Ptr<const ArpSuppressionStatus> arpSuppressionStatus,
@@ -154,7 +150,7 @@ void VlanL3InfoSm::updateVlanId(Bridging::VlanId vlanId) {
     const Ptr<Ip::IpIntfStatus> status = ipStatus_ ? ipStatus_->ipIntfStatus(named) : nullptr;
     if (!status) {
       TRACE8("No ipIntfStatus vlanId=" << vlanId);
-    } else if (status->vrfName().size() > L3::VrfName::maxLength) {
+    } else if (!L3::VrfName::valid(status->vrfName())) {
       TRACE8("VRF name too long vlanId=" << vlanId << " vrfName=" << status->vrfName());
     } else {
       vrfName = status->vrfName();
@@ -195,7 +191,7 @@ Orb::WalkRet VlanL3InfoSm::walk() {
   vlanIdBookmark_ = {};
   while (next != published.end()) {
     const Bridging::VlanId vlanId = next->first;
-    updateVlanId(vlanId);
+    scheduler()->loop().dispatch("VlanL3InfoSm", [&] { updateVlanId(vlanId); });
     ++ret.processed;
     next = published.upperBound(vlanId);  // the handler may have changed the collection
     if (next != published.end() && mustYield()) {
@@ -220,7 +216,12 @@ void VlanL3InfoSm::updateVrfId(const Ptr<VrfInfo>& vrfInfo) {
 }
 
 void VlanL3InfoSm::updateVrfInfoSm(const Mox::String& vrfName) {
-  L3::VrfName::check(vrfName);
+  // Not raised: the error would end in the hands of whoever wrote the name.
+  if (!L3::VrfName::valid(vrfName)) {
+    TRACE8(L3::VrfName::kTooLong);
+    TRACELET_RECORD("vrfName={}: {}", vrfName, L3::VrfName::kTooLong);
+    return;
+  }
   const Ptr<VrfInfo> vrfInfo = vlanL3InfoStatus_->vrfInfo(vrfName);
   Ptr<const Ip::VrfStatusLocal> vrfStatusLocal;
   if (allVrfStatusLocal_) vrfStatusLocal = allVrfStatusLocal_->vrf(vrfName);
@@ -289,209 +290,6 @@ void VlanL3InfoSm::VlanL3AddrSm::handleActiveAddr() {
   for (const Lanix::IpGenPrefix& secondary : ipIntfStatus_->activeSecondaryAddr()) {
     vlanL3Info_->ipAddressIs(secondary.address(), true);
   }
-}
-
-// --- VrfInfoSm -------------------------------------------------------------------------------------------
-
-VrfInfoSm::VrfInfoSm(Ptr<Orb::TaskScheduler> scheduler, Ptr<VrfInfo> vrfInfo,
-                     Ptr<const Ip::VrfStatusLocal> vrfStatusLocal, Ptr<VlanL3InfoStatus> vlanL3InfoStatus,
-                     Ptr<Interface::NetNsIntfStatusManagerRoot> netNsIntfStatusManagerRoot,
-                     Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir,
-                     Ptr<const Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir,
-                     Ptr<Interface::DeviceIntfStatusDir> deviceIntfStatusDir,
-                     Ptr<Statedb::EntityManager> entityMgr)
-    : WalkSmBase(std::move(scheduler), "Vrf-" + vrfInfo->vrfName()),
-      vrfInfo_(std::move(vrfInfo)),
-      vrfStatusLocal_(std::move(vrfStatusLocal)),
-      vlanL3InfoStatus_(std::move(vlanL3InfoStatus)),
-      netNsIntfStatusManagerRoot_(std::move(netNsIntfStatusManagerRoot)),
-      allIntfStatusDir_(std::move(allIntfStatusDir)),
-      allIntfStatusLocalDir_(std::move(allIntfStatusLocalDir)),
-      deviceIntfStatusDir_(std::move(deviceIntfStatusDir)),
-      entityMgr_(std::move(entityMgr)) {
-  vrfInfo_
-      .on(VrfInfo::interfaceWatchChanged,
-          [this](const Mox::String& intfName) { handleInterfaceWatch(intfName); })
-      .on(VrfInfo::vrfIdChanged, [this] { updateVrfInfo(false); });
-  vrfStatusLocal_.on(Ip::VrfStatusLocal::stateChanged, [this] { handleVrfStatusLocal(); })
-      .on(Ip::VrfStatusLocal::networkNamespaceChanged, [this] { handleVrfStatusLocal(); });
-  kniInterfaceInfo_.on(KernelNetInfo::Status::interfaceChanged,
-                       [this](const Mox::String& deviceName) { handleInterfaceByDeviceName(deviceName); });
-  handleInitialized();
-}
-
-VrfInfoSm::~VrfInfoSm() { handleDestroy(); }
-
-void VrfInfoSm::handleInitialized() {
-  TRACE8("");
-  updateVrfInfo(false);
-}
-
-void VrfInfoSm::handleDestroy() {
-  TRACE8("");
-  updateVrfInfo(true);
-}
-
-void VrfInfoSm::handleVrfStatusLocal() { updateVrfInfo(false); }
-
-void VrfInfoSm::handleInterfaceWatch(const Mox::String& intfName) {
-  const Ptr<VrfInterfaceWatch> watch(vrfInfo_->interfaceWatch(intfName));
-  if (!watch) return;
-  TRACE8("watch=" << watch);
-  updateInterfaceWatch(watch);
-}
-
-void VrfInfoSm::handleInterfaceByDeviceName(const Mox::String& deviceName) {
-  // Watches of one VRF may differ in upper and lower case only; there are few of them.
-  for (Ptr<VrfInterfaceWatch> watch = watchFrom(""); watch;) {
-    const Mox::String intfName = watch->intfName();
-    if (watch->kniIntfName() == deviceName) {
-      TRACE8("watch=" << watch);
-      LifeGuard guard(*this);
-      updateInterfaceWatch(watch);
-      if (!guard.alive()) return;
-    }
-    const auto next = vrfInfo_->interfaceWatchCollection().upperBound(intfName);
-    watch = next == vrfInfo_->interfaceWatchCollection().end() ? nullptr : next->second;
-  }
-}
-
-void VrfInfoSm::updateVrfInfo(bool forceCleanup) {
-  // Active without a namespace is a status that is still being filled in.
-  const bool nowActive = !forceCleanup && vrfStatusLocal_->state() == Ip::VrfState::active &&
-                         !vrfStatusLocal_->networkNamespace().empty() &&
-                         vrfInfo_->vrfId() != Vrf::VrfIdMap::kNoVrfId;
-  const bool wasActive = !vrfInfo_->netNs().empty();
-  if (nowActive == wasActive) {
-    MOX_ASSERT(kSource, "!wasActive || vrfInfo()->netNs() == vrfStatusLocal()->networkNamespace()",
-               !wasActive || vrfInfo_->netNs() == vrfStatusLocal_->networkNamespace());
-    return;
-  }
-  TRACE8("this=" << *this << " wasActive=" << wasActive << " nowActive=" << nowActive);
-  TRACELET_RECORD("updateVrfInfo vrfName={} wasActive={} nowActive={}", vrfInfo_->vrfName(), wasActive,
-                  nowActive);
-  if (nowActive) {
-    becomeActive();
-  } else {
-    becomeInactive(forceCleanup);
-  }
-}
-
-void VrfInfoSm::becomeInactive(bool forceCleanup) {
-  const Lanix::NamespaceName netNs = vrfInfo_->netNs();
-  const auto& vrfs = vlanL3InfoStatus_->vrfInfoCollection();
-  const bool shared = std::any_of(vrfs.begin(), vrfs.end(), [&](const auto& vrf) {
-    return vrf.second != vrfInfo_.notifier() && vrf.second->netNs() == netNs;
-  });
-  if (!shared) netNsIntfStatusManagerRoot_->netNsIntfStatusManagerDel(netNs);
-  Lanix::closeNetlinkSocket(vrfInfo_->netlinkSocket());
-  vrfInfo_->netlinkSocketIs(0);
-  kniInterfaceInfo_.notifierIs(nullptr);
-  if (entityMgr_) entityMgr_->unmount(kniPath(netNs));
-  vrfInfo_->netNsIs("");
-  if (!forceCleanup) {
-    scheduleInterfaceWatchUpdate();
-    return;
-  }
-  // This reactor ends: its walk will not come any more. VLANs that hear of it may go, and their watches with
-  // them.
-  const Ptr<VrfInfo> vrfInfo = vrfInfo_.notifier();
-  vrfInfo_.notifierIs(nullptr);
-  vrfStatusLocal_.notifierIs(nullptr);
-  const auto& watches = vrfInfo->interfaceWatchCollection();
-  for (auto next = watches.begin(); next != watches.end();) {
-    const Mox::String intfName = next->first;
-    const Ptr<VrfInterfaceWatch> watch(next->second);
-    watch->kniIntfIfIndexIs(0);
-    if (const auto info = Mox::dynamicPtrCast<VlanL3Info>(watch)) vlanL3InfoStatus_->vlanUpdated(*info);
-    next = watches.upperBound(intfName);
-  }
-}
-
-void VrfInfoSm::becomeActive() {
-  const Lanix::NamespaceName netNs = vrfStatusLocal_->networkNamespace();
-  vrfInfo_->netNsIs(netNs);
-  if (!entityMgr_) {
-    scheduleInterfaceWatchUpdate();
-    return;
-  }
-  const std::uint32_t socket = Lanix::openNetlinkSocket(netNs);
-  if (socket == 0) TRACE8("no netlink socket in namespace " << netNs);
-  vrfInfo_->netlinkSocketIs(socket);
-  const auto kniRoot = Mox::dynamicPtrCast<const KernelNetInfo::Status>(
-      entityMgr_->mount(kniPath(netNs), "KernelNetInfo::Status", "r"));
-  kniInterfaceInfo_.notifierIs(kniRoot);
-  const auto manager = netNsIntfStatusManagerRoot_->netNsIntfStatusManagerIs(
-      netNs, kniRoot, allIntfStatusDir_, allIntfStatusLocalDir_, deviceIntfStatusDir_);
-  manager->kernelOnlyInterfaceIs("cpu", "Cpu");
-  scheduleInterfaceWatchUpdate();
-}
-
-void VrfInfoSm::scheduleInterfaceWatchUpdate() {
-  TRACE8("");
-  scheduleWalk();
-}
-
-bool VrfInfoSm::walkStartedNotification() {
-  interfaceWatchBookmark_.clear();
-  return true;
-}
-
-Ptr<VrfInterfaceWatch> VrfInfoSm::watchFrom(const Mox::String& intfName) const {
-  const auto& watches = vrfInfo_->interfaceWatchCollection();
-  const auto at = watches.lowerBound(intfName);
-  return at == watches.end() ? Ptr<VrfInterfaceWatch>() : Ptr<VrfInterfaceWatch>(at->second);
-}
-
-Orb::WalkRet VrfInfoSm::walk() {
-  LifeGuard guard(*this);
-  Orb::WalkRet ret;
-  Ptr<VrfInterfaceWatch> watch = watchFrom(interfaceWatchBookmark_);
-  interfaceWatchBookmark_.clear();
-  while (watch) {
-    const Mox::String intfName = watch->intfName();
-    updateInterfaceWatch(watch);
-    ++ret.processed;
-    if (!guard.alive()) return ret;  // the last VLAN of the VRF went with the announcement
-    const auto& watches = vrfInfo_->interfaceWatchCollection();
-    const auto next = watches.upperBound(intfName);
-    watch = next == watches.end() ? nullptr : next->second;
-    if (watch && mustYield()) {
-      interfaceWatchBookmark_ = watch->intfName();
-      ret.moreWork = true;
-      break;
-    }
-  }
-  return ret;
-}
-
-void VrfInfoSm::updateInterfaceWatch(const Ptr<VrfInterfaceWatch>& watch) {
-  std::uint32_t ifIndex = 0;
-  if (vrfInfo_->usable() && kniInterfaceInfo_)
-    ifIndex = kniInterfaceInfo_->interface(watch->kniIntfName()).ifIndex;
-  LifeGuard guard(*this);
-  const Ptr<VlanL3InfoStatus> status = vlanL3InfoStatus_;
-  watch->kniIntfIfIndexIs(ifIndex);
-  if (!guard.alive()) return;
-  TRACE8("watch=" << watch << " ifIndex=" << ifIndex);
-  if (const auto info = Mox::dynamicPtrCast<VlanL3Info>(watch)) status->vlanUpdated(*info);
-}
-
-Mox::String VrfInfoSm::kniPath(const Lanix::NamespaceName& netNs) const {
-  return "kni/ns/" + netNs + "/status";
-}
-
-Mox::String VrfInfoSm::toStrep() const { return "<VrfInfoSm " + vrfInfo_->toStrep() + ">"; }
-
-void VrfInfoSm::dumpState(Orb::DumpContext& context, int indent) const {
-  context.line(indent, "VrfInfoSm");
-  context.attribute(indent, "vrfInfo", vrfInfo_->toStrep());
-  context.attribute(indent, "vrfStatusLocal",
-                    Mox::toStrep(vrfStatusLocal_->state()) + " " + vrfStatusLocal_->networkNamespace());
-  context.attribute(
-      indent, "kniRoot",
-      kniInterfaceInfo_ ? std::to_string(kniInterfaceInfo_->interfaces()) + " interfaces" : "NULL");
-  context.attribute(indent, "interfaceWatchBookmark", interfaceWatchBookmark_);
 }
 
 }  // namespace ArpSuppression

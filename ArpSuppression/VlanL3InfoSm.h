@@ -3,68 +3,14 @@
 #include <map>
 
 #include "ArpSuppression/EnabledVlans.h"
-#include "ArpSuppression/VlanL3Info.h"
-#include "Interface/NetNsIntfStatusManager.h"
+#include "ArpSuppression/VrfInfoSm.h"
 #include "Ip/Status.h"
-#include "KernelNetInfo/Status.h"
 #include "Mox/Notifiee.h"
 #include "Orb/WalkSm.h"
-#include "Statedb/EntityManager.h"
 #include "Suppression/Status.h"
 #include "Vrf/VrfIdMap.h"
 
 namespace ArpSuppression {
-
-// Serves one VRF: while its local status is active and its id known, records the VRF's namespace, holds a
-// netlink socket in it and resolves the kernel index of every interface that is watched in the VRF. Its end
-// undoes all of that at once.
-class VrfInfoSm final : public Orb::WalkSmBase {
- public:
-  VrfInfoSm(Ptr<Orb::TaskScheduler> scheduler, Ptr<VrfInfo> vrfInfo,
-            Ptr<const Ip::VrfStatusLocal> vrfStatusLocal, Ptr<VlanL3InfoStatus> vlanL3InfoStatus,
-            Ptr<Interface::NetNsIntfStatusManagerRoot> netNsIntfStatusManagerRoot,
-            Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir,
-            Ptr<const Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir,
-            Ptr<Interface::DeviceIntfStatusDir> deviceIntfStatusDir, Ptr<Statedb::EntityManager> entityMgr);
-  ~VrfInfoSm() override;
-
-  const Ptr<const Ip::VrfStatusLocal>& vrfStatusLocal() const { return vrfStatusLocal_.notifier(); }
-
-  Mox::String toStrep() const;
-  void dumpState(Orb::DumpContext& context, int indent) const;
-
- private:
-  Orb::WalkRet walk() override;
-  bool allowWalkRestarts() const override { return true; }
-  bool walkStartedNotification() override;
-
-  void handleInitialized();
-  void handleDestroy();
-  void handleVrfStatusLocal();
-  void handleInterfaceWatch(const Mox::String& intfName);
-  void handleInterfaceByDeviceName(const Mox::String& deviceName);
-
-  void updateVrfInfo(bool forceCleanup);
-  void becomeActive();
-  void becomeInactive(bool forceCleanup);
-  void scheduleInterfaceWatchUpdate();
-  void updateInterfaceWatch(const Ptr<VrfInterfaceWatch>& watch);
-  // The first watch whose name is not less than `intfName`; null at the end.
-  Ptr<VrfInterfaceWatch> watchFrom(const Mox::String& intfName) const;
-  Mox::String kniPath(const Lanix::NamespaceName& netNs) const;
-
-  Mox::Notifiee<VrfInfo> vrfInfo_;
-  Mox::Notifiee<const Ip::VrfStatusLocal> vrfStatusLocal_;
-  Ptr<VlanL3InfoStatus> vlanL3InfoStatus_;
-  Ptr<Interface::NetNsIntfStatusManagerRoot> netNsIntfStatusManagerRoot_;
-  Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir_;
-  Ptr<const Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir_;
-  Ptr<Interface::DeviceIntfStatusDir> deviceIntfStatusDir_;
-  Ptr<Statedb::EntityManager> entityMgr_;
-  Mox::Notifiee<const KernelNetInfo::Status>
-      kniInterfaceInfo_;  // of the mounted namespace; none while not mounted
-  Mox::String interfaceWatchBookmark_;
-};
 
 // Keeps VlanL3InfoStatus true: for each VLAN that is published or enabled and has an IP interface, an entry
 // in the VRF of that interface, with the interface's addresses; for each VRF, its id, and a VrfInfoSm while
