@@ -12,14 +12,22 @@ ReverseMapper::ReverseMapper(Mox::Ptr<const Status> status, Mox::Ptr<NameToIdMap
 void ReverseMapper::handleVrfId(VrfId id) {
   const auto entry = status_->vrfIdToNameEntry(id);
   const Mox::String name = entry ? entry->toStrep() : Mox::String();
-  if (Mox::String* old = known_.find(id)) {
+  if (const Mox::String* old = known_.find(id)) {
     const Mox::String oldName = *old;
     if (oldName == name) return;
     known_.take(id);
-    if (nameToIdMap_->vrfId(oldName) == id) nameToIdMap_->vrfNameToIdDel(oldName);
+    std::vector<VrfId>& ids = idsOf_[oldName];
+    std::erase(ids, id);
+    if (!ids.empty()) {
+      nameToIdMap_->vrfNameToIdIs(oldName, ids.back());
+    } else {
+      idsOf_.erase(oldName);
+      nameToIdMap_->vrfNameToIdDel(oldName);
+    }
   }
   if (name.empty()) return;
   known_.insert(id, name);
+  idsOf_[name].push_back(id);
   nameToIdMap_->vrfNameToIdIs(name, id);
 }
 

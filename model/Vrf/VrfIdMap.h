@@ -2,8 +2,10 @@
 
 #include <array>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "L3/VrfName.h"
 #include "Memtab/Entity.h"
@@ -53,7 +55,7 @@ class NameToIdMap final : public Mox::Entity {
 };
 
 // Keeps a NameToIdMap in step with the status, beginning with the ids that are there already. A name that
-// several ids claim has the one that came last.
+// several ids claim has the one that came last, and the one before when that goes.
 class ReverseMapper final : public Mox::Entity {
  public:
   ReverseMapper(Mox::Ptr<const Status> status, Mox::Ptr<NameToIdMap> nameToIdMap);
@@ -64,6 +66,7 @@ class ReverseMapper final : public Mox::Entity {
   Mox::Notifiee<const Status> status_;
   Mox::Ptr<NameToIdMap> nameToIdMap_;
   Mox::Map<VrfId, Mox::String> known_;
+  std::map<Mox::String, std::vector<VrfId>> idsOf_;  // in order of arrival
 };
 
 }  // namespace Vrf::VrfIdMap
