@@ -119,8 +119,7 @@ ArpSuppressionSm::MacConnectionType ArpSuppressionSm::getMacConnectionType(
     TRACE8("No fdb vlanId=" << vlanId << " macAddress=" << mac);
     return Type::unknown;
   }
-  const bool isRemote =
-      !Bridging::isEntryTypeLocal(entry.entryType) || Bridging::isEntryTypeEvpn(entry.entryType);
+  const bool isRemote = !entry.isLocal();
   TRACE8("vlanId=" << vlanId << " macAddress=" << mac << " fdbEntryType=" << entry.entryType
                    << " intfId=" << entry.intf << " isRemote=" << isRemote);
   if (isRemote) return Type::remote;
@@ -160,7 +159,7 @@ void ArpSuppressionSm::lookAhead(int round, Bridging::VlanId vlanId,
   const RemoteBindingKey key{vlanId, targetIpAddress};
   const auto& bindings = remoteBindingConfig_->remoteBindingCollection();
   const auto owner = [&] {
-    return Bridging::HostKey{fidOf(vlanId), remoteBindingConfig_->remoteBinding(key).macAddress};
+    return Bridging::HostKey{fidOf(vlanId), bindings.peek(key).value_or(RemoteBinding{}).macAddress};
   };
   switch (round) {
     case 0:

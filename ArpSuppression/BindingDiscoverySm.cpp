@@ -137,7 +137,7 @@ void BindingDiscoverySm::handleTrappedRequest() {
 void BindingDiscoverySm::handleFdbStatus(const Bridging::HostKey& hostKey) {
   const VlanIdMacAddress vlanIdMacAddress{Bridging::VlanId(hostKey.fid), hostKey.macAddress};
   const Memtab::Bridging::MemtabFdbStatus fdb = bridgingStatus_->fdb(hostKey);
-  const bool isLocal = Bridging::isEntryTypeLocal(fdb.entryType) && !Bridging::isEntryTypeEvpn(fdb.entryType);
+  const bool isLocal = fdb.isLocal();
   TRACE8("fdb=" << vlanIdMacAddress << " intfId=" << fdb.intf << " entryType=" << fdb.entryType
                 << " isLocal=" << yesNo(isLocal));
   if (isLocal) {

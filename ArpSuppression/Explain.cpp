@@ -120,10 +120,8 @@ class Explanation {
            "the MAC table does not know who asks; another port than the owner's is assumed");
       return true;
     }
-    const bool local =
-        Bridging::isEntryTypeLocal(entry.entryType) && !Bridging::isEntryTypeEvpn(entry.entryType);
     sourcePort_ = entry.intf;
-    return needs("sourceIsLocal", local, "who asks is on a port of this switch",
+    return needs("sourceIsLocal", entry.isLocal(), "who asks is on a port of this switch",
                  "who asks is behind the overlay, and what comes from there is never trapped") &&
            (fact("sourcePort", entry.intf.toStrep(), "it comes from " + entry.intf.toStrep()), true);
   }

@@ -47,6 +47,11 @@ struct MemtabFdbStatus {
   ::Bridging::EntryType entryType = ::Bridging::EntryType::none;
   Lanix::IntfId intf;
 
+  // The station is on a port of this switch: not remote, and not learned from an EVPN route.
+  constexpr bool isLocal() const {
+    return ::Bridging::isEntryTypeLocal(entryType) && !::Bridging::isEntryTypeEvpn(entryType);
+  }
+
   static constexpr auto moxFields() {
     return std::tuple(Mox::Field("entryType", &MemtabFdbStatus::entryType),
                       Mox::Field("intf", &MemtabFdbStatus::intf));

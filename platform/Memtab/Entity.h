@@ -82,6 +82,8 @@ class Collection final : public TableBase {
     }
     return std::nullopt;
   }
+  // For callers that look ahead: nothing also where a value cannot be had at once, and nothing is reported.
+  std::optional<Value> peek(const Key& key) const { return reader_ ? reader_->peek(key) : std::nullopt; }
   void prefetchTags(const Key& key) const {
     if (reader_) reader_->prefetchTags(key);
   }

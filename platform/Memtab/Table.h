@@ -62,6 +62,12 @@ class TableReader {
     if (!view_.lookup(typename Types::Static{}, toWords(key).data(), value.data())) return std::nullopt;
     return fromWords<Value>(value.data());
   }
+  // What can be had at once, see TableView::peek.
+  std::optional<Value> peek(const Key& key) const {
+    WordsOf<Value> value;
+    if (!view_.peek(typename Types::Static{}, toWords(key).data(), value.data())) return std::nullopt;
+    return fromWords<Value>(value.data());
+  }
   Value lookupOr(const Key& key, const Value& otherwise) { return lookup(key).value_or(otherwise); }
   void prefetchTags(const Key& key) const {
     view_.prefetchTags(typename Types::Static{}, toWords(key).data());

@@ -42,6 +42,9 @@ class TableView {
   template <class S>
   bool lookup(const S& shape, const std::uint32_t* key, std::uint32_t* value);
   bool lookup(const std::uint32_t* key, std::uint32_t* value) { return lookup(shape_, key, value); }
+  // The same for callers that only look ahead: what cannot be had at once counts as no entry.
+  template <class S>
+  bool peek(const S& shape, const std::uint32_t* key, std::uint32_t* value) const;
 
   // For callers that know several keys ahead: bring what a look-up of the key touches into the processor's
   // cache, first the tags of its bucket, and once they are there the entry itself. No effect that can be
@@ -75,6 +78,8 @@ class TableView {
 
   const Segment* followed();
   [[noreturn]] void raiseDamaged() const;
+  template <class S>
+  static bool settledValue(const S& shape, const Probe& at, std::uint32_t* value);
   bool slowValue(const std::uint32_t* slot, const std::uint32_t* key, std::uint32_t* value) const;
 
   std::shared_ptr<Segment> current_;
@@ -102,16 +107,24 @@ bool TableView::lookup(const S& shape, const std::uint32_t* key, std::uint32_t* 
     return false;
   }
   const Probe at = probe(*segment, shape, key, hashOf(shape, key, segment->seed()));
-  if (!at.found) return false;
-  if (isSettled(at.state)) [[likely]] {
-    const std::uint32_t* const from = at.slot + 1 + shape.keyWords();
-    for (std::uint32_t i = 0; i < shape.valueWords(); ++i) {
-      value[i] = loadWord(from + i, std::memory_order_acquire);
-    }
-    if (loadWord(at.slot, std::memory_order_relaxed) == at.state) [[likely]]
-      return true;
+  return at.found && (settledValue(shape, at, value) || slowValue(at.slot, key, value));
+}
+
+template <class S>
+bool TableView::peek(const S& shape, const std::uint32_t* key, std::uint32_t* value) const {
+  if (!current_) return false;
+  const Probe at = probe(*current_, shape, key, hashOf(shape, key, current_->seed()));
+  return at.found && settledValue(shape, at, value);
+}
+
+template <class S>
+bool TableView::settledValue(const S& shape, const Probe& at, std::uint32_t* value) {
+  if (!isSettled(at.state)) return false;
+  const std::uint32_t* const from = at.slot + 1 + shape.keyWords();
+  for (std::uint32_t i = 0; i < shape.valueWords(); ++i) {
+    value[i] = loadWord(from + i, std::memory_order_acquire);
   }
-  return slowValue(at.slot, key, value);
+  return loadWord(at.slot, std::memory_order_relaxed) == at.state;
 }
 
 template <class S>
