@@ -37,11 +37,13 @@ Orb::WalkRet ArpInputConfigSm::bindingWalk(const Bindings& bindings, VrfIpAddres
   auto at = bookmark ? bindings.lowerBound(bookmark) : bindings.begin();
   bookmark = {};
   while (at != bindings.end() && !bookmark) {
-    if constexpr (std::is_convertible_v<decltype(*at), const Ptr<RemoteIpToMac>&>) {
-      decide((*at)->vrfIpAddress(), false, *at);
-    } else {
-      updateVrfIpAddress((*at)->vrfIpAddress(), false);
-    }
+    scheduler()->loop().dispatch("ArpInputConfigSm", [&] {
+      if constexpr (std::is_convertible_v<decltype(*at), const Ptr<RemoteIpToMac>&>) {
+        decide((*at)->vrfIpAddress(), false, *at);
+      } else {
+        updateVrfIpAddress((*at)->vrfIpAddress(), false);
+      }
+    });
     ++ret.processed;
     if (++at != bindings.end() && mustYield()) bookmark = (*at)->vrfIpAddress();
   }
@@ -97,7 +99,7 @@ bool ArpInputConfigSm::vrfWalk(const Ptr<Arp::ArpInputVrfConfig>& config, const 
   const auto& ipv6 = config->ipv6Collection();
   // A decision may remove the entry it is about, and others of its address: the next one is found by key.
   const auto step = [&](const auto& entries, const auto& key, const VrfIpAddress& vrfIpAddress) {
-    updateVrfIpAddress(vrfIpAddress, false);
+    scheduler()->loop().dispatch("ArpInputConfigSm", [&] { updateVrfIpAddress(vrfIpAddress, false); });
     ++ret.processed;
     auto next = entries.lowerBound(key);
     if (next != entries.end() && next->key == key) ++next;

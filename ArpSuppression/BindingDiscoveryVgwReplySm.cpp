@@ -63,7 +63,8 @@ Orb::WalkRet BindingDiscoveryVgwReplySm::walk() {
   while (arpReplyRxPam_) {
     const Ptr<Lanix::Pkt> pkt = arpReplyRxPam_->rxPkt();
     if (!pkt) break;
-    processPacket(pkt);
+    // Nothing wakes the walk for packets that an error would leave behind.
+    scheduler()->loop().dispatch("BindingDiscoveryVgwReplySm", [&] { processPacket(pkt); });
     ++ret.processed;
     if (!guard.alive()) break;
     if (mustYield()) {

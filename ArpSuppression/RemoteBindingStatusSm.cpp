@@ -1,7 +1,6 @@
 #include "ArpSuppression/RemoteBindingStatusSm.h"
 
 #include <utility>
-#include <vector>
 
 #include "ArpSuppression/Trace.h"
 #include "Mox/Assert.h"
@@ -13,8 +12,8 @@ namespace {
 
 constexpr char kSource[] = "ArpSuppression/RemoteBindingStatusSm";
 
-// The input is read this many entries at a time; the time slice is looked at in between.
-constexpr std::size_t kEntriesPerVisit = 16;
+// Keys that are read from the input together.
+constexpr std::size_t kKeysPerVisit = 16;
 
 // "<10;02:00:00:00:00:01>"
 Mox::String shortForm(const VlanIdMacAddress& key) {
@@ -208,6 +207,9 @@ bool RemoteBindingStatusSm::walkStartedNotification() {
   TRACE8("");
   walkStage_ = WalkStage::walkRemoteBindingConfig;
   remoteBindingConfigBookmark_ = {};
+  inputHasMore_ = true;
+  inputKeys_.clear();
+  inputKeysHandled_ = 0;
   remoteBindingStatusBookmark_ = {};
   return true;
 }
@@ -226,18 +228,26 @@ Orb::WalkRet RemoteBindingStatusSm::walk() {
   return {};
 }
 
+// Keys are read a few at a time and handled one by one, in this slice or the next: what a key's binding is
+// counts when it is its turn.
 Orb::WalkRet RemoteBindingStatusSm::remoteBindingConfigWalk() {
   Orb::WalkRet ret{0, true};
-  bool more = true;
+  const auto done = [this] { return !inputHasMore_ && inputKeysHandled_ == inputKeys_.size(); };
   do {
-    more = remoteBindingConfig_->remoteBindingVisit(remoteBindingConfigBookmark_, kEntriesPerVisit,
-                                                    [&](const RemoteBindingKey& key, const RemoteBinding&) {
-                                                      ++ret.processed;
-                                                      handleRemoteBinding(key);
-                                                    });
-  } while (more && !mustYield());
-  TRACE8("finished processed=" << ret.processed << " done=" << !more);
-  if (!more) {
+    if (inputKeysHandled_ == inputKeys_.size()) {
+      inputKeys_.clear();
+      inputKeysHandled_ = 0;
+      inputHasMore_ = remoteBindingConfig_->remoteBindingVisit(
+          remoteBindingConfigBookmark_, kKeysPerVisit,
+          [this](const RemoteBindingKey& key, const RemoteBinding&) { inputKeys_.push_back(key); });
+    }
+    if (inputKeysHandled_ == inputKeys_.size()) continue;  // a stretch of the table without entries
+    const RemoteBindingKey key = inputKeys_[inputKeysHandled_++];
+    ++ret.processed;
+    scheduler()->loop().dispatch("RemoteBindingStatusSm", [&] { handleRemoteBinding(key); });
+  } while (!done() && !mustYield());
+  TRACE8("finished processed=" << ret.processed << " done=" << done());
+  if (done()) {
     remoteBindingStatus_->initialPopulationCompleteIs(true);
     walkStage_ = WalkStage::walkRemoteBindingStatus;
   }
@@ -257,7 +267,7 @@ Orb::WalkRet RemoteBindingStatusSm::remoteBindingStatusWalk() {
       ret.moreWork = true;
       break;
     }
-    updateIpToMac(ipToMac);
+    scheduler()->loop().dispatch("RemoteBindingStatusSm", [&] { updateIpToMac(ipToMac); });
     ++ret.processed;
     // The entry itself may have gone, and others come.
     next = entries.lowerBound(ipToMac->vrfIpAddress());
@@ -271,10 +281,9 @@ Orb::WalkRet RemoteBindingStatusSm::remoteBindingStatusWalk() {
 void RemoteBindingStatusSm::updateIpToMac(const Ptr<RemoteIpToMac>& ipToMac) {
   const Ptr<VrfInfo> oldVrf = ipToMac->vrfIpAddress().vrfInfo;
   const Lanix::IpGenAddr ipAddress = ipToMac->vrfIpAddress().ipAddress;
-  const auto& collection = ipToMac->vlanIdMacAddressCollection();
-  const std::vector<RemoteIpToMac::vlanIdMacAddressContainer::Element> members(collection.begin(),
-                                                                               collection.end());
-  for (const auto& [mac, oldFlag] : members) {
+  const auto& members = ipToMac->vlanIdMacAddressCollection();
+  for (std::size_t at = 0; at < members.size();) {
+    const auto [mac, oldFlag] = members.begin()[at];
     const Ptr<VlanL3Info> vlanL3Info = vlanL3InfoStatus_->vlanL3Info(mac.vlanId);
     const Ptr<VrfInfo> newVrf = vlanL3Info ? vlanL3Info->vrfInfo() : Ptr<VrfInfo>();
     const RemoteBinding remoteBinding = remoteBindingConfig_->remoteBinding({mac.vlanId, ipAddress});
@@ -286,7 +295,9 @@ void RemoteBindingStatusSm::updateIpToMac(const Ptr<RemoteIpToMac>& ipToMac) {
       TRACE8("delete ipToMac=" << ipToMac << " vlanIdMacAddress=" << mac);
       TRACELET_RECORD("delete ipToMac=<{};{};{}> vlanIdMacAddress=<{};{}>", oldVrf->vrfName(), ipAddress,
                       ipToMac->vrfIpAddress().intfId, mac.vlanId.value(), mac.macAddress);
-      unfileMac(ipToMac, mac);
+      unfileMac(ipToMac, mac);  // the next member moves up to its place
+    } else {
+      ++at;
     }
     if (newVrf && held && (newVrf != oldVrf || oldFlag != remoteBinding.localMultihomed)) {
       const VrfIpAddress newVrfIpAddress = VrfIpAddress::fromVlanL3Info(*vlanL3Info, ipAddress);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vector>
+
 #include "ArpSuppression/RemoteBindingStatus.h"
 #include "Memtab/EntityManager.h"
 #include "Mox/Notifiee.h"
@@ -72,7 +74,10 @@ class RemoteBindingStatusSm final : public Orb::WalkSmBase {
   Ptr<RemoteBindingStatus> remoteBindingStatus_;
   bool remoteBindingConfigReady_ = false;
   WalkStage walkStage_ = WalkStage::walkRemoteBindingConfig;
-  Memtab::Cursor remoteBindingConfigBookmark_;
+  Memtab::Cursor remoteBindingConfigBookmark_;  // behind the keys that were read
+  bool inputHasMore_ = true;                    // behind the bookmark
+  std::vector<RemoteBindingKey> inputKeys_;     // read last
+  std::size_t inputKeysHandled_ = 0;            // of them
   VrfIpAddress remoteBindingStatusBookmark_;
 };
 
