@@ -78,9 +78,9 @@ class ArpInputConfigVlanL3InfoSm final : public Mox::Entity {
 // start are known.
 //
 // An earlier run may have ended without taking its entries back. Those that are still wanted stay in the
-// output throughout: for a short time after a start with entries an absent VRF and a VLAN that is not usable
-// yet count as not known yet, and an entry whose binding is advertised but not filed under the VLAN's VRF yet
-// waits for it.
+// output throughout. For a short time after such a start (kTakeOverSeconds) an entry is therefore not stale
+// only because its VRF is not there or its VLAN not usable; and one whose remote binding is advertised, but
+// not filed under the VRF of its VLAN yet, stays until that is done.
 //
 // The decisions read the binding tables and change none but the flag arpStatusHasDynamicEntry. The end takes
 // everything out of the output.

@@ -28,8 +28,8 @@ namespace ArpSuppression {
 // What cannot be a host's binding is counted and traced, and changes nothing.
 class BindingDiscoverySm final : public Mox::Entity {
  public:
-  // The kernel's neighbours and their configuration are not read here: they belong to the inputs in that
-  // others make a new reactor.
+  // `arpStatus` and `arpInputConfig` are not read. They are inputs all the same: the owner makes a new
+  // reactor when one of its inputs becomes another entity.
   BindingDiscoverySm(
       Ptr<Orb::TaskSchedulerRoot> taskSchedulerRoot, Ptr<const MessageTrap> receivedRequestTrap,
       Ptr<const Bridging::Config> bridgingConfig, Ptr<const Memtab::Bridging::Status> bridgingStatus,

@@ -15,8 +15,8 @@ class BindingDiscoverySm;
 // hosts send them when the switch itself has asked. The sender of each becomes a local binding. The access to
 // the interface is open exactly while the interface is usable. The owner is referred to by plain pointer.
 //
-// Only this frame is learned from (offsets from the Ethernet header on, big-endian); every other one is
-// traced, counted and dropped. One that is padded to the least size of Ethernet, 60 bytes, is another one.
+// Only this frame is learned from (offsets from the Ethernet header on, big-endian). Every other one is
+// traced, counted and dropped; so is one that is padded to 60 bytes, the least size of an Ethernet frame.
 //
 //   | offset | size | field                                                    |
 //   |--------|------|----------------------------------------------------------|

@@ -287,7 +287,7 @@ void RemoteBindingStatusSm::updateIpToMac(const Ptr<RemoteIpToMac>& ipToMac) {
     const Ptr<VlanL3Info> vlanL3Info = vlanL3InfoStatus_->vlanL3Info(mac.vlanId);
     const Ptr<VrfInfo> newVrf = vlanL3Info ? vlanL3Info->vrfInfo() : Ptr<VrfInfo>();
     const RemoteBinding remoteBinding = remoteBindingConfig_->remoteBinding({mac.vlanId, ipAddress});
-    // The input may hold a binding of this key to another station by now: it stands in the new VRF already.
+    // The input may name another station for this key by now, which is filed under the new VRF already.
     const bool held = remoteBinding.macAddress == mac.macAddress;
     TRACE8("ipToMac=" << ipToMac << " vlanL3Info=" << vlanL3Info << " newVrf=" << newVrf
                       << " remoteBinding=" << remoteBinding);

@@ -31,8 +31,8 @@ class VrfInfo final : public Mox::Entity {
   MOX_ATTRIBUTE(Lanix::NamespaceName, netNs)
   // A descriptor of a netlink socket in that namespace; 0 for none. Without meaning while netNs is empty.
   MOX_ATTRIBUTE(std::uint32_t, netlinkSocket, 0)
-  // Who uses the VRF and which interfaces are watched in it. Neither owns; users may be gone by the time
-  // their status dies, so only the identity of a `user` counts.
+  // The users of the VRF, and the interfaces that are watched in it by name. Both are plain pointers that keep
+  // nothing alive. When the whole status goes, users may have gone before: never follow a `user`'s pointer.
   using UserIdentity = const VrfUser*;
   MOX_MAP(UserIdentity, bool, user)
   MOX_MAP(Mox::String, VrfInterfaceWatch*, interfaceWatch)

@@ -159,44 +159,6 @@ TEST(RemoteIpToMac, first_station_stays_first_until_it_is_withdrawn) {
   EXPECT_DEATH(entry->firstVlanIdMacAddress(), brokenInvariant("ArpSuppression/RemoteBindingStatus", "iter"));
 }
 
-TEST(RemoteBindingStatus, unchanged_values_tell_nobody) {
-  const auto status = Mox::make<RemoteBindingStatus>(Mox::make<VlanL3InfoStatus>());
-  std::vector<std::string> told;
-  Mox::Notifiee<RemoteBindingStatus> watch(status);
-  watch.on(RemoteBindingStatus::vlanIdChanged, [&](Vlan vlan) { told.push_back(vlan.toStrep()); })
-      .on(RemoteBindingStatus::lastVrfIpAddressChangeChanged,
-          [&](const VrfIpAddress& key) { told.push_back(key.ipAddress.toStrep()); });
-  const VrfIpAddress key{nullptr, ip("10.0.0.1"), {}};
-  for (int i = 0; i < 2; ++i) {
-    status->vlanIdIs(Vlan(10));
-    status->lastVrfIpAddressChangeIs(key);
-  }
-  for (int i = 0; i < 2; ++i) status->vlanIdDel(Vlan(10));
-  EXPECT_THAT(told, ElementsAre("10", "10.0.0.1", "10"));
-}
-
-TEST(RemoteBindingStatus, text_and_dump) {
-  const auto status = Mox::make<RemoteBindingStatus>(Mox::make<VlanL3InfoStatus>());
-  const auto station = status->macToIpIs(kA);
-  station->ipAddressIs(ip("10.0.0.1"));
-  station->ipAddressIs(ip("fe80::1"));
-  station->ipAddressIs(ip("fe80::1"));
-  EXPECT_EQ(station->ipAddresss(), 2u);
-  EXPECT_EQ(station->toStrep(),
-            "<vlanIdMacAddress=<vlanId=10 macAddress=02:00:00:00:00:0a> ipAddress=[10.0.0.1 fe80::1]");
-  status->ipToMacIs(VrfIpAddress{nullptr, ip("10.0.0.1"), {}})->vlanIdMacAddressIs(kA, true);
-  Orb::DumpContext dump(-1);
-  status->dumpState(dump, 0);
-  EXPECT_THAT(dump.text(), testing::StartsWith("RemoteBindingStatus #macToIps=1 #ipToMacs=1\n"
-                                               "initialPopulationComplete=false\n"
-                                               "macToIp:\n"
-                                               "  RemoteMacToIp <vlanId=10 macAddress=02:00:00:00:00:0a> ->\n"
-                                               "    10.0.0.1\n"
-                                               "    fe80::1\n"
-                                               "ipToMac:\n"
-                                               "  RemoteIpToMac <vrfIpAddress=<NULL;10.0.0.1;>"));
-}
-
 TEST(VrfUseTracker, vrf_stays_while_any_of_two_tables_uses_it) {
   const auto status = Mox::make<VlanL3InfoStatus>();
   const auto one = Mox::make<VrfUseTracker>(status), two = Mox::make<VrfUseTracker>(status);

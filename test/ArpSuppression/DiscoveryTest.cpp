@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "Lanix/Wire.h"
+#include "Mox/Error.h"
 #include "Orb/FeatureSwitch.h"
 #include "Rig.h"
 
@@ -82,6 +83,15 @@ TEST_F(Discovery, senders_are_learned_in_order_once_and_follow_the_latest_claim)
   EXPECT_EQ(takeCounters(), "localBindingCreated=3 localBindingAlreadyPresent=1");
   EXPECT_THAT(bindings(), ElementsAre("red 10.0.0.10 10/a"));
   EXPECT_THAT(events, ElementsAre("10.0.0.10")) << "only what was there is asked for";
+
+  // It moves to another VLAN of its VRF, and back.
+  rig.vlanInterface(30, "red", 12, "10.0.30.1/24");
+  rig.evpn()->vlanToDot1qIs(Vlan(30), 30);
+  rig.settle();
+  for (const std::uint32_t vlan : {30u, 10u}) {
+    rig.trap(Trapped{.vlan = vlan});
+    EXPECT_THAT(bindings(), ElementsAre("red 10.0.0.10 " + std::to_string(vlan) + "/a"));
+  }
 
   rig.trap(Trapped{.senderIp = "10.0.0.11"});
   rig.trap(Trapped{.vlan = 20});
@@ -382,8 +392,14 @@ TEST_F(Discovery, replies_are_drained_in_slices) {
     frame[31] = static_cast<std::byte>(host);
     EXPECT_EQ(rig.sockets.device(Rig::kVlan10).receives(frame), 1);
   }
+  // One of them is met by an error, which the others do not pay for.
+  Mox::Notifiee<LocalBindingRecord> raises{Ptr<LocalBindingRecord>(&record())};
+  raises.on(LocalBindingRecord::bindingChanged, [](const VrfIpAddress& key) {
+    if (key.ipAddress == ip("10.0.0.7")) throw Mox::RangeError("raised by the test");
+  });
   rig.settle();
-  EXPECT_EQ(takeCounters(), "localBindingCreated=20 vgwReplyAccepted=20");
+  EXPECT_EQ(takeCounters(), "localBindingCreated=19 vgwReplyAccepted=20");
+  EXPECT_EQ(std::exchange(rig.errors, ""), "BindingDiscoveryVgwReplySm: raised by the test\n");
 }
 
 TEST_F(Discovery, storm_of_senders_leaves_no_memory_behind) {

@@ -95,24 +95,6 @@ TEST(VrfIpAddress, from_arp_key) {
   }
 }
 
-TEST(Keys, text_forms) {
-  const Vlans vlans;
-  vlans.red->vrfIdIs(5);
-  const auto scoped = VrfIpAddress::fromVlanL3Info(*vlans.vlan10, ip("fe80::1"));
-  EXPECT_EQ(scoped.toStrep(), "<<vrfName=red vrfId=5>;fe80::1;Vlan10>");
-  EXPECT_EQ(scoped.valueToStrep(),
-            "Value('ArpSuppression::VrfIpAddress', ** {'vrfInfo': <vrfName=red vrfId=5>, 'ipAddress': "
-            "fe80::1, 'intfId': Vlan10})");
-  EXPECT_EQ(VrfIpAddress().toStrep(), "<NULL;;>");
-  EXPECT_EQ(VrfIpAddress::fromVlanL3Info(*vlans.vlan30, ip("10.0.0.1")).toStrep(),
-            "<<vrfName=blue vrfId=16777215>;10.0.0.1;>");
-  const VlanIdMacAddress station{Vlan(4094), mac("02:00:00:00:00:01")};
-  EXPECT_EQ(station.toStrep(), "<vlanId=4094 macAddress=02:00:00:00:00:01>");
-  EXPECT_EQ(station.valueToStrep(),
-            "Value('ArpSuppression::VlanIdMacAddress', ** {'vlanId': 4094, 'macAddress': "
-            "02:00:00:00:00:01})");
-}
-
 TEST(VlanIdMacAddress, order_is_vlan_then_mac_and_equal_keys_hash_equally) {
   const VlanIdMacAddress ascending[] = {{Vlan(9), mac("02:00:00:00:00:03")},
                                         {Vlan(10), mac("02:00:00:00:00:01")},

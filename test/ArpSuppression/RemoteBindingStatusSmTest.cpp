@@ -27,7 +27,7 @@ class Reactor {
  public:
   // `alsoAwaited`: a table without which the group is not ready.
   explicit Reactor(const char* alsoAwaited = nullptr) {
-    const auto group = rig.tables().mountGroup();
+    group = rig.tables().mountGroup();
     for (const char* path : {kPath, alsoAwaited}) {
       if (path) group->mountIs(path, kType, Memtab::MountDescriptor::reader());
     }
@@ -73,6 +73,7 @@ class Reactor {
   Rig rig;
   Ptr<VlanL3InfoStatus> vlans = Mox::make<VlanL3InfoStatus>();
   Mox::Notifiee<RemoteBindingStatus> status{Mox::make<RemoteBindingStatus>(vlans)};
+  Ptr<MoxSharedMem::MountGroup> group;
   Ptr<RemoteBindingStatusSm> sm;
   std::vector<std::string> changes;
 
@@ -213,15 +214,20 @@ TEST(RemoteBindingStatusSm, station_of_a_host_that_moved_with_its_vlan_does_not_
 TEST(RemoteBindingStatusSm, population_is_complete_after_the_whole_table_and_vlan_changes_start_again) {
   Reactor r;
   r.vlan(10, "red");
-  for (int i = 1; i < 200; ++i) r.rig.remoteBinding(10, ("10.0.0." + std::to_string(i)).c_str(), kMac1);
+  const auto address = [](int i) { return "10.0.0." + std::to_string(i); };
+  for (int i = 1; i <= 220; ++i) r.rig.remoteBinding(10, address(i).c_str(), kMac1);
   r.rig.tasks().mustYieldForTestIs([] { return true; });
   std::size_t atCompletion = 0;
   Mox::Notifiee<RemoteBindingStatus> watch(r.status.notifier());
   watch.on(RemoteBindingStatus::initialPopulationCompleteChanged,
            [&] { atCompletion += r.sm->knownBindings(); });
   int slices = 0;
-  while (r.sm->walkStage() != Stage::walkRemoteBindingStatus && r.rig.turn()) ++slices;
-  EXPECT_GT(slices, 5);
+  int gone = 220;
+  for (; r.sm->walkStage() != Stage::walkRemoteBindingStatus && r.rig.turn(); ++slices) {
+    // Keys that the population has read or not, handled or not: its bookmark is now and then among them.
+    if (slices % 3 == 0 && gone > 199) r.rig.noRemoteBinding(10, address(gone--).c_str());
+  }
+  EXPECT_GE(slices, 199 / 2) << "an entry a slice, two slices a turn";
   EXPECT_EQ(atCompletion, 199u);
   r.vlan(20, "red");
   for (int i = 0; i < 3; ++i) r.rig.turn();
@@ -280,6 +286,34 @@ TEST(RemoteBindingStatusSm, bindings_before_the_mounts_are_ready_are_no_populati
   EXPECT_TRUE(r.sm->remoteBindingConfigReady());
   EXPECT_TRUE(r.status->initialPopulationComplete());
   EXPECT_EQ(r.stations("blue", "10.0.0.1"), "10/1");
+  for (const bool ready : {false, true}) r.group->readyIs(ready);
+  EXPECT_FALSE(r.sm->walkScheduled()) << "ready once more";
+}
+
+TEST(RemoteBindingStatusSm, error_in_a_walk_costs_the_entry_that_met_it) {
+  for (const bool population : {true, false}) {
+    const char* awaited = "arpSuppression/remoteBindingConfig/later";
+    Reactor r(awaited);
+    for (int i = 1; i <= 50; ++i) r.rig.remoteBinding(10, ("10.0.0." + std::to_string(i)).c_str(), kMac1);
+    r.rig.settle();  // single changes, all known
+    r.rig.tables().mount(awaited, kType, Memtab::MountDescriptor::writer());
+    const std::string error = "RemoteBindingStatusSm: raised by the test\n";
+    if (!population) {
+      r.vlan(10, "blue");
+      r.settle();
+    }
+    Mox::Notifiee<RemoteBindingStatus> raises(r.status.notifier());
+    raises.on(RemoteBindingStatus::lastVrfIpAddressChangeChanged, [&](const VrfIpAddress& key) {
+      if (key && key.ipAddress == ip("10.0.0.7")) throw Mox::RangeError("raised by the test");
+    });
+    r.vlan(10, "red");
+    r.rig.settle();
+    // Afterwards both passes meet it: where the address is filed, and where it is taken away.
+    EXPECT_EQ(std::exchange(r.rig.errors, ""), population ? error : error + error);
+    EXPECT_TRUE(r.status->initialPopulationComplete());
+    EXPECT_EQ(r.sm->walkStage(), Stage::complete);
+    EXPECT_EQ(r.status->ipToMacs(), 50u);
+  }
 }
 
 TEST(RemoteBindingStatusSm, keys_that_are_none_are_passed_over) {

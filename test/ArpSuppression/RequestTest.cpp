@@ -1,8 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 
+#include "Memtab/Layout.h"
 #include "Rig.h"
 #include "Switch/Forwarding.h"
 #include "Tracelet/Reader.h"
@@ -389,6 +393,35 @@ TEST(Request, a_binding_that_comes_and_goes_changes_the_answer_at_once) {
   rig.noRemoteBinding(10, "10.0.0.99");
   rig.trap(Trapped{});
   EXPECT_THAT(rig.replies(), IsEmpty());
+}
+
+// Its writer died in the middle of the value. Many bindings: only then requests are looked ahead for.
+TEST(Request, corrupt_binding_is_reported_once_a_request_and_flooded) {
+  Rig rig;
+  for (unsigned i = 0; i < 16384; ++i)
+    rig.remoteBinding(10, ("10.1." + std::to_string(i / 128) + "." + std::to_string(i % 128)).c_str(),
+                      kHostMac);
+  rig.start();
+  const char* const path = "arpSuppression/remoteBindingConfig/evpn";
+  std::fstream file(rig.tables().directory().segmentFile(std::string(path) + ".remoteBinding"));
+  const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+  const RemoteBindingKey key{Vlan(10), ip("10.1.7.7")};
+  const std::size_t at = bytes.find(std::string(reinterpret_cast<const char*>(&key), sizeof key)) - 4;
+  ASSERT_LT(at, bytes.size());
+  std::uint32_t state = 0;
+  std::memcpy(&state, &bytes[at], sizeof state);
+  state |= Memtab::kBusy;
+  file.seekp(static_cast<std::streamoff>(at))
+      .write(reinterpret_cast<const char*>(&state), sizeof state)
+      .flush();
+  std::vector<std::string> reports;
+  rig.table<RemoteBindingConfig>(path)->corruptionHandlerIs(
+      [&](const std::string& message) { reports.push_back(message); });
+  for (int i = 0; i < 2; ++i)
+    rig.sockets.device(Rig::kArpsnoop).receives(Trapped{.targetIp = "10.1.7.7"}.frame());
+  rig.settle();
+  EXPECT_THAT(reports, ElementsAre(HasSubstr("stays half written"), HasSubstr("stays half written")));
+  EXPECT_EQ(rig.takeCounters(), "floodedToRemoteTeps=2 trappedRequest=2 reinjected=2");
 }
 
 TEST(Request, failed_sends_are_counted_and_harm_nothing) {

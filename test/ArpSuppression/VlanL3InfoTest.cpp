@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <random>
 #include <set>
 
@@ -81,6 +82,16 @@ TEST_F(Follows, vrf_status_and_id) {
   vrfId(rig, 6, "red");
   vrfId(rig, 5, nullptr);
   finds("red 7", true, "another id");
+  vrfId(rig, 9, "red");
+  finds("red 7", true, "a second id");
+  vrfId(rig, 9, nullptr);
+  finds("red 7", true, "which goes, and the first one counts again");
+  EXPECT_EQ(rig.root()->vlanL3InfoStatus->vrfInfo("red")->vrfId(), 6u);
+  vrfOf(rig, "red")->stateIs(Ip::VrfState::inactive);
+  rig.noVrf("red");
+  finds("red 0", false, "inactive, and gone before that was followed up");
+  rig.vrf("red", 6);
+  finds("red 7", true, "there again");
   rig.noVrf("red");
   finds("red 0", false, "the status disappears");
   rig.state<Ip::AllVrfStatusLocal>("ip/vrf/status/local")->vrfIs("red")->stateIs(Ip::VrfState::active);
@@ -187,7 +198,77 @@ TEST(VlanL3Info, vrf_name_beyond_the_limit_is_as_good_as_none) {
     EXPECT_THAT(rig.publishedVlans(), ElementsAre(10));
   }
   EXPECT_FALSE(rig.root()->vlanL3InfoStatus->vrfInfoHas(longName));
-  EXPECT_THROW(rig.vrf(longName.c_str(), 0), Mox::RangeError);
+  rig.vrf(longName.c_str(), 0);  // who writes it is not troubled
+  rig.settle();
+  EXPECT_THAT(rig.publishedVlans(), ElementsAre(10));
+  EXPECT_EQ(rig.errors, "");
+}
+
+// Raises an error when the entity tells of `event` as `when` says.
+template <class E, class Payload>
+class Raises {
+ public:
+  template <class When>
+  Raises(Ptr<E> entity, Mox::Event<Payload> event, When when) : watch_(std::move(entity)) {
+    watch_.on(event, [when](const Payload& payload) {
+      if (when(payload)) throw Mox::RangeError("raised by the test");
+    });
+  }
+
+ private:
+  Mox::Notifiee<E> watch_;
+};
+
+TEST(VlanL3Info, error_in_a_walk_costs_the_entry_that_met_it) {
+  Rig rig;
+  for (const std::uint32_t vlan : {11u, 12u}) rig.vlanInterface(vlan, "red", vlan);
+  const auto configured = Mox::make<ArpSuppressionStatus>();
+  for (const std::uint32_t vlan : {10u, 11u, 12u}) configured->vlanIdIs(Vlan(vlan), true);
+  const auto ids = Mox::make<Vrf::VrfIdMap::NameToIdMap>();
+  ids->vrfNameToIdIs("red", 5);
+  const auto status = Mox::make<VlanL3InfoStatus>();
+  const Raises raises(status, VlanL3InfoStatus::vlanL3InfoChanged,
+                      [](const Vlan& vlan) { return vlan.value() == 11; });
+  const auto sm = Mox::make<VlanL3InfoSm>(
+      rig.tasks().scheduler(), configured, Mox::make<EnabledVlans>(),
+      rig.state<Ip::AllVrfStatusLocal>("ip/vrf/status/local"), rig.ipStatus(), ids,
+      rig.state<Interface::AllIntfStatusDir>("interface/status/all"),
+      Ptr<const Interface::AllIntfStatusLocalDir>(), Mox::make<Interface::DeviceIntfStatusDir>("default"),
+      status, Ptr<Statedb::EntityManager>(&rig.tree()));
+  rig.settle();
+  EXPECT_TRUE(status->initialArpSuppressionStatusSync());
+  EXPECT_EQ(rig.errors, "VlanL3InfoSm: raised by the test\n");
+  for (const std::uint32_t vlan : {10u, 12u}) EXPECT_TRUE(status->usableVlanL3Info(Vlan(vlan))) << vlan;
+
+  // The same in the walk over the watches of a VRF.
+  rig.errors.clear();
+  const Raises again(status->vlanL3Info(Vlan(10)), VlanL3Info::kniIntfIfIndexChanged,
+                     [](std::uint32_t ifIndex) { return ifIndex != 0; });
+  vrfOf(rig, "red")->stateIs(Ip::VrfState::inactive);
+  rig.settle();
+  vrfOf(rig, "red")->stateIs(Ip::VrfState::active);
+  rig.settle();
+  EXPECT_EQ(rig.errors, "VrfInfoSm: raised by the test\n");
+  EXPECT_TRUE(status->usableVlanL3Info(Vlan(12)));
+}
+
+// What a device costs does not depend on how many others are watched in its VRF.
+TEST(VlanL3Info, device_among_thousands_costs_as_much_as_one_among_few) {
+  const auto secondsOfDevices = [](int watches) {
+    Rig rig;
+    rig.start();
+    for (int i = 0; i < watches; ++i)
+      rig.root()->vlanL3InfoStatus->findOrCreateVrfInterfaceWatch("red", "Port" + std::to_string(i));
+    rig.settle();
+    const std::clock_t start = std::clock();
+    for (std::uint32_t i = 0; i < 4000; ++i)
+      rig.device("red", ("port" + std::to_string(i % 40)).c_str(), 10000 + i);
+    const std::clock_t used = std::clock() - start;
+    EXPECT_EQ(rig.root()->vlanL3InfoStatus->vrfInterfaceWatch("Port39")->kniIntfIfIndex(), 13999u);
+    return static_cast<double>(used);
+  };
+  const double few = secondsOfDevices(40);
+  EXPECT_LT(secondsOfDevices(4000), 5 * few);
 }
 
 TEST(VlanL3Info, addresses_in_use_follow_the_interface) {

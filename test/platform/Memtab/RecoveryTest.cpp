@@ -133,6 +133,8 @@ TEST_F(RecoveryTest, AHalfWrittenEntryHarmsNobodyElse) {
   }
   EXPECT_EQ(reader.lookup(keyOf(1000)), std::nullopt);
   EXPECT_THROW(reader.lookup(key), CorruptionError);
+  EXPECT_EQ(reader.peek(key), std::nullopt);
+  EXPECT_EQ(reader.peek(keyOf(76)), valueOf(keyOf(76), 0));
   Cursor cursor;
   const VisitResult walk = reader.visit(cursor, 10000, [](const Key&, const Value&) {});
   EXPECT_EQ(walk.visited, 499U);
