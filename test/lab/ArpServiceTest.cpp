@@ -8,8 +8,8 @@
 #include <optional>
 
 #include "Netlink/Socket.h"
-#include "lab/Switch.h"
 #include "lab/LabKernel.h"
+#include "lab/Switch.h"
 
 namespace Lab {
 namespace {
@@ -20,6 +20,7 @@ json neighbour(const char* mac, bool dynamic = false) {
   return {{"mac", mac}, {"intf", "Vlan10"}, {"arpType", 0}, {"dynamic", dynamic}};
 }
 
+// With the same input again: the agent's is kept for it, here the configuration says it.
 TEST(ArpService, KeepsWhatIsConfiguredAcrossRestarts) {
   Switch leaf;
   const Entered entered(leaf.netNs());
@@ -57,6 +58,8 @@ TEST(ArpService, KeepsWhatIsConfiguredAcrossRestarts) {
         KernelState::neighbourMessage("vlan10", "10.0.0.4", "02:00:00:00:00:04", NUD_PERMANENT, 110));
     ASSERT_TRUE(monitor.emplace(NETLINK_ROUTE).join(RTNLGRP_NEIGH));
   }
+  config["state"][kInput]["vrf"]["red"]["ipv4"] = {{"10.0.0.1", neighbour("02:00:00:00:00:01")},
+                                                   {"10.0.0.3", neighbour("02:00:00:00:00:03", true)}};
   leaf.start(config);
   EXPECT_EQ(leaf.state("arp/service/status", "/vrf/red/programmed", 2), 2);
   expectArpStatus(present, "the stale one has gone, the good ones are there");
