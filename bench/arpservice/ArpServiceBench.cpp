@@ -1,6 +1,7 @@
 // 100,000 configured neighbours into the kernel: installed, found again by the next run, and removed, in a
-// network namespace of its own. Prints CPU time (the kernel's share included), wall time and the longest turn
-// of the loop, and beside them what the same requests cost in bare batches.
+// network namespace of its own; then 1,000 VLANs with an entry each. Prints CPU time (the kernel's share
+// included), wall time and the longest turn of the loop, and beside them what the same requests cost in bare
+// batches.
 //
 //   ArpServiceBench [ENTRIES]
 
@@ -68,6 +69,28 @@ void bare(std::size_t entries) {
   }
 }
 
+// So many VLANs with an entry each: coming up, and one device more.
+void vlans(std::size_t count) {
+  const Lab::Namespace leaf;
+  const Lab::Entered entered(leaf);
+  ServiceRig rig;
+  rig.vrfIs("default", "default");
+  const auto config = rig.input->vrfIs("default");
+  for (std::size_t i = 0; i <= count; ++i) {
+    Arp::ArpEntryInput wanted = entry(i);
+    wanted.intf = Lanix::IntfId::fromName("vlan" + std::to_string(i + 2));
+    config->ipv4Is(address(i), wanted);
+    if (i != count) Lab::bridgeIs(wanted.intf.kernelName());
+  }
+  std::printf("%zu VLANs\n", count);
+  rig.start();
+  measure("come up", rig);
+  Lab::bridgeIs("vlan" + std::to_string(count + 2));
+  measure("one more", rig);
+  rig.clock.ahead += 1;
+  measure("and a second later", rig);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -98,5 +121,6 @@ int main(int argc, char** argv) {
   measure("ArpService: VRF active again", rig);
   rig.input->vrfDelAll();
   measure("ArpService: remove", rig);
+  vlans(1000);
   return 0;
 }

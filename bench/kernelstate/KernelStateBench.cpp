@@ -2,7 +2,7 @@
 // in network namespaces of its own. Prints the CPU time (the kernel's share included) and the longest slice,
 // and beside them what reading the same tables costs when nothing is done with them.
 //
-// Then VLANs, 1, 1,000 and 4,000 of them, without entries.
+// Then VLANs, 1, 1,000 and 4,000 of them, and 500 VRFs, without entries.
 //
 //   KernelStateBench [ENTRIES]
 
@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -127,6 +128,35 @@ void vlans(std::size_t count) {
   print("  one less", runUntil(rig, [&] { return interfaces() == count; }));
 }
 
+// So many VRFs, each with the interface of a VLAN.
+void vrfs(std::size_t count) {
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = files.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &files);
+  const Lab::Namespace leaf;
+  const Lab::Entered entered(leaf);
+  Lanix::Namespaces namespaces;
+  const Lanix::Replaced<Lanix::Namespaces> replaced(namespaces);
+  const KernelState::ScratchTables tables;
+  AgentRig rig(Orb::EventLoop::realClock(), tables.directory());
+  std::vector<std::unique_ptr<Lab::Namespace>> all;
+  for (std::size_t i = 0; i < count; ++i) {
+    all.push_back(std::make_unique<Lab::Namespace>("vrf" + std::to_string(i)));
+    const Lab::Entered there(*all.back());
+    Lab::bridgeIs("vlan" + std::to_string(i + 2));
+    rig.vrfIs("vrf" + std::to_string(i), static_cast<Vrf::VrfIdMap::VrfId>(i + 1), all.back()->name());
+  }
+  rig.start();
+  std::printf("%zu VRFs\n", count);
+  print("  come up", runUntil(rig, [&] {
+          return rig.at<Ip::Status>("ip/status")->ipIntfStatuss() == count &&
+                 rig.agent()->rootSm()->reconciled();
+        }));
+  const Lab::Namespace other("other");
+  print("  another name", runUntil(rig, [&] { return !rig.loop().step(0); }));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -207,5 +237,6 @@ int main(int argc, char** argv) {
   print("as many neighbours again, by notification", live);
   rig = nullptr;
   for (const std::size_t count : {1, 1000, 4000}) vlans(count);
+  vrfs(500);
   return 0;
 }

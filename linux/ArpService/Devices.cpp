@@ -18,15 +18,15 @@ Lanix::IntfId vlanInterfaceOf(const std::string& device) {
 
 }  // namespace
 
-bool Devices::handleMessage(const Netlink::Received& message) {
+Lanix::IntfId Devices::handleMessage(const Netlink::Received& message) {
   const auto link = Netlink::readLink(message);
-  if (!link || link->ofBridge) return false;
+  if (!link || link->ofBridge) return {};
   const Lanix::IntfId now = message.type() == RTM_NEWLINK ? vlanInterfaceOf(link->name) : Lanix::IntfId();
   if (intf(link->index) != now) linkDel(link->index);
-  if (!now) return false;
+  if (!now) return {};
   told_.insert(link->index);
   intfs_[link->index] = now;
-  return std::exchange(indices_[now], link->index) != link->index;
+  return std::exchange(indices_[now], link->index) != link->index ? now : Lanix::IntfId();
 }
 
 void Devices::readEnd() {

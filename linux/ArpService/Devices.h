@@ -14,9 +14,9 @@ using Netlink::IfIndex;
 // The VLAN interfaces of one namespace, as the kernel's messages tell of them.
 class Devices {
  public:
-  // RTM_NEWLINK and RTM_DELLINK; others, and malformed ones, are passed over. True: a VLAN interface is there
-  // that was not, or is another device now.
-  bool handleMessage(const Netlink::Received& message);
+  // RTM_NEWLINK and RTM_DELLINK; malformed ones are passed over. Returns the VLAN interface that is there now
+  // and was not, or is another device than before; otherwise an invalid one.
+  Lanix::IntfId handleMessage(const Netlink::Received& message);
 
   // All devices are about to be read; what is not told of until `readEnd` has gone.
   void readBegin() { told_.clear(); }

@@ -3,6 +3,11 @@
 #include <utility>
 
 namespace ArpService {
+namespace {
+
+constexpr std::size_t kKeysPerStep = 64;
+
+}  // namespace
 
 void Queue::add(const Key& key) {
   Record& record = records_[key];
@@ -38,10 +43,24 @@ void Queue::settle(const Key& key, const Arp::ArpEntryInput* want) {
   settled_ -= isSettled(record) ? 1 : 0;
   if (!want) {
     records_.erase(at);
+    if (const auto parked = parked_.find(key.intf); parked != parked_.end()) parked->second.erase(key);
     return;
   }
   ++settled_;
   record = {false, true, want->dynamic, round_};
+}
+
+void Queue::unpark(const Lanix::IntfId& intf) {
+  auto keys = parked_.extract(intf);
+  if (keys && !keys.mapped().empty()) returning_.push_back(std::move(keys.mapped()));
+}
+
+bool Queue::unparkStep() {
+  if (returning_.empty()) return false;
+  std::set<Key>& keys = returning_.front();
+  for (std::size_t i = 0; i < kKeysPerStep && !keys.empty(); ++i) add(keys.extract(keys.begin()).value());
+  if (keys.empty()) returning_.pop_front();
+  return true;
 }
 
 void Queue::unsettleAll() {

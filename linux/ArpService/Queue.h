@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 
 #include "Arp/InputConfig.h"
 #include "Lanix/IntfId.h"
@@ -38,13 +39,19 @@ class Queue {
   // forgotten). Does nothing when it is to be looked at again.
   void settle(const Key& key, const Arp::ArpEntryInput* want);
   std::size_t settled() const { return settled_; }
+  // Nothing can be done for it before its interface is there.
+  void park(const Key& key) { parked_[key.intf].insert(key); }
+  // The interface is there: what waits for it goes back into the queue, with the next calls of unparkStep.
+  void unpark(const Lanix::IntfId& intf);
+  // A batch of it; false when there was none.
+  bool unparkStep();
   // The kernel may have anything: its namespace is another one now.
   void unsettleAll();
 
   void roundBegins() { ++round_; }
-  // Looks at up to `max` keys from the bookmark on (nothing: the beginning) and moves it; true while there are
-  // more. Adds those that the round has not come across, except dynamic ones that were given to the kernel
-  // once, and those for which `gone` says that the configuration does not hold them.
+  // Looks at up to `max` keys from the bookmark on (nothing: the beginning) and moves it; true while there
+  // are more. Adds those that the round has not come across, except dynamic ones that were given to the
+  // kernel once, and those for which `gone` says that the configuration does not hold them.
   bool rescan(std::optional<Key>& bookmark, std::size_t max, const std::function<bool(const Key&)>& gone);
 
  private:
@@ -59,6 +66,8 @@ class Queue {
 
   std::map<Key, Record> records_;
   std::deque<Key> waiting_;
+  std::map<Lanix::IntfId, std::set<Key>> parked_;
+  std::deque<std::set<Key>> returning_;  // parked until now, no set empty
   std::size_t settled_ = 0;
   std::uint32_t round_ = 0;
   std::uint32_t firstRound_ = 1;  // of the namespace that is served now

@@ -69,7 +69,8 @@ bool Round::step(const Arp::ArpInputVrfConfig* config) {
       scanStart();
       break;
     case Stage::devices:
-      if (!read([this](const Netlink::Received& message) { devices_.handleMessage(message); })) break;
+      if (!read([this](const Netlink::Received& message) { queue_.unpark(devices_.handleMessage(message)); }))
+        break;
       devices_.readEnd();
       stage_ = Stage::neighbours;
       ask(Netlink::neighbourDump(AF_UNSPEC));

@@ -31,7 +31,6 @@ class Round {
   // On a socket for dumps that outlives the round. Only when idle.
   void start(Netlink::Socket& socket);
   bool idle() const { return stage_ == Stage::idle; }
-  bool readsDevices() const { return stage_ == Stage::devices; }
   // The kernel's neighbours were read once since `reset`. Before that, what is to be written is not known:
   // most of it may be there.
   bool compared() const { return compared_; }

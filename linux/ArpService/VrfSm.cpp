@@ -18,7 +18,7 @@ constexpr std::size_t kMessagesPerCall = 64;
 constexpr int kNotificationBuffer = 4 << 20;
 // rtnetlink answers from within the send, so this passes only when something is broken.
 constexpr int kAnswerMilliseconds = 100;
-constexpr double kSettle = 0.02;  // seconds: devices come in bursts
+constexpr double kNextRound = 0.02;  // seconds, after one that is still under way
 constexpr double kFirstRetry = 1;
 constexpr double kLastRetry = 60;
 constexpr double kMoreProbes = 1;
@@ -144,7 +144,10 @@ void VrfSm::handleReadable() {
 
 void VrfSm::handleMessage(const Netlink::Received& message) {
   if (message.type() == RTM_NEWLINK || message.type() == RTM_DELLINK) {
-    if (devices_.handleMessage(message) && !round_.readsDevices()) roundTask_.schedule(kSettle);
+    if (const Lanix::IntfId come = devices_.handleMessage(message)) {
+      queue_.unpark(come);
+      scheduleWalk();
+    }
     return;
   }
   if (message.type() != RTM_DELNEIGH) return;
@@ -194,9 +197,12 @@ Orb::WalkRet VrfSm::walk() {
 // What is known to be due comes first, but not before the kernel's table was read: most of it may be there.
 bool VrfSm::step() {
   if (!sockets_) return false;
-  if (round_.compared() && !queue_.empty()) {
-    program();
-    return true;
+  if (round_.compared()) {
+    if (queue_.unparkStep()) return true;
+    if (!queue_.empty()) {
+      program();
+      return true;
+    }
   }
   if (round_.idle() && !stale_.empty()) {
     probe();
@@ -224,7 +230,7 @@ void VrfSm::walkFinishedNotification() {
 void VrfSm::handleRound() {
   scheduleWalk();
   if (!sockets_) return;
-  if (!round_.idle()) return roundTask_.schedule(kSettle);
+  if (!round_.idle()) return roundTask_.schedule(kNextRound);
   round_.start(sockets_->dumps);
 }
 
@@ -257,7 +263,7 @@ void VrfSm::probe() {
   status_->probesIs(status_->probes() + probes);
 }
 
-// A key whose interface is not there waits for that, unless nothing is wanted for it.
+// A key whose interface is not there is parked, unless nothing is wanted for it.
 void VrfSm::program() {
   std::vector<Key> keys;
   std::vector<Job> jobs;
@@ -267,7 +273,9 @@ void VrfSm::program() {
     if (const IfIndex ifIndex = devices_.ifIndex(key.intf); ifIndex != 0) {
       keys.push_back(key);
       jobs.push_back({ifIndex, key.address, want, {}, {}});
-    } else if (!want) {
+    } else if (want) {
+      queue_.park(key);
+    } else {
       queue_.settle(key, nullptr);
     }
   }
@@ -277,7 +285,9 @@ void VrfSm::program() {
     const bool deviceGone = job.result.number() == ENODEV;
     if (job.result || (deviceGone && !job.wanted)) {
       queue_.settle(keys[i], job.wanted);
-    } else if (!deviceGone) {  // of that the kernel tells
+    } else if (deviceGone) {  // the kernel will tell
+      queue_.park(keys[i]);
+    } else {
       refuse(keys[i].intf.toStrep() + ", neighbour " + job.address.toStrep(), job.result.failure());
     }
   }

@@ -29,8 +29,9 @@ using Mox::Ptr;
 //
 // What is to be done with a key follows from the configuration and the kernel as they are when it is done;
 // events only put the key into the queue. Keys whose event was missed or whose request was refused, and what
-// an earlier run left, are found by rounds. There is one when the VRF becomes active, when a VLAN interface
-// comes, when the kernel dropped notifications, soon after a refusal, and every quarter of the refresh time.
+// an earlier run left, are found by rounds. There is one when the VRF becomes active, when the kernel dropped
+// notifications, soon after a refusal, and every quarter of the refresh time. A VLAN interface that comes
+// costs work for the entries that waited for it.
 //
 // Works in slices of one batch of requests or one datagram of a dump. The sockets are open while the VRF is
 // active, since they keep its namespace alive.

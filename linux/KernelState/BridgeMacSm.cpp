@@ -9,12 +9,14 @@ namespace {
 
 constexpr char kSource[] = "KernelState/BridgeMacSm";
 constexpr unsigned kUpdateLevel = 3;
+constexpr double kBurst = 1;  // seconds: interfaces come in bursts
 
 }  // namespace
 
 BridgeMacSm::BridgeMacSm(Ptr<const VlanOwners> owners, const Ptr<Orb::TaskScheduler>& scheduler)
     : owners_(std::move(owners)),
-      updateTask_(scheduler, "KernelState bridge MAC address", kUpdateLevel, [this] { update(); }) {
+      updateTask_(scheduler, "KernelState bridge MAC address", kUpdateLevel, [this] { update(); }),
+      reportTask_(scheduler, "KernelState MAC addresses that differ", kUpdateLevel, [this] { report(); }) {
   owners_.on(VlanOwners::ownerChanged, [this] { updateTask_.schedule(); });
   bridgingConfig_.on(Bridging::Config::bridgeMacAddrChanged, [this] { updateTask_.schedule(); });
 }
@@ -40,13 +42,27 @@ void BridgeMacSm::update() {
       break;
     }
   }
+  reportTask_.schedule(kBurst);
+}
+
+void BridgeMacSm::report() {
+  if (!bridgingConfig_) return;
   const Lanix::EthAddr bridgeMac = bridgingConfig_->bridgeMacAddr();
-  for (const auto& [intf, owner] : owners) {
+  std::size_t others = 0;
+  Mox::String first;
+  for (const auto& [intf, owner] : owners_->ownerCollection()) {
     if (owner.mac == bridgeMac || owner.mac.isZero() || !reported_.emplace(intf, owner.mac).second) continue;
-    KERNEL_STATE_TRACE(0, intf << " has the MAC address " << owner.mac << ", not the switch's " << bridgeMac
-                               << "; hosts would be told the wrong one: give all VLAN interfaces the same");
-    TRACELET_RECORD("{} has the MAC address {}, not the switch's {}", intf, owner.mac, bridgeMac);
+    if (first.empty()) {
+      first = intf.toStrep() + " has the MAC address " + owner.mac.toStrep();
+    } else {
+      ++others;
+    }
   }
+  if (first.empty()) return;
+  KERNEL_STATE_TRACE(0, first << ", not the switch's " << bridgeMac
+                              << (others != 0 ? " (and " + std::to_string(others) + " more)" : "")
+                              << "; hosts would be told the wrong one: give all VLAN interfaces the same");
+  TRACELET_RECORD("{}, not the switch's {} (and {} more)", first, bridgeMac, others);
 }
 
 }  // namespace KernelState

@@ -26,6 +26,7 @@ void NamespaceSm::closeIs() {
   broken_ = false;
   state_->enteredIs(false);
   state_->syncedIs(false);
+  problems_.problemDel(subject());
   feed_.closeIs();
 }
 

@@ -295,18 +295,44 @@ TEST_F(ArpServiceTest, DevicesAndNamespacesComeAndGo) {
   EXPECT_EQ(rig->problems->problems(), 0U);
 }
 
-// A kernel without room for more neighbours.
+// A kernel that may have no room for more neighbours, and counts how often all are asked for.
 class FullKernel final : public Netlink::Kernel {
  public:
   std::int64_t send(int descriptor, Netlink::Bytes bytes) override {
     nlmsghdr header;
     std::memcpy(&header, bytes.data(), sizeof header);
+    dumps += (header.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP ? 1 : 0;
     if (!full || header.nlmsg_type != RTM_NEWNEIGH) return Netlink::Kernel::send(descriptor, bytes);
     errno = ENOBUFS;
     return -1;
   }
   bool full = true;
+  int dumps = 0;
 };
+
+TEST_F(ArpServiceTest, ADeviceCostsWorkForItsOwnEntries) {
+  FullKernel kernel;
+  kernel.full = false;
+  rigIs({240, &kernel});
+  for (int i = 1; i <= 200; ++i)
+    configIs("10.0.0." + std::to_string(i), ServiceRig::entry(kMac1, i <= 100 ? "Vlan10" : "Vlan30"));
+  rig->start();
+  const auto status = rig->status->vrf("default");
+  EXPECT_TRUE(rig->becomes([&] { return status->programmed() == 100; }));
+  rig->settle();
+  EXPECT_EQ(std::exchange(kernel.dumps, 0), 4) << "devices and neighbours of two VRFs";
+  Lab::bridgeIs("vlan30");
+  EXPECT_TRUE(rig->becomes([&] { return status->programmed() == 200; }));
+  Lab::linkDel("vlan30");
+  EXPECT_TRUE(rig->becomes([&] { return status->programmed() == 100; }));
+  configIs("10.0.0.200", ServiceRig::entry(kMac1, "Vlan10"));  // moves while its interface is not there
+  Lab::bridgeIs("vlan30");
+  EXPECT_TRUE(rig->becomes([&] { return status->programmed() == 200; }));
+  rig->settle();
+  EXPECT_EQ(neighbours("vlan30").size(), 99U);
+  EXPECT_EQ(neighbours("vlan10").size(), 101U);
+  EXPECT_EQ(kernel.dumps, 0);
+}
 
 TEST_F(ArpServiceTest, RefusedEntriesAreReportedAndTriedAgain) {
   FullKernel kernel;
