@@ -23,7 +23,7 @@ namespace ArpSuppression {
 // reply to the shared gateway MAC; gives a station that moves here the addresses that it was advertised with;
 // and drops the bindings of a station that leaves the local ports, and of an address that another switch
 // advertises. It follows changes only: MAC table entries and advertisements that were there before it have no
-// effect. The forwarding database of a MAC table entry is taken for its VLAN.
+// effect. The MAC table's ids of forwarding databases (FID) are taken for VLAN ids.
 //
 // What cannot be a host's binding is counted and traced, and changes nothing.
 class BindingDiscoverySm final : public Mox::Entity {
