@@ -6,8 +6,8 @@
 
 #include <optional>
 
-#include "lab/Switch.h"
 #include "lab/LabKernel.h"
+#include "lab/Switch.h"
 
 namespace Lab {
 namespace {

@@ -9,8 +9,8 @@
 
 #include <optional>
 
-#include "lab/Switch.h"
 #include "lab/LabKernel.h"
+#include "lab/Switch.h"
 
 namespace Lab {
 
