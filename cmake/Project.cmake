@@ -64,7 +64,9 @@ if(BUILD_TESTING)
   add_library(test_options INTERFACE)
   target_link_libraries(test_options INTERFACE project_options GTest::gmock)
   target_include_directories(test_options INTERFACE ${CMAKE_SOURCE_DIR}/test)
-  target_compile_options(test_options INTERFACE $<$<BOOL:${SUPPRESSION_SANITIZE}>:-O0>)
+  if(SUPPRESSION_SANITIZE)
+    target_compile_options(test_options INTERFACE -O0)
+  endif()
 endif()
 
 # The headers that nearly every source reads, parsed once for the libraries and once, with the test framework, for the tests.
