@@ -14,14 +14,18 @@ namespace {
 constexpr std::uint16_t kDeviceName = 16;       // IFNAMSIZ, with the NUL
 constexpr std::uint16_t kHardwareAddress = 32;  // MAX_ADDR_LEN of the kernel
 constexpr std::uint16_t kKindName = 64;
+constexpr std::uint8_t kOperationalUp = 6;  // IF_OPER_UP of linux/if.h, which does not go with net/if.h
+constexpr std::uint16_t kAlias = 256;       // IFALIASZ, with the NUL
 
 constexpr Policy kLinkPolicy[] = {{IFLA_IFNAME, Kind::string, 2, kDeviceName},
                                   {IFLA_ADDRESS, Kind::bytes, 0, kHardwareAddress},
                                   {IFLA_MASTER, Kind::u32},
                                   {IFLA_LINK, Kind::u32},
                                   {IFLA_LINK_NETNSID, Kind::u32},
+                                  {IFLA_OPERSTATE, Kind::u8},
                                   {IFLA_MTU, Kind::u32},
                                   {IFLA_GROUP, Kind::u32},
+                                  {IFLA_IFALIAS, Kind::string, 0, kAlias},
                                   {IFLA_XDP, Kind::nested},
                                   {IFLA_LINKINFO, Kind::nested},
                                   {IFLA_PROTINFO, Kind::nested}};
@@ -69,10 +73,12 @@ std::optional<Link> readLink(const Received& message) {
   link.master = attributes.u32(IFLA_MASTER).value_or(0);
   if (!attributes.has(IFLA_LINK_NETNSID)) link.peer = attributes.u32(IFLA_LINK).value_or(0);
   link.flags = header->ifi_flags;
+  link.operational = attributes.u8(IFLA_OPERSTATE) == kOperationalUp;
   link.mtu = attributes.u32(IFLA_MTU).value_or(0);
   link.group = attributes.u32(IFLA_GROUP).value_or(0);
   link.xdpProgram = attributes.nested(IFLA_XDP, kXdpPolicy).u32(IFLA_XDP_PROG_ID).value_or(0);
   link.name = *name;
+  link.alias = attributes.string(IFLA_IFALIAS).value_or("");
   link.mac = addressOf<Lanix::EthAddr>(attributes.bytes(IFLA_ADDRESS)).value_or(Lanix::EthAddr());
   link.ofBridge = header->ifi_family == AF_BRIDGE;
   const Attributes info = attributes.nested(IFLA_LINKINFO, kInfoPolicy);

@@ -34,11 +34,13 @@ struct Link {
   IfIndex master = 0;            // the bridge, bond ... above; 0: none
   IfIndex peer = 0;              // veth: the other end, when that is in this namespace; 0: none
   std::uint32_t flags = 0;       // IFF_*
+  bool operational = false;      // up, and its carrier noticed: frames pass (IF_OPER_UP)
   std::uint32_t mtu = 0;         // bytes
   std::uint32_t group = 0;       // of devices, 0 by default
   std::uint32_t xdpProgram = 0;  // id of the one that is attached; 0: none
   std::string name;              // 1 to 15 bytes
   std::string kind;              // "veth", "bridge" ...; empty for a physical device
+  std::string alias;             // the note that "ip link set DEVICE alias TEXT" makes; mostly empty
   Lanix::EthAddr mac;            // zero: not an Ethernet device
   // The message is the bridge's, about its port: RTM_DELLINK says that the device left the bridge, not that
   // it has gone. Only index, master, name, MTU, flags, MAC address and port are known then.

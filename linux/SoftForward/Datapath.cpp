@@ -1,9 +1,9 @@
 #include "SoftForward/Datapath.h"
 
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 
 #include <algorithm>
-#include <charconv>
 #include <utility>
 
 #include "SoftForward/Shared.h"
@@ -11,264 +11,341 @@
 namespace SoftForward {
 namespace {
 
-constexpr const char* kSnoop = "arpsnoop";
-constexpr const char* kInject = "arpinject";
-constexpr const char* kFabric = "fabric";
-constexpr std::string_view kInnerSuffix = "-sw";
-constexpr std::string_view kWayIn = "fabin";
-constexpr std::string_view kPortSuffix = "-br";
-
-constexpr std::uint16_t kMaxVlan = 4094;
+// A thousand VLANs come up with some 30,000 notifications of a kilobyte or two.
+constexpr int kReceiveBuffer = 16 << 20;
+constexpr std::size_t kMessagesAtOnce = 32;
+constexpr int kReadingTries = 10;
 
 // Frames on the pairs are up to SOFT_FORWARD_TRAP_PUSH longer than what is trapped; a device's MTU leaves the
 // Ethernet header out of the count.
 constexpr std::uint32_t kPairMtu = SOFT_FORWARD_MAX_FRAME + SOFT_FORWARD_TRAP_PUSH;
 
-// A bridge takes the least MTU of its ports: with the greatest there is, ours never decides.
-constexpr std::uint32_t kWayInMtu = 65535;
-
-PairNames pairNames(const std::string& outer) { return {outer, outer + std::string(kInnerSuffix)}; }
-
-PairNames wayInNames(std::uint16_t vlan) {
-  const std::string outer = std::string(kWayIn) + std::to_string(vlan);
-  return {outer, outer + std::string(kPortSuffix)};
-}
-
-// The VLAN of a way in by its outer end's name, 0 when the name is none.
-std::uint16_t wayInVlan(std::string_view name) {
-  if (!name.starts_with(kWayIn)) return 0;
-  name.remove_prefix(kWayIn.size());
-  std::uint16_t vlan = 0;
-  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), vlan);
-  const bool whole = error == std::errc() && end == name.data() + name.size() && name[0] != '0';
-  return whole && vlan <= kMaxVlan ? vlan : std::uint16_t{0};
-}
-
-// A bridge takes the least of its ports' addresses: ours is greater than any that a device comes with, and
-// differs from VLAN to VLAN.
-MacAddress wayInAddress(std::uint16_t vlan) {
-  return {std::byte{0xFE},
-          std::byte{0xFF},
-          std::byte{0xFF},
-          std::byte{0xFF},
-          static_cast<std::byte>(vlan >> 8),
-          static_cast<std::byte>(vlan & 0xFF)};
-}
-
-Failure joined(Failure first, Failure second) {
-  if (!first || !second) return first ? first : second;
-  return *first + "; " + *second;
-}
-
-bool contains(const std::vector<std::uint32_t>& list, std::uint32_t ifIndex) {
-  return std::ranges::find(list, ifIndex) != list.end();
-}
-
 }  // namespace
 
-Datapath::Datapath() : socket_(NETLINK_ROUTE), links_(socket_), filters_(socket_) {}
+struct Datapath::Peer {
+  const char* outer;
+  Program ingress;
+  Program egress;
+  bool strips;  // the trap header, before ingress
+};
 
-bool Datapath::ownsDevice(std::string_view name) {
-  for (const char* outer : {kSnoop, kInject, kFabric}) {
-    const PairNames names = pairNames(outer);
-    if (name == names.outer || name == names.inner) return true;
+Datapath::Datapath(Looked looked)
+    : looked_(std::move(looked)),
+      requests_(NETLINK_ROUTE),
+      dumps_(NETLINK_ROUTE),
+      notifications_(NETLINK_ROUTE, {.receiveBuffer = kReceiveBuffer}),
+      links_([this](const Netlink::Link& link, LinkTable::Change change) { linkChanged(link, change); }),
+      filters_(requests_),
+      pairs_(requests_, links_) {}
+
+Mox::Result<> Datapath::open() {
+  for (const Netlink::Socket* socket : {&requests_, &dumps_, &notifications_})
+    if (!socket->opened()) return Netlink::describe("opening a netlink socket", socket->opened());
+  for (const unsigned group : {RTNLGRP_LINK, RTNLGRP_TC}) {
+    if (const auto joined = notifications_.join(group); !joined)
+      return Netlink::describe("joining the kernel's notifications", joined);
   }
-  if (name.starts_with(kWayIn) && name.ends_with(kPortSuffix)) name.remove_suffix(kPortSuffix.size());
-  return wayInVlan(name) != 0;
+  if (const auto loaded = programs_.load(); !loaded) return loaded;
+  read();
+  return {};
 }
 
-Failure Datapath::attach(std::uint32_t ifIndex, Direction direction, Program program) {
-  return filters_.attach({ifIndex, direction}, programs_.fd(program), toString(program));
+// --- What is wanted ------------------------------------------------------------------------------------
+
+void Datapath::vlanIs(std::uint16_t id, VlanWanted wanted) {
+  vlanDel(id);
+  names_[wanted.bridge].insert(id);
+  for (const std::string& port : wanted.tunnelPorts) names_[port].insert(id);
+  namedChanged(wanted.bridge);
+  Vlan& vlan = vlans_[id];
+  vlan.wanted = std::move(wanted);
+  vlan.configured = true;
 }
 
-Failure Datapath::pairIs(const PairNames& names, std::uint32_t mtu,
-                         const std::optional<MacAddress>& innerAddress, Pair& pair) {
-  if (Failure failure = links_.pairIs(names, mtu, innerAddress, pair)) return failure;
-  if (Failure failure = links_.quietIs(names.outer, pair.outer)) return failure;
-  return links_.quietIs(names.inner, pair.inner);
+void Datapath::vlanDel(std::uint16_t id) {
+  const auto known = vlans_.find(id);
+  if (known == vlans_.end() || !known->second.configured) return;
+  Vlan& vlan = known->second;
+  vlan.configured = false;
+  std::vector<std::string> names = vlan.wanted.tunnelPorts;
+  names.push_back(vlan.wanted.bridge);
+  for (const std::string& name : names) {
+    namedChanged(name);
+    names_[name].erase(id);
+    if (names_[name].empty()) names_.erase(name);
+  }
 }
 
-Failure Datapath::open() {
-  if (!socket_.opened()) return Netlink::describe("opening a netlink socket", socket_.opened()).error();
-  if (Failure failure = programs_.load()) return failure;
+void Datapath::activeVlanIs(std::uint16_t id, bool active) {
+  vlans_[id].active = active;
+  dirty_.insert(id);
+}
 
-  struct Peer {
-    const char* outer;
-    Program ingress;
-    Program egress;
-    bool strips;  // the trap header, before ingress
-  };
+void Datapath::ownTrappedIs(bool trapped) {
+  if (std::exchange(ownTrapped_, trapped) != trapped) allVlansDirty();
+}
+
+void Datapath::passedAddressIs(const Lanix::EthAddr& address) {
+  if (std::exchange(passedAddress_, address) != address) dirty_.insert(kShared);
+}
+
+void Datapath::sharedAddressIs(const Lanix::EthAddr& address) {
+  if (std::exchange(sharedAddress_, address) != address) allVlansDirty();
+}
+
+void Datapath::allVlansDirty() {
+  for (const auto& [id, vlan] : vlans_) dirty_.insert(id);
+}
+
+// --- Following the kernel ------------------------------------------------------------------------------
+
+void Datapath::read() {
+  reading_ = Reading::links;
+  dumping_ = false;
+  readingTries_ = 0;
+}
+
+bool Datapath::readSlice() {
+  const bool links = reading_ == Reading::links;
+  if (!dumping_) {
+    if (links) {
+      links_.readingBegins();
+    } else {
+      filters_.clear();
+    }
+    const auto started = dumps_.dumpStart(links ? Netlink::linkDump() : Filters::qdiscDump());
+    dumping_ = static_cast<bool>(started);
+    if (!started) return readingFailed(started);
+  }
+  const Netlink::DumpSlice slice =
+      dumps_.dumpSlice([this](const Netlink::Received& message) { handleMessage(message); });
+  if (!slice.done) return true;
+  dumping_ = false;
+  if (!slice.result) return readingFailed(slice.result);
+  // What changed meanwhile is in the notifications, but an interrupted dump may have passed over what did not.
+  if (slice.interrupted && ++readingTries_ < kReadingTries) return true;
+  if (links) {
+    links_.readingEnds();
+    reading_ = Reading::qdiscs;
+    readingTries_ = 0;
+  } else {
+    reading_ = Reading::done;
+    dirty_.insert(kShared);
+    allVlansDirty();
+  }
+  return true;
+}
+
+bool Datapath::readingFailed(const Mox::Result<>& why) {
+  readingFailed_ = true;
+  Standing standing;
+  standing.reason = "the network devices cannot be read: " + why.error();
+  standing.refused = true;
+  again_.insert(kShared);
+  looked_(kShared, standing);
+  return false;
+}
+
+void Datapath::handleMessage(const Netlink::Received& message) {
+  links_.apply(message);
+  const Netlink::IfIndex filtered = filters_.apply(message);
+  if (filtered == 0) return;
+  if (const auto port = ports_.find(filtered); port != ports_.end()) dirty_.insert(port->second.vlan);
+  if (const Netlink::Link* link = links_.find(filtered)) ownedChanged(link->name);
+}
+
+bool Datapath::receive() {
+  const Netlink::Notifications batch = notifications_.receive(
+      [this](const Netlink::Received& message) { handleMessage(message); }, kMessagesAtOnce);
+  // What was lost is read again. An error of the socket is no different: it is told of once.
+  if (batch.overrun || !batch.result) read();
+  return batch.more;
+}
+
+void Datapath::linkChanged(const Netlink::Link& link, LinkTable::Change change) {
+  if (change == LinkTable::Change::gone) {
+    // The kernel took the programs off with the device, and the next one may get its index.
+    filters_.forget(link.index);
+    pairs_.forget(link.index);
+    if (const auto port = ports_.find(link.index); port != ports_.end()) {
+      dirty_.insert(port->second.vlan);
+      vlans_[port->second.vlan].ports.erase(link.index);
+      ports_.erase(port);
+      static_cast<void>(programs_.portDel(link.index));  // without its device an entry is never asked for
+    }
+  }
+  ownedChanged(link.name);
+  namedChanged(link.name);
+  if (const Netlink::Link* bridge = links_.find(link.master)) namedChanged(bridge->name);
+}
+
+void Datapath::ownedChanged(const std::string& device) {
+  const auto owner = ownerOf(device);
+  if (owner && (*owner == kShared || vlans_.contains(*owner))) dirty_.insert(*owner);
+}
+
+void Datapath::namedChanged(const std::string& device) {
+  const auto named = names_.find(device);
+  if (named != names_.end()) dirty_.insert(named->second.begin(), named->second.end());
+}
+
+// --- The work ------------------------------------------------------------------------------------------
+
+bool Datapath::step() {
+  if (reading_ != Reading::done) return !readingFailed_ && readSlice();
+  if (receive() || reading_ != Reading::done) return true;
+  if (!dirty_.empty()) {
+    look(dirty_.extract(dirty_.begin()).value());
+    return true;
+  }
+  if (!std::exchange(staleFound_, true)) findStale();
+  if (stale_.empty()) return false;
+  const Netlink::IfIndex ifIndex = stale_.back();
+  stale_.pop_back();
+  if (const auto gone = staleDel(ifIndex); !gone) {
+    Standing standing = shared_;
+    standing.complaints.push_back({"what an earlier run left", gone.error(), {}});
+    looked_(kShared, standing);
+  }
+  return true;
+}
+
+void Datapath::look(std::uint16_t id) {
+  again_.erase(id);
+  Standing standing;
+  if (id == kShared) {
+    standing = lookShared();
+  } else {
+    const auto known = vlans_.find(id);
+    if (known == vlans_.end()) return;
+    standing = lookVlan(id, known->second);
+    if (!known->second.configured) {
+      if (!known->second.active) vlans_.erase(known);
+      return;
+    }
+  }
+  if (standing.passing || standing.refused) again_.insert(id);
+  looked_(id, standing);
+}
+
+void Datapath::againIs() {
+  readingFailed_ = false;
+  dirty_.merge(again_);
+  again_.clear();
+}
+
+Mox::Result<> Datapath::attached(const Hook& hook, Program program) {
+  const LoadedProgram loaded = programs_.loaded(program);
+  const auto has = filters_.has(hook, loaded);
+  if (!has) return has.failure();
+  return *has ? Mox::Result<>() : filters_.attach(hook, loaded);
+}
+
+// --- What all VLANs share ------------------------------------------------------------------------------
+
+Mox::Result<bool> Datapath::peerIs(const Peer& peer) {
+  const PairNames names = pairNames(peer.outer);
+  const auto shaped = pairs_.shapeIs({names, kPairMtu, 0, {}});
+  if (!shaped || !*shaped) return shaped;
+  const auto found = pairs_.find(names);
+  if (!found) return found.failure();
+  const Pair& pair = **found;
+  // The programs come first, so that no frame passes an inner end without them.
+  const Hook ingress{pair.inner.index, Direction::ingress, names.inner};
+  const Hook egress{pair.inner.index, Direction::egress, names.inner};
+  if (const auto result = attached(ingress, peer.ingress); !result) return result.failure();
+  if (const auto result = attached(egress, peer.egress); !result) return result.failure();
+  if (const LoadedProgram strip = programs_.loaded(Program::injectStrip);
+      peer.strips && pair.inner.xdpProgram != strip.id) {
+    const auto result = pairs_.xdpIs(pair.inner, strip.descriptor);
+    if (!result) return result.failure();
+    return false;
+  }
+  return pairs_.upIs(pair);
+}
+
+Standing Datapath::lookShared() {
   constexpr Peer kPeers[] = {{kSnoop, Program::dropAll, Program::trapEgress, false},
                              {kInject, Program::injectIngress, Program::dropAll, true},
                              {kFabric, Program::fabricIngress, Program::dropAll, false}};
+  Standing standing;
   for (const Peer& peer : kPeers) {
-    const PairNames names = pairNames(peer.outer);
-    Pair pair;
-    if (Failure failure = pairIs(names, kPairMtu, std::nullopt, pair)) return failure;
-    pairs_[peer.outer] = pair;
-    // The programs come first, so that no frame passes an inner end without them.
-    if (Failure failure = attach(pair.inner, Direction::ingress, peer.ingress)) return failure;
-    if (Failure failure = attach(pair.inner, Direction::egress, peer.egress)) return failure;
-    if (peer.strips) {
-      if (Failure failure = links_.xdpIs(names.inner, pair.inner, programs_.fd(Program::injectStrip)))
-        return failure;
+    const auto stands = peerIs(peer);
+    if (stands && *stands) continue;
+    standing.refused = standing.refused || stands.number() != 0;
+    if (!standing.reason.empty()) continue;
+    const std::string device = std::string("device ") + peer.outer;
+    if (!stands) {
+      standing.reason = stands.error();
+      standing.passing = false;
+    } else {
+      standing.reason =
+          device + (shared_.ready ? " is gone or was changed: it is made again" : " is being made");
+      standing.passing = !shared_.ready;
     }
-    if (Failure failure = links_.upIs(names.inner, pair.inner)) return failure;
-    if (Failure failure = links_.upIs(names.outer, pair.outer)) return failure;
   }
-  return programs_.trapPeerIs(pairs_[kSnoop].inner);
-}
-
-Failure Datapath::close() {
-  Failure failure;
-  // Ports first: as long as one traps, the pairs must be there to carry its copies.
-  while (!vlans_.empty()) {
-    const std::uint16_t vlan = vlans_.begin()->first;
-    failure = joined(failure, vlanDel(vlan));
-    vlans_.erase(vlan);
+  standing.ready = standing.reason.empty();
+  const Netlink::Link* inner = links_.find(pairNames(kSnoop).inner);
+  const Netlink::IfIndex trapPeer = standing.ready && inner != nullptr ? inner->index : 0;
+  auto written = programs_.trapPeerIs(trapPeer);
+  if (written) written = programs_.passedAddressIs(passedAddress_);
+  if (!written) {
+    standing.ready = false;
+    standing.refused = true;
+    standing.reason = written.error();
   }
-  ports_.clear();
-  failure = joined(failure, staleDel());
-  for (const auto& [name, pair] : pairs_) failure = joined(failure, links_.linkDel(name, pair.outer));
-  pairs_.clear();
-  return failure;
+  if (shared_.ready != standing.ready || shared_.reason != standing.reason) allVlansDirty();
+  shared_ = standing;
+  return standing;
 }
 
-Failure Datapath::wayInIs(std::uint16_t vlan, std::uint32_t bridge, Pair& pair) {
-  const PairNames names = wayInNames(vlan);
-  if (Failure failure = pairIs(names, kWayInMtu, wayInAddress(vlan), pair)) return failure;
-  if (Failure failure = attach(pair.outer, Direction::ingress, Program::dropAll)) return failure;
-  // Up only as a silent port, so that it neither learns nor floods for a moment.
-  if (Failure failure = links_.silentPortIs(names.inner, pair.inner, bridge)) return failure;
-  if (Failure failure = links_.upIs(names.inner, pair.inner)) return failure;
-  return links_.upIs(names.outer, pair.outer);
-}
+// --- What earlier runs left, and the end ---------------------------------------------------------------
 
-bool Datapath::isWayIn(std::uint32_t ifIndex) const {
-  return std::ranges::any_of(vlans_, [&](const auto& entry) {
-    return entry.second.wayIn.inner == ifIndex || entry.second.wayIn.outer == ifIndex;
-  });
-}
-
-Failure Datapath::portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role) {
-  const auto known = ports_.find(ifIndex);
-  if (known != ports_.end() && known->second.vlan == vlan && known->second.role == role) return std::nullopt;
-  if (known != ports_.end()) {
-    if (Failure failure = portDel(ifIndex)) return failure;
+void Datapath::findStale() {
+  const auto isWanted = [this](const Netlink::Link& link) {
+    const auto owner = ownerOf(link.name);
+    const auto vlan = owner ? vlans_.find(*owner) : vlans_.end();
+    return owner == kShared || (vlan != vlans_.end() && vlan->second.configured);
+  };
+  for (const auto& [index, link] : links_.links())
+    if (link.kind == "veth" && ownerOf(link.name) && !isWanted(link)) stale_.push_back(index);
+  for (const Netlink::IfIndex index : filters_.devices()) {
+    const Netlink::Link* link = links_.find(index);
+    if (!ports_.contains(index) && (link == nullptr || !ownerOf(link->name))) stale_.push_back(index);
   }
-  if (Failure failure = programs_.portIs(ifIndex, vlan, role)) return failure;
-  const bool access = role == PortRole::access;
-  const Program egress = role == PortRole::own ? Program::ownEgress : Program::tunnelEgress;
-  if (Failure failure = attach(ifIndex, access ? Direction::ingress : Direction::egress,
-                               access ? Program::accessIngress : egress))
-    return joined(failure, programs_.portDel(ifIndex));
-  ports_[ifIndex] = {vlan, role};
-  // What an earlier run may have left in the other direction, when the port had the other role.
-  return filters_.detach({ifIndex, access ? Direction::egress : Direction::ingress});
 }
 
-Failure Datapath::portDel(std::uint32_t ifIndex) {
-  const auto known = ports_.find(ifIndex);
-  if (known == ports_.end()) return std::nullopt;
-  const Port port = known->second;
-  ports_.erase(known);
-  Failure failure =
-      filters_.detach({ifIndex, port.role == PortRole::access ? Direction::ingress : Direction::egress});
-  failure = joined(failure, programs_.portDel(ifIndex));
-  const auto vlan = vlans_.find(port.vlan);
-  if (port.role == PortRole::tunnel && vlan != vlans_.end()) {
-    std::vector<std::uint32_t> rest = vlan->second.tunnelPorts;
-    std::erase(rest, ifIndex);
-    failure = joined(failure, tunnelPortsIs(port.vlan, std::move(rest)));
+Mox::Result<> Datapath::staleDel(Netlink::IfIndex ifIndex) {
+  const Netlink::Link* link = links_.find(ifIndex);
+  if (link == nullptr) return {};
+  if (ownerOf(link->name)) return pairs_.del(*link);
+  if (ports_.contains(ifIndex)) return {};
+  for (const Direction direction : {Direction::ingress, Direction::egress}) {
+    if (auto gone = filters_.detach({ifIndex, direction, link->name}); !gone) return gone;
   }
-  return failure;
+  return {};
 }
 
-Failure Datapath::portsDel(std::uint16_t vlan, PortRole role, const std::vector<std::uint32_t>& keep) {
-  std::vector<std::uint32_t> gone;
-  for (const auto& [ifIndex, port] : ports_)
-    if (port.vlan == vlan && port.role == role && !contains(keep, ifIndex)) gone.push_back(ifIndex);
-  Failure failure;
-  for (const std::uint32_t ifIndex : gone) failure = joined(failure, portDel(ifIndex));
-  return failure;
-}
-
-Failure Datapath::tunnelPortsIs(std::uint16_t vlan, std::vector<std::uint32_t> tunnelPorts) {
-  Vlan& entry = vlans_[vlan];
-  entry.tunnelPorts = std::move(tunnelPorts);
-  return programs_.vlanPathsIs(vlan, entry.wayIn.outer, entry.tunnelPorts, entry.bridge);
-}
-
-Failure Datapath::vlanIs(std::uint16_t vlan, const VlanPorts& ports) {
-  const std::string what = "VLAN " + std::to_string(vlan);
-  if (vlan == 0 || vlan > kMaxVlan) return what + ": allowed are 1 to " + std::to_string(kMaxVlan);
-  std::vector<std::uint32_t> tunnelPorts = ports.tunnelPorts;
-  std::ranges::sort(tunnelPorts);
-  tunnelPorts.erase(std::unique(tunnelPorts.begin(), tunnelPorts.end()), tunnelPorts.end());
-  if (tunnelPorts.size() > SOFT_FORWARD_MAX_TUNNEL_PORTS)
-    return what + ": " + std::to_string(tunnelPorts.size()) + " tunnel ports, allowed are " +
-           std::to_string(SOFT_FORWARD_MAX_TUNNEL_PORTS);
-  for (const std::uint32_t ifIndex : ports.accessPorts)
-    if (contains(tunnelPorts, ifIndex))
-      return what + ": port " + std::to_string(ifIndex) + " is both an access port and a tunnel port";
-
-  Pair wayIn = vlans_[vlan].wayIn;
-  Failure failure = wayInIs(vlan, ports.bridgeIfIndex, wayIn);
-  vlans_[vlan].wayIn = failure ? Pair{} : wayIn;
-  vlans_[vlan].bridge = ports.bridgeIfIndex;
-  std::vector<std::uint32_t> accessPorts = ports.accessPorts;
-  std::erase_if(accessPorts,
-                [&](std::uint32_t ifIndex) { return isWayIn(ifIndex) || ifIndex == wayIn.inner; });
-
-  // A frame that is trapped is kept from the tunnel ports, so these are first to come and last to go.
-  for (const std::uint32_t ifIndex : tunnelPorts)
-    failure = joined(failure, portIs(ifIndex, vlan, PortRole::tunnel));
-  failure = joined(failure, tunnelPortsIs(vlan, tunnelPorts));
-  for (const std::uint32_t ifIndex : accessPorts)
-    failure = joined(failure, portIs(ifIndex, vlan, PortRole::access));
-  if (ports.ownTrapped) failure = joined(failure, portIs(ports.bridgeIfIndex, vlan, PortRole::own));
-  failure = joined(
-      failure, portsDel(vlan, PortRole::own,
-                        ports.ownTrapped ? std::vector{ports.bridgeIfIndex} : std::vector<std::uint32_t>()));
-  failure = joined(failure, portsDel(vlan, PortRole::access, accessPorts));
-  return joined(failure, portsDel(vlan, PortRole::tunnel, tunnelPorts));
-}
-
-Failure Datapath::vlanDel(std::uint16_t vlan) {
-  if (!vlans_.contains(vlan)) return std::nullopt;
-  Failure failure = portsDel(vlan, PortRole::own, {});
-  failure = joined(failure, portsDel(vlan, PortRole::access, {}));
-  failure = joined(failure, portsDel(vlan, PortRole::tunnel, {}));
-  failure = joined(failure, programs_.vlanPathsDel(vlan));
-  const Pair wayIn = vlans_[vlan].wayIn;
-  vlans_.erase(vlan);
-  if (wayIn.outer != 0) failure = joined(failure, links_.linkDel(wayInNames(vlan).outer, wayIn.outer));
-  return failure;
-}
-
-Failure Datapath::activeVlanIs(std::uint16_t vlan, bool active) {
-  if (vlan == 0 || vlan > kMaxVlan)
-    return "VLAN " + std::to_string(vlan) + ": allowed are 1 to " + std::to_string(kMaxVlan);
-  return programs_.activeVlanIs(vlan, active);
-}
-
-Failure Datapath::staleDel() {
-  std::vector<Link> stale;
-  Failure failure = links_.forEach([&](const Link& link) {
-    const std::uint16_t vlan = link.kind == "veth" ? wayInVlan(link.name) : std::uint16_t{0};
-    if (vlan != 0 && !vlans_.contains(vlan)) stale.push_back(link);
-  });
-  for (const Link& link : stale) failure = joined(failure, links_.linkDel(link.name, link.index));
-
-  std::vector<Hook> hooks;
-  failure = joined(failure, filters_.attached(hooks));
-  for (const Hook& hook : hooks) {
-    const bool pair =
-        std::ranges::any_of(pairs_, [&](const auto& entry) { return entry.second.inner == hook.ifIndex; });
-    if (pair || isWayIn(hook.ifIndex) || ports_.contains(hook.ifIndex)) continue;
-    failure = joined(failure, filters_.detach(hook));
+Mox::Result<> Datapath::close() {
+  Mox::Result<> failed = programs_.trapPeerIs(0);  // from now on nothing is trapped
+  const auto note = [&](const Mox::Result<>& result) {
+    if (!result && failed) failed = result;
+  };
+  while (reading_ != Reading::done && !readingFailed_) readSlice();
+  while (receive()) {
   }
-  return failure;
+  sharedAddress_ = {};
+  for (auto& [id, vlan] : vlans_) {
+    Standing standing;
+    if (const Netlink::Link* bridge = links_.find(vlan.wanted.bridge))
+      sharedAddressIn(id, vlan, *bridge, standing);
+    for (const Complaint& complaint : standing.complaints) note(Mox::Failure{complaint.problem});
+  }
+  note(pairs_.delAll());
+  while (receive()) {
+  }
+  note(filters_.detachAll());
+  return failed;
 }
 
 }  // namespace SoftForward

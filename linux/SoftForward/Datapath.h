@@ -9,115 +9,180 @@
 //   tunnel port (drops what was copied)   <- header off <- "arpinject" <- flood
 //
 // The agent opens the outer ends ("arpsnoop", "arpinject", "fabric") with packet sockets; the inner ends (the
-// name and
-// "-sw") carry the programs. Each VLAN has a pair "fabin<VLAN>" and "fabin<VLAN>-br", the latter a port of
-// its bridge. All of it is in the network namespace of the thread that made the Datapath, with ARP and IPv6
-// off.
+// name and "-sw") carry the programs. Each VLAN has a pair "fabin<VLAN>" and "fabin<VLAN>-br", the latter a
+// port of its bridge. All of it is in the network namespace of the thread that made the Datapath, with ARP
+// and IPv6 off.
 //
-// What is trapped: a complete, untagged, broadcast Ethernet/IPv4 ARP request or reply of at most 9216 bytes
-// that an access port receives while its VLAN is active. It is copied to the agent and goes on into the
-// bridge, marked, so that hosts of this switch hear it. Likewise what the bridge device sends, if asked for.
-// All else passes untouched, and so does a frame whose copy fails. What comes out of the overlay is never
-// trapped.
+// What is trapped: a complete, untagged or priority-tagged, broadcast Ethernet/IPv4 ARP request or reply of
+// at most 9216 bytes that an access port receives while its VLAN is active. It is copied to the agent and
+// goes on into the bridge, marked, so that hosts of this switch hear it. Likewise what the bridge device
+// sends, if asked for. All else passes untouched, and so does a frame whose copy fails. What comes out of the
+// overlay is never trapped.
 //
-// Everything here may be done again: what is already as it should be stays. A failure leaves what could be
-// done in place and says what could not; calling again tries that again. No method blocks but for netlink
-// requests, each of which waits for the kernel at most a second.
+// A VLAN is trapped only while the way to the agent and back stands: the three pairs, its way in, which its
+// bridge forwards from, and the programs on all of its tunnel ports that exist. Otherwise its frames are
+// flooded as if there were no agent.
+//
+// What is wanted is said with the ...Is methods, which do nothing else. step() does the work in small pieces:
+// it follows the kernel's notifications, looks at what has changed, one VLAN at a time, and writes the
+// difference. Nothing that is so already is written, so that at rest there is nothing to do and nothing to be
+// notified of. No method waits but for netlink requests, each of which the kernel answers from within.
 
-#include <cstdint>
 #include <map>
-#include <optional>
+#include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "Netlink/Socket.h"
-#include "SoftForward/Failure.h"
 #include "SoftForward/Filters.h"
-#include "SoftForward/Links.h"
+#include "SoftForward/LinkTable.h"
+#include "SoftForward/Pairs.h"
 #include "SoftForward/Programs.h"
 
 namespace SoftForward {
 
-// A VLAN's bridge and its ports, by interface index. Ports that are in neither list are left alone.
-struct VlanPorts {
-  std::uint32_t bridgeIfIndex = 0;
-  std::vector<std::uint32_t> accessPorts;  // those of our own pairs among them are passed over
-  std::vector<std::uint32_t> tunnelPorts;  // at most 32
-  // What the bridge device itself sends is trapped like what an access port receives.
-  bool ownTrapped = false;
+// A VLAN by kernel names. Every port of the bridge that is no tunnel port of any VLAN is an access port.
+struct VlanWanted {
+  std::string bridge;
+  std::vector<std::string> tunnelPorts;  // at most 32
+};
+
+// Something wrong, in an operator's words.
+struct Complaint {
+  std::string subject;
+  std::string problem;
+  std::string advice;
+};
+
+// How the way of a VLAN, or the devices that all of them share, stand.
+struct Standing {
+  bool ready = false;
+  std::string reason;  // why not; "" when ready
+  std::string advice;
+  bool passing = false;  // what is missing was just asked for, and the kernel has yet to tell of it
+  bool refused = false;  // the kernel refused something: to be tried again
+  std::vector<Complaint> complaints;  // what is wrong besides
 };
 
 class Datapath {
  public:
-  Datapath();
+  // Stands for the devices that all VLANs share where a VLAN is asked for.
+  static constexpr std::uint16_t kShared = 0;
+  // Called after each look at a VLAN, or at what is shared.
+  using Looked = std::function<void(std::uint16_t vlan, const Standing&)>;
+
+  explicit Datapath(Looked looked);
   // Without close() everything stays attached, as after a crash: the next Datapath takes it over.
   ~Datapath() = default;
   Datapath(const Datapath&) = delete;
   Datapath& operator=(const Datapath&) = delete;
 
-  // Makes or takes over the three pairs, loads the programs and attaches those of the pairs. What an earlier
-  // run left on ports goes on working until vlanIs() replaces it or staleDel() removes it. Nothing else but
-  // close() may be called before this succeeded.
-  [[nodiscard]] Failure open();
+  // Loads the programs and follows the kernel from now on. May be tried again. Nothing but what says what is
+  // wanted may be called before it succeeded.
+  Mox::Result<> open();
+  int descriptor() const { return notifications_.fd(); }  // readable: step() has work
 
-  // Detaches the programs from all ports and removes the pairs, the ways into the bridges included.
-  [[nodiscard]] Failure close();
-
-  // The bridge and all ports of a VLAN, 1 to 4094; replaces what was given before. A port that another VLAN
-  // has is taken from that one.
-  [[nodiscard]] Failure vlanIs(std::uint16_t vlan, const VlanPorts& ports);
-  [[nodiscard]] Failure vlanDel(std::uint16_t vlan);
-
-  // A port's device is gone, or has left this namespace. Needed before vlanIs() names the same index again,
-  // because the kernel took the programs off with the device.
-  [[nodiscard]] Failure portDel(std::uint32_t ifIndex);
-
+  void vlanIs(std::uint16_t vlan, VlanWanted wanted);  // 1 to 4094
+  void vlanDel(std::uint16_t vlan);
+  // Whether frames of the VLAN are to be trapped. Independent of vlanIs() and of the order of the two.
+  void activeVlanIs(std::uint16_t vlan, bool active);
+  // What the bridge devices themselves send is trapped like what an access port receives.
+  void ownTrappedIs(bool trapped);
   // Frames from this address are trapped nowhere: that of the switch itself, when nobody would act on what it
-  // asks.
-  [[nodiscard]] Failure passedAddressIs(const std::optional<MacAddress>& address) {
-    return programs_.passedAddressIs(address);
-  }
+  // asks. Zero: there is none.
+  void passedAddressIs(const Lanix::EthAddr& address);
+  // The VLANs' bridges take frames to this address as their own. Zero: there is none.
+  void sharedAddressIs(const Lanix::EthAddr& address);
 
-  // Whether frames of the VLAN are trapped. Independent of vlanIs() and of the order of the two.
-  [[nodiscard]] Failure activeVlanIs(std::uint16_t vlan, bool active);
+  // The next piece of work; whether there may be more. The first ones read what is there; the last ones
+  // remove what earlier runs left and nobody wants: programs on ports of no VLAN, ways into bridges of none.
+  bool step();
+  // Whether something was refused or is on its way, and should be looked at again in a while by againIs().
+  bool againWanted() const { return !again_.empty(); }
+  void againIs();
 
-  // Removes what earlier runs left and nobody asked for since open(): programs on ports that belong to no
-  // VLAN, and ways into bridges of VLANs that are gone. To be called once all VLANs were given.
-  [[nodiscard]] Failure staleDel();
+  // Detaches the programs from all ports and removes the pairs.
+  Mox::Result<> close();
 
   Statistics statistics() const { return programs_.statistics(); }
-
-  // Whether a device of that name is one of the pairs' ends, and so no port of any VLAN for other purposes.
-  static bool ownsDevice(std::string_view name);
 
  private:
   struct Port {
     std::uint16_t vlan;
     PortRole role;
   };
+  using Ports = std::map<Netlink::IfIndex, PortRole>;
   struct Vlan {
-    Pair wayIn;
-    std::vector<std::uint32_t> tunnelPorts;
-    std::uint32_t bridge = 0;
+    VlanWanted wanted;
+    bool configured = false;
+    bool active = false;
+    bool trapped = false;  // in the programs' map
+    VlanPaths paths;
+    std::set<Netlink::IfIndex> ports;
+    Netlink::IfIndex takingBridge = 0;  // takes frames to the shared address since this run
   };
+  struct Peer;
 
-  [[nodiscard]] Failure pairIs(const PairNames& names, std::uint32_t mtu,
-                               const std::optional<MacAddress>& innerAddress, Pair& pair);
-  [[nodiscard]] Failure wayInIs(std::uint16_t vlan, std::uint32_t bridge, Pair& pair);
-  [[nodiscard]] Failure attach(std::uint32_t ifIndex, Direction direction, Program program);
-  [[nodiscard]] Failure portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role);
-  [[nodiscard]] Failure tunnelPortsIs(std::uint16_t vlan, std::vector<std::uint32_t> tunnelPorts);
-  [[nodiscard]] Failure portsDel(std::uint16_t vlan, PortRole role, const std::vector<std::uint32_t>& keep);
-  bool isWayIn(std::uint32_t ifIndex) const;
+  // Following the kernel.
+  void linkChanged(const Netlink::Link& link, LinkTable::Change change);
+  void handleMessage(const Netlink::Received& message);
+  void ownedChanged(const std::string& device);
+  void namedChanged(const std::string& device);
+  bool receive();
+  void read();
+  bool readSlice();
+  bool readingFailed(const Mox::Result<>& why);
+  void look(std::uint16_t vlan);
+  void allVlansDirty();
+  void findStale();
+  Mox::Result<> staleDel(Netlink::IfIndex ifIndex);
 
-  Netlink::Socket socket_;
-  Links links_;
+  // What is shared.
+  Standing lookShared();
+  Mox::Result<bool> peerIs(const Peer& peer);
+  Mox::Result<> attached(const Hook& hook, Program program);
+
+  // One VLAN.
+  Standing lookVlan(std::uint16_t id, Vlan& vlan);
+  std::string whyNotServed(std::uint16_t id, const Vlan& vlan, std::string& advice) const;
+  bool isTunnelPort(const std::string& device) const;
+  Ports portsOf(std::uint16_t id, const Vlan& vlan, const Netlink::Link& bridge, Standing& standing) const;
+  void portsAre(std::uint16_t id, Vlan& vlan, const Ports& ports, Standing& standing);
+  void wayInIs(std::uint16_t id, const Netlink::Link& bridge, Netlink::IfIndex& wayIn, Standing& standing);
+  void sharedAddressIn(std::uint16_t id, Vlan& vlan, const Netlink::Link& bridge, Standing& standing);
+  void withdraw(std::uint16_t id, Vlan& vlan, Standing& standing);
+  Mox::Result<> trappedIs(std::uint16_t id, Vlan& vlan, bool trapped);
+  Mox::Result<> pathsAre(std::uint16_t id, Vlan& vlan, VlanPaths paths);
+  Mox::Result<> portIs(const Netlink::Link& link, std::uint16_t id, PortRole role);
+  Mox::Result<> portDel(Netlink::IfIndex ifIndex);
+
+  enum class Reading : std::uint8_t { links, qdiscs, done };
+
+  Looked looked_;
+  Netlink::Socket requests_;
+  Netlink::Socket dumps_;
+  Netlink::Socket notifications_;
+  LinkTable links_;
   Filters filters_;
+  Pairs pairs_;
   Programs programs_;
-  std::map<std::string, Pair> pairs_;    // by the outer end's name
-  std::map<std::uint32_t, Port> ports_;  // with their program attached
+
   std::map<std::uint16_t, Vlan> vlans_;
+  std::map<std::string, std::set<std::uint16_t>> names_;  // VLANs by their bridges' and tunnel ports' names
+  std::map<Netlink::IfIndex, Port> ports_;                // in the programs' map
+  bool ownTrapped_ = false;
+  Lanix::EthAddr sharedAddress_;
+
+  Reading reading_ = Reading::links;
+  bool dumping_ = false;
+  bool readingFailed_ = false;
+  int readingTries_ = 0;
+  std::set<std::uint16_t> dirty_;
+  std::set<std::uint16_t> again_;
+  bool staleFound_ = false;
+  std::vector<Netlink::IfIndex> stale_;
+  Standing shared_;  // as last found
+  Lanix::EthAddr passedAddress_;
 };
 
 }  // namespace SoftForward

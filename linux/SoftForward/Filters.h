@@ -1,34 +1,40 @@
 #pragma once
 
-// Attaching eBPF programs as tc filters behind a clsact qdisc.
+// eBPF programs as tc filters behind a clsact qdisc.
 //
 // All our filters have one handle and one priority, and a name that begins with kPrefix: that is how those of
 // an earlier run are found, replaced and removed, and how those of others are told from them and left alone.
 // Attaching replaces atomically: no frame passes between the old and the new program.
+//
+// What is attached is kept here as the kernel tells of it, so that asking for what is so already costs
+// nothing: the qdiscs are read once, the filter in our place when it is first asked about, and both follow
+// the notifications from then on.
 //
 // The clsact qdisc is made where there is none, and stays when our filter goes: an empty one costs nothing,
 // and others may have put their own filters behind it meanwhile.
 //
 // Formats: <linux/pkt_sched.h>, <linux/pkt_cls.h>.
 
+#include <array>
 #include <cstdint>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "Netlink/Socket.h"
-#include "SoftForward/Failure.h"
+#include "Netlink/Route.h"
+#include "SoftForward/Programs.h"
 
 namespace SoftForward {
 
 enum class Direction : std::uint8_t { ingress, egress };
 
+// A device and the direction of its frames. The name is for what is said about it.
 struct Hook {
-  std::uint32_t ifIndex = 0;
+  Netlink::IfIndex ifIndex = 0;
   Direction direction = Direction::ingress;
-  friend auto operator<=>(const Hook&, const Hook&) = default;
+  std::string device;
 };
-
-std::string toString(const Hook& hook);  // "port 7 ingress"
 
 class Filters {
  public:
@@ -38,22 +44,44 @@ class Filters {
   static constexpr std::uint32_t kHandle = 1;
   static constexpr const char* kPrefix = "soft-forward:";
 
-  explicit Filters(Netlink::Socket& socket) : socket_(socket) {}
+  explicit Filters(Netlink::Socket& requests) : requests_(requests) {}
 
-  // `program` is a descriptor of a loaded tc program, `name` what the filter is called behind the prefix.
-  // Fails when somebody else's filter is in our place.
-  [[nodiscard]] Failure attach(const Hook& hook, int program, const std::string& name);
+  // A notification of RTNLGRP_TC, or a message of the dump of all qdiscs; those about something else are
+  // passed over. The device whose filters of ours may have changed, 0: none.
+  Netlink::IfIndex apply(const Netlink::Received& message);
+  static Netlink::Message qdiscDump();
+  // Nothing is known any more: the qdiscs are to be read again.
+  void clear() { devices_.clear(); }
+  // The device is gone, and its index may be another one's soon.
+  void forget(Netlink::IfIndex ifIndex) { devices_.erase(ifIndex); }
+  std::vector<Netlink::IfIndex> devices() const;  // those with a qdisc
+
+  // Whether just that program is attached, asking the kernel only if nothing is known.
+  Mox::Result<bool> has(const Hook& hook, const LoadedProgram& program);
+  // Attaches it in place of ours that is there. Fails when somebody else's filter is in our place.
+  Mox::Result<> attach(const Hook& hook, const LoadedProgram& program);
   // No failure if the device or the filter is gone already.
-  [[nodiscard]] Failure detach(const Hook& hook);
-
-  // Where our filters are attached now, whoever attached them.
-  [[nodiscard]] Failure attached(std::vector<Hook>& hooks);
+  Mox::Result<> detach(const Hook& hook);
+  // All of ours that are known, many requests at a time; the first failure is returned.
+  Mox::Result<> detachAll();
 
  private:
-  enum class Owner { nobody, ours, other };
-  Failure owner(const Hook& hook, Owner& owner, std::string& name);
+  // What is in our place of a direction.
+  struct Place {
+    enum class Owner : std::uint8_t { nobody, us, other } owner = Owner::nobody;
+    std::string name;
+    std::uint32_t program = 0;  // the kernel's id
+    friend bool operator==(const Place&, const Place&) = default;
+  };
+  using Places = std::array<std::optional<Place>, 2>;  // by direction; nothing: not known
 
-  Netlink::Socket& socket_;
+  static Place placeOf(const Netlink::Received& message);
+  Netlink::IfIndex applyQdisc(const Netlink::Received& message);
+  Mox::Result<Place> place(const Hook& hook);
+  void placeIs(const Hook& hook, Place place);
+
+  Netlink::Socket& requests_;
+  std::map<Netlink::IfIndex, Places> devices_;  // those that have a qdisc for filters
 };
 
 }  // namespace SoftForward

@@ -34,9 +34,9 @@ __attribute__((format(printf, 2, 0))) int collect(libbpf_print_level level, cons
   return length;
 }
 
-Failure failed(const char* map, const std::string& key, int result) {
-  if (result >= 0) return std::nullopt;
-  return std::string("eBPF map ") + map + ", " + key + ": " + std::strerror(-result);
+Mox::Result<> failed(const char* map, const std::string& key, int result) {
+  if (result >= 0) return {};
+  return Mox::Failure{std::string("eBPF map ") + map + ", " + key + ": " + std::strerror(-result), -result};
 }
 
 std::string vlanKey(std::uint16_t vlan) { return "VLAN " + std::to_string(vlan); }
@@ -59,32 +59,10 @@ struct Programs::Skeleton {
   ~Skeleton() { SoftForwardBpf::destroy(bpf); }
 };
 
-const char* toString(Program program) {
-  switch (program) {
-    case Program::accessIngress:
-      return "access_ingress";
-    case Program::ownEgress:
-      return "own_egress";
-    case Program::tunnelEgress:
-      return "tunnel_egress";
-    case Program::trapEgress:
-      return "trap_egress";
-    case Program::injectStrip:
-      return "inject_strip";
-    case Program::injectIngress:
-      return "inject_ingress";
-    case Program::fabricIngress:
-      return "fabric_ingress";
-    case Program::dropAll:
-      return "drop_all";
-  }
-  return "unknown";
-}
-
 Programs::Programs() = default;
 Programs::~Programs() = default;
 
-Failure Programs::load() {
+Mox::Result<> Programs::load() {
   auto skeleton = std::make_unique<Skeleton>();
   messages.clear();
   const libbpf_print_fn_t before = libbpf_set_print(&collect);
@@ -95,83 +73,77 @@ Failure Programs::load() {
     std::string text = std::string("eBPF programs: loading: ") + std::strerror(number);
     if (!messages.empty()) text += ": " + messages;
     std::ranges::replace(text, '\n', ' ');
-    return text;
+    return Mox::Failure{text, number};
   }
   skeleton_ = std::move(skeleton);
-  return std::nullopt;
+  for (std::size_t i = 0; i < ids_.size(); ++i) {
+    bpf_prog_info info{};
+    __u32 length = sizeof info;
+    const LoadedProgram program = loaded(static_cast<Program>(i));
+    if (const int result = bpf_obj_get_info_by_fd(program.descriptor, &info, &length); result < 0)
+      return Mox::Failure{std::string("eBPF program ") + program.name + ": " + std::strerror(-result),
+                          -result};
+    ids_[i] = info.id;
+  }
+  return {};
 }
 
-int Programs::fd(Program program) const {
+LoadedProgram Programs::loaded(Program program) const {
   MOX_ASSERT(kSource, "the programs are loaded", skeleton_ != nullptr);
   const auto& programs = skeleton_->bpf->progs;
-  switch (program) {
-    case Program::accessIngress:
-      return bpf_program__fd(programs.access_ingress);
-    case Program::ownEgress:
-      return bpf_program__fd(programs.own_egress);
-    case Program::tunnelEgress:
-      return bpf_program__fd(programs.tunnel_egress);
-    case Program::trapEgress:
-      return bpf_program__fd(programs.trap_egress);
-    case Program::injectStrip:
-      return bpf_program__fd(programs.inject_strip);
-    case Program::injectIngress:
-      return bpf_program__fd(programs.inject_ingress);
-    case Program::fabricIngress:
-      return bpf_program__fd(programs.fabric_ingress);
-    case Program::dropAll:
-      return bpf_program__fd(programs.drop_all);
-  }
-  return -1;
+  const bpf_program* const all[] = {programs.access_ingress, programs.own_egress,   programs.tunnel_egress,
+                                    programs.trap_egress,    programs.inject_strip, programs.inject_ingress,
+                                    programs.fabric_ingress, programs.drop_all};
+  const bpf_program* one = all[static_cast<std::size_t>(program)];
+  return {bpf_program__fd(one), ids_[static_cast<std::size_t>(program)], bpf_program__name(one)};
 }
 
-Failure Programs::trapPeerIs(std::uint32_t ifIndex) {
+Mox::Result<> Programs::trapPeerIs(std::uint32_t ifIndex) {
   trapPeer_ = ifIndex;
   return settingsPut();
 }
 
-Failure Programs::passedAddressIs(const std::optional<MacAddress>& address) {
+Mox::Result<> Programs::passedAddressIs(const Lanix::EthAddr& address) {
   passedAddress_ = address;
   return settingsPut();
 }
 
-Failure Programs::settingsPut() {
-  SoftForwardSettings value{trapPeer_, {}, passedAddress_.has_value()};
-  if (passedAddress_) std::memcpy(value.ownAddress, passedAddress_->data(), passedAddress_->size());
+Mox::Result<> Programs::settingsPut() {
+  SoftForwardSettings value{trapPeer_, {}, !passedAddress_.isZero()};
+  std::ranges::copy(passedAddress_.bytes(), value.ownAddress);
   return failed("settings", "trap peer " + std::to_string(trapPeer_),
                 put(skeleton_->bpf->maps.settings, 0, value));
 }
 
-Failure Programs::portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role) {
+Mox::Result<> Programs::portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role) {
   constexpr SoftForwardRole kRoles[] = {SOFT_FORWARD_ROLE_ACCESS, SOFT_FORWARD_ROLE_TUNNEL,
                                         SOFT_FORWARD_ROLE_OWN};
   const SoftForwardPort value{vlan, static_cast<__u8>(kRoles[static_cast<std::size_t>(role)]), 0};
   return failed("ports", portKey(ifIndex), put(skeleton_->bpf->maps.ports, ifIndex, value));
 }
 
-Failure Programs::portDel(std::uint32_t ifIndex) {
+Mox::Result<> Programs::portDel(std::uint32_t ifIndex) {
   return failed("ports", portKey(ifIndex), erase(skeleton_->bpf->maps.ports, ifIndex));
 }
 
-Failure Programs::activeVlanIs(std::uint16_t vlan, bool active) {
+Mox::Result<> Programs::activeVlanIs(std::uint16_t vlan, bool active) {
   const bpf_map* map = skeleton_->bpf->maps.active_vlans;
   return failed("active_vlans", vlanKey(vlan),
                 active ? put(map, vlan, SoftForwardActiveVlan{1, 0}) : erase(map, vlan));
 }
 
-Failure Programs::vlanPathsIs(std::uint16_t vlan, std::uint32_t wayIn,
-                              const std::vector<std::uint32_t>& tunnelPorts, std::uint32_t bridge) {
+Mox::Result<> Programs::vlanPathsIs(std::uint16_t vlan, const VlanPaths& paths) {
   MOX_ASSERT(kSource, "tunnelPorts.size() <= SOFT_FORWARD_MAX_TUNNEL_PORTS",
-             tunnelPorts.size() <= SOFT_FORWARD_MAX_TUNNEL_PORTS);
+             paths.tunnelPorts.size() <= SOFT_FORWARD_MAX_TUNNEL_PORTS);
   SoftForwardVlanPaths value{};
-  value.wayIn = wayIn;
-  value.bridge = bridge;
-  value.tunnelPorts = static_cast<__u32>(tunnelPorts.size());
-  std::ranges::copy(tunnelPorts, value.tunnelPort);
+  value.wayIn = paths.wayIn;
+  value.bridge = paths.bridge;
+  value.tunnelPorts = static_cast<__u32>(paths.tunnelPorts.size());
+  std::ranges::copy(paths.tunnelPorts, value.tunnelPort);
   return failed("vlan_paths", vlanKey(vlan), put(skeleton_->bpf->maps.vlan_paths, vlan, value));
 }
 
-Failure Programs::vlanPathsDel(std::uint16_t vlan) {
+Mox::Result<> Programs::vlanPathsDel(std::uint16_t vlan) {
   return failed("vlan_paths", vlanKey(vlan), erase(skeleton_->bpf->maps.vlan_paths, vlan));
 }
 

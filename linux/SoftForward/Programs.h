@@ -5,13 +5,14 @@
 // Programs live as long as something holds them: this object, or what they are attached to. After this object
 // is gone, attached programs run on with the maps as they were left.
 
+#include <array>
 #include <cstdint>
 #include <memory>
-#include <optional>
+#include <string>
 #include <vector>
 
-#include "SoftForward/Failure.h"
-#include "SoftForward/Links.h"
+#include "Lanix/EthAddr.h"
+#include "Mox/Result.h"
 
 namespace SoftForward {
 
@@ -26,10 +27,23 @@ enum class Program : std::uint8_t {
   dropAll,
 };
 
-const char* toString(Program program);  // the program's name in the kernel
+// As the kernel has it.
+struct LoadedProgram {
+  int descriptor;
+  std::uint32_t id;
+  const char* name;
+};
 
 // `own` is the bridge device as far as it sends.
 enum class PortRole : std::uint8_t { access, tunnel, own };
+
+// Where the agent's frames of a VLAN go, by interface index.
+struct VlanPaths {
+  std::uint32_t wayIn = 0;                 // 0: none
+  std::vector<std::uint32_t> tunnelPorts;  // at most SOFT_FORWARD_MAX_TUNNEL_PORTS
+  std::uint32_t bridge = 0;
+  friend bool operator==(const VlanPaths&, const VlanPaths&) = default;
+};
 
 // Frames since the programs were loaded.
 struct Statistics {
@@ -50,32 +64,31 @@ class Programs {
   Programs& operator=(const Programs&) = delete;
 
   // Once, before everything else. What libbpf has to say about a refused program is part of the failure.
-  [[nodiscard]] Failure load();
+  Mox::Result<> load();
 
-  int fd(Program program) const;
+  LoadedProgram loaded(Program program) const;
 
-  [[nodiscard]] Failure trapPeerIs(std::uint32_t ifIndex);
-  // What comes from this address is never trapped.
-  [[nodiscard]] Failure passedAddressIs(const std::optional<MacAddress>& address);
-  [[nodiscard]] Failure portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role);
-  [[nodiscard]] Failure portDel(std::uint32_t ifIndex);
-  [[nodiscard]] Failure activeVlanIs(std::uint16_t vlan, bool active);
-  // At most SOFT_FORWARD_MAX_TUNNEL_PORTS; `wayIn` 0: none. A frame sees the old set or the new one, nothing
-  // between.
-  [[nodiscard]] Failure vlanPathsIs(std::uint16_t vlan, std::uint32_t wayIn,
-                                    const std::vector<std::uint32_t>& tunnelPorts, std::uint32_t bridge);
-  [[nodiscard]] Failure vlanPathsDel(std::uint16_t vlan);
+  Mox::Result<> trapPeerIs(std::uint32_t ifIndex);
+  // What comes from this address is never trapped; zero: there is none.
+  Mox::Result<> passedAddressIs(const Lanix::EthAddr& address);
+  Mox::Result<> portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role);
+  Mox::Result<> portDel(std::uint32_t ifIndex);
+  Mox::Result<> activeVlanIs(std::uint16_t vlan, bool active);
+  // A frame sees the old set or the new one, nothing between.
+  Mox::Result<> vlanPathsIs(std::uint16_t vlan, const VlanPaths& paths);
+  Mox::Result<> vlanPathsDel(std::uint16_t vlan);
 
   // All zero when the counters cannot be read.
   Statistics statistics() const;
 
  private:
-  [[nodiscard]] Failure settingsPut();
+  Mox::Result<> settingsPut();
 
   struct Skeleton;
   std::unique_ptr<Skeleton> skeleton_;
+  std::array<std::uint32_t, 8> ids_{};  // the kernel's, by Program
   std::uint32_t trapPeer_ = 0;
-  std::optional<MacAddress> passedAddress_;
+  Lanix::EthAddr passedAddress_;
 };
 
 }  // namespace SoftForward

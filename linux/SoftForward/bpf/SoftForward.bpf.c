@@ -124,8 +124,10 @@ static __always_inline bool isSame(const __u8* address, const __u8* other) {
 }
 
 static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
-  // A tag that the device took off is beside the frame: what is tagged is not this VLAN's.
-  if (skb->protocol != bpf_htons(ETH_P_ARP) || skb->vlan_present) return TC_ACT_UNSPEC;
+  // A tag that the device took off is beside the frame: what is tagged is not this VLAN's, unless the tag
+  // gives a priority and no VLAN.
+  if (skb->protocol != bpf_htons(ETH_P_ARP)) return TC_ACT_UNSPEC;
+  if (skb->vlan_present && (skb->vlan_tci & SOFT_FORWARD_VLAN_MASK) != 0) return TC_ACT_UNSPEC;
   if (skb->len > SOFT_FORWARD_MAX_FRAME) return TC_ACT_UNSPEC;
   struct ArpFrame frame;
   if (bpf_skb_load_bytes(skb, 0, &frame, sizeof frame) < 0) return TC_ACT_UNSPEC;
@@ -178,6 +180,7 @@ int tunnel_egress(struct __sk_buff* skb) {
 SEC("tc")
 int trap_egress(struct __sk_buff* skb) {
   if (!isMarked(skb)) return unexpected();
+  if (skb->vlan_present && bpf_skb_vlan_pop(skb) < 0) return unexpected();  // a priority's
   __u32 vlan = skb->mark & SOFT_FORWARD_VLAN_MASK;
   __u32 from = skb->ingress_ifindex;
   if (from == 0) {

@@ -1,0 +1,158 @@
+#include "SoftForward/SoftForwardSm.h"
+
+#include <algorithm>
+
+namespace SoftForward {
+
+namespace {
+
+// Changes of links come in bursts; they are looked at together after this many seconds.
+constexpr double kSettleSeconds = 0.02;
+// What was refused is tried again after this many seconds.
+constexpr double kRetrySeconds = 3;
+// What is on its way gets this many seconds before it counts as a problem.
+constexpr double kGraceSeconds = 1;
+constexpr unsigned kLevel = 3;
+
+constexpr char kArpService[] = "ArpService";
+
+}  // namespace
+
+SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
+                             Mox::Ptr<const Switch::Config> switchConfig,
+                             Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus,
+                             Mox::Ptr<const Bridging::Config> bridgingConfig,
+                             Mox::Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
+                             Mox::Ptr<Switch::Forwarding> forwarding, Mox::Ptr<Switch::Problems> problems)
+    : WalkSmBase(scheduler, "SoftForward", kLevel),
+      switchConfig_(std::move(switchConfig)),
+      arpSuppressionStatus_(std::move(arpSuppressionStatus)),
+      bridgingConfig_(std::move(bridgingConfig)),
+      fhrpVrMacStatus_(std::move(fhrpVrMacStatus)),
+      forwarding_(std::move(forwarding)),
+      problems_(std::move(problems), "SoftForward"),
+      ownTrapped_(std::ranges::count(switchConfig_->agents(), kArpService) != 0),
+      datapath_([this](std::uint16_t id, const Standing& standing) { handleLooked(id, standing); }),
+      again_(scheduler, "SoftForward again", kLevel, [this] {
+        datapath_.againIs();
+        scheduleWalk();
+      }) {
+  arpSuppressionStatus_.on(ArpSuppression::ArpSuppressionStatus::vlanIdChanged,
+                           [this](Bridging::VlanId vlanId) { handleVlanId(vlanId); });
+  bridgingConfig_.on(Bridging::Config::bridgeMacAddrChanged, [this] { handleAddresses(); });
+  fhrpVrMacStatus_.on(Routing::Fhrp::VirtualRouterMacStatus::vgwVirtualMacChanged,
+                      [this] { handleAddresses(); });
+  datapath_.ownTrappedIs(ownTrapped_);
+  handleAddresses();
+  for (const auto& [vlanId, vlan] : switchConfig_->vlanCollection()) {
+    forwarding_->vlanIs(vlanId);
+    datapath_.vlanIs(vlanId, {vlan->bridge(), vlan->tunnelPorts()});
+  }
+  for (const auto& [vlanId, active] : arpSuppressionStatus_->vlanIdCollection()) handleVlanId(vlanId);
+}
+
+SoftForwardSm::~SoftForwardSm() {
+  if (descriptor_) descriptor_->descriptorIs(-1);
+  if (open_) problems_.check("removing the devices and programs", datapath_.close());
+  forwarding_->vlanDelAll();
+}
+
+bool SoftForwardSm::open() {
+  if (open_) return true;
+  open_ = problems_.check("eBPF programs and kernel notifications", datapath_.open());
+  if (!open_) {
+    again_.schedule(kRetrySeconds);
+    return false;
+  }
+  const auto descriptor = Mox::make<Orb::FileDescriptor>(scheduler()->loop(), "SoftForward");
+  descriptor->descriptorIs(datapath_.descriptor());
+  descriptor_.on(Orb::FileDescriptor::readableCountChanged, [this] { scheduleWalk(kSettleSeconds); });
+  descriptor_.notifierIs(descriptor);
+  descriptor->notifyOnReadableIs(true);
+  return true;
+}
+
+Orb::WalkRet SoftForwardSm::walk() {
+  Orb::WalkRet ret;
+  if (!open()) return ret;
+  do {
+    ++ret.processed;
+    ret.moreWork = datapath_.step();
+  } while (ret.moreWork && !mustYield());
+  return ret;
+}
+
+void SoftForwardSm::walkFinishedNotification() {
+  if (!open_ || !datapath_.againWanted()) return;
+  const bool grace = std::ranges::any_of(notReadySince_, [&](const auto& entry) {
+    return scheduler()->loop().clock().now() < entry.second + kGraceSeconds;
+  });
+  again_.schedule(grace ? kGraceSeconds : kRetrySeconds);
+}
+
+void SoftForwardSm::handleAddresses() {
+  // Nobody acts on what the switch asks for.
+  const bool passed = !ownTrapped_ && bridgingConfig_;
+  datapath_.passedAddressIs(passed ? bridgingConfig_->bridgeMacAddr() : Lanix::EthAddr());
+  datapath_.sharedAddressIs(fhrpVrMacStatus_ ? fhrpVrMacStatus_->vgwVirtualMac() : Lanix::EthAddr());
+  scheduleWalk();
+}
+
+void SoftForwardSm::handleVlanId(Bridging::VlanId vlanId) {
+  datapath_.activeVlanIs(vlanId, arpSuppressionStatus_->vlanId(vlanId));
+  scheduleWalk();
+}
+
+// What is on its way is no problem yet.
+bool SoftForwardSm::isToReport(std::uint16_t id, const Standing& standing) {
+  if (standing.ready) {
+    notReadySince_.erase(id);
+    return false;
+  }
+  const double now = scheduler()->loop().clock().now();
+  const double since = notReadySince_.try_emplace(id, now).first->second;
+  return !standing.passing || now >= since + kGraceSeconds;
+}
+
+void SoftForwardSm::handleLooked(std::uint16_t id, const Standing& standing) {
+  const bool toReport = isToReport(id, standing);
+  if (id == Datapath::kShared) {
+    sharedReady_ = standing.ready;
+    report(id, standing, toReport);
+    return;
+  }
+  if (const auto vlan = forwarding_->vlan(Bridging::VlanId(id))) {
+    vlan->reasonIs(standing.reason);
+    vlan->readyIs(standing.ready);
+  }
+  // What all VLANs share is reported once.
+  report(id, standing, toReport && sharedReady_);
+}
+
+void SoftForwardSm::report(std::uint16_t id, const Standing& standing, bool main) {
+  std::set<std::string> now;
+  const auto is = [&](const Complaint& complaint) {
+    now.insert(complaint.subject);
+    problems_.problemIs(complaint.subject, complaint.problem, complaint.advice);
+  };
+  const std::string subject = id == Datapath::kShared ? "all VLANs" : "VLAN " + std::to_string(id);
+  if (main) {
+    is({subject, "requests are flooded as without suppression: " + standing.reason, standing.advice});
+  } else if (!standing.ready && reported_[id].contains(subject)) {
+    now.insert(subject);  // not over yet
+  }
+  for (const Complaint& complaint : standing.complaints) is(complaint);
+  for (const std::string& before : reported_[id])
+    if (!now.contains(before)) problems_.problemDel(before);
+  reported_[id] = std::move(now);
+}
+
+void SoftForwardSm::dumpState(Orb::DumpContext& context, int indent) const {
+  context.line(indent, "SoftForwardSm");
+  context.attribute(indent, "open", open_);
+  context.attribute(indent, "ready", sharedReady_);
+  for (const auto& [vlanId, vlan] : forwarding_->vlanCollection())
+    context.line(indent + 2, "VLAN " + vlanId.toStrep() + ": " + (vlan->ready() ? "ready" : vlan->reason()));
+}
+
+}  // namespace SoftForward

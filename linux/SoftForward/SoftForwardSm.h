@@ -1,0 +1,74 @@
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "Bridging/Config.h"
+#include "Mox/Notifiee.h"
+#include "Orb/DumpContext.h"
+#include "Orb/FileDescriptor.h"
+#include "Orb/WalkSm.h"
+#include "Routing/Status.h"
+#include "SoftForward/Datapath.h"
+#include "Suppression/Status.h"
+#include "Switch/Config.h"
+#include "Switch/Forwarding.h"
+#include "Switch/ProblemReporter.h"
+
+namespace SoftForward {
+
+// Keeps the data path in step with the switch: the bridges and ports of the configured VLANs as the kernel
+// has them now, and the VLANs on which suppression is in force. Ports may come and go.
+//
+// What the switch itself asks for on its VLANs is trapped while the plug-in "ArpService" is loaded, which
+// turns what the agent then decides into kernel neighbours. Without it nobody would answer, so it is left
+// alone.
+//
+// While the switch shares a gateway MAC with its peers, the VLANs' bridges take frames to it as their own: a
+// bridge floods what is for an address that it does not know, and hands none of it to its own device.
+//
+// The walk does what the data path has to do, one VLAN after the other, and rests as soon as that has nothing
+// left. Its outcome is published for each VLAN; what is wrong is reported once, and tried again every few
+// seconds where the kernel refused.
+class SoftForwardSm final : public Orb::WalkSmBase {
+ public:
+  // `problems` may be null.
+  SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Mox::Ptr<const Switch::Config> switchConfig,
+                Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus,
+                Mox::Ptr<const Bridging::Config> bridgingConfig,
+                Mox::Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
+                Mox::Ptr<Switch::Forwarding> forwarding, Mox::Ptr<Switch::Problems> problems);
+  // Detaches everything and removes the devices that it made.
+  ~SoftForwardSm() override;
+
+  void dumpState(Orb::DumpContext& context, int indent) const;
+
+ private:
+  Orb::WalkRet walk() override;
+  void walkFinishedNotification() override;
+
+  bool open();
+  void handleAddresses();
+  void handleVlanId(Bridging::VlanId vlanId);
+  void handleLooked(std::uint16_t id, const Standing& standing);
+  bool isToReport(std::uint16_t id, const Standing& standing);
+  void report(std::uint16_t id, const Standing& standing, bool main);
+
+  Mox::Ptr<const Switch::Config> switchConfig_;
+  Mox::Notifiee<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus_;
+  Mox::Notifiee<const Bridging::Config> bridgingConfig_;
+  Mox::Notifiee<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus_;
+  Mox::Ptr<Switch::Forwarding> forwarding_;
+  Switch::ProblemReporter problems_;
+  const bool ownTrapped_;
+  bool open_ = false;
+  Datapath datapath_;
+  Mox::Notifiee<Orb::FileDescriptor> descriptor_;
+  bool sharedReady_ = false;
+  std::map<std::uint16_t, double> notReadySince_;
+  std::map<std::uint16_t, std::set<std::string>> reported_;  // the subjects, by VLAN
+  Orb::Task again_;
+};
+
+}  // namespace SoftForward
