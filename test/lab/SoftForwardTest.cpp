@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -220,6 +221,82 @@ TEST_F(WholeSwitch, IsAPlainSwitchAgainAfterTheDaemon) {
   const Seen seen = quiet();
   EXPECT_THAT(seen.far, ElementsAre(hex(request(kRemoteIp))));
   EXPECT_THAT(seen.host1, IsEmpty());
+}
+
+// Whatever wakes the plug-ins: they write nothing that is so already.
+TEST_F(WholeSwitch, CausesNoNotificationAtRest) {
+  start();
+  quiet();
+  Netlink::Socket monitor(NETLINK_ROUTE);
+  for (const unsigned group : {RTNLGRP_LINK, RTNLGRP_TC}) ASSERT_TRUE(monitor.join(group));
+  std::map<std::string, int> heard;
+  const auto listen = [&] {
+    const auto batch = monitor.receive(
+        [&](const Netlink::Received& message) {
+          const auto header = message.header<ifinfomsg>();  // as far as tcmsg is the same
+          char name[IF_NAMESIZE] = "";
+          if (header) if_indextoname(static_cast<unsigned>(header->ifi_index), name);
+          ++heard[name];
+        },
+        10'000);
+    EXPECT_FALSE(batch.overrun);
+  };
+  const json ready = true;
+  for (std::uint32_t i = 1; i <= 20; ++i) {
+    mtuIs("Ethernet2", 1600 + i);  // a port of the VLAN: its look is due
+    EXPECT_EQ(switch_.state("switch/forwarding", "/vlan/10/ready", ready), ready);
+    listen();
+  }
+  quiet();
+  listen();
+  EXPECT_GE(heard["Ethernet2"], 20);
+  heard.erase("Ethernet2");
+  EXPECT_THAT(heard, IsEmpty());
+}
+
+TEST_F(WholeSwitch, WhatIsRemovedComesBack) {
+  start();
+  for (const char* device : kDevices) {
+    SCOPED_TRACE(device);
+    const std::uint32_t before = ifIndex(device);
+    linkDel(device);
+    const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
+    const auto answered = [&] {
+      host1_->send(request(kRemoteIp));
+      const auto frame = host1_->receive(std::chrono::milliseconds(50));
+      return frame && hex(*frame) == hex(reply(kRemote, kRemoteIp));
+    };
+    while (ifIndex(device) == before || ifIndex(device) == 0 || !answered())
+      ASSERT_TRUE(std::chrono::steady_clock::now() < deadline) << switch_.daemon().error;
+    awaitOperational(device);
+    awaitFirstTrap();
+    quiet();
+    expectSuppression();
+  }
+}
+
+TEST_F(WholeSwitch, SaysWhyAVlanIsNotTrappedAndWhenItIsAgain) {
+  start();
+  const auto forwarding = [&](const json& wanted) {
+    return switch_.state("switch/forwarding", "/vlan/10/reason", wanted);
+  };
+  linkDel("vlan10");
+  EXPECT_EQ(forwarding("there is no bridge vlan10"), "there is no bridge vlan10");
+  const char* problem = "/problem/SoftForward VLAN 10/problem";
+  const json flooded = "requests are flooded as without suppression: there is no bridge vlan10";
+  EXPECT_EQ(switch_.state("switch/problems", problem, flooded), flooded);
+  EXPECT_TRUE(
+      switch_.daemon().readUntil("SoftForward: VLAN 10: requests are flooded as without suppression: there "
+                                 "is no bridge vlan10; make it, "
+                                 "or correct \"bridge\" of the VLAN in the configuration\n"))
+      << switch_.daemon().error;
+  bridgeIs("vlan10");
+  for (const char* port : {"Ethernet1", "Ethernet2", "core10"}) portIs(port, "vlan10");
+  EXPECT_EQ(forwarding(""), "");
+  EXPECT_TRUE(switch_.daemon().readUntil("SoftForward: VLAN 10: good again\n")) << switch_.daemon().error;
+  EXPECT_EQ(switch_.state("switch/problems", "/problem/SoftForward VLAN 10, tunnel port core11/problem",
+                          "it is no port of bridge vlan10"),
+            "it is no port of bridge vlan10");
 }
 
 TEST_F(WholeSwitch, TakesOverAfterAKill) {
