@@ -31,7 +31,6 @@
 
 #include "Netlink/Socket.h"
 #include "lab/Lab.h"
-#include "lab/LabKernel.h"
 
 namespace {
 
@@ -49,8 +48,11 @@ std::string accessName(unsigned vlan) { return "Ethernet" + std::to_string(vlan)
 std::string tunnelName(unsigned vlan) { return "core" + std::to_string(vlan); }
 
 void requestAll(std::vector<Message> messages) {
-  const std::size_t wanted = messages.size();
-  if (KernelState::requestAll(messages) != wanted) throw std::runtime_error("the network cannot be made");
+  Netlink::Socket socket(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = 10'000});
+  socket.batch(messages, [](std::size_t at, const Netlink::Result<>& result) {
+    if (!result)
+      throw std::runtime_error("making the network, request " + std::to_string(at) + ": " + result.error());
+  });
 }
 
 Message upMessage(const std::string& device) {
@@ -84,13 +86,13 @@ void networkIs(unsigned vlans, const Lab::Namespace& outside) {
         info.string(IFLA_INFO_KIND, "veth").nest(IFLA_INFO_DATA, [&](Message& data) {
           data.nest(VETH_INFO_PEER, [&](Message& peer) {
             peer.header(ifinfomsg{})
-                .string(IFLA_IFNAME, "far-" + name)
+                .string(IFLA_IFNAME, "f-" + name)
                 .u32(IFLA_NET_NS_FD, static_cast<std::uint32_t>(outside.fd()));
           });
         });
       })));
       ports.push_back(upMessage(name));
-      far.push_back(upMessage("far-" + name));
+      far.push_back(upMessage("f-" + name));
     }
   }
   requestAll(std::move(ports));

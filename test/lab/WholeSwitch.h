@@ -73,7 +73,10 @@ class WholeSwitch : public testing::Test {
                           {"trapSocket", "open"},
                           {"reinjectSocket", "open"}};
     ASSERT_EQ(switch_.status(running), running);
-    for (const char* device : kDevices) awaitOperational(device);
+    for (const int vlan : vlans) {
+      const std::string ready = "/vlan/" + std::to_string(vlan) + "/ready";
+      ASSERT_EQ(switch_.state("switch/forwarding", ready.c_str(), true), json(true));
+    }
     awaitFirstTrap();
   }
 
