@@ -24,6 +24,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -40,6 +41,7 @@ using Netlink::Message;
 constexpr double kTargetTurn = 10e-3;  // seconds
 constexpr double kTargetStop = 2;
 constexpr auto kPatience = std::chrono::seconds(120);
+constexpr std::uint32_t kGroup = 2;  // all of the network's devices, so that they go together
 
 double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
@@ -69,11 +71,14 @@ void networkIs(unsigned vlans, const Lab::Namespace& outside) {
     Message bridge(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
     ifinfomsg up{};
     up.ifi_flags = up.ifi_change = IFF_UP;
-    bridge.header(up).string(IFLA_IFNAME, bridgeName(vlan)).nest(IFLA_LINKINFO, [](Message& info) {
-      info.string(IFLA_INFO_KIND, "bridge").nest(IFLA_INFO_DATA, [](Message& data) {
-        data.u8(IFLA_BR_MCAST_SNOOPING, 0);
-      });
-    });
+    bridge.header(up)
+        .string(IFLA_IFNAME, bridgeName(vlan))
+        .u32(IFLA_GROUP, kGroup)
+        .nest(IFLA_LINKINFO, [](Message& info) {
+          info.string(IFLA_INFO_KIND, "bridge").nest(IFLA_INFO_DATA, [](Message& data) {
+            data.u8(IFLA_BR_MCAST_SNOOPING, 0);
+          });
+        });
     bridges.push_back(std::move(bridge));
   }
   requestAll(std::move(bridges));
@@ -81,7 +86,7 @@ void networkIs(unsigned vlans, const Lab::Namespace& outside) {
     const std::uint32_t master = Lab::ifIndex(bridgeName(vlan));
     for (const std::string& name : {accessName(vlan), tunnelName(vlan)}) {
       Message port(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
-      port.header(ifinfomsg{}).string(IFLA_IFNAME, name).u32(IFLA_MASTER, master);
+      port.header(ifinfomsg{}).string(IFLA_IFNAME, name).u32(IFLA_MASTER, master).u32(IFLA_GROUP, kGroup);
       ports.push_back(std::move(port.nest(IFLA_LINKINFO, [&](Message& info) {
         info.string(IFLA_INFO_KIND, "veth").nest(IFLA_INFO_DATA, [&](Message& data) {
           data.nest(VETH_INFO_PEER, [&](Message& peer) {
@@ -98,6 +103,11 @@ void networkIs(unsigned vlans, const Lab::Namespace& outside) {
   requestAll(std::move(ports));
   const Lab::Entered entered(outside);
   requestAll(std::move(far));
+}
+
+// Left to the kernel, it would take them one by one with the namespace, and keep all others waiting.
+void networkDel() {
+  requestAll({std::move(Message(RTM_DELLINK).header(ifinfomsg{}).u32(IFLA_GROUP, kGroup))});
 }
 
 std::string configuration(unsigned vlans, const std::string& runDirectory) {
@@ -221,8 +231,15 @@ void bench(unsigned vlans, double restSeconds) {
   const Usage after = usageOf(pid);
   const double rested = since(restBegin);
   std::size_t notifications = 0;
+  std::map<std::pair<int, int>, std::size_t> kinds;  // by message type and family
   bool more = true;
-  while (more) more = monitor.receive([&](const Netlink::Received&) { ++notifications; }, 10'000).more;
+  while (more) {
+    const auto count = [&](const Netlink::Received& message) {
+      ++notifications;
+      ++kinds[{message.type(), message.payload().empty() ? 0 : static_cast<int>(message.payload()[0])}];
+    };
+    more = monitor.receive(count, 10'000).more;
+  }
 
   const auto stop = Clock::now();
   kill(pid, SIGTERM);
@@ -230,6 +247,7 @@ void bench(unsigned vlans, double restSeconds) {
   waitpid(pid, &status, 0);
   const double stopSeconds = since(stop);
   close(output);
+  networkDel();
   std::error_code ignored;
   if (WIFEXITED(status) && WEXITSTATUS(status) == 0) std::filesystem::remove_all(folder, ignored);
 
@@ -237,6 +255,8 @@ void bench(unsigned vlans, double restSeconds) {
               turn > kTargetTurn ? "!" : " ", notifications, (after.cpu - before.cpu) / rested * 100,
               static_cast<double>(after.switches - before.switches) / rested, stopSeconds,
               stopSeconds > kTargetStop ? "!" : " ");
+  for (const auto& [kind, times] : kinds)
+    std::printf("  notifications of type %d, family %d: %zu\n", kind.first, kind.second, times);
   if (!tasks.empty()) std::printf("  tasks that ran longer than 1 ms at a time:\n%s", tasks.c_str());
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
     std::printf("  it did not end well; see %s\n", log.c_str());

@@ -58,7 +58,6 @@ SoftForwardSm::~SoftForwardSm() {
 }
 
 bool SoftForwardSm::open() {
-  if (open_) return true;
   open_ = problems_.check("eBPF programs and kernel notifications", datapath_.open());
   if (!open_) {
     again_.schedule(kRetrySeconds);
@@ -74,7 +73,10 @@ bool SoftForwardSm::open() {
 
 Orb::WalkRet SoftForwardSm::walk() {
   Orb::WalkRet ret;
-  if (!open()) return ret;
+  if (!open_) {  // loading the programs is a slice of its own
+    ret.moreWork = open();
+    return ret;
+  }
   do {
     ++ret.processed;
     ret.moreWork = datapath_.step();
