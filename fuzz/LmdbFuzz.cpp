@@ -6,10 +6,9 @@ namespace {
 namespace fs = std::filesystem;
 
 std::unique_ptr<Statedb::Store> open(const std::string& directory) {
-  std::string error;
-  std::unique_ptr<Statedb::Store> store = Statedb::LmdbStore::open(directory, {}, error);
-  Fuzz::check(store != nullptr, "a store whatever the file holds", error);
-  return store;
+  auto store = Statedb::LmdbStore::open(directory, {});
+  Fuzz::check(static_cast<bool>(store), "a store whatever the file holds", store.error());
+  return std::move(*store);
 }
 
 // A sound database with branch pages, a value on pages of its own and a free list.

@@ -77,11 +77,10 @@ Mox::Result<> Daemon::start() {
       [this, directory = featureDirectory(config_.featureDirectory)](const auto& group, const auto& name) {
         return featureSwitch(directory, group, name, report_);
       });
-  std::string error;
-  auto store = Statedb::LmdbStore::open(runDirectory_->stateDirectory(), report_, error);
-  if (!store) return Mox::Failure{error};
-  state_ =
-      std::make_unique<State>(loop_, tasks_, config_.runDirectory, config_.agents, std::move(store), report_);
+  auto store = Statedb::LmdbStore::open(runDirectory_->stateDirectory(), report_);
+  if (!store) return store.failure();
+  state_ = std::make_unique<State>(loop_, tasks_, config_.runDirectory, config_.agents, std::move(*store),
+                                   report_);
   if (auto built = state_->build(config_); !built) return built;
   flushHook_ = loop_.endOfTurn([this] {
     if (state_->flush()) loop_.post([] {});  // the rest comes in another turn

@@ -118,10 +118,9 @@ class Directory {
   Directory() { mkdtemp(path_.data()); }
   ~Directory() { std::filesystem::remove_all(path_); }
   std::unique_ptr<Statedb::Store> store() const {
-    std::string error;
-    auto store = Statedb::LmdbStore::open(path_, {}, error);
-    if (!store) std::fprintf(stderr, "%s\n", error.c_str()), std::exit(1);
-    return store;
+    auto store = Statedb::LmdbStore::open(path_, {});
+    if (!store) std::fprintf(stderr, "%s\n", store.error().c_str()), std::exit(1);
+    return std::move(*store);
   }
 
  private:

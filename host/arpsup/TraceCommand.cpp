@@ -133,14 +133,14 @@ class Rings {
     if (stat(ring.file.c_str(), &status) == 0)
       ring.changed = std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
     ring.reader = std::make_unique<Tracelet::Reader>(ring.file);
-    if (ring.reader->error().empty()) {
+    if (ring.reader->readable()) {
       std::uint32_t owner = 0;
       std::ifstream(lockFile_) >> owner;
       ring.latest = owner == ring.reader->pid();
       rings.push_back(std::move(ring));
     } else {
       const bool denied = access(ring.file.c_str(), R_OK) < 0 && errno == EACCES;
-      fail(kRefused, ring.reader->error() + (denied ? "; run it as root" : "; it is left out"));
+      fail(kRefused, ring.reader->readable().error() + (denied ? "; run it as root" : "; it is left out"));
     }
   }
 

@@ -20,8 +20,7 @@
 //   bool, integers, floating point  the same; an integer must fit its C++ type
 //   named enumerations              a string: the name
 //   composite values (moxFields)    an object of those fields; a partial object changes those fields only,
-//   null
-//                                   puts a field back to its default
+//                                   null puts a field back to its default
 //   lists (std::vector, std::set)   an array, which replaces the whole list
 //   numbers in a class              a number: types whose value() is an integer that is also their text
 //   other types with toStrep        a string
@@ -151,8 +150,8 @@ std::optional<T> textToValue(std::string_view text) {
 }
 
 // Merges JSON into `value`. On refusal returns false and puts into `problem` what follows the value's own
-// name:
-// ".mac: 5 is not a string like ...", ": 70000 is not a number from 0 to 65535"; `value` is then unspecified.
+// name: ".mac: 5 is not a string like ...", ": 70000 is not a number from 0 to 65535". `value` is then
+// unspecified.
 template <class T>
 bool mergeValue(const nlohmann::json& json, T& value, std::string& problem);
 

@@ -22,8 +22,7 @@ constexpr std::size_t kPageHeader = 16;
 constexpr std::size_t kNodeHeader = 8;
 constexpr std::size_t kMetaSize = 136;
 constexpr std::uint64_t kNoPage = ~std::uint64_t{0};
-// No store ever commits that often, and a number near the end would wrap: then an older header counts as
-// newer.
+// No store ever commits that often. A number near the end would wrap, and an older header count as the newer.
 constexpr std::uint64_t kLastTransaction = std::uint64_t{1} << 62;
 constexpr unsigned kMaxDepth = 24;
 enum PageFlag : std::uint16_t { kBranch = 0x01, kLeaf = 0x02, kOverflow = 0x04, kMeta = 0x08 };
@@ -69,31 +68,33 @@ class Checker {
  public:
   explicit Checker(Bytes file) : file_(file) {}
 
-  std::string problem() {
+  Mox::Result<> check() {
     const std::optional<Meta> first = metaOf(file_);
-    if (!first) return "it has no valid header";
+    if (!first) return Mox::Failure{"it has no valid header"};
     pageSize_ = first->pageSize;
     if (pageSize_ < 512 || pageSize_ > 32768 || (pageSize_ & (pageSize_ - 1)) != 0)
-      return "its page size is invalid";
-    if (file_.size() < 2 * pageSize_) return "it is cut short";
+      return Mox::Failure{"its page size is invalid"};
+    if (file_.size() < 2 * pageSize_) return Mox::Failure{"it is cut short"};
     const std::optional<Meta> second = metaOf(file_.subspan(pageSize_));
-    if (!second || second->pageSize != first->pageSize) return "its second header is invalid";
+    if (!second || second->pageSize != first->pageSize) return Mox::Failure{"its second header is invalid"};
     const Meta& meta = first->transaction < second->transaction ? *second : *first;
-    if (meta.transaction > kLastTransaction) return "its transaction number is out of range";
+    if (meta.transaction > kLastTransaction) return Mox::Failure{"its transaction number is out of range"};
     transaction_ = meta.transaction;
-    if (meta.lastPage == 0 || meta.lastPage >= file_.size() / pageSize_) return "it is cut short";
-    if (meta.free.flags % 0x40 != 0x08 || meta.main.flags % 0x40 != 0) return "its header has invalid flags";
+    if (meta.lastPage == 0 || meta.lastPage >= file_.size() / pageSize_)
+      return Mox::Failure{"it is cut short"};
+    if (meta.free.flags % 0x40 != 0x08 || meta.main.flags % 0x40 != 0)
+      return Mox::Failure{"its header has invalid flags"};
     used_.resize(meta.lastPage + 1);
     used_[0] = used_[1] = true;
 
     integerKeys_ = true;
-    if (!tree(meta.free)) return problem_;
+    if (!tree(meta.free)) return Mox::Failure{problem_};
     integerKeys_ = false;
-    if (!tree(meta.main)) return problem_;
+    if (!tree(meta.main)) return Mox::Failure{problem_};
     for (const Bytes list : freeLists_) {
-      if (!freeList(list)) return problem_;
+      if (!freeList(list)) return Mox::Failure{problem_};
     }
-    return "";
+    return {};
   }
 
  private:
@@ -230,21 +231,22 @@ class Checker {
   std::optional<Bytes> lastKey_;
   std::vector<bool> used_;
   std::vector<Bytes> freeLists_;
-  std::string problem_;
+  const char* problem_ = "";
 };
 
 }  // namespace
 
-std::string lmdbFileProblem(int descriptor) {
+Mox::Result<> checkLmdbFile(int descriptor) {
   struct stat status {};
-  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return "it is not a regular file";
-  if (status.st_size == 0) return "it is empty";
+  if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode))
+    return Mox::Failure{"it is not a regular file"};
+  if (status.st_size == 0) return Mox::Failure{"it is empty"};
   const auto size = static_cast<std::size_t>(status.st_size);
   void* const mapped = mmap(nullptr, size, PROT_READ, MAP_SHARED, descriptor, 0);
-  if (mapped == MAP_FAILED) return "it cannot be mapped";
-  const std::string problem = Checker(Bytes(static_cast<const unsigned char*>(mapped), size)).problem();
+  if (mapped == MAP_FAILED) return Mox::Failure{"it cannot be mapped"};
+  auto sound = Checker(Bytes(static_cast<const unsigned char*>(mapped), size)).check();
   munmap(mapped, size);
-  return problem;
+  return sound;
 }
 
 }  // namespace Statedb

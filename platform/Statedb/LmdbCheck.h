@@ -1,6 +1,6 @@
 #pragma once
 
-#include <string>
+#include "Mox/Result.h"
 
 namespace Statedb {
 
@@ -11,8 +11,8 @@ namespace Statedb {
 // of the newer one's free list and main tree, each of which must lie inside the file and be used once; every
 // node inside its page, keys in order, and the free list naming no page in use. Values are not looked at.
 //
-// Returns what is wrong, "" for a sound file. Reads the whole used part of the file once. The caller keeps
-// others from changing the file meanwhile.
-std::string lmdbFileProblem(int descriptor);
+// Good for a sound file. Reads the whole used part of the file once. The caller keeps others from changing
+// the file meanwhile.
+Mox::Result<> checkLmdbFile(int descriptor);
 
 }  // namespace Statedb

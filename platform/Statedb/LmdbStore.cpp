@@ -39,10 +39,9 @@ std::string_view textOf(const MDB_val& value) {
 
 }  // namespace
 
-std::unique_ptr<LmdbStore> LmdbStore::open(const std::string& directory, Report report, std::string& error) {
+Mox::Result<std::unique_ptr<LmdbStore>> LmdbStore::open(const std::string& directory, Report report) {
   std::unique_ptr<LmdbStore> store(new LmdbStore(directory + "/state.mdb", std::move(report)));
-  error = store->openFile();
-  if (!error.empty()) return nullptr;
+  if (auto opened = store->openFile(); !opened) return opened.failure();
   return store;
 }
 
@@ -51,33 +50,30 @@ LmdbStore::~LmdbStore() {
   closeDatabase();
 }
 
-std::string LmdbStore::openFile() {
-  std::string error;
-  if (!lockFile(error)) return error;
+Mox::Result<> LmdbStore::openFile() {
+  if (auto locked = lockFile(); !locked) return locked;
   struct stat status {};
   const bool fresh = fstat(lock_, &status) == 0 && status.st_size == 0;
   if (!fresh) {
-    const std::string problem = lmdbFileProblem(lock_);
-    if (!problem.empty()) {
-      setAside(problem);
-      if (!lockFile(error)) return error;
+    if (const auto sound = checkLmdbFile(lock_); !sound) {
+      setAside(sound.error());
+      if (auto locked = lockFile(); !locked) return locked;
     }
   }
-  error = openDatabase();
-  return error.empty() ? error : file_ + ": " + error;
+  const auto opened = openDatabase();
+  return opened ? opened : Mox::Failure{file_ + ": " + opened.error(), opened.number()};
 }
 
 // The lock goes with the process. It is on the database file itself, not on a file beside it that could be
 // removed on its own.
-bool LmdbStore::lockFile(std::string& error) {
+Mox::Result<> LmdbStore::lockFile() {
   lock_ = ::open(file_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
   if (lock_ < 0) {
-    error = file_ + ": " + std::strerror(errno);
-    return false;
+    const int error = errno;
+    return Mox::Failure{file_ + ": " + std::strerror(error), error};
   }
-  if (flock(lock_, LOCK_EX | LOCK_NB) == 0) return true;
-  error = file_ + ": another process has this state store open";
-  return false;
+  if (flock(lock_, LOCK_EX | LOCK_NB) == 0) return {};
+  return Mox::Failure{file_ + ": another process has this state store open", EWOULDBLOCK};
 }
 
 void LmdbStore::setAside(const std::string& problem) {
@@ -96,19 +92,20 @@ void LmdbStore::setAside(const std::string& problem) {
   lock_ = -1;
 }
 
-std::string LmdbStore::openDatabase() {
-  if (int error = mdb_env_create(&environment_)) return mdb_strerror(error);
+Mox::Result<> LmdbStore::openDatabase() {
+  if (int error = mdb_env_create(&environment_)) return Mox::Failure{mdb_strerror(error), error};
   struct stat status {};
   mapSize_ = kFirstMapSize;
   if (fstat(lock_, &status) == 0) {
     // A file that was written is all in use up to its last page; it is extended below to the map's size.
     while (mapSize_ < static_cast<std::size_t>(status.st_size) && mapSize_ < kLastMapSize) mapSize_ *= 2;
   }
-  if (int error = mdb_env_set_mapsize(environment_, mapSize_)) return mdb_strerror(error);
+  if (int error = mdb_env_set_mapsize(environment_, mapSize_))
+    return Mox::Failure{mdb_strerror(error), error};
   // One thread and one process, whose transactions never overlap: LMDB's own lock file would only be one more
   // file to be damaged.
   if (int error = mdb_env_open(environment_, file_.c_str(), MDB_NOSUBDIR | MDB_NOSYNC | MDB_NOLOCK, 0640)) {
-    return mdb_strerror(error);
+    return Mox::Failure{mdb_strerror(error), error};
   }
   MDB_txn* transaction = nullptr;
   int error = mdb_txn_begin(environment_, nullptr, 0, &transaction);
@@ -120,10 +117,11 @@ std::string LmdbStore::openDatabase() {
       mdb_txn_abort(transaction);
     }
   }
-  if (error != 0) return mdb_strerror(error);
+  if (error != 0) return Mox::Failure{mdb_strerror(error), error};
   // Whatever the map covers is then a page of the file, so that no read of it can fault.
-  if (ftruncate(lock_, static_cast<off_t>(mapSize_)) != 0) return std::strerror(errno);
-  return "";
+  if (ftruncate(lock_, static_cast<off_t>(mapSize_)) == 0) return {};
+  error = errno;
+  return Mox::Failure{std::strerror(error), error};
 }
 
 void LmdbStore::closeDatabase() {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <set>
 
+#include "Mox/Result.h"
 #include "Statedb/Store.h"
 
 struct MDB_env;
@@ -27,8 +28,8 @@ class LmdbStore final : public Store {
  public:
   using Report = std::function<void(const std::string& message)>;
 
-  // Null, and `error` says why, when the directory cannot be used or another process has the store open.
-  static std::unique_ptr<LmdbStore> open(const std::string& directory, Report report, std::string& error);
+  // Refused when the directory cannot be used or another process has the store open.
+  static Mox::Result<std::unique_ptr<LmdbStore>> open(const std::string& directory, Report report);
   ~LmdbStore() override;  // flushes
 
   void load(const std::string& path, const Visitor& visit) override;
@@ -48,9 +49,9 @@ class LmdbStore final : public Store {
 
   LmdbStore(std::string file, Report report)
       : file_(std::move(file)), report_(report ? std::move(report) : [](const std::string&) {}) {}
-  std::string openFile();
-  std::string openDatabase();
-  bool lockFile(std::string& error);
+  Mox::Result<> openFile();
+  Mox::Result<> openDatabase();
+  Mox::Result<> lockFile();
   void setAside(const std::string& problem);
   void closeDatabase();
   bool accept(const std::string& key);

@@ -8,7 +8,11 @@ namespace Statedb {
 
 namespace {
 
-std::string inBrackets(const std::string& key) { return "[" + describe(key) + "]"; }
+std::string inBrackets(const std::string& key) {
+  std::string text = "[";
+  text += describe(key);
+  return text += ']';
+}
 
 // `existing` is null below a child that is still to be made. `problem` is built from the inside out.
 bool checkEntity(const Shape& shape, const Mox::Entity* existing, const nlohmann::json& json,

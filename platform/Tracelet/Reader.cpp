@@ -114,21 +114,20 @@ bool appendArgument(std::string& to, Kind kind, Cursor& args) {
 Reader::Reader(const std::string& fileName) {
   descriptor_ = ::open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (descriptor_ < 0) {
-    error_ = fileName + ": " + std::strerror(errno);
-    return;
-  }
-  if (!readHeader(header_)) {
-    error_ = fileName + ": too short for a trace file";
-  } else if (const std::string damage = checkHeader(header_, fileBytes()); !damage.empty()) {
-    error_ = fileName + " cannot be read: " + damage;
+    const int error = errno;
+    readable_ = Mox::Failure{fileName + ": " + std::strerror(error), error};
+  } else if (!readHeader(header_)) {
+    readable_ = Mox::Failure{fileName + ": too short for a trace file"};
+  } else if (const auto sound = checkHeader(header_, fileBytes()); !sound) {
+    readable_ = Mox::Failure{fileName + " cannot be read: " + sound.error()};
   }
 }
 
 Reader::Reader(std::span<const std::byte> bytes) : bytes_(bytes.begin(), bytes.end()) {
   if (!readHeader(header_)) {
-    error_ = "too short for a trace ring";
+    readable_ = Mox::Failure{"too short for a trace ring"};
   } else {
-    error_ = checkHeader(header_, bytes_.size());
+    readable_ = checkHeader(header_, bytes_.size());
   }
 }
 
@@ -165,7 +164,7 @@ bool Reader::readHeader(FileHeader& header) const {
 }
 
 std::optional<std::string> Reader::next() {
-  if (!error_.empty()) return std::nullopt;
+  if (!readable_) return std::nullopt;
   if (lines_.empty()) fill();
   if (lines_.empty()) return std::nullopt;
   std::string text = std::move(lines_.front().text);
@@ -181,8 +180,7 @@ std::uint64_t Reader::dropped() const {
 // Reads everything that is newer than the last look.
 void Reader::fill() {
   FileHeader now{};
-  if (!readHeader(now) || !checkHeader(now, fileBytes()).empty() ||
-      !(geometryOf(now) == geometryOf(header_))) {
+  if (!readHeader(now) || !checkHeader(now, fileBytes()) || !(geometryOf(now) == geometryOf(header_))) {
     return;
   }
   if (now.sequence == last_) return;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Mox/Result.h"
 #include "Tracelet/RingFile.h"
 
 namespace Tracelet {
@@ -31,8 +32,8 @@ class Reader {
   // The ring of this process as it is now, in a file or in memory.
   static Reader ofThisProcess();
 
-  // Why there is nothing to read; empty when there is. A file that is not a trace file stays so.
-  const std::string& error() const { return error_; }
+  // Good for a trace file. One that is refused stays so, and has no lines.
+  const Mox::Result<>& readable() const { return readable_; }
 
   // The process that wrote last.
   std::uint32_t pid() const { return header_.pid; }
@@ -60,7 +61,7 @@ class Reader {
 
   int descriptor_ = -1;
   std::vector<std::byte> bytes_;
-  std::string error_;
+  Mox::Result<> readable_;
   FileHeader header_{};
   std::vector<std::byte> descriptors_;
   std::vector<std::byte> block_;

@@ -19,10 +19,10 @@
 //   TRACELET_RECORD("trappedRequest=<vlanId={};srcIntf={}> connectionType={}", vlan, intf, 'U');
 //
 // puts the arguments, the time and a reference to the call site into the ring of level 2; the text is made
-// by whoever reads the ring (Tracelet/Reader.h). The format is a literal with one {} an argument. Arguments
-// are integers, bool, char, floating point, texts, enumerations (by name where they have names), and types
-// with a member traceletArg() that returns one of those, or Mac, Ip4, Ip6 or Ip. Texts are cut when the
-// record would exceed the largest record size; the reader shows "..." there.
+// by whoever reads the ring (Tracelet/Reader.h). The format is a literal with a {} for each argument.
+// Arguments are integers, bool, char, floating point, texts, enumerations (by name where they have names),
+// and types with a member traceletArg() that returns one of those, or Mac, Ip4, Ip6 or Ip. Texts are cut when
+// the record would exceed the largest record size; the reader shows "..." there.
 //
 // Records go to the ring of the process: in memory until Tracelet::initialize opens a file. Times are those
 // of CLOCK_REALTIME (16 ns a reading, right to the microsecond); the order of records is that of their

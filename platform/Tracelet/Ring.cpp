@@ -47,25 +47,26 @@ std::size_t Geometry::ringAt(int level) const {
   return at;
 }
 
-std::string checkHeader(const FileHeader& header, std::size_t fileBytes) {
-  if (header.magic != kMagic) return "it does not begin like a trace file";
-  if (header.order != kByteOrder) return "it was written on a machine of the other byte order";
+Mox::Result<> checkHeader(const FileHeader& header, std::size_t fileBytes) {
+  if (header.magic != kMagic) return Mox::Failure{"it does not begin like a trace file"};
+  if (header.order != kByteOrder) return Mox::Failure{"it was written on a machine of the other byte order"};
   if (header.blockBytes < kLeastBlock || header.blockBytes > (1u << 16) || header.blockBytes % 8 != 0) {
-    return "its block size " + std::to_string(header.blockBytes) + " is not one of a trace file";
+    return Mox::Failure{"its block size " + std::to_string(header.blockBytes) +
+                        " is not one of a trace file"};
   }
   if (header.descriptorBytes > kMostDescriptorBytes || header.descriptorBytes % 8 != 0 ||
       header.descriptorUsed > header.descriptorBytes || header.descriptorUsed % 8 != 0) {
-    return "its descriptor area is out of bounds";
+    return Mox::Failure{"its descriptor area is out of bounds"};
   }
   for (const std::uint32_t bytes : header.ringBytes) {
     if (bytes == 0 || bytes > kMostRingBytes || bytes % header.blockBytes != 0) {
-      return "a ring of " + std::to_string(bytes) + " bytes is not one of a trace file";
+      return Mox::Failure{"a ring of " + std::to_string(bytes) + " bytes is not one of a trace file"};
     }
   }
-  if (header.sequence > kCountLimit) return "its record count is impossible";
+  if (header.sequence > kCountLimit) return Mox::Failure{"its record count is impossible"};
   const std::size_t wanted = geometryOf(header).fileBytes();
   if (fileBytes < wanted) {
-    return "it has " + std::to_string(fileBytes) + " bytes of " + std::to_string(wanted);
+    return Mox::Failure{"it has " + std::to_string(fileBytes) + " bytes of " + std::to_string(wanted)};
   }
   return {};
 }

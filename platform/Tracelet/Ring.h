@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 
+#include "Mox/Result.h"
 #include "Tracelet/Record.h"
 #include "Tracelet/RingFile.h"
 
@@ -69,8 +70,8 @@ class Ring {
   std::uint64_t dropped_ = 0;
 };
 
-// Checks the first bytes of a file of `fileBytes` bytes; the reason why it is not a trace file, or "".
-std::string checkHeader(const FileHeader& header, std::size_t fileBytes);
+// Good if a file of `fileBytes` bytes that begins like this is a trace file.
+Mox::Result<> checkHeader(const FileHeader& header, std::size_t fileBytes);
 Geometry geometryOf(const FileHeader& header);
 
 // The ring of the process; made in memory at first use.

@@ -4,8 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// The trace file, as writer and reader share it. All numbers in the byte order of the machine (`order`
-// tells).
+// The trace file, as writer and reader share it. Numbers are in the machine's byte order (`order` tells).
 //
 //   offset                 size              what
 //   0                      4096              FileHeader, the rest zero

@@ -65,7 +65,11 @@ std::string pathOf(const std::string& name) {
   return directory + name;
 }
 
-std::string lastError() { return std::strerror(errno); }
+// Why the system refused just now, behind what it refused.
+Mox::Failure refused(const std::string& what = {}) {
+  const int error = errno;
+  return {what + std::strerror(error), error};
+}
 
 // A descriptor that closes itself unless it is released.
 struct File {
@@ -81,62 +85,59 @@ struct File {
   int release() { return std::exchange(descriptor, -1); }
 };
 
-// Opens and locks the file at `path`, whatever it holds; the reason why not, or "".
-std::string openFile(File& file, const std::string& path, int flags) {
+// Opens and locks the file at `path`, whatever it holds.
+Mox::Result<> openFile(File& file, const std::string& path, int flags) {
   file.reset(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | flags, 0640));
-  if (file.descriptor < 0) return lastError();
+  if (file.descriptor < 0) return refused();
   struct stat status {};
-  if (fstat(file.descriptor, &status) != 0) return lastError();
-  if (!S_ISREG(status.st_mode)) return "it is not a regular file";
-  if (status.st_uid != geteuid()) return "it belongs to another user";
-  if (flock(file.descriptor, LOCK_EX | LOCK_NB) != 0) {
-    return errno == EWOULDBLOCK ? "another process has it open" : lastError();
-  }
-  return {};
+  if (fstat(file.descriptor, &status) != 0) return refused();
+  if (!S_ISREG(status.st_mode)) return Mox::Failure{"it is not a regular file"};
+  if (status.st_uid != geteuid()) return Mox::Failure{"it belongs to another user"};
+  if (flock(file.descriptor, LOCK_EX | LOCK_NB) == 0) return {};
+  return errno == EWOULDBLOCK ? Mox::Failure{"another process has it open", EWOULDBLOCK} : refused();
 }
 
-// Why the locked file cannot be gone on with; "" when it can; nothing when it is new.
-std::optional<std::string> whyNotGoOn(const File& file, const Geometry& geometry, bool startEmpty) {
+// Whether the locked file has records to go on after: not a new one. Refused when it has to be set aside.
+Mox::Result<bool> goesOn(const File& file, const Geometry& geometry, bool startEmpty) {
   struct stat status {};
-  if (fstat(file.descriptor, &status) != 0) return lastError();
-  if (status.st_size == 0) return std::nullopt;
+  if (fstat(file.descriptor, &status) != 0) return refused();
+  if (status.st_size == 0) return false;
   FileHeader header;
-  if (pread(file.descriptor, &header, sizeof header, 0) != ssize_t{sizeof header}) return "it is too short";
-  const std::string damage = checkHeader(header, static_cast<std::size_t>(status.st_size));
-  if (!damage.empty()) return damage;
-  if (!(geometryOf(header) == geometry)) return "its rings have other sizes";
-  if (header.descriptorUsed > header.descriptorBytes / 4 * 3) return "its descriptor area is nearly full";
-  if (startEmpty) return "starting empty";
-  return "";
+  if (pread(file.descriptor, &header, sizeof header, 0) != ssize_t{sizeof header})
+    return Mox::Failure{"it is too short"};
+  if (const auto sound = checkHeader(header, static_cast<std::size_t>(status.st_size)); !sound)
+    return sound.failure();
+  if (!(geometryOf(header) == geometry)) return Mox::Failure{"its rings have other sizes"};
+  if (header.descriptorUsed > header.descriptorBytes / 4 * 3)
+    return Mox::Failure{"its descriptor area is nearly full"};
+  if (startEmpty) return Mox::Failure{"starting empty"};
+  return true;
 }
 
-// A ring in the file at `path`, or the reason why there is none.
-std::string openRing(std::unique_ptr<Ring>& ring, const std::string& path, const TraceParams& params,
-                     std::uint32_t maxRecordBytes) {
+// A ring in the file at `path`.
+Mox::Result<std::unique_ptr<Ring>> openRing(const std::string& path, const TraceParams& params,
+                                            std::uint32_t maxRecordBytes) {
   const Geometry geometry = Geometry::of(params.levelKiB, maxRecordBytes);
   File file;
-  std::string error = openFile(file, path, O_CREAT);
-  if (!error.empty()) return error;
-  auto reason = whyNotGoOn(file, geometry, (params.options & kStartEmpty) != 0);
-  if (reason && !reason->empty()) {
+  if (const auto opened = openFile(file, path, O_CREAT); !opened) return opened.failure();
+  Mox::Result<bool> old = goesOn(file, geometry, (params.options & kStartEmpty) != 0);
+  if (!old) {
     const std::string aside = params.asideName.empty() ? path + ".aside" : pathOf(params.asideName);
-    if (std::rename(path.c_str(), aside.c_str()) != 0) return "cannot be set aside: " + lastError();
-    writeLine("trace file " + path + " is set aside as " + aside + ": " + *reason);
-    error = openFile(file, path, O_CREAT | O_EXCL);
-    if (!error.empty()) return error;
-    reason.reset();
+    if (std::rename(path.c_str(), aside.c_str()) != 0) return refused("cannot be set aside: ");
+    writeLine("trace file " + path + " is set aside as " + aside + ": " + old.error());
+    if (const auto opened = openFile(file, path, O_CREAT | O_EXCL); !opened) return opened.failure();
+    old = false;
   }
   // Blocks are taken now: a store into a sparse page of a full file system would be a fatal signal later.
   const int full = posix_fallocate(file.descriptor, 0, static_cast<off_t>(geometry.fileBytes()));
   if (full != 0) {
-    if (!reason) ::unlink(path.c_str());
-    return std::strerror(full);
+    if (!*old) ::unlink(path.c_str());
+    return Mox::Failure{std::strerror(full), full};
   }
-  auto made = std::make_unique<Ring>(file.release(), geometry, maxRecordBytes, reason.has_value(),
+  auto ring = std::make_unique<Ring>(file.release(), geometry, maxRecordBytes, *old,
                                      (params.options & kLockMemory) != 0);
-  if (!made->good()) return "cannot be mapped: " + lastError();
-  ring = std::move(made);
-  return {};
+  if (!ring->good()) return refused("cannot be mapped: ");
+  return ring;
 }
 
 }  // namespace
@@ -170,18 +171,16 @@ std::string initialize(const TraceParams& params) {
   if (perProcess) path.replace(id, 2, std::to_string(getpid()));
   if (path == state().fileName) return path;
 
-  std::unique_ptr<Ring> ring;
-  const std::uint32_t maxRecordBytes = std::clamp(params.maxRecordBytes, 64u, 4096u);
-  const std::string error = openRing(ring, path, params, maxRecordBytes);
+  auto ring = openRing(path, params, std::clamp(params.maxRecordBytes, 64u, 4096u));
   Mox::assertionHookIs(params.recordAssertions ? recordAssertion : nullptr);
   locking_ = !params.singleThreaded;
   if (!ring) {
-    writeLine("trace file " + path + " cannot be used, tracing to memory: " + error);
+    writeLine("trace file " + path + " cannot be used, tracing to memory: " + ring.error());
     memoryRingIs();
     state().fileName.clear();
     return {};
   }
-  ringIs(std::move(ring));
+  ringIs(std::move(*ring));
   state().fileName = path;
   if (perProcess && params.files > 0) pruneFiles(pattern, params.files);
   return path;

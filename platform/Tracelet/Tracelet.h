@@ -9,12 +9,12 @@
 namespace Tracelet {
 
 // Options of TraceParams, to be added up.
-inline constexpr int kStartEmpty =
-    1;  // set what an earlier run left in the file aside instead of going on in it
-inline constexpr int kLockMemory =
-    2;  // keep the ring in memory (mlock), so that a record never waits for the disk
+// What an earlier run left is set aside, instead of the file being gone on with.
+inline constexpr int kStartEmpty = 1;
+// The ring is kept in memory (mlock), so that a record never waits for the disk.
+inline constexpr int kLockMemory = 2;
 
-// How the trace file is made; in the order in which its values are usually written down.
+// How the trace file is made.
 struct TraceParams {
   // The last "%d" stands for the process id. A name with a '/' is a path; any other lies in the directory of
   // the environment variable TRACELETDIR, else in that of directoryIs, else in the current one.
@@ -24,8 +24,8 @@ struct TraceParams {
   // The name that a file which cannot be gone on with is given; empty: its own with ".aside" behind it.
   std::string asideName = {};
   int options = 0;
-  // How many files of a name with "%d" are kept, this one included: the oldest ones beyond, whose process
-  // is gone, are removed at start. 0 keeps all.
+  // How many files of a name with "%d" are kept, this one included: at start the oldest ones beyond are
+  // removed, unless their process lives. 0 keeps all.
   int files = 24;
   // Records come from one thread; otherwise each takes a lock.
   bool singleThreaded = true;
@@ -37,10 +37,11 @@ struct TraceParams {
 
 // Opens the trace file of the process and sends later records to it. A file of that name from an earlier run,
 // intact and of the same sizes, is gone on with, so what led to a crash is still there; any other one is set
-// aside under another name. Returns the name of the open file, "" when there is none: a file that cannot be
-// made, or that a living process has open, leaves the records in memory and says so in one line on the text
-// sink. Never fatal. Another call with the same resulting name changes nothing; with another name it moves
-// on.
+// aside under another name.
+//
+// Returns the name of the open file. Never fatal: when the file cannot be made, or a living process has it
+// open, records stay in memory, one line on the text sink says so, and the name is "". Another call that
+// comes to the same file name changes nothing; one that comes to another leaves the first file as it is.
 std::string initialize(const TraceParams& params);
 
 // Sends later records to a ring in memory again.

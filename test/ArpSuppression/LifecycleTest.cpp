@@ -108,11 +108,11 @@ TEST(Lifecycle, start_over_what_a_killed_run_left) {
 TEST(Lifecycle, killed_agent_finds_its_flag_in_the_store_and_cleans_up_or_runs) {
   char directory[] = "/tmp/arp-suppression-store-XXXXXX";
   ASSERT_NE(mkdtemp(directory), nullptr);
-  std::string error;
   for (const bool configured : {true, true, false, true}) {
     SCOPED_TRACE(configured);
-    Rig rig(Statedb::LmdbStore::open(directory, {}, error));
-    ASSERT_EQ(error, "");
+    auto store = Statedb::LmdbStore::open(directory, {});
+    ASSERT_EQ(store.error(), "");
+    Rig rig(std::move(*store));
     rig.evpn()->mplsConfiguredIs(configured);
     rig.start();
     if (configured) {

@@ -50,10 +50,12 @@ class HostState {
  public:
   explicit HostState(const RunDir& runDir, const json& config = json::object(), bool persistent = false)
       : config_(configOf(config)), tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop)) {
-    std::string error;
     std::unique_ptr<Statedb::Store> store;
-    if (persistent) store = Statedb::LmdbStore::open(runDir.path(), {}, error);
-    EXPECT_EQ(error, "");
+    if (persistent) {
+      auto opened = Statedb::LmdbStore::open(runDir.path(), {});
+      EXPECT_EQ(opened.error(), "");
+      store = std::move(*opened);
+    }
     state = std::make_unique<Host::State>(loop, tasks_, runDir.path(), config_.agents, std::move(store),
                                           [this](const std::string& message) { reports += message + "\n"; });
     EXPECT_EQ(state->build(config_).error(), "");

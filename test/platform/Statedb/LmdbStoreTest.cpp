@@ -26,8 +26,10 @@ using Content = std::map<std::string, std::string>;
 class LmdbStoreTest : public testing::Test {
  protected:
   std::unique_ptr<Statedb::Store> open() {
-    return LmdbStore::open(
-        directory_.path(), [this](const std::string& message) { messages_.push_back(message); }, error_);
+    auto opened = LmdbStore::open(directory_.path(),
+                                  [this](const std::string& message) { messages_.push_back(message); });
+    error_ = opened.error();
+    return opened ? std::move(*opened) : nullptr;
   }
   static Content contentOf(Statedb::Store& store, const std::string& path) {
     Content content;
@@ -163,8 +165,7 @@ TEST_F(LmdbStoreTest, OneProcessAtATimeAndOnlyInADirectory) {
   const auto store = open();
   EXPECT_FALSE(open());
   EXPECT_THAT(error_, HasSubstr("another process has this state store open"));
-  EXPECT_FALSE(LmdbStore::open(directory_.path() + "/none", {}, error_));
-  EXPECT_THAT(error_, HasSubstr("No such file"));
+  EXPECT_THAT(LmdbStore::open(directory_.path() + "/none", {}).error(), HasSubstr("No such file"));
 }
 
 // A child writes without end and is killed. Each batch holds one generation under two keys, which must agree.
@@ -176,10 +177,9 @@ TEST_F(LmdbStoreTest, AKilledProcessLeavesWholeBatches) {
     const pid_t child = fork();
     if (child == 0) {
       close(told[0]);
-      std::string error;
-      auto store = LmdbStore::open(
-          directory_.path(), [](const std::string&) { _exit(3); }, error);
-      if (!store) _exit(2);
+      auto opened = LmdbStore::open(directory_.path(), [](const std::string&) { _exit(3); });
+      if (!opened) _exit(2);
+      const auto store = std::move(*opened);
       for (int i = lastSeen + 1;; ++i) {
         for (int k = 0; k < 200; ++k) store->write("a", key(k), std::to_string(i));
         store->flush(LmdbStore::kEverything);
@@ -262,7 +262,7 @@ TEST_F(LmdbStoreTest, TheCheckerAcceptsWhatLmdbWrites) {
   std::mt19937 random(7);
   const int descriptor =
       ::open((directory_.path() + "/state.mdb").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
-  EXPECT_NE(Statedb::lmdbFileProblem(descriptor), "") << "an empty file";
+  EXPECT_FALSE(Statedb::checkLmdbFile(descriptor)) << "an empty file";
   ::close(descriptor);
   auto store = open();
   messages_.clear();
@@ -283,7 +283,7 @@ TEST_F(LmdbStoreTest, TheCheckerAcceptsWhatLmdbWrites) {
     while (store->flush(1 + random() % 700)) continue;
     if (round % 16 == 15) store = (store.reset(), open());
     const int reading = ::open(file().c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_EQ(Statedb::lmdbFileProblem(reading), "") << round;
+    ASSERT_TRUE(Statedb::checkLmdbFile(reading)) << round;
     ::close(reading);
   }
   EXPECT_THAT(messages_, ElementsAre());

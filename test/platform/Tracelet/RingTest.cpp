@@ -51,7 +51,7 @@ std::vector<std::string> linesOf(Tracelet::Reader& reader) {
 }
 std::vector<std::string> linesOf(const std::string& file) {
   Tracelet::Reader reader(file);
-  EXPECT_EQ(reader.error(), "");
+  EXPECT_EQ(reader.readable().error(), "");
   return linesOf(reader);
 }
 
@@ -302,7 +302,7 @@ TEST_F(RingTest, TruncatedFilesAreRefusedAndADamagedBlockCostsItsOwnRecords) {
   for (std::size_t size : {0ul, 1ul, 71ul, 72ul, 4096ul, 5000ul, good.size() - 1}) {
     contentIs(file, good.substr(0, size));
     Tracelet::Reader reader(file);
-    EXPECT_THAT(reader.error(), HasSubstr(file)) << size;
+    EXPECT_THAT(reader.readable().error(), HasSubstr(file)) << size;
     EXPECT_EQ(reader.next(), std::nullopt);
   }
 
