@@ -9,7 +9,7 @@ namespace ArpSuppression {
 
 namespace {
 
-class CliCallback final : public Orb::AgentCommandCallback {
+class CliCallback final : public Plugin::AgentCommandCallback {
  public:
   explicit CliCallback(Ptr<const ArpSuppressionRootSm> rootSm)
       : AgentCommandCallback("", "showTechSupport", Answer::large), rootSm_(std::move(rootSm)) {}
@@ -31,7 +31,7 @@ Mox::String notA(const char* what, const Mox::String& text, const char* allowed)
 }
 constexpr char kVlans[] = "a VLAN id from 1 to 4094";
 
-class BindingsCommand final : public Orb::AgentCommandCallback {
+class BindingsCommand final : public Plugin::AgentCommandCallback {
  public:
   explicit BindingsCommand(Ptr<const ArpSuppressionRootSm> rootSm)
       : AgentCommandCallback("", "bindings", Answer::large), rootSm_(std::move(rootSm)) {}
@@ -102,7 +102,7 @@ class BindingsCommand final : public Orb::AgentCommandCallback {
   Ptr<const ArpSuppressionRootSm> rootSm_;
 };
 
-class ExplainCommand final : public Orb::AgentCommandCallback {
+class ExplainCommand final : public Plugin::AgentCommandCallback {
  public:
   explicit ExplainCommand(Ptr<const ArpSuppressionRootSm> rootSm)
       : AgentCommandCallback("", "explain"), rootSm_(std::move(rootSm)) {}
@@ -130,7 +130,7 @@ class ExplainCommand final : public Orb::AgentCommandCallback {
   Ptr<const ArpSuppressionRootSm> rootSm_;
 };
 
-class StatusCommand final : public Orb::AgentCommandCallback {
+class StatusCommand final : public Plugin::AgentCommandCallback {
  public:
   StatusCommand(Ptr<const ArpSuppressionRootSm> rootSm, Orb::EventLoop& loop)
       : AgentCommandCallback("", "status"), rootSm_(std::move(rootSm)), loop_(loop), start_(loop.now()) {}
@@ -168,8 +168,8 @@ class StatusCommand final : public Orb::AgentCommandCallback {
 
 }  // namespace
 
-std::vector<Ptr<Orb::AgentCommandCallback>> makeAgentCommands(const Ptr<ArpSuppressionRootSm>& rootSm,
-                                                              Orb::EventLoop& loop) {
+std::vector<Ptr<Plugin::AgentCommandCallback>> makeAgentCommands(const Ptr<ArpSuppressionRootSm>& rootSm,
+                                                                 Orb::EventLoop& loop) {
   return {Mox::make<CliCallback>(rootSm), Mox::make<StatusCommand>(rootSm, loop),
           Mox::make<BindingsCommand>(rootSm), Mox::make<ExplainCommand>(rootSm)};
 }

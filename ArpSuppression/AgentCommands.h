@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "Mox/Ptr.h"
-#include "Orb/AgentBase.h"
+#include "Plugin/AgentBase.h"
 
 namespace ArpSuppression {
 
@@ -17,7 +17,7 @@ class ArpSuppressionRootSm;
 //   explain VLAN IP [MAC]      what would happen to a request, as a JSON object (ArpSuppression/Explain.h)
 //
 // They hold the root reactor: drop them before it.
-std::vector<Mox::Ptr<Orb::AgentCommandCallback>> makeAgentCommands(
+std::vector<Mox::Ptr<Plugin::AgentCommandCallback>> makeAgentCommands(
     const Mox::Ptr<ArpSuppressionRootSm>& rootSm, Orb::EventLoop& loop);
 
 }  // namespace ArpSuppression

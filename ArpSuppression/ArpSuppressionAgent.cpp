@@ -28,7 +28,7 @@ constexpr double kCounterDoorbellDelay = 0.2;
 
 // --- The agent -------------------------------------------------------------------------------------------
 
-Ptr<Orb::AgentBase> arpSuppressionAgentFactory(const Mox::String& name) {
+Ptr<Plugin::AgentBase> arpSuppressionAgentFactory(const Mox::String& name) {
   return Mox::make<ArpSuppressionAgent>(name);
 }
 
@@ -325,7 +325,9 @@ void ArpSuppressionRootSm::dumpState(Orb::DumpContext& context, int indent) cons
 }  // namespace ArpSuppression
 
 namespace {
-Mox::Ptr<Orb::AgentBase> make(const char* name) { return ArpSuppression::arpSuppressionAgentFactory(name); }
+Mox::Ptr<Plugin::AgentBase> make(const char* name) {
+  return ArpSuppression::arpSuppressionAgentFactory(name);
+}
 }  // namespace
 
-ORB_PLUGIN(make)
+PLUGIN_AGENT(make)

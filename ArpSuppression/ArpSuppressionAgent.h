@@ -26,7 +26,7 @@
 #include "Memtab/EntityManager.h"
 #include "Mox/Notifiee.h"
 #include "Mox/Owner.h"
-#include "Orb/AgentBase.h"
+#include "Plugin/AgentBase.h"
 #include "Routing/Status.h"
 #include "Statedb/EntityManager.h"
 #include "Suppression/Counter.h"
@@ -146,7 +146,7 @@ class ArpSuppressionRootSm final : public Mox::Entity {
 };
 
 // The plug-in. It mounts every input and output, and makes the root reactor once they are there.
-class ArpSuppressionAgent final : public Orb::AgentBase {
+class ArpSuppressionAgent final : public Plugin::AgentBase {
  public:
   explicit ArpSuppressionAgent(Mox::String name) : AgentBase(std::move(name)) {}
   ~ArpSuppressionAgent() override;
@@ -174,6 +174,6 @@ class ArpSuppressionAgent final : public Orb::AgentBase {
   Mox::Owner<ArpSuppressionRootSm> rootSm_;
 };
 
-Ptr<Orb::AgentBase> arpSuppressionAgentFactory(const Mox::String& name);
+Ptr<Plugin::AgentBase> arpSuppressionAgentFactory(const Mox::String& name);
 
 }  // namespace ArpSuppression

@@ -26,7 +26,7 @@ constexpr char kComplete = '\0';
 constexpr int kAnswer = 3;  // the copy's only descriptor besides the standard ones
 
 // Never returns. Runs in the copy.
-[[noreturn]] void answer(Orb::AgentCommandCallback& command, const std::vector<Mox::String>& arguments,
+[[noreturn]] void answer(Plugin::AgentCommandCallback& command, const std::vector<Mox::String>& arguments,
                          int descriptor, pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(1);
@@ -140,15 +140,15 @@ AgentAnswers::~AgentAnswers() {
   }
 }
 
-Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::run(Orb::AgentCommandCallback& command,
+Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::run(Plugin::AgentCommandCallback& command,
                                                            const std::vector<Mox::String>& arguments,
                                                            uid_t user) {
   if (const std::string refusal = command.refusal(arguments); !refusal.empty()) return Mox::Failure{refusal};
-  return command.answer() == Orb::AgentCommandCallback::Answer::small ? runSmall(command, arguments)
-                                                                      : runLarge(command, arguments, user);
+  return command.answer() == Plugin::AgentCommandCallback::Answer::small ? runSmall(command, arguments)
+                                                                         : runLarge(command, arguments, user);
 }
 
-Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::runSmall(Orb::AgentCommandCallback& command,
+Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::runSmall(Plugin::AgentCommandCallback& command,
                                                                 const std::vector<Mox::String>& arguments) {
   const int descriptor = memfd_create("agent answer", MFD_CLOEXEC);
   if (descriptor < 0) return failureOf("no memory for the answer", errno);
@@ -157,7 +157,7 @@ Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::runSmall(Orb::AgentComman
   return job;
 }
 
-Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::runLarge(Orb::AgentCommandCallback& command,
+Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::runLarge(Plugin::AgentCommandCallback& command,
                                                                 const std::vector<Mox::String>& arguments,
                                                                 uid_t user) {
   std::vector<uid_t> holders;

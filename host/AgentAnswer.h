@@ -9,8 +9,8 @@
 
 #include "Mox/Notifiee.h"
 #include "Mox/Result.h"
-#include "Orb/AgentBase.h"
 #include "Orb/FileDescriptor.h"
+#include "Plugin/AgentBase.h"
 #include "host/ControlCommands.h"
 #include "host/Quota.h"
 
@@ -32,7 +32,7 @@ class AgentAnswers {
 
   // For a client of this user. Refused when the command refuses the arguments, or there are no means to run
   // it. The job must not outlive this.
-  Mox::Result<std::unique_ptr<ControlJob>> run(Orb::AgentCommandCallback& command,
+  Mox::Result<std::unique_ptr<ControlJob>> run(Plugin::AgentCommandCallback& command,
                                                const std::vector<Mox::String>& arguments, uid_t user);
 
  private:
@@ -48,9 +48,9 @@ class AgentAnswers {
     int handle = -1;          // becomes readable at its end (pidfd_open(2))
     Mox::Notifiee<Orb::FileDescriptor> ended;
   };
-  Mox::Result<std::unique_ptr<ControlJob>> runSmall(Orb::AgentCommandCallback& command,
+  Mox::Result<std::unique_ptr<ControlJob>> runSmall(Plugin::AgentCommandCallback& command,
                                                     const std::vector<Mox::String>& arguments);
-  Mox::Result<std::unique_ptr<ControlJob>> runLarge(Orb::AgentCommandCallback& command,
+  Mox::Result<std::unique_ptr<ControlJob>> runLarge(Plugin::AgentCommandCallback& command,
                                                     const std::vector<Mox::String>& arguments, uid_t user);
   void handleEnded(std::list<Copy>::iterator copy);
 

@@ -268,9 +268,9 @@ std::unique_ptr<ControlJob> ControlCommands::agent(const json& request, uid_t us
   std::vector<std::string> arguments;
   if (!stringsOf(request, "args", arguments, output)) return nullptr;
   std::string loaded;
-  for (const Mox::Ptr<Orb::AgentBase>& agent : agents_) {
+  for (const Mox::Ptr<Plugin::AgentBase>& agent : agents_) {
     loaded += (loaded.empty() ? "" : ", ") + agent->name();
-    const Mox::Ptr<Orb::AgentCommandCallback> callback = agent->agentCommand("", *name);
+    const Mox::Ptr<Plugin::AgentCommandCallback> callback = agent->agentCommand("", *name);
     if (!callback) continue;
     auto job = answers_->run(*callback, arguments, user);
     if (job) return std::move(*job);

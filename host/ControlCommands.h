@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Orb/AgentBase.h"
+#include "Plugin/AgentBase.h"
 #include "host/State.h"
 
 namespace Host {
@@ -48,7 +48,7 @@ class ControlJob {
 // nothing is ever written inside a notification.
 class ControlCommands {
  public:
-  using Agents = std::vector<Mox::Ptr<Orb::AgentBase>>;
+  using Agents = std::vector<Mox::Ptr<Plugin::AgentBase>>;
   // All must outlive this.
   ControlCommands(State& state, const Agents& agents, Orb::EventLoop& loop);
   ControlCommands(const ControlCommands&) = delete;

@@ -111,7 +111,7 @@ void Daemon::startPlugins() {
 
 // Part of a plug-in's start. The first one that fails is the last one.
 template <class Call>
-void Daemon::startStep(Orb::AgentBase& agent, const Call& call) {
+void Daemon::startStep(Plugin::AgentBase& agent, const Call& call) {
   if (!started_) return;
   try {
     call();
@@ -126,7 +126,7 @@ void Daemon::handleStarted() {
   if (--starting_ == 0 && started_) report_("runs");
 }
 
-Mox::Ptr<Statedb::MountGroup> Daemon::mountGroup(Orb::AgentBase& agent) {
+Mox::Ptr<Statedb::MountGroup> Daemon::mountGroup(Plugin::AgentBase& agent) {
   const std::size_t index = groups_.size();
   groups_.push_back(state_->tree()->mountGroup([this, index, &agent](Statedb::MountStatus status) {
     startStep(agent, [&] {

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "Mox/Notifiee.h"
-#include "Orb/AgentBase.h"
 #include "Orb/FileDescriptor.h"
+#include "Plugin/AgentBase.h"
 #include "host/Config.h"
 #include "host/ControlServer.h"
 #include "host/LockFile.h"
@@ -17,7 +17,7 @@
 namespace Host {
 
 // The agent host: one event loop with all state, the plug-ins and the control socket.
-class Daemon final : public Orb::AgentHost {
+class Daemon final : public Plugin::AgentHost {
  public:
   using Report = std::function<void(const std::string& message)>;
   // `loop` must outlive this.
@@ -41,14 +41,14 @@ class Daemon final : public Orb::AgentHost {
   Orb::EventLoop& loop() override { return loop_; }
   Mox::Ptr<Orb::TaskSchedulerRoot> taskSchedulerRoot() override { return tasks_; }
   bool isPhysicalHardware() override { return config_.hardware; }
-  Mox::Ptr<Statedb::MountGroup> mountGroup(Orb::AgentBase& agent) override;
+  Mox::Ptr<Statedb::MountGroup> mountGroup(Plugin::AgentBase& agent) override;
   Mox::Ptr<Statedb::EntityManager> entityManager() override { return state_->tree(); }
   Mox::Ptr<Memtab::EntityManager> sharedMemory() override { return state_->tables(); }
   void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) override;
 
   void startPlugins();
   template <class Call>
-  void startStep(Orb::AgentBase& agent, const Call& call);
+  void startStep(Plugin::AgentBase& agent, const Call& call);
   void handleStarted();
   void handleSignal();
 

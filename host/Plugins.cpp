@@ -10,7 +10,7 @@
 namespace Host {
 
 namespace {
-constexpr const char* kEntry = "orbAgentMake";  // what ORB_PLUGIN defines
+constexpr const char* kEntry = "pluginAgentMake";  // what PLUGIN_AGENT defines
 }
 
 std::vector<std::string> libraryDirectories() {
@@ -41,7 +41,7 @@ Mox::Result<std::vector<std::string>> findPlugins(const std::vector<std::string>
   return files;
 }
 
-Mox::Result<Mox::Ptr<Orb::AgentBase>> loadPlugin(const std::string& name, const std::string& file) {
+Mox::Result<Mox::Ptr<Plugin::AgentBase>> loadPlugin(const std::string& name, const std::string& file) {
   void* const library = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
   void* const entry = library ? dlsym(library, kEntry) : nullptr;
   if (!entry) {
@@ -49,10 +49,10 @@ Mox::Result<Mox::Ptr<Orb::AgentBase>> loadPlugin(const std::string& name, const 
     return Mox::Failure{"agents: the plug-in " + name +
                         " cannot be loaded: " + (reason ? reason : file + " has no entry")};
   }
-  auto* const make = reinterpret_cast<Orb::AgentBase* (*)(const char*)>(entry);
+  auto* const make = reinterpret_cast<Plugin::AgentBase* (*)(const char*)>(entry);
   const std::string none = "agents: the plug-in " + name + " made no agent";
   try {
-    if (auto agent = Mox::Ptr<Orb::AgentBase>::adopt(make(name.c_str()))) return agent;
+    if (auto agent = Mox::Ptr<Plugin::AgentBase>::adopt(make(name.c_str()))) return agent;
   } catch (const std::exception& error) {
     return Mox::Failure{none + ": " + error.what()};
   }

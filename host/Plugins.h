@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "Mox/Result.h"
-#include "Orb/AgentBase.h"
+#include "Plugin/AgentBase.h"
 
 namespace Host {
 
@@ -23,6 +23,6 @@ Mox::Result<std::vector<std::string>> findPlugins(const std::vector<std::string>
 
 // Loads a plug-in and makes its agent. Refused when the library cannot be loaded, is no plug-in or its agent
 // cannot be made. A library stays loaded until the process ends.
-Mox::Result<Mox::Ptr<Orb::AgentBase>> loadPlugin(const std::string& name, const std::string& file);
+Mox::Result<Mox::Ptr<Plugin::AgentBase>> loadPlugin(const std::string& name, const std::string& file);
 
 }  // namespace Host

@@ -55,7 +55,7 @@ void ArpServiceRootSm::update() {
   }
 }
 
-Ptr<Orb::AgentBase> arpServiceAgentFactory(const Mox::String& name) {
+Ptr<Plugin::AgentBase> arpServiceAgentFactory(const Mox::String& name) {
   return Mox::make<ArpServiceAgent>(name);
 }
 
@@ -92,4 +92,4 @@ void ArpServiceAgent::doMountsComplete(Statedb::MountStatus /*status*/,
 
 }  // namespace ArpService
 
-ORB_PLUGIN(ArpService::arpServiceAgentFactory)
+PLUGIN_AGENT(ArpService::arpServiceAgentFactory)

@@ -4,7 +4,7 @@
 
 #include "ArpService/VrfSm.h"
 #include "Mox/Owner.h"
-#include "Orb/AgentBase.h"
+#include "Plugin/AgentBase.h"
 
 namespace ArpService {
 
@@ -30,7 +30,7 @@ class ArpServiceRootSm final : public Mox::Entity {
 };
 
 // The plug-in that makes kernel neighbours of the ARP input configuration.
-class ArpServiceAgent final : public Orb::AgentBase {
+class ArpServiceAgent final : public Plugin::AgentBase {
  public:
   explicit ArpServiceAgent(Mox::String name) : AgentBase(std::move(name)) {}
   void doInit() override;
@@ -41,6 +41,6 @@ class ArpServiceAgent final : public Orb::AgentBase {
   Ptr<ArpServiceRootSm> rootSm_;
 };
 
-Ptr<Orb::AgentBase> arpServiceAgentFactory(const Mox::String& name);
+Ptr<Plugin::AgentBase> arpServiceAgentFactory(const Mox::String& name);
 
 }  // namespace ArpService

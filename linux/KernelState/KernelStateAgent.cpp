@@ -63,7 +63,7 @@ void KernelStateRootSm::findEntities() {
   fdbSm_.bridgingConfigIs(bridgingConfig);
 }
 
-Ptr<Orb::AgentBase> kernelStateAgentFactory(const Mox::String& name) {
+Ptr<Plugin::AgentBase> kernelStateAgentFactory(const Mox::String& name) {
   return Mox::make<KernelStateAgent>(name);
 }
 
@@ -102,4 +102,4 @@ void KernelStateAgent::doMountsComplete(Statedb::MountStatus /*status*/,
 
 }  // namespace KernelState
 
-ORB_PLUGIN(KernelState::kernelStateAgentFactory)
+PLUGIN_AGENT(KernelState::kernelStateAgentFactory)

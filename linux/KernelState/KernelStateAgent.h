@@ -11,7 +11,7 @@
 #include "KernelState/VrfSm.h"
 #include "Memtab/EntityManager.h"
 #include "Mox/Owner.h"
-#include "Orb/AgentBase.h"
+#include "Plugin/AgentBase.h"
 #include "Switch/ProblemReporter.h"
 
 namespace KernelState {
@@ -61,7 +61,7 @@ class KernelStateRootSm final : public Mox::Entity {
 };
 
 // The plug-in that publishes the kernel's state.
-class KernelStateAgent final : public Orb::AgentBase {
+class KernelStateAgent final : public Plugin::AgentBase {
  public:
   explicit KernelStateAgent(Mox::String name) : AgentBase(std::move(name)) {}
 
@@ -76,6 +76,6 @@ class KernelStateAgent final : public Orb::AgentBase {
   Mox::Owner<KernelStateRootSm> rootSm_;
 };
 
-Ptr<Orb::AgentBase> kernelStateAgentFactory(const Mox::String& name);
+Ptr<Plugin::AgentBase> kernelStateAgentFactory(const Mox::String& name);
 
 }  // namespace KernelState

@@ -34,7 +34,7 @@ void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Sta
 }  // namespace SoftForward
 
 namespace {
-Mox::Ptr<Orb::AgentBase> make(const char* name) { return Mox::make<SoftForward::SoftForwardAgent>(name); }
+Mox::Ptr<Plugin::AgentBase> make(const char* name) { return Mox::make<SoftForward::SoftForwardAgent>(name); }
 }  // namespace
 
-ORB_PLUGIN(make)
+PLUGIN_AGENT(make)

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "Orb/AgentBase.h"
+#include "Plugin/AgentBase.h"
 #include "SoftForward/SoftForwardSm.h"
 #include "Statedb/EntityManager.h"
 
 namespace SoftForward {
 
-class SoftForwardAgent final : public Orb::AgentBase {
+class SoftForwardAgent final : public Plugin::AgentBase {
  public:
   explicit SoftForwardAgent(Mox::String name) : AgentBase(std::move(name)) {}
   void doInit() override;

@@ -141,7 +141,7 @@ Rig::~Rig() {
   directory.removeAll();
 }
 
-Mox::Ptr<Statedb::MountGroup> Rig::mountGroup(Orb::AgentBase& agent) {
+Mox::Ptr<Statedb::MountGroup> Rig::mountGroup(Plugin::AgentBase& agent) {
   return tree_->mountGroup(
       [this, &agent](Statedb::MountStatus status) { agent.doMountsComplete(status, tree_); });
 }

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "ArpSuppression/ArpSuppressionAgent.h"
-#include "Orb/AgentBase.h"
 #include "Orb/EventLoop.h"
+#include "Plugin/AgentBase.h"
 #include "Statedb/Store.h"
 #include "support/FakeNamespaces.h"
 #include "support/FakePacketSockets.h"
@@ -48,7 +48,7 @@ struct Trapped {
 // (Vlan10, 10.0.0.1/24) is in the VRF red, in the namespace of that name; the ports Ethernet1 (30) and
 // Ethernet2 (31), "fabric" (20), "arpsnoop" (21) and "arpinject" (22) are in the default one. EVPN over MPLS
 // serves VLAN 10. Nothing is started before start().
-class Rig final : private Orb::AgentHost {
+class Rig final : private Plugin::AgentHost {
  public:
   static constexpr std::uint32_t kFabric = 20, kArpsnoop = 21, kArpinject = 22, kEthernet1 = 30,
                                  kEthernet2 = 31, kVlan10 = 7;
@@ -125,7 +125,7 @@ class Rig final : private Orb::AgentHost {
   Orb::EventLoop& loop() override { return loop_; }
   Mox::Ptr<Orb::TaskSchedulerRoot> taskSchedulerRoot() override { return scheduler_; }
   bool isPhysicalHardware() override { return hardware; }
-  Mox::Ptr<Statedb::MountGroup> mountGroup(Orb::AgentBase& agent) override;
+  Mox::Ptr<Statedb::MountGroup> mountGroup(Plugin::AgentBase& agent) override;
   Mox::Ptr<Statedb::EntityManager> entityManager() override { return tree_; }
   Mox::Ptr<Memtab::EntityManager> sharedMemory() override { return tables_; }
   void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) override;

@@ -168,7 +168,7 @@ TEST(Arpsup, doesNotWaitForADaemonThatHangs) {
 
 // What agents answer to, as people and scripts get it.
 TEST(Arpsup, showsAgentAnswers) {
-  struct Command final : Orb::AgentCommandCallback {
+  struct Command final : Plugin::AgentCommandCallback {
     explicit Command(const char* name) : AgentCommandCallback("", name) {}
     void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
       std::string answer;
@@ -191,7 +191,7 @@ TEST(Arpsup, showsAgentAnswers) {
       EXPECT_EQ(write(descriptor, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
     }
   };
-  struct Agent final : Orb::AgentBase {
+  struct Agent final : Plugin::AgentBase {
     Agent() : AgentBase("Fake") {
       for (const char* name : {"bindings", "explain"}) agentCommandCallbackIs(Mox::make<Command>(name));
     }

@@ -310,8 +310,8 @@ TEST_F(Control, chunksAreAllOrNothingAndCounted) {
 // Neither an agent's answer of any length nor its characters come out changed, also from a copy of the
 // process.
 TEST_F(Control, carriesAgentCommands) {
-  using Answer = Orb::AgentCommandCallback::Answer;
-  struct Command final : Orb::AgentCommandCallback {
+  using Answer = Plugin::AgentCommandCallback::Answer;
+  struct Command final : Plugin::AgentCommandCallback {
     Command(const char* name, Answer answer) : AgentCommandCallback("", name, answer) {}
     Mox::String refusal(const std::vector<Mox::String>& arguments) const override {
       return arguments.size() > 100 ? "more than 100 words" : "";
@@ -326,7 +326,7 @@ TEST_F(Control, carriesAgentCommands) {
         EXPECT_GT(write(descriptor, argument.data(), argument.size()), 0);
     }
   };
-  struct Agent final : Orb::AgentBase {
+  struct Agent final : Plugin::AgentBase {
     Agent() : AgentBase("Echo") {
       agentCommandCallbackIs(Mox::make<Command>("small", Answer::small));
       agentCommandCallbackIs(Mox::make<Command>("large", Answer::large));

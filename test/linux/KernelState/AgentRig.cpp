@@ -71,7 +71,7 @@ bool AgentRig::settle() {
   return false;
 }
 
-Mox::Ptr<Statedb::MountGroup> AgentRig::mountGroup(Orb::AgentBase& agent) {
+Mox::Ptr<Statedb::MountGroup> AgentRig::mountGroup(Plugin::AgentBase& agent) {
   return tree_->mountGroup(
       [this, &agent](Statedb::MountStatus status) { agent.doMountsComplete(status, tree_); });
 }

@@ -11,7 +11,7 @@ namespace KernelState {
 
 // The plug-in in a host of its own: a state tree, shared-memory tables under a name of this process's, and
 // the configuration. What it leaves in shared memory stays for the next rig of the same directory.
-class AgentRig final : public Orb::AgentHost {
+class AgentRig final : public Plugin::AgentHost {
  public:
   AgentRig(const Orb::Clock& clock, const Memtab::Directory& directory);
   ~AgentRig() override;
@@ -49,7 +49,7 @@ class AgentRig final : public Orb::AgentHost {
   Orb::EventLoop& loop() override { return loop_; }
   Mox::Ptr<Orb::TaskSchedulerRoot> taskSchedulerRoot() override { return tasks_; }
   bool isPhysicalHardware() override { return false; }
-  Mox::Ptr<Statedb::MountGroup> mountGroup(Orb::AgentBase& agent) override;
+  Mox::Ptr<Statedb::MountGroup> mountGroup(Plugin::AgentBase& agent) override;
   Mox::Ptr<Statedb::EntityManager> entityManager() override { return tree_; }
   Mox::Ptr<Memtab::EntityManager> sharedMemory() override { return tables_; }
   void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) override;

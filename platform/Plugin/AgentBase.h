@@ -5,6 +5,8 @@
 #include <vector>
 
 #include "Mox/Entity.h"
+#include "Mox/Error.h"
+#include "Mox/Result.h"
 #include "Mox/Strep.h"
 #include "Orb/TaskScheduler.h"
 
@@ -18,12 +20,12 @@ namespace Memtab {
 class EntityManager;
 }
 
-namespace Orb {
+namespace Plugin {
 
 class AgentBase;
 
 // The activity manager of the process is its event loop.
-using ActivityManager = EventLoop;
+using ActivityManager = Orb::EventLoop;
 
 // A command that an operator can give to an agent.
 class AgentCommandCallback : public Mox::Entity {
@@ -54,8 +56,8 @@ class AgentCommandCallback : public Mox::Entity {
 class AgentHost {
  public:
   virtual ~AgentHost() = default;
-  virtual EventLoop& loop() = 0;
-  virtual Mox::Ptr<TaskSchedulerRoot> taskSchedulerRoot() = 0;
+  virtual Orb::EventLoop& loop() = 0;
+  virtual Mox::Ptr<Orb::TaskSchedulerRoot> taskSchedulerRoot() = 0;
   virtual bool isPhysicalHardware() = 0;
   // Each agent's own; its completion arrives as that agent's doMountsComplete.
   virtual Mox::Ptr<Statedb::MountGroup> mountGroup(AgentBase& agent) = 0;
@@ -66,8 +68,8 @@ class AgentHost {
 };
 
 // A plug-in of the agent host. The host makes it with the plug-in's factory, calls hostIs, then doInit, then,
-// once the mount group that doInit closed is complete, doMountsComplete; both once, from the event loop. It
-// ends by being dropped.
+// once the mount group that doInit closed is complete, doMountsComplete; both once, from the event loop. An
+// error that either raises means that the agent cannot start. It ends by being dropped.
 class AgentBase : public Mox::Entity {
  public:
   const Mox::String& name() const { return name_; }
@@ -87,8 +89,15 @@ class AgentBase : public Mox::Entity {
 
   AgentHost& host() const { return *host_; }
   ActivityManager& activityManager() const { return host_->loop(); }
-  Mox::Ptr<TaskSchedulerRoot> taskSchedulerRoot() const { return host_->taskSchedulerRoot(); }
+  Mox::Ptr<Orb::TaskSchedulerRoot> taskSchedulerRoot() const { return host_->taskSchedulerRoot(); }
   bool isPhysicalHardware() const { return host_->isPhysicalHardware(); }
+  // What the agent cannot start without: when it was refused, raises Mox::Error with the reason, and the host
+  // ends the process with it.
+  template <class Value>
+  static Value required(Mox::Result<Value> result) {
+    if (!result) throw Mox::Error(result.error());
+    return std::move(*result);
+  }
   // An entity of this process that is not mounted; found by its path like any other.
   void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path);
   // No more local entities are made from here on.
@@ -104,11 +113,11 @@ class AgentBase : public Mox::Entity {
   std::map<std::pair<Mox::String, Mox::String>, Mox::Ptr<AgentCommandCallback>> commands_;
 };
 
-}  // namespace Orb
+}  // namespace Plugin
 
 // The entry of a plug-in library: one C function that the host finds by name. `factory` takes the agent's
 // name and returns a counted pointer to it.
-#define ORB_PLUGIN(factory)                                                                            \
-  extern "C" __attribute__((visibility("default"))) ::Orb::AgentBase* orbAgentMake(const char* name) { \
+#define PLUGIN_AGENT(factory)                                                                            \
+  extern "C" __attribute__((visibility("default"))) ::Plugin::AgentBase* pluginAgentMake(const char* name) { \
     return factory(name).release();                                                                    \
   }

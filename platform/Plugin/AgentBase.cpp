@@ -1,11 +1,11 @@
-#include "Orb/AgentBase.h"
+#include "Plugin/AgentBase.h"
 
 #include "Mox/Assert.h"
 
-namespace Orb {
+namespace Plugin {
 
 void AgentBase::createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) {
-  MOX_ASSERT("Orb/AgentBase", "!localEntitiesCreated_", !localEntitiesCreated_);
+  MOX_ASSERT("Plugin/AgentBase", "!localEntitiesCreated_", !localEntitiesCreated_);
   host_->createLocalEntity(name, type, path);
 }
 
@@ -25,4 +25,4 @@ std::vector<Mox::String> AgentBase::agentCommands() const {
   return names;
 }
 
-}  // namespace Orb
+}  // namespace Plugin
