@@ -34,41 +34,6 @@ void TrappedMessage::dumpState(Orb::DumpContext& context, int indent) const {
   context.line(indent, "TrappedMessage " + toStrep());
 }
 
-namespace {
-
-// Freed messages, for the next ones: no more than could be queued and in progress.
-struct MessagePool {
-  static constexpr std::size_t kMost = 1024;
-  std::vector<void*> free;
-  ~MessagePool() {
-    for (void* memory : free) ::operator delete(memory);
-  }
-};
-
-MessagePool& messagePool() {
-  static MessagePool pool;
-  return pool;
-}
-
-}  // namespace
-
-void* TrappedMessage::operator new(std::size_t size) {
-  MessagePool& pool = messagePool();
-  if (pool.free.empty()) return ::operator new(size);
-  void* memory = pool.free.back();
-  pool.free.pop_back();
-  return memory;
-}
-
-void TrappedMessage::operator delete(void* object, std::size_t) {
-  MessagePool& pool = messagePool();
-  if (pool.free.size() < MessagePool::kMost) {
-    pool.free.push_back(object);
-  } else {
-    ::operator delete(object);
-  }
-}
-
 void MessageTrap::dumpState(Orb::DumpContext& context, int indent) const {
   context.line(indent, "MessageTrap");
 }

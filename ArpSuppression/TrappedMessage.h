@@ -11,6 +11,7 @@
 #include "Lanix/IpGenAddr.h"
 #include "Lanix/Pkt.h"
 #include "Mox/Attribute.h"
+#include "Mox/Pooled.h"
 #include "Mox/Strep.h"
 #include "Orb/DumpContext.h"
 
@@ -20,8 +21,9 @@ namespace ArpSuppression {
 
 using Mox::Ptr;
 
-// One trapped ARP request or reply with the buffer that it came in. Immutable.
-class TrappedMessage final : public Mox::Referenced {
+// One trapped ARP request or reply with the buffer that it came in. Immutable. Memory is kept for as many as
+// could be queued and in progress.
+class TrappedMessage final : public Mox::Referenced, public Mox::Pooled<TrappedMessage, 1024> {
  public:
   enum class MessageType : std::uint8_t { request, reply };
   using IntfStatusAndDeviceName = Interface::DeviceIntfStatusDir::IntfStatusAndDeviceName;
@@ -43,10 +45,6 @@ class TrappedMessage final : public Mox::Referenced {
   // "<request vlanId=10 if=Ethernet1(7) sIp=... sMac=... tIp=...>"
   Mox::String toStrep() const;
   void dumpState(Orb::DumpContext& context, int indent) const;
-
-  // Recycles the objects: one is made for every trapped frame.
-  static void* operator new(std::size_t size);
-  static void operator delete(void* object, std::size_t size);
 
  private:
   Bridging::VlanId vlanId_;

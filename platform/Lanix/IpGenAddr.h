@@ -19,8 +19,8 @@ constexpr std::array<const char*, 3> moxEnumNames(AddressFamily) { return {"none
 
 // An IPv4 or IPv6 address that knows its family. The default has no family, is false, and differs from
 // 0.0.0.0 and ::. Ordered by family (none, IPv4, IPv6), then by the bytes. 17 bytes without padding,
-// alignment 1; one whose bytes came from elsewhere (shared memory) has a family that is out of range at
-// worst, which prints like none and is not `sound`.
+// alignment 1. One whose bytes came from elsewhere (shared memory) may be none that is built here: then it is
+// not `sound`.
 class IpGenAddr {
  public:
   constexpr IpGenAddr() = default;
@@ -33,7 +33,14 @@ class IpGenAddr {
   explicit constexpr operator bool() const { return af_ != AddressFamily::none; }
   constexpr bool isIpv4() const { return af_ == AddressFamily::ipv4_; }
   constexpr bool isIpv6() const { return af_ == AddressFamily::ipv6_; }
-  constexpr bool sound() const { return af_ <= AddressFamily::ipv6_; }
+  // Whether the family is one of the three, and the bytes that it leaves unused are zeros. An address that is
+  // not sound may print like another one and yet differ from it; with an unknown family it prints like none.
+  constexpr bool sound() const {
+    if (isIpv6()) return true;
+    const auto unused = bytes_.begin() + (isIpv4() ? 4 : 0);
+    return af_ <= AddressFamily::ipv6_ &&
+           std::all_of(unused, bytes_.end(), [](auto byte) { return byte == 0; });
+  }
 
   // The address as one of its family; all zeros when it is of the other one.
   constexpr IpAddr ipv4() const {

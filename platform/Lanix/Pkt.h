@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 
+#include "Mox/Pooled.h"
 #include "Mox/Ptr.h"
 
 namespace Lanix {
@@ -15,10 +16,10 @@ class PktManager;
 // Two digits a byte, for traces.
 std::string hex(std::span<const std::byte> bytes);
 
-// A packet buffer, made by a PktManager. It belongs to one thread.
-class Pkt final : public Mox::Referenced {
+// A packet buffer, made by a PktManager. It belongs to one thread. Up to 2 MiB wait for later packets.
+class Pkt final : public Mox::Referenced, public Mox::Pooled<Pkt, 1024> {
  public:
-  // Buffers up to this size come from the pool.
+  // Buffers up to this size lie in the packet itself, whose memory is pooled.
   static constexpr std::size_t kPooled = 2048;
   static constexpr std::size_t kLargest = 65536;
 
@@ -31,9 +32,6 @@ class Pkt final : public Mox::Referenced {
   }
 
   std::string toStrep() const { return hex(headData()); }
-
-  static void* operator new(std::size_t size);
-  static void operator delete(void* memory);
 
  private:
   friend class PktManager;
@@ -57,9 +55,6 @@ class PktManager {
   Mox::Ptr<Pkt> newPktWithHeadData(std::size_t size);
   // A copy of `bytes` that nobody changes any more; null when they are more than Pkt::kLargest.
   Mox::Ptr<const Pkt> newPktWithSharedHeadData(std::span<const std::byte> bytes);
-
-  // Packets' worth of memory that wait for their next use.
-  std::size_t pooled() const;
 
  private:
   friend class EthDevPam;

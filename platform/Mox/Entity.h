@@ -52,8 +52,7 @@ class Watcher final : public Referenced {
 
 class Entity : public Referenced {
  public:
-  // For Notifiee. The order of addWatcher calls is the order of notification. The entity does not own the
-  // watcher.
+  // For Notifiee. Watchers are notified in the order of the addWatcher calls. The entity does not own them.
   void addWatcher(Watcher* watcher) const;
   void removeWatcher(Watcher* watcher) const;
   std::size_t watchers() const;

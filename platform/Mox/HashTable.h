@@ -19,7 +19,8 @@ namespace Mox {
 // (extendible hashing: a full segment splits in two), so that no insertion moves more than one segment. A
 // segment whose hashes are too much alike to be split by a directory of reasonable size grows instead.
 // Inside a segment, linear probing that keeps the slots sorted by hash; an insertion shifts the few slots
-// behind it up, an erasure closes the gap.
+// behind it up, an erasure closes the gap. A segment that is hardly used any more shrinks, so that a scan
+// passes over a few free slots an element at most, whatever the table held before.
 //
 // Iterators and pointers to elements die with any insertion or erasure. A scan keeps the key of its next
 // element and resumes with lowerBound: that element, or, when it has gone, the first one behind the key's
@@ -111,8 +112,7 @@ class HashSlots {
   }
   const Element* find(const Key& key) const { return const_cast<HashSlots*>(this)->find(key); }
 
-  // Brings the place where the element would be into the processor's cache. Has no effect that can be
-  // observed.
+  // Brings the place where the element would be into the processor's cache, and changes nothing.
   void prefetch(const Key& key) const {
     if (size_ == 0) return;
     const std::uint32_t hash = hashOfKey(key);
@@ -125,9 +125,7 @@ class HashSlots {
   // The element must not be there yet.
   Element& insert(const Key& key, Element element) {
     const std::uint32_t hash = hashOfKey(key);
-    if (directory_.empty()) {
-      directory_.push_back(new Segment(kSegmentMin));
-    }
+    if (directory_.empty()) directory_.push_back(new Segment(kSegmentMin));
     for (;;) {
       Segment& segment = segmentOf(hash);
       if (segment.count < segment.home - segment.home / 8) {
@@ -154,6 +152,7 @@ class HashSlots {
     segment.slots[at] = Slot{};
     --segment.count;
     --size_;
+    shrink(segment);
     return taken;
   }
 
@@ -176,10 +175,16 @@ class HashSlots {
     std::swap(size_, other.size_);
     std::swap(bits_, other.bits_);
   }
+  // How many slots, used and free, a whole scan passes.
+  std::size_t slots() const {
+    std::size_t slots = 0;
+    for (std::size_t at = 0; at < directory_.size(); at = nextSegment(at)) slots += directory_[at]->end;
+    return slots;
+  }
 
  private:
   static std::uint32_t hashOfKey(const Key& key) {
-    const std::uint32_t hash = static_cast<std::uint32_t>(hashOf(key) >> 32);
+    const std::uint32_t hash = static_cast<std::uint32_t>(hashFinish(hashOf(key)) >> 32);
     return hash == 0 ? 1 : hash;
   }
   std::size_t firstPosition(std::uint32_t hash) const {
@@ -253,6 +258,14 @@ class HashSlots {
     replace(full, low.get(), high.get());
     low.release();
     high.release();
+  }
+  // A smaller segment, far enough from where it would grow again.
+  void shrink(Segment& emptied) {
+    if (emptied.home == kSegmentMin || emptied.count >= emptied.home / 8) return;
+    std::unique_ptr<Segment> smaller =
+        refill(emptied, std::max(emptied.home / 4, kSegmentMin), emptied.bits, 0, UINT32_MAX);
+    replace(emptied, smaller.get(), smaller.get());
+    smaller.release();
   }
   // Moves the elements of a hash range into a new segment, wide enough for however they cluster.
   static std::unique_ptr<Segment> refill(Segment& from, std::size_t home, unsigned bits, std::uint32_t low,

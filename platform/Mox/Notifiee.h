@@ -9,13 +9,12 @@ namespace Mox {
 
 // A member through which its owner watches one input, named after that input:
 //
-//   evpnStatus_.on(Evpn::EvpnStatus::vlanToDot1qChanged, [this](Bridging::VlanId vlan) { handleVlan(vlan);
-//   });
+//   evpnStatus_.on(Evpn::EvpnStatus::vlanToDot1qChanged,
+//                  [this](Bridging::VlanId vlan) { handleVlan(vlan); });
 //
 // It holds a counted reference to the entity that it watches; the entity does not own it. Its destruction, or
 // a move to another entity with notifierIs, ends every callback at once, also from inside one of them.
-// Callbacks refer to their owner by plain pointer: declare the notifiee in the owner, so that it goes with
-// it.
+// Callbacks refer to their owner by plain pointer: declare the notifiee in the owner, and both go together.
 template <class T>
 class Notifiee {
  public:

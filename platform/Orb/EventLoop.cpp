@@ -87,6 +87,7 @@ bool EventLoop::step(double maxWait) {
   for (std::size_t i = 0; i < sources_.size(); ++i) dispatched |= sources_[i]->runTurn();
   if (dispatched) {
     for (auto& hook : hooks_) dispatch("end of turn", hook);
+    longestTurn_ = std::max(longestTurn_, clock_.now() - now_);
   }
   return dispatched;
 }

@@ -58,8 +58,13 @@ class EventLoop {
   double now() const { return now_; }
   const Clock& clock() const { return clock_; }
 
-  // Runs the call once, in a later turn, in order of posting. What it refers to must outlive it or be
-  // cancelled: prefer a Timer or a task, which cancel themselves.
+  // The longest that a turn has taken since longestTurnReset(), in seconds: from the end of its wait to the
+  // end of its last hook. Nothing else was served meanwhile.
+  double longestTurn() const { return longestTurn_; }
+  void longestTurnReset() { longestTurn_ = 0; }
+
+  // Runs the call once, in a later turn, in order of posting. What it refers to must outlive the call, which
+  // cannot be cancelled: prefer a Timer or a task, which cancel themselves.
   void post(std::function<void()> call);
 
   // Called at the end of every turn in which anything was dispatched, in order of registration. The handle
@@ -71,7 +76,7 @@ class EventLoop {
   void workSourceIs(WorkSource* source);
   void workSourceDel(WorkSource* source);
 
-  // What happens with an error caught at a dispatch; by default one line on stderr and a record in the trace
+  // What happens with an error caught at a dispatch; by default a line on stderr and a record in the trace
   // ring.
   using ErrorHandler = std::function<void(const char* where, const char* what)>;
   void errorHandlerIs(ErrorHandler handler) { errorHandler_ = std::move(handler); }
@@ -99,6 +104,7 @@ class EventLoop {
 
   const Clock& clock_;
   double now_;
+  double longestTurn_ = 0;
   int epoll_ = -1;
   bool stopped_ = false;
   std::vector<FileDescriptor*> slots_;  // index: low half of the epoll data; the high half is a generation

@@ -23,8 +23,7 @@ struct WalkRet {
 //   - of an idle walk: it starts in a later turn, never in place;
 //   - of a scheduled one: the earlier time stands;
 //   - between the slices of a running walk: when allowWalkRestarts says so, the next slice begins the walk
-//   again
-//     (walkStartedNotification); otherwise nothing, the walk comes by anyway;
+//     again (walkStartedNotification); otherwise nothing, the walk comes by anyway;
 //   - from inside `walk` itself: a new walk after this one has ended.
 //
 // A walk may be destroyed from inside its own run; code that goes on after a call that can do so asks a
@@ -44,7 +43,7 @@ class WalkSmBase : public Mox::Entity {
   ~WalkSmBase() override;
 
   virtual WalkRet walk() = 0;
-  // Before the first run of each walk. False: the walk is not wanted any more and ends here, not run nor
+  // Before the first run of each walk. False: the walk is not wanted any more; it ends here, neither run nor
   // finished.
   virtual bool walkStartedNotification() { return true; }
   // After the run that reported no more work.

@@ -125,7 +125,7 @@ TEST(Pkt, MemoryKeptForLaterIsBounded) {
   std::vector<Mox::Ptr<Pkt>> many;
   for (int i = 0; i < 3000; ++i) many.push_back(manager.newPktWithHeadData(1));
   many.clear();
-  EXPECT_LE(manager.pooled(), 1024u);
+  EXPECT_LE(Pkt::pooled(), 1024u);
 }
 
 }  // namespace

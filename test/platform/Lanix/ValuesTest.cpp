@@ -180,6 +180,16 @@ TEST(IpGenAddr, ForeignBytesAreToldApart) {
   EXPECT_FALSE(address.sound());
   EXPECT_EQ(address.toStrep(), "");
   EXPECT_FALSE(address.isLinkLocal() || address.isMulticast());
+  // A family that uses fewer bytes leaves the others zero, or two different addresses would look the same.
+  for (const auto& [family, used] : {std::pair{0, 0}, std::pair{1, 4}, std::pair{2, 16}}) {
+    for (std::size_t at = 1; at < bytes.size(); ++at) {
+      bytes.fill(0);
+      bytes[0] = static_cast<std::uint8_t>(family);
+      bytes[at] = 1;
+      EXPECT_EQ(std::bit_cast<IpGenAddr>(bytes).sound(), at <= static_cast<std::size_t>(used))
+          << family << at;
+    }
+  }
 }
 
 TEST(IpGenPrefix, LengthIsChecked) {

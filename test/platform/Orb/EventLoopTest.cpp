@@ -82,6 +82,21 @@ TEST_F(Loop, hooks_run_in_order_after_turns_that_did_something_until_their_handl
   EXPECT_THAT(taken(), ElementsAre("third"));
 }
 
+TEST_F(Loop, tells_the_longest_turn_without_its_wait) {
+  const auto turn = [&](double call, double hook) {
+    auto handle = loop_.endOfTurn([&] { clock_.advance(hook); });
+    loop_.post([&] { clock_.advance(call); });
+    clock_.advance(60);  // nothing to do
+    loop_.step();
+  };
+  turn(0.25, 0.5);
+  turn(0.25, 0.25);
+  EXPECT_DOUBLE_EQ(loop_.longestTurn(), 0.75);
+  loop_.longestTurnReset();
+  turn(0.125, 0);
+  EXPECT_DOUBLE_EQ(loop_.longestTurn(), 0.125);
+}
+
 // The clock stands still, so that a loop that asked it for the end of the wait would never come back.
 TEST_F(Loop, idle_turn_does_nothing_and_a_bounded_wait_ends_by_itself) {
   Timer hour(loop_, "hour", [&] { hear("hour"); });
