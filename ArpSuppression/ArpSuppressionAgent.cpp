@@ -85,15 +85,14 @@ void ArpSuppressionAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   if (arpSuppressionStatus) arpSuppressionStatus->vlanIdDelAll();
 
   const Ptr<Memtab::EntityManager> tables = host().sharedMemory();
-  tables->mount("vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status", MountDescriptor::reader());
-  tables->mount("arp/status", "Arp::Table::Status", MountDescriptor::reader());
-  if (!tables->mount("arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus",
-                     MountDescriptor::writer({{"counter", kCounters}}, kCounterDoorbellDelay)))
-    throw Mox::Error("arpSuppression/counter cannot be written");
-  tables->mount("bridging/status", "Memtab::Bridging::Status", MountDescriptor::reader());
+  required(tables->mount("vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status", MountDescriptor::reader()));
+  required(tables->mount("arp/status", "Arp::Table::Status", MountDescriptor::reader()));
+  required(tables->mount("arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus",
+                         MountDescriptor::writer({{"counter", kCounters}}, kCounterDoorbellDelay)));
+  required(tables->mount("bridging/status", "Memtab::Bridging::Status", MountDescriptor::reader()));
   const Ptr<MoxSharedMem::MountGroup> remoteBindingGroup = tables->mountGroup();
-  remoteBindingGroup->mountIs(kRemoteBindingPath, "ArpSuppression::RemoteBindingConfig",
-                              MountDescriptor::reader());
+  required(remoteBindingGroup->mountIs(kRemoteBindingPath, "ArpSuppression::RemoteBindingConfig",
+                                       MountDescriptor::reader()));
   remoteBindingGroup->close();
 
   const auto counters = tables->entityOf<ArpSuppressionCounterStatus>("arpSuppression/counter");

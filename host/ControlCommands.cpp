@@ -244,20 +244,20 @@ void ControlCommands::changeBindings(std::string_view lines, bool add, std::stri
   if (!read) return appendError(output, read.error());
   auto& collection = (*table)->remoteBindingCollection();
   std::size_t changed = 0;
-  bool full = false;
-  for (const Binding& binding : bindings) {
-    const Memtab::Written written = add ? collection.tableWriter()->entryIs(binding.key, binding.value)
-                                    : collection.tableWriter()->entryDel(binding.key)
-                                        ? Memtab::Written::kChanged
-                                        : Memtab::Written::kUnchanged;
-    full = written == Memtab::Written::kFull;
-    if (full) break;
+  for (std::size_t in = 0; in < bindings.size(); ++in) {
+    const Binding& binding = bindings[in];
+    if (!add) {
+      changed += collection.del(binding.key) ? 1 : 0;
+      continue;
+    }
+    const Memtab::Written written = collection.set(binding.key, binding.value);
+    if (written == Memtab::Written::kFull) {
+      return appendError(
+          output,
+          "no shared memory for more remote bindings: " + collection.tableWriter()->core().growthError() +
+              "; " + std::to_string(in) + " of these " + std::to_string(bindings.size()) + " are in");
+    }
     changed += written == Memtab::Written::kChanged ? 1 : 0;
-  }
-  if (changed != 0) collection.touched();
-  if (full) {
-    return appendError(output, "no shared memory for more remote bindings: " +
-                                   collection.tableWriter()->core().growthError());
   }
   appendOk(output, {{"changed", changed}});
 }

@@ -216,7 +216,7 @@ class MonitorJob final : public ControlJob {
   bool endless() const override { return true; }
 
   // Why changes of shared memory would not be noticed; "" when they are.
-  const std::string& error() const { return watcher_.error(); }
+  const std::string& error() const { return watcher_.watching().error(); }
 
   Step step(std::string& output) override {
     if (loop_.now() < next_) {

@@ -99,6 +99,10 @@ State::State(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSchedulerRoot>& tasks
                     tree_->entityIs(Switch::kProblemsPath, Switch::kProblemsType)),
                 kReporter) {
   for (const auto& [name, type] : tableTypes()) type->registerAt(*tables_);
+  tables_->roomHandlerIs([this](const std::string& path, const std::string& problem) {
+    problems_.check("table " + path, problem.empty() ? Mox::Result<>() : Mox::Failure{problem},
+                    "free shared memory (/dev/shm), and add again what was refused");
+  });
   for (const StatePath& state : statePaths()) {
     if (state.persistent && writtenByPlugin(state, plugins_)) tree_->persist(state.path);
   }
@@ -139,14 +143,15 @@ Mox::Result<> State::build(const Config& config) {
 }
 
 Mox::Result<> State::buildTable(const StatePath& state, const json& content) {
-  const Mox::Ptr<Memtab::Entity> entity =
+  const Memtab::Mounted mounted =
       tables_->mount(state.path, state.typeName, Memtab::MountDescriptor::writer());
-  if (!entity) {
+  if (!mounted) {
+    if (mounted.number() != EBUSY) return mounted.failure();
     problems_.problemIs("table " + state.path, "another process writes it: what is configured is not in it",
                         "end that process, and restart the agent-host");
     return {};
   }
-  const Mox::Result<> replaced = tableTypes().at(state.typeName)->replace(*entity, content);
+  const Mox::Result<> replaced = tableTypes().at(state.typeName)->replace(**mounted, content);
   if (!replaced) return Mox::Failure{state.path + ": " + replaced.error()};
   return {};
 }

@@ -148,11 +148,10 @@ Mox::Result<> put(Memtab::Collection<Key, Value>& collection, const Key& key, Va
                   const nlohmann::json& json) {
   std::string problem;
   if (!Statedb::mergeValue(json, value, problem)) return Mox::Failure{problem};
-  if (collection.tableWriter()->entryIs(key, value) == Memtab::Written::kFull) {
+  if (collection.set(key, value) == Memtab::Written::kFull) {
     return Mox::Failure{"no shared memory for " + Mox::toStrep(key) + ": " +
                         collection.tableWriter()->core().growthError()};
   }
-  collection.touched();
   return {};
 }
 

@@ -79,7 +79,7 @@ int sendBindings(const CommonOptions& options, const std::vector<Binding>& bindi
   while (good && answered < chunks) good = receive();
   if (good) return kDone;
   return fail(Mox::Failure{
-      good.error() + " (the first " + std::to_string(answered * kChunkBindings) + " bindings are in)",
+      good.error() + " (the " + std::to_string(answered * kChunkBindings) + " bindings before are in)",
       good.number()});
 }
 

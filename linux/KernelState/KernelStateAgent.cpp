@@ -15,13 +15,6 @@ constexpr char kIntfStatusPath[] = "interface/status/all";
 constexpr char kIntfStatusLocalPath[] = "interface/status/local";
 constexpr unsigned kFindLevel = 3;
 
-template <class E>
-Ptr<E> mountWriter(Memtab::EntityManager& tables, const char* path, const char* type) {
-  const auto entity = Mox::dynamicPtrCast<E>(tables.mount(path, type, Memtab::MountDescriptor::writer()));
-  if (!entity) throw Mox::Error(std::string(path) + " cannot be written");
-  return entity;
-}
-
 }  // namespace
 
 KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Orb::TaskScheduler>& scheduler)
@@ -92,11 +85,14 @@ void KernelStateAgent::doMountsComplete(Statedb::MountStatus /*status*/,
                                                        << " has an entity of another type");
     return;
   }
+  const auto written = [&](const char* path, const char* type) {
+    return required(tables->mount(path, type, Memtab::MountDescriptor::writer()));
+  };
   mounts->vrfIdMap =
-      mountWriter<Vrf::VrfIdMap::Status>(*tables, "vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status");
-  mounts->arpStatus = mountWriter<Arp::Table::Status>(*tables, "arp/status", "Arp::Table::Status");
+      Mox::dynamicPtrCast<Vrf::VrfIdMap::Status>(written("vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status"));
+  mounts->arpStatus = Mox::dynamicPtrCast<Arp::Table::Status>(written("arp/status", "Arp::Table::Status"));
   mounts->bridgingStatus =
-      mountWriter<Memtab::Bridging::Status>(*tables, "bridging/status", "Memtab::Bridging::Status");
+      Mox::dynamicPtrCast<Memtab::Bridging::Status>(written("bridging/status", "Memtab::Bridging::Status"));
   rootSm_.is(mounts, taskSchedulerRoot()->scheduler());
 }
 

@@ -7,13 +7,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <memory>
 #include <stdexcept>
 
-#include "Memtab/Hash.h"
 #include "Memtab/Layout.h"
+#include "Mox/Hash.h"
 
 namespace Memtab {
 namespace {
@@ -64,9 +68,24 @@ std::string_view trimmed(std::string_view path) {
   return path;
 }
 
-bool isDamaged(std::string_view name) { return name.find(".damaged-") != std::string_view::npos; }
+constexpr std::string_view kDamaged = ".damaged-";
+
+bool isDamaged(std::string_view name) { return name.find(kDamaged) != std::string_view::npos; }
 bool isSideFile(std::string_view name) {
   return name.ends_with(".bell") || name.ends_with(".next") || isDamaged(name);
+}
+
+// What follows `start` in the names of the files that begin with it, sorted.
+std::vector<std::string> restsOf(std::string_view start) {
+  std::vector<std::string> out;
+  const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(kFolder.data()), &closedir);
+  if (!dir) return out;
+  while (const dirent* entry = readdir(dir.get())) {
+    const std::string_view name = entry->d_name;
+    if (name.starts_with(start)) out.emplace_back(name.substr(start.size()));
+  }
+  std::sort(out.begin(), out.end());
+  return out;
 }
 
 }  // namespace
@@ -76,7 +95,7 @@ Directory::Directory(std::string_view prefix) : prefix_(escaped(prefix)) {
   if (prefix_.size() > kLongestPrefix) {
     std::uint64_t hash = prefix_.size();
     for (const char c : prefix_)
-      hash = foldMultiply(hash ^ static_cast<unsigned char>(c), 0xa0761d6478bd642fULL);
+      hash = Mox::foldMultiply(hash ^ static_cast<unsigned char>(c), 0xa0761d6478bd642fULL);
     prefix_.resize(kLongestPrefix - 17);
     prefix_ += '-';
     for (int shift = 60; shift >= 0; shift -= 4) prefix_ += kHex[(hash >> shift) & 15];
@@ -101,18 +120,7 @@ std::string Directory::segmentFile(std::string_view table) const {
   return std::string(kFolder) + file;
 }
 
-std::vector<std::string> Directory::files() const {
-  std::vector<std::string> out;
-  const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(kFolder.data()), &closedir);
-  if (!dir) return out;
-  const std::string start = prefix_ + ':';
-  while (const dirent* entry = readdir(dir.get())) {
-    const std::string_view name = entry->d_name;
-    if (name.starts_with(start)) out.emplace_back(name.substr(start.size()));
-  }
-  std::sort(out.begin(), out.end());
-  return out;
-}
+std::vector<std::string> Directory::files() const { return restsOf(prefix_ + ':'); }
 
 std::vector<std::string> Directory::tables() const {
   std::vector<std::string> out;
@@ -155,6 +163,17 @@ void retireSegmentFile(const std::string& file) {
     [[maybe_unused]] const ssize_t written = pwrite(fd, &retired, sizeof(retired), offsetof(Header, retired));
   }
   close(fd);
+}
+
+Mox::Result<std::string> setAside(const std::string& file) {
+  const std::string start = file + std::string(kDamaged);
+  for (const std::string& before : restsOf(std::string_view(start).substr(kFolder.size())))
+    ::remove((start + before).c_str());  // stays if it is a folder with something in it
+  std::string aside =
+      start + std::to_string(getpid()) + '-' + std::to_string(static_cast<std::uint64_t>(time(nullptr)));
+  if (rename(file.c_str(), aside.c_str()) == 0) return aside;
+  const int error = errno;
+  return Mox::Failure{file + ": cannot be set aside as " + aside + ": " + std::strerror(error), error};
 }
 
 }  // namespace Memtab

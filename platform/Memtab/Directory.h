@@ -4,6 +4,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Mox/Result.h"
+
 namespace Memtab {
 
 // Where the tables of one run directory live: files of the shared-memory file system whose names begin with a
@@ -13,10 +15,10 @@ namespace Memtab {
 //   | file                                      | what                                                |
 //   |-------------------------------------------|-----------------------------------------------------|
 //   | P:bridging+status.fdb                     | the segment                                         |
-//   | P:bridging+status.fdb.bell                | doorbell: one byte, rewritten when there is news; al|
-//   |                                           | file that the writer locks                          |
+//   | P:bridging+status.fdb.bell                | doorbell: one byte, rewritten when there is news;   |
+//   |                                           | also the file that the writer locks                 |
 //   | P:bridging+status.fdb.next                | the segment that a growing table is moving to       |
-//   | P:bridging+status.fdb.damaged-<pid>-<sec> | a segment that a writer could not take over         |
+//   | P:bridging+status.fdb.damaged-<pid>-<sec> | what had the name and was no table of ours          |
 //
 // Letters, digits, '.', '-' and '_' stand for themselves, '/' is '+', every other byte is %XX. Value type.
 class Directory {
@@ -36,7 +38,7 @@ class Directory {
 
   // Paths of the tables that exist, sorted.
   std::vector<std::string> tables() const;
-  // Full file names of the segments that were set aside as damaged, sorted.
+  // Full file names of what was set aside as damaged, sorted.
   std::vector<std::string> damaged() const;
 
   // Removes a table's files, whether or not a writer has it open; readers see it go. Damaged segments stay.
@@ -55,5 +57,9 @@ class Directory {
 // Tells whoever maps this segment file to look at its name again, as far as the file is large enough to say
 // so.
 void retireSegmentFile(const std::string& file);
+
+// Gives whatever has this name, be it a folder, the name ".damaged-<pid>-<sec>", and removes what had been
+// set aside from under the name before. Returns the full new name.
+Mox::Result<std::string> setAside(const std::string& file);
 
 }  // namespace Memtab

@@ -24,8 +24,8 @@
 //   xForEach(callback(key, value))
 //                           all of a small table
 //   xs()                    the count
-//   xIs(key, value), xDel(key)
-//                           for the writer
+//   xIs(key, value)         for the writer: the entry is in, unless the result is Written::kFull
+//   xDel(key)               for the writer: whether there was one
 //   xChanged                the event of one key, raised from the event loop only, never from inside a write
 //
 // Shared memory that cannot be believed is reported to the entity's corruption handler, and the entry counts
@@ -60,12 +60,21 @@ class Entity : public Mox::Entity {
   // The default handler writes a trace line and a record.
   void corrupted(const std::string& message) const;
 
+  // For the manager: called with the reason when a table has no memory for an entry, and with "" when one has
+  // gone in again.
+  using RoomHandler = std::function<void(const std::string& problem)>;
+  void roomHandlerIs(RoomHandler handler) { roomHandler_ = std::move(handler); }
+  void roomIs(const std::string& problem) const {
+    if (roomHandler_) roomHandler_(problem);
+  }
+
   virtual std::vector<TableBase*> tables() = 0;
 
  private:
   template <class Key, class Value>
   friend class Collection;
   CorruptionHandler corruptionHandler_;
+  RoomHandler roomHandler_;
 };
 
 template <class Key, class Value>
@@ -110,16 +119,20 @@ class Collection final : public TableBase {
   }
   std::uint64_t size() const { return reader_ ? reader_->size() : writer_ ? writer_->size() : 0; }
 
-  void set(const Key& key, const Value& value) {
-    if (!writer_) throw Mox::Error(std::string(name_) + ": not mounted for writing");
-    const Written written = writer_->entryIs(key, value);
-    if (written == Written::kFull)
-      entity_->corrupted(std::string(name_) + ": " + writer_->core().growthError());
+  // Throws Mox::Error when not mounted for writing, as del does.
+  Written set(const Key& key, const Value& value) {
+    const Written written = writable().entryIs(key, value);
     dirty_ = dirty_ || written == Written::kChanged;
+    // An entry that needed no room says nothing about it.
+    const std::string& problem = writer_->core().growthError();
+    if (full_ ? problem.empty() : written == Written::kFull) {
+      full_ = !full_;
+      entity_->roomIs(problem);
+    }
+    return written;
   }
   bool del(const Key& key) {
-    if (!writer_) throw Mox::Error(std::string(name_) + ": not mounted for writing");
-    const bool deleted = writer_->entryDel(key);
+    const bool deleted = writable().entryDel(key);
     dirty_ = dirty_ || deleted;
     return deleted;
   }
@@ -151,11 +164,17 @@ class Collection final : public TableBase {
   }
 
  private:
+  TableWriter<Key, Value>& writable() const {
+    if (!writer_) throw Mox::Error(std::string(name_) + ": not mounted for writing");
+    return *writer_;
+  }
+
   const char* name_;
   Entity* entity_;
   mutable std::unique_ptr<TableReader<Key, Value>> reader_;
   std::unique_ptr<TableWriter<Key, Value>> writer_;
   bool dirty_ = false;
+  bool full_ = false;  // the last entry that needed room did not find it
 };
 
 // Calls visitor(name, collection) for each table of an entity, at compile time.
@@ -197,7 +216,7 @@ void dumpTables(const E& entity, Orb::DumpContext& context, int indent) {
     x##_.forEach(std::forward<Callback>(callback));                                            \
   }                                                                                            \
   std::uint64_t x##s() const { return x##_.size(); }                                           \
-  void x##Is(const Key& key, const Value& value) { x##_.set(key, value); }                     \
+  ::Memtab::Written x##Is(const Key& key, const Value& value) { return x##_.set(key, value); } \
   bool x##Del(const Key& key) { return x##_.del(key); }
 
 #define MEMTAB_MEMBERS(x)                                                 \

@@ -1,6 +1,7 @@
 #include "Memtab/EntityManager.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "Mox/Notifiee.h"
 #include "Tracelet/Record.h"
@@ -32,12 +33,12 @@ void Entity::corrupted(const std::string& message) const {
 
 // --- MountGroup ------------------------------------------------------------------------------------------
 
-Mox::Ptr<Memtab::Entity> MountGroup::mountIs(const std::string& path, const std::string& typeName,
-                                             const MountDescriptor& descriptor) {
-  if (!manager_) return {};
-  Mox::Ptr<Memtab::Entity> entity = manager_->mount(path, typeName, descriptor);
-  mounted_.push_back(entity);
-  return entity;
+Mounted MountGroup::mountIs(const std::string& path, const std::string& typeName,
+                            const MountDescriptor& descriptor) {
+  if (!manager_) return Mox::Failure{path + ": the process is ending"};
+  Mounted mounted = manager_->mount(path, typeName, descriptor);
+  mounted_.push_back(mounted ? *mounted : nullptr);
+  return mounted;
 }
 
 void MountGroup::close() {
@@ -84,7 +85,7 @@ EntityManager::EntityManager(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSched
     descriptor_->descriptorIs(watcher_.descriptor());
     descriptor_->notifyOnReadableIs(true);
   } else if (report_) {
-    report_("shared memory: changes of other processes will not be noticed: " + watcher_.error());
+    report_("shared memory: changes of other processes will not be noticed: " + watcher_.watching().error());
   }
 }
 
@@ -93,6 +94,7 @@ EntityManager::~EntityManager() {
   for (const Mox::Ptr<MountGroup>& group : groups_) group->manager_ = nullptr;
   for (auto& [path, slot] : slots_) {
     flush(slot);
+    slot.entity->roomHandlerIs({});
     for (TableBase* table : slot.entity->tables()) table->close();
   }
 }
@@ -102,20 +104,16 @@ std::string EntityManager::normal(std::string_view path) const {
   return std::string(path);
 }
 
-Mox::Ptr<Memtab::Entity> EntityManager::mount(const std::string& given, const std::string& typeName,
-                                              const MountDescriptor& descriptor) {
+Mounted EntityManager::mount(const std::string& given, const std::string& typeName,
+                             const MountDescriptor& descriptor) {
   const std::string path = normal(given);
   auto at = slots_.find(path);
   if (at == slots_.end()) {
     const auto maker = makers_.find(typeName);
-    if (maker == makers_.end()) {
-      if (report_) report_(path + ": unknown shared-memory type " + typeName);
-      return {};
-    }
+    if (maker == makers_.end()) return Mox::Failure{path + ": unknown shared-memory type " + typeName};
     at = slots_.emplace(path, Slot{maker->second(), typeName, 0, false, nullptr}).first;
   } else if (at->second.typeName != typeName) {
-    if (report_) report_(path + ": is a " + at->second.typeName + ", not a " + typeName);
-    return {};
+    return Mox::Failure{path + ": is a " + at->second.typeName + ", not a " + typeName};
   }
   Slot& slot = at->second;
   for (TableBase* table : slot.entity->tables()) {
@@ -126,14 +124,19 @@ Mox::Ptr<Memtab::Entity> EntityManager::mount(const std::string& given, const st
         if (collection.name == table->name()) options.capacity = collection.size;
       }
       OpenReport opened;
-      if (!table->writerIs(directory_, name, options, opened)) {
-        if (report_) report_(opened.message);
-        return {};
-      }
+      if (!table->writerIs(directory_, name, options, opened))
+        return Mox::Failure{opened.message, opened.liveWriter ? EBUSY : 0};
       if (!opened.message.empty() && report_) {
         report_(opened.message + (opened.setAside.empty() ? "" : "; set aside as " + opened.setAside));
       }
       slot.writable = true;
+      slot.entity->roomHandlerIs([this, path](const std::string& problem) {
+        if (roomHandler_) {
+          roomHandler_(path, problem);
+        } else if (report_) {
+          report_(path + ": " + (problem.empty() ? "takes entries again" : problem));
+        }
+      });
       slot.doorbellDelay = descriptor.doorbellDelay;
     } else {
       table->readerIs(directory_, name, watcher_);
@@ -201,8 +204,11 @@ void EntityManager::drain() {
   } rest{*this};
   updateGroups();
   while (!pending_.empty()) {
+    // In turn, so that a table that changes all the time holds up no other.
     TableBase* const table = pending_.front();
-    if (!table->drain(kKeysPerDrain)) pending_.erase(pending_.begin());
+    pending_.pop_front();
+    pending_.push_back(table);
+    if (!table->drain(kKeysPerDrain)) std::erase(pending_, table);
     if (drainTask_.scheduler()->root().mustYield()) return;
   }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "Memtab/Entity.h"
+#include "Mox/Result.h"
 #include "Orb/FileDescriptor.h"
 #include "Orb/TaskScheduler.h"
 
@@ -34,13 +36,15 @@ struct MountDescriptor {
   }
 };
 
+using Mounted = Mox::Result<Mox::Ptr<Memtab::Entity>>;
+
 // Mounts that belong together. Ready while every table of the closed group is attached, that is, exists; a
-// writer that restarts does not end that, a table that is removed does.
+// writer that restarts does not end that, a table that is removed does. A group with a refused mount is never
+// ready.
 class MountGroup final : public Mox::Entity {
  public:
   explicit MountGroup(EntityManager& manager) : manager_(&manager) {}
-  Mox::Ptr<Memtab::Entity> mountIs(const std::string& path, const std::string& typeName,
-                                   const MountDescriptor& descriptor);
+  Mounted mountIs(const std::string& path, const std::string& typeName, const MountDescriptor& descriptor);
   void close();
 
   MOX_ATTRIBUTE(bool, ready, false)
@@ -68,10 +72,16 @@ class EntityManager final : public Mox::Referenced {
     makers_[typeName] = [] { return Mox::Ptr<Memtab::Entity>(Mox::make<E>()); };
   }
 
-  // Finds or makes the entity and gives it what the descriptor asks for. Null, with a report, when the type
-  // is not known, the path has another type, or the table cannot be written (another live writer has it).
-  Mox::Ptr<Memtab::Entity> mount(const std::string& path, const std::string& typeName,
-                                 const MountDescriptor& descriptor);
+  // Finds or makes the entity and gives it what the descriptor asks for. Refused when the type is not known,
+  // the path has another type, or the table cannot be written: another live writer has it (EBUSY), or there
+  // is no memory. A table that was found damaged, and everything else that stood in the way and was replaced,
+  // is reported.
+  Mounted mount(const std::string& path, const std::string& typeName, const MountDescriptor& descriptor);
+  // Who hears that a table which this process writes has no memory for an entry, once, with the reason, and
+  // with "" when one has gone in again. Without a handler both are reported.
+  using RoomHandler = std::function<void(const std::string& path, const std::string& problem)>;
+  void roomHandlerIs(RoomHandler handler) { roomHandler_ = std::move(handler); }
+
   // Null when nobody mounted the path.
   Mox::Ptr<Memtab::Entity> entity(std::string_view path) const;
   template <class E>
@@ -107,11 +117,12 @@ class EntityManager final : public Mox::Referenced {
   Orb::EventLoop& loop_;
   Directory directory_;
   Report report_;
+  RoomHandler roomHandler_;
   std::map<std::string, std::function<Mox::Ptr<Memtab::Entity>()>> makers_;
   Watcher watcher_;
   Slots slots_;
   std::map<TableView*, TableBase*> tables_;
-  std::vector<TableBase*> pending_;
+  std::deque<TableBase*> pending_;  // have news, in the order in which they are drained
   std::vector<Mox::Ptr<MountGroup>> groups_;
   Mox::Ptr<Orb::FileDescriptor> descriptor_;
   std::unique_ptr<class DescriptorWatch> descriptorWatch_;

@@ -81,15 +81,15 @@ struct Header {
   std::uint32_t keyBytes;
   std::uint32_t valueBytes;
   std::uint32_t ringEntries;  // power of two
-  std::uint64_t typeTag;  // what the caller says the bytes mean; differs when a type changes at the same size
-  std::uint64_t capacity;    // slots in home buckets; a multiple of 8, as is the tail
-  std::uint64_t tailSlots;   // slots after the last home bucket
-  std::uint64_t hashSeed;    // the same in all generations of an epoch
-  std::uint64_t epoch;       // random; a table that was started empty has a new one
-  std::uint64_t generation;  // counts the segments of an epoch
-  std::uint64_t
-      bornAt;  // ring position at which this segment took the name; deletions before it have left no trace
-  std::uint64_t ringFirst;  // oldest position that the ring of this segment ever held
+  std::uint64_t typeTag;      // what keys and values mean: differs when a type changes at the same size
+  std::uint64_t capacity;     // slots in home buckets; a multiple of 8, as is the tail
+  std::uint64_t tailSlots;    // slots after the last home bucket
+  std::uint64_t hashSeed;     // the same in all generations of an epoch
+  std::uint64_t epoch;        // random; a table that was started empty has a new one
+  std::uint64_t generation;   // counts the segments of an epoch
+  std::uint64_t bornAt;       // ring position at which this segment took the name; what was deleted before is
+                              // not in it any more
+  std::uint64_t ringFirst;    // oldest position that the ring of this segment ever held
   std::uint64_t reserved[4];
 
   alignas(64) std::uint32_t retired;  // 1: look at the name again, another segment is taking or has taken it

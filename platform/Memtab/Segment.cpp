@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Memtab/Directory.h"
+
 namespace Memtab {
 namespace {
 
@@ -46,35 +48,35 @@ std::string fieldError(const std::string& file, const char* field, std::uint64_t
   return file + ": " + field + " is " + std::to_string(value) + ", allowed is " + allowed;
 }
 
-// Empty if the header describes a segment of this shape and file size.
-std::string headerError(const std::string& file, const Header& header, const Shape& shape,
-                        std::uint64_t size) {
-  if (header.magic != kMagic) return file + ": does not begin like a table segment";
+// Good if the header describes a segment of this shape and file size.
+Mox::Result<> checked(const std::string& file, const Header& header, const Shape& shape, std::uint64_t size) {
+  if (header.magic != kMagic) return Mox::Failure{file + ": does not begin like a table segment"};
   if (header.layoutVersion != kLayoutVersion) {
-    return fieldError(file, "layout version", header.layoutVersion, std::to_string(kLayoutVersion));
+    return Mox::Failure{
+        fieldError(file, "layout version", header.layoutVersion, std::to_string(kLayoutVersion))};
   }
   if (header.keyBytes != shape.keyBytes) {
-    return fieldError(file, "key size", header.keyBytes, std::to_string(shape.keyBytes));
+    return Mox::Failure{fieldError(file, "key size", header.keyBytes, std::to_string(shape.keyBytes))};
   }
   if (header.valueBytes != shape.valueBytes) {
-    return fieldError(file, "value size", header.valueBytes, std::to_string(shape.valueBytes));
+    return Mox::Failure{fieldError(file, "value size", header.valueBytes, std::to_string(shape.valueBytes))};
   }
   if (header.typeTag != shape.typeTag) {
-    return fieldError(file, "type tag", header.typeTag, std::to_string(shape.typeTag));
+    return Mox::Failure{fieldError(file, "type tag", header.typeTag, std::to_string(shape.typeTag))};
   }
   if (header.capacity == 0 || header.capacity > kMaxCapacity || header.capacity % kBucketSlots != 0) {
-    return fieldError(file, "capacity", header.capacity,
-                      "a multiple of 8 up to " + std::to_string(kMaxCapacity));
+    return Mox::Failure{fieldError(file, "capacity", header.capacity,
+                                   "a multiple of 8 up to " + std::to_string(kMaxCapacity))};
   }
   if (header.tailSlots != tailFor(header.capacity)) {
-    return fieldError(file, "tail", header.tailSlots, std::to_string(tailFor(header.capacity)));
+    return Mox::Failure{fieldError(file, "tail", header.tailSlots, std::to_string(tailFor(header.capacity)))};
   }
   if (!std::has_single_bit(header.ringEntries) || header.ringEntries > kMaxRingEntries) {
-    return fieldError(file, "ring size", header.ringEntries,
-                      "a power of two up to " + std::to_string(kMaxRingEntries));
+    return Mox::Failure{fieldError(file, "ring size", header.ringEntries,
+                                   "a power of two up to " + std::to_string(kMaxRingEntries))};
   }
   if (fileBytes(shape, header) != size) {
-    return fieldError(file, "file size", size, std::to_string(fileBytes(shape, header)));
+    return Mox::Failure{fieldError(file, "file size", size, std::to_string(fileBytes(shape, header)))};
   }
   return {};
 }
@@ -132,6 +134,8 @@ Segment::Opened Segment::open(const std::string& file, const Shape& shape, Acces
     if (fd.get() < 0) {
       if (errno == ENOENT) return {Outcome::kAbsent, nullptr, {}};
       if (errno == ELOOP) return {Outcome::kDamaged, nullptr, file + ": is a symbolic link"};
+      if (errno == EISDIR || errno == ENXIO)
+        return {Outcome::kDamaged, nullptr, file + ": is not a regular file"};
       return {Outcome::kFailed, nullptr, systemError(file, "open", errno)};
     }
     struct stat status {};
@@ -146,8 +150,8 @@ Segment::Opened Segment::open(const std::string& file, const Shape& shape, Acces
     if (size < sizeof(Header) || pread(fd.get(), &header, sizeof(header), 0) != ssize_t{sizeof(header)}) {
       return {Outcome::kDamaged, nullptr, fieldError(file, "file size", size, "256 and more")};
     }
-    if (std::string error = headerError(file, header, shape, size); !error.empty()) {
-      return {Outcome::kDamaged, nullptr, std::move(error)};
+    if (const auto good = checked(file, header, shape, size); !good) {
+      return {Outcome::kDamaged, nullptr, good.error()};
     }
     // A segment that is being dismantled is locked by its writer, or was; by then another one has the name.
     struct stat named {};
@@ -166,7 +170,7 @@ Segment::Opened Segment::open(const std::string& file, const Shape& shape, Acces
 }
 
 Segment::Opened Segment::create(const std::string& file, const SegmentPlan& plan) {
-  unlink(file.c_str());
+  if (unlink(file.c_str()) != 0 && errno != ENOENT) static_cast<void>(setAside(file));
   Descriptor fd(::open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0640));
   if (fd.get() < 0) return {Outcome::kFailed, nullptr, systemError(file, "create", errno)};
 

@@ -9,10 +9,18 @@
 #include <string>
 #include <utility>
 
-#include "Memtab/Hash.h"
 #include "Memtab/Layout.h"
+#include "Mox/Hash.h"
 
 namespace Memtab {
+
+// The home of a hash among `homes` buckets, and the least hash whose home is `home` (< homes) or a later one.
+inline std::uint64_t homeOf(std::uint64_t hash, std::uint64_t homes) {
+  return static_cast<std::uint64_t>((static_cast<Mox::UInt128>(hash) * homes) >> 64);
+}
+inline std::uint64_t leastHashAt(std::uint64_t home, std::uint64_t homes) {
+  return static_cast<std::uint64_t>(((static_cast<Mox::UInt128>(home) << 64) + homes - 1) / homes);
+}
 
 // What a new segment is to be.
 struct SegmentPlan {
@@ -45,11 +53,12 @@ class Segment {
     std::string message;               // set if kDamaged or kFailed: file, field, value and what is allowed
   };
 
-  // Opens an existing segment. The file must be a regular one that belongs to this process's user or to root.
+  // Opens an existing segment. Damaged is also a file that is not a regular one, or belongs to another user
+  // than this process's or root: whoever owns it may change it.
   static Opened open(const std::string& file, const Shape& shape, Access access);
 
-  // Creates a segment under `file`, replacing a left-over of that name, empty and without memory for its
-  // slots: `allocate` before using them. kOpened or kFailed.
+  // Creates a segment under `file`, replacing whatever has that name, empty and without memory for its slots:
+  // `allocate` before using them. kOpened or kFailed.
   static Opened create(const std::string& file, const SegmentPlan& plan);
 
   ~Segment();
@@ -69,7 +78,7 @@ class Segment {
   std::uint64_t deleted() const { return loadWord(&header_->deleted, std::memory_order_relaxed); }
   std::uint32_t writerPid() const { return loadWord(&header_->writerPid, std::memory_order_relaxed); }
 
-  const HashSeed& seed() const { return seed_; }
+  const Mox::HashSeed& seed() const { return seed_; }
   std::uint64_t capacity() const { return capacity_; }
   std::uint64_t slots() const { return slots_; }
   // First slot of a hash's home bucket.
@@ -112,8 +121,7 @@ class Segment {
   Header* header() { return header_; }
 
   // Writer only: gives memory to the file up to slot `index` and everything before it, at least 256 KiB at a
-  // time, so that no store into the mapping can meet a full file system. False: the system has no memory
-  // left.
+  // time, so that no store into the mapping can meet a full file system. False: the system has none left.
   bool allocate(std::uint64_t index);
   // Writer only: whether everything before the slots has its memory.
   bool allocatedBeforeSlots() const;
@@ -135,7 +143,7 @@ class Segment {
   Header* header_;
   std::uint32_t* slotWords_;
   std::uint64_t* tagWords_;
-  HashSeed seed_;
+  Mox::HashSeed seed_;
   std::uint64_t homes_;
   std::uint64_t slots_;
   std::uint64_t capacity_;
@@ -153,8 +161,8 @@ class Segment {
 };
 
 template <class S>
-std::uint64_t hashOf(const S& shape, const std::uint32_t* key, const HashSeed& seed) {
-  return hashWords(key, shape.keyWords(), seed);
+std::uint64_t hashOf(const S& shape, const std::uint32_t* key, const Mox::HashSeed& seed) {
+  return Mox::hashWords(key, shape.keyWords(), seed);
 }
 
 // Whether the slot holds this key. Only for slots whose tag or state was seen to be other than 0 (with

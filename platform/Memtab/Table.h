@@ -11,6 +11,7 @@
 
 #include "Memtab/ChangeFeed.h"
 #include "Memtab/TableView.h"
+#include "Memtab/TypeTag.h"
 #include "Memtab/Watcher.h"
 #include "Memtab/Writer.h"
 
@@ -18,7 +19,12 @@
 //
 // Keys and values are compared, hashed and copied by their bytes. They are of fixed size, trivially copyable
 // and without padding or several representations of one value, so that equal bytes mean equal values. All
-// processes that use a table give it the same types; `typeTag` tells types of equal sizes apart.
+// processes that use a table give it the same types; a table of other types, also of equal size, is none of
+// theirs (Memtab/TypeTag.h).
+//
+// What is read is hostile until checked: other processes may have written any bytes. A bool among the fields
+// of a value (moxFields) is made true or false when it is read. Other types whose bytes may mean no value
+// have a check of their own (`sound`), for the reader to ask.
 namespace Memtab {
 
 template <class T>
@@ -34,17 +40,33 @@ WordsOf<T> toWords(const T& value) {
   return words;
 }
 
+// Any byte but 0 is true.
+template <class T>
+void settleBools(T& value) {
+  if constexpr (std::is_same_v<T, bool>) {
+    unsigned char byte;
+    std::memcpy(&byte, &value, 1);
+    value = byte != 0;
+  } else if constexpr (Mox::HasFields<T>) {
+    std::apply([&](const auto&... field) { (settleBools(value.*(field.member)), ...); }, T::moxFields());
+  }
+}
+
 template <Storable T>
 T fromWords(const std::uint32_t* words) {
   std::array<std::byte, sizeof(T)> bytes;
   std::memcpy(bytes.data(), words, sizeof(T));
-  return std::bit_cast<T>(bytes);
+  T value = std::bit_cast<T>(bytes);
+  settleBools(value);
+  return value;
 }
 
 template <Storable Key, Storable Value>
 requires(sizeof(Key) <= kMaxKeyBytes && sizeof(Value) <= kMaxValueBytes) struct TableTypes {
   using Static = StaticShape<sizeof(Key), sizeof(Value)>;
-  static constexpr Shape shape(std::uint64_t typeTag) { return {sizeof(Key), sizeof(Value), typeTag}; }
+  static constexpr Shape shape() {
+    return {sizeof(Key), sizeof(Value), kTypeTag<Key> ^ std::rotl(kTypeTag<Value>, 32)};
+  }
 };
 
 template <class Key, class Value>
@@ -52,9 +74,8 @@ class TableReader {
  public:
   using Types = TableTypes<Key, Value>;
 
-  TableReader(const Directory& directory, std::string_view table, Watcher* watcher = nullptr,
-              std::uint64_t typeTag = 0)
-      : view_(directory, table, Types::shape(typeTag), watcher) {}
+  TableReader(const Directory& directory, std::string_view table, Watcher* watcher = nullptr)
+      : view_(directory, table, Types::shape(), watcher) {}
 
   // The entry's value, or nothing. Throws CorruptionError, see TableView::lookup.
   std::optional<Value> lookup(const Key& key) {
@@ -116,9 +137,8 @@ class TableWriter {
 
   // Null if the table cannot be written; the report says why. See Writer::open.
   static std::unique_ptr<TableWriter> open(const Directory& directory, std::string_view table,
-                                           const WriterOptions& options, OpenReport& report,
-                                           std::uint64_t typeTag = 0) {
-    auto writer = Writer::open(directory, table, Types::shape(typeTag), options, report);
+                                           const WriterOptions& options, OpenReport& report) {
+    auto writer = Writer::open(directory, table, Types::shape(), options, report);
     if (!writer) return nullptr;
     return std::unique_ptr<TableWriter>(new TableWriter(std::move(writer)));
   }

@@ -23,7 +23,9 @@ std::string nameOf(const std::string& file) { return file.substr(file.rfind('/')
 }  // namespace
 
 Watcher::Watcher() : inotify_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-  if (inotify_ < 0) error_ = std::string("inotify: cannot watch tables: ") + std::strerror(errno);
+  if (inotify_ >= 0) return;
+  const int error = errno;
+  watching_ = Mox::Failure{std::string("inotify: cannot watch tables: ") + std::strerror(error), error};
 }
 
 Watcher::~Watcher() {
@@ -35,7 +37,8 @@ void Watcher::add(TableView& view) {
   if (folderWatch_ < 0) {
     const std::string folder = folderOf(view.file());
     folderWatch_ = inotify_add_watch(inotify_, folder.c_str(), kFolderEvents);
-    if (folderWatch_ < 0 && error_.empty()) error_ = folder + ": cannot watch: " + std::strerror(errno);
+    if (const int error = errno; folderWatch_ < 0 && watching_)
+      watching_ = Mox::Failure{folder + ": cannot watch: " + std::strerror(error), error};
   }
   watchBell(view);
   mark(view);

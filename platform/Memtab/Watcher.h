@@ -5,6 +5,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Mox/Result.h"
+
 namespace Memtab {
 
 class TableView;
@@ -24,10 +26,10 @@ class Watcher {
   Watcher(const Watcher&) = delete;
   Watcher& operator=(const Watcher&) = delete;
 
-  // The inotify descriptor; -1 if the system gave none, and then error() says why and only polling the views
-  // helps.
+  // Good while the system lets it watch; otherwise some or all news come only by polling the views.
+  const Mox::Result<>& watching() const { return watching_; }
+  // The inotify descriptor; -1 if the system gave none.
   int descriptor() const { return inotify_; }
-  const std::string& error() const { return error_; }
 
   // Reads all pending events and marks the views that they concern. Never blocks.
   void handleReadable();
@@ -48,7 +50,7 @@ class Watcher {
 
   int inotify_;
   int folderWatch_ = -1;
-  std::string error_;
+  Mox::Result<> watching_;
   std::unordered_map<TableView*, int> views_;  // with their bell's watch, -1 if there is no bell
   std::deque<TableView*> marked_;
 };

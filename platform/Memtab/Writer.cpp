@@ -96,7 +96,7 @@ bool Writer::get(const std::uint32_t* key, std::uint32_t* value) const {
 
 void Writer::changed(std::uint64_t index, const std::uint32_t* key, std::uint64_t hash) {
   if (growth_ && index < growth_->slot) {
-    if (const Moved moved = growthMirror(index, key, hash); moved != Moved::kYes) growthStuck(moved);
+    if (const Copied copied = growthCopy(index, key, hash); copied != Copied::kYes) growthStuck(copied);
   }
   append(key);
   growStep(kSlotsAWrite);

@@ -9,6 +9,7 @@
 #include "Memtab/Cursor.h"
 #include "Memtab/Directory.h"
 #include "Memtab/Segment.h"
+#include "Mox/Result.h"
 
 namespace Memtab {
 
@@ -18,8 +19,7 @@ struct WriterOptions {
   // Changes that a reader may fall behind before it must re-read the table; rounded up to a power of two.
   // 0: a thirty-second of the slots or a little less, within 1024 and 65536, and more as the table grows.
   std::uint32_t ringEntries = 0;
-  // Seed of the hash of a table that is started empty. 0: random, which is what keeps hosts from choosing
-  // collisions.
+  // Seed of the hash of a table that is started empty. 0: random, so that hosts cannot choose collisions.
   std::uint64_t hashSeed = 0;
 };
 
@@ -32,11 +32,14 @@ struct OpenReport {
     kReplacedDamaged,  // the table found was set aside as `setAside`, and an empty one started
   };
   Start start = Start::kRefused;
-  std::string message;   // set if kRefused or kReplacedDamaged
-  std::string setAside;  // full file name
-  std::uint64_t repaired =
-      0;  // entries that an earlier writer left half written: deleted and reported to readers
-  std::uint64_t reported = 0;  // changes of an earlier writer that it had not reported any more: reported now
+  // Why it was refused, or what was damaged or foreign and has been replaced; otherwise empty.
+  std::string message;
+  bool liveWriter = false;  // refused because another live writer has the table
+  std::string setAside;     // full file name
+  // Entries whose value an earlier writer left half written: they are deleted, and readers are told.
+  std::uint64_t repaired = 0;
+  // Changes that an earlier writer made and had not told readers of when it died: they are told now.
+  std::uint64_t reported = 0;
 };
 
 enum class Written {
@@ -54,8 +57,10 @@ enum class Written {
 // The writer's lock belongs to an open file, so a child process made by fork() without exec holds it as well.
 class Writer {
  public:
-  // Opens a table for writing: creates it, or takes over what an earlier writer left. Null if another live
-  // writer has it, or the system refuses; the report says so. Reads the whole of an existing table.
+  // Opens a table for writing: creates it, or takes over what an earlier writer left. What is no table of
+  // this shape, or belongs to another user than this process's or root, is set aside under another name, and
+  // of those the latest is kept. Null if another live writer has the table, or the system refuses; the report
+  // says so. Reads the whole of an existing table.
   static std::unique_ptr<Writer> open(const Directory& directory, std::string_view table, const Shape& shape,
                                       const WriterOptions& options, OpenReport& report);
   // Flushes and gives up the table, which stays.
@@ -76,13 +81,13 @@ class Writer {
     return visitSegment(*held, cursor, maxEntries, callback);
   }
 
-  // Wakes the readers if anything changed since the last time: one system call, or none. Meant for the end of
+  // Wakes the readers if anything changed since the last call: one system call, or none. Meant for the end of
   // a turn of the event loop.
   void flush();
 
-  // Reconciliation: from here on the writer says again what it knows, with put(); then `sweep` deletes what
-  // it did not say. Beginning again forgets what was said. A begun reconciliation that is never swept costs a
-  // bit a slot.
+  // Reconciliation, for a writer that took over a table and finds out anew what belongs into it: it begins,
+  // puts every entry that it knows of, and then calls `sweep` until all entries that it has not put are
+  // deleted. Beginning again forgets what was put. Until it is swept, a reconciliation costs a bit a slot.
   void reconcileBegin();
   // Deletes at most `maxEntries` of the entries not put since reconcileBegin(), looking at a bounded number
   // of slots; true if there is more to do. Entries put between two calls stay. Nothing to do unless a
@@ -90,8 +95,8 @@ class Writer {
   bool sweep(std::size_t maxEntries);
   bool reconciling() const { return reconciling_; }
 
-  // Moves a growing table along by about `maxSlots` slots, for idle time; every write does the same for a few
-  // slots. True if there is more to do.
+  // Copies about `maxSlots` slots of a growing table into its next segment; true if there is more to do.
+  // Every write does this for a few slots, so that nobody has to call it.
   bool growStep(std::size_t maxSlots);
   bool growing() const { return growth_ != nullptr; }
   // Why the table could last not grow; empty if it could.
@@ -107,47 +112,53 @@ class Writer {
   const Segment& segment() const { return *active_; }
 
  private:
-  // A table on its way into another segment. Slots below `slot` of the active segment are in `next` as well,
-  // and changes to them go to both. Ring positions go to both rings from the time it was ready; those before
-  // are copied up to `ringEnd`, and `ring` is the next of them.
+  // A growing table is copied into another segment, `next`, a few slots a write, while readers still use the
+  // active one. Three things happen one after the other: `next` gets memory for its ring and tags (`ready`);
+  // the old ring entries from `ring` up to `ringEnd` are copied; the slots are copied from 0 on. What changes
+  // meanwhile goes into both rings as soon as `next` is ready, and into both slots where the slot is below
+  // `slot`, that is, has been copied.
   struct Growth {
     std::shared_ptr<Segment> next;
-    bool ready = false;  // ring and tags have their memory
-    std::uint64_t slot = 0;
-    std::uint64_t ring = 0;
-    std::uint64_t ringEnd = 0;
-    std::uint64_t live = 0;
+    bool ready = false;
+    std::uint64_t ring = 0;     // ring position that is copied next
+    std::uint64_t ringEnd = 0;  // where the ring was when `next` became ready
+    std::uint64_t slot = 0;     // slot that is copied next
+    std::uint64_t live = 0;     // what the header of `next` will say
     std::uint64_t deleted = 0;
-    std::vector<std::uint64_t> marks;
+    std::vector<std::uint64_t> marks;  // as Writer::marks_
   };
 
   Writer(const Directory& directory, std::string_view table, const Shape& shape,
          const WriterOptions& options);
 
   static std::uint32_t ringEntriesFor(std::uint64_t capacity);
+  Mox::Result<> openBell(const std::string& bell);
   bool lock(OpenReport& report);
   bool start(OpenReport& report);
   bool startEmpty(OpenReport& report);
-  // Empty if the segment is sound and has been repaired and adopted.
-  std::string takeOver(std::shared_ptr<Segment> segment, OpenReport& report);
-  bool setAside(OpenReport& report);
+  // Good if the segment is sound; then it is repaired and the active one.
+  Mox::Result<> takeOver(std::shared_ptr<Segment> segment, OpenReport& report);
 
-  // What every change ends with: reports it, keeps a growing table's other segment in step, and moves growth
-  // along.
+  // What every change ends with: it is reported, and goes into a growing table's next segment as well.
   void changed(std::uint64_t index, const std::uint32_t* key, std::uint64_t hash);
   void append(const std::uint32_t* key);
   void deleteSlot(std::uint64_t index);
   void mark(std::uint64_t index);
   bool hasRoom() const;
 
-  enum class Moved { kYes, kNoPlace, kNoMemory };
+  // Begins to grow into a segment of at least `capacity`, and of the size that the entries call for. After
+  // the system has refused memory, only once the file system has room for it.
   void growthBegin(std::uint64_t capacity);
   void growthReady();
+  // Gives the next segment up; with a reason when the system refused something.
   void growthAbort(const std::string& why);
+  // Copies ring entries and slots, `units` of them.
   void growthMove(std::size_t units);
-  Moved growthMirror(std::uint64_t from, const std::uint32_t* key, std::uint64_t hash);
-  void growthStuck(Moved why);
+  enum class Copied { kYes, kNoPlace, kNoMemory };
+  Copied growthCopy(std::uint64_t from, const std::uint32_t* key, std::uint64_t hash);
+  void growthStuck(Copied why);
   void growthFinish();
+  // Grows to the end, for a table that has no time left; false if it could not.
   bool growNow();
 
   std::string table_;
@@ -160,12 +171,12 @@ class Writer {
   std::unique_ptr<Growth> growth_;
   std::vector<std::shared_ptr<Segment>> releasing_;
   std::string growthError_;
-  std::uint32_t growthPause_ = 0;  // attempts to grow that are not made, after one that the system refused
-  std::uint64_t rungAt_ = 0;
+  std::uint64_t growthBytes_ = 0;  // what the system last refused to give a next segment; 0: it gave it
+  std::uint64_t rungAt_ = 0;       // the head when readers were last woken
   bool removed_ = false;
 
   bool reconciling_ = false;
-  std::vector<std::uint64_t> marks_;
+  std::vector<std::uint64_t> marks_;  // a bit a slot of the active segment: put since reconcileBegin()
   std::uint64_t sweepSlot_ = 0;
 };
 

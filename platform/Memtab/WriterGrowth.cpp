@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,7 +20,13 @@ namespace Memtab {
 namespace {
 
 constexpr std::size_t kAllocationUnits = 64;  // what giving memory to a piece of a file counts as, in slots
-constexpr std::uint32_t kAttemptsToSkip = 1024;  // growing again, after the system refused
+
+// What the file system of this file still has; everything when it does not say.
+std::uint64_t freeBytes(int fd) {
+  struct statvfs status {};
+  if (fstatvfs(fd, &status) != 0) return UINT64_MAX;
+  return std::uint64_t{status.f_bavail} * status.f_frsize;
+}
 
 }  // namespace
 
@@ -28,14 +35,12 @@ std::uint32_t Writer::ringEntriesFor(std::uint64_t capacity) {
 }
 
 void Writer::growthBegin(std::uint64_t capacity) {
-  if (growthPause_ != 0) {
-    --growthPause_;
-    return;
-  }
+  if (growthBytes_ != 0 && freeBytes(bell_) < growthBytes_) return;
   const Header& old = active_->fixed();
   SegmentPlan plan;
   plan.shape = shape_;
-  // Eight fifteenths full when the move begins: as much as half again if no slot was lost to deleted entries.
+  // The entries will fill eight fifteenths of it. So a table that is four fifths full of entries becomes half
+  // as large again; one that is mostly full of deleted ones keeps its size, or shrinks.
   plan.capacity = std::max({capacity, options_.capacity, active_->live() * 15 / 8 + 1});
   if (plan.capacity > kMaxCapacity) {
     growthError_ = file_ + ": has reached the largest capacity, " + std::to_string(kMaxCapacity);
@@ -53,16 +58,14 @@ void Writer::growthBegin(std::uint64_t capacity) {
   growth_->next = std::move(opened.segment);
   if (!growth_->next) return growthAbort(opened.message);
   if (reconciling_) growth_->marks.assign(growth_->next->slots() / 64 + 1, 0);
-  growthError_.clear();
 }
 
-// With a reason: the system refused, so that trying again has to wait.
 void Writer::growthAbort(const std::string& why) {
   unlink(Directory::nextFile(file_).c_str());
-  growth_.reset();
+  const std::unique_ptr<Growth> given = std::move(growth_);
   if (why.empty()) return;
   growthError_ = why;
-  growthPause_ = kAttemptsToSkip;
+  growthBytes_ = given->next ? given->next->bytes() : 0;
 }
 
 // From here on changes go to both rings.
@@ -76,20 +79,20 @@ void Writer::growthReady() {
 }
 
 // Gives up a next segment that cannot take an entry: a larger one may, or there is no memory at all.
-void Writer::growthStuck(Moved why) {
+void Writer::growthStuck(Copied why) {
   const std::uint64_t larger = growth_->next->capacity() + growth_->next->capacity() / 2;
-  if (why == Moved::kNoMemory) return growthAbort(file_ + ": cannot grow: " + std::strerror(errno));
+  if (why == Copied::kNoMemory) return growthAbort(file_ + ": cannot grow: " + std::strerror(errno));
   growthAbort({});
   growthBegin(larger);
 }
 
 // Brings a slot of the active segment that has moved, or is moving, up to date in the next one.
-Writer::Moved Writer::growthMirror(std::uint64_t from, const std::uint32_t* key, std::uint64_t hash) {
+Writer::Copied Writer::growthCopy(std::uint64_t from, const std::uint32_t* key, std::uint64_t hash) {
   Segment& next = *growth_->next;
   const std::uint32_t* const slot = active_->slot(from);
-  if (!next.allocate(next.home(hash))) return Moved::kNoMemory;
+  if (!next.allocate(next.home(hash))) return Copied::kNoMemory;
   const Probe at = probe(next, shape_, key, hash);
-  if (!at.slot) return Moved::kNoPlace;
+  if (!at.slot) return Copied::kNoPlace;
   growth_->live += isLive(*slot) ? 1 : 0;
   growth_->live -= at.found && isLive(at.state) ? 1 : 0;
   growth_->deleted += isLive(*slot) ? 0 : 1;
@@ -101,7 +104,7 @@ Writer::Moved Writer::growthMirror(std::uint64_t from, const std::uint32_t* key,
     const bool marked = (marks_[from / 64] >> (from % 64) & 1) != 0;
     growth_->marks[at.index / 64] = (growth_->marks[at.index / 64] & ~bit) | (marked ? bit : 0);
   }
-  return Moved::kYes;
+  return Copied::kYes;
 }
 
 void Writer::growthMove(std::size_t units) {
@@ -123,8 +126,8 @@ void Writer::growthMove(std::size_t units) {
     } else if (growth.slot < active_->slots()) {
       if (const std::uint32_t* const slot = active_->slot(growth.slot); isLive(*slot)) {
         const std::uint64_t hash = hashOf(shape_, slot + 1, active_->seed());
-        if (const Moved moved = growthMirror(growth.slot, slot + 1, hash); moved != Moved::kYes)
-          return growthStuck(moved);
+        if (const Copied copied = growthCopy(growth.slot, slot + 1, hash); copied != Copied::kYes)
+          return growthStuck(copied);
       }
       ++growth.slot;
     } else {
@@ -153,6 +156,8 @@ void Writer::growthFinish() {
     return growthAbort(file_ + ": cannot be replaced: " + std::strerror(error));
   }
   next.fileIs(file_);
+  growthError_.clear();
+  growthBytes_ = 0;
   releasing_.push_back(std::exchange(active_, growth->next));
   marks_ = std::move(growth->marks);
   if (reconciling_) sweepSlot_ = 0;

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/file.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -21,19 +20,6 @@ namespace {
 
 constexpr std::uint64_t kLeastCapacity = 16;
 constexpr int kLockTries = 8;
-
-std::uint64_t randomWord() {
-  std::uint64_t word = 0;
-  if (getrandom(&word, sizeof(word), GRND_NONBLOCK) != ssize_t{sizeof(word)}) {
-    // Before the kernel has gathered entropy, at boot: different from run to run is all that an epoch needs.
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    word =
-        foldMultiply(static_cast<std::uint64_t>(now.tv_nsec) << 20 ^ static_cast<std::uint64_t>(now.tv_sec),
-                     0x9e3779b97f4a7c15ULL ^ static_cast<std::uint64_t>(getpid()));
-  }
-  return word == 0 ? 1 : word;
-}
 
 bool isStillNamed(int fd, const std::string& file) {
   struct stat open {};
@@ -73,19 +59,43 @@ std::unique_ptr<Writer> Writer::open(const Directory& directory, std::string_vie
   return writer;
 }
 
+// Good if it is a regular file of this process's user or of root: only those can lock it.
+Mox::Result<> Writer::openBell(const std::string& bell) {
+  constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+  // Not O_CREAT at once: with it the kernel may refuse what another user has made in a shared folder.
+  bell_ = ::open(bell.c_str(), kFlags);
+  if (bell_ < 0 && errno == ENOENT) bell_ = ::open(bell.c_str(), kFlags | O_CREAT | O_EXCL, 0640);
+  if (bell_ < 0) {
+    const int error = errno;
+    return Mox::Failure{bell + ": cannot open: " + std::strerror(error), error};
+  }
+  struct stat status {};
+  if (fstat(bell_, &status) == 0 && S_ISREG(status.st_mode) &&
+      (status.st_uid == 0 || status.st_uid == geteuid())) {
+    return {};
+  }
+  close(std::exchange(bell_, -1));
+  return Mox::Failure{bell + ": is not a regular file of user " + std::to_string(geteuid())};
+}
+
 bool Writer::lock(OpenReport& report) {
   const std::string bell = Directory::bellFile(file_);
   for (int tries = 0; tries < kLockTries; ++tries) {
-    bell_ = ::open(bell.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0640);
-    if (bell_ < 0) {
-      report.message = bell + ": cannot open: " + std::strerror(errno);
-      return false;
+    if (const auto opened = openBell(bell); !opened) {
+      if (opened.number() == EEXIST) continue;  // another writer made it just now
+      report.message = opened.error();
+      constexpr std::array kForeign = {0, EACCES, EISDIR, ELOOP, ENXIO};
+      if (std::find(kForeign.begin(), kForeign.end(), opened.number()) == kForeign.end()) return false;
+      const auto aside = setAside(bell);
+      report.message += "; " + (aside ? "set aside as " + *aside : aside.error());
+      if (!aside && aside.number() != ENOENT) return false;
+      continue;
     }
     if (flock(bell_, LOCK_EX | LOCK_NB) != 0) {
-      report.message = bell + ": cannot lock: ";
       if (errno != EWOULDBLOCK) {
-        report.message += std::strerror(errno);
+        report.message = bell + ": cannot lock: " + std::strerror(errno);
       } else {
+        report.liveWriter = true;
         const auto other = Segment::open(file_, shape_, Segment::Access::kRead).segment;
         report.message = file_ + ": has a live writer already" +
                          (other ? ", process " + std::to_string(other->writerPid()) : std::string());
@@ -101,44 +111,42 @@ bool Writer::lock(OpenReport& report) {
     if (isStillNamed(bell_, bell)) return true;
     close(std::exchange(bell_, -1));
   }
-  report.message = bell + ": keeps being removed by another process";
+  report.message = bell + ": keeps being replaced by another process";
   return false;
 }
 
 bool Writer::start(OpenReport& report) {
-  unlink(Directory::nextFile(file_).c_str());
   Segment::Opened opened = Segment::open(file_, shape_, Segment::Access::kWrite);
-  std::string problem = std::move(opened.message);
+  Mox::Result<> sound;
   switch (opened.outcome) {
     case Segment::Outcome::kAbsent:
       report.start = OpenReport::Start::kCreated;
       return startEmpty(report);
     case Segment::Outcome::kFailed:
-      report.message = std::move(problem);
+      report.message = std::move(opened.message);
       return false;
     case Segment::Outcome::kOpened:
-      problem = takeOver(std::move(opened.segment), report);
+      sound = takeOver(std::move(opened.segment), report);
       break;
     case Segment::Outcome::kDamaged:
+      sound = Mox::Failure{std::move(opened.message)};
       break;
   }
-  if (problem.empty()) {
+  if (sound) {
+    unlink(Directory::nextFile(file_).c_str());
     report.start = OpenReport::Start::kTakenOver;
     return true;
   }
-  report.message = std::move(problem);
-  if (!setAside(report) || !startEmpty(report)) return false;
-  report.start = OpenReport::Start::kReplacedDamaged;
-  return true;
-}
-
-bool Writer::setAside(OpenReport& report) {
   retireSegmentFile(file_);
-  report.setAside = file_ + ".damaged-" + std::to_string(getpid()) + '-' +
-                    std::to_string(static_cast<std::uint64_t>(time(nullptr)));
-  if (rename(file_.c_str(), report.setAside.c_str()) == 0) return true;
-  report.message += "; and it cannot be set aside as " + report.setAside + ": " + std::strerror(errno);
-  return false;
+  report.message += (report.message.empty() ? "" : "; ") + sound.error();
+  const auto aside = setAside(file_);
+  if (!aside) {
+    report.message += "; " + aside.error();
+    return false;
+  }
+  report.setAside = *aside;
+  report.start = OpenReport::Start::kReplacedDamaged;
+  return startEmpty(report);
 }
 
 bool Writer::startEmpty(OpenReport& report) {
@@ -146,8 +154,8 @@ bool Writer::startEmpty(OpenReport& report) {
   plan.shape = shape_;
   plan.capacity = options_.capacity;
   plan.ringEntries = options_.ringEntries != 0 ? options_.ringEntries : ringEntriesFor(plan.capacity);
-  plan.hashSeed = options_.hashSeed != 0 ? options_.hashSeed : randomWord();
-  plan.epoch = randomWord();
+  plan.hashSeed = options_.hashSeed != 0 ? options_.hashSeed : Mox::randomWord();
+  plan.epoch = Mox::randomWord();
   Segment::Opened opened = Segment::create(Directory::nextFile(file_), plan);
   const bool room = opened.segment && opened.segment->allocate(opened.segment->slots());
   if (room && rename(opened.segment->file().c_str(), file_.c_str()) == 0) {
@@ -161,14 +169,14 @@ bool Writer::startEmpty(OpenReport& report) {
   return false;
 }
 
-std::string Writer::takeOver(std::shared_ptr<Segment> segment, OpenReport& report) {
+Mox::Result<> Writer::takeOver(std::shared_ptr<Segment> segment, OpenReport& report) {
   const std::uint64_t head = segment->head();
   std::uint64_t live = 0, deleted = 0;
   std::vector<std::uint64_t> halfWritten, unreported;
   for (std::uint64_t index = 0; index < segment->slots(); ++index) {
     const std::uint32_t* const slot = segment->slot(index);
     const auto problem = [&](const char* what) {
-      return file_ + ": slot " + std::to_string(index) + ' ' + what;
+      return Mox::Failure{file_ + ": slot " + std::to_string(index) + ' ' + what};
     };
     if (*slot == 0) {
       if (segment->tag(index) != 0) return problem("is free but has a tag");
@@ -193,7 +201,7 @@ std::string Writer::takeOver(std::shared_ptr<Segment> segment, OpenReport& repor
       unreported.push_back(index);
     }
   }
-  if (live + deleted >= segment->slots()) return file_ + ": has no free slot";
+  if (live + deleted >= segment->slots()) return Mox::Failure{file_ + ": has no free slot"};
 
   active_ = std::move(segment);
   rungAt_ = head;

@@ -425,7 +425,11 @@ TEST_F(Discovery, storm_of_senders_leaves_no_memory_behind) {
     for (const bool there : {true, false}) {
       for (const auto& station : stations) {
         const Bridging::HostKey key{station.vlanId.value(), station.macAddress};
-        there ? fdb().fdbIs(key, {Type::learnedDynamic, intf("Ethernet1")}) : void(fdb().fdbDel(key));
+        if (there) {
+          fdb().fdbIs(key, {Type::learnedDynamic, intf("Ethernet1")});
+        } else {
+          fdb().fdbDel(key);
+        }
       }
       rig.settle();
     }

@@ -29,7 +29,8 @@ class Reactor {
   explicit Reactor(const char* alsoAwaited = nullptr) {
     group = rig.tables().mountGroup();
     for (const char* path : {kPath, alsoAwaited}) {
-      if (path) group->mountIs(path, kType, Memtab::MountDescriptor::reader());
+      if (!path) continue;
+      EXPECT_TRUE(group->mountIs(path, kType, Memtab::MountDescriptor::reader()));
     }
     group->close();
     table_ = rig.table<RemoteBindingConfig>(kPath);

@@ -115,7 +115,8 @@ Rig::Rig(std::unique_ptr<Statedb::Store> store, const Orb::Clock* given)
            {"arp/status", "Arp::Table::Status"},
            {"bridging/status", "Memtab::Bridging::Status"},
            {"arpSuppression/remoteBindingConfig/evpn", "ArpSuppression::RemoteBindingConfig"}}) {
-    tables_->mount(path, type, Memtab::MountDescriptor::writer());
+    const Memtab::Mounted mounted = tables_->mount(path, type, Memtab::MountDescriptor::writer());
+    if (!mounted) throw Mox::Error(mounted.error());
   }
   state<Bridging::Config>("bridging/config")->bridgeMacAddrIs(mac("02:00:00:00:be:ef"));
   evpn()->mplsConfiguredIs(true);

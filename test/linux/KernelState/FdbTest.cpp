@@ -65,7 +65,7 @@ TEST_F(FdbTest, EntriesOfTheKernelBecomeEntries) {
 TEST_F(FdbTest, MovesArriveInOrderAndTheTableIsReadOnce) {
   kernel.in().addMac("vlan10", kHost, {"Ethernet1"});
   starts();
-  const auto fdb = Mox::dynamicPtrCast<Memtab::Bridging::Status>(rig->sharedMemory()->mount(
+  const auto fdb = Mox::dynamicPtrCast<Memtab::Bridging::Status>(*rig->sharedMemory()->mount(
       "bridging/status", "Memtab::Bridging::Status", Memtab::MountDescriptor::reader()));
   const auto entry = [&](const char* rest) { return std::string("10 ") + kHost + " " + rest; };
   EXPECT_THAT(rig->macs(), ElementsAre(entry("learnedDynamic Ethernet1")));

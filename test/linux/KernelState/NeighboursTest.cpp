@@ -249,7 +249,7 @@ TEST_F(NeighboursTest, EntriesOfAnEarlierRunAreTakenOver) {
   red.addNeighbour("vlan10", "10.0.0.3");
 
   const auto arp = Mox::dynamicPtrCast<Arp::Table::Status>(
-      rig->sharedMemory()->mount("arp/status", "Arp::Table::Status", Memtab::MountDescriptor::reader()));
+      *rig->sharedMemory()->mount("arp/status", "Arp::Table::Status", Memtab::MountDescriptor::reader()));
   std::vector<std::string> changes;
   Mox::Notifiee<Arp::Table::Status> watch(arp);
   watch.on(Arp::Table::Status::arpEntryChanged, [&](const Arp::Table::ArpKey& key) {

@@ -1,7 +1,11 @@
 #include "Memtab/Entity.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -43,7 +47,9 @@ class Process {
     manager->registerType<Ports>("Hosts");
   }
   Mox::Ptr<Ports> mount(const MountDescriptor& descriptor, const std::string& path = kPath) {
-    return Mox::dynamicPtrCast<Ports>(manager->mount(path, "Ports", descriptor));
+    const Memtab::Mounted mounted = manager->mount(path, "Ports", descriptor);
+    if (!mounted) reports.push_back(mounted.error());
+    return mounted ? Mox::dynamicPtrCast<Ports>(*mounted) : nullptr;
   }
   Mox::Ptr<Ports> reader() { return mount(MountDescriptor::reader()); }
   Mox::Ptr<Ports> writer() { return mount(MountDescriptor::writer({{"port", 64}})); }
@@ -205,7 +211,7 @@ TEST_F(MemtabEntity, group_is_ready_while_its_tables_exist) {
     heard_.push_back(ready ? "ready" : "not ready");
     for (int i = 0; i < 20; ++i) us_.manager->mountGroup()->close();  // groups may be made from here
   });
-  const auto reader = Mox::dynamicPtrCast<Ports>(group->mountIs(kPath, "Ports", MountDescriptor::reader()));
+  const auto reader = Mox::dynamicPtrCast<Ports>(*group->mountIs(kPath, "Ports", MountDescriptor::reader()));
   ASSERT_TRUE(reader);
   const auto watching = watch(reader);
   EXPECT_FALSE(reader->portEntry(1));
@@ -246,12 +252,12 @@ TEST_F(MemtabEntity, group_with_a_mount_that_failed_never_gets_ready) {
   EXPECT_FALSE(group->mountIs(kPath, "Ports", MountDescriptor::reader()));
 }
 
-TEST_F(MemtabEntity, mounts_that_cannot_be_are_refused_with_a_report) {
-  EXPECT_FALSE(us_.manager->mount(kPath, "Unheard", MountDescriptor::reader()));
+TEST_F(MemtabEntity, mounts_that_cannot_be_are_refused_with_a_reason) {
+  EXPECT_EQ(us_.manager->mount(kPath, "Unheard", MountDescriptor::reader()).error(),
+            "bridging/ports: unknown shared-memory type Unheard");
   ASSERT_TRUE(us_.writer());
-  EXPECT_FALSE(us_.manager->mount(kPath, "Hosts", MountDescriptor::reader()));
-  EXPECT_THAT(us_.reports, ElementsAre("bridging/ports: unknown shared-memory type Unheard",
-                                       "bridging/ports: is a Ports, not a Hosts"));
+  EXPECT_EQ(us_.manager->mount(kPath, "Hosts", MountDescriptor::reader()).error(),
+            "bridging/ports: is a Ports, not a Hosts");
   EXPECT_EQ(us_.manager->typeName(kPath), "Ports");
   EXPECT_THAT(us_.manager->paths(), ElementsAre(kPath));
   EXPECT_FALSE(them_.writer());  // the live writer is another
@@ -301,6 +307,74 @@ TEST_F(MemtabEntity, many_changes_are_told_in_slices_and_other_work_goes_on_betw
     ASSERT_LT(++turns, 1000u);
   }
   EXPECT_EQ(told, kKeys);
+}
+
+TEST_F(MemtabEntity, table_that_changes_all_the_time_holds_up_no_other) {
+  const auto ports = us_.reader();
+  Watch rewriting(ports);
+  us_.writer();
+  rewriting.on(Ports::portChanged, [&](std::uint32_t key) { ports->portIs(key, ports->port(key) + 1); });
+  const auto others = us_.mount(MountDescriptor::reader(), "other/ports");
+  const auto watchingOthers = watch(others);
+  const auto otherWriter = them_.mount(MountDescriptor::writer(), "other/ports");
+  both();
+  us_.root->mustYieldForTestIs([] { return true; });
+  us_.inTurn([&] { ports->portIs(1, 1); });
+  for (int turn = 0; turn < 5; ++turn) us_.loop.step();
+  them_.inTurn([&] { otherWriter->portIs(7777, 7); });
+  for (int turn = 0; turn < 5; ++turn) us_.loop.step();
+  EXPECT_GT(ports->port(1), 100u) << "it was meant to change all the time";
+  EXPECT_THAT(taken(), ElementsAre("7777=7"));
+}
+
+// In a shared-memory file system of its own, of 2 MiB.
+class FullMemtabEntity : public MemtabEntity {
+ protected:
+  void SetUp() override {
+    if (unshare(CLONE_NEWNS) != 0 || mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=2m") != 0) {
+      GTEST_SKIP() << "needs root, to mount";
+    }
+    mounted_ = true;
+  }
+  ~FullMemtabEntity() override {
+    if (mounted_) umount2("/dev/shm", MNT_DETACH);
+  }
+
+ private:
+  bool mounted_ = false;
+};
+
+TEST_F(FullMemtabEntity, is_reported_once_and_takes_entries_again_as_soon_as_there_is_room) {
+  const auto writer = them_.writer();
+  const auto reader = us_.reader();
+  writer->corruptionHandlerIs([](const std::string& message) { ADD_FAILURE() << message; });
+  // All the memory but what `free` bytes take; 0 gives it back.
+  const auto fill = [](std::size_t free) {
+    const int fd = open("/dev/shm/filler", O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    struct statvfs status {};
+    fstatvfs(fd, &status);
+    EXPECT_EQ(free == 0 ? unlink("/dev/shm/filler")
+                        : fallocate(fd, 0, 0, static_cast<off_t>(status.f_bavail * status.f_bsize - free)),
+              0);
+    close(fd);
+  };
+  std::uint32_t in = 0;
+  for (int round = 0; round < 2; ++round) {
+    fill(8192);
+    while (writer->portIs(in, 1) != Memtab::Written::kFull) ASSERT_LT(++in, 100000u);
+    EXPECT_EQ(writer->ports(), in) << "the count of what is in";
+    for (int again = 0; again < 3; ++again) EXPECT_EQ(writer->portIs(in + 1, 1), Memtab::Written::kFull);
+    EXPECT_EQ(writer->portIs(0, static_cast<std::uint32_t>(round) + 2), Memtab::Written::kChanged);
+    EXPECT_THAT(std::exchange(them_.reports, {}),
+                ElementsAre(::testing::AllOf(HasSubstr("bridging/ports: "), HasSubstr("No space left"))));
+    fill(0);
+    EXPECT_EQ(writer->portIs(in, 1), Memtab::Written::kChanged);
+    ++in;
+    EXPECT_THAT(std::exchange(them_.reports, {}), ElementsAre("bridging/ports: takes entries again"));
+  }
+  EXPECT_EQ(reader->ports(), in);
+  EXPECT_EQ(reader->port(in - 1), 1u);
 }
 
 TEST_F(MemtabEntity, watcher_that_raises_an_error_loses_nothing_but_its_own_key) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -290,17 +291,53 @@ TEST_F(RecoveryTest, DamagedFilesAreRefusedAndSetAside) {
   }
 }
 
-TEST_F(RecoveryTest, ALinkOrAFolderIsNoTable) {
+// What any local user can put under a table's names before it is there, a lock on it included.
+TEST_F(RecoveryTest, ForeignFilesAreReplaced) {
+  using Make = void (*)(const std::string& name);
+  const Make locked = [](const std::string& name) {
+    const int fd = ::open(name.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0666);  // open until the test ends
+    EXPECT_TRUE(fchown(fd, 65534, 65534) == 0 && flock(fd, LOCK_EX) == 0) << "this test needs root";
+  };
+  const Make link = [](const std::string& name) { EXPECT_EQ(symlink("/dev/null", name.c_str()), 0); };
+  const Make pipe = [](const std::string& name) { EXPECT_EQ(mkfifo(name.c_str(), 0666), 0); };
+  const Make folder = [](const std::string& name) { EXPECT_EQ(mkdir(name.c_str(), 0777), 0); };
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, to make files of another user";
   const std::string name = directory.segmentFile(kTable);
-  ASSERT_EQ(symlink("/dev/null", name.c_str()), 0);
-  Reader reader(directory, kTable);
-  EXPECT_THAT(reader.view().problem(), HasSubstr("symbolic link"));
-  auto writer = open();
-  EXPECT_EQ(report.start, OpenReport::Start::kReplacedDamaged);
-  put(*writer, 0, 1);
-  reader.view().refresh();
-  EXPECT_EQ(reader.size(), 1U);
+  const std::string files[] = {name, Directory::bellFile(name), Directory::nextFile(name)};
+  for (const Make make : {locked, link, pipe, folder}) {
+    for (const std::string& file : files) {
+      SCOPED_TRACE(file);
+      make(file);
+      Reader reader(directory, kTable);
+      EXPECT_EQ(reader.view().problem().empty(), file != name) << "a reader believes it";
+      auto writer = open({.capacity = 16});
+      ASSERT_TRUE(writer);
+      EXPECT_EQ(report.start == OpenReport::Start::kReplacedDamaged, file == name);
+      if (file != Directory::nextFile(name)) {
+        EXPECT_THAT(report.message, HasSubstr(file));
+      }
+      put(*writer, 0, 1000);  // moves to another segment several times
+      EXPECT_FALSE(Writer::open(directory, kTable, {}, report)) << "and its lock holds";
+      reader.view().refresh();
+      EXPECT_EQ(entries(reader).size(), 1000U);
+      writer->core().remove();
+    }
+  }
 }
+
+// Set aside in memory that others need too.
+TEST_F(RecoveryTest, OfWhatWasSetAsideTheLatestIsKept) {
+  const std::string name = directory.segmentFile(kTable);
+  const std::string before = name + ".damaged-1-1";
+  ASSERT_EQ(symlink("/dev/null", before.c_str()), 0);
+  const std::string other = directory.segmentFile("other") + ".damaged-1-1";
+  ASSERT_EQ(symlink("/dev/null", other.c_str()), 0);
+  open()->core();
+  { File(name).header().magic = 1; }
+  open()->core();
+  EXPECT_EQ(directory.damaged(), (std::vector{report.setAside, other}));
+}
+
 // Writes for ever, checksummed values, so fast that the table moves again and again.
 void writeForEver(const Directory& directory, const char* table, std::uint32_t keys, unsigned seed) {
   OpenReport report;

@@ -42,6 +42,59 @@ TEST_F(TableTest, SizesThatAreNoMultipleOfAWord) {
   fillAndCompare<64, 256>(directory);
 }
 
+struct Plain {
+  std::uint16_t port;
+  std::uint8_t kind;
+  bool up;
+  static constexpr auto moxFields() {
+    return std::tuple(Mox::Field("port", &Plain::port), Mox::Field("kind", &Plain::kind),
+                      Mox::Field("up", &Plain::up));
+  }
+  bool operator==(const Plain&) const = default;
+};
+struct Renamed {
+  std::uint16_t port;
+  std::uint8_t kind;
+  bool down;
+  static constexpr auto moxFields() {
+    return std::tuple(Mox::Field("port", &Renamed::port), Mox::Field("kind", &Renamed::kind),
+                      Mox::Field("down", &Renamed::down));
+  }
+};
+struct Nested {
+  Plain inner;
+  static constexpr auto moxFields() { return std::tuple(Mox::Field("inner", &Nested::inner)); }
+};
+struct NestedRenamed {
+  Renamed inner;
+  static constexpr auto moxFields() { return std::tuple(Mox::Field("inner", &NestedRenamed::inner)); }
+};
+struct Opaque {
+  std::uint32_t bits;
+};
+
+TEST_F(TableTest, TypesOfOneSizeAreToldApart) {
+  const std::set<std::uint64_t> tags{kTypeTag<Plain>,  kTypeTag<Renamed>,       kTypeTag<Nested>,
+                                     kTypeTag<Opaque>, kTypeTag<NestedRenamed>, kTypeTag<std::uint32_t>,
+                                     kTypeTag<float>};
+  EXPECT_EQ(tags.size(), 7U);
+  { TableWriter<std::uint32_t, Plain>::open(directory, kTable, {}, report)->entryIs(1, {7, 1, true}); }
+  EXPECT_EQ((TableReader<std::uint32_t, Plain>(directory, kTable).lookup(1)), (Plain{7, 1, true}));
+  TableReader<std::uint32_t, Renamed> changed(directory, kTable);
+  EXPECT_THAT(changed.view().problem(), testing::HasSubstr("type tag"));
+  EXPECT_FALSE((TableReader<Opaque, Plain>(directory, kTable).view().attached()));
+}
+
+// Whatever bytes another process wrote.
+TEST_F(TableTest, ABoolIsTrueOrFalse) {
+  for (const std::uint32_t byte : {0U, 1U, 2U, 255U}) {
+    const std::uint32_t word = byte << 24;
+    const auto value = fromWords<Nested>(&word);
+    EXPECT_EQ(toWords(value)[0], byte == 0 ? 0U : 1U << 24);
+    EXPECT_EQ(value.inner.up, byte != 0);
+  }
+}
+
 TEST_F(TableTest, NamesAreKeptApart) {
   const Directory inner(directory.prefix() + "-x");
   for (const char* const bad : {"", "/", "a.bell", "a.next", "a.damaged-1-2"}) {
@@ -209,13 +262,13 @@ TEST_F(TableTest, HashesOfRealisticKeysSpread) {
   };
   std::mt19937_64 random(1);
   for (int round = 0; round < 20; ++round) {
-    const HashSeed seed(random());
+    const Mox::HashSeed seed(random());
     for (const Case& test : cases) {
       std::vector<std::uint32_t> homes(kHomes);
       for (std::uint32_t i = 0; i < kKeys; ++i) {
         std::uint32_t key[5] = {};
         test.fill(key, i);
-        ++homes[homeOf(hashWords(key, test.words, seed), kHomes)];
+        ++homes[homeOf(Mox::hashWords(key, test.words, seed), kHomes)];
       }
       std::uint64_t displaced = 0, carried = 0;
       for (const std::uint32_t count : homes) {
@@ -232,7 +285,7 @@ std::vector<Key> crowdedKeys(std::uint64_t seed, std::size_t count) {
   std::vector<Key> keys;
   for (std::uint32_t i = 0; keys.size() < count; ++i) {
     const Key key = keyOf(i);
-    if (hashWords(toWords(key).data(), 5, HashSeed(seed)) >> 54 == 0x3ff) keys.push_back(key);
+    if (Mox::hashWords(toWords(key).data(), 5, Mox::HashSeed(seed)) >> 54 == 0x3ff) keys.push_back(key);
   }
   return keys;
 }
