@@ -460,12 +460,20 @@ TEST(Request, sockets_that_cannot_be_opened_at_start_leave_records_and_replies_a
   EXPECT_THAT(rig.replies(), SizeIs(1));
   rig.sockets.fails(Call::bind, ENODEV);
   rig.device("default", "arpinject", 60);
+  rig.state<Routing::Fhrp::VirtualRouterMacStatus>("routing/fhrp/vrMacStatus")
+      ->vgwVirtualMacIs(mac(kVirtualMac));
+  rig.netlinkSockets.refusesWith(EMFILE);
+  rig.evpn()->vlanToDot1qIs(Vlan(20), 20);
+  rig.vrf("blue", 6);
+  rig.vlanInterface(20, "blue", 9);
   rig.settle();
   for (const char* record :
        {"replies cannot be sent what=RawTxPam: packet socket: Operation not permitted",
         "socket creation failed intfId=arpinject errno=Operation not permitted",
         "replies cannot be sent what=RawTxPam: packet socket: Too many open files",
         "bind failed intfId=arpinject errno=No such device",
+        "listening refused what=vlan10 in network namespace red: no such device: ",
+        "no netlink socket vrfName=blue netNs=blue errno=",
         "add ipToMac vrfIpAddress=<red;10.0.0.99;> > newVlanIdMacAddress=<10;02:00:00:00:00:63> create=yes"
         " activeLocalChanged=no"}) {
     EXPECT_NE(latestRecord(record), "") << record;
