@@ -117,7 +117,7 @@ class AgentBase : public Mox::Entity {
 
 // The entry of a plug-in library: one C function that the host finds by name. `factory` takes the agent's
 // name and returns a counted pointer to it.
-#define PLUGIN_AGENT(factory)                                                                            \
+#define PLUGIN_AGENT(factory)                                                                                \
   extern "C" __attribute__((visibility("default"))) ::Plugin::AgentBase* pluginAgentMake(const char* name) { \
-    return factory(name).release();                                                                    \
+    return factory(name).release();                                                                          \
   }
