@@ -65,9 +65,11 @@ void TaskSchedulerRoot::run(Task* task) {
 }
 
 std::string TaskSchedulerRoot::debugText() const {
-  std::string text = "tasks: " + std::to_string(tasks_.size()) + " ready: " + std::to_string(ready_) + "\n";
+  char line[200];
+  std::snprintf(line, sizeof line, "tasks: %zu ready: %zu longest turn: %.6f\n", tasks_.size(),
+                static_cast<std::size_t>(ready_), loop_.longestTurn());
+  std::string text = line;
   for (const Task* task : tasks_) {
-    char line[200];
     std::snprintf(line, sizeof line, "  %s level=%u runs=%llu seconds=%.6f longest=%.6f%s\n",
                   task->name_.c_str(), task->level_, static_cast<unsigned long long>(task->runs_),
                   task->seconds_, task->longest_, task->scheduled() ? " scheduled" : "");
