@@ -282,7 +282,7 @@ TEST(RemoteBindingStatusSm, bindings_before_the_mounts_are_ready_are_no_populati
   EXPECT_FALSE(r.sm->remoteBindingConfigReady());
   EXPECT_FALSE(r.status->initialPopulationComplete());
   EXPECT_FALSE(r.sm->walkScheduled());
-  r.rig.tables().mount(awaited, kType, Memtab::MountDescriptor::writer());
+  EXPECT_TRUE(r.rig.tables().mount(awaited, kType, Memtab::MountDescriptor::writer()));
   r.settle();
   EXPECT_TRUE(r.sm->remoteBindingConfigReady());
   EXPECT_TRUE(r.status->initialPopulationComplete());
@@ -297,7 +297,7 @@ TEST(RemoteBindingStatusSm, error_in_a_walk_costs_the_entry_that_met_it) {
     Reactor r(awaited);
     for (int i = 1; i <= 50; ++i) r.rig.remoteBinding(10, ("10.0.0." + std::to_string(i)).c_str(), kMac1);
     r.rig.settle();  // single changes, all known
-    r.rig.tables().mount(awaited, kType, Memtab::MountDescriptor::writer());
+    EXPECT_TRUE(r.rig.tables().mount(awaited, kType, Memtab::MountDescriptor::writer()));
     const std::string error = "RemoteBindingStatusSm: raised by the test\n";
     if (!population) {
       r.vlan(10, "blue");
