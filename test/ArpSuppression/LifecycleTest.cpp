@@ -1,6 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <filesystem>
 
 #include "Rig.h"
@@ -10,12 +7,7 @@
 namespace ArpSuppression {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
-
-constexpr char kHostMac[] = "02:00:00:00:00:63";
 
 void expectStopped(Rig& rig) {
   EXPECT_EQ(rig.root(), nullptr);
@@ -258,28 +250,12 @@ TEST(Lifecycle, everything_works_while_it_is_traced) {
     expectStopped(rig);
   }
   for (const char* words :
-       {"evpnMplsIsConfigured=true weHaveNotCleanedUp=false",
-        " mounts=<ArpSuppressionMounts>",
-        "handleVlan vlanId 10 inEvpnStatus=true inRemoteBindingStatus=",
-        " vlanUsable=true",
-        "no netNs",
-        "no kniIntfIfIndex",
-        "No ipIntfStatus vlanId=10",
-        "oldVlanL3Info=NULL vrfName=red vlanIntfId=Vlan10",
-        "oldVlanL3Info=<vrfName=red vlanId=10> vrfName=blue",
-        "update vrfId vrfInfo=<vrfName=red",
-        "using made up vrfStatusLocal for default VRF",
-        " wasActive=false nowActive=true",
+       {"evpnMplsIsConfigured=true weHaveNotCleanedUp=false", "handleVlan vlanId 10 inEvpnStatus=true",
+        "no kniIntfIfIndex", "oldVlanL3Info=<vrfName=red vlanId=10> vrfName=blue",
+        "using made up vrfStatusLocal for default VRF", " wasActive=false nowActive=true",
         "add macToIp newVlanIdMacAddress=<10;02:00:00:00:00:63> ipAddress=10.0.0.99",
-        " create=yes activeLocalChanged=no",
-        "delete macToIp=<10;02:00:00:00:00:63> ipAddress=10.0.0.99",
-        "add vlanId=10",
-        "del vlanId=10",
-        "walkStage=walkRemoteBindingStatus",
-        "req=<request vlanId=10",
-        "existingBinding=NULL",
-        " vlanId= 10 senderIp= 10.0.0.99 senderMac=02:00:00:00:00:63 targetIp= 10.0.0.10 targetMac=",
-        "finished processed="}) {
+        "delete macToIp=<10;02:00:00:00:00:63> ipAddress=10.0.0.99", "walkStage=walkRemoteBindingStatus",
+        "req=<request vlanId=10", "existingBinding=NULL", "finished processed="}) {
     EXPECT_THAT(traces.text, HasSubstr(words));
   }
   EXPECT_THAT(traces.text, HasSubstr("ArpSuppression/ArpSuppressionAgent:"));

@@ -1,6 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -16,13 +13,7 @@ namespace {
 
 using Bridging::EntryType;
 using testing::AllOf;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::SizeIs;
 
-constexpr char kHostMac[] = "02:00:00:00:00:63";  // the owner of 10.0.0.99
 constexpr char kOtherMac[] = "02:00:00:00:00:64";
 constexpr char kBridgeMac[] = "02:00:00:00:be:ef";
 constexpr char kVirtualMac[] = "02:00:00:00:00:fe";
@@ -45,10 +36,24 @@ TEST(Request, reply_is_right_in_every_byte) {
   EXPECT_EQ(rig.takeCounters(), "replyRemote=1 trappedRequest=1");
 }
 
-// What each case sets up, who asks, and what has to come of it.
+// Where the owner of the address is in the MAC table, or what else is particular about the switch.
+enum Where {
+  kNowhere,
+  kEvpn,
+  kPort,       // another than the requester's
+  kPortOfFid,  // in the FID of the VLAN, which is not the VLAN's own number
+  kForwarder,  // behind a segment for which this switch is the designated forwarder
+  kNonForwarder,
+  kNoFabric,
+  kNoInterface
+};
+
+// Who says that 10.0.0.99 is whose, who asks, and what has to come of it.
 struct Case {
   const char* name;
-  std::function<void(Rig&)> setUp;
+  const char* kernel;  // the owner as the kernel knows it, and as EVPN does; null: it does not
+  const char* remote;
+  Where where;
   Trapped request;
   const char* replyMac;  // null: no reply
   const char* counters;
@@ -57,209 +62,81 @@ struct Case {
   const char* outcome = nullptr;  // in the trace, where it is not the last counter
 };
 
-void multihomed(Rig& rig, const char* forwarder) {
-  auto segment = rig.evpn()->segmentStatusIs(intf("Ethernet2"));
-  if (forwarder) segment->designatedForwarderTepIs(Vlan(10), intf(forwarder));
-  rig.fdb(10, kHostMac, EntryType::learnedDynamic, "Ethernet2");
-}
+constexpr const char* kNone = nullptr;
+constexpr char kFlooded[] = "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1";
+constexpr char kLocal[] = "noReplyTargetLocal=1 trappedRequest=1";
+constexpr char kReplied[] = "replyRemote=1 trappedRequest=1";
+constexpr Trapped kRequest{}, kForSwitch{.targetIp = "10.0.0.1"}, kProbe{.senderIp = "0.0.0.0"},
+    kAnnouncement{.senderIp = "10.0.0.99"}, kBySwitch{.senderMac = kBridgeMac},
+    kByRouter{.senderMac = kVirtualMac}, kOnEthernet2{.ifIndex = Rig::kEthernet2},
+    kOnFabric{.ifIndex = Rig::kFabric}, kOnNoPort{.ifIndex = 4711}, kReply{.operation = 2},
+    kTagged{.tagged = true, .tag = 20}, kLonger{.extra = 32};
 
 const Case kCases[] = {
-    {"unknown target floods",
-     [](Rig&) {},
-     {},
-     nullptr,
-     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1",
-     'U',
+    {"unknown target floods", kNone, kNone, kNowhere, kRequest, kNone, kFlooded, 'U',
      "nothing says who has the address"},
-    {"kernel entry without a remote binding floods when the MAC is nowhere",
-     [](Rig& rig) { rig.neighbour("10.0.0.99", kHostMac); },
-     {},
-     nullptr,
-     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1",
-     'U',
-     "the kernel knows who has the address"},
-    {"the kernel's MAC wins over the remote one",
-     [](Rig& rig) {
-       rig.neighbour("10.0.0.99", kOtherMac);
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-     },
-     {},
-     kOtherMac,
-     "replyRemote=1 trappedRequest=1"},
-    {"EVPN-learned MAC is remote",
-     [](Rig& rig) {
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-       rig.fdb(10, kHostMac, EntryType::evpnLearned, "core10");
-     },
-     {},
-     kHostMac,
-     "replyRemote=1 trappedRequest=1",
-     'R'},
-    {"target on a local port answers itself",
-     [](Rig& rig) {
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-       rig.fdb(10, kHostMac, EntryType::learnedDynamic, "Ethernet2");
-     },
-     {},
-     nullptr,
-     "noReplyTargetLocal=1 trappedRequest=1",
-     'S'},
-    {"the FID of the VLAN counts",
-     [](Rig& rig) {
-       rig.state<Bridging::Config>("bridging/config")->vidToFidMapIs(Vlan(10), 110);
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-       rig.fdb(10, kHostMac, EntryType::evpnLearned, "core10");
-       rig.fdb(110, kHostMac, EntryType::learnedDynamic, "Ethernet2");
-     },
-     {},
-     nullptr,
-     "noReplyTargetLocal=1 trappedRequest=1",
-     'S'},
-    {"own address is left to the switch",
-     [](Rig&) {},
-     {.targetIp = "10.0.0.1"},
-     nullptr,
+    {"kernel entry without a remote binding floods when the MAC is nowhere", kHostMac, kNone, kNowhere,
+     kRequest, kNone, kFlooded, 'U', "the kernel knows who has the address"},
+    {"the kernel's MAC wins over the remote one", kOtherMac, kHostMac, kNowhere, kRequest, kOtherMac,
+     kReplied},
+    {"EVPN-learned MAC is remote", kNone, kHostMac, kEvpn, kRequest, kHostMac, kReplied, 'R'},
+    {"target on a local port answers itself", kNone, kHostMac, kPort, kRequest, kNone, kLocal, 'S'},
+    {"the FID of the VLAN counts", kNone, kHostMac, kPortOfFid, kRequest, kNone, kLocal, 'S'},
+    {"own address is left to the switch", kNone, kNone, kNowhere, kForSwitch, kNone,
      "targetIsMine=1 trappedRequest=1"},
-    {"probe floods although the binding is known",
-     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
-     {.senderIp = "0.0.0.0"},
-     nullptr,
-     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
-    {"announcement floods",
-     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
-     {.senderIp = "10.0.0.99"},
-     nullptr,
-     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1"},
-    {"designated forwarder leaves it",
-     [](Rig& rig) {
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-       multihomed(rig, nullptr);
-     },
-     {},
-     nullptr,
-     "noReplyTargetLocal=1 trappedRequest=1",
-     'D'},
-    {"designated forwarder that asks itself gets a binding",
-     [](Rig& rig) {
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-       multihomed(rig, nullptr);
-     },
-     {.senderMac = kBridgeMac},
-     nullptr,
-     "replyMultihomedDf=1 staticBindingEvent=1 trappedRequest=1",
-     'D'},
-    {"not the designated forwarder: answered",
-     [](Rig& rig) {
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-       multihomed(rig, "Tep1");
-     },
-     {},
-     kHostMac,
-     "replyMultihomedNonDf=1 trappedRequest=1",
-     'N'},
-    {"not the designated forwarder, the switch asks, both MACs known: the remote one",
-     [](Rig& rig) {
-       rig.neighbour("10.0.0.99", kHostMac);
-       rig.remoteBinding(10, "10.0.0.99", kOtherMac);
-       multihomed(rig, "Tep1");
-     },
-     {.senderMac = kBridgeMac},
-     nullptr,
-     "replyMultihomedNonDf=1 staticBindingEvent=1 trappedRequest=1",
-     'N'},
-    {"not the designated forwarder, the switch asks, only the kernel knows: flooded",
-     [](Rig& rig) {
-       rig.neighbour("10.0.0.99", kHostMac);
-       multihomed(rig, "Tep1");
-     },
-     {.senderMac = kBridgeMac},
-     nullptr,
-     "floodedToRemoteTeps=1 trappedRequest=1 reinjected=1",
-     'N',
-     "the kernel knows who has the address"},
-    {"owner on the requester's port",
-     [](Rig& rig) {
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-       multihomed(rig, "Tep1");
-     },
-     {.ifIndex = Rig::kEthernet2},
-     nullptr,
-     "replyMultihomedNonDf=1 noReplySamePort=1 trappedRequest=1",
-     'N'},
-    {"port without an interface",
-     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
-     {.ifIndex = Rig::kFabric},
-     nullptr,
+    {"probe floods although the binding is known", kNone, kHostMac, kNowhere, kProbe, kNone, kFlooded},
+    {"announcement floods", kNone, kHostMac, kNowhere, kAnnouncement, kNone, kFlooded},
+    {"designated forwarder leaves it", kNone, kHostMac, kForwarder, kRequest, kNone, kLocal, 'D'},
+    {"designated forwarder that asks itself gets a binding", kNone, kHostMac, kForwarder, kBySwitch, kNone,
+     "replyMultihomedDf=1 staticBindingEvent=1 trappedRequest=1", 'D'},
+    {"not the designated forwarder: answered", kNone, kHostMac, kNonForwarder, kRequest, kHostMac,
+     "replyMultihomedNonDf=1 trappedRequest=1", 'N'},
+    {"not the designated forwarder, the switch asks, both MACs known: the remote one", kHostMac, kOtherMac,
+     kNonForwarder, kBySwitch, kNone, "replyMultihomedNonDf=1 staticBindingEvent=1 trappedRequest=1", 'N'},
+    {"not the designated forwarder, the switch asks, only the kernel knows: flooded", kHostMac, kNone,
+     kNonForwarder, kBySwitch, kNone, kFlooded, 'N', "the kernel knows who has the address"},
+    {"owner on the requester's port", kNone, kHostMac, kNonForwarder, kOnEthernet2, kNone,
+     "replyMultihomedNonDf=1 noReplySamePort=1 trappedRequest=1", 'N'},
+    {"port without an interface", kNone, kHostMac, kNowhere, kOnFabric, kNone,
      "replyRemote=1 noReplyUnknownSourcePort=1 trappedRequest=1"},
-    {"port that nobody knows",
-     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
-     {.ifIndex = 4711},
-     nullptr,
+    {"port that nobody knows", kNone, kHostMac, kNowhere, kOnNoPort, kNone,
      "replyRemote=1 noReplyUnknownSourcePort=1 trappedRequest=1"},
-    {"the switch asks: a static binding is asked for",
-     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
-     {.senderMac = kBridgeMac},
-     nullptr,
+    {"the switch asks: a static binding is asked for", kNone, kHostMac, kNowhere, kBySwitch, kNone,
      "replyRemote=1 staticBindingEvent=1 trappedRequest=1"},
-    {"the switch asks for its own MAC",
-     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kBridgeMac); },
-     {.senderMac = kBridgeMac},
-     nullptr,
+    {"the switch asks for its own MAC", kNone, kBridgeMac, kNowhere, kBySwitch, kNone,
      "replyRemote=1 staticBindingBridgeMac=1 trappedRequest=1"},
-    {"the switch asks for what is no host's",
-     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", "01:00:5e:00:00:01"); },
-     {.senderMac = kBridgeMac},
-     nullptr,
-     "replyRemote=1 trappedRequest=1",
-     'U',
-     "the answer is no unicast MAC",
-     "notABinding"},
-    {"the virtual router asks for the virtual router",
-     [](Rig& rig) {
-       rig.state<Routing::Fhrp::VirtualRouterMacStatus>("routing/fhrp/vrMacStatus")
-           ->vgwVirtualMacIs(mac(kVirtualMac));
-       rig.remoteBinding(10, "10.0.0.99", kVirtualMac);
-     },
-     {.senderMac = kVirtualMac},
-     nullptr,
+    {"the switch asks for what is no host's", kNone, "01:00:5e:00:00:01", kNowhere, kBySwitch, kNone,
+     kReplied, 'U', "the answer is no unicast MAC", "notABinding"},
+    {"the virtual router asks for the virtual router", kNone, kVirtualMac, kNowhere, kByRouter, kNone,
      "replyRemote=1 staticBindingVirtualRouterMac=1 trappedRequest=1"},
-    {"fabric went away",
-     [](Rig& rig) {
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-       rig.device("default", "fabric", 0);
-     },
-     {},
-     nullptr,
+    {"fabric went away", kNone, kHostMac, kNoFabric, kRequest, kNone,
      "replyRemote=1 noReplyFabricNotUsable=1 trappedRequest=1"},
-    {"without an interface there is no kernel entry and no static binding, but an answer",
-     [](Rig& rig) {
-       rig.neighbour("10.0.0.99", kOtherMac);
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-       rig.noVlanInterface(10);
-     },
-     {},
-     kHostMac,
-     "replyRemote=1 trappedRequest=1"},
-    {"the switch asks on a VLAN that lost its interface",
-     [](Rig& rig) {
-       rig.remoteBinding(10, "10.0.0.99", kHostMac);
-       rig.noVlanInterface(10);
-     },
-     {.senderMac = kBridgeMac},
-     nullptr,
+    {"without an interface there is no kernel entry and no static binding, but an answer", kOtherMac,
+     kHostMac, kNoInterface, kRequest, kHostMac, kReplied},
+    {"the switch asks on a VLAN that lost its interface", kNone, kHostMac, kNoInterface, kBySwitch, kNone,
      "replyRemote=1 staticBindingNoVlanL3Info=1 trappedRequest=1"},
-    {"trapped reply goes on", [](Rig&) {}, {.operation = 2}, nullptr, "trappedReply=1 reinjected=1"},
-    {"a foreign tag does not change the VLAN",
-     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
-     {.tagged = true, .tag = 20},
-     kHostMac,
-     "replyRemote=1 trappedRequest=1"},
-    {"extra data is counted and answered",
-     [](Rig& rig) { rig.remoteBinding(10, "10.0.0.99", kHostMac); },
-     {.extra = 32},
-     kHostMac,
+    {"trapped reply goes on", kNone, kNone, kNowhere, kReply, kNone, "trappedReply=1 reinjected=1"},
+    {"a foreign tag does not change the VLAN", kNone, kHostMac, kNowhere, kTagged, kHostMac, kReplied},
+    {"extra data is counted and answered", kNone, kHostMac, kNowhere, kLonger, kHostMac,
      "replyRemote=1 trapExtraData=1 trappedRequest=1"},
 };
+
+void setUp(Rig& rig, const Case& c) {
+  rig.state<Routing::Fhrp::VirtualRouterMacStatus>("routing/fhrp/vrMacStatus")
+      ->vgwVirtualMacIs(mac(kVirtualMac));
+  if (c.kernel) rig.neighbour("10.0.0.99", c.kernel);
+  if (c.remote) rig.remoteBinding(10, "10.0.0.99", c.remote);
+  if (c.where == kPortOfFid) rig.state<Bridging::Config>("bridging/config")->vidToFidMapIs(Vlan(10), 110);
+  if (c.where == kEvpn || c.where == kPortOfFid) rig.fdb(10, kHostMac, EntryType::evpnLearned, "core10");
+  if (c.where == kPort || c.where == kForwarder || c.where == kNonForwarder)
+    rig.fdb(10, kHostMac, EntryType::learnedDynamic, "Ethernet2");
+  if (c.where == kPortOfFid) rig.fdb(110, kHostMac, EntryType::learnedDynamic, "Ethernet2");
+  if (c.where == kForwarder) rig.evpn()->segmentStatusIs(intf("Ethernet2"));
+  if (c.where == kNonForwarder)
+    rig.evpn()->segmentStatusIs(intf("Ethernet2"))->designatedForwarderTepIs(Vlan(10), intf("Tep1"));
+  if (c.where == kNoFabric) rig.device("default", "fabric", 0);
+  if (c.where == kNoInterface) rig.noVlanInterface(10);
+}
 
 // What `explain` says of an ordinary request, or "" when the case is of another kind.
 std::string explanationOf(Rig& rig, const Trapped& request) {
@@ -303,7 +180,7 @@ TEST(Request, decision_table) {
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.name);
     Rig rig;
-    c.setUp(rig);
+    setUp(rig, c);
     rig.start();
     rig.takeCounters();
     const std::string explanation = explanationOf(rig, c.request);

@@ -15,7 +15,15 @@
 
 namespace ArpSuppression {
 
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::UnorderedElementsAre;
 using Vlan = Bridging::VlanId;
+
+inline constexpr char kHostMac[] = "02:00:00:00:00:63";  // the owner of 10.0.0.99, where there is one
 
 inline Lanix::EthAddr mac(const char* text) { return *Lanix::EthAddr::fromStrep(text); }
 inline Lanix::IpGenAddr ip(const char* text) { return *Lanix::IpGenAddr::fromStrep(text); }

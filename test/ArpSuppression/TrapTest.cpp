@@ -1,19 +1,9 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 
 #include "Rig.h"
 
 namespace ArpSuppression {
 namespace {
-
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::IsEmpty;
-using testing::SizeIs;
-
-constexpr char kHostMac[] = "02:00:00:00:00:63";  // the owner of 10.0.0.99
 
 // Of frames that one system call reads, one that is refused, or whose handler raises an error, costs itself
 // only, and a time slice may end behind each.

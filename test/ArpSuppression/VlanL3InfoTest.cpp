@@ -1,6 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <ctime>
 #include <random>
 #include <set>
@@ -10,11 +7,6 @@
 
 namespace ArpSuppression {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-
-constexpr char kHostMac[] = "02:00:00:00:00:63";
 
 Ptr<Ip::VrfStatusLocal> vrfOf(Rig& rig, const char* name) {
   return rig.state<Ip::AllVrfStatusLocal>("ip/vrf/status/local")->vrf(name);
