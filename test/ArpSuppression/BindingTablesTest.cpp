@@ -1,14 +1,8 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "ArpSuppression/LocalBinding.h"
-#include "ArpSuppression/RemoteBindingStatus.h"
 #include "Rig.h"
 
 namespace ArpSuppression {
 namespace {
-
-using testing::ElementsAre;
 
 // Red and blue, kept in the status by a watch of each; what becomes of a binding table is in `journal`.
 struct Tables {
@@ -115,50 +109,6 @@ TEST(LocalBindingRecord, replacing_the_only_binding_of_a_vrf_never_lets_the_vrf_
   EXPECT_FALSE(t.status->vrfInfoHas("green"));
 }
 
-TEST(LocalBindingRecordDeathTest, broken_indexes_end_the_process) {
-  const struct {
-    const char* expression;
-    void (*breakIt)(LocalBindingRecord&, const LocalBinding&);
-  } cases[] = {
-      {"deletedBinding == _binding",
-       [](LocalBindingRecord& record, const LocalBinding& b) { record.bindingDel(b.vrfIpAddress()); }},
-      {"nullptr != _macToIp",
-       [](LocalBindingRecord& record, const LocalBinding& b) { record.macToIpDel(b.vlanIdMacAddress()); }},
-      {"deletedBinding == _binding",
-       [](LocalBindingRecord& record, const LocalBinding& b) {
-         record.macToIp(b.vlanIdMacAddress())->bindingDel(b.vrfIpAddress());
-       }},
-  };
-  for (const auto& c : cases) {
-    Tables t;
-    const auto binding = t.local->createLocalBinding(t.in("red", "10.0.0.1"), kA);
-    c.breakIt(*t.local, *binding);
-    EXPECT_DEATH(t.local->deleteLocalBinding(binding),
-                 brokenInvariant("ArpSuppression/LocalBinding", c.expression));
-  }
-}
-
-TEST(RemoteIpToMac, first_station_stays_first_until_it_is_withdrawn) {
-  const auto entry = Mox::make<RemoteIpToMac>(VrfIpAddress{nullptr, ip("10.0.0.1"), {}});
-  EXPECT_FALSE(entry->isFirstVlanIdMacAddressLocalMultihomed());
-  entry->vlanIdMacAddressIs(kB, false);
-  entry->vlanIdMacAddressIs(kA, true);
-  EXPECT_EQ(entry->firstVlanIdMacAddress(), kB) << "the order is that of arrival";
-  EXPECT_FALSE(entry->isFirstVlanIdMacAddressLocalMultihomed());
-  entry->vlanIdMacAddressIs(kB, true);
-  EXPECT_EQ(entry->firstVlanIdMacAddress(), kB);
-  EXPECT_TRUE(entry->isFirstVlanIdMacAddressLocalMultihomed());
-  EXPECT_EQ(entry->vlanIdMacAddresss(), 2u);
-  EXPECT_THAT(entry->toStrep(), testing::StartsWith("<vrfIpAddress=<NULL;10.0.0.1;> macAddress=[<vlanId=10 "
-                                                    "macAddress=02:00:00:00:00:0b>"));
-  entry->vlanIdMacAddressDel(kB);
-  EXPECT_EQ(entry->firstVlanIdMacAddress(), kA);
-  entry->vlanIdMacAddressIs(kB, false);
-  EXPECT_EQ(entry->firstVlanIdMacAddress(), kA);
-  entry->vlanIdMacAddressDelAll();
-  EXPECT_DEATH(entry->firstVlanIdMacAddress(), brokenInvariant("ArpSuppression/RemoteBindingStatus", "iter"));
-}
-
 TEST(VrfUseTracker, vrf_stays_while_any_of_two_tables_uses_it) {
   const auto status = Mox::make<VlanL3InfoStatus>();
   const auto one = Mox::make<VrfUseTracker>(status), two = Mox::make<VrfUseTracker>(status);
@@ -190,23 +140,6 @@ TEST(VrfUseTracker, last_user_of_a_vrf_that_left_does_not_take_its_successor_alo
   const auto newRed = status->vrfInfoIs("red");
   tracker->releaseVrf(oldRed);
   EXPECT_EQ(status->vrfInfo("red"), newRed);
-}
-
-TEST(VrfUseTrackerDeathTest, counts_that_do_not_match_end_the_process) {
-  const auto status = Mox::make<VlanL3InfoStatus>();
-  const auto tracker = Mox::make<VrfUseTracker>(status);
-  const auto red = status->vrfInfoIs("red");
-  const auto broken = [](const char* expression) {
-    return brokenInvariant("ArpSuppression/VrfUseTracker", expression);
-  };
-  EXPECT_DEATH(tracker->releaseVrf(red), broken("0 != referenceCount"));
-  tracker->referenceVrf(red);
-  const auto user = tracker->vrfUser(red.get());
-  tracker->vrfUserDel(red.get());
-  EXPECT_DEATH(tracker->releaseVrf(red), broken("vrfUserHas( vrfInfo )"));
-  tracker->vrfUserIs(red.get(), user);
-  tracker->vrfReferenceCountDel(red.get());
-  EXPECT_DEATH(tracker->referenceVrf(red), broken("vrfReferenceCountHas( vrfInfo )"));
 }
 
 }  // namespace

@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <malloc.h>
 
 #include <cstring>
@@ -12,10 +10,6 @@
 namespace ArpSuppression {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 using Type = Bridging::EntryType;
 
 constexpr char kA[] = "02:00:00:00:00:0a";

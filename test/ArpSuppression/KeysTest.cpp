@@ -1,6 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "ArpSuppression/BindingKeys.h"
 #include "Mox/Error.h"
 #include "Rig.h"
@@ -52,22 +49,6 @@ TEST(VrfIpAddress, vrf_counts_by_identity_not_by_name) {
       VrfIpAddress::fromVlanL3Info(*vlans.status->vlanL3InfoIs(newRed, Vlan(10)), ip("10.0.0.1"));
   EXPECT_FALSE(before == after);
   EXPECT_EQ(before.toStrep(), after.toStrep());
-}
-
-TEST(VrfIpAddress, is_valid_when_anything_is_set) {
-  const Vlans vlans;
-  const struct {
-    VrfIpAddress key;
-    bool valid;
-  } cases[] = {{{}, false},
-               {{vlans.red, {}, {}}, true},
-               {{nullptr, ip("10.0.0.1"), {}}, true},
-               {{nullptr, ip("0.0.0.0"), {}}, true},
-               {{nullptr, ip("::"), {}}, true},
-               {{nullptr, {}, intf("Vlan10")}, true}};
-  for (const auto& c : cases) EXPECT_EQ(static_cast<bool>(c.key), c.valid) << c.key.toStrep();
-  const VrfIpAddress withoutVrf{nullptr, ip("10.0.0.1"), {}};
-  EXPECT_FALSE(withoutVrf == VrfIpAddress::fromVlanL3Info(*vlans.vlan10, ip("10.0.0.1")));
 }
 
 TEST(VrfIpAddress, from_arp_key) {

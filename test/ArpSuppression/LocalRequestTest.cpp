@@ -1,6 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "Rig.h"
 
 namespace ArpSuppression {
@@ -16,9 +13,6 @@ std::vector<int> recorded(Rig& rig, std::uint32_t vlan = 10) {
   }
   return hosts;
 }
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 TEST(LocalRequest, every_request_counts_from_its_latest_repetition) {
   Rig rig;

@@ -1,13 +1,8 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "Rig.h"
 
 namespace ArpSuppression {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
 using Change = std::pair<std::uint32_t, bool>;  // the index, and whether it is in the queue now
 using Message = Ptr<const TrappedMessage>;
 
@@ -158,28 +153,6 @@ TEST(MessageTrap, the_same_message_is_told_once) {
   trap->lastTrappedMessageIs(equal);
   EXPECT_THAT(told, ElementsAre(one, equal)) << "another message of the same content";
   EXPECT_EQ(one->references(), 2u) << "the trap holds the last one only";
-}
-
-TEST(TrappedMessage, text_names_the_interface_or_else_the_device) {
-  const auto status = Mox::make<Interface::IntfStatus>(intf("Ethernet1"));
-  const struct {
-    TrappedMessage::MessageType type;
-    Ptr<const Interface::IntfStatus> status;
-    const char* text;
-  } cases[] = {
-      {TrappedMessage::MessageType::request, status,
-       "<request vlanId=4094 if=Ethernet1(7) sIp=10.0.0.10 sMac=02:00:00:00:00:0a tIp=10.0.0.99>"},
-      {TrappedMessage::MessageType::reply, nullptr,
-       "<reply vlanId=4094 if=eth1(7) sIp=10.0.0.10 sMac=02:00:00:00:00:0a tIp=10.0.0.99>"},
-  };
-  for (const auto& c : cases) {
-    const auto m = trappedMessageFactory(Vlan(4094), c.type, {c.status, "eth1", 7}, ip("10.0.0.10"),
-                                         mac("02:00:00:00:00:0a"), ip("10.0.0.99"), nullptr);
-    EXPECT_EQ(m->toStrep(), c.text);
-    Orb::DumpContext dump(-1);
-    m->dumpState(dump, 2);
-    EXPECT_EQ(dump.text(), std::string("  TrappedMessage ") + c.text + "\n");
-  }
 }
 
 }  // namespace

@@ -1,6 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <optional>
 
@@ -8,10 +5,6 @@
 
 namespace ArpSuppression {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
 
 std::string hex(const TestSupport::Frame& frame) {
   std::string text;

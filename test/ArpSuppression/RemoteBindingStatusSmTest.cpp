@@ -1,6 +1,3 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <array>
 #include <bit>
 #include <map>
@@ -13,7 +10,6 @@
 namespace ArpSuppression {
 namespace {
 
-using testing::ElementsAre;
 using Stage = RemoteBindingStatusSm::WalkStage;
 
 constexpr char kType[] = "ArpSuppression::RemoteBindingConfig";
@@ -365,16 +361,6 @@ TEST(RemoteBindingStatusSm, count_of_a_vlan_is_range_checked) {
   EXPECT_EQ(refused([&] { r.sm->vlanBindingCountInc(Vlan(10), 1); }), text);
   EXPECT_EQ(refused([&] { r.sm->setVlanBindingCount(Vlan(10), -1); }), text);
   EXPECT_EQ(refused([&] { r.sm->vlanBindingCountDec(Vlan(11), 1); }), text);
-}
-
-TEST(RemoteBindingStatusSmDeathTest, needs_the_mount_group) {
-  Rig rig;
-  const auto vlans = Mox::make<VlanL3InfoStatus>();
-  EXPECT_DEATH(
-      Mox::make<RemoteBindingStatusSm>(
-          rig.tasks().scheduler(), Ptr<const RemoteBindingConfig>(rig.table<RemoteBindingConfig>(kPath)),
-          Ptr<const MoxSharedMem::MountGroup>(), vlans, Mox::make<RemoteBindingStatus>(vlans)),
-      brokenInvariant("ArpSuppression/RemoteBindingStatusSm", "remoteBindingConfigMountGroup()"));
 }
 
 }  // namespace

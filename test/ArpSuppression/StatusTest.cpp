@@ -1,13 +1,8 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "Rig.h"
 
 namespace ArpSuppression {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
 using Stage = ArpSuppressionStatusSm::InitializationStage;
 
 // The reactor alone, between inputs that the test writes.

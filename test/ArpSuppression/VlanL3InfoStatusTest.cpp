@@ -1,13 +1,8 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "Mox/Error.h"
 #include "Rig.h"
 
 namespace ArpSuppression {
 namespace {
-
-using testing::ElementsAre;
 
 TEST(VlanL3InfoStatus, names_follow_from_the_vlan) {
   const auto status = Mox::make<VlanL3InfoStatus>();
@@ -48,25 +43,6 @@ TEST(VlanL3InfoStatus, announcements_carry_their_vlan_also_when_they_nest) {
   status->vlanUpdated(Vlan(10));
   EXPECT_THAT(told, ElementsAre("first 10", "second 10")) << "the same VLAN again";
   EXPECT_FALSE(status->updatedVlanId());
-}
-
-TEST(VlanL3InfoStatusDeathTest, misuse_of_the_bookkeeping_ends_the_process) {
-  const auto status = Mox::make<VlanL3InfoStatus>();
-  const auto red = status->vrfInfoIs("red");
-  const auto watch = status->findOrCreateVrfInterfaceWatch("red", "Vlan10");
-  const auto other = Mox::make<VrfInterfaceWatch>(red, "Vlan10");
-  const auto homeless = Mox::make<VrfUser>(Ptr<VrfInfo>());
-  const auto broken = [](const char* expression) {
-    return brokenInvariant("ArpSuppression/ArpSuppression", expression);
-  };
-  EXPECT_DEATH(status->addVrfInterfaceWatch(other),
-               broken("nullptr == vrfInterfaceWatch( watch->intfName() )"));
-  EXPECT_DEATH(status->delVrfInterfaceWatch(other),
-               broken("watch == vrfInterfaceWatch( watch->intfName() )"));
-  EXPECT_DEATH(status->findOrCreateVrfInterfaceWatch("blue", "Vlan10"),
-               broken("watch->vrfInfo()->vrfName() == vrfName"));
-  EXPECT_DEATH(status->addVrfUser(homeless), broken("__null != vrfInfo"));
-  EXPECT_DEATH(status->delVrfUser(homeless), broken("__null != vrfInfo"));
 }
 
 }  // namespace
