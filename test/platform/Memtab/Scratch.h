@@ -67,17 +67,6 @@ class Scratch : public testing::Test {
     }
     return model;
   }
-  // What two models first differ in, for the message of a failed test; empty if they are equal.
-  static std::string difference(const Model& got, const Model& wanted) {
-    const auto [a, b] = std::mismatch(got.begin(), got.end(), wanted.begin(), wanted.end());
-    if (a == got.end() && b == wanted.end()) return "";
-    const auto text = [](const Model& model, Model::const_iterator at) {
-      return at == model.end()
-                 ? "no more"
-                 : std::to_string(at->first.words[4]) + " version " + std::to_string(at->second.version);
-    };
-    return "got key " + text(got, a) + ", wanted key " + text(wanted, b);
-  }
   // Drains all there is; the keys as often as they are reported.
   static std::map<Key, int> drained(Reader& reader, std::size_t slice = 64) {
     std::map<Key, int> keys;

@@ -9,87 +9,75 @@ namespace Memtab::Test {
 namespace {
 
 class TableTest : public Scratch {};
-template <std::size_t N>
-using Bytes = std::array<std::uint8_t, N>;
 
 template <std::size_t K, std::size_t V>
 void fillAndCompare(const Directory& directory) {
+  using KeyBytes = std::array<std::uint8_t, K>;
+  using ValueBytes = std::array<std::uint8_t, V>;
   OpenReport report;
   const std::string table = "sizes/" + std::to_string(K) + '-' + std::to_string(V);
-  auto writer = TableWriter<Bytes<K>, Bytes<V>>::open(directory, table, {}, report);
+  auto writer = TableWriter<KeyBytes, ValueBytes>::open(directory, table, {}, report);
   ASSERT_TRUE(writer) << report.message;
   std::mt19937 random(static_cast<unsigned>(K * 1000 + V));
-  std::map<Bytes<K>, Bytes<V>> model;
+  std::map<KeyBytes, ValueBytes> model;
   for (int i = 0; i < 3000; ++i) {
-    Bytes<K> key;
-    Bytes<V> value;
+    KeyBytes key;
     for (auto& byte : key) byte = static_cast<std::uint8_t>(random() % 4);
-    for (auto& byte : value) byte = static_cast<std::uint8_t>(random());
-    writer->entryIs(key, value);
-    model[key] = value;
+    for (auto& byte : model[key]) byte = static_cast<std::uint8_t>(random());
+    writer->entryIs(key, model[key]);
   }
-  TableReader<Bytes<K>, Bytes<V>> reader(directory, table);
+  TableReader<KeyBytes, ValueBytes> reader(directory, table);
   EXPECT_EQ(reader.size(), model.size());
   for (const auto& [key, value] : model) ASSERT_EQ(reader.lookup(key), value) << table;
 }
 
 TEST_F(TableTest, SizesThatAreNoMultipleOfAWord) {
   fillAndCompare<1, 1>(directory);
-  fillAndCompare<3, 5>(directory);
   fillAndCompare<6, 7>(directory);
-  fillAndCompare<8, 8>(directory);
   fillAndCompare<17, 13>(directory);
   fillAndCompare<64, 256>(directory);
 }
 
+// Two types that differ in the name of a member only.
+template <bool kOther>
 struct Plain {
   std::uint16_t port;
   std::uint8_t kind;
   bool up;
   static constexpr auto moxFields() {
     return std::tuple(Mox::Field("port", &Plain::port), Mox::Field("kind", &Plain::kind),
-                      Mox::Field("up", &Plain::up));
+                      Mox::Field(kOther ? "down" : "up", &Plain::up));
   }
   bool operator==(const Plain&) const = default;
 };
-struct Renamed {
-  std::uint16_t port;
-  std::uint8_t kind;
-  bool down;
-  static constexpr auto moxFields() {
-    return std::tuple(Mox::Field("port", &Renamed::port), Mox::Field("kind", &Renamed::kind),
-                      Mox::Field("down", &Renamed::down));
-  }
-};
+template <class Inner>
 struct Nested {
-  Plain inner;
+  Inner inner;
   static constexpr auto moxFields() { return std::tuple(Mox::Field("inner", &Nested::inner)); }
 };
-struct NestedRenamed {
-  Renamed inner;
-  static constexpr auto moxFields() { return std::tuple(Mox::Field("inner", &NestedRenamed::inner)); }
-};
+using Ours = Plain<false>;
+using Theirs = Plain<true>;
 struct Opaque {
   std::uint32_t bits;
 };
 
 TEST_F(TableTest, TypesOfOneSizeAreToldApart) {
-  const std::set<std::uint64_t> tags{kTypeTag<Plain>,  kTypeTag<Renamed>,       kTypeTag<Nested>,
-                                     kTypeTag<Opaque>, kTypeTag<NestedRenamed>, kTypeTag<std::uint32_t>,
+  const std::set<std::uint64_t> tags{kTypeTag<Ours>,           kTypeTag<Theirs>, kTypeTag<Nested<Ours>>,
+                                     kTypeTag<Nested<Theirs>>, kTypeTag<Opaque>, kTypeTag<std::uint32_t>,
                                      kTypeTag<float>};
   EXPECT_EQ(tags.size(), 7U);
-  { TableWriter<std::uint32_t, Plain>::open(directory, kTable, {}, report)->entryIs(1, {7, 1, true}); }
-  EXPECT_EQ((TableReader<std::uint32_t, Plain>(directory, kTable).lookup(1)), (Plain{7, 1, true}));
-  TableReader<std::uint32_t, Renamed> changed(directory, kTable);
+  { TableWriter<std::uint32_t, Ours>::open(directory, kTable, {}, report)->entryIs(1, {7, 1, true}); }
+  EXPECT_EQ((TableReader<std::uint32_t, Ours>(directory, kTable).lookup(1)), (Ours{7, 1, true}));
+  TableReader<std::uint32_t, Theirs> changed(directory, kTable);
   EXPECT_THAT(changed.view().problem(), testing::HasSubstr("type tag"));
-  EXPECT_FALSE((TableReader<Opaque, Plain>(directory, kTable).view().attached()));
+  EXPECT_FALSE((TableReader<Opaque, Ours>(directory, kTable).view().attached()));
 }
 
 // Whatever bytes another process wrote.
 TEST_F(TableTest, ABoolIsTrueOrFalse) {
   for (const std::uint32_t byte : {0U, 1U, 2U, 255U}) {
     const std::uint32_t word = byte << 24;
-    const auto value = fromWords<Nested>(&word);
+    const auto value = fromWords<Nested<Ours>>(&word);
     EXPECT_EQ(toWords(value)[0], byte == 0 ? 0U : 1U << 24);
     EXPECT_EQ(value.inner.up, byte != 0);
   }
@@ -167,9 +155,9 @@ TEST_P(ChurnTest, ReadersAgreeWithAModel) {
     if (step % 6000 == 5999) {
       while (follower.drain(churn.slice, follow)) {
       }
-      ASSERT_EQ(difference(followed, model), "") << "after step " << step;
-      ASSERT_EQ(difference(entries(reader, churn.slice), model), "");
-      ASSERT_EQ(difference(entries(*writer), model), "");
+      ASSERT_EQ(followed, model) << "after step " << step;
+      ASSERT_EQ(entries(reader, churn.slice), model);
+      ASSERT_EQ(entries(*writer), model);
       ASSERT_EQ(reader.size(), model.size());
       generation = writer->core().segment().fixed().generation;
     }
@@ -247,7 +235,6 @@ TEST_F(TableTest, HashesOfRealisticKeysSpread) {
     void (*fill)(std::uint32_t* key, std::uint32_t i);
   };
   const Case cases[] = {
-      {"numbers", 1, [](std::uint32_t* key, std::uint32_t i) { key[0] = i; }},
       {"one VLAN, IPv4 in network order", 2,
        [](std::uint32_t* key, std::uint32_t i) { key[0] = 10, key[1] = __builtin_bswap32(0x0a000000 + i); }},
       {"many VLANs, few hosts", 2,
@@ -281,18 +268,13 @@ TEST_F(TableTest, HashesOfRealisticKeysSpread) {
 }
 
 // Keys whose hash is among the greatest, so that they all want the last bucket.
-std::vector<Key> crowdedKeys(std::uint64_t seed, std::size_t count) {
-  std::vector<Key> keys;
-  for (std::uint32_t i = 0; keys.size() < count; ++i) {
-    const Key key = keyOf(i);
-    if (Mox::hashWords(toWords(key).data(), 5, Mox::HashSeed(seed)) >> 54 == 0x3ff) keys.push_back(key);
-  }
-  return keys;
-}
-
 TEST_F(TableTest, ACrowdAtTheEndOfTheTable) {
   constexpr std::uint64_t kSeed = 7;
-  const std::vector<Key> keys = crowdedKeys(kSeed, 1500);
+  std::vector<Key> keys;
+  for (std::uint32_t i = 0; keys.size() < 1500; ++i) {
+    const Key key = keyOf(i);
+    if (Mox::hashWords(toWords(key).data(), 5, Mox::HashSeed(kSeed)) >> 54 == 0x3ff) keys.push_back(key);
+  }
   auto writer = open({.capacity = 4000, .hashSeed = kSeed});
   Reader reader(directory, kTable);
   for (const Key& key : keys) ASSERT_EQ(writer->entryIs(key, valueOf(key, 1)), Written::kChanged);
