@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -7,24 +6,8 @@
 
 #include "Mox/Assert.h"
 #include "Mox/Strep.h"
-#include "platform/Mox/Model.h"
 
 namespace {
-
-using MoxTest::Heard;
-using MoxTest::Sample;
-using ::testing::ElementsAre;
-
-TEST(Members, are_visited_in_their_order_the_base_first_with_the_events_they_have) {
-  Heard names;
-  Mox::forEachMember<Sample>([&](auto member) {
-    static constexpr const char* kKinds[] = {"attribute ", "map ", "set ", "children "};
-    names.push_back(kKinds[static_cast<int>(member.kind)] + std::string(member.name));
-    if (member.event() == Sample::levelChanged.id) names.back() += "!";
-  });
-  EXPECT_THAT(names, ElementsAre("attribute title", "attribute level!", "attribute favourite", "map name",
-                                 "map large", "map small", "set tag", "children child", "children hashed"));
-}
 
 enum class Colour { red, green };
 constexpr std::array<const char*, 2> moxEnumNames(Colour) { return {"red", "green"}; }

@@ -157,11 +157,7 @@ TEST_F(Notification, nested_change_runs_to_its_end_first_and_each_carries_its_ow
 }
 
 TEST_F(Notification, callback_may_destroy_the_entity) {
-  struct Case {
-    const char* name;
-    std::function<void(Sample&)> change;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, std::function<void(Sample&)>> cases[] = {
       {"attribute", [](Sample& e) { e.titleIs("gone"); }},
       {"attribute, nested", [](Sample& e) { e.levelIs(7); }},
       {"value", [](Sample& e) { e.nameIs(1, "gone"); }},
@@ -170,8 +166,8 @@ TEST_F(Notification, callback_may_destroy_the_entity) {
       {"all", [](Sample& e) { e.tagDelAll(); }},
       {"all of a hash", [](Sample& e) { e.largeDelAll(); }},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, change] : cases) {
+    SCOPED_TRACE(name);
     heard_.clear();
     auto entity = Mox::make<Sample>();
     for (int key = 1; key <= 3; ++key) {
@@ -188,7 +184,7 @@ TEST_F(Notification, callback_may_destroy_the_entity) {
       entity = nullptr;
     });
     second->onAny([&](Mox::EventId) { heard_.push_back("second"); });
-    c.change(*entity);
+    change(*entity);
     EXPECT_THAT(heard_, ElementsAre("first"));
     EXPECT_FALSE(entity);
   }

@@ -261,15 +261,6 @@ TEST_F(Descriptors, one_closed_by_the_handler_of_another_in_the_same_turn_is_not
   EXPECT_THAT(taken(), ElementsAre("successor"));
 }
 
-TEST_F(Descriptors, many_that_are_ready_at_once_are_all_told) {
-  std::vector<std::unique_ptr<Watched>> all;
-  for (int i = 0; i < 200; ++i) all.push_back(event("e"));
-  for (const auto& one : all) raise(one->fd);
-  while (loop_.step()) {
-  }
-  EXPECT_EQ(heard_.size(), all.size());
-}
-
 TEST_F(Descriptors, refused_descriptor_raises_an_error_that_names_it_and_does_no_harm) {
   auto bad = Mox::make<Orb::FileDescriptor>(loop_, "bad");
   bad->notifyOnReadableIs(true);

@@ -49,15 +49,10 @@ std::string textOf(const T& value) {
 TEST(TextStream, PrintsEachKindOfValue) {
   const char* none = nullptr;
   const std::vector<std::pair<std::string, std::string>> table = {
-      {textOf(true), "true"},
-      {textOf('x'), "x"},
       {textOf(std::uint8_t{65}), "65"},
       {textOf(std::int8_t{-3}), "-3"},
       {textOf(UINT64_MAX), "18446744073709551615"},
-      {textOf(2.5), "2.5"},
-      {textOf("literal"), "literal"},
       {textOf(none), "NULL"},
-      {textOf(std::string("string")), "string"},
       {textOf(Colour::green), "green"},
       {textOf(Port()), "Ethernet1"},
       {textOf(Pair{3, true}), "3 true"},
@@ -102,26 +97,17 @@ TEST_F(TraceTest, LevelOfANameHoldsForItsHandlesEarlyAndLate) {
   EXPECT_TRUE(lines_.empty());
 }
 
-TEST_F(TraceTest, LineShowsTimeHandleSourceAndSignature) {
-  Tracelet::levelIs("Shared", 8);
-  Tracelet::Handle handle("Shared");
-  TRACELET_TRACE(handle, 8, "Unit/Source",
-                 "vlanId=" << 10 << " text="
-                           << "a\nb");
-  ASSERT_EQ(lines_.size(), 1u);
-  EXPECT_THAT(lines_[0], MatchesRegex("[0-9-]+T[0-9:]+\\.[0-9]+Z Shared Unit/Source:[0-9]+ .*TestBody.* "
-                                      "vlanId=10 text=a\\\\x0ab"));
-}
-
-TEST_F(TraceTest, NestedTraceComesFirstAndWhole) {
+TEST_F(TraceTest, LineShowsTimeHandleSourceAndSignatureAndANestedOneComesFirst) {
   Tracelet::levelIs("Shared", 8);
   Tracelet::Handle handle("Shared");
   const auto inner = [&] {
     TRACELET_TRACE(handle, 8, "Unit/Inner", "inner");
     return 7;
   };
-  TRACELET_TRACE(handle, 8, "Unit/Outer", "outer=" << inner() << " end");
-  EXPECT_THAT(lines_, ElementsAre(HasSubstr("Unit/Inner"), HasSubstr("outer=7 end")));
+  TRACELET_TRACE(handle, 8, "Unit/Outer", "outer=" << inner() << " a\nb");
+  EXPECT_THAT(lines_, ElementsAre(HasSubstr("Unit/Inner"),
+                                  MatchesRegex("[0-9-]+T[0-9:]+\\.[0-9]+Z Shared Unit/Outer:[0-9]+ "
+                                               ".*TestBody.* outer=7 a\\\\x0ab")));
 }
 
 }  // namespace
