@@ -166,7 +166,6 @@ TEST_F(KernelTest, SocketsReceiveBatchesAndTellOfLossesAndErrors) {
   sockets.close(socket);
 }
 
-// A daemon that was started without its standard descriptors.
 TEST_F(KernelTest, EachRequestOfABatchIsAnsweredWithinTheSend) {
   const std::uint32_t socket = openNetlinkSocket(netNs_);
   ASSERT_NE(socket, 0u);
@@ -186,6 +185,7 @@ TEST_F(KernelTest, EachRequestOfABatchIsAnsweredWithinTheSend) {
   closeNetlinkSocket(socket);
 }
 
+// A daemon that was started without its standard descriptors.
 TEST_F(KernelTest, SocketsKeepClearOfTheStandardDescriptors) {
   EXPECT_EXIT(
       {

@@ -9,7 +9,6 @@
 #include "Lanix/Bytes.h"
 #include "Lanix/EthDevPam.h"
 #include "Lanix/NamespaceGuard.h"
-#include "Lanix/NetlinkSocket.h"
 #include "Lanix/RawTxPam.h"
 #include "Lanix/Wire.h"
 #include "Orb/EventLoop.h"
@@ -183,25 +182,6 @@ TEST_F(EthDevPamTest, MayBeDroppedFromItsOwnNotification) {
   settle();
   EXPECT_FALSE(pam_);
   EXPECT_EQ(sockets_.openSockets(), 0);
-}
-
-TEST(NetlinkSocketTest, BelongsToTheNamespaceAndIsNeverZero) {
-  TestSupport::FakeNamespaces namespaces;
-  namespaces.has("red");
-  TestSupport::FakeNetlinkSockets sockets;
-  sockets.namespacesAre(namespaces);
-  const std::uint32_t socket = openNetlinkSocket("red");
-  EXPECT_NE(socket, 0u);
-  EXPECT_EQ(sockets.openSockets().at(static_cast<int>(socket)), "red");
-  EXPECT_EQ(namespaces.inside(), kDefaultNamespace);
-  closeNetlinkSocket(0);
-  closeNetlinkSocket(socket);
-  EXPECT_TRUE(sockets.openSockets().empty());
-  EXPECT_EQ(openNetlinkSocket("blue"), 0u);
-  EXPECT_EQ(errno, ENOENT);
-  sockets.refusesWith(EMFILE);
-  EXPECT_EQ(openNetlinkSocket("red"), 0u);
-  EXPECT_EQ(errno, EMFILE);
 }
 
 TEST(NamespaceGuardTest, TheSameIsEnteredWithoutASwitchAndFailingToComeBackIsAnAssertion) {

@@ -138,10 +138,3 @@ TEST_F(EntityManagerTest, ARunTimeMountGivesAnEntityThatItsProviderFindsLater) {
   manager_->unmount("ns/red");
   EXPECT_EQ(manager_->entity("ns/red"), second) << "the provider's entity outlives its readers";
 }
-
-TEST_F(EntityManagerTest, CellPathsCarryTheProcessPrefix) {
-  EXPECT_EQ(Statedb::cellPath("ip/vrf"), "ip/vrf");
-  Statedb::cellPathPrefixIs("cell/1/");
-  EXPECT_EQ(Statedb::cellPath("ip/vrf"), "cell/1/ip/vrf");
-  Statedb::cellPathPrefixIs("");
-}

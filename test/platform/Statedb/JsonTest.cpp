@@ -33,10 +33,8 @@ TEST(Json, RefusalsNamePathKeyValueAndWhatIsAllowed) {
       {R"({"fid":[1]})", R"(test: fid: a list is not an object by key, or null to delete all)"},
       {R"({"level":128})", R"(test: level: 128 is not a number from -128 to 127)"},
       {R"({"enabled":"yes"})", R"(test: enabled: "yes" is not true or false)"},
-      {R"({"enabled":1})", R"(test: enabled: 1 is not true or false)"},
       {R"({"label":1001})", R"(test: label: 1001 is not a label from 0 to 1000)"},
       {R"({"label":4294967297})", R"(test: label: 4294967297 is not a label from 0 to 1000)"},
-      {R"({"label":"7"})", R"(test: label: "7" is not a label from 0 to 1000)"},
       {R"({"vlan":{"1001":true}})", R"(test: vlan["1001"]: the key is not a label from 0 to 1000)"},
       {R"({"vlan":{"7":1}})", R"(test: vlan["7"]: 1 is not true, or false or null to delete)"},
       {R"({"entry":{"mac":"zz"}})", R"(test: entry.mac: "zz" is not a string like "0.0")"},
@@ -75,6 +73,7 @@ TEST(Json, LongAndBadTextsInMessagesAreBounded) {
   EXPECT_LT(longPlan.error().size(), 150u);
   const auto badPlan = configType().planMerge(config, {{"\xff\xfe", 1}}, "test");
   EXPECT_NE(badPlan.error().find("unknown key"), std::string::npos);
+  EXPECT_EQ(Statedb::jsonText("a\xff"), "\"a\xEF\xBF\xBD\"");
   std::string deep(100000, '[');
   EXPECT_FALSE(Statedb::jsonOf(deep));
   EXPECT_TRUE(Statedb::jsonOf(deep + std::string(100000, ']')));
@@ -95,9 +94,7 @@ TEST(Json, ObjectsMergeArraysReplaceNullDeletes) {
       {R"({"fid":null})", "/fid", "{}"},
       {R"({"vlan":{"1":false,"2":null,"3":true}})", "/vlan", R"({"3":true})"},
       {R"({"addresses":["2.2"]})", "/addresses", R"(["2.2"])"},
-      {R"({"addresses":null})", "/addresses", "[]"},
       {R"({"level":null})", "/level", "3"},
-      {R"({"enabled":null})", "/enabled", "true"},
       {R"({"entry":{"dynamic":true}})", "/entry", R"({"mac":"1.1","type":5,"dynamic":true})"},
       {R"({"entry":{"mac":null}})", "/entry", R"({"mac":"0.0","type":5,"dynamic":false})"},
       {R"({"vrf":{"red":{"state":null}}})", "/vrf/red/state", R"("green")"},
@@ -161,10 +158,4 @@ TEST(Json, AnErrorOfAWatcherDoesNotLeaveHalfAMerge) {
   EXPECT_EQ(config->fids(), 3u);
   ASSERT_TRUE(config->vrf("red"));
   EXPECT_EQ(config->vrf("red")->state(), Color::red);
-}
-
-TEST(Json, ValuesOutsideEntities) {
-  EXPECT_EQ(Statedb::valueFromJson<Entry>(json::parse(R"({"type":400})"), "here").error,
-            "here.type: 400 is not a number from 0 to 255");
-  EXPECT_EQ(Statedb::jsonText("a\xff"), "\"a\xEF\xBF\xBD\"");
 }

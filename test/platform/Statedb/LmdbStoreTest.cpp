@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <random>
@@ -25,9 +26,11 @@ using Content = std::map<std::string, std::string>;
 
 class LmdbStoreTest : public testing::Test {
  protected:
+  LmdbStoreTest() { EXPECT_NE(mkdtemp(directory_.data()), nullptr); }
+  ~LmdbStoreTest() override { std::filesystem::remove_all(directory_); }
   std::unique_ptr<Statedb::Store> open() {
-    auto opened = LmdbStore::open(directory_.path(),
-                                  [this](const std::string& message) { messages_.push_back(message); });
+    auto opened =
+        LmdbStore::open(directory_, [this](const std::string& message) { messages_.push_back(message); });
     error_ = opened.error();
     return opened ? std::move(*opened) : nullptr;
   }
@@ -36,17 +39,17 @@ class LmdbStoreTest : public testing::Test {
     store.load(path, [&](std::string_view key, std::string_view value) { content.emplace(key, value); });
     return content;
   }
-  std::string file() const { return directory_.path() + "/state.mdb"; }
+  std::string file() const { return directory_ + "/state.mdb"; }
   std::size_t filesSetAside() const {
     std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+    for (const auto& entry : std::filesystem::directory_iterator(directory_)) {
       count += entry.path().filename().string().starts_with("state.mdb.damaged-");
     }
     return count;
   }
   static std::string key(int i) { return "member/" + std::to_string(i); }
 
-  ::Test::ScratchDirectory directory_;
+  std::string directory_ = testing::TempDir() + "statedb-test-XXXXXX";
   std::vector<std::string> messages_;
   std::string error_;
 };
@@ -165,7 +168,7 @@ TEST_F(LmdbStoreTest, OneProcessAtATimeAndOnlyInADirectory) {
   const auto store = open();
   EXPECT_FALSE(open());
   EXPECT_THAT(error_, HasSubstr("another process has this state store open"));
-  EXPECT_THAT(LmdbStore::open(directory_.path() + "/none", {}).error(), HasSubstr("No such file"));
+  EXPECT_THAT(LmdbStore::open(directory_ + "/none", {}).error(), HasSubstr("No such file"));
 }
 
 // A child writes without end and is killed. Each batch holds one generation under two keys, which must agree.
@@ -177,7 +180,7 @@ TEST_F(LmdbStoreTest, AKilledProcessLeavesWholeBatches) {
     const pid_t child = fork();
     if (child == 0) {
       close(told[0]);
-      auto opened = LmdbStore::open(directory_.path(), [](const std::string&) { _exit(3); });
+      auto opened = LmdbStore::open(directory_, [](const std::string&) { _exit(3); });
       if (!opened) _exit(2);
       const auto store = std::move(*opened);
       for (int i = lastSeen + 1;; ++i) {
@@ -260,8 +263,7 @@ TEST_F(LmdbStoreTest, ADamagedFileIsSetAsideAndAnEmptyOneIsStarted) {
 // A sound file must never be taken for a damaged one, whatever was done to the tree and its free list.
 TEST_F(LmdbStoreTest, TheCheckerAcceptsWhatLmdbWrites) {
   std::mt19937 random(7);
-  const int descriptor =
-      ::open((directory_.path() + "/state.mdb").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+  const int descriptor = ::open(file().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
   EXPECT_FALSE(Statedb::checkLmdbFile(descriptor)) << "an empty file";
   ::close(descriptor);
   auto store = open();

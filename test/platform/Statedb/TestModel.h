@@ -1,11 +1,7 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <array>
 #include <compare>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -144,19 +140,5 @@ inline void merge(const Mox::Ptr<Config>& config, std::string_view text) {
   if (!plan) throw std::logic_error(plan.error());
   plan.apply();
 }
-
-// A directory that goes with the test.
-class ScratchDirectory {
- public:
-  ScratchDirectory() {
-    char name[] = "/tmp/statedb-test-XXXXXX";
-    path_ = mkdtemp(name);
-  }
-  ~ScratchDirectory() { std::filesystem::remove_all(path_); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 }  // namespace Test
