@@ -41,27 +41,19 @@ TEST_F(Programs, tellWhatToDoNext) {
       {{}, 0, "Usage: arpsup.*Look:\n +status.*Change:.*Find out why:"},
       {{"--version"}, 0, "^arpsup [0-9]+\\.[0-9]+\\.[0-9]+\n$"},
       {{"explain", "--help"}, 0, "Examples:\n  arpsup explain 10 10\\.0\\.10\\.99\n.*--from"},
-      {{"remote", "load", "--help"}, 0, "Examples:\n  arpsup remote load"},
       {{"counters", "extra"}, 2, "unknown argument \"extra\"; see arpsup counters --help"},
       {{"statsu"}, 2, "unknown command \"statsu\", did you mean status\\?; see arpsup --help"},
-      {{"frobnicate"}, 2, "unknown command \"frobnicate\"; see arpsup --help"},
       {{"remote"}, 2, "one of add, del, clear, load is required; see arpsup remote --help"},
-      {{"remote", "dell"}, 2, "did you mean del\\?; see arpsup remote --help"},
       {{"counters", "--nonzro"}, 2, "unknown option \"--nonzro\", did you mean --nonzero\\?"},
-      {{"remote", "add", "10", "10.0.0.1"}, 2, "MAC is required; see arpsup remote add --help"},
       {{"remote", "add", "10", "10.0.0.1", "03:00:00:00:00:01"}, 2, "MAC \"03:00:00:00:00:01\" is not"},
       {{"remote", "del", "10", "10.0.0.1"}, 1, "there is no remote binding of 10.0.0.1 on VLAN 10"},
       {{"bindings", "lokal"}, 2, "KIND \"lokal\" is not local or remote"},
       {{"bindings", "local", "--vlan", "4095"}, 2, "--vlan \"4095\" is not a VLAN id from 1 to 4094"},
       {{"bindings", "local"}, 1, "no plug-in that is ready answers \"bindings\"; loaded: none"},
-      {{"explain", "0", "10.0.0.1"}, 2, "VLAN \"0\" is not a VLAN id from 1 to 4094"},
       {{"explain", "10", "fe80::1"}, 2, "IP \"fe80::1\" is not the IPv4 address of one host"},
-      {{"explain", "10", "10.0.0.256"}, 2, "IP \"10.0.0.256\" is not the IPv4 address of one host"},
-      {{"explain", "10", "10.0.0.1", "--from", "ff:ff:ff:ff:ff:ff"}, 2, "--from: MAC \"ff:.* is not"},
       {{"status"}, 0, "runnable: +false\nactiveVlans: +none\n.*\nreason: +no plug-in that is ready answers"},
       {{"counters"}, 1, "there are no counters: the plug-in ArpSuppression is not loaded"},
       {{"show", "evpn/nothing"}, 1, "evpn/nothing: there is no such path; allowed: .*evpn/status"},
-      {{"monitor", "evpn/status", "evpn/nothing"}, 1, "evpn/nothing: there is no such path; allowed: "},
       {{"set", "evpn/status", R"({"mplsConfigured": 1})"},
        1,
        "^arpsup: evpn/status: mplsConfigured: 1 is not true or false\n$"},
@@ -69,7 +61,6 @@ TEST_F(Programs, tellWhatToDoNext) {
       {{"apply", absent}, 1, "/absent: No such file"},
       {{"trace"}, 1, "no trace ring is there that can be read"},
       {{"trace", "--run-dir", absent}, 2, "/absent: No such file .*--run-dir"},
-      {{"trace", "--vlan", "x"}, 2, "--vlan \"x\" is not a VLAN id"},
       {{"trace", "--level", "6"}, 2, "--level: Value 6 not in range 0 to 5"},
   };
   const auto check = [](const Case& test, const Result& result) {
@@ -92,9 +83,7 @@ TEST_F(Programs, tellWhatToDoNext) {
   for (const Case& test : completions) {
     Strings command = {ARPSUP, "complete-words"};
     command.insert(command.end(), test.arguments.begin(), test.arguments.end());
-    Process process(command);
-    const int status = process.wait();
-    check(test, {status, process.output, process.error});
+    check(test, run(command));
   }
   daemon.reset();
   check({{}, 2, "no agent-host answers there .*start it, or name its run directory"}, arpsup({"show"}));
@@ -177,16 +166,13 @@ TEST(Arpsup, showsAgentAnswers) {
             R"({"vlan":10,"action":"reply","mac":"02:00:00:00:00:09","counter":{"id":8,"name":"replyRemote"},"summary":"answered",)"
             R"("facts":[{"fact":"a","value":true,"text":"first"},{"fact":"b","value":"x","text":"second"}]})";
         if (arguments.size() == 3) answer = "{\"facts\":[1]}";
-      } else if (arguments.size() == 1) {
-        answer = "[\n";
-        for (int i = 0; i < 5000; ++i) {
+      } else {
+        for (int i = 0; arguments.size() == 1 && i < 5000; ++i) {
           answer += std::string(i == 0 ? "" : ",\n") + R"({"vrf":"red","ip":"10.0.0.)" + std::to_string(i) +
                     R"(","vlan":10,"mac":"02:00:00:00:00:01","interface":"Ethernet1","dynamic":)" +
                     (i % 2 == 0 ? "true}" : "false}");
         }
-        answer += "\n]\n";
-      } else {
-        answer = "[\n]\n";
+        answer = "[\n" + answer + "\n]\n";
       }
       EXPECT_EQ(write(descriptor, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
     }
@@ -203,11 +189,9 @@ TEST(Arpsup, showsAgentAnswers) {
   Host::ControlCommands::Agents agents{Mox::make<Agent>()};
   Host::ControlServer server(host.scheduler(), *host.state, agents);
   ASSERT_EQ(server.listen(runDir.path()).error(), "");
-  const auto arpsup = [&](Strings arguments) -> Result {
+  const auto arpsup = [&](Strings arguments) {
     arguments.insert(arguments.begin(), {ARPSUP, "--run-dir", runDir.path()});
-    Process process(arguments);
-    const int status = process.wait([&] { host.settle(); });
-    return {status, process.output, process.error};
+    return run(arguments, {}, [&] { host.settle(); });
   };
   const Result table = arpsup({"bindings", "local"});
   EXPECT_EQ(table.status, 0) << table.error;

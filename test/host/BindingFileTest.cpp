@@ -38,54 +38,39 @@ TEST(BindingFile, readsCsvAndJsonLines) {
 
 TEST(BindingFile, namesEachBadLine) {
   const struct {
-    const char* line;
-    const char* problem;
-  } cases[] = {
-      {"0,10.0.0.1,02:00:00:00:00:01", "VLAN \"0\" is not a VLAN id"},
-      {"4095,10.0.0.1,02:00:00:00:00:01", "VLAN \"4095\""},
-      {"10,10.0.0.256,02:00:00:00:00:01", "IP \"10.0.0.256\" is not"},
-      {"10,0.0.0.0,02:00:00:00:00:01", "IP \"0.0.0.0\""},
-      {"10,224.0.0.1,02:00:00:00:00:01", "IP \"224.0.0.1\""},
-      {"10,255.255.255.255,02:00:00:00:00:01", "IP \"255.255.255.255\""},
-      {"10,ff02::1,02:00:00:00:00:01", "IP \"ff02::1\""},
-      {"10,,02:00:00:00:00:01", "IP \"\""},
-      {"10,10.0.0.1,00:00:00:00:00:00", "MAC \"00:00:00:00:00:00\" is not"},
-      {"10,10.0.0.1,01:00:00:00:00:01", "MAC \"01:00:00:00:00:01\""},
-      {"10,10.0.0.1,ff:ff:ff:ff:ff:ff", "MAC"},
-      {"10,10.0.0.1", "2 fields are not vlan,ip,mac"},
-      {"10", "1 field is not"},
-      {"10,10.0.0.1,02:00:00:00:00:01,true,x", "5 fields"},
-      {"10,10.0.0.1,02:00:00:00:00:01,yes", "localMultihomed \"yes\" is not true, false"},
-  };
-  for (const auto& test : cases) {
-    const Host::BindingFile file =
-        parseBindingFile(std::string("vlan,ip,mac\n\n") + test.line + "\n10,10.0.0.1,02:00:00:00:00:01\n");
-    ASSERT_EQ(file.badCount, 1u) << test.line;
-    EXPECT_EQ(file.badLines[0].number, 3u);
-    EXPECT_THAT(file.badLines[0].problem, HasSubstr(test.problem));
-    EXPECT_EQ(file.bindings.size(), 1u);
-  }
-  const std::string good = R"({"vlan":10,"ip":"10.0.0.1","mac":"02:00:00:00:00:01"})";
-  const struct {
-    std::string line;
-    const char* problem;
-  } jsonCases[] = {
-      {"[1]", "it is not a JSON object"},
-      {"{\"vlan\":10", "it is not a JSON object"},
-      {std::string(100000, '['), "it is not a JSON object"},
-      {R"({"vlan":10.5,"ip":"10.0.0.1","mac":"02:00:00:00:00:01"})", "vlan 10.5 is not a VLAN id"},
-      {R"({"vlan":-1,"ip":"10.0.0.1","mac":"02:00:00:00:00:01"})", "VLAN \"-1\""},
-      {R"({"vlan":10,"mac":"02:00:00:00:00:01"})", "IP \"\" is not"},
-      {R"({"vlan":10,"ip":7,"mac":"02:00:00:00:00:01"})", "ip 7 is not a string"},
-      {R"({"vlan":10,"ip":"10.0.0.1","mac":"02:00:00:00:00:01","localMultihomed":1})",
-       "localMultihomed 1 is not true or false"},
-      {R"({"vlan":10,"ip":"10.0.0.1","mac":"02:00:00:00:00:01","vni":1})", "unknown key \"vni\""},
-  };
-  for (const auto& test : jsonCases) {
-    const Host::BindingFile file = parseBindingFile(good + "\n" + test.line + "\n");
-    ASSERT_EQ(file.badCount, 1u) << test.line.substr(0, 80);
-    EXPECT_EQ(file.badLines[0].number, 2u);
-    EXPECT_THAT(file.badLines[0].problem, HasSubstr(test.problem));
+    const char* before;  // what the format is seen by
+    std::vector<std::pair<std::string, const char*>> linesAndProblems;
+  } formats[] = {
+      {"vlan,ip,mac\n10,10.0.0.1,02:00:00:00:00:01\n\n",
+       {{"0,10.0.0.1,02:00:00:00:00:01", "VLAN \"0\" is not a VLAN id"},
+        {"4095,10.0.0.1,02:00:00:00:00:01", "VLAN \"4095\""},
+        {"10,10.0.0.256,02:00:00:00:00:01", "IP \"10.0.0.256\" is not"},
+        {"10,0.0.0.0,02:00:00:00:00:01", "IP \"0.0.0.0\""},
+        {"10,ff02::1,02:00:00:00:00:01", "IP \"ff02::1\""},
+        {"10,10.0.0.1,00:00:00:00:00:00", "MAC \"00:00:00:00:00:00\" is not"},
+        {"10,10.0.0.1,ff:ff:ff:ff:ff:ff", "MAC"},
+        {"10,10.0.0.1", "2 fields are not vlan,ip,mac"},
+        {"10", "1 field is not"},
+        {"10,10.0.0.1,02:00:00:00:00:01,true,x", "5 fields"},
+        {"10,10.0.0.1,02:00:00:00:00:01,yes", "localMultihomed \"yes\" is not true, false"}}},
+      {"{\"vlan\":10,\"ip\":\"10.0.0.1\",\"mac\":\"02:00:00:00:00:01\"}\n\n\n",
+       {{"{\"vlan\":10", "it is not a JSON object"},
+        {std::string(100000, '['), "it is not a JSON object"},
+        {R"({"vlan":10.5,"ip":"10.0.0.1","mac":"02:00:00:00:00:01"})", "vlan 10.5 is not a VLAN id"},
+        {R"({"vlan":-1,"ip":"10.0.0.1","mac":"02:00:00:00:00:01"})", "VLAN \"-1\""},
+        {R"({"vlan":10,"mac":"02:00:00:00:00:01"})", "IP \"\" is not"},
+        {R"({"vlan":10,"ip":7,"mac":"02:00:00:00:00:01"})", "ip 7 is not a string"},
+        {R"({"vlan":10,"ip":"10.0.0.1","mac":"02:00:00:00:00:01","localMultihomed":1})",
+         "localMultihomed 1 is not true or false"},
+        {R"({"vlan":10,"ip":"10.0.0.1","mac":"02:00:00:00:00:01","vni":1})", "unknown key \"vni\""}}}};
+  for (const auto& format : formats) {
+    for (const auto& [line, problem] : format.linesAndProblems) {
+      const Host::BindingFile file = parseBindingFile(format.before + line + "\n");
+      ASSERT_EQ(file.badCount, 1u) << line.substr(0, 80);
+      EXPECT_EQ(file.badLines[0].number, 4u);
+      EXPECT_THAT(file.badLines[0].problem, HasSubstr(problem));
+      EXPECT_EQ(file.bindings.size(), 1u);
+    }
   }
   std::string many;
   for (int i = 0; i < 1000; ++i) many += "bad\n";

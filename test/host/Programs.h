@@ -115,6 +115,13 @@ struct Result {
   std::string error;
 };
 
+inline Result run(const Strings& command, const std::string& input = {},
+                  const std::function<void()>& meanwhile = {}) {
+  Process process(command, input);
+  const int status = process.wait(meanwhile);
+  return {status, process.output, process.error};
+}
+
 class Programs : public testing::Test {
  protected:
   // In a network namespace of the test's own, of which there is one agent-host.
@@ -135,9 +142,7 @@ class Programs : public testing::Test {
   }
   Result arpsup(Strings arguments, const std::string& input = {}) const {
     arguments.insert(arguments.begin(), {ARPSUP, "--run-dir", runDirectory});
-    Process process(arguments, input);
-    const int status = process.wait();
-    return {status, process.output, process.error};
+    return run(arguments, input);
   }
   json shown(const std::string& path) const {
     return json::parse(arpsup({"show", path, "--json"}).output, nullptr, false);

@@ -57,6 +57,10 @@ TEST(State, mergesTablesLikeTheTree) {
   EXPECT_EQ(fdb(), json({{"10 02:00:00:00:00:01", {{"entryType", "static"}, {"intf", "Ethernet3"}}}}));
   ASSERT_EQ(host.apply({{"bridging/status", {{"fdb", nullptr}}}}), "");
   EXPECT_EQ(fdb(), json::object());
+  // The VRF "default" keeps its id.
+  ASSERT_EQ(host.apply({{"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"5", "red"}}}}}}), "");
+  ASSERT_EQ(host.apply({{"vrf/vrfIdMapStatus", {{"vrfIdToName", nullptr}}}}), "");
+  EXPECT_EQ(host.show("vrf/vrfIdMapStatus"), json({{"vrfIdToName", {{"0", "default"}}}}));
 }
 
 TEST(State, appliesAllOrNothing) {
@@ -69,21 +73,17 @@ TEST(State, appliesAllOrNothing) {
     const char* error;
   } cases[] = {
       {"evpn/mplsConfig", {{"controlWord", true}}, "unknown key \"controlWord\""},
-      {"evpn/statuses", json::object(), "there is no such path"},
+      {"kni/ns/a/b/status", json::object(), "there is no such path"},
       {"arpSuppression/counter", json::object(), "ArpSuppression is loaded"},
-      {"arpSuppression/status", json::object(), "ArpSuppression is loaded"},
-      {"switch/config", json::object(), "cannot be set"},
+      {"switch/config", json::object(), "cannot be set; it follows"},
       {"arp/status", {{"arpEntry", {{"5 10.0.0.1", json::object()}}}}, "the key is not \"vrfId ip intf\""},
-      {"arp/status", {{"arpEntry", {{"5  Vlan10", json::object()}}}}, "the key is not"},
       {"arp/status",
        {{"arpEntry", {{"5 10.0.0.1 Vlan10", {{"mac", 5}}}}}},
        "[\"5 10.0.0.1 Vlan10\"].mac: 5 is not a MAC"},
-      {"arp/status", {{"arpEntry", 5}}, "5 is not an object by key"},
       {"arp/status", {{"entries", json::object()}}, "unknown key \"entries\"; allowed: arpEntry"},
       {"arp/status", json::array(), "a list is not an object of arpEntry"},
       {kRemote, {{"remoteBinding", {{"0 10.0.0.1", json::object()}}}}, "the key is not \"vlan ip\""},
       {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"0", "red"}}}}, "always has the id 0"},
-      {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"0", nullptr}}}}, "always has the id 0"},
       {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"3", "default"}}}}, "always has the id 0"},
       {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"16777215", "red"}}}}, "not a number from 0 to 16777214"},
       {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"5", std::string(101, 'x')}}}}, "vrfIdToName[\"5\"]"},
@@ -97,14 +97,6 @@ TEST(State, appliesAllOrNothing) {
     EXPECT_EQ(host.show("evpn/status")["mplsConfigured"], false) << test.path << test.content;
     EXPECT_EQ(host.show("bridging/status")["fdb"], json::object()) << test.path << test.content;
   }
-}
-
-TEST(State, keepsTheIdOfTheVrfDefault) {
-  RunDir runDir;
-  HostState host(runDir);
-  ASSERT_EQ(host.apply({{"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"5", "red"}}}}}}), "");
-  ASSERT_EQ(host.apply({{"vrf/vrfIdMapStatus", {{"vrfIdToName", nullptr}}}}), "");
-  EXPECT_EQ(host.show("vrf/vrfIdMapStatus"), json({{"vrfIdToName", {{"0", "default"}}}}));
 }
 
 // A table outlives its host; the next host says again what it holds, and entries that stay are never missing.
