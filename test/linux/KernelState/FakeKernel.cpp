@@ -238,10 +238,6 @@ void FakeKernel::Namespace::linkIs(std::uint32_t ifIndex, const Device& device) 
   entryIs(Table::links, {ifIndex, ""}, {ifIndex, message});
 }
 
-void FakeKernel::Namespace::addLink(const std::string& name, std::uint32_t ifIndex, const std::string& mac) {
-  linkIs(ifIndex, {name, mac});
-}
-
 void FakeKernel::Namespace::delLink(const std::string& name) {
   const std::uint32_t ifIndex = indexOf(name);
   for (const Table table : {Table::macs, Table::neighbours, Table::addresses}) {
@@ -252,15 +248,6 @@ void FakeKernel::Namespace::delLink(const std::string& name) {
   }
   entryDel(Table::links, {ifIndex, ""});
   devices_.erase(ifIndex);
-}
-
-void FakeKernel::Namespace::renameLink(const std::string& name, const std::string& newName) {
-  const std::uint32_t ifIndex = indexOf(name);
-  linkIs(ifIndex, {newName, devices_.at(ifIndex).mac});
-}
-
-void FakeKernel::Namespace::macIs(const std::string& name, const std::string& mac) {
-  linkIs(indexOf(name), {name, mac});
 }
 
 void FakeKernel::Namespace::addAddress(const std::string& device, const std::string& text, bool secondary) {
@@ -279,10 +266,6 @@ void FakeKernel::Namespace::addAddress(const std::string& device, const std::str
     return message;
   };
   entryIs(Table::addresses, {ifIndex, text}, {ifIndex, message});
-}
-
-void FakeKernel::Namespace::delAddress(const std::string& device, const std::string& text) {
-  entryDel(Table::addresses, {indexOf(device), text});
 }
 
 void FakeKernel::Namespace::addNeighbour(const std::string& device, const std::string& ip,
@@ -305,10 +288,6 @@ void FakeKernel::Namespace::addNeighbour(const std::string& device, const std::s
   entryIs(Table::neighbours, {ifIndex, ip}, {ifIndex, message});
 }
 
-void FakeKernel::Namespace::delNeighbour(const std::string& device, const std::string& ip) {
-  entryDel(Table::neighbours, {indexOf(device), ip});
-}
-
 void FakeKernel::Namespace::addMac(const std::string& bridge, const std::string& mac, const Mac& entry) {
   const std::uint32_t ifIndex = indexOf(bridge), port = indexOf(entry.port);
   const auto message = [=](std::uint16_t type) {
@@ -324,10 +303,6 @@ void FakeKernel::Namespace::addMac(const std::string& bridge, const std::string&
     return message;
   };
   entryIs(Table::macs, {ifIndex, mac}, {port, message});
-}
-
-void FakeKernel::Namespace::delMac(const std::string& bridge, const std::string& mac) {
-  entryDel(Table::macs, {indexOf(bridge), mac});
 }
 
 }  // namespace KernelState

@@ -41,17 +41,27 @@ class FakeKernel final : public KernelAccess {
     explicit Namespace(NamespaceId id) : id_(id) {}
 
     void addLink(const std::string& name, std::uint32_t ifIndex,
-                 const std::string& mac = "02:00:00:00:be:ef");
+                 const std::string& mac = "02:00:00:00:be:ef") {
+      linkIs(ifIndex, {name, mac});
+    }
     // With its addresses, neighbours and entries in MAC tables, as the kernel does it.
     void delLink(const std::string& name);
-    void renameLink(const std::string& name, const std::string& newName);
-    void macIs(const std::string& name, const std::string& mac);
+    void renameLink(const std::string& name, const std::string& newName) {
+      linkIs(indexOf(name), {newName, devices_.at(indexOf(name)).mac});
+    }
+    void macIs(const std::string& name, const std::string& mac) { linkIs(indexOf(name), {name, mac}); }
     void addAddress(const std::string& device, const std::string& prefix, bool secondary = false);
-    void delAddress(const std::string& device, const std::string& prefix);
+    void delAddress(const std::string& device, const std::string& prefix) {
+      entryDel(Table::addresses, {indexOf(device), prefix});
+    }
     void addNeighbour(const std::string& device, const std::string& ip, const Neighbour& neighbour = {});
-    void delNeighbour(const std::string& device, const std::string& ip);
+    void delNeighbour(const std::string& device, const std::string& ip) {
+      entryDel(Table::neighbours, {indexOf(device), ip});
+    }
     void addMac(const std::string& bridge, const std::string& mac, const Mac& entry);
-    void delMac(const std::string& bridge, const std::string& mac);
+    void delMac(const std::string& bridge, const std::string& mac) {
+      entryDel(Table::macs, {indexOf(bridge), mac});
+    }
 
     // Notifications get lost from here on, until overrun() says so to the listeners.
     void loses() { losing_ = true; }

@@ -23,13 +23,12 @@ class FdbTest : public AgentTest {
 
 TEST_F(FdbTest, EntriesOfTheKernelBecomeEntries) {
   starts();
-  struct Case {
+  const struct {
     const char* what;
     const char* bridge;
     FakeKernel::Mac mac;
     const char* entry;  // null: none
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"learned", "vlan10", {"Ethernet1", NUD_REACHABLE, 0, 0}, "learnedDynamic Ethernet1"},
       {"learned, old", "vlan10", {"Ethernet1", NUD_STALE, 0, 0}, "learnedDynamic Ethernet1"},
       {"by hand", "vlan10", {"Ethernet2", NUD_NOARP, 0, 0}, "static Ethernet2"},
@@ -44,15 +43,13 @@ TEST_F(FdbTest, EntriesOfTheKernelBecomeEntries) {
       {"a VLAN inside the bridge", "vlan10", {"Ethernet1", NUD_REACHABLE, 0, 7}, nullptr},
       {"a bridge of no VLAN", "br0", {"Ethernet1", NUD_REACHABLE, 0, 0}, nullptr},
   };
-  for (const Case& item : cases) {
+  for (const auto& item : cases) {
     SCOPED_TRACE(item.what);
     kernel.in().addMac(item.bridge, kHost, item.mac);
     settle();
-    if (item.entry) {
-      EXPECT_THAT(rig->macs(), ElementsAre(std::string("10 ") + kHost + " " + item.entry));
-    } else {
-      EXPECT_THAT(rig->macs(), IsEmpty());
-    }
+    std::vector<std::string> expected;
+    if (item.entry) expected.push_back(std::string("10 ") + kHost + " " + item.entry);
+    EXPECT_EQ(rig->macs(), expected);
     kernel.in().delMac(item.bridge, kHost);
     settle();
     EXPECT_THAT(rig->macs(), IsEmpty());
@@ -67,8 +64,6 @@ TEST_F(FdbTest, MovesArriveInOrderAndTheTableIsReadOnce) {
   starts();
   const auto fdb = Mox::dynamicPtrCast<Memtab::Bridging::Status>(*rig->sharedMemory()->mount(
       "bridging/status", "Memtab::Bridging::Status", Memtab::MountDescriptor::reader()));
-  const auto entry = [&](const char* rest) { return std::string("10 ") + kHost + " " + rest; };
-  EXPECT_THAT(rig->macs(), ElementsAre(entry("learnedDynamic Ethernet1")));
   // Readers hear of every change, and then see the last of those that came in one go.
   std::vector<std::string> told;
   Mox::Notifiee<Memtab::Bridging::Status> watch(fdb);
@@ -90,13 +85,6 @@ TEST_F(FdbTest, MovesArriveInOrderAndTheTableIsReadOnce) {
     kernel.in().addMac("vlan10", kHost, {port});
     EXPECT_THAT(heard(), ElementsAre(testing::EndsWith(port)));
   }
-  kernel.in().addMac("vlan10", kHost, {"Ethernet2"});
-  kernel.in().addMac("vlan10", kHost, {"core10"});
-  settle();
-  EXPECT_THAT(rig->macs(), ElementsAre(entry("evpnLearned core10")));
-  kernel.in().addMac("vlan10", kHost, {"Ethernet2"});
-  settle();
-  EXPECT_THAT(rig->macs(), ElementsAre(entry("learnedDynamic Ethernet2")));
   kernel.in().addMac("vlan10", kHost, {"Ethernet2", NUD_PERMANENT, 0, 0});  // the station is the switch now
   settle();
   EXPECT_THAT(rig->macs(), IsEmpty());
