@@ -115,7 +115,9 @@ class BenchSockets final : public Lanix::PacketSockets {
 // As in operation, in memory: the run directory is.
 class Directory {
  public:
-  Directory() { mkdtemp(path_.data()); }
+  Directory() {
+    if (mkdtemp(path_.data()) == nullptr) std::perror(path_.c_str()), std::exit(1);
+  }
   ~Directory() { std::filesystem::remove_all(path_); }
   std::unique_ptr<Statedb::Store> store() const {
     auto store = Statedb::LmdbStore::open(path_, {});
