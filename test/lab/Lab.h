@@ -11,10 +11,12 @@
 // sending, and what has not arrived before a frame that was sent later was not delivered at all. That is how
 // "nothing arrives" is tested without waiting.
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <optional>
 #include <span>
@@ -28,7 +30,14 @@ using Mac = std::array<std::uint8_t, 6>;
 using Ip = std::array<std::uint8_t, 4>;
 
 inline constexpr Mac kBroadcast{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
-inline constexpr std::chrono::milliseconds kPatience{5000};  // for what must happen
+// How much longer than usual what must happen may take: LAB_PATIENCE of the environment, a whole number, for
+// machines that are emulated.
+inline int patienceFactor() {
+  static const char* const text = std::getenv("LAB_PATIENCE");
+  static const int factor = text == nullptr ? 1 : std::max(1, std::atoi(text));
+  return factor;
+}
+inline const std::chrono::milliseconds kPatience{5000 * patienceFactor()};  // for what must happen
 
 void pinToOneCpu();
 
