@@ -91,22 +91,26 @@ Mox::Result<std::optional<Pair>> Pairs::find(const PairNames& names) const {
   return std::optional<Pair>({*outer, *inner});
 }
 
-Mox::Result<> Pairs::make(const PairSpec& spec) {
+Mox::Result<> Pairs::make(const PairSpec& wanted) {
   const ifinfomsg down = byIndex(0, IFF_NOARP);
   Message message(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
-  message.header(down).string(IFLA_IFNAME, spec.names.inner).u32(IFLA_MTU, spec.mtu).u32(IFLA_GROUP, kGroup);
-  if (spec.bridge != 0) message.u32(IFLA_MASTER, spec.bridge);
-  if (!spec.innerAddress.isZero())
-    message.bytes(IFLA_ADDRESS, std::as_bytes(std::span(spec.innerAddress.bytes())));
+  message.header(down)
+      .string(IFLA_IFNAME, wanted.names.inner)
+      .u32(IFLA_MTU, wanted.mtu)
+      .u32(IFLA_GROUP, kGroup);
+  if (wanted.bridge != 0) message.u32(IFLA_MASTER, wanted.bridge);
+  if (!wanted.innerAddress.isZero())
+    message.bytes(IFLA_ADDRESS, std::as_bytes(std::span(wanted.innerAddress.bytes())));
   message.nest(IFLA_LINKINFO, [&](Message& info) {
     info.string(IFLA_INFO_KIND, "veth").nest(IFLA_INFO_DATA, [&](Message& data) {
       data.nest(VETH_INFO_PEER, [&](Message& peer) {
-        peer.header(down).string(IFLA_IFNAME, spec.names.outer).u32(IFLA_MTU, spec.mtu);
+        peer.header(down).string(IFLA_IFNAME, wanted.names.outer).u32(IFLA_MTU, wanted.mtu);
       });
     });
   });
-  return Netlink::describe("device " + spec.names.outer + ": making the veth pair with " + spec.names.inner,
-                           requests_.request(std::move(message)));
+  return Netlink::describe(
+      "device " + wanted.names.outer + ": making the veth pair with " + wanted.names.inner,
+      requests_.request(std::move(message)));
 }
 
 Mox::Result<> Pairs::ipv6Off(const Link& end) {
@@ -134,10 +138,10 @@ Mox::Result<> Pairs::readAgain(const Link& end) {
                              [this](const Netlink::Received& message) { links_.apply(message); }));
 }
 
-Mox::Result<bool> Pairs::endIs(const Link& end, const PairSpec& spec) {
+Mox::Result<bool> Pairs::endIs(const Link& end, const PairSpec& wanted) {
   if (const auto off = ipv6Off(end); !off) return off.failure();
-  const bool inner = end.name == spec.names.inner;
-  const std::uint32_t master = inner ? spec.bridge : 0;
+  const bool inner = end.name == wanted.names.inner;
+  const std::uint32_t master = inner ? wanted.bridge : 0;
   bool stands = true;
   const auto write = [&](const char* step, Message&& message) -> Mox::Result<> {
     stands = false;
@@ -146,9 +150,9 @@ Mox::Result<bool> Pairs::endIs(const Link& end, const PairSpec& spec) {
   Mox::Result<> result;
   if (result && (end.flags & IFF_NOARP) == 0)
     result = write("turning ARP off", std::move(Message(RTM_SETLINK).header(byIndex(end.index, IFF_NOARP))));
-  if (result && end.mtu != spec.mtu)
+  if (result && end.mtu != wanted.mtu)
     result = write("setting its MTU",
-                   std::move(Message(RTM_SETLINK).header(byIndex(end.index)).u32(IFLA_MTU, spec.mtu)));
+                   std::move(Message(RTM_SETLINK).header(byIndex(end.index)).u32(IFLA_MTU, wanted.mtu)));
   if (result && inner && end.group != kGroup)
     result = write("putting it into the group of the pairs",
                    std::move(Message(RTM_SETLINK).header(byIndex(end.index)).u32(IFLA_GROUP, kGroup)));
@@ -167,16 +171,16 @@ Mox::Result<bool> Pairs::endIs(const Link& end, const PairSpec& spec) {
   return stands;
 }
 
-Mox::Result<bool> Pairs::shapeIs(const PairSpec& spec) {
-  const auto pair = find(spec.names);
+Mox::Result<bool> Pairs::shapeIs(const PairSpec& wanted) {
+  const auto pair = find(wanted.names);
   if (!pair) return pair.failure();
   if (!*pair) {
-    if (const auto made = make(spec); !made) return made.failure();
+    if (const auto made = make(wanted); !made) return made.failure();
     return false;
   }
-  const auto outer = endIs((*pair)->outer, spec);
+  const auto outer = endIs((*pair)->outer, wanted);
   if (!outer) return outer;
-  const auto inner = endIs((*pair)->inner, spec);
+  const auto inner = endIs((*pair)->inner, wanted);
   if (!inner) return inner;
   return *outer && *inner;
 }

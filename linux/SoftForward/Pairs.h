@@ -64,7 +64,7 @@ class Pairs {
 
   // Makes the pair, or makes the one of these names as specified: with that MTU, without ARP and IPv6, so that
   // the kernel's own stack sends nothing on it. Whether it is so already. An end that is made here is down.
-  Mox::Result<bool> shapeIs(const PairSpec& spec);
+  Mox::Result<bool> shapeIs(const PairSpec& wanted);
   // Both ends up; only for a pair that has its shape. Whether frames pass.
   Mox::Result<bool> upIs(const Pair& pair);
   // The program behind the device's driver, in generic mode: that puts no bound on the MTU and works with
@@ -86,8 +86,8 @@ class Pairs {
   void forget(Netlink::IfIndex ifIndex) { quiet_.erase(ifIndex); }
 
  private:
-  Mox::Result<> make(const PairSpec& spec);
-  Mox::Result<bool> endIs(const Netlink::Link& end, const PairSpec& spec);
+  Mox::Result<> make(const PairSpec& wanted);
+  Mox::Result<bool> endIs(const Netlink::Link& end, const PairSpec& wanted);
   Mox::Result<> readAgain(const Netlink::Link& end);
   Mox::Result<> ipv6Off(const Netlink::Link& end);
 
