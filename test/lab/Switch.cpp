@@ -216,7 +216,7 @@ std::string difference(const Counters& before, const Counters& after) {
   std::string text;
   for (const auto& [name, value] : after) {
     const bool beside =
-        std::ranges::any_of(kBeside, [&](const char* with) { return name.starts_with(with); });
+        std::ranges::any_of(kBeside, [&name = name](const char* with) { return name.starts_with(with); });
     if (beside) continue;
     const auto old = before.find(name);
     const std::int64_t change = value - (old == before.end() ? 0 : old->second);
