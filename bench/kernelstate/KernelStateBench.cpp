@@ -162,7 +162,7 @@ void vrfs(std::size_t count) {
 int main(int argc, char** argv) {
   const std::size_t entries = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 100000;
   // First, since the kernel has one neighbour table for all namespaces, and each dump goes through all of it.
-  for (const std::size_t count : {1, 1000, 4000}) vlans(count);
+  for (const std::size_t count : {1U, 1000U, 4000U}) vlans(count);
   vrfs(500);
   const std::string redName = "red-" + std::to_string(getpid());
   const Lab::Namespace leaf;
