@@ -43,6 +43,9 @@ unsigned readAttributes(const Netlink::Received& message) {
 }
 
 void readTables(const Netlink::Received& message) {
+  if (const auto vlans = Netlink::readBridgeVlans(message))
+    Fuzz::check(vlans->ifIndex != 0 && vlans->pvid < 4095 && (vlans->untagged & ~vlans->carried).none(),
+                "VLANs of a port", vlans->carried.to_string());
   if (const auto link = Netlink::readLink(message))
     Fuzz::check(link->index != 0 && !link->name.empty() && link->name.size() < 16,
                 "a device with a name that fits", link->name);

@@ -49,25 +49,31 @@ std::string check(const Policy& policy, std::size_t length) {
 
 }  // namespace
 
+std::optional<Attributes::Part> Attributes::next(Bytes& payload) {
+  if (payload.size() < sizeof(nlattr)) return std::nullopt;
+  nlattr header;
+  std::memcpy(&header, payload.data(), sizeof header);
+  Part part{static_cast<std::uint16_t>(header.nla_type & NLA_TYPE_MASK), header.nla_len, false, {}};
+  part.whole = header.nla_len >= sizeof header && header.nla_len <= payload.size();
+  if (!part.whole) return part;
+  part.value = payload.subspan(sizeof header, header.nla_len - sizeof header);
+  payload = payload.subspan(std::min<std::size_t>(payload.size(), NLA_ALIGN(header.nla_len)));
+  return part;
+}
+
 void Attributes::parse(Bytes payload) {
-  while (payload.size() >= sizeof(nlattr)) {
-    nlattr header;
-    std::memcpy(&header, payload.data(), sizeof header);
-    const unsigned attribute = header.nla_type & NLA_TYPE_MASK;
-    if (header.nla_len < sizeof header || header.nla_len > payload.size()) {
-      error_ =
-          refused(attribute, header.nla_len, "4 to the " + std::to_string(payload.size()) + " that are left");
+  while (const std::optional<Part> part = next(payload)) {
+    if (!part->whole) {
+      error_ = refused(part->attribute, part->length,
+                       "4 to the " + std::to_string(payload.size()) + " that are left");
       return;
     }
-    const Bytes value = payload.subspan(sizeof header, header.nla_len - sizeof header);
-    const std::size_t index = indexOf(static_cast<std::uint16_t>(attribute));
-    if (index < policy_.size()) {
-      error_ = check(policy_[index], value.size());
-      if (malformed()) return;
-      values_[index] = value;
-      present_ |= 1U << index;
-    }
-    payload = payload.subspan(std::min<std::size_t>(payload.size(), NLA_ALIGN(header.nla_len)));
+    const std::size_t index = indexOf(part->attribute);
+    if (index >= policy_.size()) continue;
+    error_ = check(policy_[index], part->value.size());
+    if (malformed()) return;
+    values_[index] = part->value;
+    present_ |= 1U << index;
   }
 }
 

@@ -85,7 +85,29 @@ class Attributes {
     return Attributes(find(attribute, Kind::nested).value_or(Bytes{}), policy);
   }
 
+  // What is inside each attribute of that number, where one stands for each entry of a list. Whether all of it
+  // is well-formed; `handle` gets those before the first that is not.
+  template <std::size_t N, class Handle>
+  static bool each(Bytes payload, std::uint16_t attribute, const Policy (&policy)[N], Handle&& handle) {
+    while (const std::optional<Part> part = next(payload)) {
+      if (!part->whole) return false;
+      if (part->attribute != attribute) continue;
+      const Attributes inside(part->value, policy);
+      if (inside.malformed()) return false;
+      handle(inside);
+    }
+    return true;
+  }
+
  private:
+  struct Part {
+    std::uint16_t attribute;
+    std::uint16_t length;  // what its header says
+    bool whole;            // that is possible; otherwise there is no value
+    Bytes value;
+  };
+  // Cuts the next one off; nothing when none is left.
+  static std::optional<Part> next(Bytes& payload);
   void parse(Bytes payload);
   std::size_t indexOf(std::uint16_t attribute) const;  // the table's size when it does not name the attribute
   std::optional<Bytes> find(std::uint16_t attribute, Kind kind) const;

@@ -1,5 +1,7 @@
 #include "Netlink/Route.h"
 
+#include <arpa/inet.h>
+#include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
@@ -31,8 +33,14 @@ constexpr Policy kLinkPolicy[] = {{IFLA_IFNAME, Kind::string, 2, kDeviceName},
                                   {IFLA_PROTINFO, Kind::nested}};
 constexpr Policy kXdpPolicy[] = {{IFLA_XDP_PROG_ID, Kind::u32}};
 constexpr Policy kInfoPolicy[] = {{IFLA_INFO_KIND, Kind::string, 1, kKindName},
+                                  {IFLA_INFO_DATA, Kind::nested},
                                   {IFLA_INFO_SLAVE_KIND, Kind::string, 1, kKindName},
                                   {IFLA_INFO_SLAVE_DATA, Kind::nested}};
+constexpr Policy kBridgePolicy[] = {{IFLA_BR_VLAN_FILTERING, Kind::u8}, {IFLA_BR_VLAN_PROTOCOL, Kind::u16}};
+constexpr Policy kVxlanPolicy[] = {{IFLA_VXLAN_COLLECT_METADATA, Kind::u8}};
+constexpr Policy kVlanEntryPolicy[] = {
+    {BRIDGE_VLANDB_ENTRY_INFO, Kind::bytes, sizeof(bridge_vlan_info), sizeof(bridge_vlan_info)},
+    {BRIDGE_VLANDB_ENTRY_RANGE, Kind::u16}};
 constexpr Policy kPortPolicy[] = {{IFLA_BRPORT_STATE, Kind::u8},
                                   {IFLA_BRPORT_LEARNING, Kind::u8},
                                   {IFLA_BRPORT_UNICAST_FLOOD, Kind::u8},
@@ -83,6 +91,14 @@ std::optional<Link> readLink(const Received& message) {
   link.ofBridge = header->ifi_family == AF_BRIDGE;
   const Attributes info = attributes.nested(IFLA_LINKINFO, kInfoPolicy);
   link.kind = info.string(IFLA_INFO_KIND).value_or("");
+  if (link.kind == "bridge") {
+    const Attributes bridge = info.nested(IFLA_INFO_DATA, kBridgePolicy);
+    link.filtersVlans = bridge.u8(IFLA_BR_VLAN_FILTERING).value_or(0) != 0;
+    link.vlanProtocol = ntohs(bridge.u16(IFLA_BR_VLAN_PROTOCOL).value_or(0));
+  } else if (link.kind == "vxlan") {
+    link.collectsMetadata =
+        info.nested(IFLA_INFO_DATA, kVxlanPolicy).u8(IFLA_VXLAN_COLLECT_METADATA).value_or(0) != 0;
+  }
   if (link.ofBridge) {
     link.port = portOf(attributes.nested(IFLA_PROTINFO, kPortPolicy));
   } else if (info.string(IFLA_INFO_SLAVE_KIND) == "bridge") {
@@ -127,6 +143,40 @@ std::optional<Neighbour> readNeighbour(const Received& message) {
     neighbour.confirmedAgo = times.ndm_confirmed / ticksPerSecond;
   }
   return neighbour;
+}
+
+std::optional<BridgeVlans> readBridgeVlans(const Received& message) {
+  constexpr std::uint16_t kHighest = 4094;
+  const auto header = message.header<br_vlan_msg>();
+  if (!header || header->family != AF_BRIDGE || header->ifindex == 0) return std::nullopt;
+  BridgeVlans vlans;
+  vlans.ifIndex = header->ifindex;
+  bool sound = true;
+  const bool whole =
+      Attributes::each(message.attributes(sizeof(br_vlan_msg)), BRIDGE_VLANDB_ENTRY, kVlanEntryPolicy,
+                       [&](const Attributes& entry) {
+                         const auto bytes = entry.bytes(BRIDGE_VLANDB_ENTRY_INFO);
+                         if (!bytes) return;
+                         bridge_vlan_info info;
+                         std::memcpy(&info, bytes->data(), sizeof info);
+                         const std::uint16_t last = entry.u16(BRIDGE_VLANDB_ENTRY_RANGE).value_or(info.vid);
+                         sound = sound && info.vid >= 1 && info.vid <= last && last <= kHighest;
+                         if (!sound) return;
+                         if ((info.flags & BRIDGE_VLAN_INFO_PVID) != 0) vlans.pvid = info.vid;
+                         for (std::size_t vid = info.vid; vid <= last; ++vid) {
+                           vlans.carried.set(vid);
+                           if ((info.flags & BRIDGE_VLAN_INFO_UNTAGGED) != 0) vlans.untagged.set(vid);
+                         }
+                       });
+  if (!whole || !sound) return std::nullopt;
+  return vlans;
+}
+
+Message bridgeVlansDump(IfIndex ifIndex) {
+  br_vlan_msg header{};
+  header.family = AF_BRIDGE;
+  header.ifindex = ifIndex;
+  return std::move(Message(RTM_GETVLAN).header(header));
 }
 
 Message linkDump() {

@@ -1,12 +1,13 @@
 #pragma once
 
-// The route netlink messages about devices and neighbours (rtnetlink(7); linux/if_link.h,
+// The route netlink messages about devices, neighbours and VLANs of bridges (rtnetlink(7); linux/if_link.h,
 // linux/if_bridge.h, linux/neighbour.h), read once for every plug-in, and the requests that dump them.
 //
 // A reader returns nothing for a message that is malformed, of another family, or about no device: nothing of
 // a message is used before its length, kind and range were checked. The message's type says whether the thing
 // is there or has gone; what a reader returns for a message of another type makes no sense.
 
+#include <bitset>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -46,6 +47,9 @@ struct Link {
   // it has gone. Only index, master, name, MTU, flags, MAC address and port are known then.
   bool ofBridge = false;
   std::optional<BridgePort> port;  // the device is a port of a bridge
+  bool filtersVlans = false;       // bridge: a frame's VLAN is that of its tag, or the port's
+  std::uint16_t vlanProtocol = 0;  // bridge: which tags these are, 0x8100 or 0x88a8
+  bool collectsMetadata = false;   // vxlan: one device for all networks; each frame says beside it which
 };
 // RTM_NEWLINK and RTM_DELLINK.
 std::optional<Link> readLink(const Received& message);
@@ -71,8 +75,23 @@ struct Neighbour {
 // RTM_NEWNEIGH and RTM_DELNEIGH of IPv4, IPv6 and bridges.
 std::optional<Neighbour> readNeighbour(const Received& message);
 
-// All devices; all neighbours of IPv4 and IPv6 (AF_UNSPEC) or of one family, AF_BRIDGE for the MAC tables.
+using VlanIds = std::bitset<4096>;
+
+// The VLANs that a bridge's port carries, or the bridge itself.
+struct BridgeVlans {
+  IfIndex ifIndex = 0;     // the port; the bridge, for what it carries itself
+  VlanIds carried;         // 1 to 4094
+  VlanIds untagged;        // of these, what leaves without a tag
+  std::uint16_t pvid = 0;  // whose frames come without a tag; 0: none are taken
+  friend bool operator==(const BridgeVlans&, const BridgeVlans&) = default;
+};
+// RTM_NEWVLAN and RTM_DELVLAN: what the message tells, which is the whole of it only in the messages of a dump
+// taken together. Which VLAN lost the PVID to another is not told of.
+std::optional<BridgeVlans> readBridgeVlans(const Received& message);
+
+// All devices; the VLANs of one bridge or port; all neighbours of IPv4 and IPv6 (AF_UNSPEC) or of one family, AF_BRIDGE for the MAC tables.
 Message linkDump();
+Message bridgeVlansDump(IfIndex ifIndex);
 Message neighbourDump(std::uint8_t family);
 
 }  // namespace Netlink

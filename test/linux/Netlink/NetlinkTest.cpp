@@ -117,6 +117,12 @@ TEST(Route, ReadsDevicesTheirPeersAndPorts) {
         .u32(IFLA_MASTER, 9);
     return message;
   };
+  const auto ofKind = [&](const char* kind, auto data) {
+    Message message = device(AF_UNSPEC, 7);
+    message.nest(IFLA_LINKINFO,
+                 [&](Message& info) { info.string(IFLA_INFO_KIND, kind).nest(IFLA_INFO_DATA, data); });
+    return readLink(Received(message.data())).value();
+  };
   const auto veth = [&](const char* slave) {
     Message message = device(AF_UNSPEC, 7);
     message.u32(IFLA_LINK, 8).u32(IFLA_MTU, 1500).u32(IFLA_GROUP, 5).nest(IFLA_LINKINFO, [&](Message& info) {
@@ -139,6 +145,16 @@ TEST(Route, ReadsDevicesTheirPeersAndPorts) {
   EXPECT_FALSE(ofBridge->ofBridge);
   // Of another master the same numbers mean something else.
   EXPECT_EQ(readLink(Received(veth("bond").data()))->port, std::nullopt);
+  // So do those of another kind of device.
+  const auto filters = [](Message& data) {
+    data.u8(IFLA_BR_VLAN_FILTERING, 1).u16(IFLA_BR_VLAN_PROTOCOL, 0x0081);
+  };
+  EXPECT_TRUE(ofKind("bridge", filters).filtersVlans);
+  EXPECT_EQ(ofKind("bridge", filters).vlanProtocol, 0x8100);
+  EXPECT_FALSE(ofKind("bond", filters).filtersVlans);
+  const auto collects = [](Message& data) { data.u8(IFLA_VXLAN_COLLECT_METADATA, 1); };
+  EXPECT_TRUE(ofKind("vxlan", collects).collectsMetadata);
+  EXPECT_FALSE(ofKind("gretap", collects).collectsMetadata);
   // Index 8 in another namespace is no device of this one.
   Message far = veth("bridge");
   EXPECT_EQ(readLink(Received(far.u32(IFLA_LINK_NETNSID, 0).data()))->peer, 0U);
@@ -155,6 +171,42 @@ TEST(Route, ReadsDevicesTheirPeersAndPorts) {
       readLink(Received(torn.nest(IFLA_PROTINFO, [](Message& in) { in.u32(IFLA_BRPORT_STATE, 3); }).data()))
           ->port,
       std::nullopt);
+}
+
+TEST(Route, ReadsTheVlansOfABridgesPort) {
+  struct Entry {
+    std::uint16_t flags;
+    std::uint16_t first;
+    std::uint16_t last;  // 0: no range
+  };
+  const auto told = [](const std::vector<Entry>& entries, std::size_t infoSize = sizeof(bridge_vlan_info)) {
+    Message message(RTM_NEWVLAN);
+    br_vlan_msg header{};
+    header.family = AF_BRIDGE;
+    header.ifindex = 7;
+    message.header(header);
+    for (const Entry& entry : entries) {
+      message.nest(BRIDGE_VLANDB_ENTRY, [&](Message& inside) {
+        const bridge_vlan_info info{entry.flags, entry.first};
+        inside.bytes(BRIDGE_VLANDB_ENTRY_INFO, std::as_bytes(std::span(&info, 1)).first(infoSize));
+        if (entry.last != 0) inside.u16(BRIDGE_VLANDB_ENTRY_RANGE, entry.last);
+      });
+    }
+    return readBridgeVlans(Received(message.data()));
+  };
+  constexpr std::uint16_t kPvidUntagged = BRIDGE_VLAN_INFO_PVID | BRIDGE_VLAN_INFO_UNTAGGED;
+  const auto vlans = told({{kPvidUntagged, 5, 0}, {0, 10, 12}, {0, 4094, 0}});
+  ASSERT_TRUE(vlans);
+  BridgeVlans expected{7, {}, {}, 5};
+  for (const std::size_t vid : {5, 10, 11, 12, 4094}) expected.carried.set(vid);
+  expected.untagged.set(5);
+  EXPECT_EQ(*vlans, expected);
+  EXPECT_TRUE(told({}));
+
+  for (const Entry& bad : {Entry{0, 0, 0}, Entry{0, 4095, 0}, Entry{0, 12, 10}, Entry{0, 10, 65535}})
+    EXPECT_FALSE(told({{0, 1, 0}, bad})) << bad.first << " to " << bad.last;
+  EXPECT_FALSE(told({{0, 10, 0}}, 3));
+  EXPECT_FALSE(readBridgeVlans(Received(Message(RTM_NEWVLAN).header(br_vlan_msg{}).data())));
 }
 
 // A kernel whose answers are written down. Answers quote the sequence numbers of what was sent.
