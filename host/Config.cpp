@@ -25,6 +25,7 @@ constexpr std::size_t kMaxFileBytes = std::size_t{64} << 20;
 constexpr std::size_t kMaxPathBytes = 1024;
 constexpr int kMaxTraceLevel = 9;
 constexpr std::uint32_t kMaxRefreshSeconds = 86400;
+constexpr const char* kDevice = "a kernel device name of at most 15 bytes";
 
 bool isAbsolute(const std::string& path) {
   return path.starts_with('/') && path.size() <= kMaxPathBytes && path.find('\0') == std::string::npos;
@@ -127,6 +128,7 @@ std::string pluginNames() {
 void readVrfs(Reader& reader, const std::string& key, const json& value, Config& config) {
   std::map<std::uint32_t, std::string> ids;
   std::map<std::string, std::string> namespaces;
+  std::map<std::string, std::string> devices;
   reader.eachKey(
       key, value, "an object of VRFs by name",
       [&](const std::string& at, const std::string& name, const json& content) {
@@ -145,13 +147,24 @@ void readVrfs(Reader& reader, const std::string& key, const json& value, Config&
                         [&](const auto& k, const auto& v) {
                           reader.number<std::uint32_t>(k, v, vrf.id, 1, Vrf::VrfIdMap::kNoVrfId - 1);
                         }},
-                       {"networkNamespace", [&](const auto& k, const auto& v) {
+                       {"networkNamespace",
+                        [&](const auto& k, const auto& v) {
                           reader.string(k, v, vrf.networkNamespace, isNamespaceName,
                                         "the name of a network namespace");
+                        }},
+                       {"device", [&](const auto& k, const auto& v) {
+                          reader.string(k, v, vrf.device, isDeviceName, kDevice);
                         }}});
         reader.required(at, content, "id");
-        reader.required(at, content, "networkNamespace");
         if (!reader.good()) return;
+        if (vrf.networkNamespace.empty() == vrf.device.empty()) {
+          const char* const found = vrf.device.empty() ? "neither \"networkNamespace\" nor \"device\" is"
+                                                       : "\"networkNamespace\" and \"device\" are";
+          return reader.fail(at,
+                             std::string(found) +
+                                 " there; allowed is exactly one: the network namespace or the VRF device "
+                                 "that the VRF is");
+        }
         if (vrf.networkNamespace == Lanix::kDefaultNamespace) {
           return reader.fail(at + ".networkNamespace",
                              "\"default\" is the host's own namespace, which the VRF \"default\" has");
@@ -159,18 +172,20 @@ void readVrfs(Reader& reader, const std::string& key, const json& value, Config&
         const auto [id, newId] = ids.emplace(vrf.id, at);
         if (!newId)
           return reader.fail(at + ".id", std::to_string(vrf.id) + " is the id of " + id->second + " already");
-        const auto [netNs, newNetNs] = namespaces.emplace(vrf.networkNamespace, at);
-        if (!newNetNs) {
-          return reader.fail(
-              at + ".networkNamespace",
-              describe(vrf.networkNamespace) + " is the namespace of " + netNs->second + " already");
+        const bool isDevice = !vrf.device.empty();
+        const std::string& place = isDevice ? vrf.device : vrf.networkNamespace;
+        const auto [holder, isNew] = (isDevice ? devices : namespaces).emplace(place, at);
+        if (!isNew) {
+          return reader.fail(at + (isDevice ? ".device" : ".networkNamespace"),
+                             describe(place) + " is the " + (isDevice ? "device" : "namespace") + " of " +
+                                 holder->second + " already");
         }
+        if (isDevice) vrf.networkNamespace = Lanix::kDefaultNamespace;
         config.vrfs[name] = vrf;
       });
 }
 
 void readVlans(Reader& reader, const std::string& key, const json& value, Config& config) {
-  const std::string device = "a kernel device name of at most 15 bytes";
   reader.eachKey(
       key, value, "an object of VLANs by id",
       [&](const std::string& at, const std::string& name, const json& content) {
@@ -178,16 +193,31 @@ void readVlans(Reader& reader, const std::string& key, const json& value, Config
         if (!vlanId || vlanId->toStrep() != name)
           return reader.fail(key, describe(name) + " is not " + Bridging::VlanId::allowed());
         VlanSettings vlan;
+        vlan.bridge = "vlan" + name;
         reader.object(
             at, content,
             {{"bridge",
-              [&](const auto& k, const auto& v) { reader.string(k, v, vlan.bridge, isDeviceName, device); }},
-             {"tunnelPorts", [&](const auto& k, const auto& v) {
-                reader.strings(k, v, vlan.tunnelPorts, isDeviceName, device);
+              [&](const auto& k, const auto& v) { reader.string(k, v, vlan.bridge, isDeviceName, kDevice); }},
+             {"tunnelPorts",
+              [&](const auto& k, const auto& v) {
+                reader.strings(k, v, vlan.tunnelPorts, isDeviceName, kDevice);
+              }},
+             {"vrf", [&](const auto& k, const auto& v) {
+                reader.string(k, v, vlan.vrf, isPrintable, "the name of a VRF");
               }}});
-        reader.required(at, content, "bridge");
         config.vlans[vlanId->value()] = vlan;
       });
+}
+
+// The VRFs may stand behind the VLANs in the file.
+void checkVlanVrfs(Reader& reader, const Config& config) {
+  for (const auto& [vlanId, vlan] : config.vlans) {
+    if (vlan.vrf.empty() || vlan.vrf == L3::VrfName::kDefault || config.vrfs.contains(vlan.vrf)) continue;
+    std::string names = "default";
+    for (const auto& [name, vrf] : config.vrfs) names += ", " + name;
+    reader.fail("vlans." + std::to_string(vlanId) + ".vrf",
+                describe(vlan.vrf) + " is not a VRF of this configuration; allowed: " + names);
+  }
 }
 
 void readState(Reader& reader, const std::string& key, const json& value, Config& config) {
@@ -241,6 +271,7 @@ Mox::Result<Config> parseConfig(std::string_view text, const std::string& file) 
                                      reader.number<int>(at, level, config.trace[name], 0, kMaxTraceLevel);
                                    });
                   }}});
+  checkVlanVrfs(reader, config);
   if (config.hardware && std::ranges::find(config.agents, "SoftForward") != config.agents.end()) {
     reader.fail("hardware", "true does not go with the agent SoftForward, whose traps nobody would read");
   }

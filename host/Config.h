@@ -16,11 +16,13 @@ inline constexpr const char* kDefaultRunDirectory = "/run/arp-suppression";
 struct VrfSettings {
   std::uint32_t id = 0;
   std::string networkNamespace;
+  std::string device;  // "": the VRF is the namespace
 };
 
 struct VlanSettings {
   std::string bridge;
   std::vector<std::string> tunnelPorts;
+  std::string vrf;  // "": whichever its interface is in
 };
 
 // The configuration file, checked as a whole. JSON; comments (// and /* */) are allowed.
@@ -28,10 +30,11 @@ struct VlanSettings {
 //   runDirectory            absolute path; default /run/arp-suppression
 //   hardware                true or false (default): traps and floods on the switch chip's device "fabric"
 //   agents                  list of plug-ins, in the order in which they start; default none
-//   vrfs                    by name: id (1 to 16777214) and networkNamespace, both unique; "default" needs
-//                           no entry
-//   vlans                   by VLAN id: bridge (a kernel device), tunnelPorts (list of kernel devices;
-//                           default none)
+//   vrfs                    by name: id (1 to 16777214), and either networkNamespace or device (a kernel VRF
+//                           device), each unique; "default" needs no entry
+//   vlans                   by VLAN id: bridge (a kernel device; default vlanN), tunnelPorts (list of kernel
+//                           devices; default none), vrf (the VRF that its interface must be in, "default" or
+//                           one of vrfs; default whichever it is in)
 //   state                   by path: what merges into that state before any plug-in starts
 //   featureDirectory        absolute path of the folder with the group files of feature switches; default
 //                           none

@@ -116,11 +116,13 @@ Mox::Result<> State::build(const Config& config) {
     const Mox::Ptr<Switch::VrfConfig> entity = switchConfig->vrfIs(name);
     entity->idIs(vrf.id);
     entity->networkNamespaceIs(vrf.networkNamespace);
+    entity->deviceIs(vrf.device);
   }
   for (const auto& [vlanId, vlan] : config.vlans) {
     const Mox::Ptr<Switch::VlanConfig> entity = switchConfig->vlanIs(Bridging::VlanId(vlanId));
     entity->bridgeIs(vlan.bridge);
     entity->tunnelPortsIs(vlan.tunnelPorts);
+    entity->vrfIs(vlan.vrf);
   }
   switchConfig->agentsIs(config.agents);
   switchConfig->neighborRefreshSecondsIs(config.neighborRefreshSeconds);

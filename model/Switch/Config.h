@@ -14,7 +14,7 @@
 
 namespace Switch {
 
-// A VRF and the kernel network namespace that it is.
+// A VRF: a kernel network namespace, or a VRF device of the host's own namespace with what is below it.
 class VrfConfig final : public Mox::Entity {
  public:
   explicit VrfConfig(Mox::String vrfName) : vrfName_(std::move(vrfName)) {}
@@ -22,13 +22,15 @@ class VrfConfig final : public Mox::Entity {
 
   MOX_ATTRIBUTE(Vrf::VrfIdMap::VrfId, id, 0)
   MOX_ATTRIBUTE(Lanix::NamespaceName, networkNamespace)
-  MOX_MEMBERS(id, networkNamespace)
+  // The VRF device's kernel name, with the namespace "default"; "": the VRF is the namespace.
+  MOX_ATTRIBUTE(Mox::String, device)
+  MOX_MEMBERS(id, networkNamespace, device)
 
  private:
   Mox::String vrfName_;
 };
 
-// A VLAN and the kernel bridge that it is.
+// A VLAN and the kernel bridge that it is, or that it is a VLAN of where that filters VLANs.
 class VlanConfig final : public Mox::Entity {
  public:
   explicit VlanConfig(Bridging::VlanId vlanId) : vlanId_(vlanId) {}
@@ -38,7 +40,9 @@ class VlanConfig final : public Mox::Entity {
   MOX_ATTRIBUTE(Mox::String, bridge)
   // Kernel names of the bridge's ports that lead to other switches; every other port is an access port.
   MOX_ATTRIBUTE(std::vector<Mox::String>, tunnelPorts)
-  MOX_MEMBERS(bridge, tunnelPorts)
+  // The VRF that its interface must be in to have layer 3; "": whichever it is in.
+  MOX_ATTRIBUTE(Mox::String, vrf)
+  MOX_MEMBERS(bridge, tunnelPorts, vrf)
 
  private:
   Bridging::VlanId vlanId_;

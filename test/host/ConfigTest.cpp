@@ -15,8 +15,10 @@ TEST(Config, takesEveryKeyAndComments) {
   const auto config = parseConfig(R"(// "{[ of a comment counts for nothing
     { /* "nor { here */ "runDirectory": "/tmp/a//b", "hardware": true,
       "agents": ["ArpSuppression", "ArpService"],
-      "vrfs": {"red": {"id": 5, "networkNamespace": "red"}, "blue": {"id": 16777214, "networkNamespace": "b"}},
-      "vlans": {"10": {"bridge": "vlan10", "tunnelPorts": ["core10", "core11"]}, "4094": {"bridge": "br0"}},
+      "vrfs": {"red": {"id": 5, "networkNamespace": "red"}, "blue": {"id": 16777214, "networkNamespace": "b"},
+               "green": {"id": 7, "device": "b"}},
+      "vlans": {"10": {"bridge": "vlan10", "tunnelPorts": ["core10", "core11"]}, "4094": {"bridge": "br0"},
+                "20": {"bridge": "br0", "vrf": "green"}, "30": {"vrf": "default"}},
       "state": {"bridging/config/": {"bridgeMacAddr": "02:00:00:00:be:ef", "vidToFidMap": {"10": 110}},
                 "bridging/status": {"fdb": {"10 02:00:00:00:00:01": {"entryType": "static", "intf": "Ethernet1"}}},
                 "kni/ns/red/status": {"interface": {"vlan10": {"ifIndex": 7}}}},
@@ -29,6 +31,9 @@ TEST(Config, takesEveryKeyAndComments) {
   EXPECT_THAT(config->agents, testing::ElementsAre("ArpService", "ArpSuppression"));
   EXPECT_EQ(config->vrfs.at("red").networkNamespace, "red");
   EXPECT_EQ(config->vrfs.at("blue").id, 16777214u);
+  EXPECT_EQ(config->vrfs.at("green").networkNamespace + " " + config->vrfs.at("green").device, "default b");
+  EXPECT_EQ(config->vlans.at(20).vrf, "green");
+  EXPECT_EQ(config->vlans.at(30).bridge, "vlan30");
   EXPECT_THAT(config->vlans.at(10).tunnelPorts, testing::ElementsAre("core10", "core11"));
   EXPECT_THAT(config->vlans.at(4094).tunnelPorts, testing::IsEmpty());
   EXPECT_EQ(config->state.size(), 3u);
@@ -66,6 +71,16 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
        "networkNamespace: \"../x\" is not the name"},
       {R"({"vrfs": {"red": {"id": 5, "networkNamespace": "default"}}})",
        "vrfs.red.networkNamespace: \"default\" is"},
+      {R"({"vrfs": {"red": {"id": 5}}})",
+       "vrfs.red: neither \"networkNamespace\" nor \"device\" is there; allowed is exactly one"},
+      {R"({"vrfs": {"red": {"id": 5, "networkNamespace": "r", "device": "r"}}})",
+       "vrfs.red: \"networkNamespace\" and \"device\" are there; allowed is exactly one"},
+      {R"({"vrfs": {"red": {"id": 5, "device": "a/b"}}})", "vrfs.red.device: \"a/b\" is not a kernel device"},
+      {R"({"vrfs": {"a": {"id": 5, "device": "r"}, "b": {"id": 6, "device": "r"}}})",
+       "vrfs.b.device: \"r\" is the device of vrfs.a already"},
+      {R"({"vlans": {"20": {"vrf": "red"}}, "vrfs": {"blue": {"id": 5, "device": "red"}}})",
+       "vlans.20.vrf: \"red\" is not a VRF of this configuration; allowed: default, blue"},
+      {R"({"vlans": {"20": {"vrf": ""}}})", "vlans.20.vrf: \"\" is not the name of a VRF"},
       {R"({"vrfs": {"default": {"id": 5, "networkNamespace": "r"}}})",
        "vrfs.default: the VRF \"default\" is always"},
       {R"({"vrfs": {"a": {"id": 5, "networkNamespace": "r"}, "b": {"id": 5, "networkNamespace": "s"}}})",
