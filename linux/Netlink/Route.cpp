@@ -37,6 +37,7 @@ constexpr Policy kInfoPolicy[] = {{IFLA_INFO_KIND, Kind::string, 1, kKindName},
                                   {IFLA_INFO_SLAVE_KIND, Kind::string, 1, kKindName},
                                   {IFLA_INFO_SLAVE_DATA, Kind::nested}};
 constexpr Policy kBridgePolicy[] = {{IFLA_BR_VLAN_FILTERING, Kind::u8}, {IFLA_BR_VLAN_PROTOCOL, Kind::u16}};
+constexpr Policy kVlanPolicy[] = {{IFLA_VLAN_ID, Kind::u16}};
 constexpr Policy kVxlanPolicy[] = {{IFLA_VXLAN_COLLECT_METADATA, Kind::u8}};
 constexpr Policy kVlanEntryPolicy[] = {
     {BRIDGE_VLANDB_ENTRY_INFO, Kind::bytes, sizeof(bridge_vlan_info), sizeof(bridge_vlan_info)},
@@ -91,6 +92,7 @@ std::optional<Link> readLink(const Received& message) {
   link.ofBridge = header->ifi_family == AF_BRIDGE;
   const Attributes info = attributes.nested(IFLA_LINKINFO, kInfoPolicy);
   link.kind = info.string(IFLA_INFO_KIND).value_or("");
+  link.masterKind = info.string(IFLA_INFO_SLAVE_KIND).value_or("");
   if (link.kind == "bridge") {
     const Attributes bridge = info.nested(IFLA_INFO_DATA, kBridgePolicy);
     link.filtersVlans = bridge.u8(IFLA_BR_VLAN_FILTERING).value_or(0) != 0;
@@ -98,10 +100,13 @@ std::optional<Link> readLink(const Received& message) {
   } else if (link.kind == "vxlan") {
     link.collectsMetadata =
         info.nested(IFLA_INFO_DATA, kVxlanPolicy).u8(IFLA_VXLAN_COLLECT_METADATA).value_or(0) != 0;
+  } else if (link.kind == "vlan") {
+    link.vlanId = info.nested(IFLA_INFO_DATA, kVlanPolicy).u16(IFLA_VLAN_ID).value_or(0);
+    link.lower = attributes.u32(IFLA_LINK).value_or(0);
   }
   if (link.ofBridge) {
     link.port = portOf(attributes.nested(IFLA_PROTINFO, kPortPolicy));
-  } else if (info.string(IFLA_INFO_SLAVE_KIND) == "bridge") {
+  } else if (link.masterKind == "bridge") {
     link.port = portOf(info.nested(IFLA_INFO_SLAVE_DATA, kPortPolicy));
   }
   return link;

@@ -41,6 +41,7 @@ struct Link {
   std::uint32_t xdpProgram = 0;  // id of the one that is attached; 0: none
   std::string name;              // 1 to 15 bytes
   std::string kind;              // "veth", "bridge" ...; empty for a physical device
+  std::string masterKind;        // of the device above: "bridge", "vrf" ...; empty: none
   std::string alias;             // the note that "ip link set DEVICE alias TEXT" makes; mostly empty
   Lanix::EthAddr mac;            // zero: not an Ethernet device
   // The message is the bridge's, about its port: RTM_DELLINK says that the device left the bridge, not that
@@ -49,6 +50,8 @@ struct Link {
   std::optional<BridgePort> port;  // the device is a port of a bridge
   bool filtersVlans = false;       // bridge: a frame's VLAN is that of its tag, or the port's
   std::uint16_t vlanProtocol = 0;  // bridge: which tags these are, 0x8100 or 0x88a8
+  std::uint16_t vlanId = 0;        // 802.1Q device ("vlan"): the one that it is an interface of
+  IfIndex lower = 0;               // and the device below it, by its index in that one's own namespace
   bool collectsMetadata = false;   // vxlan: one device for all networks; each frame says beside it which
 };
 // RTM_NEWLINK and RTM_DELLINK.
@@ -89,7 +92,8 @@ struct BridgeVlans {
 // taken together. Which VLAN lost the PVID to another is not told of.
 std::optional<BridgeVlans> readBridgeVlans(const Received& message);
 
-// All devices; the VLANs of one bridge or port; all neighbours of IPv4 and IPv6 (AF_UNSPEC) or of one family, AF_BRIDGE for the MAC tables.
+// All devices; the VLANs of one bridge or port; all neighbours of IPv4 and IPv6 (AF_UNSPEC) or of one family,
+// AF_BRIDGE for the MAC tables.
 Message linkDump();
 Message bridgeVlansDump(IfIndex ifIndex);
 Message neighbourDump(std::uint8_t family);
