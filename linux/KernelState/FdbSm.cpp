@@ -18,13 +18,12 @@ EntryType entryTypeOf(MacEntry::Kind kind, bool onTunnelPort) {
 
 FdbSm::FdbSm(Ptr<const NamespaceState> state, Ptr<const Switch::Config> config,
              Ptr<const Bridging::Config> bridgingConfig, Ptr<Memtab::Bridging::Status> bridgingStatus,
-             Switch::ProblemReporter& problems, const Ptr<Orb::TaskScheduler>& scheduler)
+             const Ptr<Orb::TaskScheduler>& scheduler)
     : WalkSmBase(scheduler, "KernelState MAC tables"),
       config_(std::move(config), [this] { handleConfig(); }),
       bridgingConfig_(std::move(bridgingConfig)),
       state_(std::move(state)),
-      bridgingStatus_(std::move(bridgingStatus)),
-      problems_(problems) {
+      bridgingStatus_(std::move(bridgingStatus)) {
   bridgingConfig_.on(Bridging::Config::vidToFidMapChanged, [this](Bridging::VlanId) { handleConfig(); });
   state_.on(NamespaceState::linkChanged, [this](IfIndex ifIndex) { handleLink(ifIndex); });
   derive();
@@ -43,7 +42,7 @@ void FdbSm::handleConfig() {
 void FdbSm::handleEntry(const Netlink::Neighbour& neighbour, bool gone, Word word) {
   const auto entry = macEntryOf(neighbour);
   if (!entry) return;
-  const Key key{entry->bridge, entry->mac};
+  const Key key{entry->bridge, entry->vlan, entry->mac};
   if (gone || entry->kind == MacEntry::Kind::own) {
     if (word == Word::dump) return;  // the sweep removes what is not said
     std::optional<Record> known;
@@ -78,66 +77,70 @@ void FdbSm::forget(const Key& key, const Record& record) {
 // Known at once, not with the walk: until then an entry on a tunnel port would pass for a local one.
 void FdbSm::handleLink(IfIndex ifIndex) {
   ports_.erase(ifIndex);
-  if (state_->linkHas(ifIndex)) {
-    deviceIs(ifIndex, state_->link(ifIndex).name);
-  } else {
-    deviceDel(ifIndex);
-  }
+  const Link link = state_->link(ifIndex);
+  const auto known = devices_.find(ifIndex);
+  if (known != devices_.end() && !(known->second == Device{link.name, link.filtersVlans})) deviceDel(ifIndex);
+  if (state_->linkHas(ifIndex)) deviceIs(ifIndex, {link.name, link.filtersVlans});
   if (onDevice_.has(ifIndex)) scheduleWalk();
 }
 
-void FdbSm::deviceIs(IfIndex ifIndex, const Mox::String& name) {
-  const auto bridge = configured_.find(name);
-  const auto [begin, end] = tunnels_.equal_range(name);
-  if (bridge == configured_.end() && begin == end) return;
-  if (!devices_.emplace(ifIndex, name).second) return;
+template <class Visit>
+void FdbSm::eachVlan(const Device& bridge, Visit visit) {
+  const auto vlans = configured_.find(bridge.name);
+  if (vlans == configured_.end()) return;
+  if (!bridge.filtersVlans) return visit(std::uint16_t{0}, vlans->second.front());
+  for (Vlan& vlan : vlans->second) visit(vlan.id, vlan);
+}
+
+void FdbSm::deviceIs(IfIndex ifIndex, const Device& device) {
+  const auto [begin, end] = tunnels_.equal_range(device.name);
+  if (begin == end && !configured_.contains(device.name)) return;
+  if (!devices_.emplace(ifIndex, device).second) return;
   for (auto at = begin; at != end; ++at) at->second->tunnelPorts.insert(ifIndex);
-  if (bridge == configured_.end()) return;
-  bridges_[ifIndex] = &bridge->second;
-  bridgesOfFid_.emplace(bridge->second.fid, ifIndex);
+  eachVlan(device, [&](std::uint16_t inside, Vlan& vlan) {
+    vlans_[{ifIndex, inside}] = &vlan;
+    placesOfFid_.emplace(vlan.fid, Place{ifIndex, inside});
+  });
 }
 
 void FdbSm::deviceDel(IfIndex ifIndex) {
   const auto device = devices_.extract(ifIndex);
   if (!device) return;
-  const auto [begin, end] = tunnels_.equal_range(device.mapped());
+  const auto [begin, end] = tunnels_.equal_range(device.mapped().name);
   for (auto at = begin; at != end; ++at) at->second->tunnelPorts.erase(ifIndex);
-  const auto bridge = bridges_.extract(ifIndex);
-  if (!bridge) return;
-  const auto [first, last] = bridgesOfFid_.equal_range(bridge.mapped()->fid);
-  bridgesOfFid_.erase(std::find_if(first, last, [&](const auto& item) { return item.second == ifIndex; }));
+  eachVlan(device.mapped(), [&](std::uint16_t inside, Vlan& vlan) {
+    const Place place{ifIndex, inside};
+    vlans_.erase(place);
+    const auto [first, last] = placesOfFid_.equal_range(vlan.fid);
+    placesOfFid_.erase(std::find_if(first, last, [&](const auto& item) { return item.second == place; }));
+  });
+}
+
+FdbSm::Vlan* FdbSm::vlanOf(const Key& key) const {
+  const auto vlan = vlans_.find({key.bridge, key.vlan});
+  return vlan == vlans_.end() ? nullptr : vlan->second;
 }
 
 void FdbSm::derive() {
   derive_ = false;
-  bridges_.clear();
-  bridgesOfFid_.clear();
+  vlans_.clear();
+  placesOfFid_.clear();
   devices_.clear();
   tunnels_.clear();
   configured_.clear();
   if (!config_) return;
-  const std::set<Bridging::VlanId> before = std::exchange(refused_, {});
-  const auto where = [](Bridging::VlanId vlanId) {
-    return "vlans." + std::to_string(vlanId.value()) + ".bridge";
-  };
   for (const auto& [vlanId, vlan] : config_->vlanCollection()) {
     const Bridging::Fid mapped = bridgingConfig_ ? bridgingConfig_->vidToFidMap(vlanId) : kNoFid;
-    const auto [bridge, isNew] = configured_.try_emplace(vlan->bridge());
-    if (isNew) {
-      bridge->second = {vlanId, mapped != kNoFid ? mapped : vlanId.value(), {}};
-      for (const Mox::String& port : vlan->tunnelPorts()) tunnels_.emplace(port, &bridge->second);
-    } else {
-      refused_.insert(vlanId);
-      problems_.problemIs(where(vlanId),
-                          vlan->bridge() + " is the bridge of VLAN " +
-                              std::to_string(bridge->second.vlanId.value()) + " already",
-                          "allowed is one bridge a VLAN");
+    configured_[vlan->bridge()].push_back({vlanId.value(), mapped != kNoFid ? mapped : vlanId.value(), {}});
+  }
+  for (auto& [name, vlans] : configured_) {
+    for (Vlan& vlan : vlans) {
+      for (const Mox::String& port : config_->vlan(Bridging::VlanId(vlan.id))->tunnelPorts())
+        tunnels_.emplace(port, &vlan);
     }
   }
-  for (const Bridging::VlanId vlanId : before) {
-    if (!refused_.contains(vlanId)) problems_.problemDel(where(vlanId));
-  }
-  for (const auto& [ifIndex, link] : state_->linkCollection()) deviceIs(ifIndex, link.name);
+  for (const auto& [ifIndex, link] : state_->linkCollection())
+    deviceIs(ifIndex, {link.name, link.filtersVlans});
 }
 
 bool FdbSm::walkStartedNotification() {
@@ -167,9 +170,9 @@ Lanix::IntfId FdbSm::intfOf(IfIndex port) {
 }
 
 void FdbSm::publish(const Key& key, Record& record) {
-  const auto bridge = bridges_.find(key.bridge);
+  const Vlan* const vlan = vlanOf(key);
   const Lanix::IntfId intf = intfOf(record.port);
-  const Bridging::Fid wanted = bridge == bridges_.end() || !intf ? kNoFid : bridge->second->fid;
+  const Bridging::Fid wanted = vlan && intf ? vlan->fid : kNoFid;
   if (record.fid != kNoFid && record.fid != wanted) {
     const Bridging::HostKey before{record.fid, key.mac};
     record.fid = kNoFid;
@@ -177,16 +180,17 @@ void FdbSm::publish(const Key& key, Record& record) {
   }
   if (wanted == kNoFid) return;
   record.fid = wanted;
-  const bool onTunnelPort = bridge->second->tunnelPorts.contains(record.port);
+  const bool onTunnelPort = vlan->tunnelPorts.contains(record.port);
   if (bridgingStatus_)
     bridgingStatus_->fdbIs({wanted, key.mac}, {entryTypeOf(record.kind, onTunnelPort), intf});
 }
 
-// Another bridge may stand for the same key: VLANs that share a forwarding database, a bridge made again.
+// Another bridge or VLAN may stand for the same key: VLANs that share a forwarding database, a bridge made
+// again.
 void FdbSm::withdraw(const Bridging::HostKey& key) {
-  const auto [begin, end] = bridgesOfFid_.equal_range(key.fid);
+  const auto [begin, end] = placesOfFid_.equal_range(key.fid);
   for (auto at = begin; at != end; ++at) {
-    const Key here{at->second, key.macAddress};
+    const Key here{at->second.first, at->second.second, key.macAddress};
     Record* record = mirror_.find(here);
     if (!record || !intfOf(record->port)) continue;
     publish(here, *record);

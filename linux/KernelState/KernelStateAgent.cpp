@@ -21,16 +21,16 @@ KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Or
     : tree_(mounts->tree),
       problems_(mounts->problems, "KernelState"),
       states_(Mox::make<NamespaceStates>()),
-      vrfs_(Mox::make<NamespaceVrfs>()),
+      vrfs_(Mox::make<VrfPlaces>()),
       owners_(Mox::make<VlanOwners>()),
       neighbourTable_(Mox::make<NeighbourTable>(mounts->arpStatus)),
       reconcileSm_(states_, mounts->arpStatus, mounts->bridgingStatus, mounts->vrfIdMap, scheduler),
       vrfSm_(mounts->config, states_, mounts->vrfIdMap, vrfs_, mounts->vrfStatusLocal, problems_, scheduler),
-      vlanInterfaceSm_(states_, vrfs_, owners_, mounts->ipStatus, scheduler),
+      vlanInterfaceSm_(mounts->config, states_, vrfs_, owners_, mounts->ipStatus, scheduler),
       intfStatusSm_(states_->stateIs(Lanix::kDefaultNamespace)),
       bridgeMacSm_(owners_, scheduler),
       fdbSm_(states_->state(Lanix::kDefaultNamespace), mounts->config, Ptr<const Bridging::Config>(),
-             mounts->bridgingStatus, problems_, scheduler),
+             mounts->bridgingStatus, scheduler),
       findTask_(scheduler, "KernelState entities", kFindLevel, [this] { findEntities(); }) {
   tree_.on(Statedb::EntityManager::entityChanged, [this](const std::string& path) {
     if (path == kIntfStatusPath || path == Statedb::cellPath(kIntfStatusLocalPath) ||
@@ -39,7 +39,7 @@ KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Or
   });
   reconcileSm_.writersAre(neighbourTable_, &vlanInterfaceSm_, &fdbSm_);
   findEntities();
-  namespaceManagerSm_.is(Ptr<const NamespaceVrfs>(vrfs_), Ptr<const VlanOwners>(owners_), &fdbSm_, states_,
+  namespaceManagerSm_.is(Ptr<const VrfPlaces>(vrfs_), Ptr<const VlanOwners>(owners_), &fdbSm_, states_,
                          neighbourTable_, mounts->tree, &problems_, scheduler);
 }
 

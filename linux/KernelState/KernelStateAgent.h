@@ -30,7 +30,7 @@ struct KernelStateMounts final : public Mox::Referenced {
 
 // The plug-in's reactors and what they tell each other:
 //
-//   config ► VrfSm ► VRFs of namespaces ► NamespaceManagerSm ► NamespaceSm ► devices, addresses, neighbours
+//   config ► VrfSm ► places of VRFs ► NamespaceManagerSm ► NamespaceSm ► devices, addresses, neighbours
 //   devices, addresses ► VlanInterfaceSm ► VLAN interfaces ► neighbours' publication, BridgeMacSm
 //   devices of the default namespace ► IntfStatusSm, FdbSm
 class KernelStateRootSm final : public Mox::Entity {
@@ -47,7 +47,7 @@ class KernelStateRootSm final : public Mox::Entity {
   Mox::Notifiee<Statedb::EntityManager> tree_;
   Switch::ProblemReporter problems_;
   Ptr<NamespaceStates> states_;
-  Ptr<NamespaceVrfs> vrfs_;
+  Ptr<VrfPlaces> vrfs_;
   Ptr<VlanOwners> owners_;
   Ptr<NeighbourTable> neighbourTable_;
   ReconcileSm reconcileSm_;

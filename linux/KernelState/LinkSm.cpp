@@ -24,7 +24,8 @@ void LinkSm::handleMessage(const Netlink::Received& message, Word word) {
     linkDel(read->index);
     mirror_.gone(read->index);
   } else if (mirror_.said(read->index, word)) {
-    linkIs(read->index, {read->name, read->mac});
+    linkIs(read->index, {read->name, read->mac, read->kind == "vrf", read->filtersVlans,
+                         read->masterKind == "vrf" ? read->master : 0, read->vlanId, read->lower});
   }
 }
 
@@ -34,17 +35,17 @@ bool LinkSm::sweep() {
 
 void LinkSm::linkIs(IfIndex ifIndex, const Link& link) {
   if (state_->linkHas(ifIndex) && state_->link(ifIndex).name != link.name) linkDel(ifIndex);
-  const auto holder = byName_.find(link.name);
-  if (holder != byName_.end() && holder->second != ifIndex) linkDel(holder->second);
-  byName_[link.name] = ifIndex;
+  const IfIndex holder = state_->device(link.name);
+  if (holder != 0 && holder != ifIndex) linkDel(holder);
   state_->linkIs(ifIndex, link);
+  state_->deviceIs(link.name, ifIndex);
   if (kernelNetInfo_) kernelNetInfo_->interfaceIs(link.name, {ifIndex});
 }
 
 void LinkSm::linkDel(IfIndex ifIndex) {
   if (!state_->linkHas(ifIndex)) return;
   const Mox::String name = state_->link(ifIndex).name;
-  byName_.erase(name);
+  state_->deviceDel(name);
   state_->linkDel(ifIndex);
   if (kernelNetInfo_) kernelNetInfo_->interfaceDel(name);
 }

@@ -31,7 +31,6 @@ class LinkSm final : public Mox::Entity {
   Ptr<NamespaceState> state_;
   Ptr<KernelNetInfo::Status> kernelNetInfo_;
   Mirror<IfIndex, Nothing> mirror_;
-  std::map<Mox::String, IfIndex> byName_;
 };
 
 // Keeps the IPv4 addresses of the devices of one namespace.

@@ -48,8 +48,8 @@ std::optional<Arp::Table::ArpEntry> entryOf(const Netlink::Neighbour& neighbour)
 
 std::optional<MacEntry> macEntryOf(const Netlink::Neighbour& entry) {
   if (entry.bridge == 0 || entry.mac.isZero() || entry.mac.isMulticast()) return std::nullopt;
-  if ((entry.flags & NTF_SELF) != 0 || entry.vlan != 0) return std::nullopt;
-  MacEntry result{entry.bridge, entry.ifIndex, entry.mac, MacEntry::Kind::learned};
+  if ((entry.flags & NTF_SELF) != 0) return std::nullopt;
+  MacEntry result{entry.bridge, entry.ifIndex, entry.vlan, entry.mac, MacEntry::Kind::learned};
   if ((entry.state & NUD_PERMANENT) != 0 || result.port == result.bridge) {
     result.kind = MacEntry::Kind::own;
   } else if ((entry.flags & NTF_EXT_LEARNED) != 0) {

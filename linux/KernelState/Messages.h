@@ -34,11 +34,12 @@ struct MacEntry {
   };
   IfIndex bridge = 0;
   IfIndex port = 0;
+  std::uint16_t vlan = 0;  // inside the bridge; 0: none
   Lanix::EthAddr mac;
   Kind kind = Kind::own;
 };
-// Of an entry of a bridge's MAC table. Entries without a bridge above them, entries of a VLAN inside a bridge
-// and group addresses are of no concern.
+// Of an entry of a bridge's MAC table. Entries without a bridge above them and group addresses are of
+// no concern.
 std::optional<MacEntry> macEntryOf(const Netlink::Neighbour& entry);
 
 enum class Table : std::uint8_t { links, addresses, neighbours, macs };

@@ -17,10 +17,9 @@ constexpr double kLastRetry = 5;
 
 }  // namespace
 
-NamespaceManagerSm::NamespaceManagerSm(Ptr<const NamespaceVrfs> vrfs, Ptr<const VlanOwners> owners,
-                                       FdbSm* fdb, Ptr<NamespaceStates> states,
-                                       Ptr<NeighbourTable> neighbourTable, Ptr<Statedb::EntityManager> tree,
-                                       Switch::ProblemReporter* problems,
+NamespaceManagerSm::NamespaceManagerSm(Ptr<const VrfPlaces> vrfs, Ptr<const VlanOwners> owners, FdbSm* fdb,
+                                       Ptr<NamespaceStates> states, Ptr<NeighbourTable> neighbourTable,
+                                       Ptr<Statedb::EntityManager> tree, Switch::ProblemReporter* problems,
                                        const Ptr<Orb::TaskScheduler>& scheduler)
     : vrfs_(std::move(vrfs)),
       owners_(std::move(owners)),
@@ -33,7 +32,7 @@ NamespaceManagerSm::NamespaceManagerSm(Ptr<const NamespaceVrfs> vrfs, Ptr<const 
       events_(KernelAccess::current().watchNamespaces()),
       retryDelay_(kFirstRetry),
       checkTask_(scheduler, "KernelState namespaces", kCheckLevel, [this] { check(); }) {
-  vrfs_.on(NamespaceVrfs::vrfChanged, [this](const Lanix::NamespaceName&) { handleNames(); });
+  vrfs_.on(VrfPlaces::vrfChanged, [this](const Lanix::NamespaceName&) { handleNames(); });
   for (const int descriptor : events_->descriptors()) {
     descriptors_.push_back(Mox::make<Orb::FileDescriptor>(scheduler->loop(), "KernelState namespaces"));
     readable_.push_back(std::make_unique<Mox::Notifiee<Orb::FileDescriptor>>(descriptors_.back()));
@@ -93,9 +92,8 @@ void NamespaceManagerSm::make(const Lanix::NamespaceName& name, Slot& slot) {
   const Ptr<NamespaceState> state = states_->stateIs(name);
   slot.watch = std::make_unique<Watch>(state);
   slot.watch->state.on(NamespaceState::attemptedChanged, [this] { updateStarted(); });
-  slot.sm =
-      Mox::make<NamespaceSm>(state, kernelNetInfo, vrfs_.notifier(), owners_, neighbourTable_,
-                             isDefault ? fdb_ : nullptr, *problems_, scheduler_, [this] { handleNames(); });
+  slot.sm = Mox::make<NamespaceSm>(state, kernelNetInfo, owners_, neighbourTable_, isDefault ? fdb_ : nullptr,
+                                   *problems_, scheduler_, [this] { handleNames(); });
 }
 
 // True: to be tried again soon.

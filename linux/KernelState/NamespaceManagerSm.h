@@ -20,7 +20,7 @@ namespace KernelState {
 // All namespaces are looked at in one pass, in slices.
 class NamespaceManagerSm final : public Mox::Entity {
  public:
-  NamespaceManagerSm(Ptr<const NamespaceVrfs> vrfs, Ptr<const VlanOwners> owners, FdbSm* fdb,
+  NamespaceManagerSm(Ptr<const VrfPlaces> vrfs, Ptr<const VlanOwners> owners, FdbSm* fdb,
                      Ptr<NamespaceStates> states, Ptr<NeighbourTable> neighbourTable,
                      Ptr<Statedb::EntityManager> tree, Switch::ProblemReporter* problems,
                      const Ptr<Orb::TaskScheduler>& scheduler);
@@ -46,7 +46,7 @@ class NamespaceManagerSm final : public Mox::Entity {
   void updateStarted();
   void handleNames();
 
-  Mox::Notifiee<const NamespaceVrfs> vrfs_;
+  Mox::Notifiee<const VrfPlaces> vrfs_;
   Ptr<const VlanOwners> owners_;
   FdbSm* fdb_;
   Ptr<NamespaceStates> states_;

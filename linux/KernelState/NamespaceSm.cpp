@@ -5,13 +5,13 @@
 namespace KernelState {
 
 NamespaceSm::NamespaceSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> kernelNetInfo,
-                         Ptr<const NamespaceVrfs> vrfs, Ptr<const VlanOwners> owners,
-                         Ptr<NeighbourTable> neighbourTable, FdbSm* fdb, Switch::ProblemReporter& problems,
-                         const Ptr<Orb::TaskScheduler>& scheduler, std::function<void()> changed)
+                         Ptr<const VlanOwners> owners, Ptr<NeighbourTable> neighbourTable, FdbSm* fdb,
+                         Switch::ProblemReporter& problems, const Ptr<Orb::TaskScheduler>& scheduler,
+                         std::function<void()> changed)
     : state_(std::move(state)),
       linkSm_(state_, std::move(kernelNetInfo)),
       addressSm_(state_),
-      neighbourSm_(state_, std::move(vrfs), std::move(owners), std::move(neighbourTable), scheduler),
+      neighbourSm_(state_, std::move(owners), std::move(neighbourTable), scheduler),
       fdb_(fdb),
       problems_(problems),
       changed_(std::move(changed)),

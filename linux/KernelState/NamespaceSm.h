@@ -19,8 +19,8 @@ class NamespaceSm final : public Mox::Entity, private RouteFeedClient {
   // `fdb` is null for a namespace whose bridges are of no concern. `changed` is called, from the feed's
   // tasks, when the namespace is closed or its sockets are broken: it is to schedule work only.
   NamespaceSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> kernelNetInfo,
-              Ptr<const NamespaceVrfs> vrfs, Ptr<const VlanOwners> owners, Ptr<NeighbourTable> neighbourTable,
-              FdbSm* fdb, Switch::ProblemReporter& problems, const Ptr<Orb::TaskScheduler>& scheduler,
+              Ptr<const VlanOwners> owners, Ptr<NeighbourTable> neighbourTable, FdbSm* fdb,
+              Switch::ProblemReporter& problems, const Ptr<Orb::TaskScheduler>& scheduler,
               std::function<void()> changed);
 
   const Ptr<NamespaceState>& state() const { return state_; }

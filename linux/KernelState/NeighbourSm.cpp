@@ -35,19 +35,14 @@ bool NeighbourTable::busy() const {
                      [](const NeighbourSm* publisher) { return publisher->walkScheduled(); });
 }
 
-NeighbourSm::NeighbourSm(Ptr<const NamespaceState> state, Ptr<const NamespaceVrfs> vrfs,
-                         Ptr<const VlanOwners> owners, Ptr<NeighbourTable> table,
-                         const Ptr<Orb::TaskScheduler>& scheduler)
+NeighbourSm::NeighbourSm(Ptr<const NamespaceState> state, Ptr<const VlanOwners> owners,
+                         Ptr<NeighbourTable> table, const Ptr<Orb::TaskScheduler>& scheduler)
     : WalkSmBase(scheduler, "KernelState neighbours of " + state->name()),
       state_(std::move(state)),
-      vrfs_(std::move(vrfs)),
       owners_(std::move(owners)),
       table_(std::move(table)) {
   table_->publishers_.push_back(this);
   state_.on(NamespaceState::linkChanged, [this](IfIndex ifIndex) { handleLink(ifIndex); });
-  vrfs_.on(NamespaceVrfs::vrfChanged, [this](const Lanix::NamespaceName& netNs) {
-    if (netNs == state_->name() && mirror_.size() != 0) scheduleWalk();
-  });
   owners_.on(VlanOwners::ownerChanged, [this](const Lanix::IntfId& intf) { handleOwner(intf); });
 }
 
@@ -83,7 +78,7 @@ void NeighbourSm::forget(const Key& key, Record& record) {
 void NeighbourSm::handleLink(IfIndex ifIndex) {
   const auto vlan = vlanInterfaces_.find(ifIndex);
   if (vlan == vlanInterfaces_.end() || state_->linkHas(ifIndex)) return;
-  devices_.erase(vlan->second);
+  devices_.erase(vlan->second.intf);
   vlanInterfaces_.erase(vlan);
   if (onDevice_.has(ifIndex)) scheduleWalk();
 }
@@ -93,9 +88,9 @@ void NeighbourSm::handleOwner(const Lanix::IntfId& intf) {
   const IfIndex now = owner.netNs == state_->name() ? owner.ifIndex : 0;
   const auto device = devices_.find(intf);
   const IfIndex before = device == devices_.end() ? 0 : device->second;
-  if (before == now) return;
+  if (before == now && (now == 0 || vlanInterfaces_[now].vrfId == owner.vrf.id)) return;
   if (before != 0) vlanInterfaces_.erase(before), devices_.erase(device);
-  if (now != 0) vlanInterfaces_[now] = intf, devices_[intf] = now;
+  if (now != 0) vlanInterfaces_[now] = {intf, owner.vrf.id}, devices_[intf] = now;
   if (onDevice_.has(before) || onDevice_.has(now)) scheduleWalk();
 }
 
@@ -118,9 +113,8 @@ Orb::WalkRet NeighbourSm::walk() {
 
 void NeighbourSm::publish(const Key& key, Record& record) {
   const auto vlan = vlanInterfaces_.find(key.ifIndex);
-  const Lanix::IntfId intf = vlan == vlanInterfaces_.end() ? Lanix::IntfId() : vlan->second;
-  const auto vrfId = intf ? vrfs_->vrf(state_->name()).id : Vrf::VrfIdMap::kNoVrfId;
-  const bool wanted = intf && vrfId != Vrf::VrfIdMap::kNoVrfId;
+  const auto [intf, vrfId] = vlan == vlanInterfaces_.end() ? Interface() : vlan->second;
+  const bool wanted = vrfId != Vrf::VrfIdMap::kNoVrfId;
   if (record.intf && !(wanted && record.intf == intf && record.vrfId == vrfId)) withdraw(key, record);
   if (!wanted) return;
   record.vrfId = vrfId;
@@ -136,10 +130,9 @@ void NeighbourSm::withdraw(const Key& key, Record& record) {
 }
 
 bool NeighbourSm::claim(const ArpKey& key) {
-  if (vrfs_->vrf(state_->name()).id != key.vrfId) return false;
-  const VlanOwner owner = owners_->owner(key.intfId);
-  if (owner.netNs != state_->name() || !vlanInterfaces_.contains(owner.ifIndex)) return false;
-  const Key here{owner.ifIndex, key.addr};
+  const auto device = devices_.find(key.intfId);
+  if (device == devices_.end() || vlanInterfaces_.at(device->second).vrfId != key.vrfId) return false;
+  const Key here{device->second, key.addr};
   Record* record = mirror_.find(here);
   if (!record) return false;
   publish(here, *record);

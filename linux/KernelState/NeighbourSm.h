@@ -40,8 +40,8 @@ class NeighbourTable final : public Mox::Referenced {
 // number changes, a walk brings what is published in step.
 class NeighbourSm final : public Orb::WalkSmBase {
  public:
-  NeighbourSm(Ptr<const NamespaceState> state, Ptr<const NamespaceVrfs> vrfs, Ptr<const VlanOwners> owners,
-              Ptr<NeighbourTable> table, const Ptr<Orb::TaskScheduler>& scheduler);
+  NeighbourSm(Ptr<const NamespaceState> state, Ptr<const VlanOwners> owners, Ptr<NeighbourTable> table,
+              const Ptr<Orb::TaskScheduler>& scheduler);
   ~NeighbourSm() override;
 
   // `gone`: the kernel has the neighbour no longer.
@@ -76,13 +76,16 @@ class NeighbourSm final : public Orb::WalkSmBase {
   void withdraw(const Key& key, Record& record);
 
   Mox::Notifiee<const NamespaceState> state_;
-  Mox::Notifiee<const NamespaceVrfs> vrfs_;
   Mox::Notifiee<const VlanOwners> owners_;
   Ptr<NeighbourTable> table_;
   Mirror<Key, Record> mirror_;
   Tally onDevice_;
-  // The devices of this namespace that are VLAN interfaces.
-  std::unordered_map<IfIndex, Lanix::IntfId> vlanInterfaces_;
+  // The devices of this namespace that are VLAN interfaces, with the VRF's number.
+  struct Interface {
+    Lanix::IntfId intf;
+    Vrf::VrfIdMap::VrfId vrfId = Vrf::VrfIdMap::kNoVrfId;
+  };
+  std::unordered_map<IfIndex, Interface> vlanInterfaces_;
   std::map<Lanix::IntfId, IfIndex> devices_;
   std::optional<Key> bookmark_;
 };

@@ -24,7 +24,13 @@ using Netlink::IfIndex;
 // One kernel device.
 struct Link {
   Mox::String name;
-  Lanix::EthAddr mac;  // zero: not an Ethernet device
+  Lanix::EthAddr mac;         // zero: not an Ethernet device
+  bool isVrf = false;         // a VRF device
+  bool filtersVlans = false;  // a bridge that does
+  IfIndex vrfDevice = 0;      // the one that it is below; 0: none
+  // An 802.1Q device: its VLAN, and the index of the device below it in whatever namespace that is.
+  std::uint16_t vlanId = 0;
+  IfIndex lower = 0;
   friend bool operator==(const Link&, const Link&) = default;
 };
 
@@ -39,6 +45,8 @@ class NamespaceState final : public Mox::Entity {
 
   // A device that is renamed goes and comes: a key's name never changes in place.
   MOX_MAP(IfIndex, Link, link)
+  // By name. Comes after the link, and goes before it.
+  MOX_MAP(Mox::String, IfIndex, device)
   MOX_MAP(IfIndex, Addresses, addresses)
   // The namespace was entered and its devices are published.
   MOX_ATTRIBUTE(bool, entered, false)
@@ -60,23 +68,28 @@ class NamespaceStates final : public Mox::Entity {
   MOX_ATTRIBUTE(bool, started, false)
 };
 
-// The VRF that a namespace is.
-struct VrfOfNamespace {
+// A VRF; without a name: none.
+struct VrfIdentity {
   Mox::String name;
   Vrf::VrfIdMap::VrfId id = Vrf::VrfIdMap::kNoVrfId;
-  friend bool operator==(const VrfOfNamespace&, const VrfOfNamespace&) = default;
+  explicit operator bool() const { return !name.empty(); }
+  friend bool operator==(const VrfIdentity&, const VrfIdentity&) = default;
 };
 
-class NamespaceVrfs final : public Mox::Entity {
+// Where the VRFs are: the one that each namespace is, and, within the default namespace, the one that each
+// VRF device is, whether it is there or not.
+class VrfPlaces final : public Mox::Entity {
  public:
-  MOX_MAP(Lanix::NamespaceName, VrfOfNamespace, vrf)
+  MOX_MAP(Lanix::NamespaceName, VrfIdentity, vrf)
+  MOX_MAP(Mox::String, VrfIdentity, deviceVrf)
 };
 
-// The device that is a VLAN interface, of those that have its name in one namespace or another.
+// The device that is a VLAN interface, of those that have its name in one namespace or another, and its VRF.
 struct VlanOwner {
   Lanix::NamespaceName netNs;
   IfIndex ifIndex = 0;
   Lanix::EthAddr mac;
+  VrfIdentity vrf;
   friend bool operator==(const VlanOwner&, const VlanOwner&) = default;
 };
 

@@ -13,13 +13,17 @@ using ::Vrf::VrfIdMap::kNoVrfId;
 }  // namespace
 
 VrfSm::VrfSm(Ptr<const Switch::Config> config, Ptr<const NamespaceStates> states,
-             Ptr<::Vrf::VrfIdMap::Status> vrfIdMap, Ptr<NamespaceVrfs> vrfs,
+             Ptr<::Vrf::VrfIdMap::Status> vrfIdMap, Ptr<VrfPlaces> vrfs,
              Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal, Switch::ProblemReporter& problems,
              const Ptr<Orb::TaskScheduler>& scheduler)
     : config_(std::move(config), [this] { updateTask_.schedule(); }),
       states_(std::move(states),
               [this](StateWatch::Notifiee& state) {
                 state.on(NamespaceState::enteredChanged, [this] { publishStates(); });
+                if (state->name() != Lanix::kDefaultNamespace) return;
+                state.on(NamespaceState::deviceChanged, [this](const Mox::String& name) {
+                  if (vrfs_->deviceVrfHas(name)) updateTask_.schedule();
+                });
               }),
       vrfIdMap_(std::move(vrfIdMap)),
       vrfs_(std::move(vrfs)),
@@ -33,7 +37,7 @@ VrfSm::VrfSm(Ptr<const Switch::Config> config, Ptr<const NamespaceStates> states
 VrfSm::Vrfs VrfSm::configured() {
   Vrfs vrfs;
   std::map<::Vrf::VrfIdMap::VrfId, Mox::String> holders{{kDefaultId, L3::VrfName::kDefault}};
-  vrfs[L3::VrfName::kDefault] = {kDefaultId, Lanix::kDefaultNamespace};
+  vrfs[L3::VrfName::kDefault] = {kDefaultId, Lanix::kDefaultNamespace, {}};
   if (!config_) return vrfs;
   for (const auto& [name, config] : config_->vrfCollection()) {
     if (name == L3::VrfName::kDefault) continue;
@@ -43,6 +47,7 @@ VrfSm::Vrfs VrfSm::configured() {
     }
     Vrf& vrf = vrfs[name];
     vrf.netNs = config->networkNamespace();
+    vrf.device = config->device();
     if (config->id() >= kNoVrfId) {
       wrong("vrfs." + name + ".id", std::to_string(config->id()),
             "allowed is 1 to " + std::to_string(kNoVrfId - 1));
@@ -64,7 +69,7 @@ void VrfSm::wrong(const Mox::String& where, const Mox::String& problem, const Mo
 void VrfSm::update() {
   const std::set<Mox::String> before = std::exchange(wrong_, {});
   const Vrfs wanted = configured();
-  // What goes is inactive before it loses its number and its namespace.
+  // What goes is inactive before it loses its number and its place.
   std::vector<Mox::String> gone;
   for (const auto& [name, status] : vrfStatusLocal_->vrfCollection()) {
     const auto vrf = wanted.find(name);
@@ -74,7 +79,7 @@ void VrfSm::update() {
   }
   for (const Mox::String& name : gone) vrfStatusLocal_->vrfDel(name);
   publishIds(wanted);
-  publishNamespaces(wanted);
+  publishPlaces(wanted);
   for (const auto& [name, vrf] : wanted) vrfStatusLocal_->vrfIs(name)->networkNamespaceIs(vrf.netNs);
   publishStates();
   for (const Mox::String& where : before) {
@@ -96,31 +101,55 @@ void VrfSm::publishIds(const Vrfs& wanted) {
   ids_ = std::move(ids);
 }
 
-void VrfSm::publishNamespaces(const Vrfs& wanted) {
+void VrfSm::publishPlaces(const Vrfs& wanted) {
   // The VRF "default" is always that of its namespace.
-  std::map<Lanix::NamespaceName, VrfOfNamespace> vrfs{
+  std::map<Lanix::NamespaceName, VrfIdentity> namespaces{
       {Lanix::kDefaultNamespace, {L3::VrfName::kDefault, kDefaultId}}};
+  std::map<Mox::String, VrfIdentity> devices;
+  devices_.clear();
   for (const auto& [name, vrf] : wanted) {
-    if (vrf.netNs.empty()) continue;
-    const auto [holder, isNew] = vrfs.emplace(vrf.netNs, VrfOfNamespace{name, vrf.id});
+    const bool isDevice = !vrf.device.empty();
+    const Mox::String& place = isDevice ? vrf.device : vrf.netNs;
+    if (place.empty()) continue;
+    if (isDevice) devices_[name] = place;
+    const auto [holder, isNew] = (isDevice ? devices : namespaces).emplace(place, VrfIdentity{name, vrf.id});
     if (!isNew && holder->second.name != name) {
-      wrong("vrfs." + name + ".networkNamespace",
-            vrf.netNs + " is that of VRF " + holder->second.name + ", whose devices are in it");
+      wrong("vrfs." + name + (isDevice ? ".device" : ".networkNamespace"),
+            place + " is that of VRF " + holder->second.name + ", whose interfaces are " +
+                (isDevice ? "below" : "in") + " it");
     }
   }
-  std::vector<Lanix::NamespaceName> gone;
+  std::vector<Mox::String> gone;
   for (const auto& [netNs, vrf] : vrfs_->vrfCollection()) {
-    if (!vrfs.contains(netNs)) gone.push_back(netNs);
+    if (!namespaces.contains(netNs)) gone.push_back(netNs);
   }
-  for (const Lanix::NamespaceName& netNs : gone) vrfs_->vrfDel(netNs);
-  for (const auto& [netNs, vrf] : vrfs) vrfs_->vrfIs(netNs, vrf);
+  for (const Lanix::NamespaceName& netNs : std::exchange(gone, {})) vrfs_->vrfDel(netNs);
+  for (const auto& [device, vrf] : vrfs_->deviceVrfCollection()) {
+    if (!devices.contains(device)) gone.push_back(device);
+  }
+  for (const Mox::String& device : gone) vrfs_->deviceVrfDel(device);
+  for (const auto& [netNs, vrf] : namespaces) vrfs_->vrfIs(netNs, vrf);
+  for (const auto& [device, vrf] : devices) vrfs_->deviceVrfIs(device, vrf);
 }
 
 void VrfSm::publishStates() {
-  for (const auto& [name, status] : vrfStatusLocal_->vrfCollection()) {
-    const auto state = states_->state(status->networkNamespace());
-    status->stateIs(state && state->entered() ? Ip::VrfState::active : Ip::VrfState::inactive);
-  }
+  for (const auto& [name, status] : vrfStatusLocal_->vrfCollection())
+    status->stateIs(isThere(*status) ? Ip::VrfState::active : Ip::VrfState::inactive);
+}
+
+bool VrfSm::isThere(const Ip::VrfStatusLocal& vrf) {
+  const auto state = states_->state(vrf.networkNamespace());
+  if (!state || !state->entered()) return false;
+  const auto device = devices_.find(vrf.vrfName());
+  if (device == devices_.end()) return true;
+  const IfIndex ifIndex = state->device(device->second);
+  if (ifIndex == 0) return false;
+  if (state->link(ifIndex).isVrf) return true;
+  if (vrfs_->deviceVrf(device->second).name != vrf.vrfName()) return false;
+  wrong("vrfs." + vrf.vrfName() + ".device",
+        device->second + " is no VRF device, so that the VRF has no interfaces",
+        "allowed is a device of kind \"vrf\"; give this one another name");
+  return false;
 }
 
 }  // namespace KernelState

@@ -14,20 +14,21 @@
 namespace KernelState {
 
 // Publishes the configured VRFs and their numbers, and which of them are active: those whose namespace has
-// been entered and has its devices published. The VRF "default" is always there, with number 0. Of several
-// VRFs that claim one number or one namespace the first by name has it.
+// been entered and has its devices published, their own among them if they have one. The VRF "default" is
+// always there, with number 0. Of several VRFs that claim one number, one namespace or one device the first
+// by name has it.
 class VrfSm final : public Mox::Entity {
  public:
   // `vrfIdMap` may be null.
   VrfSm(Ptr<const Switch::Config> config, Ptr<const NamespaceStates> states,
-        Ptr<Vrf::VrfIdMap::Status> vrfIdMap, Ptr<NamespaceVrfs> vrfs,
-        Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal, Switch::ProblemReporter& problems,
-        const Ptr<Orb::TaskScheduler>& scheduler);
+        Ptr<Vrf::VrfIdMap::Status> vrfIdMap, Ptr<VrfPlaces> vrfs, Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal,
+        Switch::ProblemReporter& problems, const Ptr<Orb::TaskScheduler>& scheduler);
 
  private:
   struct Vrf {
     ::Vrf::VrfIdMap::VrfId id = ::Vrf::VrfIdMap::kNoVrfId;
     Lanix::NamespaceName netNs;
+    Mox::String device;  // "": it is the namespace
   };
   using Vrfs = std::map<Mox::String, Vrf>;
 
@@ -36,17 +37,19 @@ class VrfSm final : public Mox::Entity {
   void wrong(const Mox::String& where, const Mox::String& problem, const Mox::String& allowed = {});
   void update();
   void publishIds(const Vrfs& wanted);
-  void publishNamespaces(const Vrfs& wanted);
+  void publishPlaces(const Vrfs& wanted);
   void publishStates();
+  bool isThere(const Ip::VrfStatusLocal& vrf);
 
   ConfigWatch config_;
   StateWatch states_;
   Ptr<::Vrf::VrfIdMap::Status> vrfIdMap_;
-  Ptr<NamespaceVrfs> vrfs_;
+  Ptr<VrfPlaces> vrfs_;
   Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal_;
   Switch::ProblemReporter& problems_;
   std::map<::Vrf::VrfIdMap::VrfId, Mox::String> ids_;  // as published
   std::set<Mox::String> wrong_;                        // in this update
+  std::map<Mox::String, Mox::String> devices_;         // of the VRFs that have one
   Orb::Task updateTask_;
 };
 

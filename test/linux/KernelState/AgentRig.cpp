@@ -45,17 +45,20 @@ AgentRig::AgentRig(const Orb::Clock& clock, const Memtab::Directory& directory)
 
 AgentRig::~AgentRig() { agent_ = nullptr; }
 
-void AgentRig::vrfIs(const std::string& name, Vrf::VrfIdMap::VrfId id, const std::string& netNs) {
+void AgentRig::vrfIs(const std::string& name, Vrf::VrfIdMap::VrfId id, const std::string& netNs,
+                     const std::string& device) {
   const auto vrf = config_->vrfIs(name);
   vrf->idIs(id);
+  vrf->deviceIs(device);
   vrf->networkNamespaceIs(netNs);
 }
 
 void AgentRig::vlanIs(std::uint16_t vlanId, const std::string& bridge,
-                      const std::vector<std::string>& tunnelPorts) {
+                      const std::vector<std::string>& tunnelPorts, const std::string& vrf) {
   const auto vlan = config_->vlanIs(Bridging::VlanId(vlanId));
   vlan->bridgeIs(bridge);
   vlan->tunnelPortsIs(tunnelPorts);
+  vlan->vrfIs(vrf);
 }
 
 void AgentRig::start() {

@@ -16,9 +16,10 @@ class AgentRig final : public Plugin::AgentHost {
   AgentRig(const Orb::Clock& clock, const Memtab::Directory& directory);
   ~AgentRig() override;
 
-  void vrfIs(const std::string& name, Vrf::VrfIdMap::VrfId id, const std::string& netNs);
+  void vrfIs(const std::string& name, Vrf::VrfIdMap::VrfId id, const std::string& netNs,
+             const std::string& device = "");
   void vlanIs(std::uint16_t vlanId, const std::string& bridge,
-              const std::vector<std::string>& tunnelPorts = {});
+              const std::vector<std::string>& tunnelPorts = {}, const std::string& vrf = "");
   void start();
 
   template <class E>

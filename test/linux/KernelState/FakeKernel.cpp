@@ -1,6 +1,7 @@
 #include "FakeKernel.h"
 
 #include <linux/if_addr.h>
+#include <linux/if_link.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <sys/eventfd.h>
@@ -233,19 +234,42 @@ void FakeKernel::Namespace::linkIs(std::uint32_t ifIndex, const Device& device) 
     Message message(type);
     message.header(header).string(IFLA_IFNAME, device.name);
     if (!device.mac.empty()) put(message, IFLA_ADDRESS, device.mac);
+    if (device.vrfDevice != 0) message.u32(IFLA_MASTER, device.vrfDevice);
+    if (device.lower != 0) message.u32(IFLA_LINK, device.lower);
+    message.nest(IFLA_LINKINFO, [&](Message& info) {
+      if (!device.kind.empty()) info.string(IFLA_INFO_KIND, device.kind);
+      info.nest(IFLA_INFO_DATA, [&](Message& data) {
+        if (device.kind == "bridge") data.u8(IFLA_BR_VLAN_FILTERING, device.filters ? 1 : 0);
+        if (device.kind == "vlan") data.u16(IFLA_VLAN_ID, device.vlanId);
+      });
+      if (device.vrfDevice != 0) info.string(IFLA_INFO_SLAVE_KIND, "vrf");
+    });
     return message;
   };
   entryIs(Table::links, {ifIndex, ""}, {ifIndex, message});
 }
 
-void FakeKernel::Namespace::delLink(const std::string& name) {
-  const std::uint32_t ifIndex = indexOf(name);
-  for (const Table table : {Table::macs, Table::neighbours, Table::addresses}) {
+void FakeKernel::Namespace::flush(std::uint32_t ifIndex, std::initializer_list<Table> tables) {
+  for (const Table table : tables) {
     const auto entries = entries_[table];
     for (const auto& [key, entry] : entries) {
       if (entry.device == ifIndex) entryDel(table, key);
     }
   }
+}
+
+void FakeKernel::Namespace::putBelow(const std::string& name, const std::string& vrfDevice) {
+  change(name, [&](Device& device) { device.vrfDevice = indexOf(vrfDevice); });
+  flush(indexOf(name), {Table::neighbours});
+}
+
+void FakeKernel::Namespace::delLink(const std::string& name) {
+  const std::uint32_t ifIndex = indexOf(name);
+  const auto devices = devices_;
+  for (const auto& [index, device] : devices) {
+    if (device.vrfDevice == ifIndex) putBelow(device.name, "");
+  }
+  flush(ifIndex, {Table::macs, Table::neighbours, Table::addresses});
   entryDel(Table::links, {ifIndex, ""});
   devices_.erase(ifIndex);
 }
@@ -302,7 +326,7 @@ void FakeKernel::Namespace::addMac(const std::string& bridge, const std::string&
     if (entry.vlan != 0) message.u16(NDA_VLAN, entry.vlan);
     return message;
   };
-  entryIs(Table::macs, {ifIndex, mac}, {port, message});
+  entryIs(Table::macs, {ifIndex, mac + " " + std::to_string(entry.vlan)}, {port, message});
 }
 
 }  // namespace KernelState

@@ -44,12 +44,25 @@ class FakeKernel final : public KernelAccess {
                  const std::string& mac = "02:00:00:00:be:ef") {
       linkIs(ifIndex, {name, mac});
     }
-    // With its addresses, neighbours and entries in MAC tables, as the kernel does it.
+    void addVrf(const std::string& name, std::uint32_t ifIndex) { linkIs(ifIndex, {name, "", "vrf"}); }
+    // An 802.1Q device; `lower` is an index.
+    void addVlan(const std::string& name, std::uint32_t ifIndex, std::uint32_t lower, std::uint16_t vlanId) {
+      linkIs(ifIndex, {name, "02:00:00:00:be:ef", "vlan", 0, false, lower, vlanId});
+    }
+    // With its addresses, neighbours and entries in MAC tables, as the kernel does it, and after what was
+    // below a VRF device has left it.
     void delLink(const std::string& name);
     void renameLink(const std::string& name, const std::string& newName) {
-      linkIs(indexOf(name), {newName, devices_.at(indexOf(name)).mac});
+      change(name, [&](Device& device) { device.name = newName; });
     }
-    void macIs(const std::string& name, const std::string& mac) { linkIs(indexOf(name), {name, mac}); }
+    void macIs(const std::string& name, const std::string& mac) {
+      change(name, [&](Device& device) { device.mac = mac; });
+    }
+    void filtersVlans(const std::string& bridge, bool filters) {
+      change(bridge, [&](Device& device) { device.kind = "bridge", device.filters = filters; });
+    }
+    // Below the VRF device ("": none any more), which loses it its neighbours.
+    void putBelow(const std::string& name, const std::string& vrfDevice);
     void addAddress(const std::string& device, const std::string& prefix, bool secondary = false);
     void delAddress(const std::string& device, const std::string& prefix) {
       entryDel(Table::addresses, {indexOf(device), prefix});
@@ -59,8 +72,8 @@ class FakeKernel final : public KernelAccess {
       entryDel(Table::neighbours, {indexOf(device), ip});
     }
     void addMac(const std::string& bridge, const std::string& mac, const Mac& entry);
-    void delMac(const std::string& bridge, const std::string& mac) {
-      entryDel(Table::macs, {indexOf(bridge), mac});
+    void delMac(const std::string& bridge, const std::string& mac, std::uint16_t vlan = 0) {
+      entryDel(Table::macs, {indexOf(bridge), mac + " " + std::to_string(vlan)});
     }
 
     // Notifications get lost from here on, until overrun() says so to the listeners.
@@ -81,6 +94,11 @@ class FakeKernel final : public KernelAccess {
     struct Device {
       std::string name;
       std::string mac;
+      std::string kind = {};
+      std::uint32_t vrfDevice = 0;
+      bool filters = false;
+      std::uint32_t lower = 0;
+      std::uint16_t vlanId = 0;
     };
     using Key = std::pair<std::uint32_t, std::string>;  // device (or bridge), and what the entry is for
     struct Entry {
@@ -89,6 +107,12 @@ class FakeKernel final : public KernelAccess {
     };
     std::uint32_t indexOf(const std::string& name) const;
     void linkIs(std::uint32_t ifIndex, const Device& device);
+    void change(const std::string& name, const std::function<void(Device&)>& how) {
+      Device device = devices_.at(indexOf(name));
+      how(device);
+      linkIs(indexOf(name), device);
+    }
+    void flush(std::uint32_t ifIndex, std::initializer_list<Table> tables);
     void entryIs(Table table, const Key& key, Entry entry);
     void entryDel(Table table, const Key& key);
     std::vector<Netlink::Message> snapshot(Table table);

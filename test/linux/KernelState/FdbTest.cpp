@@ -50,7 +50,7 @@ TEST_F(FdbTest, EntriesOfTheKernelBecomeEntries) {
     std::vector<std::string> expected;
     if (item.entry) expected.push_back(std::string("10 ") + kHost + " " + item.entry);
     EXPECT_EQ(rig->macs(), expected);
-    kernel.in().delMac(item.bridge, kHost);
+    kernel.in().delMac(item.bridge, kHost, item.mac.vlan);
     settle();
     EXPECT_THAT(rig->macs(), IsEmpty());
   }
@@ -136,6 +136,66 @@ TEST_F(FdbTest, PublicationFollowsConfigurationAndNames) {
       EXPECT_EQ(places(), item.places);
     } else {
       EXPECT_EQ(rig->macs().size(), 1u);
+    }
+  }
+}
+
+TEST_F(FdbTest, BridgeThatFiltersVlans) {
+  auto& host = kernel.in();
+  const auto config = rig->at<Bridging::Config>("bridging/config");
+  rig->vlanIs(10, "br0", {"core10"});
+  rig->vlanIs(20, "br0");
+  host.filtersVlans("br0", true);
+  starts();
+  const struct {
+    const char* what;
+    std::function<void()> happens;
+    std::vector<std::string> entries;  // without the address, which is the same
+  } cases[] = {
+      {"an entry of one VLAN",
+       [&] {
+         host.addMac("br0", kHost, {"Ethernet1", NUD_REACHABLE, 0, 20});
+       },
+       {"20 learnedDynamic Ethernet1"}},
+      {"the same address in another",
+       [&] {
+         host.addMac("br0", kHost, {"core10", NUD_REACHABLE, 0, 10});
+       },
+       {"10 evpnLearned core10", "20 learnedDynamic Ethernet1"}},
+      {"one's tunnel port is the other's access port",
+       [&] {
+         host.addMac("br0", kHost, {"core10", NUD_REACHABLE, 0, 20});
+       },
+       {"10 evpnLearned core10", "20 learnedDynamic core10"}},
+      {"of a VLAN that is not configured, and of none",
+       [&] {
+         host.addMac("br0", kHost, {"Ethernet1", NUD_REACHABLE, 0, 30});
+         host.addMac("br0", kHost, {"Ethernet2", NUD_REACHABLE, 0, 0});
+       },
+       {"10 evpnLearned core10", "20 learnedDynamic core10"}},
+      {"mapped",
+       [&] { config->vidToFidMapIs(Bridging::VlanId(20), 120); },
+       {"10 evpnLearned core10", "120 learnedDynamic core10"}},
+      {"it filters no longer: the lowest VLAN's",
+       [&] { host.filtersVlans("br0", false); },
+       {"10 learnedDynamic Ethernet2"}},
+      {"and again",
+       [&] { host.filtersVlans("br0", true); },
+       {"10 evpnLearned core10", "120 learnedDynamic core10"}},
+      {"shared forwarding database", [&] { config->vidToFidMapIs(Bridging::VlanId(10), 120); }, {""}},
+      {"one left", [&] { host.delMac("br0", kHost, 10); }, {"120 learnedDynamic core10"}},
+      {"gone", [&] { host.delMac("br0", kHost, 20); }, {}},
+  };
+  for (const auto& item : cases) {
+    SCOPED_TRACE(item.what);
+    item.happens();
+    settle();
+    std::vector<std::string> entries;
+    for (std::string line : rig->macs()) entries.push_back(line.erase(line.find(kHost), sizeof kHost));
+    if (item.entries == std::vector<std::string>{""}) {
+      EXPECT_EQ(entries.size(), 1u);  // either's
+    } else {
+      EXPECT_EQ(entries, item.entries);
     }
   }
 }

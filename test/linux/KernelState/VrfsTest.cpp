@@ -188,6 +188,93 @@ TEST_F(VrfsTest, ConfigurationAndNamespacesInAnyOrder) {
   EXPECT_EQ(kernel.openSources(), 1);
 }
 
+// The default namespace has the interfaces of VLANs 20 and 30 with one and the same network, and the VRF device
+// "blue" from time to time.
+TEST_F(VrfsTest, DevicesHoldVrfs) {
+  auto& host = kernel.in();
+  rig->config()->vrfDel("red");
+  rig->vrfIs("blue", 6, "default", "blue");
+  host.addLink("vlan20", 20), host.addLink("vlan30", 30);
+  host.addAddress("vlan20", "10.0.0.1/24"), host.addAddress("vlan30", "10.0.0.1/24");
+  starts();
+  const auto neighboursCome = [&] {
+    host.addNeighbour("vlan20", "10.0.0.9"), host.addNeighbour("vlan30", "10.0.0.9");
+  };
+  const auto problem = [&](const std::string& subject) {
+    const auto found = rig->at<Switch::Problems>(Switch::kProblemsPath)->problem("KernelState " + subject);
+    return found ? found->problem() : "";
+  };
+  const auto shown = [&] {
+    std::string text;
+    for (const std::string& vrf : rig->vrfs()) text += vrf == "default active default" ? "" : vrf + ", ";
+    text += "| " + rig->ip("Vlan20") + " | " + rig->ip("Vlan30") + " | ";
+    for (const std::string& neighbour : rig->neighbours()) text += neighbour.substr(0, 17) + ", ";
+    return text;
+  };
+  const char* const kDefault = "blue inactive default, | default 10.0.0.1/24 | default 10.0.0.1/24 | ";
+  const char* const kBlue = "blue active default, | blue 10.0.0.1/24 | default 10.0.0.1/24 | ";
+  const struct {
+    const char* what;
+    std::function<void()> happens;
+    std::string shown;
+  } cases[] = {
+      {"not there", [] {}, kDefault},
+      {"the device comes", [&] { host.addVrf("blue", 40); },
+       "blue active default, | default 10.0.0.1/24 | default 10.0.0.1/24 | "},
+      {"an interface is put below it", [&] { host.putBelow("vlan20", "blue"); }, kBlue},
+      {"one address in two VRFs", neighboursCome,
+       std::string(kBlue) + "0 10.0.0.9 Vlan30, 6 10.0.0.9 Vlan20, "},
+      {"another number", [&] { rig->vrfIs("blue", 7, "default", "blue"); },
+       std::string(kBlue) + "0 10.0.0.9 Vlan30, 7 10.0.0.9 Vlan20, "},
+      {"the device is renamed away", [&] { host.renameLink("blue", "x"); },
+       "blue inactive default, |  | default 10.0.0.1/24 | 0 10.0.0.9 Vlan30, "},
+      {"and is another VRF's", [&] { rig->vrfIs("red", 6, "default", "x"); },
+       "blue inactive default, red active default, | red 10.0.0.1/24 | default 10.0.0.1/24 | "
+       "0 10.0.0.9 Vlan30, 6 10.0.0.9 Vlan20, "},
+      {"and renamed back", [&] { rig->config()->vrfDel("red"), host.renameLink("x", "blue"); },
+       std::string(kBlue) + "0 10.0.0.9 Vlan30, 7 10.0.0.9 Vlan20, "},
+      {"it goes", [&] { host.delLink("blue"), host.delNeighbour("vlan30", "10.0.0.9"); },
+       "blue inactive default, |  | default 10.0.0.1/24 | "},
+      {"the interface is nowhere", [&] { passes(5); }, "blue inactive default, |  | default 10.0.0.1/24 | "},
+      {"until it is put somewhere",
+       [&] {
+         host.addVrf("green", 42), rig->vrfIs("green", 9, "default", "green"),
+             host.putBelow("vlan20", "green");
+       },
+       "blue inactive default, green active default, | green 10.0.0.1/24 | default 10.0.0.1/24 | "},
+      {"below a device of no VRF", [&] { rig->config()->vrfDel("green"); },
+       "blue inactive default, |  | default 10.0.0.1/24 | "},
+      {"gone as well", [&] { host.delLink("green"), settle(), passes(5); },
+       "blue inactive default, |  | default 10.0.0.1/24 | "},
+      {"or the device is back", [&] { host.addVrf("green", 43); }, kDefault},
+      {"taken out from below: not at once",
+       [&] {
+         host.addVrf("blue", 44), host.putBelow("vlan20", "blue"), settle(), host.putBelow("vlan20", "");
+       },
+       "blue active default, |  | default 10.0.0.1/24 | "},
+      {"taken out from below", [&] { passes(5); },
+       "blue active default, | default 10.0.0.1/24 | default 10.0.0.1/24 | "},
+      {"where the configuration wants it", [&] { rig->vlanIs(20, "vlan20", {}, "blue"); },
+       "blue active default, |  | default 10.0.0.1/24 | "},
+      {"it gets there", [&] { host.putBelow("vlan20", "blue"); }, kBlue},
+      {"the device goes, unheard", [&] { host.loses(), host.delLink("blue"), host.overrun(), passes(5); },
+       "blue inactive default, |  | default 10.0.0.1/24 | "},
+      {"configured to be where it fell", [&] { rig->vlanIs(20, "vlan20", {}, "default"); }, kDefault},
+      {"no VRF device", [&] { host.addLink("blue", 45); }, kDefault},
+      {"two VRFs of one device", [&] { rig->vrfIs("cyan", 9, "default", "blue"); },
+       "blue inactive default, cyan inactive default, | default 10.0.0.1/24 | default 10.0.0.1/24 | "},
+  };
+  const Reports reports;
+  for (const auto& item : cases) {
+    SCOPED_TRACE(item.what);
+    item.happens();
+    settle();
+    EXPECT_EQ(shown(), item.shown);
+  }
+  EXPECT_THAT(problem("vrfs.blue.device"), testing::HasSubstr("blue is no VRF device"));
+  EXPECT_THAT(problem("vrfs.cyan.device"), testing::HasSubstr("blue is that of VRF blue"));
+}
+
 // Slices of every length, and changes between any two of them.
 TEST_F(VrfsTest, ComesAndGoesBetweenAnyTwoSlices) {
   redComes();
