@@ -31,15 +31,17 @@ std::string ipTail(unsigned high, unsigned low) {
 }
 
 // "10.0.10.99 02:00:00:00:00:99 permanent 110", "10.0.10.99 02:00:00:00:00:99 dynamic", "10.0.10.99" for one
-// that the kernel cannot use; empty for what is no host's.
-std::string neighbourText(const Netlink::Received& message) {
+// that the kernel cannot use; empty for what is no host's, or another device's.
+std::string neighbourText(const Netlink::Received& message, std::uint32_t device) {
   constexpr Netlink::Policy kPolicy[] = {{NDA_DST, Netlink::Kind::bytes, 4, 16},
                                          {NDA_LLADDR, Netlink::Kind::bytes, 0, 32},
                                          {NDA_PROTOCOL, Netlink::Kind::u8}};
   const auto header = message.header<ndmsg>();
   const Netlink::Attributes attributes(message.attributes(sizeof(ndmsg)), kPolicy);
   const auto ip = attributes.bytes(NDA_DST);
-  if (!header || !ip || (header->ndm_state & NUD_NOARP) != 0) return {};
+  if (!header || static_cast<std::uint32_t>(header->ndm_ifindex) != device || !ip ||
+      (header->ndm_state & NUD_NOARP) != 0)
+    return {};
   char address[INET6_ADDRSTRLEN];
   inet_ntop(header->ndm_family, ip->data(), address, sizeof address);
   const auto lladdr = attributes.bytes(NDA_LLADDR);
@@ -52,24 +54,26 @@ std::string neighbourText(const Netlink::Received& message) {
          (permanent ? " permanent " + std::to_string(attributes.u8(NDA_PROTOCOL).value_or(0)) : " dynamic");
 }
 
-TextSet neighboursIn(const Namespace& where) {
+TextSet neighboursOf(const WholeSwitch::Vlan& vlan) {
   TextSet texts;
-  const Entered entered(where);
+  const Entered entered(*vlan.where);
+  const std::uint32_t device = ifIndex(vlan.device);
   Netlink::Socket socket(NETLINK_ROUTE);
   const auto dumped = socket.dump(
       Netlink::Message(RTM_GETNEIGH).header(ndmsg{}),
-      [&](const Netlink::Received& message) { texts.insert(neighbourText(message)); },
+      [&](const Netlink::Received& message) { texts.insert(neighbourText(message, device)); },
       [&] { texts.clear(); });
   EXPECT_TRUE(dumped) << dumped.error();
   std::erase_if(texts, [](const std::string& text) { return text.find(' ') == std::string::npos; });
   return texts;
 }
 
-// Hears what is done to the neighbours of a namespace.
+// Hears what is done to the neighbours of a VLAN's interface.
 class Monitor {
  public:
-  explicit Monitor(const Namespace& where) {
-    const Entered entered(where);
+  explicit Monitor(const WholeSwitch::Vlan& vlan) {
+    const Entered entered(*vlan.where);
+    device_ = ifIndex(vlan.device);
     socket_.emplace(NETLINK_ROUTE, Netlink::Options{.receiveBuffer = 64 << 20});
     EXPECT_TRUE(socket_->join(RTNLGRP_NEIGH));
   }
@@ -79,7 +83,7 @@ class Monitor {
     Netlink::Notifications result;
     do {
       result = socket_->receive([&](const Netlink::Received& message) {
-        const std::string text = neighbourText(message);
+        const std::string text = neighbourText(message, device_);
         if (!text.empty()) texts.insert(text);
       });
       EXPECT_FALSE(result.overrun);
@@ -89,9 +93,14 @@ class Monitor {
 
  private:
   std::optional<Netlink::Socket> socket_;
+  std::uint32_t device_ = 0;
 };
 
-void writeTo(const std::string& file, const std::string& value) {
+// A setting of the kernel for the VLAN's interface.
+void kernelOf(const WholeSwitch::Vlan& vlan, const std::string& group, const std::string& name,
+              const std::string& value) {
+  const Entered entered(*vlan.where);
+  const std::string file = "/proc/sys/net/" + group + "/" + vlan.device + "/" + name;
   std::ofstream out(file);
   out << value << std::flush;
   EXPECT_TRUE(out.good()) << file;
@@ -115,11 +124,11 @@ class Bindings : public WholeSwitch {
     EXPECT_TRUE(switch_.running()) << switch_.daemon().error;
     return had;
   }
-  void expectNeighbours(const Namespace& where, const TextSet& wanted) {
-    EXPECT_EQ(eventually(wanted, [&] { return neighboursIn(where); }), wanted);
+  void expectNeighbours(const Vlan& vlan, const TextSet& wanted) {
+    EXPECT_EQ(eventually(wanted, [&] { return neighboursOf(vlan); }), wanted);
   }
   void expectNeighbour(const std::string& wanted) {
-    const auto has = [&] { return neighboursIn(switch_.netNs()).contains(wanted); };
+    const auto has = [&] { return neighboursOf(vlan10_).contains(wanted); };
     EXPECT_TRUE(eventually(true, has)) << wanted;
   }
   void expectLocal(const TextSet& wanted) {
@@ -159,14 +168,10 @@ class Bindings : public WholeSwitch {
   double longestAnswer_ = 0;  // of ask()
 };
 
-TEST_F(Bindings, OfRemoteHostsAreKernelNeighboursThatNobodyTouchesAgain) {
-  const Namespace red("red");
-  json config = agents(vlan20Is(red));
-  writeTo("/proc/sys/net/ipv6/conf/vlan10/disable_ipv6", "0");
-  {
-    const Entered entered(red);
-    writeTo("/proc/sys/net/ipv6/conf/vlan20/disable_ipv6", "0");
-  }
+TEST_P(Bindings, OfRemoteHostsAreKernelNeighboursThatNobodyTouchesAgain) {
+  vlan20Is();
+  json config = agents();
+  for (const Vlan& vlan : {vlan10_, vlan20_}) kernelOf(vlan, "ipv6/conf", "disable_ipv6", "0");
   // On both VLANs, so that link-local addresses are in two places.
   json& bindings = config["state"][kBindings]["remoteBinding"];
   TextSet here = {"10.0.10.99 02:00:00:00:00:99 permanent 110"};
@@ -177,29 +182,29 @@ TEST_F(Bindings, OfRemoteHostsAreKernelNeighboursThatNobodyTouchesAgain) {
       neighbours->insert(std::string(ip) + " 02:00:00:00:00:98 permanent 110");
   }
   start(config, {10, 20});
-  expectNeighbours(red, there);
+  expectNeighbours(vlan20_, there);
   // The hosts that spoke at the start are known by what the kernel resolved.
   expectLocal({"10.0.10.11 02:00:00:00:00:11"});
   here.insert("10.0.10.11 02:00:00:00:00:11 dynamic");
-  expectNeighbours(switch_.netNs(), here);
+  expectNeighbours(vlan10_, here);
 
-  Monitor monitorHere(switch_.netNs());
-  Monitor monitorThere(red);
+  Monitor monitorHere(vlan10_);
+  Monitor monitorThere(vlan20_);
   switch_.set("routing/l2vpn/config", {{"selectiveArpInstall", true}});
   switch_.set("routing/l2vpn/config", {{"selectiveArpInstall", false}});
-  KernelState::addressIs("vlan10", "10.0.11.1/24");
-  {
-    const Entered entered(red);
-    vethIs("vlan30", "to-vlan30", outside_);
-    KernelState::addressIs("vlan20", "10.0.21.1/24");
+  for (const Vlan& vlan : {vlan10_, vlan20_}) {
+    const Entered entered(*vlan.where);
+    KernelState::addressIs(vlan.device, "10.0.1" + vlan.device.substr(4) + ".1/24");
+    if (vlan.id == 20) vethIs("vlan30", "to-vlan30", outside_);
   }
-  EXPECT_EQ(switch_.state("ip/status", "/ipIntfStatus/Vlan30/vrfName", "red"), "red");
+  const json vrf30 = vlan20_.where == &switch_.netNs() ? "default" : "red";
+  EXPECT_EQ(switch_.state("ip/status", "/ipIntfStatus/Vlan30/vrfName", vrf30), vrf30);
   const std::string last = "10.0.0.97 02:00:00:00:00:97 permanent 110";
   for (const char* vlan : {"10", "20"}) remote({"add", vlan, "10.0.0.97", "02:00:00:00:00:97"});
   here.insert(last);
   there.insert(last);
-  expectNeighbours(switch_.netNs(), here);
-  expectNeighbours(red, there);
+  expectNeighbours(vlan10_, here);
+  expectNeighbours(vlan20_, there);
   for (Monitor* monitor : {&monitorHere, &monitorThere}) EXPECT_THAT(monitor->heard(), ElementsAre(last));
 
   // What was added by hand is not advertised any more after a restart.
@@ -207,18 +212,18 @@ TEST_F(Bindings, OfRemoteHostsAreKernelNeighboursThatNobodyTouchesAgain) {
   start(config, {10, 20});
   here.erase(last);
   there.erase(last);
-  expectNeighbours(red, there);
-  expectNeighbours(switch_.netNs(), here);
+  expectNeighbours(vlan20_, there);
+  expectNeighbours(vlan10_, here);
   for (Monitor* monitor : {&monitorHere, &monitorThere})
     EXPECT_THAT(monitor->heard(), ElementsAre("10.0.0.97"));
 
   switch_.stop();
-  EXPECT_THAT(neighboursIn(red), IsEmpty());
-  EXPECT_THAT(neighboursIn(switch_.netNs()), ElementsAre("10.0.10.11 02:00:00:00:00:11 dynamic"));
+  EXPECT_THAT(neighboursOf(vlan20_), IsEmpty());
+  EXPECT_THAT(neighboursOf(vlan10_), ElementsAre("10.0.10.11 02:00:00:00:00:11 dynamic"));
 }
 
-TEST_F(Bindings, FollowAStationThatMoves) {
-  writeTo("/proc/sys/net/ipv6/conf/vlan10/disable_ipv6", "0");
+TEST_P(Bindings, FollowAStationThatMoves) {
+  kernelOf(vlan10_, "ipv6/conf", "disable_ipv6", "0");
   start(agents());
   const std::string host1 = "10.0.10.11 02:00:00:00:00:11";
   const std::string station[] = {"10.0.10.99", "10.0.10.98", "2001:db8::99"};
@@ -263,17 +268,16 @@ TEST_F(Bindings, FollowAStationThatMoves) {
   switch_.stop();
 }
 
-TEST_F(Bindings, OfASilentHostGoWithItsNeighbour) {
+TEST_P(Bindings, OfASilentHostGoWithItsNeighbour) {
   const std::pair<const char*, const char*> times[] = {
       {"base_reachable_time_ms", "200"}, {"delay_first_probe_time", "0"}, {"retrans_time_ms", "100"}};
-  for (const auto& [name, value] : times)
-    writeTo(std::string("/proc/sys/net/ipv4/neigh/vlan10/") + name, value);
+  for (const auto& [name, value] : times) kernelOf(vlan10_, "ipv4/neigh", name, value);
   start(agents({{"neighborRefreshSeconds", 1}}));
   host2_->send(announcement(kHost2, kHost2Ip));
   const std::string host1 = "10.0.10.11 02:00:00:00:00:11";
   expectLocal({host1, "10.0.10.12 02:00:00:00:00:12"});
   // Host 1 answers when it is asked for, host 2 does not.
-  const Mac own = macOf("vlan10");
+  const Mac own = macOf(vlan10_);
   int asked = 0;
   const auto answering = [&] {
     while (const auto frame = host1_->receive(std::chrono::milliseconds(0))) {
@@ -289,8 +293,8 @@ TEST_F(Bindings, OfASilentHostGoWithItsNeighbour) {
   EXPECT_TRUE(eventually(true, [&] { return answering() != TextSet{host1} || asked > before + 1; }));
   EXPECT_EQ(local(), TextSet{host1});
   const TextSet left = {"10.0.10.11 02:00:00:00:00:11 dynamic", "10.0.10.99 02:00:00:00:00:99 permanent 110"};
-  EXPECT_EQ(neighboursIn(switch_.netNs()), left);
-  EXPECT_GT(switch_.shown({"show", "arp/service/status"})["vrf"]["default"]["probes"], 2);
+  EXPECT_EQ(neighboursOf(vlan10_), left);
+  EXPECT_GT(switch_.shown({"show", "arp/service/status"})["vrf"][vlan10_.vrf]["probes"], 2);
   switch_.stop();
 }
 
@@ -306,7 +310,7 @@ void flushPort(const std::string& port) {
       })));
 }
 
-TEST_F(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
+TEST_P(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
   constexpr int kSenders = 10'000;
   constexpr int kBurst = 50;  // between two questions
   // The address sanitizer would keep what is freed.
@@ -315,7 +319,7 @@ TEST_F(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
   start(agents());
   std::uint64_t resident[3] = {};
   for (std::uint64_t& pages : resident) {
-    Monitor monitor(switch_.netNs());
+    Monitor monitor(vlan10_);
     TextSet senders;
     for (int i = 0; i < kSenders; ++i) {
       const auto high = static_cast<std::uint8_t>(i >> 8);
@@ -337,7 +341,7 @@ TEST_F(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
     const TextSet left = {"10.0.10.99 02:00:00:00:00:99 permanent 110"};
     const auto permanent = [&] {
       ask();
-      TextSet neighbours = neighboursIn(switch_.netNs());
+      TextSet neighbours = neighboursOf(vlan10_);
       std::erase_if(neighbours, [](const std::string& text) { return text.ends_with("dynamic"); });
       return neighbours;
     };
@@ -350,11 +354,11 @@ TEST_F(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
   switch_.stop();
 }
 
-TEST_F(Bindings, AHundredThousandAreTakenOverAfterAKill) {
+TEST_P(Bindings, AHundredThousandAreTakenOverAfterAKill) {
   constexpr int kAll = 100'000;
   constexpr int kWithdrawn = 1'000;
-  const Namespace red("red");
-  json config = agents(vlan20Is(red));
+  vlan20Is();
+  json config = agents();
   start(config, {10, 20});
   const std::string file = switch_.runDirectory() + "-bindings.csv";  // goes with the switch
   json& advertised = config["state"][kBindings]["remoteBinding"];
@@ -381,23 +385,25 @@ TEST_F(Bindings, AHundredThousandAreTakenOverAfterAKill) {
     EXPECT_EQ(switch_.state("arp/service/status", "/vrf/red", programmed), programmed);
   };
   expectProgrammed(kAll + 1);
-  EXPECT_EQ(neighboursIn(red).size(), kAll + 1);
+  EXPECT_EQ(neighboursOf(vlan20_).size(), kAll + 1);
 
   switch_.kill();
-  Monitor monitor(red);
+  Monitor monitor(vlan20_);
   start(config, {10, 20});
   constexpr std::size_t kLeft = kAll + 1 - kWithdrawn;
   const auto present = [&] {
     for (int i = 0; i < 10; ++i) ask();
-    return neighboursIn(red).size();
+    return neighboursOf(vlan20_).size();
   };
   EXPECT_EQ(eventually(kLeft, present), kLeft);
   expectProgrammed(kLeft);
   EXPECT_EQ(monitor.heard(), withdrawn) << "nothing else was written or removed";
   EXPECT_EQ(switch_.shown({"show", "arp/input/config/arpSuppression"})["vrf"]["red"]["ipv4"].size(), kLeft);
   switch_.stop();
-  EXPECT_THAT(neighboursIn(red), IsEmpty());
+  EXPECT_THAT(neighboursOf(vlan20_), IsEmpty());
 }
+
+INSTANTIATE_TEST_SUITE_P(Layouts, Bindings, testing::ValuesIn(kLayouts), nameOf);
 
 }  // namespace
 }  // namespace Lab

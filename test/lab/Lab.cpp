@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <stdexcept>
@@ -98,6 +99,20 @@ void pinToOneCpu() {
     if (sched_setaffinity(0, sizeof one, &one) != 0) failErrno("pinning the thread to a CPU");
     return;
   }
+}
+
+std::string run(const std::string& command) {
+  FILE* const pipe = popen((command + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) failErrno(command);
+  std::string output;
+  std::array<char, 4096> bytes;
+  while (const std::size_t got = fread(bytes.data(), 1, bytes.size(), pipe)) output.append(bytes.data(), got);
+  if (pclose(pipe) == 0) return output;
+  for (const char* lacking : {"Operation not supported", "Unknown device type"}) {
+    if (output.find(lacking) != std::string::npos)
+      throw Unsupported("this kernel refuses \"" + command + "\": " + output);
+  }
+  fail(command + ": " + output);
 }
 
 Namespace::Namespace(const std::string& name) {
@@ -292,6 +307,8 @@ void PacketSocket::markIs(std::uint32_t mark) {
 }
 
 bool PacketSocket::trySend(std::span<const std::byte> frame) {
+  Frame onTrunk;
+  if (vlan_) frame = onTrunk = tagged(Frame(frame.begin(), frame.end()), *vlan_);
   return ::send(fd_, frame.data(), frame.size(), 0) == static_cast<ssize_t>(frame.size());
 }
 
@@ -318,9 +335,10 @@ std::optional<Frame> PacketSocket::receive(std::chrono::milliseconds patience) {
     if (part->cmsg_level != SOL_PACKET || part->cmsg_type != PACKET_AUXDATA) continue;
     tpacket_auxdata auxiliary;
     std::memcpy(&auxiliary, CMSG_DATA(part), sizeof auxiliary);
-    if ((auxiliary.tp_status & TP_STATUS_VLAN_VALID) != 0) return tagged(frame, auxiliary.tp_vlan_tci);
+    if ((auxiliary.tp_status & TP_STATUS_VLAN_VALID) == 0) continue;
+    return auxiliary.tp_vlan_tci == vlan_ ? frame : tagged(frame, auxiliary.tp_vlan_tci);
   }
-  return frame;
+  return vlan_ ? tagged(frame, 0) : frame;
 }
 
 std::optional<std::vector<Frame>> PacketSocket::receiveUntil(const Frame& last) {

@@ -20,7 +20,9 @@
 #include <functional>
 #include <optional>
 #include <span>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Lab {
@@ -40,6 +42,15 @@ inline int patienceFactor() {
 inline const std::chrono::milliseconds kPatience{5000 * patienceFactor()};  // for what must happen
 
 void pinToOneCpu();
+
+// Something that this kernel does not have; a test that needs it is skipped.
+struct Unsupported : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// Runs iproute2 in the namespace that the calling thread is in: "ip link add vlan10 type bridge", as it would
+// stand in a shell without quotes. Returns what it prints. Refusals throw.
+std::string run(const std::string& command);
 
 // A network namespace, without IPv6 on devices that are made in it later, with its loopback down.
 class Namespace {
@@ -94,10 +105,14 @@ class PacketSocket {
   // In the namespace that the calling thread is in. `ethertype` 0: all.
   explicit PacketSocket(const std::string& device, std::uint16_t ethertype = 0);
   ~PacketSocket();
+  PacketSocket(PacketSocket&& from) noexcept : fd_(std::exchange(from.fd_, -1)), vlan_(from.vlan_) {}
   PacketSocket(const PacketSocket&) = delete;
   PacketSocket& operator=(const PacketSocket&) = delete;
 
   void markIs(std::uint32_t mark);  // of the frames sent from here on
+  // The socket stands for a host on a trunk, of which only this VLAN is looked at: frames that are sent get its
+  // tag, those that are received with it lose it. One without a tag is received with the tag 0.
+  void vlanIs(std::uint16_t vlan) { vlan_ = vlan; }
   void send(std::span<const std::byte> frame);
   bool trySend(std::span<const std::byte> frame);  // false when the kernel refused it
   // The next frame; std::nullopt when none came in time. The tag that the kernel took off is put back.
@@ -107,6 +122,7 @@ class PacketSocket {
 
  private:
   int fd_ = -1;
+  std::optional<std::uint16_t> vlan_;
 };
 
 struct Arp {

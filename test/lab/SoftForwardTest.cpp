@@ -43,13 +43,13 @@ int filtersOf(const std::string& device) {
   return filters;
 }
 
-TEST_F(WholeSwitch, KeepsRequestsOffTheOverlay) {
+TEST_P(WholeSwitch, KeepsRequestsOffTheOverlay) {
   start();
   expectSuppression();
 
   host1_->send(request(kGatewayIp));
   Seen seen = quiet();
-  EXPECT_THAT(seen.host1, ElementsAre(hex(reply(macOf("vlan10"), kGatewayIp))));
+  EXPECT_THAT(seen.host1, ElementsAre(hex(reply(macOf(vlan10_), kGatewayIp))));
   EXPECT_THAT(seen.far, IsEmpty());
 
   // The switch has seen host 2 and so knows that it is here; it answers for itself.
@@ -85,7 +85,7 @@ TEST_F(WholeSwitch, KeepsRequestsOffTheOverlay) {
   EXPECT_THAT(seen.far, IsEmpty());
 }
 
-TEST_F(WholeSwitch, WhatNobodyKnowsReachesEveryEndpointOnceAndTheAnswerComesBack) {
+TEST_P(WholeSwitch, WhatNobodyKnowsReachesEveryEndpointOnceAndTheAnswerComesBack) {
   start();
   Texts asked;
   for (std::uint8_t i = 1; i <= 40; ++i) {
@@ -116,12 +116,10 @@ TEST_F(WholeSwitch, WhatNobodyKnowsReachesEveryEndpointOnceAndTheAnswerComesBack
 }
 
 // A bridge delivers to itself only what it is told to.
-TEST_F(WholeSwitch, RepliesToTheSharedMacAreTheSwitchsOwn) {
+TEST_P(WholeSwitch, RepliesToTheSharedMacAreTheSwitchsOwn) {
   constexpr Mac kShared{0, 0, 0x5e, 0, 1, 1};
-  const auto taken = [] {
-    Process bridge({"/sbin/bridge", "fdb", "show", "br", "vlan10"});
-    EXPECT_EQ(bridge.wait(), 0) << bridge.error;
-    return bridge.output.find("00:00:5e:00:01:01 dev vlan10") != std::string::npos;
+  const auto taken = [&] {
+    return run("bridge fdb show br " + vlan10_.bridge).find("00:00:5e:00:01:01") != std::string::npos;
   };
   start({{"state", {{"routing/fhrp/vrMacStatus", {{"vgwVirtualMac", "00:00:5e:00:01:01"}}}}}});
   const Frame answer = arpFrame({2, kHost1, kHost1Ip, kShared, kGatewayIp}, kShared);
@@ -142,45 +140,40 @@ TEST_F(WholeSwitch, RepliesToTheSharedMacAreTheSwitchsOwn) {
 }
 
 // What the switch itself asks for: its own datagrams make it resolve an address.
-void datagramTo(const Ip& ip) {
+void datagramTo(const Ip& ip, const WholeSwitch::Vlan& vlan) {
+  const Entered entered(*vlan.where);
   sockaddr_in to{};
   to.sin_family = AF_INET;
   to.sin_port = htons(9);  // discard
   std::memcpy(&to.sin_addr, ip.data(), ip.size());
   const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  setsockopt(descriptor, SOL_SOCKET, SO_BINDTODEVICE, vlan.device.data(),
+             static_cast<socklen_t>(vlan.device.size()));
   EXPECT_EQ(sendto(descriptor, "", 1, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to), 1);
   close(descriptor);
 }
 
-TEST_F(WholeSwitch, ItsOwnRequestsToo) {
-  const Namespace red("red");
-  json more = vlan20Is(red);
+TEST_P(WholeSwitch, ItsOwnRequestsToo) {
+  vlan20Is();
+  json more;
   more["state"]["routing/l2vpn/config"] = {{"selectiveArpInstall", true}};  // only what is asked for
-  const Mac own = macOf("vlan10");
-  std::optional<PacketSocket> far20;
-  {
-    const Entered entered(outside_);
-    far20.emplace("far-core20");
-  }
+  const Mac own = macOf(vlan10_);
   const Ip remote20{10, 0, 20, 99};
   const Frame asks10 = arpFrame({1, own, kGatewayIp, {}, kRemoteIp});
   const Frame asks20 = arpFrame({1, own, {10, 0, 20, 1}, {}, remote20});
   const auto heard20 = [&] {
     const Frame last = plainFrame(own, kBroadcast, kSentinelType, ++sentinels_);
-    const Entered entered(red);
+    const Entered entered(*vlan20_.where);
     PacketSocket("vlan20").send(last);
-    return hexOf(far20->receiveUntil(last));
+    return hexOf(far20_->receiveUntil(last));
   };
   for (const bool served : {false, true}) {
     SCOPED_TRACE(served ? "ArpService" : "no ArpService");
     if (served) more["agents"] = {"KernelState", "ArpService", "SoftForward", "ArpSuppression"};
     start(more, {10, 20});
     quiet(), heard20();
-    datagramTo(kRemoteIp);
-    {
-      const Entered entered(red);
-      datagramTo(remote20);
-    }
+    datagramTo(kRemoteIp, vlan10_);
+    datagramTo(remote20, vlan20_);
     Seen seen = quiet();
     EXPECT_THAT(seen.host1, Contains(hex(asks10))) << "local hosts hear it";
     EXPECT_EQ(std::ranges::count(seen.far, hex(asks10)) == 0, served);
@@ -190,32 +183,33 @@ TEST_F(WholeSwitch, ItsOwnRequestsToo) {
 
     const Ip& local = served ? kHost2Ip : kHost1Ip;
     const Mac& mac = served ? kHost2 : kHost1;
-    datagramTo(local);
+    datagramTo(local, vlan10_);
     (served ? host2_ : host1_)->send(arpFrame({2, mac, local, own, kGatewayIp}, own));
-    const std::string key = "/arpEntry/0 10.0.10." + std::to_string(local[3]) + " Vlan10/mac";
+    const std::string key =
+        "/arpEntry/" + std::to_string(vlan10_.vrfId) + " 10.0.10." + std::to_string(local[3]) + " Vlan10/mac";
     const json expected = "02:00:00:00:00:" + std::to_string(served ? 12 : 11);
     EXPECT_EQ(switch_.state("arp/status", key.c_str(), expected), expected) << "found by flooding";
     switch_.stop();
-    EXPECT_EQ(filtersOf("vlan10"), 0);
-    for (const Ip& ip : {kRemoteIp, remote20}) {
+    EXPECT_EQ(filtersOf(vlan10_.bridge), 0);
+    for (const Vlan& vlan : {vlan10_, vlan20_}) {
       // What is still being asked for would be heard in the next round.
-      const Entered entered(ip == remote20 ? red : switch_.netNs());
-      const std::string device = ip == remote20 ? "vlan20" : "vlan10";
-      upIs(device, false);
-      upIs(device);
-      awaitOperational(device);
+      const Entered entered(*vlan.where);
+      upIs(vlan.device, false);
+      upIs(vlan.device);
+      awaitOperational(vlan.device);
     }
   }
 }
 
-TEST_F(WholeSwitch, IsAPlainSwitchAgainAfterTheDaemon) {
+TEST_P(WholeSwitch, IsAPlainSwitchAgainAfterTheDaemon) {
   start();
   EXPECT_GT(filtersOf("Ethernet1"), 0);
   EXPECT_GT(filtersOf("core10"), 0);
   expectSuppression();
+  const Texts made = devices();
   switch_.stop();
-  for (const char* device : kDevices) EXPECT_EQ(ifIndex(device), 0U) << device;
-  for (const char* port : {"Ethernet1", "Ethernet2", "core10", "core11", "vlan10"})
+  for (const std::string& device : made) EXPECT_EQ(ifIndex(device), 0U) << device;
+  for (const std::string port : {"Ethernet1", "Ethernet2", "core10", "core11", vlan10_.bridge.c_str()})
     EXPECT_EQ(filtersOf(port), 0) << port;
   host1_->send(request(kRemoteIp));
   const Seen seen = quiet();
@@ -224,7 +218,7 @@ TEST_F(WholeSwitch, IsAPlainSwitchAgainAfterTheDaemon) {
 }
 
 // Whatever wakes the plug-ins: they write nothing that is so already.
-TEST_F(WholeSwitch, CausesNoNotificationAtRest) {
+TEST_P(WholeSwitch, CausesNoNotificationAtRest) {
   start();
   quiet();
   Netlink::Socket monitor(NETLINK_ROUTE);
@@ -251,14 +245,14 @@ TEST_F(WholeSwitch, CausesNoNotificationAtRest) {
   listen();
   EXPECT_GE(heard["Ethernet2"], 20);
   heard.erase("Ethernet2");
-  EXPECT_LE(heard["vlan10"], 1);  // the kernel itself tells of a new bridge once more when it has settled
-  heard.erase("vlan10");
+  EXPECT_LE(heard[vlan10_.bridge], 1);  // the kernel itself tells of a new bridge once more when it settles
+  heard.erase(vlan10_.bridge);
   EXPECT_THAT(heard, IsEmpty());
 }
 
-TEST_F(WholeSwitch, WhatIsRemovedComesBack) {
+TEST_P(WholeSwitch, WhatIsRemovedComesBack) {
   start();
-  for (const char* device : kDevices) {
+  for (const std::string& device : devices()) {
     SCOPED_TRACE(device);
     const std::uint32_t before = ifIndex(device);
     linkDel(device);
@@ -277,7 +271,9 @@ TEST_F(WholeSwitch, WhatIsRemovedComesBack) {
   }
 }
 
-TEST_F(WholeSwitch, SaysWhyAVlanIsNotTrappedAndWhenItIsAgain) {
+class OwnBridge : public WholeSwitch {};
+
+TEST_P(OwnBridge, SaysWhyAVlanIsNotTrappedAndWhenItIsAgain) {
   start();
   const auto forwarding = [&](const json& wanted) {
     return switch_.state("switch/forwarding", "/vlan/10/reason", wanted);
@@ -301,7 +297,7 @@ TEST_F(WholeSwitch, SaysWhyAVlanIsNotTrappedAndWhenItIsAgain) {
             "it is no port of bridge vlan10");
 }
 
-TEST_F(WholeSwitch, TakesOverAfterAKill) {
+TEST_P(WholeSwitch, TakesOverAfterAKill) {
   start();
   expectSuppression();
   const int filters = filtersOf("Ethernet1") + filtersOf("core10");
@@ -311,9 +307,13 @@ TEST_F(WholeSwitch, TakesOverAfterAKill) {
   start();
   expectSuppression();
   EXPECT_EQ(filtersOf("Ethernet1") + filtersOf("core10"), filters);
+  const Texts made = devices();
   switch_.stop();
-  for (const char* device : kDevices) EXPECT_EQ(ifIndex(device), 0U) << device;
+  for (const std::string& device : made) EXPECT_EQ(ifIndex(device), 0U) << device;
 }
+
+INSTANTIATE_TEST_SUITE_P(Layouts, WholeSwitch, testing::ValuesIn(kLayouts), nameOf);
+INSTANTIATE_TEST_SUITE_P(Layouts, OwnBridge, testing::Values(kLayouts[0]), nameOf);
 
 }  // namespace
 }  // namespace Lab

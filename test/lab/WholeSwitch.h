@@ -16,7 +16,35 @@ namespace Lab {
 
 using Texts = std::vector<std::string>;
 
-class WholeSwitch : public testing::Test {
+// The ways in which people build a switch. Where the interface of a VLAN is:
+enum class Placed { inDefaultVrf, inNamespace, belowVrfDevice };
+struct Layout {
+  const char* name;
+  bool filtering;  // one bridge for all VLANs, and trunks among its ports; else a bridge for each
+  Placed vlan10, vlan20;
+};
+inline constexpr Layout kLayouts[] = {
+    {"bridges", false, Placed::inDefaultVrf, Placed::inNamespace},
+    {"namespaces", false, Placed::inNamespace, Placed::inNamespace},
+    {"vrfDevices", false, Placed::belowVrfDevice, Placed::belowVrfDevice},
+    {"vlanAware", true, Placed::inDefaultVrf, Placed::belowVrfDevice},
+    {"vlanAwareNamespaces", true, Placed::inNamespace, Placed::inNamespace},
+    {"vlanAwareVrfDevices", true, Placed::belowVrfDevice, Placed::inNamespace},
+};
+inline std::string nameOf(const testing::TestParamInfo<Layout>& layout) { return layout.param.name; }
+
+class WholeSwitch : public testing::TestWithParam<Layout> {
+ public:
+  // A VLAN of the switch, and its interface.
+  struct Vlan {
+    std::uint16_t id;
+    std::string bridge;
+    std::string device;      // the interface: "vlan10"
+    const Namespace* where;  // that it is in
+    std::string vrf;
+    int vrfId;
+  };
+
  protected:
   static constexpr std::uint16_t kSentinelType = 0x88B5;  // for local experiments (IEEE 802)
   static constexpr Mac kHost1{0x02, 0, 0, 0, 0, 0x11};
@@ -26,8 +54,6 @@ class WholeSwitch : public testing::Test {
   static constexpr Ip kHost2Ip{10, 0, 10, 12};
   static constexpr Ip kGatewayIp{10, 0, 10, 1};
   static constexpr Ip kRemoteIp{10, 0, 10, 99};
-
-  static constexpr const char* kDevices[] = {"arpsnoop", "arpinject", "fabric", "fabin10"};
 
   static Frame request(const Ip& target) { return arpFrame({1, kHost1, kHost1Ip, {}, target}); }
   static Frame reply(const Mac& mac, const Ip& ip) {
@@ -41,30 +67,13 @@ class WholeSwitch : public testing::Test {
     return texts;
   }
 
-  WholeSwitch() {
-    pinToOneCpu();  // the daemon too: frames arrive in the order of sending
-    bridgeIs("vlan10");
-    KernelState::addressIs("vlan10", "10.0.10.1/24");
-    for (const char* port : {"Ethernet1", "Ethernet2", "core10", "core11"}) {
-      vethIs(port, std::string("far-") + port, outside_);
-      portIs(port, "vlan10");
-    }
-    const Entered entered(outside_);
-    host1_.emplace("far-Ethernet1");
-    host2_.emplace("far-Ethernet2");
-    far_.emplace("far-core10");
-    far2_.emplace("far-core11");
-  }
+  void SetUp() override;  // VLAN 10 with all its ports; skips where the kernel lacks what the layout needs
 
   static constexpr const char* kBindings = "arpSuppression/remoteBindingConfig/evpn";
 
   // `more` is merged into the configuration, which then serves these VLANs.
   void start(const json& more = json::object(), const std::vector<int>& vlans = {10}) {
-    json config = {{"agents", {"KernelState", "SoftForward", "ArpSuppression"}},
-                   {"vlans", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10", "core11"}}}}}},
-                   {"state",
-                    {{"evpn/status", {{"mplsConfigured", true}, {"vlanToDot1q", {{"10", 10}}}}},
-                     {kBindings, {{"remoteBinding", {{"10 10.0.10.99", {{"mac", "02:00:00:00:00:99"}}}}}}}}}};
+    json config = config_;
     config.merge_patch(more);
     switch_.start(config);
     const json running = {{"runnable", true},
@@ -80,26 +89,21 @@ class WholeSwitch : public testing::Test {
     awaitFirstTrap();
   }
 
-  // Makes VLAN 20, which is the VRF red's and behind a bridge of another name, with the address 10.0.20.1 and
-  // a tunnel to "far-core20". The result is what start() has to be told of it; one remote binding is with it.
-  json vlan20Is(const Namespace& red) {
-    bridgeIs("br20");
-    vethIs("to-vlan20", "vlan20", red);
-    portIs("to-vlan20", "br20");
-    vethIs("core20", "far-core20", outside_);
-    portIs("core20", "br20");
-    const Mac own = macOf("vlan10");
-    const Entered entered(red);
-    ifinfomsg link{};
-    link.ifi_index = static_cast<int>(ifIndex("vlan20"));
-    KernelState::request(std::move(
-        Netlink::Message(RTM_SETLINK).header(link).bytes(IFLA_ADDRESS, std::as_bytes(std::span(own)))));
-    KernelState::addressIs("vlan20", "10.0.20.1/24");
-    return {{"vrfs", {{"red", {{"id", 5}, {"networkNamespace", red.name()}}}}},
-            {"vlans", {{"20", {{"bridge", "br20"}, {"tunnelPorts", {"core20"}}}}}},
-            {"state",
-             {{"evpn/status", {{"vlanToDot1q", {{"20", 20}}}}},
-              {kBindings, {{"remoteBinding", {{"20 10.0.20.99", {{"mac", "02:00:00:00:00:98"}}}}}}}}}};
+  // Makes VLAN 20 with the address 10.0.20.1, another VRF than VLAN 10's, a tunnel to "far-core20" and one
+  // remote binding.
+  void vlan20Is();
+  // A port of the VLAN, and who is at its other end. Tagged: on a trunk, where the layout has any.
+  enum class Tags { never, onTrunks };
+  PacketSocket portOf(const Vlan& vlan, const std::string& port, Tags tags = Tags::never);
+  // What it has got for itself.
+  static Mac macOf(const Vlan& vlan) {
+    const Entered entered(*vlan.where);
+    return Lab::macOf(vlan.device);
+  }
+  // The devices that SoftForward makes.
+  Texts devices() const {
+    return {"arpsnoop", "arpinject", "fabric",
+            GetParam().filtering ? "fabin-" + std::to_string(ifIndex("br0")) : "fabin10"};
   }
 
   // The forwarding follows the agent's status a moment later. From then on a flooded request comes to the far
@@ -154,8 +158,18 @@ class WholeSwitch : public testing::Test {
   Namespace outside_;
   Switch switch_;
   Entered entered_{switch_.netNs()};
-  std::optional<PacketSocket> host1_, host2_, far_, far2_;  // far: the ends of two tunnels
+  Vlan vlan10_, vlan20_;
+  json config_ = {{"agents", {"KernelState", "SoftForward", "ArpSuppression"}},
+                  {"state", {{"evpn/status", {{"mplsConfigured", true}}}}}};
+  std::optional<PacketSocket> host1_, host2_, far_, far2_, far20_;  // far: the ends of tunnels
   std::uint8_t sentinels_ = 0;
+
+ private:
+  // Makes the VLAN and its interface with an address, and remembers the configuration of both, with a remote
+  // binding of the host 99 there.
+  Vlan vlanIs(std::uint16_t id, Placed placed, const std::string& vrf, int vrfId, const Strings& tunnelPorts);
+
+  std::map<std::string, Namespace> vrfs_;  // those that are namespaces
 };
 
 }  // namespace Lab
