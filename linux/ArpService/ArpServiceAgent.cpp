@@ -1,6 +1,9 @@
 #include "ArpService/ArpServiceAgent.h"
 
+#include <vector>
+
 #include "ArpService/Trace.h"
+#include "L3/VrfName.h"
 #include "Statedb/EntityManager.h"
 #include "Statedb/Path.h"
 #include "Switch/Config.h"
@@ -22,37 +25,67 @@ constexpr unsigned kUpdateLevel = 3;
 
 }  // namespace
 
-ArpServiceRootSm::ArpServiceRootSm(Ptr<const Arp::ArpInputConfig> arpInputConfig,
+ArpServiceRootSm::ArpServiceRootSm(Ptr<const Switch::Config> config,
+                                   Ptr<const Arp::ArpInputConfig> arpInputConfig,
                                    Ptr<const Ip::AllVrfStatusLocal> vrfStatusLocal,
                                    Ptr<Arp::ServiceStatus> status, Ptr<Switch::Problems> problems,
-                                   const VrfSm::Settings& settings, const Ptr<Orb::TaskScheduler>& scheduler)
-    : arpInputConfig_(std::move(arpInputConfig)),
+                                   const NamespaceSm::Settings& settings,
+                                   const Ptr<Orb::TaskScheduler>& scheduler)
+    : config_(std::move(config)),
+      arpInputConfig_(std::move(arpInputConfig)),
       vrfStatusLocal_(std::move(vrfStatusLocal)),
       status_(std::move(status)),
       problems_(std::move(problems), "ArpService"),
       settings_(settings),
       scheduler_(scheduler),
       updateTask_(scheduler, "ArpService VRFs", kUpdateLevel, [this] { update(); }) {
-  vrfStatusLocal_.on(Ip::AllVrfStatusLocal::vrfChanged, [this] { updateTask_.schedule(); });
+  vrfStatusLocal_.on(Ip::AllVrfStatusLocal::vrfChanged, [this](const Mox::String& name) { follow(name); });
   status_->vrfDelAll();
+  for (const auto& [name, vrf] : vrfStatusLocal_->vrfCollection()) follow(name);
   update();
 }
 
+void ArpServiceRootSm::follow(const Mox::String& name) {
+  updateTask_.schedule();
+  auto& watch = vrfs_[name];
+  const Ptr<const Ip::VrfStatusLocal> vrf = vrfStatusLocal_->vrf(name);
+  if (!vrf) {
+    vrfs_.erase(name);
+  } else if (!watch) {
+    watch = std::make_unique<Mox::Notifiee<const Ip::VrfStatusLocal>>(vrf);
+    watch->on(Ip::VrfStatusLocal::networkNamespaceChanged, [this] { updateTask_.schedule(); });
+  } else {
+    watch->notifierIs(vrf);
+  }
+}
+
+// Of several VRFs that are one namespace the first by name has it, and "default" has its own.
 void ArpServiceRootSm::update() {
-  for (auto at = vrfs_.begin(); at != vrfs_.end();) {
-    const auto& [name, served] = *at;
-    if (vrfStatusLocal_->vrf(name) == served.first) {
-      ++at;
-      continue;
+  std::map<Lanix::NamespaceName, Places> wanted;
+  for (const auto& [name, watch] : vrfs_) {
+    const Ptr<const Ip::VrfStatusLocal> vrf = watch->notifier();
+    if (vrf->networkNamespace().empty()) continue;
+    const auto config = config_ ? config_->vrf(name) : nullptr;
+    Places& places = wanted[vrf->networkNamespace()];
+    places.vrfs.insert(name);
+    if (config && !config->device().empty()) {
+      places.devices.emplace(config->device(), name);
+    } else if (!places.own || name == L3::VrfName::kDefault) {
+      places.own = vrf;
     }
-    status_->vrfDel(name);
-    at = vrfs_.erase(at);
   }
-  for (const auto& [name, vrf] : vrfStatusLocal_->vrfCollection()) {
-    if (vrfs_.contains(name)) continue;
-    vrfs_[name] = {
-        vrf, Mox::make<VrfSm>(arpInputConfig_, vrf, status_->vrfIs(name), problems_, settings_, scheduler_)};
+  std::erase_if(namespaces_, [&](const auto& served) { return !wanted.contains(served.first); });
+  for (auto& [netNs, places] : wanted) {
+    Ptr<NamespaceSm>& served = namespaces_[netNs];
+    if (!served)
+      served = Mox::make<NamespaceSm>(netNs, arpInputConfig_, status_, problems_, settings_, scheduler_);
+    served->placesAre(std::move(places));
   }
+  std::vector<Mox::String> gone;
+  for (const auto& [name, status] : status_->vrfCollection()) {
+    if (!vrfs_.contains(name)) gone.push_back(name);
+  }
+  for (const Mox::String& name : gone) status_->vrfDel(name);
 }
 
 Ptr<Plugin::AgentBase> arpServiceAgentFactory(const Mox::String& name) {
@@ -83,9 +116,9 @@ void ArpServiceAgent::doMountsComplete(Statedb::MountStatus /*status*/,
                                                      << kStatusPath << " has an entity of another type");
     return;
   }
-  VrfSm::Settings settings;
+  NamespaceSm::Settings settings;
   settings.refreshSeconds = switchConfig->neighborRefreshSeconds();
-  rootSm_ = Mox::make<ArpServiceRootSm>(input, vrfs, status,
+  rootSm_ = Mox::make<ArpServiceRootSm>(switchConfig, input, vrfs, status,
                                         tree->entityOf<Switch::Problems>(Switch::kProblemsPath), settings,
                                         taskSchedulerRoot()->scheduler());
 }

@@ -1,31 +1,37 @@
 #pragma once
 
 #include <map>
+#include <memory>
 
-#include "ArpService/VrfSm.h"
+#include "ArpService/NamespaceSm.h"
 #include "Mox/Owner.h"
 #include "Plugin/AgentBase.h"
+#include "Switch/Config.h"
 
 namespace ArpService {
 
-// Has a VrfSm for each VRF of the switch.
+// Has a NamespaceSm for each network namespace that has a VRF of the switch.
 class ArpServiceRootSm final : public Mox::Entity {
  public:
-  ArpServiceRootSm(Ptr<const Arp::ArpInputConfig> arpInputConfig,
+  // `config` says which VRFs have a device.
+  ArpServiceRootSm(Ptr<const Switch::Config> config, Ptr<const Arp::ArpInputConfig> arpInputConfig,
                    Ptr<const Ip::AllVrfStatusLocal> vrfStatusLocal, Ptr<Arp::ServiceStatus> status,
-                   Ptr<Switch::Problems> problems, const VrfSm::Settings& settings,
+                   Ptr<Switch::Problems> problems, const NamespaceSm::Settings& settings,
                    const Ptr<Orb::TaskScheduler>& scheduler);
 
  private:
   void update();
+  void follow(const Mox::String& name);
 
+  Ptr<const Switch::Config> config_;
   Ptr<const Arp::ArpInputConfig> arpInputConfig_;
   Mox::Notifiee<const Ip::AllVrfStatusLocal> vrfStatusLocal_;
   Ptr<Arp::ServiceStatus> status_;
   Switch::ProblemReporter problems_;
-  const VrfSm::Settings settings_;
+  const NamespaceSm::Settings settings_;
   Ptr<Orb::TaskScheduler> scheduler_;
-  std::map<Mox::String, std::pair<Ptr<const Ip::VrfStatusLocal>, Ptr<VrfSm>>> vrfs_;
+  std::map<Mox::String, std::unique_ptr<Mox::Notifiee<const Ip::VrfStatusLocal>>> vrfs_;
+  std::map<Lanix::NamespaceName, Ptr<NamespaceSm>> namespaces_;
   Orb::Task updateTask_;
 };
 

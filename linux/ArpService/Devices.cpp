@@ -18,20 +18,38 @@ Lanix::IntfId vlanInterfaceOf(const std::string& device) {
 
 }  // namespace
 
-Lanix::IntfId Devices::handleMessage(const Netlink::Received& message) {
+void Devices::handleMessage(const Netlink::Received& message) {
   const auto link = Netlink::readLink(message);
-  if (!link || link->ofBridge) return {};
-  const Lanix::IntfId now = message.type() == RTM_NEWLINK ? vlanInterfaceOf(link->name) : Lanix::IntfId();
-  if (intf(link->index) != now) linkDel(link->index);
-  if (!now) return {};
+  if (!link || link->ofBridge) return;
+  const bool isThere = message.type() == RTM_NEWLINK;
+  const Lanix::IntfId now = isThere ? vlanInterfaceOf(link->name) : Lanix::IntfId();
+  if (intf(link->index) != now || !isThere) linkDel(link->index);
+  if (!isThere) return;
   told_.insert(link->index);
-  intfs_[link->index] = now;
-  return std::exchange(indices_[now], link->index) != link->index ? now : Lanix::IntfId();
+  if (link->kind == "vrf") vrfDeviceIs(link->index, link->name);
+  if (!now) return;
+  Device& device = devices_[link->index];
+  device.intf = now;
+  const IfIndex above = link->masterKind == "vrf" ? link->master : 0;
+  const bool moved = above != device.vrfDevice;
+  if (moved) device.vrfDeviceBefore = std::exchange(device.vrfDevice, above);
+  if (std::exchange(indices_[now], link->index) != link->index || moved) come_(now);
+}
+
+// It may come to be known after what is below it, and its name may change.
+void Devices::vrfDeviceIs(IfIndex ifIndex, const std::string& name) {
+  if (std::exchange(vrfDevices_[ifIndex], name) == name) return;
+  for (const auto& [below, device] : devices_) {
+    if (device.vrfDevice == ifIndex) come_(device.intf);
+  }
 }
 
 void Devices::readEnd() {
   std::vector<IfIndex> gone;
-  for (const auto& [ifIndex, intf] : intfs_) {
+  for (const auto& [ifIndex, device] : devices_) {
+    if (!told_.contains(ifIndex)) gone.push_back(ifIndex);
+  }
+  for (const auto& [ifIndex, name] : vrfDevices_) {
     if (!told_.contains(ifIndex)) gone.push_back(ifIndex);
   }
   for (const IfIndex ifIndex : gone) linkDel(ifIndex);
@@ -39,15 +57,17 @@ void Devices::readEnd() {
 
 void Devices::clear() {
   indices_.clear();
-  intfs_.clear();
+  devices_.clear();
+  vrfDevices_.clear();
 }
 
 // Another device may have the interface's name by now.
 void Devices::linkDel(IfIndex ifIndex) {
-  const auto known = intfs_.extract(ifIndex);
-  if (!known) return;
   told_.erase(ifIndex);
-  if (const auto at = indices_.find(known.mapped()); at != indices_.end() && at->second == ifIndex)
+  vrfDevices_.erase(ifIndex);
+  const auto known = devices_.extract(ifIndex);
+  if (!known) return;
+  if (const auto at = indices_.find(known.mapped().intf); at != indices_.end() && at->second == ifIndex)
     indices_.erase(at);
 }
 
@@ -56,9 +76,34 @@ IfIndex Devices::ifIndex(const Lanix::IntfId& intf) const {
   return at == indices_.end() ? 0 : at->second;
 }
 
+const Devices::Device* Devices::find(IfIndex ifIndex) const {
+  const auto at = devices_.find(ifIndex);
+  return at == devices_.end() ? nullptr : &at->second;
+}
+
 Lanix::IntfId Devices::intf(IfIndex ifIndex) const {
-  const auto at = intfs_.find(ifIndex);
-  return at == intfs_.end() ? Lanix::IntfId() : at->second;
+  const Device* const device = find(ifIndex);
+  return device ? device->intf : Lanix::IntfId();
+}
+
+std::string Devices::nameOf(IfIndex vrfDevice) const {
+  if (vrfDevice == 0) return "";
+  const auto at = vrfDevices_.find(vrfDevice);
+  return at == vrfDevices_.end() ? "?" : at->second;  // no device has that name
+}
+
+std::string Devices::vrfDevice(IfIndex ifIndex) const {
+  const Device* const device = find(ifIndex);
+  return device ? nameOf(device->vrfDevice) : "";
+}
+
+std::string Devices::vrfDeviceBefore(IfIndex ifIndex) const {
+  const Device* const device = find(ifIndex);
+  return device ? nameOf(device->vrfDeviceBefore) : "";
+}
+
+void Devices::forEach(const std::function<void(const Lanix::IntfId&)>& visit) const {
+  for (const auto& [intf, ifIndex] : indices_) visit(intf);
 }
 
 }  // namespace ArpService

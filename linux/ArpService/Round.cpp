@@ -22,17 +22,20 @@ bool scan(const Collection& collection, std::optional<K>& bookmark, Visit visit)
 
 }  // namespace
 
-const Arp::ArpEntryInput* wantedFor(const Key& key, const Arp::ArpInputVrfConfig* config) {
+const Arp::ArpEntryInput* Vrf::wanted(const Key& key) const {
   if (!config) return nullptr;
   if (key.address.isIpv6()) return config->ipv6Collection().find({key.address.ipv6(), key.intf});
   const Arp::ArpEntryInput* entry = config->ipv4Collection().find(key.address.ipv4());
   return entry && entry->intf == key.intf ? entry : nullptr;
 }
 
-Round::Round(Devices& devices, Queue& queue, Compare compare, Refused refused)
-    : devices_(devices), queue_(queue), compare_(std::move(compare)), refused_(std::move(refused)) {}
+Round::Round(Devices& devices, Vrfs& vrfs, Compare compare, Refused refused)
+    : devices_(devices), vrfs_(vrfs), compare_(std::move(compare)), refused_(std::move(refused)) {}
 
 void Round::reset() {
+  const auto reading = vrfs_.find(vrf_);
+  if (isNew_ && reading != vrfs_.end() && stage_ > Stage::neighbours)
+    reading->second->isNew = newOnes_ = true;
   stage_ = Stage::idle;
   socket_ = nullptr;
   devicesKnown_ = compared_ = false;
@@ -40,7 +43,7 @@ void Round::reset() {
 
 void Round::start(Netlink::Socket& socket) {
   socket_ = &socket;
-  queue_.roundBegins();
+  for (const auto& [name, vrf] : vrfs_) vrf->queue.roundBegins();
   if (std::exchange(devicesKnown_, true)) {
     stage_ = Stage::neighbours;
     return ask(Netlink::neighbourDump(AF_UNSPEC));
@@ -62,15 +65,14 @@ bool Round::read(const Netlink::Handler& handler) {
   return false;
 }
 
-bool Round::step(const Arp::ArpInputVrfConfig* config) {
+bool Round::step() {
   switch (stage_) {
     case Stage::idle:
-      if (!compared_ || !rescan_) return false;
-      scanStart();
+      if (!compared_ || !newOnes_) return false;
+      scanStart(false);
       break;
     case Stage::devices:
-      if (!read([this](const Netlink::Received& message) { queue_.unpark(devices_.handleMessage(message)); }))
-        break;
+      if (!read([this](const Netlink::Received& message) { devices_.handleMessage(message); })) break;
       devices_.readEnd();
       stage_ = Stage::neighbours;
       ask(Netlink::neighbourDump(AF_UNSPEC));
@@ -81,39 +83,52 @@ bool Round::step(const Arp::ArpInputVrfConfig* config) {
           }))
         break;
       compared_ = true;
-      scanStart();
+      scanStart(true);
       break;
     default:
-      scanStep(config);
+      scanStep();
       break;
   }
   return true;
 }
 
-void Round::scanStart() {
-  rescanning_ = std::exchange(rescan_, false);
-  stage_ = rescanning_ ? Stage::ipv4 : Stage::entries;
+void Round::scanStart(bool all) {
+  newOnes_ = false;
+  all_ = all;
+  scanNext("");
+}
+
+void Round::scanNext(const Mox::String& from) {
+  auto at = vrfs_.lower_bound(from);
+  while (!all_ && at != vrfs_.end() && !at->second->isNew) ++at;
+  if (at == vrfs_.end()) return end();
+  vrf_ = at->first;
+  isNew_ = std::exchange(at->second->isNew, false);
+  stage_ = isNew_ ? Stage::ipv4 : Stage::entries;
   ipv4Bookmark_.reset();
   ipv6Bookmark_.reset();
   bookmark_.reset();
 }
 
-void Round::scanStep(const Arp::ArpInputVrfConfig* config) {
+void Round::scanStep() {
+  const auto at = vrfs_.find(vrf_);
+  if (at == vrfs_.end()) return scanNext(vrf_);  // it went in the meantime
+  Vrf& vrf = *at->second;
   if (stage_ == Stage::entries) {
-    const auto gone = [&](const Key& key) { return rescanning_ && !wantedFor(key, config); };
-    if (!queue_.rescan(bookmark_, kEntriesPerStep, gone)) end();
-  } else if (!config) {
+    const auto gone = [&](const Key& key) { return isNew_ && !vrf.wanted(key); };
+    if (!vrf.queue.rescan(bookmark_, kEntriesPerStep, gone)) scanNext(vrf_ + '\0');
+  } else if (!vrf.config) {
     stage_ = Stage::entries;
   } else if (stage_ == Stage::ipv4) {
-    const auto visit = [this](const Lanix::IpAddr& ip, const Arp::ArpEntryInput& entry) {
-      queue_.addUnsettled({ip, entry.intf});
+    const auto visit = [&](const Lanix::IpAddr& ip, const Arp::ArpEntryInput& entry) {
+      vrf.queue.addUnsettled({ip, entry.intf});
     };
-    if (!scan(config->ipv4Collection(), ipv4Bookmark_, visit)) stage_ = Stage::ipv6;
+    if (!scan(vrf.config->ipv4Collection(), ipv4Bookmark_, visit)) stage_ = Stage::ipv6;
   } else {
-    const auto visit = [this](const Arp::NeighborEntryKey& key, const Arp::NeighborEntryConfigInput&) {
-      queue_.addUnsettled({key.addr, key.intf});
+    const auto visit = [&](const Arp::NeighborEntryKey& key, const Arp::NeighborEntryConfigInput&) {
+      vrf.queue.addUnsettled({key.addr, key.intf});
     };
-    if (!scan(config->ipv6Collection(), ipv6Bookmark_, visit)) stage_ = Stage::entries;
+    if (!scan(vrf.config->ipv6Collection(), ipv6Bookmark_, visit)) stage_ = Stage::entries;
   }
 }
 

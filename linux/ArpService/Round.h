@@ -6,23 +6,23 @@
 #include <utility>
 
 #include "ArpService/Devices.h"
-#include "ArpService/Queue.h"
+#include "ArpService/Vrf.h"
 #include "Netlink/Socket.h"
 
 namespace ArpService {
 
-// Compares the kernel with the configuration, in steps of one datagram or a few dozen entries: reads the
-// devices and then the neighbours, each of which goes to `compare`, and puts into the queue what nobody has
-// dealt with by then. Events say which keys to look at between the rounds; a round finds the keys whose event
+// Compares the kernel with the configuration of all VRFs of one namespace, in steps of one datagram or a few
+// dozen entries: reads the devices and then the neighbours, each of which goes to `compare`, and puts into
+// each VRF's queue what nobody has dealt with by then. Events say which keys to look at between the rounds; a round finds the keys whose event
 // was missed.
 class Round {
  public:
   using Compare = std::function<void(const Netlink::Neighbour&)>;
   using Refused = std::function<void(const char* doing, const Mox::Failure& failure)>;
-  Round(Devices& devices, Queue& queue, Compare compare, Refused refused);
+  Round(Devices& devices, Vrfs& vrfs, Compare compare, Refused refused);
 
-  // The configuration came or went as a whole, so that no event tells of each of its entries.
-  void configurationIsNew() { rescan_ = true; }
+  // A VRF's configuration is new: it is read, and what it no longer holds is found.
+  void configurationIsNew() { newOnes_ = true; }
   // Changes of devices were missed: the next round reads them again.
   void devicesAreUnknown() { devicesKnown_ = false; }
   // Gives up the round, and all that is known: the sockets are closed.
@@ -35,7 +35,7 @@ class Round {
   // most of it may be there.
   bool compared() const { return compared_; }
   // One step. False: there is nothing to do.
-  bool step(const Arp::ArpInputVrfConfig* config);
+  bool step();
   // Whether a round has ended since the last call.
   bool takeEnded() { return std::exchange(ended_, false); }
 
@@ -45,12 +45,14 @@ class Round {
   // True when the dump has come to its end.
   bool read(const Netlink::Handler& handler);
   void fail(const char* doing, const Mox::Failure& failure);
-  void scanStart();
-  void scanStep(const Arp::ArpInputVrfConfig* config);
+  void scanStart(bool all);
+  // From the VRF of that name on.
+  void scanNext(const Mox::String& from);
+  void scanStep();
   void end();
 
   Devices& devices_;
-  Queue& queue_;
+  Vrfs& vrfs_;
   const Compare compare_;
   const Refused refused_;
   Netlink::Socket* socket_ = nullptr;
@@ -58,14 +60,15 @@ class Round {
   bool devicesKnown_ = false;  // or being read
   bool compared_ = false;
   bool ended_ = false;
-  bool rescan_ = false;      // the configuration is to be read
-  bool rescanning_ = false;  // it is being read
+  bool newOnes_ = false;  // there may be configurations to be read
+  // Of the scan: whether it is of every VRF, or of those whose configuration is new; which one it is at, and
+  // whether that one's is.
+  bool all_ = false;
+  Mox::String vrf_;
+  bool isNew_ = false;
   std::optional<Lanix::IpAddr> ipv4Bookmark_;
   std::optional<Arp::NeighborEntryKey> ipv6Bookmark_;
   std::optional<Key> bookmark_;
 };
-
-// What the configuration wants for a key; null: nothing. `config` may be null.
-const Arp::ArpEntryInput* wantedFor(const Key& key, const Arp::ArpInputVrfConfig* config);
 
 }  // namespace ArpService

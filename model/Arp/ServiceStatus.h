@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "Mox/Attribute.h"
+#include "Mox/Strep.h"
 
 namespace Arp {
 

@@ -83,7 +83,7 @@ class ArpServiceTest : public testing::Test {
     redComes();
     rigIs();
   }
-  void rigIs(VrfSm::Settings settings = {}) {
+  void rigIs(NamespaceSm::Settings settings = {}) {
     rig = std::make_unique<ServiceRig>(settings);
     rig->vrfIs("default", "default");
     rig->vrfIs("red", red->name());
@@ -292,6 +292,61 @@ TEST_F(ArpServiceTest, DevicesAndNamespacesComeAndGo) {
   EXPECT_THAT(rig->status->vrf("red")->problem(), HasSubstr("no-such-namespace"));
   rig->vrfs->vrfDel("red");
   EXPECT_TRUE(rig->becomes([&] { return !rig->status->vrf("red"); }));
+  EXPECT_EQ(rig->problems->problems(), 0U);
+}
+
+// One address in two VRFs, each on an interface of its own, which go from one to the other.
+TEST_F(ArpServiceTest, VrfDevices) {
+  const auto deviceIs = [&](const std::string& name, int table) {
+    Lab::run("ip link add " + name + " up type vrf table " + std::to_string(table));
+    rig->config->vrfIs(name)->deviceIs(name);
+    rig->vrfIs(name, "default");
+  };
+  try {
+    deviceIs("blue", 100);
+  } catch (const Lab::Unsupported& lacking) {
+    GTEST_SKIP() << lacking.what();
+  }
+  deviceIs("green", 200);
+  for (const char* vrf : {"default", "blue", "green"}) {
+    config = rig->input->vrfIs(vrf);
+    configIs("10.0.0.1", ServiceRig::entry(vrf == std::string("blue") ? kMac2 : kMac1, "Vlan10"));
+    configIs("10.0.0.2", ServiceRig::entry(kMac1, vrf == std::string("default") ? "Vlan20" : "Vlan10"));
+  }
+  Lab::run("ip link set vlan10 master blue");
+  // Left by an earlier run: this one in its VRF is to go, that one is nobody's to judge.
+  request(neighbourMessage("vlan10", "10.0.0.3", kMac1, NUD_PERMANENT, 110));
+  Lab::run("ip link add other up type vrf table 300"), Lab::bridgeIs("vlan30");
+  Lab::run("ip link set vlan30 master other");
+  const Lines others = {"10.0.0.3 02:00:00:00:00:01 permanent 110"};
+  request(neighbourMessage("vlan30", "10.0.0.3", kMac1, NUD_PERMANENT, 110));
+  rig->start();
+  const Lines blue = {"10.0.0.1 02:00:00:00:00:02 permanent 110", "10.0.0.2 02:00:00:00:00:01 permanent 110"};
+  const Lines green = {"10.0.0.1 02:00:00:00:00:01 permanent 110",
+                       "10.0.0.2 02:00:00:00:00:01 permanent 110"};
+  const struct {
+    const char* what;
+    std::function<void()> happens;
+    Lines vlan10;
+  } cases[] = {
+      {"at start", [] {}, blue},
+      {"below another device", [] { Lab::run("ip link set vlan10 master green"); }, green},
+      {"and back", [] { Lab::run("ip link set vlan10 master blue"); }, blue},
+      {"below none", [] { Lab::run("ip link set vlan10 nomaster"); }, {green[0]}},
+      {"and back again", [] { Lab::run("ip link set vlan10 master blue"); }, blue},
+      {"the device is deleted", [] { Lab::linkDel("blue"); }, {green[0]}},
+      {"and made again", [&] { deviceIs("blue", 101), Lab::run("ip link set vlan10 master blue"); }, blue},
+  };
+  for (const auto& item : cases) {
+    item.happens();
+    expect("vlan10", item.vlan10, item.what);
+    for (int i = 0; i < 3; ++i) rig->clock.ahead += 100, rig->settle();  // rounds find nothing to do
+    expect("vlan10", item.vlan10, item.what);
+  }
+  expect("vlan20", {"10.0.0.2 02:00:00:00:00:01 permanent 110"});
+  expect("vlan30", others);
+  EXPECT_EQ(rig->status->vrf("blue")->programmed(), 2U);
+  EXPECT_EQ(rig->status->vrf("green")->pending(), 2U);
   EXPECT_EQ(rig->problems->problems(), 0U);
 }
 

@@ -15,7 +15,7 @@ namespace ArpService {
 
 class ServiceRig {
  public:
-  explicit ServiceRig(VrfSm::Settings settings = {})
+  explicit ServiceRig(NamespaceSm::Settings settings = {})
       : loop(clock), tasks(Mox::make<Orb::TaskSchedulerRoot>(loop)), settings_(settings) {}
   ~ServiceRig() { root = nullptr; }
 
@@ -30,9 +30,9 @@ class ServiceRig {
     return {Lanix::EthAddr::fromStrep(mac).value(), Lanix::IntfId::fromName(intf), arpType, dynamic};
   }
   void start() {
-    root = Mox::make<ArpServiceRootSm>(Ptr<const Arp::ArpInputConfig>(input),
-                                       Ptr<const Ip::AllVrfStatusLocal>(vrfs), status, problems, settings_,
-                                       tasks->scheduler());
+    root = Mox::make<ArpServiceRootSm>(
+        Ptr<const Switch::Config>(config), Ptr<const Arp::ArpInputConfig>(input),
+        Ptr<const Ip::AllVrfStatusLocal>(vrfs), status, problems, settings_, tasks->scheduler());
   }
   // Runs the loop until it holds. False: it never did.
   bool becomes(const std::function<bool()>& condition) {
@@ -56,6 +56,7 @@ class ServiceRig {
   } clock;
   Orb::EventLoop loop;
   Ptr<Orb::TaskSchedulerRoot> tasks;
+  Ptr<Switch::Config> config = Mox::make<Switch::Config>();
   Ptr<Arp::ArpInputConfig> input = Mox::make<Arp::ArpInputConfig>();
   Ptr<Ip::AllVrfStatusLocal> vrfs = Mox::make<Ip::AllVrfStatusLocal>();
   Ptr<Arp::ServiceStatus> status = Mox::make<Arp::ServiceStatus>();
@@ -63,7 +64,7 @@ class ServiceRig {
   Ptr<ArpServiceRootSm> root;
 
  private:
-  VrfSm::Settings settings_;
+  NamespaceSm::Settings settings_;
 };
 
 }  // namespace ArpService

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "Arp/ServiceStatus.h"
+#include "ArpService/Devices.h"
+#include "ArpService/Job.h"
+#include "ArpService/Round.h"
+#include "ArpService/Vrf.h"
+#include "Ip/Status.h"
+#include "Mox/Notifiee.h"
+#include "Orb/FileDescriptor.h"
+#include "Orb/WalkSm.h"
+#include "Switch/ProblemReporter.h"
+
+namespace ArpService {
+
+// The VRFs of one network namespace.
+struct Places {
+  // The one that has what is below no other's device. The sockets are open while it is active.
+  Ptr<const Ip::VrfStatusLocal> own;
+  std::map<Mox::String, Mox::String> devices;  // VRF devices, and their VRFs
+  std::set<Mox::String> vrfs;                  // all of them
+  friend bool operator==(const Places&, const Places&) = default;
+};
+
+// Keeps the kernel's neighbours on the VLAN interfaces of one network namespace in step with the
+// configuration of the VRFs that these are in. On an interface below a VRF device that is no VRF's nothing is
+// looked at. In a VRF:
+//
+//   - an entry is a permanent neighbour, or a reachable one when it is dynamic, marked as this system's;
+//   - permanent ones of this system that the configuration does not hold go; dynamic ones are left to the
+//     kernel's ageing once they were given to it, and nobody else's are touched;
+//   - one that is right already is not written again, so that who watches the kernel sees nothing;
+//   - stale neighbours, whoever has them, are probed after a while, and go if nobody answers.
+//
+// An interface that is put below a VRF device, or taken out from there, loses all its neighbours to the
+// kernel: those of the VRF that it left wait for it to come back.
+//
+// What is to be done with a key follows from the configuration and the kernel as they are when it is done;
+// events only put the key into the queue. Keys whose event was missed or whose request was refused, and what
+// an earlier run left, are found by rounds. There is one when the namespace's VRF becomes active, when the kernel dropped
+// notifications, soon after a refusal, and every quarter of the refresh time. A VLAN interface that comes
+// costs work for the entries that waited for it.
+//
+// Works in slices of one batch of requests or one datagram of a dump. The sockets keep the namespace alive.
+class NamespaceSm final : public Orb::WalkSmBase {
+ public:
+  struct Settings {
+    double refreshSeconds = 240;  // since the last proof of a neighbour's address
+    Netlink::Kernel* kernel = nullptr;
+  };
+  NamespaceSm(const Lanix::NamespaceName& name, Ptr<const Arp::ArpInputConfig> arpInputConfig,
+              Ptr<Arp::ServiceStatus> status, Switch::ProblemReporter& problems, const Settings& settings,
+              const Ptr<Orb::TaskScheduler>& scheduler);
+  // Removes what the configuration gave up last: there is no later turn for that. The rest stays.
+  ~NamespaceSm() override;
+
+  void placesAre(Places places);
+
+ private:
+  struct Sockets;
+
+  Orb::WalkRet walk() override;
+  void walkFinishedNotification() override;
+  bool step();
+
+  void follow();
+  Mox::Result<> open();
+  void close();
+  void vrfIs(const Mox::String& name);
+  void handleConfig(Vrf& vrf);
+  void handleAddress(Vrf& vrf, const Lanix::IpGenAddr& address);
+  void handleInterface(const Lanix::IntfId& intf);
+  void handleReadable();
+  void handleMessage(const Netlink::Received& message);
+  void handleRound();
+  void compare(const Netlink::Neighbour& actual);
+  void enqueue(Vrf& vrf, const Key& key);
+  bool unparkStep();
+  bool queuesEmpty() const;
+  void probe();
+  void program();
+  // All of them, or one VRF's; what concerns all is reported as the namespace's own VRF's.
+  void refuse(const std::string& what, const Mox::Failure& failure);
+  void refuse(Vrf& vrf, const std::string& what, const Mox::Failure& failure);
+  void noProblem(Vrf& vrf);
+  void publish();
+
+  // The VRF of what is below a VRF device of that name ("": of none); null: no VRF that is known.
+  Vrf* vrfBelow(const Mox::String& device) const;
+  Vrf* vrfOf(IfIndex ifIndex) const { return vrfBelow(devices_.vrfDevice(ifIndex)); }
+  static Mox::String subject(const Vrf& vrf) { return "VRF " + vrf.name; }
+
+  const double refreshSeconds_;
+  Netlink::Kernel* kernel_;
+  Mox::Notifiee<const Arp::ArpInputConfig> arpInputConfig_;
+  Ptr<Arp::ServiceStatus> status_;
+  Switch::ProblemReporter& problems_;
+  const Lanix::NamespaceName name_;
+  Places places_;
+  Mox::Notifiee<const Ip::VrfStatusLocal> own_;
+  Vrfs vrfs_;
+
+  bool reopen_ = true;  // the namespace's VRF was inactive, or another, since the sockets were opened
+  std::unique_ptr<Sockets> sockets_;
+  Ptr<Orb::FileDescriptor> descriptor_;
+  Mox::Notifiee<Orb::FileDescriptor> readable_;
+  Devices devices_;
+  Round round_;
+  std::vector<Netlink::Neighbour> stale_;  // to be probed
+  bool refused_ = false;                   // something of any VRF, in this walk
+  bool openFailed_ = false;                // in this walk
+  double retryDelay_ = 0;                  // of the next round; 0: nothing was refused in the last one
+  Orb::Task receiveTask_;
+  Orb::Task roundTask_;
+};
+
+}  // namespace ArpService
