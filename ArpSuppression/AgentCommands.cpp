@@ -24,10 +24,10 @@ class CliCallback final : public Plugin::AgentCommandCallback {
   Ptr<const ArpSuppressionRootSm> rootSm_;
 };
 
-// The refusal of an argument, when it is one.
 template <class Value>
-Mox::String notA(const char* what, const Mox::String& text, const char* allowed) {
-  return Value::fromStrep(text) ? "" : Mox::String(what) + " \"" + text + "\" is not " + allowed;
+Mox::Result<> isA(const char* what, const Mox::String& text, const char* allowed) {
+  if (Value::fromStrep(text)) return {};
+  return Mox::Failure{Mox::String(what) + " \"" + text + "\" is not " + allowed};
 }
 constexpr char kVlans[] = "a VLAN id from 1 to 4094";
 
@@ -36,12 +36,13 @@ class BindingsCommand final : public Plugin::AgentCommandCallback {
   explicit BindingsCommand(Ptr<const ArpSuppressionRootSm> rootSm)
       : AgentCommandCallback("", "bindings", Answer::large), rootSm_(std::move(rootSm)) {}
 
-  Mox::String refusal(const std::vector<Mox::String>& arguments) const override {
+  Mox::Result<> check(const std::vector<Mox::String>& arguments) const override {
     if (arguments.empty() || arguments.size() > 2)
-      return "bindings takes local or remote, and perhaps a VLAN";
+      return Mox::Failure{"bindings takes local or remote, and perhaps a VLAN"};
     if (arguments[0] != "local" && arguments[0] != "remote")
-      return "the table \"" + arguments[0] + "\" is not local or remote";
-    return arguments.size() == 1 ? "" : notA<Bridging::VlanId>("the VLAN", arguments[1], kVlans);
+      return Mox::Failure{"the table \"" + arguments[0] + "\" is not local or remote"};
+    if (arguments.size() == 1) return {};
+    return isA<Bridging::VlanId>("the VLAN", arguments[1], kVlans);
   }
 
   void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
@@ -107,15 +108,15 @@ class ExplainCommand final : public Plugin::AgentCommandCallback {
   explicit ExplainCommand(Ptr<const ArpSuppressionRootSm> rootSm)
       : AgentCommandCallback("", "explain"), rootSm_(std::move(rootSm)) {}
 
-  Mox::String refusal(const std::vector<Mox::String>& arguments) const override {
+  Mox::Result<> check(const std::vector<Mox::String>& arguments) const override {
     if (arguments.size() != 2 && arguments.size() != 3)
-      return "explain takes a VLAN, an IP address and perhaps the MAC that asks";
-    Mox::String wrong = notA<Bridging::VlanId>("the VLAN", arguments[0], kVlans);
-    if (wrong.empty())
-      wrong = notA<Lanix::IpGenAddr>("the address", arguments[1], "an IPv4 or IPv6 address like 10.0.0.9");
-    if (wrong.empty() && arguments.size() == 3)
-      wrong = notA<Lanix::EthAddr>("the MAC", arguments[2], "a MAC address like 02:00:00:00:00:09");
-    return wrong;
+      return Mox::Failure{"explain takes a VLAN, an IP address and perhaps the MAC that asks"};
+    auto good = isA<Bridging::VlanId>("the VLAN", arguments[0], kVlans);
+    if (good)
+      good = isA<Lanix::IpGenAddr>("the address", arguments[1], "an IPv4 or IPv6 address like 10.0.0.9");
+    if (good && arguments.size() == 3)
+      good = isA<Lanix::EthAddr>("the MAC", arguments[2], "a MAC address like 02:00:00:00:00:09");
+    return good;
   }
 
   void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {

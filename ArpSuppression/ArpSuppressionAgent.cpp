@@ -5,7 +5,6 @@
 #include "ArpSuppression/AgentCommands.h"
 #include "ArpSuppression/Trace.h"
 #include "Mox/Assert.h"
-#include "Statedb/Path.h"
 #include "Switch/Forwarding.h"
 #include "Tracelet/Tracelet.h"
 
@@ -65,13 +64,12 @@ void ArpSuppressionAgent::doInit() {
   group->mountIs("evpn/status", "Evpn::EvpnStatus", "r");
   group->mountIs("evpn/mplsConfig", "Evpn::MplsConfig", "r");
   group->mountIs("routing/fhrp/vrMacStatus", "Routing::Fhrp::VirtualRouterMacStatus", "r");
-  group->mountIs(Statedb::cellPath(kVrfStatusLocalPath), "Ip::AllVrfStatusLocal", "r");
+  group->mountIs(kVrfStatusLocalPath, "Ip::AllVrfStatusLocal", "r");
   group->mountIs("routing/l2vpn/config", "Routing::L2Vpn::Config", "r");
   group->mountIs(kArpInputConfigPath, "Arp::ArpInputConfig", "wS");
   group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "r");  // for `explain`
   createLocalEntity("AllIntfStatusDir", "Interface::AllIntfStatusDir", "interface/status/all");
-  createLocalEntity("AllIntfStatusLocalDir", "Interface::AllIntfStatusLocalDir",
-                    Statedb::cellPath(kIntfStatusLocalPath));
+  createLocalEntity("AllIntfStatusLocalDir", "Interface::AllIntfStatusLocalDir", kIntfStatusLocalPath);
   localEntitiesCreatedIs(true);
   group->doClose(false, "", 0.0);
 }
@@ -109,15 +107,14 @@ void ArpSuppressionAgent::doMountsComplete(Statedb::MountStatus /*status*/,
 
   mountsIs(Mox::make<ArpSuppressionMounts>(
       tree, tables->entityOf<RemoteBindingConfig>(kRemoteBindingPath), remoteBindingGroup,
-      arpSuppressionStatus, counters,
-      tree->entityOf<Ip::AllVrfStatusLocal>(Statedb::cellPath(kVrfStatusLocalPath)), vrfIdMap, vrfNameToIdMap,
-      tables->entityOf<Arp::Table::Status>("arp/status"), tree->entityOf<Ip::Status>("ip/status"),
-      tree->entityOf<Bridging::Config>("bridging/config"),
+      arpSuppressionStatus, counters, tree->entityOf<Ip::AllVrfStatusLocal>(kVrfStatusLocalPath), vrfIdMap,
+      vrfNameToIdMap, tables->entityOf<Arp::Table::Status>("arp/status"),
+      tree->entityOf<Ip::Status>("ip/status"), tree->entityOf<Bridging::Config>("bridging/config"),
       tables->entityOf<Memtab::Bridging::Status>("bridging/status"),
       tree->entityOf<Evpn::EvpnStatus>("evpn/status"), tree->entityOf<Evpn::MplsConfig>("evpn/mplsConfig"),
       tree->entityOf<Routing::Fhrp::VirtualRouterMacStatus>("routing/fhrp/vrMacStatus"), arpInputConfig,
       tree->entityOf<Interface::AllIntfStatusDir>("interface/status/all"),
-      tree->entityOf<Interface::AllIntfStatusLocalDir>(Statedb::cellPath(kIntfStatusLocalPath)),
+      tree->entityOf<Interface::AllIntfStatusLocalDir>(kIntfStatusLocalPath),
       tree->entityOf<Routing::L2Vpn::Config>("routing/l2vpn/config")));
   rootSmIs(mounts_, isPhysicalHardware(), taskSchedulerRoot());
   for (const auto& command : makeAgentCommands(rootSm(), activityManager())) agentCommandCallbackIs(command);

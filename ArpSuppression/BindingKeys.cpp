@@ -44,19 +44,6 @@ Mox::String VlanIdMacAddress::toStrep() const {
   return "<vlanId=" + vlanId.toStrep() + " macAddress=" + macAddress.toStrep() + ">";
 }
 
-std::optional<VlanIdMacAddress> VlanIdMacAddress::fromStrep(std::string_view text) {
-  constexpr std::string_view kVlan = "<vlanId=";
-  constexpr std::string_view kMac = " macAddress=";
-  const std::size_t middle = text.find(kMac);
-  if (!text.starts_with(kVlan) || !text.ends_with('>') || middle == std::string_view::npos)
-    return std::nullopt;
-  text.remove_suffix(1);
-  const auto vlanId = Bridging::VlanId::fromStrep(text.substr(kVlan.size(), middle - kVlan.size()));
-  const auto macAddress = Lanix::EthAddr::fromStrep(text.substr(middle + kMac.size()));
-  if (!vlanId || !macAddress) return std::nullopt;
-  return VlanIdMacAddress{*vlanId, *macAddress};
-}
-
 Mox::String VlanIdMacAddress::valueToStrep() const {
   return "Value('ArpSuppression::VlanIdMacAddress', ** {'vlanId': " + vlanId.toStrep() +
          ", 'macAddress': " + macAddress.toStrep() + "})";

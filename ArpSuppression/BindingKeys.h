@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 
 #include "Arp/Table.h"
 #include "ArpSuppression/VlanL3Info.h"
@@ -42,9 +41,8 @@ struct VlanIdMacAddress {
   friend auto operator<=>(const VlanIdMacAddress&, const VlanIdMacAddress&) = default;
   std::uint64_t hash(std::uint64_t seed) const;
 
-  // "<vlanId=10 macAddress=02:00:00:00:00:01>", and the way back.
+  // "<vlanId=10 macAddress=02:00:00:00:00:01>"
   Mox::String toStrep() const;
-  static std::optional<VlanIdMacAddress> fromStrep(std::string_view text);
   // "Value('ArpSuppression::VlanIdMacAddress', ** {...})"
   Mox::String valueToStrep() const;
 };

@@ -31,8 +31,9 @@ class VrfInfo final : public Mox::Entity {
   MOX_ATTRIBUTE(Lanix::NamespaceName, netNs)
   // A descriptor of a netlink socket in that namespace; 0 for none. Without meaning while netNs is empty.
   MOX_ATTRIBUTE(std::uint32_t, netlinkSocket, 0)
-  // The users of the VRF, and the interfaces that are watched in it by name. Both are plain pointers that keep
-  // nothing alive. When the whole status goes, users may have gone before: never follow a `user`'s pointer.
+  // The users of the VRF, and the interfaces that are watched in it by name. Both are plain pointers that
+  // keep nothing alive. When the whole status goes, users may have gone before: never follow a `user`'s
+  // pointer.
   using UserIdentity = const VrfUser*;
   MOX_MAP(UserIdentity, bool, user)
   MOX_MAP(Mox::String, VrfInterfaceWatch*, interfaceWatch)

@@ -160,8 +160,8 @@ void VrfInfoSm::becomeActive() {
     TRACELET_RECORD("no netlink socket vrfName={} netNs={} errno={}", vrfInfo_->vrfName(), netNs, error);
   }
   vrfInfo_->netlinkSocketIs(socket);
-  const auto kniRoot = Mox::dynamicPtrCast<const KernelNetInfo::Status>(
-      entityMgr_->mount(kniPath(netNs), "KernelNetInfo::Status", "r"));
+  const auto mounted = entityMgr_->mount(kniPath(netNs), "KernelNetInfo::Status", "r");
+  const auto kniRoot = mounted ? Mox::dynamicPtrCast<const KernelNetInfo::Status>(*mounted) : nullptr;
   kniInterfaceInfo_.notifierIs(kniRoot);
   const auto manager = netNsIntfStatusManagerRoot_->netNsIntfStatusManagerIs(
       netNs, kniRoot, allIntfStatusDir_, allIntfStatusLocalDir_, deviceIntfStatusDir_);

@@ -17,16 +17,15 @@ constexpr int kManyRounds = 10000;
 
 using Value = std::array<std::uint32_t, 2>;
 
-std::unique_ptr<Memtab::Writer> writerOf(const Memtab::Directory& directory, Memtab::OpenReport& report) {
-  auto writer = Memtab::Writer::open(directory, kTable, kShape, {.capacity = 32, .ringEntries = 16}, report);
-  Fuzz::check(writer != nullptr, "a writer whatever the file holds", report.message);
-  return writer;
+std::unique_ptr<Memtab::Writer> writerOf(const Memtab::Directory& directory) {
+  auto writer = Memtab::Writer::open(directory, kTable, kShape, {.capacity = 32, .ringEntries = 16});
+  Fuzz::check(static_cast<bool>(writer), "a writer whatever the file holds", writer.error());
+  return std::move(*writer);
 }
 
 // A sound segment with entries, deleted ones and a ring that went round.
 std::vector<std::byte> soundFile(const Memtab::Directory& directory) {
-  Memtab::OpenReport report;
-  auto writer = writerOf(directory, report);
+  auto writer = writerOf(directory);
   for (std::uint32_t key = 0; key < kKeys / 2; ++key) writer->put(&key, Value{key, 1}.data());
   for (std::uint32_t key = 0; key < kKeys / 2; key += 3) writer->del(&key);
   writer.reset();
@@ -72,7 +71,7 @@ void readAll(Memtab::TableView& view, Memtab::ChangeFeed& feed, std::size_t slot
 void writeAll(Memtab::Writer& writer, Memtab::TableView& view, const std::string& how) {
   for (std::uint32_t key = 0; key < kKeys; ++key) {
     Fuzz::check(writer.put(&key, Value{key, 2}.data()) != Memtab::Written::kFull, "room " + how,
-                writer.growthError());
+                writer.grown().error());
     Value value{};
     Fuzz::check(writer.get(&key, value.data()) && value == Value{key, 2}, "what was written " + how);
   }
@@ -111,9 +110,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     damageMapped(file, bytes.size(), input);
     readAll(view, feed, bytes.size() / 4);
 
-    Memtab::OpenReport report;
-    const auto writer = writerOf(directory, report);
-    writeAll(*writer, view, "after " + (report.message.empty() ? "a takeover" : report.message));
+    const auto writer = writerOf(directory);
+    const std::string& replaced = writer->openReport().replaced;
+    writeAll(*writer, view, "after " + (replaced.empty() ? "a takeover" : replaced));
     readAll(view, feed, writer->bytes() / 4);
   }
   directory.removeAll();

@@ -143,7 +143,7 @@ AgentAnswers::~AgentAnswers() {
 Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::run(Plugin::AgentCommandCallback& command,
                                                            const std::vector<Mox::String>& arguments,
                                                            uid_t user) {
-  if (const std::string refusal = command.refusal(arguments); !refusal.empty()) return Mox::Failure{refusal};
+  if (const auto checked = command.check(arguments); !checked) return checked.failure();
   return command.answer() == Plugin::AgentCommandCallback::Answer::small ? runSmall(command, arguments)
                                                                          : runLarge(command, arguments, user);
 }

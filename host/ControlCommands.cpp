@@ -254,7 +254,7 @@ void ControlCommands::changeBindings(std::string_view lines, bool add, std::stri
     if (written == Memtab::Written::kFull) {
       return appendError(
           output,
-          "no shared memory for more remote bindings: " + collection.tableWriter()->core().growthError() +
+          "no shared memory for more remote bindings: " + collection.tableWriter()->core().grown().error() +
               "; " + std::to_string(in) + " of these " + std::to_string(bindings.size()) + " are in");
     }
     changed += written == Memtab::Written::kChanged ? 1 : 0;

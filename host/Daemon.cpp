@@ -142,8 +142,8 @@ Mox::Ptr<Statedb::MountGroup> Daemon::mountGroup(Plugin::AgentBase& agent) {
 }
 
 void Daemon::createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) {
-  std::string problem;
-  if (!state_->tree()->entityIs(path, type, &problem)) throw Mox::Error(name + ": " + problem);
+  const auto made = state_->tree()->entityIs(path, type);
+  if (!made) throw Mox::Error(name + ": " + made.error());
 }
 
 Mox::Result<> Daemon::watchSignals() {

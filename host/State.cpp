@@ -80,8 +80,7 @@ Mox::Result<> checkState(const std::string& path, const json& content,
     return checked && state->path == kVrfIdPath ? checkVrfIds(content) : checked;
   }
   const Statedb::EntityType* type = treeTypes().find(state->typeName);
-  const Statedb::Plan plan = type->planMerge(type->make(), content, state->path);
-  if (!plan) return Mox::Failure{plan.error()};
+  if (const auto plan = type->planMerge(type->make(), content, state->path); !plan) return plan.failure();
   return {};
 }
 
@@ -96,12 +95,11 @@ State::State(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSchedulerRoot>& tasks
       tables_(Mox::make<Memtab::EntityManager>(loop, tasks->scheduler(),
                                                Memtab::Directory::forRunDir(runDirectory), report_)),
       problems_(Mox::dynamicPtrCast<Switch::Problems>(
-                    tree_->entityIs(Switch::kProblemsPath, Switch::kProblemsType)),
+                    *tree_->entityIs(Switch::kProblemsPath, Switch::kProblemsType)),
                 kReporter) {
   for (const auto& [name, type] : tableTypes()) type->registerAt(*tables_);
-  tables_->roomHandlerIs([this](const std::string& path, const std::string& problem) {
-    problems_.check("table " + path, problem.empty() ? Mox::Result<>() : Mox::Failure{problem},
-                    "free shared memory (/dev/shm), and add again what was refused");
+  tables_->roomHandlerIs([this](const std::string& path, const Mox::Result<>& room) {
+    problems_.check("table " + path, room, "free shared memory (/dev/shm), and add again what was refused");
   });
   for (const StatePath& state : statePaths()) {
     if (state.persistent && writtenByPlugin(state, plugins_)) tree_->persist(state.path);
@@ -110,7 +108,7 @@ State::State(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSchedulerRoot>& tasks
 
 Mox::Result<> State::build(const Config& config) {
   const auto switchConfig =
-      Mox::dynamicPtrCast<Switch::Config>(tree_->entityIs(Switch::kConfigPath, Switch::kConfigType));
+      Mox::dynamicPtrCast<Switch::Config>(*tree_->entityIs(Switch::kConfigPath, Switch::kConfigType));
   switchConfig->vrfIs(L3::VrfName::kDefault)->networkNamespaceIs(Lanix::kDefaultNamespace);
   for (const auto& [name, vrf] : config.vrfs) {
     const Mox::Ptr<Switch::VrfConfig> entity = switchConfig->vrfIs(name);
@@ -129,7 +127,7 @@ Mox::Result<> State::build(const Config& config) {
   for (const StatePath& state : statePaths()) {
     if (!settable(state, plugins_)) continue;
     if (state.storage == Storage::tree) {
-      tree_->entityIs(state.path, state.typeName);
+      if (const auto made = tree_->entityIs(state.path, state.typeName); !made) return made.failure();
       continue;
     }
     const json stated = statedContent(config.state, state.path);
@@ -164,8 +162,8 @@ void State::createAbsent() {
     // What a loaded plug-in creates itself, it may create later than the others mount it. What it only writes
     // into (a shared mount) is nobody's yet.
     const bool owned = state && !mount.flags.write && writtenByPlugin(*state, plugins_);
-    std::string problem;
-    if (!owned && !tree_->entityIs(mount.path, mount.typeName, &problem)) report_(problem);
+    if (owned) continue;
+    if (const auto made = tree_->entityIs(mount.path, mount.typeName); !made) report_(made.error());
   }
 }
 
@@ -223,13 +221,12 @@ Mox::Result<std::unique_ptr<StateChange>> State::change(json state) {
 }
 
 Mox::Result<> State::writeTree(const StatePath& state, const json& content) {
-  std::string problem;
-  const Mox::Ptr<Mox::Entity> entity = tree_->entityIs(state.path, state.typeName, &problem);
-  if (!entity) return Mox::Failure{problem};
-  Statedb::Plan plan = tree_->entityType(state.path)->planMerge(entity, content, state.path);
-  if (!plan) return Mox::Failure{plan.error()};
+  const auto entity = tree_->entityIs(state.path, state.typeName);
+  if (!entity) return entity.failure();
+  auto plan = tree_->entityType(state.path)->planMerge(*entity, content, state.path);
+  if (!plan) return plan.failure();
   try {
-    plan.apply();
+    plan->apply();
   } catch (const Mox::Error& error) {
     // Everything is written; one of those who watch it could not use a value.
     report_(state.path + ": " + error.what());
@@ -269,6 +266,10 @@ Mox::Result<std::unique_ptr<Dump>> State::dump(std::string_view given) const {
                                                   : ": there is no such path; allowed: " + statePathNames())};
 }
 
-bool State::flush() { return tree_->flush(kFlushPerTurn); }
+bool State::flush(std::size_t maxOperations) {
+  const bool more = tree_->flush(maxOperations);
+  problems_.check("state store", tree_->written(), "make room in the file system of the run directory");
+  return more;
+}
 
 }  // namespace Host

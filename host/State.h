@@ -74,13 +74,14 @@ class State {
   Switch::ProblemReporter& problems() { return problems_; }
 
   // Once a turn: makes some of the published state durable; true while more waits.
-  bool flush();
-  void flushAll() { tree_->flush(); }
+  bool flush() { return flush(kFlushPerTurn); }
+  void flushAll() { flush(Statedb::Store::kEverything); }
 
  private:
   class Merge;
   static constexpr std::size_t kFlushPerTurn = 256;
 
+  bool flush(std::size_t maxOperations);
   Mox::Result<> writeTree(const StatePath& state, const nlohmann::json& content);
   Mox::Result<Mox::Ptr<Memtab::Entity>> writableTable(const StatePath& state) const;
   Mox::Result<> buildTable(const StatePath& state, const nlohmann::json& content);

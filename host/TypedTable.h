@@ -136,8 +136,8 @@ Mox::Result<> check(const Memtab::Collection<Key, Value>&, const nlohmann::json&
       return Mox::Failure{where + ": the key is not " + allowedTableKey<Key>()};
     if (entry.value().is_null()) continue;
     Value value{};
-    std::string problem;
-    if (!Statedb::mergeValue(entry.value(), value, problem)) return Mox::Failure{where + problem};
+    if (const auto merged = Statedb::mergeValue(entry.value(), value); !merged)
+      return Mox::Failure{where + merged.error()};
   }
   return {};
 }
@@ -146,11 +146,10 @@ Mox::Result<> check(const Memtab::Collection<Key, Value>&, const nlohmann::json&
 template <class Key, class Value>
 Mox::Result<> put(Memtab::Collection<Key, Value>& collection, const Key& key, Value value,
                   const nlohmann::json& json) {
-  std::string problem;
-  if (!Statedb::mergeValue(json, value, problem)) return Mox::Failure{problem};
+  if (const auto merged = Statedb::mergeValue(json, value); !merged) return merged;
   if (collection.set(key, value) == Memtab::Written::kFull) {
     return Mox::Failure{"no shared memory for " + Mox::toStrep(key) + ": " +
-                        collection.tableWriter()->core().growthError()};
+                        collection.tableWriter()->core().grown().error()};
   }
   return {};
 }

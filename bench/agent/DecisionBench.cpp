@@ -181,7 +181,7 @@ void restart(std::uint32_t bindings, const Directory& directory) {
   const auto tree = Mox::make<Statedb::EntityManager>(
       types, [](auto call) { call(); }, directory.store());
   tree->persist(kOutput);
-  tree->entityIs(kOutput, "Arp::ArpInputConfig");
+  static_cast<void>(tree->entityIs(kOutput, "Arp::ArpInputConfig"));
   const auto output = tree->entityOf<Arp::ArpInputConfig>(kOutput);
   const double load = cpuSeconds() - start;
   const std::size_t loaded = output->vrfs() == 0 ? 0 : output->vrf("red")->ipv4s();

@@ -219,12 +219,12 @@ bool measure(std::size_t entries, int rounds) {
   std::printf("%zu entries, key %zu bytes, value %zu bytes\n", entries, sizeof(K), sizeof(Value));
 
   const Memtab::Directory directory("MemtabBench-" + std::to_string(getpid()));
-  Memtab::OpenReport report;
-  auto writer = Memtab::TableWriter<K, Value>::open(directory, "bench", {}, report);
-  if (!writer) {
-    std::fprintf(stderr, "%s\n", report.message.c_str());
+  const auto opened = Memtab::TableWriter<K, Value>::open(directory, "bench", {});
+  if (!opened) {
+    std::fprintf(stderr, "%s\n", opened.error().c_str());
     return false;
   }
+  const auto& writer = *opened;
   fill(*writer, keys);
   while (writer->core().growStep(4096)) {
   }

@@ -1,8 +1,8 @@
 // The whole switch at rest, at 1, 100 and 1,000 VLANs: one bridge for each, with an access port and a tunnel
-// port, in a network namespace of its own; nobody talks. Prints the time and the CPU until all VLANs are ready
-// to be trapped, the longest turn of the daemon's event loop until then (wall-clock time), what it
-// does while there is nothing to do (kernel notifications caused, CPU, context switches), and how long its
-// clean stop takes.
+// port, in a network namespace of its own; nobody talks. Prints the time and the CPU until all VLANs are
+// ready to be trapped, the longest turn of the daemon's event loop until then (wall-clock time), what it does
+// while there is nothing to do (kernel notifications caused, CPU, context switches), and how long its clean
+// stop takes.
 //
 //   SwitchBench [REST_SECONDS [VLANS...]]
 //

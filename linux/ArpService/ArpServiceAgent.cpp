@@ -5,7 +5,6 @@
 #include "ArpService/Trace.h"
 #include "L3/VrfName.h"
 #include "Statedb/EntityManager.h"
-#include "Statedb/Path.h"
 #include "Switch/Config.h"
 
 namespace ArpService {
@@ -97,7 +96,7 @@ void ArpServiceAgent::doInit() {
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
   group->mountIs(Switch::kProblemsPath, Switch::kProblemsType, "wc");
   group->mountIs(kInputPath, "Arp::ArpInputConfig", "r");
-  group->mountIs(Statedb::cellPath(kVrfStatusLocalPath), "Ip::AllVrfStatusLocal", "r");
+  group->mountIs(kVrfStatusLocalPath, "Ip::AllVrfStatusLocal", "r");
   group->mountIs(kStatusPath, "Arp::ServiceStatus", "wc");
   localEntitiesCreatedIs(true);
   group->doClose(false, "ArpService", 0.0);
@@ -109,7 +108,7 @@ void ArpServiceAgent::doMountsComplete(Statedb::MountStatus /*status*/,
                                        const Ptr<Statedb::EntityManager>& tree) {
   const auto switchConfig = tree->entityOf<Switch::Config>(Switch::kConfigPath);
   const auto input = tree->entityOf<Arp::ArpInputConfig>(kInputPath);
-  const auto vrfs = tree->entityOf<Ip::AllVrfStatusLocal>(Statedb::cellPath(kVrfStatusLocalPath));
+  const auto vrfs = tree->entityOf<Ip::AllVrfStatusLocal>(kVrfStatusLocalPath);
   const auto status = tree->entityOf<Arp::ServiceStatus>(kStatusPath);
   if (!switchConfig || !input || !vrfs || !status) {
     ARP_SERVICE_TRACE(0, "ArpService does not run: " << kInputPath << ", " << kVrfStatusLocalPath << " or "

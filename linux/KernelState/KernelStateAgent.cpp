@@ -1,7 +1,6 @@
 #include "KernelState/KernelStateAgent.h"
 
 #include "KernelState/Trace.h"
-#include "Statedb/Path.h"
 
 namespace KernelState {
 namespace {
@@ -33,8 +32,7 @@ KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Or
              mounts->bridgingStatus, scheduler),
       findTask_(scheduler, "KernelState entities", kFindLevel, [this] { findEntities(); }) {
   tree_.on(Statedb::EntityManager::entityChanged, [this](const std::string& path) {
-    if (path == kIntfStatusPath || path == Statedb::cellPath(kIntfStatusLocalPath) ||
-        path == kBridgingConfigPath)
+    if (path == kIntfStatusPath || path == kIntfStatusLocalPath || path == kBridgingConfigPath)
       findTask_.schedule();
   });
   reconcileSm_.writersAre(neighbourTable_, &vlanInterfaceSm_, &fdbSm_);
@@ -48,9 +46,8 @@ KernelStateRootSm::~KernelStateRootSm() { namespaceManagerSm_.del(); }
 
 // Those that others make, and may make later.
 void KernelStateRootSm::findEntities() {
-  intfStatusSm_.directoriesAre(
-      tree_->entityOf<Interface::AllIntfStatusDir>(kIntfStatusPath),
-      tree_->entityOf<Interface::AllIntfStatusLocalDir>(Statedb::cellPath(kIntfStatusLocalPath)));
+  intfStatusSm_.directoriesAre(tree_->entityOf<Interface::AllIntfStatusDir>(kIntfStatusPath),
+                               tree_->entityOf<Interface::AllIntfStatusLocalDir>(kIntfStatusLocalPath));
   const auto bridgingConfig = tree_->entityOf<Bridging::Config>(kBridgingConfigPath);
   bridgeMacSm_.bridgingConfigIs(bridgingConfig);
   fdbSm_.bridgingConfigIs(bridgingConfig);
@@ -65,7 +62,7 @@ void KernelStateAgent::doInit() {
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
   group->mountIs(Switch::kProblemsPath, Switch::kProblemsType, "wc");
   group->mountIs(kIpStatusPath, "Ip::Status", "wc");
-  group->mountIs(Statedb::cellPath(kVrfStatusLocalPath), "Ip::AllVrfStatusLocal", "wc");
+  group->mountIs(kVrfStatusLocalPath, "Ip::AllVrfStatusLocal", "wc");
   group->mountIs(kBridgingConfigPath, "Bridging::Config", "rwS");
   localEntitiesCreatedIs(true);
   group->doClose(false, "KernelState", 0.0);
@@ -79,7 +76,7 @@ void KernelStateAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   mounts->config = tree->entityOf<Switch::Config>(Switch::kConfigPath);
   mounts->problems = tree->entityOf<Switch::Problems>(Switch::kProblemsPath);
   mounts->ipStatus = tree->entityOf<Ip::Status>(kIpStatusPath);
-  mounts->vrfStatusLocal = tree->entityOf<Ip::AllVrfStatusLocal>(Statedb::cellPath(kVrfStatusLocalPath));
+  mounts->vrfStatusLocal = tree->entityOf<Ip::AllVrfStatusLocal>(kVrfStatusLocalPath);
   if (!mounts->ipStatus || !mounts->vrfStatusLocal) {
     KERNEL_STATE_TRACE(0, "KernelState does not run: " << kIpStatusPath << " or " << kVrfStatusLocalPath
                                                        << " has an entity of another type");

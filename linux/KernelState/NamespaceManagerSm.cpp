@@ -84,10 +84,9 @@ void NamespaceManagerSm::check() {
 
 void NamespaceManagerSm::make(const Lanix::NamespaceName& name, Slot& slot) {
   const std::string path = "kni/ns/" + name + "/status";
-  std::string problem;
-  const auto kernelNetInfo =
-      Mox::dynamicPtrCast<KernelNetInfo::Status>(tree_->entityIs(path, "KernelNetInfo::Status", &problem));
-  if (!kernelNetInfo) KERNEL_STATE_TRACE(0, path << " is not published: " << problem);
+  const auto made = tree_->entityIs(path, "KernelNetInfo::Status");
+  if (!made) KERNEL_STATE_TRACE(0, path << " is not published: " << made.error());
+  const auto kernelNetInfo = made ? Mox::dynamicPtrCast<KernelNetInfo::Status>(*made) : nullptr;
   const bool isDefault = name == Lanix::kDefaultNamespace;
   const Ptr<NamespaceState> state = states_->stateIs(name);
   slot.watch = std::make_unique<Watch>(state);

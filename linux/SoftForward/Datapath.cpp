@@ -122,7 +122,8 @@ bool Datapath::readSlice() {
   if (!slice.done) return true;
   dumping_ = false;
   if (!slice.result) return readingFailed(slice.result);
-  // What changed meanwhile is in the notifications, but an interrupted dump may have passed over what did not.
+  // What changed meanwhile is in the notifications, but an interrupted dump may have passed over what did
+  // not.
   if (slice.interrupted && ++readingTries_ < kReadingTries) return true;
   if (links) {
     links_.readingEnds();

@@ -62,8 +62,9 @@ class Pairs {
   // device is left alone.
   Mox::Result<std::optional<Pair>> find(const PairNames& names) const;
 
-  // Makes the pair, or makes the one of these names as specified: with that MTU, without ARP and IPv6, so that
-  // the kernel's own stack sends nothing on it. Whether it is so already. An end that is made here is down.
+  // Makes the pair, or makes the one of these names as specified: with that MTU, without ARP and IPv6, so
+  // that the kernel's own stack sends nothing on it. Whether it is so already. An end that is made here is
+  // down.
   Mox::Result<bool> shapeIs(const PairSpec& wanted);
   // Both ends up; only for a pair that has its shape. Whether frames pass.
   Mox::Result<bool> upIs(const Pair& pair);

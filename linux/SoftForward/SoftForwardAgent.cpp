@@ -22,8 +22,8 @@ void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Sta
   const auto forwarding = tree->entityOf<Switch::Forwarding>(Switch::kForwardingPath);
   // Whoever publishes the status finds this entity, if it is not there already.
   const auto status = Mox::dynamicPtrCast<const ArpSuppression::ArpSuppressionStatus>(
-      tree->mount("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", "r"));
-  if (!switchConfig || !status || !forwarding) return;
+      required(tree->mount("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", "r")));
+  if (!switchConfig || !forwarding) return;
   softForwardSm_ =
       Mox::make<SoftForwardSm>(taskSchedulerRoot()->scheduler(), switchConfig, status,
                                tree->entityOf<const Bridging::Config>(kBridgingConfigPath),

@@ -39,8 +39,8 @@ std::uint32_t openNetlinkSocket(const NamespaceName& netNs);
 void closeNetlinkSocket(std::uint32_t socket);
 
 // Requests for one socket that go to the kernel together. Route netlink handles them within the send, one
-// after the other, and queues an answer for each: nothing is waited for, and an answer that is not there after
-// the send was lost.
+// after the other, and queues an answer for each: nothing is waited for, and an answer that is not there
+// after the send was lost.
 class NetlinkBatch {
  public:
   // So many answers fit into a socket's receive queue at its default size, each taking about 800 bytes of it.
@@ -55,9 +55,9 @@ class NetlinkBatch {
   std::size_t size() const { return sequences_.size(); }
   bool full() const { return size() == kMost; }
 
-  // Sends all of it and says of each request, in order, whether the kernel did it; the failure's number is the
-  // kernel's errno, that of the send when nothing could be sent, or ETIMEDOUT when the answer was lost. The
-  // batch is empty afterwards. Answers to earlier batches that are found on the way are passed over.
+  // Sends all of it and says of each request, in order, whether the kernel did it; the failure's number is
+  // the kernel's errno, that of the send when nothing could be sent, or ETIMEDOUT when the answer was lost.
+  // The batch is empty afterwards. Answers to earlier batches that are found on the way are passed over.
   std::vector<Mox::Result<>> send();
 
  private:

@@ -41,8 +41,8 @@ class TableBase {
   virtual ~TableBase() = default;
   virtual const char* name() const = 0;
   virtual void readerIs(const Directory& directory, const std::string& table, Watcher& watcher) = 0;
-  virtual bool writerIs(const Directory& directory, const std::string& table, const WriterOptions& options,
-                        OpenReport& report) = 0;
+  virtual Mox::Result<> writerIs(const Directory& directory, const std::string& table,
+                                 const WriterOptions& options) = 0;
   virtual TableView* view() = 0;
   virtual Writer* writer() = 0;
   // Reports up to `maxKeys` changes to the entity's watchers; true if there may be more.
@@ -60,12 +60,12 @@ class Entity : public Mox::Entity {
   // The default handler writes a trace line and a record.
   void corrupted(const std::string& message) const;
 
-  // For the manager: called with the reason when a table has no memory for an entry, and with "" when one has
-  // gone in again.
-  using RoomHandler = std::function<void(const std::string& problem)>;
+  // For the manager: called with the reason when a table has no memory for an entry, and with a good result
+  // when one has gone in again.
+  using RoomHandler = std::function<void(const Mox::Result<>& room)>;
   void roomHandlerIs(RoomHandler handler) { roomHandler_ = std::move(handler); }
-  void roomIs(const std::string& problem) const {
-    if (roomHandler_) roomHandler_(problem);
+  void roomIs(const Mox::Result<>& room) const {
+    if (roomHandler_) roomHandler_(room);
   }
 
   virtual std::vector<TableBase*> tables() = 0;
@@ -124,10 +124,10 @@ class Collection final : public TableBase {
     const Written written = writable().entryIs(key, value);
     dirty_ = dirty_ || written == Written::kChanged;
     // An entry that needed no room says nothing about it.
-    const std::string& problem = writer_->core().growthError();
-    if (full_ ? problem.empty() : written == Written::kFull) {
+    const Mox::Result<>& grown = writer_->core().grown();
+    if (full_ ? static_cast<bool>(grown) : written == Written::kFull) {
       full_ = !full_;
-      entity_->roomIs(problem);
+      entity_->roomIs(grown);
     }
     return written;
   }
@@ -146,10 +146,12 @@ class Collection final : public TableBase {
     reader_ = std::make_unique<TableReader<Key, Value>>(directory, table, &watcher);
     reader_->watch();
   }
-  bool writerIs(const Directory& directory, const std::string& table, const WriterOptions& options,
-                OpenReport& report) override {
-    if (!writer_) writer_ = TableWriter<Key, Value>::open(directory, table, options, report);
-    return writer_ != nullptr;
+  Mox::Result<> writerIs(const Directory& directory, const std::string& table,
+                         const WriterOptions& options) override {
+    auto opened = TableWriter<Key, Value>::open(directory, table, options);
+    if (!opened) return opened.failure();
+    writer_ = std::move(*opened);
+    return {};
   }
   TableView* view() override { return reader_ ? &reader_->view() : nullptr; }
   Writer* writer() override { return writer_ ? &writer_->core() : nullptr; }

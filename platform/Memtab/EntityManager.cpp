@@ -123,18 +123,18 @@ Mounted EntityManager::mount(const std::string& given, const std::string& typeNa
       for (const auto& collection : descriptor.collections) {
         if (collection.name == table->name()) options.capacity = collection.size;
       }
-      OpenReport opened;
-      if (!table->writerIs(directory_, name, options, opened))
-        return Mox::Failure{opened.message, opened.liveWriter ? EBUSY : 0};
-      if (!opened.message.empty() && report_) {
-        report_(opened.message + (opened.setAside.empty() ? "" : "; set aside as " + opened.setAside));
+      if (!table->writer()) {
+        if (const auto opened = table->writerIs(directory_, name, options); !opened) return opened.failure();
+        const OpenReport& opened = table->writer()->openReport();
+        if (!opened.replaced.empty() && report_)
+          report_(opened.replaced + (opened.setAside.empty() ? "" : "; set aside as " + opened.setAside));
       }
       slot.writable = true;
-      slot.entity->roomHandlerIs([this, path](const std::string& problem) {
+      slot.entity->roomHandlerIs([this, path](const Mox::Result<>& room) {
         if (roomHandler_) {
-          roomHandler_(path, problem);
+          roomHandler_(path, room);
         } else if (report_) {
-          report_(path + ": " + (problem.empty() ? "takes entries again" : problem));
+          report_(path + ": " + (room ? "takes entries again" : room.error()));
         }
       });
       slot.doorbellDelay = descriptor.doorbellDelay;

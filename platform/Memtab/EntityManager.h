@@ -78,8 +78,8 @@ class EntityManager final : public Mox::Referenced {
   // is reported.
   Mounted mount(const std::string& path, const std::string& typeName, const MountDescriptor& descriptor);
   // Who hears that a table which this process writes has no memory for an entry, once, with the reason, and
-  // with "" when one has gone in again. Without a handler both are reported.
-  using RoomHandler = std::function<void(const std::string& path, const std::string& problem)>;
+  // with a good result when one has gone in again. Without a handler both are reported.
+  using RoomHandler = std::function<void(const std::string& path, const Mox::Result<>& room)>;
   void roomHandlerIs(RoomHandler handler) { roomHandler_ = std::move(handler); }
 
   // Null when nobody mounted the path.

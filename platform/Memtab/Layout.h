@@ -121,7 +121,6 @@ struct StaticShape {
 };
 
 inline constexpr std::uint32_t kMaxKeyWords = kMaxKeyBytes / 4;
-inline constexpr std::uint32_t kMaxValueWords = kMaxValueBytes / 4;
 
 inline constexpr std::uint32_t stampOf(std::uint64_t position) {
   return static_cast<std::uint32_t>(position) & kStampMask;

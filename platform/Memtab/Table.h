@@ -89,7 +89,6 @@ class TableReader {
     if (!view_.peek(typename Types::Static{}, toWords(key).data(), value.data())) return std::nullopt;
     return fromWords<Value>(value.data());
   }
-  Value lookupOr(const Key& key, const Value& otherwise) { return lookup(key).value_or(otherwise); }
   void prefetchTags(const Key& key) const {
     view_.prefetchTags(typename Types::Static{}, toWords(key).data());
   }
@@ -135,13 +134,14 @@ class TableWriter {
  public:
   using Types = TableTypes<Key, Value>;
 
-  // Null if the table cannot be written; the report says why. See Writer::open.
-  static std::unique_ptr<TableWriter> open(const Directory& directory, std::string_view table,
-                                           const WriterOptions& options, OpenReport& report) {
-    auto writer = Writer::open(directory, table, Types::shape(), options, report);
-    if (!writer) return nullptr;
-    return std::unique_ptr<TableWriter>(new TableWriter(std::move(writer)));
+  // See Writer::open.
+  static Mox::Result<std::unique_ptr<TableWriter>> open(const Directory& directory, std::string_view table,
+                                                        const WriterOptions& options) {
+    auto writer = Writer::open(directory, table, Types::shape(), options);
+    if (!writer) return writer.failure();
+    return std::unique_ptr<TableWriter>(new TableWriter(std::move(*writer)));
   }
+  const OpenReport& openReport() const { return writer_->openReport(); }
 
   Written entryIs(const Key& key, const Value& value) {
     return writer_->put(toWords(key).data(), toWords(value).data());

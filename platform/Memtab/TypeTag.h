@@ -12,8 +12,8 @@ namespace Memtab {
 // A type's name as the compilers spell it, namespaces included.
 template <class T>
 consteval std::string_view typeName() {
-  std::string_view text =
-      __PRETTY_FUNCTION__;  // "... [with T = Lanix::EthAddr; ...]", "... [T = Lanix::EthAddr]"
+  // "... [with T = Lanix::EthAddr; ...]" or "... [T = Lanix::EthAddr]"
+  std::string_view text = __PRETTY_FUNCTION__;
   text.remove_prefix(text.find("T = ") + 4);
   return text.substr(0, text.find_first_of(";]"));
 }

@@ -16,7 +16,7 @@ constexpr std::uint64_t kSlotsASweep = 4096;
 }  // namespace
 
 Writer::~Writer() {
-  if (growth_) growthAbort({});
+  if (growth_) growthAbort();
   if (active_ && !removed_) {
     flush();
     storeWord(&active_->header()->writerPid, 0U, std::memory_order_relaxed);
@@ -162,7 +162,7 @@ bool Writer::sweep(std::size_t maxEntries) {
 }
 
 void Writer::remove() {
-  if (growth_) growthAbort({});
+  if (growth_) growthAbort();
   directory_.remove(table_);
   removed_ = true;
 }

@@ -26,16 +26,13 @@ struct WriterOptions {
 // How a writer came to its table, for the log.
 struct OpenReport {
   enum class Start {
-    kRefused,          // no writer: `message` says why
     kCreated,          // there was no table
     kTakenOver,        // an earlier writer's table continues, entries included
     kReplacedDamaged,  // the table found was set aside as `setAside`, and an empty one started
   };
-  Start start = Start::kRefused;
-  // Why it was refused, or what was damaged or foreign and has been replaced; otherwise empty.
-  std::string message;
-  bool liveWriter = false;  // refused because another live writer has the table
-  std::string setAside;     // full file name
+  Start start = Start::kCreated;
+  std::string replaced;  // what was damaged or foreign and has been replaced; otherwise empty
+  std::string setAside;  // full file name
   // Entries whose value an earlier writer left half written: they are deleted, and readers are told.
   std::uint64_t repaired = 0;
   // Changes that an earlier writer made and had not told readers of when it died: they are told now.
@@ -45,7 +42,7 @@ struct OpenReport {
 enum class Written {
   kUnchanged,
   kChanged,
-  kFull,  // no room, and the system gives no memory to grow: growthError() says why; the table is as before
+  kFull,  // no room, and the system gives no memory to grow: grown() says why; the table is as before
 };
 
 // The one writer of a table. Its writes are visible to every reader at once; readers are woken by flush().
@@ -59,14 +56,16 @@ class Writer {
  public:
   // Opens a table for writing: creates it, or takes over what an earlier writer left. What is no table of
   // this shape, or belongs to another user than this process's or root, is set aside under another name, and
-  // of those the latest is kept. Null if another live writer has the table, or the system refuses; the report
-  // says so. Reads the whole of an existing table.
-  static std::unique_ptr<Writer> open(const Directory& directory, std::string_view table, const Shape& shape,
-                                      const WriterOptions& options, OpenReport& report);
+  // of those the latest is kept. Refused when the system refuses, or, with EBUSY, when another live writer
+  // has the table. Reads the whole of an existing table.
+  static Mox::Result<std::unique_ptr<Writer>> open(const Directory& directory, std::string_view table,
+                                                   const Shape& shape, const WriterOptions& options);
   // Flushes and gives up the table, which stays.
   ~Writer();
   Writer(const Writer&) = delete;
   Writer& operator=(const Writer&) = delete;
+
+  const OpenReport& openReport() const { return report_; }
 
   // Sets an entry. A value equal to the present one changes nothing and is not reported.
   Written put(const std::uint32_t* key, const std::uint32_t* value);
@@ -99,8 +98,8 @@ class Writer {
   // Every write does this for a few slots, so that nobody has to call it.
   bool growStep(std::size_t maxSlots);
   bool growing() const { return growth_ != nullptr; }
-  // Why the table could last not grow; empty if it could.
-  const std::string& growthError() const { return growthError_; }
+  // Whether the table could grow when it last had to, or why not.
+  const Mox::Result<>& grown() const { return grown_; }
 
   // Removes the table: readers see it go. The writer must not be used afterwards, only destroyed.
   void remove();
@@ -133,11 +132,13 @@ class Writer {
 
   static std::uint32_t ringEntriesFor(std::uint64_t capacity);
   Mox::Result<> openBell(const std::string& bell);
-  bool lock(OpenReport& report);
-  bool start(OpenReport& report);
-  bool startEmpty(OpenReport& report);
+  Mox::Result<> lock();
+  Mox::Result<> start();
+  Mox::Result<> startEmpty();
   // Good if the segment is sound; then it is repaired and the active one.
-  Mox::Result<> takeOver(std::shared_ptr<Segment> segment, OpenReport& report);
+  Mox::Result<> takeOver(std::shared_ptr<Segment> segment);
+  // What was found and has been replaced, and as what it was set aside, for the report.
+  void replaced(const std::string& what);
 
   // What every change ends with: it is reported, and goes into a growing table's next segment as well.
   void changed(std::uint64_t index, const std::uint32_t* key, std::uint64_t hash);
@@ -150,8 +151,9 @@ class Writer {
   // the system has refused memory, only once the file system has room for it.
   void growthBegin(std::uint64_t capacity);
   void growthReady();
-  // Gives the next segment up; with a reason when the system refused something.
-  void growthAbort(const std::string& why);
+  void growthAbort();
+  // The same, because the system refused something.
+  void growthRefused(const std::string& why);
   // Copies ring entries and slots, `units` of them.
   void growthMove(std::size_t units);
   enum class Copied { kYes, kNoPlace, kNoMemory };
@@ -166,11 +168,12 @@ class Writer {
   Shape shape_;
   WriterOptions options_;
   std::string file_;
+  OpenReport report_;
   int bell_ = -1;  // open for the writer's life: its lock is the proof that the table has a live writer
   std::shared_ptr<Segment> active_;
   std::unique_ptr<Growth> growth_;
   std::vector<std::shared_ptr<Segment>> releasing_;
-  std::string growthError_;
+  Mox::Result<> grown_;
   std::uint64_t growthBytes_ = 0;  // what the system last refused to give a next segment; 0: it gave it
   std::uint64_t rungAt_ = 0;       // the head when readers were last woken
   bool removed_ = false;

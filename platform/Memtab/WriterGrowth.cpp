@@ -43,7 +43,7 @@ void Writer::growthBegin(std::uint64_t capacity) {
   // as large again; one that is mostly full of deleted ones keeps its size, or shrinks.
   plan.capacity = std::max({capacity, options_.capacity, active_->live() * 15 / 8 + 1});
   if (plan.capacity > kMaxCapacity) {
-    growthError_ = file_ + ": has reached the largest capacity, " + std::to_string(kMaxCapacity);
+    grown_ = Mox::Failure{file_ + ": has reached the largest capacity, " + std::to_string(kMaxCapacity)};
     return;
   }
   // Never smaller than before: what the old ring still tells, the new one has to.
@@ -56,16 +56,19 @@ void Writer::growthBegin(std::uint64_t capacity) {
   Segment::Opened opened = Segment::create(Directory::nextFile(file_), plan);
   growth_ = std::make_unique<Growth>();
   growth_->next = std::move(opened.segment);
-  if (!growth_->next) return growthAbort(opened.message);
+  if (!growth_->next) return growthRefused(opened.message);
   if (reconciling_) growth_->marks.assign(growth_->next->slots() / 64 + 1, 0);
 }
 
-void Writer::growthAbort(const std::string& why) {
+void Writer::growthAbort() {
   unlink(Directory::nextFile(file_).c_str());
-  const std::unique_ptr<Growth> given = std::move(growth_);
-  if (why.empty()) return;
-  growthError_ = why;
-  growthBytes_ = given->next ? given->next->bytes() : 0;
+  growth_.reset();
+}
+
+void Writer::growthRefused(const std::string& why) {
+  grown_ = Mox::Failure{why};
+  growthBytes_ = growth_->next ? growth_->next->bytes() : 0;
+  growthAbort();
 }
 
 // From here on changes go to both rings.
@@ -81,8 +84,8 @@ void Writer::growthReady() {
 // Gives up a next segment that cannot take an entry: a larger one may, or there is no memory at all.
 void Writer::growthStuck(Copied why) {
   const std::uint64_t larger = growth_->next->capacity() + growth_->next->capacity() / 2;
-  if (why == Copied::kNoMemory) return growthAbort(file_ + ": cannot grow: " + std::strerror(errno));
-  growthAbort({});
+  if (why == Copied::kNoMemory) return growthRefused(file_ + ": cannot grow: " + std::strerror(errno));
+  growthAbort();
   growthBegin(larger);
 }
 
@@ -113,7 +116,7 @@ void Writer::growthMove(std::size_t units) {
     bool more = false;
     if (!growth.ready) {
       if (!growth.next->allocateStep(more))
-        return growthAbort(file_ + ": cannot grow: " + std::strerror(errno));
+        return growthRefused(file_ + ": cannot grow: " + std::strerror(errno));
       if (growth.next->allocatedBeforeSlots()) growthReady();
       units -= std::min(units - 1, kAllocationUnits);
     } else if (growth.ring < growth.ringEnd) {
@@ -132,7 +135,7 @@ void Writer::growthMove(std::size_t units) {
       ++growth.slot;
     } else {
       if (!growth.next->allocateStep(more))
-        return growthAbort(file_ + ": cannot grow: " + std::strerror(errno));
+        return growthRefused(file_ + ": cannot grow: " + std::strerror(errno));
       if (!more) return growthFinish();
       units -= std::min(units - 1, kAllocationUnits);
     }
@@ -140,7 +143,7 @@ void Writer::growthMove(std::size_t units) {
 }
 
 void Writer::growthFinish() {
-  const std::unique_ptr<Growth> growth = std::move(growth_);
+  std::unique_ptr<Growth> growth = std::move(growth_);
   Segment& next = *growth->next;
   next.bornAtIs(active_->head());
   Header& header = *next.header();
@@ -153,10 +156,11 @@ void Writer::growthFinish() {
   if (rename(next.file().c_str(), file_.c_str()) != 0) {
     const int error = errno;
     storeWord(&active_->header()->retired, 0U, std::memory_order_release);
-    return growthAbort(file_ + ": cannot be replaced: " + std::strerror(error));
+    growth_ = std::move(growth);
+    return growthRefused(file_ + ": cannot be replaced: " + std::strerror(error));
   }
   next.fileIs(file_);
-  growthError_.clear();
+  grown_ = {};
   growthBytes_ = 0;
   releasing_.push_back(std::exchange(active_, growth->next));
   marks_ = std::move(growth->marks);

@@ -44,17 +44,16 @@ Writer::Writer(const Directory& directory, std::string_view table, const Shape& 
   }
 }
 
-std::unique_ptr<Writer> Writer::open(const Directory& directory, std::string_view table, const Shape& shape,
-                                     const WriterOptions& options, OpenReport& report) {
-  report = {};
+Mox::Result<std::unique_ptr<Writer>> Writer::open(const Directory& directory, std::string_view table,
+                                                  const Shape& shape, const WriterOptions& options) {
   std::unique_ptr<Writer> writer(new Writer(directory, table, shape, options));
   if (shape.keyBytes == 0 || shape.keyBytes > kMaxKeyBytes || shape.valueBytes > kMaxValueBytes) {
-    report.message = writer->file_ + ": keys have 1 to " + std::to_string(kMaxKeyBytes) +
-                     " bytes and values up to " + std::to_string(kMaxValueBytes) + ", not " +
-                     std::to_string(shape.keyBytes) + " and " + std::to_string(shape.valueBytes);
-    return nullptr;
+    return Mox::Failure{writer->file_ + ": keys have 1 to " + std::to_string(kMaxKeyBytes) +
+                        " bytes and values up to " + std::to_string(kMaxValueBytes) + ", not " +
+                        std::to_string(shape.keyBytes) + " and " + std::to_string(shape.valueBytes)};
   }
-  if (!writer->lock(report) || !writer->start(report)) return nullptr;
+  if (const auto locked = writer->lock(); !locked) return locked.failure();
+  if (const auto started = writer->start(); !started) return started.failure();
   writer->flush();
   return writer;
 }
@@ -78,55 +77,54 @@ Mox::Result<> Writer::openBell(const std::string& bell) {
   return Mox::Failure{bell + ": is not a regular file of user " + std::to_string(geteuid())};
 }
 
-bool Writer::lock(OpenReport& report) {
+void Writer::replaced(const std::string& what) {
+  report_.replaced += (report_.replaced.empty() ? "" : "; ") + what;
+}
+
+Mox::Result<> Writer::lock() {
   const std::string bell = Directory::bellFile(file_);
   for (int tries = 0; tries < kLockTries; ++tries) {
     if (const auto opened = openBell(bell); !opened) {
       if (opened.number() == EEXIST) continue;  // another writer made it just now
-      report.message = opened.error();
       constexpr std::array kForeign = {0, EACCES, EISDIR, ELOOP, ENXIO};
-      if (std::find(kForeign.begin(), kForeign.end(), opened.number()) == kForeign.end()) return false;
+      if (std::find(kForeign.begin(), kForeign.end(), opened.number()) == kForeign.end()) return opened;
       const auto aside = setAside(bell);
-      report.message += "; " + (aside ? "set aside as " + *aside : aside.error());
-      if (!aside && aside.number() != ENOENT) return false;
+      const std::string what = opened.error() + "; " + (aside ? "set aside as " + *aside : aside.error());
+      if (!aside && aside.number() != ENOENT) return Mox::Failure{what, aside.number()};
+      replaced(what);
       continue;
     }
     if (flock(bell_, LOCK_EX | LOCK_NB) != 0) {
-      if (errno != EWOULDBLOCK) {
-        report.message = bell + ": cannot lock: " + std::strerror(errno);
-      } else {
-        report.liveWriter = true;
-        const auto other = Segment::open(file_, shape_, Segment::Access::kRead).segment;
-        report.message = file_ + ": has a live writer already" +
-                         (other ? ", process " + std::to_string(other->writerPid()) : std::string());
-      }
-      return false;
+      const int error = errno;
+      if (error != EWOULDBLOCK) return Mox::Failure{bell + ": cannot lock: " + std::strerror(error), error};
+      const auto other = Segment::open(file_, shape_, Segment::Access::kRead).segment;
+      return Mox::Failure{file_ + ": has a live writer already" +
+                              (other ? ", process " + std::to_string(other->writerPid()) : std::string()),
+                          EBUSY};
     }
     // Gives the byte its memory, and wakes readers of a table whose earlier writer died before it did.
     if (pwrite(bell_, "!", 1, 0) != 1) {
-      report.message = bell + ": cannot write: " + std::strerror(errno);
-      return false;
+      const int error = errno;
+      return Mox::Failure{bell + ": cannot write: " + std::strerror(error), error};
     }
     // The file may have been removed, with its table, between opening and locking it.
-    if (isStillNamed(bell_, bell)) return true;
+    if (isStillNamed(bell_, bell)) return {};
     close(std::exchange(bell_, -1));
   }
-  report.message = bell + ": keeps being replaced by another process";
-  return false;
+  return Mox::Failure{bell + ": keeps being replaced by another process"};
 }
 
-bool Writer::start(OpenReport& report) {
+Mox::Result<> Writer::start() {
   Segment::Opened opened = Segment::open(file_, shape_, Segment::Access::kWrite);
   Mox::Result<> sound;
   switch (opened.outcome) {
     case Segment::Outcome::kAbsent:
-      report.start = OpenReport::Start::kCreated;
-      return startEmpty(report);
+      report_.start = OpenReport::Start::kCreated;
+      return startEmpty();
     case Segment::Outcome::kFailed:
-      report.message = std::move(opened.message);
-      return false;
+      return Mox::Failure{std::move(opened.message)};
     case Segment::Outcome::kOpened:
-      sound = takeOver(std::move(opened.segment), report);
+      sound = takeOver(std::move(opened.segment));
       break;
     case Segment::Outcome::kDamaged:
       sound = Mox::Failure{std::move(opened.message)};
@@ -134,22 +132,19 @@ bool Writer::start(OpenReport& report) {
   }
   if (sound) {
     unlink(Directory::nextFile(file_).c_str());
-    report.start = OpenReport::Start::kTakenOver;
-    return true;
+    report_.start = OpenReport::Start::kTakenOver;
+    return {};
   }
   retireSegmentFile(file_);
-  report.message += (report.message.empty() ? "" : "; ") + sound.error();
+  replaced(sound.error());
   const auto aside = setAside(file_);
-  if (!aside) {
-    report.message += "; " + aside.error();
-    return false;
-  }
-  report.setAside = *aside;
-  report.start = OpenReport::Start::kReplacedDamaged;
-  return startEmpty(report);
+  if (!aside) return Mox::Failure{report_.replaced + "; " + aside.error(), aside.number()};
+  report_.setAside = *aside;
+  report_.start = OpenReport::Start::kReplacedDamaged;
+  return startEmpty();
 }
 
-bool Writer::startEmpty(OpenReport& report) {
+Mox::Result<> Writer::startEmpty() {
   SegmentPlan plan;
   plan.shape = shape_;
   plan.capacity = options_.capacity;
@@ -161,15 +156,15 @@ bool Writer::startEmpty(OpenReport& report) {
   if (room && rename(opened.segment->file().c_str(), file_.c_str()) == 0) {
     active_ = std::move(opened.segment);
     active_->fileIs(file_);
-    return true;
+    return {};
   }
-  report.start = OpenReport::Start::kRefused;
-  report.message = opened.segment ? file_ + ": cannot create: " + std::strerror(errno) : opened.message;
+  const int error = errno;
   unlink(Directory::nextFile(file_).c_str());
-  return false;
+  return opened.segment ? Mox::Failure{file_ + ": cannot create: " + std::strerror(error), error}
+                        : Mox::Failure{opened.message};
 }
 
-Mox::Result<> Writer::takeOver(std::shared_ptr<Segment> segment, OpenReport& report) {
+Mox::Result<> Writer::takeOver(std::shared_ptr<Segment> segment) {
   const std::uint64_t head = segment->head();
   std::uint64_t live = 0, deleted = 0;
   std::vector<std::uint64_t> halfWritten, unreported;
@@ -218,8 +213,8 @@ Mox::Result<> Writer::takeOver(std::shared_ptr<Segment> segment, OpenReport& rep
     storeWord(&header.deleted, header.deleted + 1, std::memory_order_relaxed);
     append(slot + 1);
   }
-  report.repaired = halfWritten.size();
-  report.reported = unreported.size();
+  report_.repaired = halfWritten.size();
+  report_.reported = unreported.size();
   return {};
 }
 

@@ -28,7 +28,7 @@
 //
 // MOX_MEMBERS(a, b, ...) lists the members that make up the entity for those who walk it at compile time
 // (state store, JSON, dumps): forEachMember<Entity>(visitor) calls the visitor with a description of each, in
-// that order. MOX_MEMBERS_WITH_BASE(Base, a, b, ...): those of the base class come first.
+// that order.
 
 namespace Mox {
 
@@ -226,13 +226,5 @@ void requireSameInstance(const char* name, const Child& child, const Args&... ar
  public:                                                            \
   template <class Visitor>                                          \
   static void moxVisitMembers([[maybe_unused]] Visitor&& visitor) { \
-    __VA_OPT__(MOX_EXPAND(MOX_VISIT(__VA_ARGS__)))                  \
-  }
-
-#define MOX_MEMBERS_WITH_BASE(Base, ...)                            \
- public:                                                            \
-  template <class Visitor>                                          \
-  static void moxVisitMembers([[maybe_unused]] Visitor&& visitor) { \
-    Base::moxVisitMembers(visitor);                                 \
     __VA_OPT__(MOX_EXPAND(MOX_VISIT(__VA_ARGS__)))                  \
   }

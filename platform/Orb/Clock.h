@@ -24,7 +24,6 @@ class MonotonicClock final : public Clock {
 class ManualClock final : public Clock {
  public:
   double now() const override { return now_; }
-  void nowIs(double now) { now_ = now; }
   void advance(double seconds) { now_ += seconds; }
 
  private:

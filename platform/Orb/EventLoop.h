@@ -52,7 +52,6 @@ class EventLoop {
   // Runs turns until stop() is called.
   void run();
   void stop() { stopped_ = true; }
-  bool stopped() const { return stopped_; }
 
   // The time that this turn began; read once a turn. `clock().now()` is live.
   double now() const { return now_; }

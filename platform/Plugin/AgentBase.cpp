@@ -19,10 +19,4 @@ Mox::Ptr<AgentCommandCallback> AgentBase::agentCommand(const Mox::String& firstN
   return command == commands_.end() ? Mox::Ptr<AgentCommandCallback>() : command->second;
 }
 
-std::vector<Mox::String> AgentBase::agentCommands() const {
-  std::vector<Mox::String> names;
-  for (const auto& [name, command] : commands_) names.push_back(name.second);
-  return names;
-}
-
 }  // namespace Plugin

@@ -41,8 +41,9 @@ class AgentCommandCallback : public Mox::Entity {
   const Mox::String& commandName() const { return commandName_; }
   Answer answer() const { return answer_; }
 
-  // Empty, or one line that says which argument is refused and what is allowed. Asked before each run.
-  virtual Mox::String refusal(const std::vector<Mox::String>& /*arguments*/) const { return {}; }
+  // Whether the command takes these; a refusal says which argument it is and what is allowed. Asked before
+  // each run.
+  virtual Mox::Result<> check(const std::vector<Mox::String>& /*arguments*/) const { return {}; }
   // Writes the answer to `descriptor`: a file in memory, or with a large answer a pipe that blocks.
   virtual void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) = 0;
 
@@ -82,7 +83,6 @@ class AgentBase : public Mox::Entity {
   // Null when the agent has no such command.
   Mox::Ptr<AgentCommandCallback> agentCommand(const Mox::String& firstName,
                                               const Mox::String& commandName) const;
-  std::vector<Mox::String> agentCommands() const;
 
  protected:
   explicit AgentBase(Mox::String name) : name_(std::move(name)) {}

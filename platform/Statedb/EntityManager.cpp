@@ -41,23 +41,19 @@ std::vector<std::string> EntityManager::paths() const {
   return paths;
 }
 
-bool EntityManager::conflicts(const std::string& path, const std::string& typeName,
-                              std::string& problem) const {
+Mox::Result<> EntityManager::fits(const std::string& path, const std::string& typeName) const {
   const EntityType* type = entityType(path);
-  if (!type || type->name == typeName) return false;
-  problem = path + ": the entity there is a " + type->name + ", not a " + typeName;
-  return true;
+  if (!type || type->name == typeName) return {};
+  return Mox::Failure{path + ": the entity there is a " + type->name + ", not a " + typeName};
 }
 
-EntityManager::Slot* EntityManager::slotIs(const std::string& givenPath, const std::string& typeName,
-                                           std::string& problem) {
+Mox::Result<EntityManager::Slot*> EntityManager::slotIs(const std::string& givenPath,
+                                                        const std::string& typeName) {
   const std::string path(normalPath(givenPath));
   const EntityType* type = types_.find(typeName);
-  if (path.empty() || !type) {
-    problem = path.empty() ? "an entity needs a path" : path + ": the type " + typeName + " is not known";
-    return nullptr;
-  }
-  if (conflicts(path, typeName, problem)) return nullptr;
+  if (path.empty()) return Mox::Failure{"an entity needs a path"};
+  if (!type) return Mox::Failure{path + ": the type " + typeName + " is not known"};
+  if (const auto fitting = fits(path, typeName); !fitting) return fitting.failure();
   const auto found = slots_.find(path);
   if (found != slots_.end()) return &found->second;
   Slot& slot = slots_[path];
@@ -72,17 +68,12 @@ void EntityManager::attach(const std::string& path, Slot& slot) {
   slot.persistence = std::make_shared<Persistence>(slot.entity, *slot.type, path, *store_, report_);
 }
 
-Mox::Ptr<Mox::Entity> EntityManager::entityIs(const std::string& path, const std::string& typeName,
-                                              std::string* problem) {
-  std::string why;
+EntityManager::Made EntityManager::entityIs(const std::string& path, const std::string& typeName) {
   const bool isNew = !entity(path);
-  Slot* slot = slotIs(path, typeName, why);
-  if (!slot) {
-    if (problem) *problem = std::move(why);
-    return {};
-  }
-  slot->owned = true;
-  Mox::Ptr<Mox::Entity> entity = slot->entity;
+  const auto slot = slotIs(path, typeName);
+  if (!slot) return slot.failure();
+  (*slot)->owned = true;
+  Mox::Ptr<Mox::Entity> entity = (*slot)->entity;
   if (isNew) notify(entityChanged, std::string(normalPath(path)));
   return entity;
 }
@@ -105,29 +96,26 @@ void EntityManager::drop(Slots::iterator slot) {
   notify(entityChanged, path);
 }
 
-std::optional<Mount> EntityManager::checked(const std::string& path, const std::string& typeName,
-                                            std::string_view letters, std::string& problem) const {
+Mox::Result<Mount> EntityManager::checked(const std::string& path, const std::string& typeName,
+                                          std::string_view letters) const {
   const std::optional<MountFlags> flags = MountFlags::parse(letters);
   std::string normal(normalPath(path));
-  if (normal.empty()) {
-    problem = "a mount needs a path";
-  } else if (!flags) {
-    problem = normal + ": \"" + std::string(letters) +
-              "\" are no mount flags; allowed are \"r\" and \"w\", and with \"w\" also \"c\" and \"S\"";
-  } else if (!types_.find(typeName)) {
-    problem = normal + ": the type " + typeName + " is not known";
-  } else if (!conflicts(normal, typeName, problem)) {
-    return Mount{std::move(normal), typeName, *flags};
+  if (normal.empty()) return Mox::Failure{"a mount needs a path"};
+  if (!flags) {
+    return Mox::Failure{normal + ": \"" + std::string(letters) +
+                        R"(" are no mount flags; allowed are "r" and "w", and with "w" also "c" and "S")"};
   }
-  return std::nullopt;
+  if (!types_.find(typeName)) return Mox::Failure{normal + ": the type " + typeName + " is not known"};
+  if (const auto fitting = fits(normal, typeName); !fitting) return fitting.failure();
+  return Mount{std::move(normal), typeName, *flags};
 }
 
-std::optional<Mount> EntityManager::request(const std::string& path, const std::string& typeName,
-                                            std::string_view flags, std::string& problem) {
-  std::optional<Mount> mount = checked(path, typeName, flags, problem);
+Mox::Result<Mount> EntityManager::request(const std::string& path, const std::string& typeName,
+                                          std::string_view flags) {
+  auto mount = checked(path, typeName, flags);
   if (!mount) return mount;
   if (mount->flags.create) {
-    entityIs(mount->path, typeName);
+    if (const auto made = entityIs(mount->path, typeName); !made) return made.failure();
   } else {
     requests_.push_back(*mount);
   }
@@ -152,19 +140,16 @@ Mox::Ptr<MountGroup> EntityManager::mountGroup(MountGroup::Completion completion
   return Mox::make<MountGroup>(Mox::Ptr<EntityManager>(this), std::move(completion));
 }
 
-Mox::Ptr<Mox::Entity> EntityManager::mount(const std::string& path, const std::string& typeName,
-                                           std::string_view flags, std::string* problem) {
-  std::string why;
-  const std::optional<Mount> mount = checked(path, typeName, flags, why);
-  const bool isNew = mount && !entity(mount->path);
-  Slot* slot = mount ? slotIs(mount->path, typeName, why) : nullptr;
-  if (!slot) {
-    if (problem) *problem = std::move(why);
-    return {};
-  }
-  ++slot->mounts;
-  slot->owned = slot->owned || mount->flags.create;
-  Mox::Ptr<Mox::Entity> entity = slot->entity;
+EntityManager::Made EntityManager::mount(const std::string& path, const std::string& typeName,
+                                         std::string_view flags) {
+  const auto mount = checked(path, typeName, flags);
+  if (!mount) return mount.failure();
+  const bool isNew = !entity(mount->path);
+  const auto slot = slotIs(mount->path, typeName);
+  if (!slot) return slot.failure();
+  ++(*slot)->mounts;
+  (*slot)->owned = (*slot)->owned || mount->flags.create;
+  Mox::Ptr<Mox::Entity> entity = (*slot)->entity;
   if (isNew) notify(entityChanged, mount->path);
   return entity;
 }

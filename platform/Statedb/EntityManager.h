@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Mox/Entity.h"
+#include "Mox/Result.h"
 #include "Statedb/EntityType.h"
 #include "Statedb/MountGroup.h"
 #include "Statedb/Path.h"
@@ -45,10 +46,9 @@ class EntityManager final : public Mox::Entity {
   // Ascending.
   std::vector<std::string> paths() const;
 
-  // Finds or creates. Null, and `problem` says why, when the type is not known, the path is empty or its
-  // entity is of another type.
-  Mox::Ptr<Mox::Entity> entityIs(const std::string& path, const std::string& typeName,
-                                 std::string* problem = nullptr);
+  using Made = Mox::Result<Mox::Ptr<Mox::Entity>>;
+  // Finds or creates. Refused when the type is not known, the path is empty or its entity is of another type.
+  Made entityIs(const std::string& path, const std::string& typeName);
   // Returns what stood there. A persisted entity goes from the store too.
   Mox::Ptr<Mox::Entity> entityDel(const std::string& path);
   // A path came or went.
@@ -56,10 +56,9 @@ class EntityManager final : public Mox::Entity {
 
   Mox::Ptr<MountGroup> mountGroup(MountGroup::Completion completion = {});
   // A mount at run time: at once, and always with an entity, an empty one when nobody has the path yet, also
-  // for reading: whoever provides it later finds that one and fills it. Null, and `problem` says why, as for
-  // MountGroup::mountIs. Mounts are counted; unmount undoes one.
-  Mox::Ptr<Mox::Entity> mount(const std::string& path, const std::string& typeName, std::string_view flags,
-                              std::string* problem = nullptr);
+  // for reading: whoever provides it later finds that one and fills it. Refused as by MountGroup::mountIs.
+  // Mounts are counted; unmount undoes one.
+  Made mount(const std::string& path, const std::string& typeName, std::string_view flags);
   void unmount(const std::string& path);
   // What groups asked for without creating it and nobody has: the host creates those that no loaded plug-in
   // owns. Each path once, to be written when anybody asked to write it.
@@ -73,6 +72,8 @@ class EntityManager final : public Mox::Entity {
   bool flush(std::size_t maxOperations = Store::kEverything) {
     return store_ && store_->flush(maxOperations);
   }
+  // Whether what is kept could be written when it last had to be: see Store::written.
+  Mox::Result<> written() const { return store_ ? store_->written() : Mox::Result<>(); }
 
  private:
   friend class MountGroup;
@@ -85,13 +86,13 @@ class EntityManager final : public Mox::Entity {
   };
   using Slots = std::map<std::string, Slot, std::less<>>;
 
-  std::optional<Mount> request(const std::string& path, const std::string& typeName, std::string_view flags,
-                               std::string& problem);
-  std::optional<Mount> checked(const std::string& path, const std::string& typeName, std::string_view flags,
-                               std::string& problem) const;
-  bool conflicts(const std::string& path, const std::string& typeName, std::string& problem) const;
+  Mox::Result<Mount> request(const std::string& path, const std::string& typeName, std::string_view flags);
+  Mox::Result<Mount> checked(const std::string& path, const std::string& typeName,
+                             std::string_view flags) const;
+  // Whether the path is free, or its entity of this type.
+  Mox::Result<> fits(const std::string& path, const std::string& typeName) const;
   void post(std::function<void()> call) { post_(std::move(call)); }
-  Slot* slotIs(const std::string& path, const std::string& typeName, std::string& problem);
+  Mox::Result<Slot*> slotIs(const std::string& path, const std::string& typeName);
   void attach(const std::string& path, Slot& slot);
   void drop(Slots::iterator slot);
 

@@ -6,9 +6,9 @@ namespace Statedb {
 
 nlohmann::json EntityType::toJson(const Mox::Entity& entity) const { return shape.toJson(entity); }
 
-Plan EntityType::planMerge(const Mox::Ptr<Mox::Entity>& entity, nlohmann::json json,
-                           const std::string& path) const {
-  return Plan(entity, shape, make_(), std::move(json), path);
+Mox::Result<Plan> EntityType::planMerge(const Mox::Ptr<Mox::Entity>& entity, nlohmann::json json,
+                                        const std::string& path) const {
+  return Plan::make(entity, shape, make_(), std::move(json), path);
 }
 
 std::unique_ptr<TreeWatch> EntityType::watch(

@@ -29,8 +29,9 @@ class EntityType {
   Mox::Ptr<Mox::Entity> make() const { return make_(); }
   bool is(const Mox::Entity& entity) const { return is_(entity); }
   nlohmann::json toJson(const Mox::Entity& entity) const;
-  // `path` begins the error message.
-  Plan planMerge(const Mox::Ptr<Mox::Entity>& entity, nlohmann::json json, const std::string& path) const;
+  // `path` begins the text of a refusal.
+  Mox::Result<Plan> planMerge(const Mox::Ptr<Mox::Entity>& entity, nlohmann::json json,
+                              const std::string& path) const;
   // Calls back with {"path", "member", "key", "value"} after each change; no "key" for an attribute, "value"
   // null for what has gone. Ends with the object that is returned.
   std::unique_ptr<TreeWatch> watch(const Mox::Ptr<Mox::Entity>& entity, std::string path,

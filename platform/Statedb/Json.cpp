@@ -16,6 +16,11 @@ std::optional<nlohmann::json> jsonOf(std::string_view text) {
   return json;
 }
 
+Mox::Result<> within(const std::string& place, Mox::Result<> result) {
+  if (result) return result;
+  return Mox::Failure{place + result.error(), result.number()};
+}
+
 std::string describe(const nlohmann::json& json) {
   if (json.is_object()) return "an object";
   if (json.is_array()) return "a list";

@@ -13,6 +13,7 @@
 
 #include "Mox/Error.h"
 #include "Mox/Ptr.h"
+#include "Mox/Result.h"
 #include "Mox/Strep.h"
 
 // JSON of value types: what stands in attributes, in collections and in the entries of shared-memory tables.
@@ -37,13 +38,8 @@ std::string jsonText(const nlohmann::json& json);
 std::optional<nlohmann::json> jsonOf(std::string_view text);
 // How a message shows a value: scalars as they are, long strings cut, "a list", "an object".
 std::string describe(const nlohmann::json& json);
-
-template <class T>
-struct Parsed {
-  std::optional<T> value;
-  std::string error;  // set when there is no value
-  explicit operator bool() const { return value.has_value(); }
-};
+// A refusal with its place (".mac", "[3]") in front.
+Mox::Result<> within(const std::string& place, Mox::Result<> result);
 
 // A reference to an object of this process has no JSON.
 template <class T>
@@ -149,11 +145,10 @@ std::optional<T> textToValue(std::string_view text) {
   return std::nullopt;
 }
 
-// Merges JSON into `value`. On refusal returns false and puts into `problem` what follows the value's own
-// name: ".mac: 5 is not a string like ...", ": 70000 is not a number from 0 to 65535". `value` is then
-// unspecified.
+// Merges JSON into `value`. A refusal's text is what follows the value's own name: ".mac: 5 is not a string
+// like ...", ": 70000 is not a number from 0 to 65535". `value` is then unspecified.
 template <class T>
-bool mergeValue(const nlohmann::json& json, T& value, std::string& problem);
+Mox::Result<> mergeValue(const nlohmann::json& json, T& value);
 
 template <class T>
 std::optional<T> numberToValue(const nlohmann::json& json) {
@@ -195,10 +190,10 @@ std::optional<T> scalarToValue(const nlohmann::json& json) {
 }
 
 template <class T>
-bool mergeFields(const nlohmann::json& json, T& value, std::string& problem) {
+Mox::Result<> mergeFields(const nlohmann::json& json, T& value) {
   for (auto item = json.begin(); item != json.end(); ++item) {
     bool known = false;
-    bool good = true;
+    Mox::Result<> merged;
     std::apply(
         [&](const auto&... field) {
           (
@@ -208,53 +203,41 @@ bool mergeFields(const nlohmann::json& json, T& value, std::string& problem) {
                 auto& part = value.*(f.member);
                 if (item.value().is_null()) {
                   part = T{}.*(f.member);
-                } else if (!mergeValue(item.value(), part, problem)) {
-                  problem = "." + std::string(f.name) + problem;
-                  good = false;
+                } else {
+                  merged = within("." + std::string(f.name), mergeValue(item.value(), part));
                 }
               }(field),
               ...);
         },
         T::moxFields());
-    if (!known) problem = ": unknown key " + describe(item.key()) + "; allowed is " + allowedFor<T>();
-    if (!known || !good) return false;
+    if (!known)
+      return Mox::Failure{": unknown key " + describe(item.key()) + "; allowed is " + allowedFor<T>()};
+    if (!merged) return merged;
   }
-  return true;
+  return {};
 }
 
 template <class T>
-bool mergeValue(const nlohmann::json& json, T& value, std::string& problem) {
+Mox::Result<> mergeValue(const nlohmann::json& json, T& value) {
   if constexpr (Mox::HasFields<T>) {
-    if (json.is_object()) return mergeFields(json, value, problem);
+    if (json.is_object()) return mergeFields(json, value);
   } else if constexpr (ListValue<T>) {
     if (json.is_array()) {
       T list;
       for (std::size_t i = 0; i < json.size(); ++i) {
         typename T::value_type element{};
-        if (!mergeValue(json[i], element, problem)) {
-          problem = "[" + std::to_string(i) + "]" + problem;
-          return false;
-        }
+        if (const auto merged = mergeValue(json[i], element); !merged)
+          return within("[" + std::to_string(i) + "]", merged);
         list.insert(list.end(), std::move(element));
       }
       value = std::move(list);
-      return true;
+      return {};
     }
   } else if (std::optional<T> scalar = scalarToValue<T>(json)) {
     value = std::move(*scalar);
-    return true;
+    return {};
   }
-  problem = ": " + describe(json) + " is not " + allowedFor<T>();
-  return false;
-}
-
-// A whole value; fields that a partial object leaves out are the default. `where` names it in the error.
-template <class T>
-Parsed<T> valueFromJson(const nlohmann::json& json, const std::string& where) {
-  T value{};
-  std::string problem;
-  if (mergeValue(json, value, problem)) return {std::move(value), {}};
-  return {std::nullopt, where + problem};
+  return Mox::Failure{": " + describe(json) + " is not " + allowedFor<T>()};
 }
 
 }  // namespace Statedb

@@ -159,7 +159,7 @@ void LmdbStore::load(const std::string& path, const Visitor& visit) {
     error = mdb_cursor_get(cursor, &key, &value, MDB_NEXT);
   }
   visitWaiting(nullptr);
-  if (error != 0 && error != MDB_NOTFOUND) failed("reading", error);
+  if (error != 0 && error != MDB_NOTFOUND) report_(failure("reading", error).text);
   if (cursor) mdb_cursor_close(cursor);
   if (transaction) mdb_txn_abort(transaction);
 }
@@ -204,8 +204,11 @@ bool LmdbStore::flush(std::size_t maxOperations) {
         if (const int refused = grow()) error = refused;
       }
     }
-    if (error != 0) return failed("writing", error);
-    failing_ = false;
+    if (error != 0) {
+      written_ = failure("writing", error);
+      return false;
+    }
+    written_ = {};
     erasures_.erase(erasures_.begin(), batch.erased);
     writes_.erase(writes_.begin(), batch.written);
     if (everything) continue;
@@ -272,13 +275,10 @@ int LmdbStore::grow() {
   return 0;
 }
 
-bool LmdbStore::failed(const char* doing, int error) {
-  if (!failing_) {
-    report_(file_ + ": " + doing + " the state store failed: " + mdb_strerror(error) +
-            (error == EIO || error == ENOSPC ? " (is the file system full?)" : "") + "; what waits is kept");
-  }
-  failing_ = true;
-  return false;
+Mox::Failure LmdbStore::failure(const char* doing, int error) const {
+  return {file_ + ": " + doing + " the state store failed: " + mdb_strerror(error) +
+              (error == EIO || error == ENOSPC ? " (is the file system full?)" : "") + "; what waits is kept",
+          error > 0 ? error : 0};
 }
 
 }  // namespace Statedb

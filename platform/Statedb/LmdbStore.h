@@ -38,6 +38,7 @@ class LmdbStore final : public Store {
   void erasePath(const std::string& path, const std::string& keyPrefix) override;
   bool flush(std::size_t maxOperations) override;
   std::size_t waiting() const override { return erasures_.size() + writes_.size(); }
+  const Mox::Result<>& written() const override { return written_; }
 
  private:
   using Writes = std::map<std::string, std::optional<std::string>>;
@@ -58,7 +59,7 @@ class LmdbStore final : public Store {
   int grow();
   int runBatch(Batch& batch);
   int erasePrefix(MDB_txn* transaction, const std::string& prefix, Batch& batch, bool& done);
-  bool failed(const char* doing, int error);
+  Mox::Failure failure(const char* doing, int error) const;
 
   const std::string file_;
   const Report report_;
@@ -66,7 +67,7 @@ class LmdbStore final : public Store {
   MDB_env* environment_ = nullptr;
   unsigned database_ = 0;
   std::size_t mapSize_ = 0;
-  bool failing_ = false;
+  Mox::Result<> written_;
   // What waits: all prefix erasures come before all writes, so an erasure drops the writes that it covers.
   std::set<std::string> erasures_;
   Writes writes_;

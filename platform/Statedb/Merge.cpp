@@ -14,48 +14,41 @@ std::string inBrackets(const std::string& key) {
   return text += ']';
 }
 
-// `existing` is null below a child that is still to be made. `problem` is built from the inside out.
-bool checkEntity(const Shape& shape, const Mox::Entity* existing, const nlohmann::json& json,
-                 std::string& problem) {
-  if (!json.is_object()) {
-    problem = ": " + describe(json) + " is not an object of " + shape.names();
-    return false;
+// `existing` is null below a child that is still to be made.
+Mox::Result<> checkEntity(const Shape& shape, const Mox::Entity* existing, const nlohmann::json& json);
+
+Mox::Result<> checkEntry(const MemberType& member, const Mox::Entity* existing, const std::string& key,
+                         const nlohmann::json& value) {
+  auto checked = member.check(key, value);
+  if (!checked || member.kind != Mox::MemberKind::children || value.is_null()) return checked;
+  const Mox::Ptr<Mox::Entity> child = existing ? member.child(*existing, key) : nullptr;
+  if (!child && !member.makesChildren())
+    return Mox::Failure{": does not exist and cannot be made by its key alone"};
+  return checkEntity(member.childShape(), child.get(), value);
+}
+
+Mox::Result<> checkMember(const MemberType& member, const Mox::Entity* existing,
+                          const nlohmann::json& value) {
+  if (!member.isCollection()) return member.check({}, value);
+  if (value.is_null()) return {};
+  if (!value.is_object())
+    return Mox::Failure{": " + describe(value) + " is not an object by key, or null to delete all"};
+  for (auto entry = value.begin(); entry != value.end(); ++entry) {
+    const auto checked = checkEntry(member, existing, entry.key(), entry.value());
+    if (!checked) return within(inBrackets(entry.key()), checked);
   }
+  return {};
+}
+
+Mox::Result<> checkEntity(const Shape& shape, const Mox::Entity* existing, const nlohmann::json& json) {
+  if (!json.is_object()) return Mox::Failure{": " + describe(json) + " is not an object of " + shape.names()};
   for (auto item = json.begin(); item != json.end(); ++item) {
     const MemberType* member = shape.find(item.key());
-    if (!member) {
-      problem = ": unknown key " + describe(item.key()) + "; allowed: " + shape.names();
-      return false;
-    }
-    const nlohmann::json& value = item.value();
-    if (!member->isCollection()) {
-      if (member->check({}, value, problem)) continue;
-      problem = "." + member->name + problem;
-      return false;
-    }
-    if (value.is_null()) continue;
-    if (!value.is_object()) {
-      problem =
-          "." + member->name + ": " + describe(value) + " is not an object by key, or null to delete all";
-      return false;
-    }
-    for (auto entry = value.begin(); entry != value.end(); ++entry) {
-      bool good = member->check(entry.key(), entry.value(), problem);
-      if (good && member->kind == Mox::MemberKind::children && !entry.value().is_null()) {
-        const Mox::Ptr<Mox::Entity> child = existing ? member->child(*existing, entry.key()) : nullptr;
-        good = child || member->makesChildren();
-        if (!good) {
-          problem = ": does not exist and cannot be made by its key alone";
-        } else {
-          good = checkEntity(member->childShape(), child.get(), entry.value(), problem);
-        }
-      }
-      if (good) continue;
-      problem = "." + member->name + inBrackets(entry.key()) + problem;
-      return false;
-    }
+    if (!member) return Mox::Failure{": unknown key " + describe(item.key()) + "; allowed: " + shape.names()};
+    const auto checked = checkMember(*member, existing, item.value());
+    if (!checked) return within("." + member->name, checked);
   }
-  return true;
+  return {};
 }
 
 class Applier {
@@ -65,7 +58,7 @@ class Applier {
       const MemberType& member = *shape.find(item.key());
       const nlohmann::json& value = item.value();
       if (!member.isCollection()) {
-        guarded([&] { member.merge(entity, {}, value, fresh, problem_); });
+        merge(entity, member, {}, value, fresh);
       } else if (value.is_null()) {
         guarded([&] { member.eraseAll(entity); });
       } else {
@@ -83,7 +76,7 @@ class Applier {
   void collectionMember(Mox::Entity& entity, const MemberType& member, const std::string& key,
                         const nlohmann::json& value) {
     if (member.kind != Mox::MemberKind::children) {
-      guarded([&] { member.merge(entity, key, value, nullptr, problem_); });
+      merge(entity, member, key, value, nullptr);
     } else if (value.is_null()) {
       guarded([&] { member.erase(entity, key); });
     } else {
@@ -98,6 +91,10 @@ class Applier {
       this->entity(*child, member.childShape(), fresh.get(), value);
     }
   }
+  void merge(Mox::Entity& entity, const MemberType& member, std::string_view key, const nlohmann::json& value,
+             const Mox::Entity* fresh) {
+    guarded([&] { static_cast<void>(member.merge(entity, key, value, fresh)); });  // all of it was checked
+  }
   template <class Write>
   void guarded(Write write) {
     try {
@@ -107,20 +104,23 @@ class Applier {
     }
   }
   std::exception_ptr first_;
-  std::string problem_;  // stays empty: all of it was checked
 };
 
 }  // namespace
 
-Plan::Plan(Mox::Ptr<Mox::Entity> entity, const Shape& shape, Mox::Ptr<Mox::Entity> fresh, nlohmann::json json,
-           const std::string& path)
+Plan::Plan(Mox::Ptr<Mox::Entity> entity, const Shape& shape, Mox::Ptr<Mox::Entity> fresh, nlohmann::json json)
     : entity_(std::move(entity)),
       shape_(&shape),
       fresh_(std::move(fresh)),
-      json_(std::make_unique<nlohmann::json>(std::move(json))) {
-  std::string problem;
-  if (checkEntity(shape, entity_.get(), *json_, problem)) return;
-  error_ = path + (problem.starts_with(".") ? ": " + problem.substr(1) : problem);
+      json_(std::make_unique<nlohmann::json>(std::move(json))) {}
+
+Mox::Result<Plan> Plan::make(Mox::Ptr<Mox::Entity> entity, const Shape& shape, Mox::Ptr<Mox::Entity> fresh,
+                             nlohmann::json json, const std::string& path) {
+  if (const auto checked = checkEntity(shape, entity.get(), json); !checked) {
+    const std::string& problem = checked.error();
+    return Mox::Failure{path + (problem.starts_with(".") ? ": " + problem.substr(1) : problem)};
+  }
+  return Plan(std::move(entity), shape, std::move(fresh), std::move(json));
 }
 
 Plan::Plan(Plan&&) noexcept = default;
@@ -128,7 +128,7 @@ Plan& Plan::operator=(Plan&&) noexcept = default;
 Plan::~Plan() = default;
 
 void Plan::apply() {
-  if (!error_.empty() || !json_) return;
+  if (!json_) return;
   const std::unique_ptr<nlohmann::json> json = std::move(json_);
   const Mox::Ptr<Mox::Entity> entity = std::move(entity_);
   const Mox::Ptr<Mox::Entity> fresh = std::move(fresh_);

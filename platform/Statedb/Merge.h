@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Mox/Entity.h"
+#include "Mox/Result.h"
 #include "Statedb/Shape.h"
 
 namespace Statedb {
@@ -15,32 +16,30 @@ namespace Statedb {
 // members, or an attribute, which goes back to the value that it is made with. In a set, true adds and false
 // deletes. JSON can be as deep as the entity's classes and values are, and no deeper.
 //
-// All or nothing: a plan with an error changes nothing. Applying one without cannot be refused half way:
-// whether JSON is good does not depend on what the tree holds. Watchers run in between and may change the
-// tree, this entity too: each value is merged into what is there when its turn comes, and what a watcher
+// All or nothing: there is no plan for JSON that is refused in part, and applying one cannot be refused half
+// way, as whether JSON is good does not depend on what the tree holds. Watchers run in between and may change
+// the tree, this entity too: each value is merged into what is there when its turn comes, and what a watcher
 // deletes stays deleted unless a later part of the same JSON names it again.
 class Plan {
  public:
-  Plan(Mox::Ptr<Mox::Entity> entity, const Shape& shape, Mox::Ptr<Mox::Entity> fresh, nlohmann::json json,
-       const std::string& path);
+  // Refused: "bridging/config: vidToFidMap["10"]: 99999 is not a number from 0 to 65535", `path` in front.
+  static Mox::Result<Plan> make(Mox::Ptr<Mox::Entity> entity, const Shape& shape, Mox::Ptr<Mox::Entity> fresh,
+                                nlohmann::json json, const std::string& path);
   Plan(Plan&&) noexcept;
   Plan& operator=(Plan&&) noexcept;
   ~Plan();
-
-  explicit operator bool() const { return error_.empty(); }
-  // "bridging/config: vidToFidMap["10"]: 99999 is not a number from 0 to 65535"; "" when there is none.
-  const std::string& error() const { return error_; }
 
   // Writes everything, once; later calls do nothing. A Mox::Error that a watcher raises does not keep the
   // rest from being written: the first is raised again at the end.
   void apply();
 
  private:
+  Plan(Mox::Ptr<Mox::Entity> entity, const Shape& shape, Mox::Ptr<Mox::Entity> fresh, nlohmann::json json);
+
   Mox::Ptr<Mox::Entity> entity_;
   const Shape* shape_;
   Mox::Ptr<Mox::Entity> fresh_;
   std::unique_ptr<nlohmann::json> json_;
-  std::string error_;
 };
 
 }  // namespace Statedb

@@ -35,11 +35,10 @@ MountGroup::MountGroup(Mox::Ptr<EntityManager> entityManager, Completion complet
     : entityManager_(std::move(entityManager)), completion_(std::move(completion)) {}
 
 bool MountGroup::mountIs(const std::string& path, const std::string& typeName, std::string_view flags) {
-  std::string problem = path + ": the mount group is closed";
-  std::optional<Mount> mount;
-  if (!closed_) mount = entityManager_->request(path, typeName, flags, problem);
+  auto mount = closed_ ? Mox::Failure{path + ": the mount group is closed"}
+                       : entityManager_->request(path, typeName, flags);
   if (!mount) {
-    messages_.push_back(std::move(problem));
+    messages_.push_back(mount.error());
     return false;
   }
   mounts_.push_back(std::move(*mount));
@@ -60,9 +59,8 @@ void MountGroup::complete() {
   const Mox::Ptr<MountGroup> keep(this);
   // Somebody may have created an entity of another type since the mount was asked for.
   for (const Mount& mount : mounts_) {
-    std::string problem;
-    if (entityManager_->conflicts(mount.path, mount.typeName, problem))
-      messages_.push_back(std::move(problem));
+    if (const auto fitting = entityManager_->fits(mount.path, mount.typeName); !fitting)
+      messages_.push_back(fitting.error());
   }
   if (!purpose_.empty()) {
     for (std::string& message : messages_) message = purpose_ + ": " + message;

@@ -2,23 +2,10 @@
 
 namespace Statedb {
 
-namespace {
-std::string& cellPrefix() {
-  static std::string prefix;
-  return prefix;
-}
-}  // namespace
-
 std::string_view normalPath(std::string_view path) {
   while (path.ends_with('/')) path.remove_suffix(1);
   return path;
 }
-
-std::string cellPath(std::string_view path) {
-  return cellPrefix().empty() ? std::string(path) : cellPrefix() + "/" + std::string(path);
-}
-
-void cellPathPrefixIs(std::string prefix) { cellPrefix() = std::string(normalPath(prefix)); }
 
 std::string escapedKey(std::string_view key) {
   std::string part;

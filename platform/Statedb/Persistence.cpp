@@ -27,31 +27,28 @@ void Persistence::load() {
   store_.load(path_, [&](std::string_view keyView, std::string_view valueView) {
     const std::string key(keyView);
     const std::string value(valueView);
-    std::string problem;
+    Mox::Result<> loaded;
     try {
-      if (loadPair(key, &value, problem)) return;
+      loaded = loadPair(key, &value);
     } catch (const Mox::Error& error) {  // of a watcher: the value itself is in the entity
       report_(path_ + ": stored member " + describe(key) + ": " + error.what());
       return;
     }
+    if (loaded) return;
     store_.erase(path_, key);
     if (dropped++ < kMaxReports)
-      report_(path_ + ": stored member " + describe(key) + " is dropped: " + problem);
+      report_(path_ + ": stored member " + describe(key) + " is dropped: " + loaded.error());
   });
   if (dropped > kMaxReports)
     report_(path_ + ": " + std::to_string(dropped) + " stored members were dropped in all");
 }
 
-// No value deletes.
-bool Persistence::loadPair(const std::string& key, const std::string* value, std::string& problem) {
+Mox::Result<> Persistence::loadPair(const std::string& key, const std::string* value) {
   const std::vector<std::string> parts = memberPathParts(key);
   nlohmann::json json;
   if (value) {
     std::optional<nlohmann::json> parsed = jsonOf(*value);
-    if (!parsed || parsed->is_null()) {
-      problem = "its value is not JSON";
-      return false;
-    }
+    if (!parsed || parsed->is_null()) return Mox::Failure{"its value is not JSON"};
     json = std::move(*parsed);
   }
   Mox::Ptr<Mox::Entity> entity = entity_;
@@ -64,29 +61,25 @@ bool Persistence::loadPair(const std::string& key, const std::string* value, std
     if (!member || (member->isCollection() ? left < 2 : left != 1)) break;
     if (left <= 2 && (left == 1 || member->kind != Mox::MemberKind::children)) {
       const std::string memberKey = left == 2 ? parts[i + 1] : std::string();
-      if (member->merge(*entity, memberKey, json, fresh.get(), problem)) return true;
-      problem = member->name + problem;
-      return false;
+      return within(member->name, member->merge(*entity, memberKey, json, fresh.get()));
     }
     if (member->kind != Mox::MemberKind::children) break;
     if (left == 2) {
       if (!value) {
         member->erase(*entity, parts[i + 1]);
-        return true;
+        return {};
       }
-      problem = "no child can be made for this key";
-      return member->check(parts[i + 1], json, problem) && member->childIs(*entity, parts[i + 1]);
+      const auto checked = member->check(parts[i + 1], json);
+      if (checked && !member->childIs(*entity, parts[i + 1]))
+        return Mox::Failure{"no child can be made for this key"};
+      return within(member->name, checked);
     }
     entity = member->child(*entity, parts[i + 1]);
-    if (!entity) {
-      problem = "the child that it belongs to is not there";
-      return false;
-    }
+    if (!entity) return Mox::Failure{"the child that it belongs to is not there"};
     shape = &member->childShape();
     if (!value) fresh = member->freshChild(parts[i + 1]);
   }
-  problem = "there is no such member";
-  return false;
+  return Mox::Failure{"there is no such member"};
 }
 
 void Persistence::handleOutsideChange(const std::string& key, const std::optional<std::string>& value) {
@@ -98,10 +91,8 @@ void Persistence::handleOutsideChange(const std::string& key, const std::optiona
     ~Taking() { p.outsideKey_ = nullptr; }
     Persistence& p;
   } taking(*this, key, value);
-  std::string problem;
-  if (!loadPair(key, value ? &*value : nullptr, problem)) {
-    report_(path_ + ": outside change of " + describe(key) + " is not taken: " + problem);
-  }
+  if (const auto loaded = loadPair(key, value ? &*value : nullptr); !loaded)
+    report_(path_ + ": outside change of " + describe(key) + " is not taken: " + loaded.error());
 }
 
 void Persistence::handleChange(const Change& change) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Mox/Entity.h"
+#include "Mox/Result.h"
 #include "Statedb/EntityType.h"
 #include "Statedb/Store.h"
 
@@ -38,7 +39,8 @@ class Persistence {
 
  private:
   void load();
-  bool loadPair(const std::string& key, const std::string* value, std::string& problem);
+  // No value deletes.
+  Mox::Result<> loadPair(const std::string& key, const std::string* value);
   void handleChange(const Change& change);
   void writeContent(const std::string& prefix, const Shape& shape, const Mox::Entity& entity,
                     const Mox::Entity* fresh);

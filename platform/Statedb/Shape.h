@@ -9,6 +9,7 @@
 
 #include "Mox/Attribute.h"
 #include "Mox/Entity.h"
+#include "Mox/Result.h"
 
 // The members of an entity's class, seen without its type: what merging, watching and persistence walk. Keys
 // and values go in and out as text and JSON; a single member costs one look-up. Shapes are made once a class,
@@ -47,14 +48,14 @@ class MemberType {
       const Mox::Entity& entity,
       const std::function<void(const std::string& key, Mox::Entity& child)>& visit) const = 0;
 
-  // Whether `merge` would take this; `problem` then stays as it is, otherwise it becomes what a message says
-  // behind the member's name. `json` is not looked at for children.
-  virtual bool check(std::string_view key, const nlohmann::json& json, std::string& problem) const = 0;
+  // Whether `merge` would take this. A refusal's text is what a message says behind the member's name. `json`
+  // is not looked at for children.
+  virtual Mox::Result<> check(std::string_view key, const nlohmann::json& json) const = 0;
   // Merges JSON into an attribute or under a key of a map or set; null deletes. An attribute goes back to the
-  // value that it has in `fresh`, or to its type's default without one. Returns false and changes nothing
-  // where `check` would.
-  virtual bool merge(Mox::Entity& entity, std::string_view key, const nlohmann::json& json,
-                     const Mox::Entity* fresh, std::string& problem) const = 0;
+  // value that it has in `fresh`, or to its type's default without one. Refused, and nothing changed, where
+  // `check` refuses.
+  virtual Mox::Result<> merge(Mox::Entity& entity, std::string_view key, const nlohmann::json& json,
+                              const Mox::Entity* fresh) const = 0;
   // Deletes one member of a collection, or all of them.
   virtual void erase(Mox::Entity& entity, std::string_view key) const = 0;
   virtual void eraseAll(Mox::Entity& entity) const = 0;

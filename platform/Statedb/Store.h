@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "Mox/Result.h"
+
 namespace Statedb {
 
 // What keeps entities beyond the process: for each path a flat set of (member key, value) pairs. Keys are
@@ -13,8 +15,8 @@ namespace Statedb {
 // nothing here.
 //
 // Writes are collected and only become durable with `flush`, which the owner calls once an event-loop turn. A
-// later write of a key replaces an earlier one that waits. A store that cannot write keeps what waits,
-// reports it once, and tries again with the next flush; nothing throws.
+// later write of a key replaces an earlier one that waits. A store that cannot write keeps what waits and
+// tries again with the next flush; nothing throws.
 class Store {
  public:
   using Visitor = std::function<void(std::string_view key, std::string_view value)>;
@@ -38,6 +40,8 @@ class Store {
   virtual bool flush(std::size_t maxOperations = kEverything) = 0;
   // How many operations wait.
   virtual std::size_t waiting() const = 0;
+  // Whether the last flush that had something to write could write it, or why not.
+  virtual const Mox::Result<>& written() const = 0;
 
   // Reports changes that others make to the same store, from the event loop only. A store that only its
   // process writes has none.

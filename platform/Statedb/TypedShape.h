@@ -65,40 +65,38 @@ class TypedMember final : public MemberType {
     }
   }
 
-  bool check(std::string_view keyText, const nlohmann::json& json, std::string& problem) const override {
+  Mox::Result<> check(std::string_view keyText, const nlohmann::json& json) const override {
     if constexpr (kAttribute) {
-      if (json.is_null()) return true;
+      if (json.is_null()) return {};
       Value value{};
-      return mergeValue(json, value, problem);
+      return mergeValue(json, value);
     } else {
-      if (!textToValue<Key>(keyText)) {
-        problem = ": the key is not " + allowedKey();
-        return false;
-      }
-      if (kChildren || json.is_null()) return true;
+      if (!textToValue<Key>(keyText)) return Mox::Failure{": the key is not " + allowedKey()};
+      if (kChildren || json.is_null()) return {};
       if constexpr (M::kind == Kind::set) {
-        if (json.is_boolean()) return true;
-        problem = ": " + describe(json) + " is not true, or false or null to delete";
-        return false;
+        if (json.is_boolean()) return {};
+        return Mox::Failure{": " + describe(json) + " is not true, or false or null to delete"};
       } else if constexpr (!kChildren) {
         Value value{};
-        return mergeValue(json, value, problem);
+        return mergeValue(json, value);
       }
     }
-    return true;
+    return {};
   }
 
-  bool merge(Mox::Entity& entity, std::string_view keyText, const nlohmann::json& json,
-             const Mox::Entity* fresh, std::string& problem) const override {
+  Mox::Result<> merge(Mox::Entity& entity, std::string_view keyText, const nlohmann::json& json,
+                      const Mox::Entity* fresh) const override {
     E& e = as(entity);
     if constexpr (kAttribute) {
       Value value = json.is_null() ? (fresh ? member_.get(as(*fresh)) : Value{}) : member_.get(e);
-      if (!json.is_null() && !mergeValue(json, value, problem)) return false;
+      if (!json.is_null()) {
+        if (auto merged = mergeValue(json, value); !merged) return merged;
+      }
       member_.set(e, std::move(value));
     } else if constexpr (!kChildren) {
       const auto key = textToValue<Key>(keyText);
       if (!key || (M::kind == Kind::set && !json.is_boolean() && !json.is_null())) {
-        return check(keyText, json, problem);
+        return check(keyText, json);
       }
       if (json.is_null() || (M::kind == Kind::set && !json.template get<bool>())) {
         member_.del(e, *key);
@@ -107,11 +105,11 @@ class TypedMember final : public MemberType {
       } else {
         const Value* old = member_.get(e).find(*key);
         Value value = old ? *old : Value{};
-        if (!mergeValue(json, value, problem)) return false;
+        if (auto merged = mergeValue(json, value); !merged) return merged;
         member_.set(e, *key, std::move(value));
       }
     }
-    return true;
+    return {};
   }
 
   void erase(Mox::Entity& entity, std::string_view keyText) const override {
@@ -202,19 +200,6 @@ const Shape& shapeOf() {
     return Shape(std::move(members));
   }();
   return shape;
-}
-
-// The same for those who know the class.
-template <class E>
-nlohmann::json toJson(const E& entity) {
-  return shapeOf<E>().toJson(entity);
-}
-// `path` begins the error message.
-template <class E>
-Plan planMerge(const Mox::Ptr<E>& entity, nlohmann::json json, const std::string& path) {
-  Mox::Ptr<Mox::Entity> fresh;
-  if constexpr (std::is_default_constructible_v<E>) fresh = Mox::make<E>();
-  return Plan(entity, shapeOf<E>(), std::move(fresh), std::move(json), path);
 }
 
 }  // namespace Statedb

@@ -73,7 +73,7 @@ TEST(Lifecycle, start_over_what_a_killed_run_left) {
   for (const bool configured : {false, true}) {
     SCOPED_TRACE(configured);
     Rig rig;
-    rig.tree().entityIs("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus");
+    EXPECT_TRUE(rig.tree().entityIs("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus"));
     rig.published()->runnableIs(true);
     for (const std::uint32_t vlan : {10u, 77u}) rig.published()->vlanIdIs(Vlan(vlan), true);
     rig.evpn()->mplsConfiguredIs(configured);

@@ -10,6 +10,7 @@
 #include "AllTypes.h"
 #include "Lanix/Wire.h"
 #include "Statedb/Register.h"
+#include "Switch/Problems.h"
 #include "Tracelet/Tracelet.h"
 
 namespace ArpSuppression {
@@ -104,8 +105,9 @@ Rig::Rig(std::unique_ptr<Statedb::Store> store, const Orb::Clock* given)
            {"ip/vrf/status/local", "Ip::AllVrfStatusLocal"},
            {"arp/input/config/arpSuppression", "Arp::ArpInputConfig"},
            {"interface/status/all", "Interface::AllIntfStatusDir"},
-           {Switch::kForwardingPath, Switch::kForwardingType}}) {
-    tree_->entityIs(path, type);
+           {Switch::kForwardingPath, Switch::kForwardingType},
+           {Switch::kProblemsPath, Switch::kProblemsType}}) {
+    EXPECT_TRUE(tree_->entityIs(path, type));
   }
   tables_ =
       Mox::make<Memtab::EntityManager>(loop_, scheduler_->scheduler(), Memtab::Directory(uniquePrefix()));
@@ -148,7 +150,7 @@ Mox::Ptr<Statedb::MountGroup> Rig::mountGroup(Plugin::AgentBase& agent) {
 }
 
 void Rig::createLocalEntity(const Mox::String&, const Mox::String& type, const Mox::String& path) {
-  tree_->entityIs(path, type);
+  EXPECT_TRUE(tree_->entityIs(path, type));
 }
 
 void Rig::start() {
@@ -175,7 +177,7 @@ void Rig::settle() {
 std::string Rig::command(const char* name, const std::vector<Mox::String>& arguments) {
   const auto callback = agent_->agentCommand("", name);
   if (!callback) return {};
-  if (const Mox::String refusal = callback->refusal(arguments); !refusal.empty()) return refusal;
+  if (const auto checked = callback->check(arguments); !checked) return checked.error();
   const int file = memfd_create("answer", MFD_CLOEXEC);
   callback->handleCommand(file, arguments);
   std::string answer(static_cast<std::size_t>(lseek(file, 0, SEEK_CUR)), '\0');
@@ -186,7 +188,7 @@ std::string Rig::command(const char* name, const std::vector<Mox::String>& argum
 
 KernelNetInfo::Status& Rig::kni(const std::string& netNs) {
   const std::string path = "kni/ns/" + netNs + "/status";
-  tree_->entityIs(path, "KernelNetInfo::Status");
+  EXPECT_TRUE(tree_->entityIs(path, "KernelNetInfo::Status"));
   return *tree_->entityOf<KernelNetInfo::Status>(path);
 }
 

@@ -322,8 +322,9 @@ TEST_F(Control, carriesAgentCommands) {
   using Answer = Plugin::AgentCommandCallback::Answer;
   struct Command final : Plugin::AgentCommandCallback {
     Command(const char* name, Answer answer) : AgentCommandCallback("", name, answer) {}
-    Mox::String refusal(const std::vector<Mox::String>& arguments) const override {
-      return arguments.size() > 100 ? "more than 100 words" : "";
+    Mox::Result<> check(const std::vector<Mox::String>& arguments) const override {
+      if (arguments.size() > 100) return Mox::Failure{"more than 100 words"};
+      return {};
     }
     void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
       if (arguments == std::vector<Mox::String>{"fail"}) throw Mox::RangeError("out of range");

@@ -118,10 +118,9 @@ TEST_F(Programs, doNotStartOnWhatIsWrong) {
 
 // A plug-in that cannot start is not left out quietly.
 TEST_F(Programs, endWhenAStartCannotBeCompleted) {
-  Memtab::OpenReport report;
   const auto writer = Memtab::TableWriter<std::uint32_t, std::uint64_t>::open(
-      Memtab::Directory::forRunDir(runDirectory), "arpSuppression/counter.counter", {}, report);
-  ASSERT_TRUE(writer) << report.message;
+      Memtab::Directory::forRunDir(runDirectory), "arpSuppression/counter.counter", {});
+  ASSERT_TRUE(writer) << writer.error();
   const Result process = run({AGENT_HOST, "--config", configFile({{"agents", {"ArpSuppression"}}})});
   EXPECT_EQ(process.status, 1) << process.error;
   EXPECT_THAT(process.error, HasSubstr("agent-host: the plug-in ArpSuppression cannot start: "));

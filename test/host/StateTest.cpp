@@ -117,14 +117,14 @@ TEST(State, reconcilesTablesOfAnEarlierRun) {
                    {{"10 10.0.0.2", {{"mac", "00:00:00:00:00:00"}, {"localMultihomed", true}}}}}}));
 }
 
-// A feed of its own may write an input. That the configuration has no effect there is a problem of the switch.
+// A feed of its own may write an input. That the configuration has no effect there is a problem of the
+// switch.
 TEST(State, leavesTheTablesOfOthersAlone) {
   RunDir runDir;
-  Memtab::OpenReport report;
   const auto other =
       Memtab::TableWriter<ArpSuppression::RemoteBindingKey, ArpSuppression::RemoteBinding>::open(
-          Memtab::Directory::forRunDir(runDir.path()), std::string(kRemote) + ".remoteBinding", {}, report);
-  ASSERT_TRUE(other) << report.message;
+          Memtab::Directory::forRunDir(runDir.path()), std::string(kRemote) + ".remoteBinding", {});
+  ASSERT_TRUE(other) << other.error();
   HostState host(runDir);
   const json problems = host.show("switch/problems")["problem"];
   ASSERT_TRUE(problems.contains(std::string("agent-host table ") + kRemote)) << problems;
@@ -146,8 +146,9 @@ TEST(State, keepsWhatAgentsPublishAndNothingElse) {
               {"ArpSuppression", false}};
   for (const auto& run : runs) {
     HostState host(runDir, {{"agents", {run.plugin}}}, true);
-    host.state->tree()->entityIs("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus");
-    host.state->tree()->entityIs("arp/input/config/arpSuppression", "Arp::ArpInputConfig");
+    EXPECT_TRUE(
+        host.state->tree()->entityIs("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus"));
+    EXPECT_TRUE(host.state->tree()->entityIs("arp/input/config/arpSuppression", "Arp::ArpInputConfig"));
     const auto status =
         host.state->tree()->entityOf<ArpSuppression::ArpSuppressionStatus>("arpSuppression/status");
     const auto input = host.state->tree()->entityOf<Arp::ArpInputConfig>("arp/input/config/arpSuppression");

@@ -38,9 +38,9 @@ AgentRig::AgentRig(const Orb::Clock& clock, const Memtab::Directory& directory)
       types_, [this](std::function<void()> call) { loop_.post(std::move(call)); });
   tables_ = Mox::make<Memtab::EntityManager>(loop_, tasks_->scheduler(), directory);
   Model::forEachTableType([this]<class E>(const char* name) { tables_->registerType<E>(name); });
-  config_ = Mox::dynamicPtrCast<Switch::Config>(tree_->entityIs(Switch::kConfigPath, Switch::kConfigType));
+  config_ = Mox::dynamicPtrCast<Switch::Config>(*tree_->entityIs(Switch::kConfigPath, Switch::kConfigType));
   vrfIs("default", 0, "default");
-  tree_->entityIs("bridging/config", "Bridging::Config");
+  EXPECT_TRUE(tree_->entityIs("bridging/config", "Bridging::Config"));
 }
 
 AgentRig::~AgentRig() { agent_ = nullptr; }
@@ -80,7 +80,7 @@ Mox::Ptr<Statedb::MountGroup> AgentRig::mountGroup(Plugin::AgentBase& agent) {
 }
 
 void AgentRig::createLocalEntity(const Mox::String&, const Mox::String& type, const Mox::String& path) {
-  tree_->entityIs(path, type);
+  EXPECT_TRUE(tree_->entityIs(path, type));
 }
 
 std::vector<std::string> AgentRig::neighbours() const {

@@ -65,11 +65,11 @@ TEST_F(DevicesTest, InterfaceDirectoriesAreFilledWheneverTheyCome) {
   kernel.in().addLink("Ethernet1", 2);
   kernel.in().addLink("vlan10", 3);
   starts();
-  rig->tree()->entityIs("interface/status/all", "Interface::AllIntfStatusDir");
+  EXPECT_TRUE(rig->tree()->entityIs("interface/status/all", "Interface::AllIntfStatusDir"));
   settle();
   kernel.in().addLink("Ethernet2", 4);
   settle();
-  rig->tree()->entityIs("interface/status/local", "Interface::AllIntfStatusLocalDir");
+  EXPECT_TRUE(rig->tree()->entityIs("interface/status/local", "Interface::AllIntfStatusLocalDir"));
   kernel.in().delLink("Ethernet1");
   settle();
   const auto expectBoth = [](const auto& directory) {
@@ -139,7 +139,7 @@ TEST_F(DevicesTest, BridgeIsNotTakenForTheInterfaceWhileNamespacesAreRead) {
   redComes();
   std::vector<std::string> seen;
   Mox::Notifiee<Ip::Status> watch(
-      Mox::dynamicPtrCast<Ip::Status>(rig->tree()->entityIs("ip/status", "Ip::Status")));
+      Mox::dynamicPtrCast<Ip::Status>(*rig->tree()->entityIs("ip/status", "Ip::Status")));
   Mox::Notifiee<Ip::IpIntfStatus> vlan;
   vlan.on(Ip::IpIntfStatus::vrfNameChanged, [&](const Mox::String& name) { seen.push_back(name); });
   watch.on(Ip::Status::ipIntfStatusChanged,

@@ -7,7 +7,7 @@ class VrfsTest : public AgentTest {};
 TEST_F(VrfsTest, ActiveOnlyOnceDevicesArePublished) {
   std::string seen;
   const auto local = Mox::dynamicPtrCast<Ip::AllVrfStatusLocal>(
-      rig->tree()->entityIs("ip/vrf/status/local", "Ip::AllVrfStatusLocal"));
+      *rig->tree()->entityIs("ip/vrf/status/local", "Ip::AllVrfStatusLocal"));
   Mox::Notifiee<Ip::VrfStatusLocal> vrf;
   vrf.on(Ip::VrfStatusLocal::stateChanged, [&](Ip::VrfState state) {
     seen += Mox::toStrep(state) + ":" + std::to_string(rig->devices("red").size()) + " ";

@@ -75,11 +75,10 @@ TEST_F(RecoveryTest, ASecondLiveWriterIsRefused) {
   auto writer = open();
   EXPECT_EQ(report.start, OpenReport::Start::kCreated);
   put(*writer, 0, 1);
-  OpenReport second;
-  EXPECT_EQ(Writer::open(directory, kTable, {}, second), nullptr);
-  EXPECT_EQ(second.start, OpenReport::Start::kRefused);
-  EXPECT_THAT(second.message, HasSubstr("live writer already, process " + std::to_string(getpid())));
-  EXPECT_EXIT(_exit(Writer::open(directory, kTable, {}, report) ? 1 : 0), testing::ExitedWithCode(0), "");
+  const auto second = Writer::open(directory, kTable, {});
+  EXPECT_EQ(second.number(), EBUSY);
+  EXPECT_THAT(second.error(), HasSubstr("live writer already, process " + std::to_string(getpid())));
+  EXPECT_EXIT(_exit(Writer::open(directory, kTable, {}) ? 1 : 0), testing::ExitedWithCode(0), "");
   put(*writer, 1, 2);
   writer.reset();
   EXPECT_TRUE(open()) << "once the first has closed";
@@ -230,7 +229,7 @@ TEST_F(RecoveryTest, DamagedFilesAreRefusedAndSetAside) {
     }
     writer = open();
     EXPECT_EQ(report.start, OpenReport::Start::kReplacedDamaged);
-    EXPECT_THAT(report.message, HasSubstr(test.says));
+    EXPECT_THAT(report.replaced, HasSubstr(test.says));
     EXPECT_EQ(directory.damaged(), std::vector{report.setAside});
     EXPECT_EQ(writer->size(), 0U);
     put(*writer, 1, 2, 3);
@@ -269,10 +268,10 @@ TEST_F(RecoveryTest, ForeignFilesAreReplaced) {
       ASSERT_TRUE(writer);
       EXPECT_EQ(report.start == OpenReport::Start::kReplacedDamaged, file == name);
       if (file != Directory::nextFile(name)) {
-        EXPECT_THAT(report.message, HasSubstr(file));
+        EXPECT_THAT(report.replaced, HasSubstr(file));
       }
       put(*writer, 0, 1000);  // moves to another segment several times
-      EXPECT_FALSE(Writer::open(directory, kTable, {}, report)) << "and its lock holds";
+      EXPECT_FALSE(Writer::open(directory, kTable, {})) << "and its lock holds";
       reader.view().refresh();
       EXPECT_EQ(entries(reader).size(), 1000U);
       writer->core().remove();
@@ -296,9 +295,9 @@ TEST_F(RecoveryTest, OfWhatWasSetAsideTheLatestIsKept) {
 // Writes for ever, checksummed values, so fast that the table moves again and again.
 void writeForEver(const Directory& directory, const char* table, std::uint32_t keys, unsigned seed) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  OpenReport report;
-  auto writer = Writer::open(directory, table, {.capacity = 16, .ringEntries = 256}, report);
-  if (!writer || report.start == OpenReport::Start::kReplacedDamaged) _exit(3);
+  const auto opened = Writer::open(directory, table, {.capacity = 16, .ringEntries = 256});
+  if (!opened || (*opened)->openReport().start == OpenReport::Start::kReplacedDamaged) _exit(3);
+  Writer* const writer = opened->get();
   std::mt19937 random(seed);
   for (std::uint32_t turn = 0;; ++turn) {
     const bool growing = turn / (keys * 4) % 2 == 0;
@@ -364,7 +363,7 @@ TEST_F(RecoveryTest, WritersKilledInMidWriteWhileAnotherProcessReads) {
     waitpid(child, nullptr, 0);
 
     auto writer = open();
-    ASSERT_EQ(report.start, OpenReport::Start::kTakenOver) << report.message;
+    ASSERT_EQ(report.start, OpenReport::Start::kTakenOver) << report.replaced;
     generations = writer->core().segment().fixed().generation;
     const Model left = entries(*writer);
     ASSERT_EQ(left.size(), writer->size());

@@ -44,9 +44,11 @@ class Scratch : public testing::Test {
   ~Scratch() override { directory.removeAll(); }
 
   std::unique_ptr<Writer> open(const WriterOptions& options = {}) {
-    auto writer = Writer::open(directory, kTable, options, report);
-    EXPECT_TRUE(writer) << report.message;
-    return writer;
+    auto writer = Writer::open(directory, kTable, options);
+    EXPECT_TRUE(writer) << writer.error();
+    if (!writer) return nullptr;
+    report = (*writer)->openReport();
+    return std::move(*writer);
   }
   static void put(Writer& writer, std::uint32_t from, std::uint32_t to, std::uint32_t version = 0) {
     for (std::uint32_t i = from; i < to; ++i) {

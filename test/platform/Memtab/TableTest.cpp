@@ -14,10 +14,10 @@ template <std::size_t K, std::size_t V>
 void fillAndCompare(const Directory& directory) {
   using KeyBytes = std::array<std::uint8_t, K>;
   using ValueBytes = std::array<std::uint8_t, V>;
-  OpenReport report;
   const std::string table = "sizes/" + std::to_string(K) + '-' + std::to_string(V);
-  auto writer = TableWriter<KeyBytes, ValueBytes>::open(directory, table, {}, report);
-  ASSERT_TRUE(writer) << report.message;
+  const auto opened = TableWriter<KeyBytes, ValueBytes>::open(directory, table, {});
+  ASSERT_TRUE(opened) << opened.error();
+  const auto& writer = *opened;
   std::mt19937 random(static_cast<unsigned>(K * 1000 + V));
   std::map<KeyBytes, ValueBytes> model;
   for (int i = 0; i < 3000; ++i) {
@@ -66,7 +66,7 @@ TEST_F(TableTest, TypesOfOneSizeAreToldApart) {
                                      kTypeTag<Nested<Theirs>>, kTypeTag<Opaque>, kTypeTag<std::uint32_t>,
                                      kTypeTag<float>};
   EXPECT_EQ(tags.size(), 7U);
-  { TableWriter<std::uint32_t, Ours>::open(directory, kTable, {}, report)->entryIs(1, {7, 1, true}); }
+  { (*TableWriter<std::uint32_t, Ours>::open(directory, kTable, {}))->entryIs(1, {7, 1, true}); }
   EXPECT_EQ((TableReader<std::uint32_t, Ours>(directory, kTable).lookup(1)), (Ours{7, 1, true}));
   TableReader<std::uint32_t, Theirs> changed(directory, kTable);
   EXPECT_THAT(changed.view().problem(), testing::HasSubstr("type tag"));
@@ -96,7 +96,7 @@ TEST_F(TableTest, NamesAreKeptApart) {
   EXPECT_NE(Directory("p" + std::string(300, 'a') + '1').prefix(),
             Directory("p" + std::string(300, 'a') + '2').prefix());
   const auto writer = open();
-  auto odd = Writer::open(directory, "odd/%n ame", {}, report);
+  auto odd = Writer::open(directory, "odd/%n ame", {});
   EXPECT_EQ(directory.tables(), (std::vector<std::string>{kTable, "odd/%n ame"}));
   EXPECT_TRUE(inner.tables().empty());
   inner.removeAll();

@@ -37,12 +37,8 @@ class Leaf : public Mox::Entity {
   int colour_;
 };
 
-class Base : public Mox::Entity {
+class Sample final : public Mox::Entity {
   MOX_ATTRIBUTE(std::string, title)
-  MOX_MEMBERS(title)
-};
-
-class Sample final : public Base {
   MOX_ATTRIBUTE(int, level, 3)
   MOX_ATTRIBUTE(Mox::Ptr<Leaf>, favourite)
   MOX_MAP(int, std::string, name)
@@ -51,7 +47,7 @@ class Sample final : public Base {
   MOX_SET(int, tag)
   MOX_CHILDREN(int, Leaf, child)
   MOX_HASH_CHILDREN(int, Leaf, id, hashed)
-  MOX_MEMBERS_WITH_BASE(Base, level, favourite, name, large, small, tag, child, hashed)
+  MOX_MEMBERS(title, level, favourite, name, large, small, tag, child, hashed)
 };
 
 using Heard = std::vector<std::string>;

@@ -31,14 +31,15 @@ TEST_F(EntityManagerTest, OneEntityAPathWhateverTheSpelling) {
   std::vector<std::string> changed;
   Mox::Notifiee<EntityManager> notifiee(manager_);
   notifiee.on(EntityManager::entityChanged, [&](const std::string& path) { changed.push_back(path); });
-  const auto local = manager_->entityIs("a/config/", "Test::Config");
-  ASSERT_TRUE(local);
-  EXPECT_EQ(manager_->entityIs("a/config", "Test::Config"), local);
-  EXPECT_EQ(manager_->mount("a/config//", "Test::Config", "r"), local);
+  const auto made = manager_->entityIs("a/config/", "Test::Config");
+  ASSERT_TRUE(made);
+  const auto local = *made;
+  EXPECT_EQ(*manager_->entityIs("a/config", "Test::Config"), local);
+  EXPECT_EQ(*manager_->mount("a/config//", "Test::Config", "r"), local);
   EXPECT_EQ(manager_->entityOf<const Config>("a/config/"), local);
   EXPECT_FALSE(manager_->entityOf<Other>("a/config"));
   EXPECT_FALSE(manager_->entity("a"));
-  manager_->entityIs("a", "Test::Other");
+  EXPECT_TRUE(manager_->entityIs("a", "Test::Other"));
   EXPECT_THAT(manager_->paths(), ElementsAre("a", "a/config"));
   EXPECT_EQ(manager_->entityDel("a/config/"), local);
   EXPECT_FALSE(manager_->entity("a/config"));
@@ -46,7 +47,7 @@ TEST_F(EntityManagerTest, OneEntityAPathWhateverTheSpelling) {
 }
 
 TEST_F(EntityManagerTest, RefusalsSayWhy) {
-  manager_->entityIs("taken", "Test::Other");
+  EXPECT_TRUE(manager_->entityIs("taken", "Test::Other"));
   const auto noFlags = [](const std::string& flags) {
     return "x: \"" + flags +
            "\" are no mount flags; allowed are \"r\" and \"w\", and with \"w\" also \"c\" and \"S\"";
@@ -66,9 +67,7 @@ TEST_F(EntityManagerTest, RefusalsSayWhy) {
       {"x", "Test::Config", "rz", noFlags("rz")},
   };
   for (const auto& c : cases) {
-    std::string problem;
-    EXPECT_FALSE(manager_->mount(c.path, c.type, c.flags, &problem));
-    EXPECT_EQ(problem, c.problem);
+    EXPECT_EQ(manager_->mount(c.path, c.type, c.flags).error(), c.problem);
     const auto group = manager_->mountGroup();
     EXPECT_FALSE(group->mountIs(c.path, c.type, c.flags));
     EXPECT_THAT(group->messages(), ElementsAre(c.problem));
@@ -91,7 +90,7 @@ TEST_F(EntityManagerTest, AGroupCompletesOnceInALaterTurn) {
   group->doClose(false, "", 0.0);
   group->doClose(false, "", 0.0);
   EXPECT_FALSE(group->mountIs("late", "Test::Other", "wc"));
-  manager_->entityIs("shared", "Test::Other");
+  EXPECT_TRUE(manager_->entityIs("shared", "Test::Other"));
   EXPECT_TRUE(completions.empty());
   EXPECT_FALSE(group->ready());
   Statedb::MountGroup& watched = *group;
@@ -115,7 +114,7 @@ TEST_F(EntityManagerTest, CompletionSeesATypeThatSomebodyElseChose) {
   const auto cancelled = manager_->mountGroup([&](MountStatus) { ADD_FAILURE() << "cancelled"; });
   cancelled->doClose();
   cancelled->cancel();
-  manager_->entityIs("input", "Test::Config");
+  EXPECT_TRUE(manager_->entityIs("input", "Test::Config"));
   runTurn();
   EXPECT_THAT(completions, ElementsAre(MountStatus::complete, MountStatus::failed));
   const auto blocking = manager_->mountGroup([&](MountStatus status) { completions.push_back(status); });
@@ -124,17 +123,17 @@ TEST_F(EntityManagerTest, CompletionSeesATypeThatSomebodyElseChose) {
 }
 
 TEST_F(EntityManagerTest, ARunTimeMountGivesAnEntityThatItsProviderFindsLater) {
-  const auto first = manager_->mount("ns/red", "Test::Config", "r");
-  EXPECT_EQ(manager_->mount("ns/red", "Test::Config", "r"), first);
+  const auto first = *manager_->mount("ns/red", "Test::Config", "r");
+  EXPECT_EQ(*manager_->mount("ns/red", "Test::Config", "r"), first);
   manager_->unmount("ns/red");
   EXPECT_TRUE(manager_->entity("ns/red"));
   manager_->unmount("ns/red");
   EXPECT_FALSE(manager_->entity("ns/red"));
   manager_->unmount("ns/red");
 
-  const auto second = manager_->mount("ns/red", "Test::Config", "r");
+  const auto second = *manager_->mount("ns/red", "Test::Config", "r");
   EXPECT_NE(second, first);
-  EXPECT_EQ(manager_->entityIs("ns/red", "Test::Config"), second);
+  EXPECT_EQ(*manager_->entityIs("ns/red", "Test::Config"), second);
   manager_->unmount("ns/red");
   EXPECT_EQ(manager_->entity("ns/red"), second) << "the provider's entity outlives its readers";
 }

@@ -31,11 +31,13 @@ class MemoryStore final : public Statedb::Store {
   }
   bool flush(std::size_t) override { return false; }
   std::size_t waiting() const override { return 0; }
+  const Mox::Result<>& written() const override { return written_; }
   void watchIs(Watch watch) override { watch_ = std::move(watch); }
 
  private:
   std::map<std::string, Content>& paths_;
   Watch& watch_;
+  const Mox::Result<> written_;
 };
 
 class PersistenceTest : public testing::Test {
@@ -50,7 +52,7 @@ class PersistenceTest : public testing::Test {
     return manager;
   }
   static Mox::Ptr<Config> config(const Mox::Ptr<EntityManager>& manager) {
-    manager->entityIs("test", "Test::Config");
+    EXPECT_TRUE(manager->entityIs("test", "Test::Config"));
     return manager->entityOf<Config>("test");
   }
   Content& stored() { return stored_["test"]; }

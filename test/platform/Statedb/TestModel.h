@@ -136,9 +136,9 @@ inline Statedb::TypeRegistry& registry() {
 inline const Statedb::EntityType& configType() { return *registry().find("Test::Config"); }
 
 inline void merge(const Mox::Ptr<Config>& config, std::string_view text) {
-  Statedb::Plan plan = configType().planMerge(config, nlohmann::json::parse(text), "test");
+  auto plan = configType().planMerge(config, nlohmann::json::parse(text), "test");
   if (!plan) throw std::logic_error(plan.error());
-  plan.apply();
+  plan->apply();
 }
 
 }  // namespace Test
