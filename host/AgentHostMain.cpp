@@ -22,11 +22,9 @@ void report(const std::string& message) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app(
-      "Runs the agents of a switch in the foreground; ends on SIGTERM or SIGINT. Logs to stderr.\n\n"
-      "Example: agent-host --config /etc/arp-suppression/agent-host.json");
-  std::string file;
-  app.add_option("--config", file, "the configuration file (JSON, comments allowed)")->required();
+  CLI::App app("Runs the agents of a switch in the foreground; ends on SIGTERM or SIGINT. Logs to stderr.");
+  std::string file = "/etc/arp-suppression/agent-host.json";
+  app.add_option("--config", file, "the configuration file (JSON, comments allowed)")->capture_default_str();
   app.set_version_flag("--version", Host::versionOf("agent-host"));
   try {
     app.parse(argc, argv);

@@ -44,7 +44,8 @@ Daemon::Daemon(Orb::EventLoop& loop, Config config, Report report)
       report_(std::move(report)),
       tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop)),
       signals_(Mox::make<Orb::FileDescriptor>(loop, "signals")),
-      pluginStart_(loop, "plug-in start", [this] { startPlugins(); }) {
+      pluginStart_(loop, "plug-in start", [this] { startPlugins(); }),
+      serviceManager_(loop) {
   signals_.on(Orb::FileDescriptor::readableCountChanged, [this] { handleSignal(); });
 }
 
@@ -123,7 +124,9 @@ void Daemon::startStep(Plugin::AgentBase& agent, const Call& call) {
 }
 
 void Daemon::handleStarted() {
-  if (--starting_ == 0 && started_) report_("runs");
+  if (--starting_ > 0 || !started_) return;
+  report_("runs");
+  serviceManager_.started();
 }
 
 Mox::Ptr<Statedb::MountGroup> Daemon::mountGroup(Plugin::AgentBase& agent) {
@@ -161,6 +164,7 @@ void Daemon::handleSignal() {
   signalfd_siginfo signal{};
   while (read(signalDescriptor_, &signal, sizeof signal) == sizeof signal) {
     report_(std::string("ends on ") + strsignal(static_cast<int>(signal.ssi_signo)));
+    serviceManager_.ending();
     loop_.stop();
   }
 }

@@ -12,6 +12,7 @@
 #include "host/ControlServer.h"
 #include "host/LockFile.h"
 #include "host/RunDirectory.h"
+#include "host/ServiceManager.h"
 #include "host/State.h"
 
 namespace Host {
@@ -67,6 +68,7 @@ class Daemon final : public Plugin::AgentHost {
   int signalDescriptor_ = -1;
   Mox::Notifiee<Orb::FileDescriptor> signals_;
   Orb::Timer pluginStart_;
+  ServiceManager serviceManager_;
   Orb::EventLoop::HookHandle flushHook_;
 };
 

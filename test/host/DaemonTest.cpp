@@ -1,5 +1,7 @@
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include "Memtab/Table.h"
 #include "Suppression/Counter.h"
@@ -84,7 +86,7 @@ TEST_F(Programs, remoteBindings) {
 }
 
 TEST_F(Programs, doNotStartOnWhatIsWrong) {
-  EXPECT_EQ(run({AGENT_HOST}).status, 2);
+  EXPECT_EQ(run({AGENT_HOST, "--confg", "x"}).status, 2);
   const Result version = run({AGENT_HOST, "--version"});
   EXPECT_EQ(version.status, 0);
   EXPECT_THAT(version.output, testing::ContainsRegex("^agent-host [0-9]+\\.[0-9]+\\.[0-9]+\n$"));
@@ -114,6 +116,37 @@ TEST_F(Programs, doNotStartOnWhatIsWrong) {
                 runDirectory + "; stop it");
   }
   EXPECT_EQ(arpsup({"show"}).status, 0) << "the first one goes on";
+}
+
+// What a service manager is told, in order, and that it is told of a loop that turns as often as it asks.
+TEST_F(Programs, tellTheServiceManager) {
+  const int listener = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{AF_UNIX, {}};
+  const std::string name = folder.path() + "/notify";
+  std::copy(name.begin(), name.end(), address.sun_path);
+  ASSERT_EQ(bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const auto told = [&] {
+    std::array<char, 256> bytes{};
+    pollfd readable{listener, POLLIN, 0};
+    if (poll(&readable, 1, kPatienceMs) <= 0) return std::string("nothing");
+    const ssize_t got = recv(listener, bytes.data(), bytes.size(), 0);
+    return std::string(bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+  };
+  setenv("NOTIFY_SOCKET", name.c_str(), 1);
+  setenv("WATCHDOG_USEC", "100000", 1);
+  daemonIs();
+  unsetenv("NOTIFY_SOCKET");
+  unsetenv("WATCHDOG_USEC");
+  std::string first = told();
+  while (first == "WATCHDOG=1") first = told();
+  EXPECT_EQ(first, "READY=1");
+  EXPECT_EQ(told(), "WATCHDOG=1");
+  EXPECT_EQ(told(), "WATCHDOG=1");
+  daemon->signal(SIGTERM);
+  std::string last = told();
+  while (last == "WATCHDOG=1") last = told();
+  EXPECT_EQ(last, "STOPPING=1");
+  close(listener);
 }
 
 // A plug-in that cannot start is not left out quietly.
