@@ -32,9 +32,9 @@ TEST(State, beginsWithWhatTheConfigurationSays) {
             json({{"agents", json::array()},
                   {"neighborRefreshSeconds", 240},
                   {"vrf",
-                   {{"default", {{"id", 0}, {"networkNamespace", "default"}}},
-                    {"red", {{"id", 5}, {"networkNamespace", "r"}}}}},
-                  {"vlan", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}}}}}}));
+                   {{"default", {{"id", 0}, {"networkNamespace", "default"}, {"device", ""}}},
+                    {"red", {{"id", 5}, {"networkNamespace", "r"}, {"device", ""}}}}},
+                  {"vlan", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}, {"vrf", ""}}}}}}));
   EXPECT_EQ(host.show("ip/vrf/status/local"), json({{"vrf", json::object()}}));
   EXPECT_EQ(host.reports, "");
 }
