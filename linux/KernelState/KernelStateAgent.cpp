@@ -27,6 +27,7 @@ KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Or
       vrfSm_(mounts->config, states_, mounts->vrfIdMap, vrfs_, mounts->vrfStatusLocal, problems_, scheduler),
       vlanInterfaceSm_(mounts->config, states_, vrfs_, owners_, mounts->ipStatus, scheduler),
       intfStatusSm_(states_->stateIs(Lanix::kDefaultNamespace)),
+      vlanNameSm_(mounts->config, states_, owners_, problems_, scheduler),
       bridgeMacSm_(owners_, scheduler),
       fdbSm_(states_->state(Lanix::kDefaultNamespace), mounts->config, Ptr<const Bridging::Config>(),
              mounts->bridgingStatus, scheduler),

@@ -8,6 +8,7 @@
 #include "KernelState/NamespaceManagerSm.h"
 #include "KernelState/ReconcileSm.h"
 #include "KernelState/VlanInterfaceSm.h"
+#include "KernelState/VlanNameSm.h"
 #include "KernelState/VrfSm.h"
 #include "Memtab/EntityManager.h"
 #include "Mox/Owner.h"
@@ -32,7 +33,7 @@ struct KernelStateMounts final : public Mox::Referenced {
 //
 //   config ► VrfSm ► places of VRFs ► NamespaceManagerSm ► NamespaceSm ► devices, addresses, neighbours
 //   devices, addresses ► VlanInterfaceSm ► VLAN interfaces ► neighbours' publication, BridgeMacSm
-//   devices of the default namespace ► IntfStatusSm, FdbSm
+//   devices of the default namespace ► IntfStatusSm, FdbSm; all devices ► VlanNameSm
 class KernelStateRootSm final : public Mox::Entity {
  public:
   KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Orb::TaskScheduler>& scheduler);
@@ -54,6 +55,7 @@ class KernelStateRootSm final : public Mox::Entity {
   VrfSm vrfSm_;
   VlanInterfaceSm vlanInterfaceSm_;
   IntfStatusSm intfStatusSm_;
+  VlanNameSm vlanNameSm_;
   BridgeMacSm bridgeMacSm_;
   FdbSm fdbSm_;
   Mox::Owner<NamespaceManagerSm> namespaceManagerSm_;

@@ -148,6 +148,49 @@ TEST_F(DevicesTest, BridgeIsNotTakenForTheInterfaceWhileNamespacesAreRead) {
   EXPECT_THAT(seen, ElementsAre("red"));
 }
 
+// VLAN 20 is one of br0, with the index 20; its interface is known by its name.
+TEST_F(DevicesTest, InterfacesOfOtherNamesAreReported) {
+  auto& host = kernel.in();
+  rig->vlanIs(20, "br0");
+  host.addLink("br0", 20), host.filtersVlans("br0", true);
+  redComes();
+  starts();
+  const auto problem = [&] {
+    const auto found = rig->at<Switch::Problems>(Switch::kProblemsPath)->problem("KernelState VLAN 20");
+    return found ? found->problem() + "; " + found->advice() : "";
+  };
+  auto& red = kernel.in("red");
+  const struct {
+    const char* what;
+    std::function<void()> happens;
+    const char* problem;  // "": none
+  } cases[] = {
+      {"another VLAN's", [&] { host.addVlan("br0.30", 30, 20, 30); }, ""},
+      {"another bridge's", [&] { host.addVlan("eth0.20", 31, 21, 20); }, ""},
+      {"under another name", [&] { host.addVlan("br0.20", 32, 20, 20); },
+       "br0.20 is its interface on bridge br0, but has another name than vlan20, so that the VLAN has no "
+       "layer 3; "
+       "ip link set br0.20 down; ip link set br0.20 name vlan20; ip link set vlan20 up"},
+      {"renamed", [&] { host.renameLink("br0.20", "vlan20"); }, ""},
+      {"in its VRF's namespace", [&] { host.delLink("vlan20"), red.addVlan("br0.20", 32, 20, 20); },
+       "br0.20 in network namespace red is its interface"},
+      {"beside the interface", [&] { red.addLink("vlan20", 40); }, ""},
+      {"which goes", [&] { red.delLink("vlan20"); }, "br0.20 in network namespace red"},
+      {"a bridge that filters no more", [&] { host.filtersVlans("br0", false); }, ""},
+      {"and again", [&] { host.filtersVlans("br0", true); }, "br0.20 in network namespace red"},
+      {"with its namespace", [&] { kernel.delNamespace("red"); }, ""},
+  };
+  const Reports reports;
+  for (const auto& item : cases) {
+    SCOPED_TRACE(item.what);
+    item.happens();
+    settle();
+    passes(2);
+    EXPECT_THAT(problem(), testing::StartsWith(item.problem));
+    EXPECT_EQ(problem().empty(), item.problem[0] == '\0');
+  }
+}
+
 TEST_F(DevicesTest, BridgeMacAddressIsTheOneThatInterfacesShare) {
   const auto config = rig->at<Bridging::Config>("bridging/config");
   const auto mac = [&] { return config->bridgeMacAddr().toStrep(); };

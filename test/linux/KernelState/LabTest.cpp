@@ -241,6 +241,81 @@ TEST_F(LabTest, NeighboursAndMacs) {
   expectNeighbours("device gone", {});
 }
 
+// VLANs 20 and 30 of one bridge, with 802.1Q interfaces below a VRF device each, which have one address.
+TEST_F(LabTest, VrfDevicesAndABridgeThatFiltersVlans) {
+  const auto vlanIs = [&](const std::string& id, const std::string& vrf, int table) {
+    Lab::run("ip link add " + vrf + " up type vrf table " + std::to_string(table));
+    Lab::run("ip link add link br0 name vlan" + id + " up type vlan id " + id);
+    rig->vlanIs(static_cast<std::uint16_t>(std::stoi(id)), "br0");
+    rig->vrfIs(vrf, static_cast<Vrf::VrfIdMap::VrfId>(table), "default", vrf);
+  };
+  try {
+    Lab::run("ip link add br0 up type bridge vlan_filtering 1 mcast_snooping 0");
+    vlanIs("20", "blue", 6), vlanIs("30", "green", 7);
+  } catch (const Lab::Unsupported& lacking) {
+    GTEST_SKIP() << lacking.what();
+  }
+  rig->config()->vrfDel("red");
+  const auto putBelow = [](const std::string& device, const std::string& vrf) {
+    Lab::run("ip link set " + device + " master " + vrf);
+    request(neighbourMessage(device, "10.0.0.9", "02:00:00:00:00:09", NUD_PERMANENT));
+  };
+  for (const char* device : {"vlan20", "vlan30"}) addressIs(device, "10.0.0.1/24");
+  putBelow("vlan20", "blue"), putBelow("vlan30", "green");
+  const auto shown = [&] {
+    std::vector<std::string> lines = rig->vrfs();
+    for (const char* intf : {"Vlan20", "Vlan30"}) lines.push_back(std::string(intf) + " " + rig->ip(intf));
+    for (const std::string& line : rig->neighbours()) lines.push_back(line.substr(0, 17));
+    return lines;
+  };
+  using Lines = std::vector<std::string>;
+  const Lines both{"blue active default",     "default active default",   "green active default",
+                   "Vlan20 blue 10.0.0.1/24", "Vlan30 green 10.0.0.1/24", "6 10.0.0.9 Vlan20",
+                   "7 10.0.0.9 Vlan30"};
+  expect("one address in two VRF devices", both, shown);
+  Lab::linkDel("blue");
+  expect("VRF device deleted",
+         Lines{"blue inactive default", "default active default", "green active default", "Vlan20 ",
+               "Vlan30 green 10.0.0.1/24", "7 10.0.0.9 Vlan30"},
+         shown);
+  Lab::run("ip link add blue up type vrf table 16");
+  putBelow("vlan20", "blue");
+  expect("made again", both, shown);
+  Lab::run("ip link set vlan20 nomaster");
+  expect("taken out from below it",
+         Lines{"blue active default", "default active default", "green active default",
+               "Vlan20 default 10.0.0.1/24", "Vlan30 green 10.0.0.1/24", "7 10.0.0.9 Vlan30"},
+         shown);
+
+  Lab::Namespace host;
+  Lab::vethIs("Ethernet1", "eth0", host);
+  Lab::portIs("Ethernet1", "br0");
+  const auto speaksIn = [&](const char* vlan) {
+    Lab::run(std::string("bridge vlan add dev Ethernet1 pvid untagged vid ") + vlan);
+    const Lab::Entered there(host);
+    Lab::PacketSocket("eth0").send(
+        Lab::plainFrame(Lab::Mac{2, 0, 0, 0, 0, 0x77}, Lab::kBroadcast, 0x88B5, 0));
+  };
+  const auto macs = [&] { return rig->macs(); };
+  speaksIn("20");
+  expect("learned in one VLAN", Lines{"20 02:00:00:00:00:77 learnedDynamic Ethernet1"}, macs);
+  speaksIn("30");
+  Lab::run("bridge fdb add 02:00:00:00:00:78 dev Ethernet1 master static vlan 30");
+  const Lines three{"20 02:00:00:00:00:77 learnedDynamic Ethernet1",
+                    "30 02:00:00:00:00:77 learnedDynamic Ethernet1", "30 02:00:00:00:00:78 static Ethernet1"};
+  expect("and in the other", three, macs);
+  Lab::run("ip link set br0 type bridge vlan_filtering 0");
+  expect("the bridge filters no more", Lines{}, macs);
+  Lab::run("ip link set br0 type bridge vlan_filtering 1");
+  expect("and again", three, macs);
+  Lab::run("bridge vlan del dev Ethernet1 vid 30");
+  expect("VLAN taken off the port: what was learned goes", Lines{three[0], three[2]}, macs);
+
+  Lab::run("ip link set vlan30 down"), Lab::run("ip link set vlan30 name br0.30");
+  const auto problems = rig->at<Switch::Problems>(Switch::kProblemsPath);
+  EXPECT_TRUE(becomes([&] { return problems->problem("KernelState VLAN 30") != nullptr; }));
+}
+
 // More changes than the sockets can hold while nobody reads them.
 TEST_F(LabTest, FloodOfChanges) {
   redComes();
