@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <utility>
 #include <vector>
 
@@ -15,6 +14,9 @@ namespace ArpSuppression {
 namespace {
 
 constexpr char kSource[] = "ArpSuppression/VlanL3InfoSm";  // as operators know it
+constexpr unsigned kRetryLevel = 3;
+constexpr double kFirstRetry = 1;  // seconds
+constexpr double kLastRetry = 60;
 
 Mox::String kniPath(const Lanix::NamespaceName& netNs) { return "kni/ns/" + netNs + "/status"; }
 
@@ -35,7 +37,9 @@ VrfInfoSm::VrfInfoSm(Ptr<Orb::TaskScheduler> scheduler, Ptr<VrfInfo> vrfInfo,
       allIntfStatusDir_(std::move(allIntfStatusDir)),
       allIntfStatusLocalDir_(std::move(allIntfStatusLocalDir)),
       deviceIntfStatusDir_(std::move(deviceIntfStatusDir)),
-      entityMgr_(std::move(entityMgr)) {
+      entityMgr_(std::move(entityMgr)),
+      retryDelay_(kFirstRetry),
+      retryTask_(this->scheduler(), "VrfInfoSm netlink socket", kRetryLevel, [this] { openSocket(); }) {
   vrfInfo_
       .on(VrfInfo::interfaceWatchChanged,
           [this](const Mox::String& intfName) { handleInterfaceWatch(intfName); })
@@ -112,7 +116,7 @@ void VrfInfoSm::handleInterfaceByDeviceName(const Mox::String& deviceName) {
 
 void VrfInfoSm::updateVrfInfo(bool forceCleanup) {
   // Active without a namespace is a status that is still being filled in.
-  const bool nowActive = !forceCleanup && vrfStatusLocal_->state() == Ip::VrfState::active &&
+  const bool nowActive = !forceCleanup && !clearing_ && vrfStatusLocal_->state() == Ip::VrfState::active &&
                          !vrfStatusLocal_->networkNamespace().empty() &&
                          vrfInfo_->vrfId() != Vrf::VrfIdMap::kNoVrfId;
   const bool wasActive = !vrfInfo_->netNs().empty();
@@ -132,6 +136,8 @@ void VrfInfoSm::updateVrfInfo(bool forceCleanup) {
 }
 
 void VrfInfoSm::becomeInactive() {
+  clearing_ = true;
+  retryTask_.cancel();
   const Lanix::NamespaceName netNs = vrfInfo_->netNs();
   const auto& vrfs = vlanL3InfoStatus_->vrfInfoCollection();
   const bool shared = std::any_of(vrfs.begin(), vrfs.end(), [&](const auto& vrf) {
@@ -153,13 +159,8 @@ void VrfInfoSm::becomeActive() {
     scheduleInterfaceWatchUpdate();
     return;
   }
-  const std::uint32_t socket = Lanix::openNetlinkSocket(netNs);
-  if (socket == 0) {
-    const int error = errno;
-    TRACE8("no netlink socket in namespace " << netNs);
-    TRACELET_RECORD("no netlink socket vrfName={} netNs={} errno={}", vrfInfo_->vrfName(), netNs, error);
-  }
-  vrfInfo_->netlinkSocketIs(socket);
+  retryDelay_ = kFirstRetry;
+  openSocket();
   const auto mounted = entityMgr_->mount(kniPath(netNs), "KernelNetInfo::Status", "r");
   const auto kniRoot = mounted ? Mox::dynamicPtrCast<const KernelNetInfo::Status>(*mounted) : nullptr;
   kniInterfaceInfo_.notifierIs(kniRoot);
@@ -167,6 +168,20 @@ void VrfInfoSm::becomeActive() {
       netNs, kniRoot, allIntfStatusDir_, allIntfStatusLocalDir_, deviceIntfStatusDir_);
   manager->kernelOnlyInterfaceIs("cpu", "Cpu");
   scheduleInterfaceWatchUpdate();
+}
+
+void VrfInfoSm::openSocket() {
+  const auto socket = Lanix::openNetlinkSocket(vrfInfo_->netNs());
+  if (socket) {
+    vrfInfo_->netlinkSocketIs(*socket);
+    scheduleInterfaceWatchUpdate();
+    return;
+  }
+  TRACE8("no netlink socket: " << socket.error());
+  TRACELET_RECORD("no netlink socket vrfName={} netNs={} errno={}", vrfInfo_->vrfName(), vrfInfo_->netNs(),
+                  socket.number());
+  retryTask_.schedule(retryDelay_);
+  retryDelay_ = std::min(retryDelay_ * 2, kLastRetry);
 }
 
 void VrfInfoSm::scheduleInterfaceWatchUpdate() {
@@ -177,6 +192,10 @@ void VrfInfoSm::scheduleInterfaceWatchUpdate() {
 bool VrfInfoSm::walkStartedNotification() {
   interfaceWatchBookmark_.clear();
   return true;
+}
+
+void VrfInfoSm::walkFinishedNotification() {
+  if (std::exchange(clearing_, false)) updateVrfInfo(false);
 }
 
 Ptr<VrfInterfaceWatch> VrfInfoSm::watchFrom(const Mox::String& intfName) const {

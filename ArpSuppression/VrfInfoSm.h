@@ -15,7 +15,9 @@ namespace ArpSuppression {
 // Serves one VRF. While the VRF's local status is active and its id known, it records the VRF's network
 // namespace, holds a netlink socket there, and finds the kernel index of each interface that is watched in
 // the VRF. When the VRF becomes inactive the namespace and the socket go at once and the indices in slices;
-// the reactor's own end takes back everything, whatever the VRF is by then.
+// it becomes active again only when they have gone, since another namespace's indices are other devices'. A
+// socket that is refused is tried again, less and less often. The reactor's own end takes back everything,
+// whatever the VRF is by then.
 class VrfInfoSm final : public Orb::WalkSmBase {
  public:
   VrfInfoSm(Ptr<Orb::TaskScheduler> scheduler, Ptr<VrfInfo> vrfInfo,
@@ -35,6 +37,7 @@ class VrfInfoSm final : public Orb::WalkSmBase {
   Orb::WalkRet walk() override;
   bool allowWalkRestarts() const override { return true; }
   bool walkStartedNotification() override;
+  void walkFinishedNotification() override;
 
   void handleInitialized();
   void handleDestroy();
@@ -45,6 +48,7 @@ class VrfInfoSm final : public Orb::WalkSmBase {
   void updateVrfInfo(bool forceCleanup);
   void becomeActive();
   void becomeInactive();
+  void openSocket();
   void scheduleInterfaceWatchUpdate();
   void updateInterfaceWatch(const Ptr<VrfInterfaceWatch>& watch);
   // The first watch whose name is not less than `intfName`; null at the end.
@@ -67,6 +71,9 @@ class VrfInfoSm final : public Orb::WalkSmBase {
   Ptr<Statedb::EntityManager> entityMgr_;
   Mox::Notifiee<const KernelNetInfo::Status> kniInterfaceInfo_;  // of the namespace; none while not mounted
   Mox::String interfaceWatchBookmark_;
+  bool clearing_ = false;  // the VRF became inactive, and the indices have not all gone
+  double retryDelay_;      // of the socket, in seconds
+  Orb::Task retryTask_;
 };
 
 }  // namespace ArpSuppression

@@ -78,19 +78,13 @@ ssize_t NetlinkSockets::receive(int socket, std::span<std::byte> into) {
   }
 }
 
-std::uint32_t openNetlinkSocket(const NamespaceName& netNs) {
-  int socket = -1;
-  int error = 0;
-  {
-    const NamespaceGuard guard(netNs);
-    error = guard.entered().number();
-    if (guard) {
-      socket = NetlinkSockets::current().open();
-      error = errno;
-    }
-  }
-  errno = error;
-  return socket > 0 ? static_cast<std::uint32_t>(socket) : 0;
+Mox::Result<std::uint32_t> openNetlinkSocket(const NamespaceName& netNs) {
+  const NamespaceGuard guard(netNs);
+  if (!guard) return guard.entered().failure();
+  const int socket = NetlinkSockets::current().open();
+  if (socket > 0) return static_cast<std::uint32_t>(socket);
+  const int error = errno;
+  return Mox::Failure{"network namespace \"" + netNs + "\": opening netlink: " + std::strerror(error), error};
 }
 
 void closeNetlinkSocket(std::uint32_t socket) {

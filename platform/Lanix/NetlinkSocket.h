@@ -33,8 +33,8 @@ class NetlinkSockets {
 };
 
 // A route netlink socket in a network namespace, to be closed with closeNetlinkSocket: its descriptor, which
-// is never 0. 0 with errno when the namespace cannot be entered or the kernel refuses.
-std::uint32_t openNetlinkSocket(const NamespaceName& netNs);
+// is never 0.
+Mox::Result<std::uint32_t> openNetlinkSocket(const NamespaceName& netNs);
 // 0 is no socket: nothing happens.
 void closeNetlinkSocket(std::uint32_t socket);
 

@@ -156,6 +156,17 @@ TEST_F(Follows, namespace_that_cannot_be_entered_leaves_the_vrf_unusable) {
   finds("red 0", false, "the kernel refuses");
   reactivate(0);
   finds("red 7", true, "what was never opened is not closed");
+  reactivate(EMFILE);
+  rig.settle();
+  rig.netlinkSockets.refusesWith(0);
+  rig.clock.advance(2);
+  finds("red 7", true, "the kernel refuses no more");
+  rig.device("blue", "vlan10", 70);
+  vrfOf(rig, "red")->stateIs(Ip::VrfState::inactive);
+  vrfOf(rig, "red")->networkNamespaceIs("blue");
+  vrfOf(rig, "red")->stateIs(Ip::VrfState::active);
+  EXPECT_EQ(rig.root()->vlanL3InfoStatus->usableVlanL3Info(Vlan(10)), nullptr) << "with the old one's index";
+  finds("red 70", true, "another namespace in one turn");
 }
 
 TEST(VlanL3Info, second_vrf_in_the_default_namespace_leaves_the_ports_alone) {

@@ -167,8 +167,9 @@ TEST_F(KernelTest, SocketsReceiveBatchesAndTellOfLossesAndErrors) {
 }
 
 TEST_F(KernelTest, EachRequestOfABatchIsAnsweredWithinTheSend) {
-  const std::uint32_t socket = openNetlinkSocket(netNs_);
-  ASSERT_NE(socket, 0u);
+  const auto opened = openNetlinkSocket(netNs_);
+  ASSERT_TRUE(opened) << opened.error();
+  const std::uint32_t socket = *opened;
   constexpr std::uint32_t kLoopback = 1, kNoDevice = 4711;
   for (int round = 0; round < 4; ++round) {
     NetlinkBatch batch(socket);
@@ -191,7 +192,7 @@ TEST_F(KernelTest, SocketsKeepClearOfTheStandardDescriptors) {
       {
         for (int standard : {0, 1, 2}) ::close(standard);
         const int packet = PacketSockets::current().open(SOCK_RAW, 0);
-        const std::uint32_t netlink = openNetlinkSocket(kDefaultNamespace);
+        const std::uint32_t netlink = *openNetlinkSocket(kDefaultNamespace);
         const bool standardFree = fcntl(0, F_GETFD) < 0 && fcntl(1, F_GETFD) < 0;
         const bool closesOnExec = fcntl(static_cast<int>(netlink), F_GETFD) == FD_CLOEXEC;
         _exit(packet > 2 && netlink > 2 && standardFree && closesOnExec ? 0 : 1);
