@@ -6,6 +6,7 @@ namespace KernelState {
 namespace {
 
 constexpr std::size_t kEntriesPerBatch = 64;
+constexpr unsigned kRetryLevel = 3;
 
 using Bridging::EntryType;
 
@@ -23,7 +24,8 @@ FdbSm::FdbSm(Ptr<const NamespaceState> state, Ptr<const Switch::Config> config,
       config_(std::move(config), [this] { handleConfig(); }),
       bridgingConfig_(std::move(bridgingConfig)),
       state_(std::move(state)),
-      bridgingStatus_(std::move(bridgingStatus)) {
+      bridgingStatus_(std::move(bridgingStatus)),
+      retryTask_(scheduler, "KernelState MAC tables without room", kRetryLevel, [this] { scheduleWalk(); }) {
   bridgingConfig_.on(Bridging::Config::vidToFidMapChanged, [this](Bridging::VlanId) { handleConfig(); });
   state_.on(NamespaceState::linkChanged, [this](IfIndex ifIndex) { handleLink(ifIndex); });
   derive();
@@ -181,8 +183,9 @@ void FdbSm::publish(const Key& key, Record& record) {
   if (wanted == kNoFid) return;
   record.fid = wanted;
   const bool onTunnelPort = vlan->tunnelPorts.contains(record.port);
-  if (bridgingStatus_)
-    bridgingStatus_->fdbIs({wanted, key.mac}, {entryTypeOf(record.kind, onTunnelPort), intf});
+  const Memtab::Bridging::MemtabFdbStatus entry{entryTypeOf(record.kind, onTunnelPort), intf};
+  if (bridgingStatus_ && bridgingStatus_->fdbIs({wanted, key.mac}, entry) == Memtab::Written::kFull)
+    retryTask_.schedule(kRoomRetry);
 }
 
 // Another bridge or VLAN may stand for the same key: VLANs that share a forwarding database, a bridge made

@@ -103,6 +103,7 @@ class FdbSm final : public Orb::WalkSmBase {
   // Ports that entries are on; invalid: not known to be there.
   std::unordered_map<IfIndex, Lanix::IntfId> ports_;
   std::optional<Key> bookmark_;
+  Orb::Task retryTask_;  // an entry had no room
 };
 
 }  // namespace KernelState

@@ -11,6 +11,9 @@
 
 namespace KernelState {
 
+// Seconds after which a table of shared memory that had no room for an entry is written again as a whole.
+inline constexpr double kRoomRetry = 30;
+
 // Where a message comes from: a change as it happens, or the reading of a whole table.
 enum class Word : std::uint8_t { notification, dump };
 

@@ -6,6 +6,7 @@ namespace KernelState {
 namespace {
 
 constexpr std::size_t kEntriesPerBatch = 64;
+constexpr unsigned kRetryLevel = 3;
 
 using Arp::Table::ArpKey;
 
@@ -19,8 +20,8 @@ ArpKey arpKeyOf(Vrf::VrfIdMap::VrfId vrfId, const Lanix::IpGenAddr& address, con
 
 }  // namespace
 
-void NeighbourTable::entryIs(const ArpKey& key, const Arp::Table::ArpEntry& entry) {
-  if (arpStatus_) arpStatus_->arpEntryIs(key, entry);
+bool NeighbourTable::entryIs(const ArpKey& key, const Arp::Table::ArpEntry& entry) {
+  return !arpStatus_ || arpStatus_->arpEntryIs(key, entry) != Memtab::Written::kFull;
 }
 
 void NeighbourTable::withdraw(const ArpKey& key) {
@@ -40,7 +41,8 @@ NeighbourSm::NeighbourSm(Ptr<const NamespaceState> state, Ptr<const VlanOwners> 
     : WalkSmBase(scheduler, "KernelState neighbours of " + state->name()),
       state_(std::move(state)),
       owners_(std::move(owners)),
-      table_(std::move(table)) {
+      table_(std::move(table)),
+      retryTask_(scheduler, "KernelState neighbours without room", kRetryLevel, [this] { scheduleWalk(); }) {
   table_->publishers_.push_back(this);
   state_.on(NamespaceState::linkChanged, [this](IfIndex ifIndex) { handleLink(ifIndex); });
   owners_.on(VlanOwners::ownerChanged, [this](const Lanix::IntfId& intf) { handleOwner(intf); });
@@ -119,7 +121,7 @@ void NeighbourSm::publish(const Key& key, Record& record) {
   if (!wanted) return;
   record.vrfId = vrfId;
   record.intf = intf;
-  table_->entryIs(arpKeyOf(vrfId, key.address, intf), record.entry);
+  if (!table_->entryIs(arpKeyOf(vrfId, key.address, intf), record.entry)) retryTask_.schedule(kRoomRetry);
 }
 
 void NeighbourSm::withdraw(const Key& key, Record& record) {

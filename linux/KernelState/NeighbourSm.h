@@ -24,7 +24,8 @@ class NeighbourTable final : public Mox::Referenced {
   // Null: there is no table to publish in.
   explicit NeighbourTable(Ptr<Arp::Table::Status> arpStatus) : arpStatus_(std::move(arpStatus)) {}
 
-  void entryIs(const Arp::Table::ArpKey& key, const Arp::Table::ArpEntry& entry);
+  // False: there is no room for it in shared memory.
+  bool entryIs(const Arp::Table::ArpKey& key, const Arp::Table::ArpEntry& entry);
   void withdraw(const Arp::Table::ArpKey& key);
   // Something waits to be published or withdrawn.
   bool busy() const;
@@ -88,6 +89,7 @@ class NeighbourSm final : public Orb::WalkSmBase {
   std::unordered_map<IfIndex, Interface> vlanInterfaces_;
   std::map<Lanix::IntfId, IfIndex> devices_;
   std::optional<Key> bookmark_;
+  Orb::Task retryTask_;  // an entry had no room
 };
 
 }  // namespace KernelState

@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/neighbour.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -314,6 +316,36 @@ TEST_F(LabTest, VrfDevicesAndABridgeThatFiltersVlans) {
   Lab::run("ip link set vlan30 down"), Lab::run("ip link set vlan30 name br0.30");
   const auto problems = rig->at<Switch::Problems>(Switch::kProblemsPath);
   EXPECT_TRUE(becomes([&] { return problems->problem("KernelState VLAN 30") != nullptr; }));
+}
+
+// Shared memory is full for a while: what it had no room for comes as soon as there is some.
+TEST_F(LabTest, SharedMemoryIsFull) {
+  rig = nullptr;
+  ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+  ASSERT_EQ(mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=64m"), 0);
+  Orb::ManualClock clock;
+  rig = std::make_unique<AgentRig>(clock, tables.directory());
+  rig->vlanIs(10, "vlan10", {});
+  rig->start();
+  Lab::bridgeIs("vlan10");
+  expectIp("there", "default ");
+  std::ofstream("/dev/shm/filler") << std::string(std::size_t{64} << 20, 'x');
+  constexpr std::size_t kNeighbours = 20000;
+  std::vector<Netlink::Message> messages;
+  for (std::uint32_t i = 0; i < kNeighbours; ++i) {
+    messages.push_back(neighbourMessage("vlan10", Lanix::IpAddr(0x0A000002 + i).toStrep(),
+                                        "02:00:00:00:00:09", NUD_PERMANENT));
+  }
+  ASSERT_EQ(requestAll(messages), kNeighbours);
+  ASSERT_TRUE(becomes([&] { return !rig->loop().step(0); }));
+  const auto count = [&] { return rig->table<Arp::Table::Status>("arp/status")->arpEntrys(); };
+  ASSERT_LT(count(), kNeighbours) << "the test is to fill the shared memory";
+  unlink("/dev/shm/filler");
+  clock.advance(30);
+  expect("all of them", kNeighbours, count);
+  rig = nullptr;
+  umount2("/dev/shm", MNT_DETACH);
 }
 
 // More changes than the sockets can hold while nobody reads them.
