@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "ArpSuppression/AgentCommands.h"
+#include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 #include "Mox/Assert.h"
 #include "Switch/Forwarding.h"
@@ -36,6 +37,7 @@ ArpSuppressionAgent::~ArpSuppressionAgent() {
   mounts_ = nullptr;
   vrfIdReverseMapper_ = nullptr;
   rootSm_.del();
+  problemsAre(nullptr);
 }
 
 Mox::String ArpSuppressionAgent::traceletInit(const Mox::String& agentName) {
@@ -116,6 +118,7 @@ void ArpSuppressionAgent::doMountsComplete(Statedb::MountStatus /*status*/,
       tree->entityOf<Interface::AllIntfStatusDir>("interface/status/all"),
       tree->entityOf<Interface::AllIntfStatusLocalDir>(kIntfStatusLocalPath),
       tree->entityOf<Routing::L2Vpn::Config>("routing/l2vpn/config")));
+  problemsAre(tree->entityOf<Switch::Problems>(Switch::kProblemsPath));
   rootSmIs(mounts_, isPhysicalHardware(), taskSchedulerRoot());
   for (const auto& command : makeAgentCommands(rootSm(), activityManager())) agentCommandCallbackIs(command);
 }

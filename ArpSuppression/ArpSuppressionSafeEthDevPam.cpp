@@ -1,13 +1,21 @@
 #include "ArpSuppression/ArpSuppressionSafeEthDevPam.h"
 
+#include <cerrno>
 #include <utility>
 
+#include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 
 namespace ArpSuppression {
 
 namespace {
 constexpr char kSource[] = "ArpSuppression/ArpSuppressionSafeEthDevPam";
+}
+
+SafeEthDevPamEnableSm::~SafeEthDevPamEnableSm() { problems().problemDel(subject()); }
+
+Mox::String SafeEthDevPamEnableSm::subject() const {
+  return "listening on " + owner_->deviceName() + " in network namespace " + owner_->netNs();
 }
 
 SafeEthDevPamEnableSm::SafeEthDevPamEnableSm(Ptr<Orb::TaskScheduler> scheduler, SafeEthDevPam* owner)
@@ -25,6 +33,9 @@ void SafeEthDevPamEnableSm::enableTaskIs(Ptr<Orb::TaskScheduler> scheduler) {
 void SafeEthDevPamEnableSm::handleEnableTaskRun() {
   if (owner_->enabled()) return;
   const Mox::Result<> enabled = owner_->enabledIs(true);
+  // A device that is not there yet, or not any more, is no problem: it is waited for.
+  const bool absent = enabled.number() == ENODEV || enabled.number() == ENOENT;
+  problems().check(subject(), absent ? Mox::Result<>() : enabled, "correct that; it is tried again");
   if (enabled) {
     TRACE8("enabled");
     return;

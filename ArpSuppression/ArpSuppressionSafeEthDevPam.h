@@ -21,12 +21,14 @@ class SafeEthDevPamEnableSm final : public Mox::Entity {
   static constexpr double kRetryDelay = 5.0;
 
   SafeEthDevPamEnableSm(Ptr<Orb::TaskScheduler> scheduler, SafeEthDevPam* owner);
+  ~SafeEthDevPamEnableSm() override;
 
   Mox::String toStrep() const;
 
  private:
   void enableTaskIs(Ptr<Orb::TaskScheduler> scheduler);
   void handleEnableTaskRun();
+  Mox::String subject() const;
 
   SafeEthDevPam* owner_;
   Mox::String refusal_;  // of the last attempt

@@ -6,6 +6,7 @@
 #include <span>
 #include <utility>
 
+#include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 #include "L3/VrfName.h"
 #include "Lanix/Wire.h"
@@ -16,6 +17,7 @@ namespace ArpSuppression {
 namespace {
 
 constexpr char kSource[] = "ArpSuppression/ArpSuppressionSm";
+constexpr char kReplySocket[] = "packet socket for answers";  // as a problem's subject
 
 using Id = ArpSuppressionCounterId;
 using Kind = Outcome::Kind;
@@ -74,7 +76,10 @@ ArpSuppressionSm::ArpSuppressionSm(
   handleInitialized();
 }
 
-ArpSuppressionSm::~ArpSuppressionSm() { receivedRequestTrap_->aheadIs({}); }
+ArpSuppressionSm::~ArpSuppressionSm() {
+  receivedRequestTrap_->aheadIs({});
+  problems().problemDel(kReplySocket);
+}
 
 void ArpSuppressionSm::handleInitialized() {
   TRACE8("");
@@ -86,10 +91,10 @@ void ArpSuppressionSm::handleInitialized() {
 
 void ArpSuppressionSm::openRawTxPam() {
   if (rawTxPam_->enabled()) return;
-  const Mox::Result<> enabled = rawTxPam_->enabledIs(true);
-  if (enabled) return;
-  TRACE8("what=" << enabled.error());
-  TRACELET_RECORD("replies cannot be sent what={}", enabled.error());
+  replySocket_ = rawTxPam_->enabledIs(true);
+  if (problems().check(kReplySocket, replySocket_, "correct that; each answer tries again")) return;
+  TRACE8("what=" << replySocket_.error());
+  TRACELET_RECORD("replies cannot be sent what={}", replySocket_.error());
 }
 
 // --- What is known ---------------------------------------------------------------------------------------

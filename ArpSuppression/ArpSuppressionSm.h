@@ -78,6 +78,8 @@ class ArpSuppressionSm final : public Mox::Entity {
   bool localArpRequest(const Lanix::EthAddr& senderMacAddress) const;
   // The VLAN's id in the MAC table.
   Bridging::Fid fidOf(Bridging::VlanId vlanId) const;
+  // Whether there is a socket to send answers by, or why not. Each batch of answers tries again.
+  const Mox::Result<>& replySocket() const { return replySocket_; }
   bool fabricUsable() const { return fabricInterfaceWatch_ && fabricInterfaceWatch_->usable(); }
 
   Mox::String toStrep() const { return "<ArpSuppressionSm>"; }
@@ -122,6 +124,7 @@ class ArpSuppressionSm final : public Mox::Entity {
   Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameToIdMap_;
   Ptr<ArpInputConfigTrigger> arpInputConfigTrigger_;
   Ptr<Lanix::RawTxPam> rawTxPam_;
+  Mox::Result<> replySocket_;
   Ptr<VrfInterfaceWatch> fabricInterfaceWatch_;
   std::vector<Lanix::RawTxPam::Frame> replies_;  // of a batch that is being handled
 };

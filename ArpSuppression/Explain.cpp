@@ -82,7 +82,8 @@ class Explanation {
     const Ptr<MessageTrapSm>& trap = rootSm_.messageTrapSm();
     return forwarded(vlan) &&
            needs("trapSocket", trap && trap->socketOpen(), "the trap device is open",
-                 "the trap device is missing or down") &&
+                 trap && !trap->opened() ? "the agent's packet socket " + trap->opened().error()
+                                         : "the trap device is missing or down") &&
            hasPort();
   }
 
@@ -139,7 +140,28 @@ class Explanation {
       }
       result_.add("mac", outcome.macAddress.toStrep());
     }
-    concluded(Mox::toStrep(outcome.action()), outcome.summary(), outcome.toldBy());
+    if (!cannotSend(outcome)) concluded(Mox::toStrep(outcome.action()), outcome.summary(), outcome.toldBy());
+  }
+
+  // Whether what was decided ends for want of a socket to send by.
+  bool cannotSend(const Outcome& outcome) {
+    const bool reply = outcome.action() == Action::reply;
+    const Ptr<MessageReinjectSmBase>& reinject = rootSm_.messageReinjectSm();
+    Mox::Result<> socket;
+    if (reply) {
+      socket = rootSm_.arpSuppressionSm()->replySocket();
+    } else if (outcome.action() == Action::flood && !reinject->socketOpen()) {
+      socket = reinject->opened();
+      if (socket)
+        socket = Mox::Failure{"the device \"" + reinject->interfaceName() + "\" is missing or down"};
+    }
+    if (socket) return false;
+    fact(reply ? "replySocket" : "reinjectSocket", false, "there is no socket to send by: " + socket.error());
+    const Mox::String what =
+        reply ? "no answer: " : "the request should go to the remote endpoints and is lost: ";
+    concluded(Mox::toStrep(Action::leave), what + "the agent has no socket to send by: " + socket.error(),
+              reply ? std::optional(Id::replySendFailed) : std::nullopt);
+    return true;
   }
 
   // In the order in which the decision looks at them.

@@ -2,11 +2,10 @@
 
 #include <sys/socket.h>
 
-#include <array>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 
+#include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 #include "L3/VrfName.h"
 #include "Lanix/PacketSockets.h"
@@ -39,16 +38,6 @@ std::uint16_t socketProtocol(MessageTapSocketSm::Protocol protocol) {
   return 0;
 }
 
-// Between its creation and its binding a socket hears every device. What came in by then goes unread, and
-// what found no room does not count.
-void discardReceived(int sock) {
-  constexpr int kMost = 1024;  // a new socket's buffer holds fewer; what comes behind is the bound device's
-  std::array<std::byte, 1> cut;
-  for (int i = 0; i < kMost && Lanix::PacketSockets::current().read(sock, cut) >= 0; ++i) {
-  }
-  Lanix::PacketSockets::current().takeDropped(sock);
-}
-
 }  // namespace
 
 MessageTapSocketSm::MessageTapSocketSm(Ptr<Orb::TaskScheduler> scheduler, Mox::String taskName,
@@ -74,33 +63,46 @@ void MessageTapSocketSm::handleMessageTapSocketSmInitialized() {
   if (interfaceWatch_->usable()) openSocket();
 }
 
-void MessageTapSocketSm::handleMessageTapSocketSmDestroy() { closeSocket(); }
+void MessageTapSocketSm::handleMessageTapSocketSmDestroy() {
+  closeSocket();
+  openedIs({});
+}
 
 void MessageTapSocketSm::handleKniIntfIfIndex() {
   TRACE8("interfaceWatch=" << interfaceWatch_.notifier());
   closeSocket();
-  if (!interfaceWatch_->usable()) return;
+  if (!interfaceWatch_->usable()) return openedIs({});
   MOX_ASSERT(kSource, "0 != interfaceWatch()->kniIntfIfIndex()", interfaceWatch_->kniIntfIfIndex() != 0);
   openSocket();
 }
 
-void MessageTapSocketSm::openSocket() {
+void MessageTapSocketSm::openSocket() { openedIs(tryOpenSocket()); }
+
+void MessageTapSocketSm::openedIs(Mox::Result<> opened) {
+  opened_ = std::move(opened);
+  problems().check("packet socket on " + interfaceName_, opened_,
+                   "correct that, and restart the agent-host or remove the device and make it anew");
+}
+
+// The socket is made without a protocol: so it hears nothing before it is bound, and the binding need not
+// wait until the kernel has taken it off all other devices, which takes some ten milliseconds.
+Mox::Result<> MessageTapSocketSm::tryOpenSocket() {
   const std::uint16_t proto = socketProtocol(protocol_);
   MOX_ASSERT(kSource, "0 != proto", proto != 0);
   Lanix::PacketSockets& sockets = Lanix::PacketSockets::current();
-  const int sock = sockets.open(SOCK_RAW, proto);
+  const int sock = sockets.open(SOCK_RAW, 0);
   if (sock < 0) {
     const int error = errno;
     TRACE8("socket creation failed errno=" << std::strerror(error));
     TRACELET_RECORD("socket creation failed intfId={} errno={}", interfaceName_, std::strerror(error));
-    return;
+    return Mox::Failure{std::string("cannot be made: ") + std::strerror(error), error};
   }
   if (sockets.bind(sock, interfaceWatch_->kniIntfIfIndex(), proto) < 0) {
     const int error = errno;
     sockets.close(sock);
     TRACE8("bind failed intfId=" << interfaceName_ << " errno=" << std::strerror(error));
     TRACELET_RECORD("bind failed intfId={} errno={}", interfaceName_, std::strerror(error));
-    return;
+    return Mox::Failure{std::string("cannot be bound: ") + std::strerror(error), error};
   }
   TRACE8("bound socket=" << sock);
   awaitedUnsent_ = {};
@@ -108,7 +110,6 @@ void MessageTapSocketSm::openSocket() {
   try {
     descriptor->descriptorIs(sock);
     descriptor->nonBlockingIs(true);
-    discardReceived(sock);
     if (sockets.receiveBufferIs(sock, notifyMode_ == NotifyMode::readable ? kTrapReceiveBuffer : 0) < 0) {
       const int error = errno;
       TRACE8("setsockopt SO_RCVBUF failed intfId=" << interfaceName_ << " errno=" << std::strerror(error));
@@ -123,7 +124,9 @@ void MessageTapSocketSm::openSocket() {
     fileDescriptor_.notifierIs(nullptr);
     descriptor->descriptorIs(-1);
     sockets.close(sock);
+    return Mox::Failure{error.what()};
   }
+  return {};
 }
 
 void MessageTapSocketSm::closeSocket() {

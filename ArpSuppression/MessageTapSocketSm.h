@@ -5,6 +5,7 @@
 
 #include "ArpSuppression/VlanL3Info.h"
 #include "Mox/Notifiee.h"
+#include "Mox/Result.h"
 #include "Orb/FileDescriptor.h"
 #include "Orb/WalkSm.h"
 
@@ -27,6 +28,8 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
   const Mox::String& interfaceName() const { return interfaceName_; }
   Mox::String toStrep() const { return "<" + walkName() + " " + interfaceName_ + ">"; }
   bool socketOpen() const { return fileDescriptor_.get() != nullptr; }
+  // Why there is no socket although the device is usable; good otherwise.
+  const Mox::Result<>& opened() const { return opened_; }
 
  protected:
   MessageTapSocketSm(Ptr<Orb::TaskScheduler> scheduler, Mox::String taskName, unsigned level,
@@ -36,8 +39,8 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
 
   // The open socket, or -1.
   int socket() const;
-  // After a refused write: readiness does not schedule the walk before half of what waits in the queue
-  // of the device has left it; nor ever, when the queue is full of others' frames. False: any readiness does.
+  // After a refused write: readiness does not schedule the walk before half of what waits in the device's
+  // queue has left it; nor ever, when the queue is full of others' frames. False: any readiness does.
   void awaitSentIs(bool await);
   void dumpSocket(Orb::DumpContext& context, int indent) const;
 
@@ -47,6 +50,8 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
   void handleKniIntfIfIndex();
   void handleFileDescriptor();
   void openSocket();
+  Mox::Result<> tryOpenSocket();
+  void openedIs(Mox::Result<> opened);
   void closeSocket();
 
   Mox::String interfaceName_;
@@ -55,6 +60,7 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
   Ptr<VlanL3InfoStatus> vlanL3InfoStatus_;
   Mox::Notifiee<VrfInterfaceWatch> interfaceWatch_;
   Mox::Notifiee<Orb::FileDescriptor> fileDescriptor_;
+  Mox::Result<> opened_;
   std::optional<int> awaitedUnsent_;  // bytes that may still wait; set while they are waited for
 };
 

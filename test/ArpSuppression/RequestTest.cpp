@@ -6,6 +6,7 @@
 #include "Memtab/Layout.h"
 #include "Rig.h"
 #include "Switch/Forwarding.h"
+#include "Switch/Problems.h"
 #include "Tracelet/Reader.h"
 
 namespace ArpSuppression {
@@ -323,18 +324,32 @@ TEST(Request, what_a_full_queue_gives_up_is_counted) {
             "floodedToRemoteTeps=60 floodDroppedOldest=10 trappedRequest=60 reinjected=50");
 }
 
-TEST(Request, sockets_that_cannot_be_opened_at_start_leave_records_and_replies_are_tried_again) {
+TEST(Request, sockets_that_cannot_be_opened_are_problems_and_replies_are_tried_again) {
   using Call = TestSupport::FakePacketSockets::Call;
   Rig rig;
+  const auto problems = rig.state<Switch::Problems>(Switch::kProblemsPath);
+  const auto subjects = [&] {
+    std::string subjects;
+    for (const auto& [key, problem] : problems->problemCollection()) subjects += problem->subject() + "; ";
+    return subjects;
+  };
   rig.remoteBinding(10, "10.0.0.99", kHostMac);
   rig.sockets.fails(Call::open, EPERM, 2);  // for replies and for reinjection
   rig.start();
   EXPECT_THAT(rig.command("status"), HasSubstr("\"reinjectSocket\":\"closed\""));
+  EXPECT_EQ(subjects(), "packet socket for answers; packet socket on arpinject; ");
+  EXPECT_THAT(rig.command("explain", {"10", "10.0.0.99"}),
+              AllOf(HasSubstr("\"action\":\"leave\""), HasSubstr("\"name\":\"replySendFailed\""),
+                    HasSubstr("no socket to send by: RawTxPam: packet socket: Operation not permitted")));
+  EXPECT_THAT(rig.command("explain", {"10", "10.0.0.98"}),
+              AllOf(HasSubstr("\"action\":\"leave\""), HasSubstr("cannot be made: Operation not permitted")));
   rig.sockets.fails(Call::open, EMFILE);
   rig.trap(Trapped{});
   EXPECT_EQ(rig.takeCounters(), "replyRemote=1 replySendFailed=1 trappedRequest=1");
   rig.trap(Trapped{});
   EXPECT_THAT(rig.replies(), SizeIs(1));
+  EXPECT_EQ(subjects(), "packet socket on arpinject; ");
+  EXPECT_THAT(rig.command("explain", {"10", "10.0.0.99"}), HasSubstr("\"action\":\"reply\""));
   rig.sockets.fails(Call::bind, ENODEV);
   rig.device("default", "arpinject", 60);
   rig.state<Routing::Fhrp::VirtualRouterMacStatus>("routing/fhrp/vrMacStatus")
@@ -355,6 +370,10 @@ TEST(Request, sockets_that_cannot_be_opened_at_start_leave_records_and_replies_a
         " activeLocalChanged=no"}) {
     EXPECT_NE(latestRecord(record), "") << record;
   }
+  rig.device("default", "arpinject", 0);
+  rig.settle();
+  EXPECT_EQ(subjects(), "") << "what is absent cannot be refused";
+  EXPECT_THAT(rig.command("explain", {"10", "10.0.0.98"}), HasSubstr("\\\"arpinject\\\" is missing or down"));
 }
 
 }  // namespace

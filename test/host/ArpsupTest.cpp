@@ -1,5 +1,9 @@
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+
+#include <regex>
 
 #include "host/ControlAddress.h"
 #include "host/ControlServer.h"
@@ -153,6 +157,32 @@ TEST(Arpsup, doesNotWaitForADaemonThatHangs) {
   EXPECT_EQ(Host::fail(second.failure()), Host::kUsage);
   close(listener);
   close(folder);
+}
+
+// Shared memory of 2 MiB, and bindings for several times that.
+TEST_F(Programs, saysHowManyBindingsAreInWhenThereIsNoRoomForMore) {
+  if (unshare(CLONE_NEWNS) != 0 || mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=2m") != 0) {
+    GTEST_SKIP() << "needs root, to mount";
+  }
+  daemonIs();
+  std::string lines;
+  for (int i = 0; i < 100000; ++i) {
+    lines += "10,10." + std::to_string(i >> 16) + "." + std::to_string(i >> 8 & 255) + "." +
+             std::to_string(i & 255) + ",02:00:00:00:00:01\n";
+  }
+  const Result loaded = arpsup({"remote", "load", "-"}, lines);
+  EXPECT_EQ(loaded.status, 1);
+  std::smatch counts;
+  ASSERT_TRUE(std::regex_search(
+      loaded.error, counts, std::regex("([0-9]+) of these 512 are in.*the ([0-9]+) bindings before are in")))
+      << loaded.error;
+  EXPECT_EQ(shown("arpSuppression/remoteBindingConfig/evpn")["remoteBinding"].size(),
+            std::stoul(counts[1]) + std::stoul(counts[2]));
+  EXPECT_TRUE(shown("switch/problems")["problem"].contains(
+      "agent-host table arpSuppression/remoteBindingConfig/evpn"));
+  daemon.reset();
+  umount2("/dev/shm", MNT_DETACH);
 }
 
 // What agents answer to, as people and scripts get it.

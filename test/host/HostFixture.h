@@ -48,14 +48,9 @@ inline Host::Config configOf(const json& content) {
 // A loop that the test steps, and the state of a host in it.
 class HostState {
  public:
-  explicit HostState(const RunDir& runDir, const json& config = json::object(), bool persistent = false)
+  explicit HostState(const RunDir& runDir, const json& config = json::object(),
+                     std::unique_ptr<Statedb::Store> store = nullptr)
       : config_(configOf(config)), tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop)) {
-    std::unique_ptr<Statedb::Store> store;
-    if (persistent) {
-      auto opened = Statedb::LmdbStore::open(runDir.path(), {});
-      EXPECT_EQ(opened.error(), "");
-      store = std::move(*opened);
-    }
     state = std::make_unique<Host::State>(loop, tasks_, runDir.path(), config_.agents, std::move(store),
                                           [this](const std::string& message) { reports += message + "\n"; });
     EXPECT_EQ(state->build(config_).error(), "");

@@ -145,7 +145,9 @@ TEST(State, keepsWhatAgentsPublishAndNothingElse) {
               {"ArpService", false},
               {"ArpSuppression", false}};
   for (const auto& run : runs) {
-    HostState host(runDir, {{"agents", {run.plugin}}}, true);
+    auto store = Statedb::LmdbStore::open(runDir.path(), {});
+    ASSERT_TRUE(store) << store.error();
+    HostState host(runDir, {{"agents", {run.plugin}}}, std::move(*store));
     EXPECT_TRUE(
         host.state->tree()->entityIs("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus"));
     EXPECT_TRUE(host.state->tree()->entityIs("arp/input/config/arpSuppression", "Arp::ArpInputConfig"));
@@ -162,6 +164,28 @@ TEST(State, keepsWhatAgentsPublishAndNothingElse) {
     while (host.state->flush()) {
     }
   }
+}
+
+TEST(State, reportsAStoreThatCannotBeWritten) {
+  struct FullStore final : Statedb::Store {
+    explicit FullStore(const Mox::Result<>& written) : written_(written) {}
+    void load(const std::string&, const Visitor&) override {}
+    void write(const std::string&, const std::string&, std::string) override {}
+    void erase(const std::string&, const std::string&) override {}
+    void erasePath(const std::string&, const std::string&) override {}
+    bool flush(std::size_t) override { return false; }
+    std::size_t waiting() const override { return 1; }
+    const Mox::Result<>& written() const override { return written_; }
+    const Mox::Result<>& written_;
+  };
+  RunDir runDir;
+  Mox::Result<> written = Mox::Failure{"state.mdb: no space"};
+  HostState host(runDir, json::object(), std::make_unique<FullStore>(written));
+  host.state->flush();
+  EXPECT_EQ(host.show("switch/problems")["problem"]["agent-host state store"]["problem"], written.error());
+  written = {};
+  host.state->flush();
+  EXPECT_EQ(host.show("switch/problems")["problem"], json::object());
 }
 
 // Reading and writing of what a plug-in mounts: its own entities are left to it, the others are there, empty.
