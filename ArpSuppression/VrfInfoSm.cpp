@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 #include "Lanix/NetlinkSocket.h"
 #include "Mox/Assert.h"
@@ -138,6 +139,7 @@ void VrfInfoSm::updateVrfInfo(bool forceCleanup) {
 void VrfInfoSm::becomeInactive() {
   clearing_ = true;
   retryTask_.cancel();
+  problems().problemDel("VRF " + vrfInfo_->vrfName());
   const Lanix::NamespaceName netNs = vrfInfo_->netNs();
   const auto& vrfs = vlanL3InfoStatus_->vrfInfoCollection();
   const bool shared = std::any_of(vrfs.begin(), vrfs.end(), [&](const auto& vrf) {
@@ -172,6 +174,8 @@ void VrfInfoSm::becomeActive() {
 
 void VrfInfoSm::openSocket() {
   const auto socket = Lanix::openNetlinkSocket(vrfInfo_->netNs());
+  problems().check("VRF " + vrfInfo_->vrfName(), socket ? Mox::Result<>() : socket.failure(),
+                   "its VLANs have no layer 3 for the agent; correct that, it is tried again");
   if (socket) {
     vrfInfo_->netlinkSocketIs(*socket);
     scheduleInterfaceWatchUpdate();
