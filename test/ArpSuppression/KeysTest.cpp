@@ -76,19 +76,5 @@ TEST(VrfIpAddress, from_arp_key) {
   }
 }
 
-TEST(VlanIdMacAddress, order_is_vlan_then_mac_and_equal_keys_hash_equally) {
-  const VlanIdMacAddress ascending[] = {{Vlan(9), mac("02:00:00:00:00:03")},
-                                        {Vlan(10), mac("02:00:00:00:00:01")},
-                                        {Vlan(10), mac("02:00:00:00:00:02")},
-                                        {Vlan(11), mac("02:00:00:00:00:01")}};
-  for (std::size_t i = 0; i < std::size(ascending); ++i) {
-    for (std::size_t j = 0; j < std::size(ascending); ++j) {
-      EXPECT_EQ(ascending[i] < ascending[j], i < j);
-      EXPECT_EQ(ascending[i] == ascending[j], i == j);
-      EXPECT_EQ(ascending[i].hash(3) == ascending[j].hash(3), i == j);
-    }
-  }
-}
-
 }  // namespace
 }  // namespace ArpSuppression

@@ -141,19 +141,5 @@ TEST(MessageQueue, indices_wrap_and_the_order_stays_that_of_arrival) {
   EXPECT_TRUE(q.queue->messageHas(2));
 }
 
-TEST(MessageTrap, the_same_message_is_told_once) {
-  const auto trap = messageTrapFactory();
-  std::vector<Message> told;
-  Mox::Notifiee<MessageTrap> watch(trap);
-  watch.on(MessageTrap::lastTrappedMessageChanged, [&](const Message& m) { told.push_back(m); });
-  const Message one = message(1), equal = message(1);
-  trap->lastTrappedMessageIs(one);
-  trap->lastTrappedMessageIs(one);
-  EXPECT_THAT(told, ElementsAre(one));
-  trap->lastTrappedMessageIs(equal);
-  EXPECT_THAT(told, ElementsAre(one, equal)) << "another message of the same content";
-  EXPECT_EQ(one->references(), 2u) << "the trap holds the last one only";
-}
-
 }  // namespace
 }  // namespace ArpSuppression

@@ -1,27 +1,7 @@
-#include "Mox/Error.h"
 #include "Rig.h"
 
 namespace ArpSuppression {
 namespace {
-
-TEST(VlanL3InfoStatus, names_follow_from_the_vlan) {
-  const auto status = Mox::make<VlanL3InfoStatus>();
-  const auto red = status->vrfInfoIs("red");
-  const auto info = status->vlanL3InfoIs(red, Vlan(4094));
-  EXPECT_EQ(info->intfName(), "Vlan4094");
-  EXPECT_EQ(info->kniIntfName(), "vlan4094");
-  EXPECT_EQ(info->vlanIntfId(), intf("Vlan4094"));
-  EXPECT_EQ(info->kniIntfIfIndex(), 0u);
-  EXPECT_EQ(info->toStrep(), "<vrfName=red vlanId=4094>");
-  EXPECT_EQ(red->toStrep(), "<vrfName=red vrfId=16777215>");
-  EXPECT_EQ(status->vlanL3InfoIs(red, Vlan(4094)), info);
-  EXPECT_THROW(status->vlanL3InfoIs(status->vrfInfoIs("blue"), Vlan(4094)), Mox::ReinstantiationError);
-  EXPECT_THROW(red->interfaceWatchIs(nullptr), Mox::NullError);
-  const auto watch = status->findOrCreateVrfInterfaceWatch("red", "Fabric");
-  EXPECT_EQ(watch->kniIntfName(), "fabric");
-  EXPECT_EQ(watch->toStrep(), "<vrfName=red intfName=Fabric usable=false>");
-  EXPECT_EQ(status->findOrCreateVrfInterfaceWatch("red", "Fabric"), watch);
-}
 
 TEST(VlanL3InfoStatus, announcements_carry_their_vlan_also_when_they_nest) {
   const auto status = Mox::make<VlanL3InfoStatus>();

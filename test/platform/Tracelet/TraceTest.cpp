@@ -1,12 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
-#include <ostream>
 #include <string>
 #include <vector>
 
-#include "Mox/Ptr.h"
 #include "Tracelet/Trace.h"
 
 namespace {
@@ -14,58 +11,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
-
-enum class Colour { red, green };
-constexpr std::array<const char*, 2> moxEnumNames(Colour) { return {"red", "green"}; }
-
-struct Port {
-  std::string toStrep() const { return "Ethernet1"; }
-};
-struct Pair {
-  int a = 0;
-  bool b = false;
-  static constexpr auto moxFields() {
-    return std::tuple(Mox::Field("a", &Pair::a), Mox::Field("b", &Pair::b));
-  }
-};
-struct Message : Mox::Referenced {
-  std::string toStrep() const { return "<request>"; }
-};
-struct Nameless : Mox::Referenced {};
-struct Classic {};
-std::ostream& operator<<(std::ostream& out, const Classic&) { return out << "classic"; }
-struct Own {
-  std::string toStrep() const { return "strep"; }
-};
-Tracelet::TextStream& operator<<(Tracelet::TextStream& out, const Own&) { return out << "own"; }
-
-template <class T>
-std::string textOf(const T& value) {
-  Tracelet::TextStream stream;
-  stream << value;
-  return stream.text();
-}
-
-TEST(TextStream, PrintsEachKindOfValue) {
-  const char* none = nullptr;
-  const std::vector<std::pair<std::string, std::string>> table = {
-      {textOf(std::uint8_t{65}), "65"},
-      {textOf(std::int8_t{-3}), "-3"},
-      {textOf(UINT64_MAX), "18446744073709551615"},
-      {textOf(none), "NULL"},
-      {textOf(Colour::green), "green"},
-      {textOf(Port()), "Ethernet1"},
-      {textOf(Pair{3, true}), "3 true"},
-      {textOf(Classic()), "classic"},
-      {textOf(Own()), "own"},
-      {textOf(Mox::make<Message>()), "<request>"},
-      {textOf(Mox::Ptr<const Message>(Mox::make<Message>())), "<request>"},
-      {textOf(Mox::Ptr<Message>()), "NULL"},
-      {textOf(static_cast<const Port*>(nullptr)), "NULL"},
-  };
-  for (const auto& [got, wanted] : table) EXPECT_EQ(got, wanted);
-  EXPECT_THAT(textOf(Mox::make<Nameless>()), MatchesRegex("0x[0-9a-f]+"));
-}
 
 class TraceTest : public ::testing::Test {
  protected:
