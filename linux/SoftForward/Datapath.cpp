@@ -29,14 +29,19 @@ struct Datapath::Peer {
   bool strips;  // the trap header, before ingress
 };
 
-Datapath::Datapath(Looked looked)
+Datapath::Datapath(Programs& programs, Looked looked)
     : looked_(std::move(looked)),
       requests_(NETLINK_ROUTE),
       dumps_(NETLINK_ROUTE),
       notifications_(NETLINK_ROUTE, {.receiveBuffer = kReceiveBuffer}),
       links_([this](const Netlink::Link& link, LinkTable::Change change) { linkChanged(link, change); }),
       filters_(requests_),
-      pairs_(requests_, links_) {}
+      pairs_(requests_, links_),
+      programs_(programs),
+      trunks_(links_, filters_, pairs_, programs_,
+              {[this](const std::string& bridge) { return vlansNaming(bridge, true); },
+               [this](const std::string& device) { return vlansNaming(device, false); },
+               [this](std::uint16_t id) { dirty_.insert(id); }}) {}
 
 Mox::Result<> Datapath::open() {
   for (const Netlink::Socket* socket : {&requests_, &dumps_, &notifications_})
@@ -45,6 +50,7 @@ Mox::Result<> Datapath::open() {
     if (const auto joined = notifications_.join(group); !joined)
       return Netlink::describe("joining the kernel's notifications", joined);
   }
+  if (const auto opened = trunks_.open(); !opened) return opened;
   if (const auto loaded = programs_.load(); !loaded) return loaded;
   read();
   return {};
@@ -54,12 +60,13 @@ Mox::Result<> Datapath::open() {
 
 void Datapath::vlanIs(std::uint16_t id, VlanWanted wanted) {
   vlanDel(id);
-  names_[wanted.bridge].insert(id);
-  for (const std::string& port : wanted.tunnelPorts) names_[port].insert(id);
-  namedChanged(wanted.bridge);
+  std::vector<std::string> names = wanted.tunnelPorts;
+  names.push_back(wanted.bridge);
+  for (const std::string& name : names) names_[name].insert(id);
   Vlan& vlan = vlans_[id];
   vlan.wanted = std::move(wanted);
   vlan.configured = true;
+  for (const std::string& name : names) configurationChanged(name);
 }
 
 void Datapath::vlanDel(std::uint16_t id) {
@@ -70,10 +77,28 @@ void Datapath::vlanDel(std::uint16_t id) {
   std::vector<std::string> names = vlan.wanted.tunnelPorts;
   names.push_back(vlan.wanted.bridge);
   for (const std::string& name : names) {
-    namedChanged(name);
+    configurationChanged(name);
     names_[name].erase(id);
     if (names_[name].empty()) names_.erase(name);
   }
+}
+
+void Datapath::configurationChanged(const std::string& device) {
+  namedChanged(device);
+  if (const Netlink::Link* link = links_.find(device)) trunks_.linkChanged(*link);
+}
+
+// Those whose bridge it is, or one of whose tunnel ports.
+Netlink::VlanIds Datapath::vlansNaming(const std::string& device, bool asBridge) const {
+  Netlink::VlanIds vlans;
+  const auto named = names_.find(device);
+  if (named == names_.end()) return vlans;
+  for (const std::uint16_t id : named->second) {
+    const VlanWanted& wanted = vlans_.at(id).wanted;
+    if (asBridge ? wanted.bridge == device : std::ranges::count(wanted.tunnelPorts, device) != 0)
+      vlans.set(id);
+  }
+  return vlans;
 }
 
 void Datapath::activeVlanIs(std::uint16_t id, bool active) {
@@ -83,6 +108,7 @@ void Datapath::activeVlanIs(std::uint16_t id, bool active) {
 
 void Datapath::ownTrappedIs(bool trapped) {
   if (std::exchange(ownTrapped_, trapped) != trapped) allVlansDirty();
+  trunks_.ownTrappedIs(trapped);
 }
 
 void Datapath::passedAddressIs(const Lanix::EthAddr& address) {
@@ -91,6 +117,7 @@ void Datapath::passedAddressIs(const Lanix::EthAddr& address) {
 
 void Datapath::sharedAddressIs(const Lanix::EthAddr& address) {
   if (std::exchange(sharedAddress_, address) != address) allVlansDirty();
+  trunks_.sharedAddressIs(address);
 }
 
 void Datapath::allVlansDirty() {
@@ -133,6 +160,7 @@ bool Datapath::readSlice() {
     reading_ = Reading::done;
     dirty_.insert(kShared);
     allVlansDirty();
+    trunks_.allChanged();
   }
   return true;
 }
@@ -152,7 +180,8 @@ void Datapath::handleMessage(const Netlink::Received& message) {
   const Netlink::IfIndex filtered = filters_.apply(message);
   if (filtered == 0) return;
   if (const auto port = ports_.find(filtered); port != ports_.end()) dirty_.insert(port->second.vlan);
-  if (const Netlink::Link* link = links_.find(filtered)) ownedChanged(link->name);
+  trunks_.filterChanged(filtered);
+  if (const Netlink::Link* link = links_.find(filtered)) ownedChanged(*link);
 }
 
 bool Datapath::receive() {
@@ -175,14 +204,24 @@ void Datapath::linkChanged(const Netlink::Link& link, LinkTable::Change change) 
       static_cast<void>(programs_.portDel(link.index));  // without its device an entry is never asked for
     }
   }
-  ownedChanged(link.name);
+  if (change == LinkTable::Change::gone) {
+    trunks_.linkGone(link);
+  } else {
+    trunks_.linkChanged(link);
+  }
+  ownedChanged(link);
   namedChanged(link.name);
-  if (const Netlink::Link* bridge = links_.find(link.master)) namedChanged(bridge->name);
+  // A port of a bridge that filters VLANs concerns those that name it only.
+  if (const Netlink::Link* bridge = links_.find(link.master); bridge != nullptr && !Trunks::isServed(*bridge))
+    namedChanged(bridge->name);
 }
 
-void Datapath::ownedChanged(const std::string& device) {
-  const auto owner = ownerOf(device);
-  if (owner && (*owner == kShared || vlans_.contains(*owner))) dirty_.insert(*owner);
+void Datapath::ownedChanged(const Netlink::Link& link) {
+  const auto owner = ownerOf(link.name);
+  if (!owner) return;
+  if (owner->kind == Owner::Kind::bridge) return trunks_.linkChanged(link);
+  const auto id = static_cast<std::uint16_t>(owner->number);
+  if (id == kShared || vlans_.contains(id)) dirty_.insert(id);
 }
 
 void Datapath::namedChanged(const std::string& device) {
@@ -192,9 +231,15 @@ void Datapath::namedChanged(const std::string& device) {
 
 // --- The work ------------------------------------------------------------------------------------------
 
+bool Datapath::followVlans() {
+  if (trunks_.receive()) return true;
+  return reading_ == Reading::done && trunks_.lookPort();
+}
+
 bool Datapath::step() {
   if (reading_ != Reading::done) return !readingFailed_ && readSlice();
-  if (receive() || reading_ != Reading::done) return true;
+  if (receive() || reading_ != Reading::done || trunks_.receive()) return true;
+  if (trunks_.step()) return true;
   if (!dirty_.empty()) {
     look(dirty_.extract(dirty_.begin()).value());
     return true;
@@ -233,13 +278,7 @@ void Datapath::againIs() {
   readingFailed_ = false;
   dirty_.merge(again_);
   again_.clear();
-}
-
-Mox::Result<> Datapath::attached(const Hook& hook, Program program) {
-  const LoadedProgram loaded = programs_.loaded(program);
-  const auto has = filters_.has(hook, loaded);
-  if (!has) return has.failure();
-  return *has ? Mox::Result<>() : filters_.attach(hook, loaded);
+  trunks_.againIs();
 }
 
 // --- What all VLANs share ------------------------------------------------------------------------------
@@ -254,8 +293,10 @@ Mox::Result<bool> Datapath::peerIs(const Peer& peer) {
   // The programs come first, so that no frame passes an inner end without them.
   const Hook ingress{pair.inner.index, Direction::ingress, names.inner};
   const Hook egress{pair.inner.index, Direction::egress, names.inner};
-  if (const auto result = attached(ingress, peer.ingress); !result) return result.failure();
-  if (const auto result = attached(egress, peer.egress); !result) return result.failure();
+  if (const auto result = filters_.attachedIs(ingress, programs_.loaded(peer.ingress)); !result)
+    return result.failure();
+  if (const auto result = filters_.attachedIs(egress, programs_.loaded(peer.egress)); !result)
+    return result.failure();
   if (const LoadedProgram strip = programs_.loaded(Program::injectStrip);
       peer.strips && pair.inner.xdpProgram != strip.id) {
     const auto result = pairs_.xdpIs(pair.inner, strip.descriptor);
@@ -303,16 +344,18 @@ Standing Datapath::lookShared() {
 // --- What earlier runs left, and the end ---------------------------------------------------------------
 
 void Datapath::findStale() {
-  const auto isWanted = [this](const Netlink::Link& link) {
-    const auto owner = ownerOf(link.name);
-    const auto vlan = owner ? vlans_.find(*owner) : vlans_.end();
-    return owner == kShared || (vlan != vlans_.end() && vlan->second.configured);
+  const auto isWanted = [this](const Owner& owner) {
+    if (owner.kind == Owner::Kind::agent) return true;
+    if (owner.kind == Owner::Kind::bridge) return trunks_.hasBridge(owner.number);
+    const auto vlan = vlans_.find(static_cast<std::uint16_t>(owner.number));
+    return vlan != vlans_.end() && vlan->second.configured;
   };
   for (const auto& [index, link] : links_.links())
-    if (link.kind == "veth" && ownerOf(link.name) && !isWanted(link)) stale_.push_back(index);
+    if (const auto owner = ownerOf(link.name); link.kind == "veth" && owner && !isWanted(*owner))
+      stale_.push_back(index);
   for (const Netlink::IfIndex index : filters_.devices()) {
     const Netlink::Link* link = links_.find(index);
-    if (!ports_.contains(index) && (link == nullptr || !ownerOf(link->name))) stale_.push_back(index);
+    if (!hasPort(index) && (link == nullptr || !ownerOf(link->name))) stale_.push_back(index);
   }
 }
 
@@ -320,7 +363,7 @@ Mox::Result<> Datapath::staleDel(Netlink::IfIndex ifIndex) {
   const Netlink::Link* link = links_.find(ifIndex);
   if (link == nullptr) return {};
   if (ownerOf(link->name)) return pairs_.del(*link);
-  if (ports_.contains(ifIndex)) return {};
+  if (hasPort(ifIndex)) return {};
   for (const Direction direction : {Direction::ingress, Direction::egress}) {
     if (auto gone = filters_.detach({ifIndex, direction, link->name}); !gone) return gone;
   }
@@ -335,6 +378,7 @@ Mox::Result<> Datapath::close() {
   while (reading_ != Reading::done && !readingFailed_) readSlice();
   while (receive()) {
   }
+  note(trunks_.close());
   sharedAddress_ = {};
   for (auto& [id, vlan] : vlans_) {
     Standing standing;

@@ -38,6 +38,8 @@
 #include "SoftForward/LinkTable.h"
 #include "SoftForward/Pairs.h"
 #include "SoftForward/Programs.h"
+#include "SoftForward/Standing.h"
+#include "SoftForward/Trunks.h"
 
 namespace SoftForward {
 
@@ -47,23 +49,6 @@ struct VlanWanted {
   std::vector<std::string> tunnelPorts;  // at most 32
 };
 
-// Something wrong, in an operator's words.
-struct Complaint {
-  std::string subject;
-  std::string problem;
-  std::string advice;
-};
-
-// How the way of a VLAN, or the devices that all of them share, stand.
-struct Standing {
-  bool ready = false;
-  std::string reason;  // why not; "" when ready
-  std::string advice;
-  bool passing = false;  // what is missing was just asked for, and the kernel has yet to tell of it
-  bool refused = false;  // the kernel refused something: to be tried again
-  std::vector<Complaint> complaints;  // what is wrong besides
-};
-
 class Datapath {
  public:
   // Stands for the devices that all VLANs share where a VLAN is asked for.
@@ -71,7 +56,8 @@ class Datapath {
   // Called after each look at a VLAN, or at what is shared.
   using Looked = std::function<void(std::uint16_t vlan, const Standing&)>;
 
-  explicit Datapath(Looked looked);
+  // `programs` may be loaded already, which takes its time; they outlive the Datapath.
+  Datapath(Programs& programs, Looked looked);
   // Without close() everything stays attached, as after a crash: the next Datapath takes it over.
   ~Datapath() = default;
   Datapath(const Datapath&) = delete;
@@ -81,6 +67,10 @@ class Datapath {
   // wanted may be called before it succeeded.
   Mox::Result<> open();
   int descriptor() const { return notifications_.fd(); }  // readable: step() has work
+  // Readable: a port of a bridge has got or lost a VLAN. followVlans() has its frames taken for what they are now,
+  // one port at a time, and returns whether there may be more of them; the rest is left to step().
+  int vlanDescriptor() const { return trunks_.descriptor(); }
+  bool followVlans();
 
   void vlanIs(std::uint16_t vlan, VlanWanted wanted);  // 1 to 4094
   void vlanDel(std::uint16_t vlan);
@@ -98,7 +88,7 @@ class Datapath {
   // remove what earlier runs left and nobody wants: programs on ports of no VLAN, ways into bridges of none.
   bool step();
   // Whether something was refused or is on its way, and should be looked at again in a while by againIs().
-  bool againWanted() const { return !again_.empty(); }
+  bool againWanted() const { return !again_.empty() || trunks_.againWanted(); }
   void againIs();
 
   // Detaches the programs from all ports and removes the pairs.
@@ -126,7 +116,7 @@ class Datapath {
   // Following the kernel.
   void linkChanged(const Netlink::Link& link, LinkTable::Change change);
   void handleMessage(const Netlink::Received& message);
-  void ownedChanged(const std::string& device);
+  void ownedChanged(const Netlink::Link& link);
   void namedChanged(const std::string& device);
   bool receive();
   void read();
@@ -134,16 +124,22 @@ class Datapath {
   bool readingFailed(const Mox::Result<>& why);
   void look(std::uint16_t vlan);
   void allVlansDirty();
+  void configurationChanged(const std::string& device);
+  Netlink::VlanIds vlansNaming(const std::string& device, bool asBridge) const;
   void findStale();
+  bool hasPort(Netlink::IfIndex ifIndex) const {
+    return ports_.contains(ifIndex) || trunks_.hasPort(ifIndex);
+  }
   Mox::Result<> staleDel(Netlink::IfIndex ifIndex);
 
   // What is shared.
   Standing lookShared();
   Mox::Result<bool> peerIs(const Peer& peer);
-  Mox::Result<> attached(const Hook& hook, Program program);
 
   // One VLAN.
   Standing lookVlan(std::uint16_t id, Vlan& vlan);
+  void lookTrunk(std::uint16_t id, Vlan& vlan, const Netlink::Link& bridge, Standing& standing);
+  void lookPlain(std::uint16_t id, Vlan& vlan, const Netlink::Link& bridge, Standing& standing);
   std::string whyNotServed(std::uint16_t id, const Vlan& vlan, std::string& advice) const;
   bool isTunnelPort(const std::string& device) const;
   Ports portsOf(std::uint16_t id, const Vlan& vlan, const Netlink::Link& bridge, Standing& standing) const;
@@ -165,7 +161,8 @@ class Datapath {
   LinkTable links_;
   Filters filters_;
   Pairs pairs_;
-  Programs programs_;
+  Programs& programs_;
+  Trunks trunks_;
 
   std::map<std::uint16_t, Vlan> vlans_;
   std::map<std::string, std::set<std::uint16_t>> names_;  // VLANs by their bridges' and tunnel ports' names

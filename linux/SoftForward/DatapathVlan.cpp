@@ -1,66 +1,52 @@
 // What is done for one VLAN.
 
-#include <linux/if_bridge.h>
-#include <net/if.h>
-
 #include <algorithm>
 
 #include "SoftForward/Datapath.h"
 #include "SoftForward/Shared.h"
+#include "SoftForward/WayIn.h"
 
 namespace SoftForward {
 namespace {
 
-// A bridge takes the least MTU of its ports: with the greatest there is, ours never decides.
-constexpr std::uint32_t kWayInMtu = 65535;
-constexpr std::string_view kTakes = "bridge takes ";
 constexpr std::size_t kNamesShown = 8;
-
-// A bridge takes the least of its ports' addresses: ours is greater than any that a device comes with, and
-// differs from VLAN to VLAN.
-Lanix::EthAddr wayInAddress(std::uint16_t vlan) {
-  return Lanix::EthAddr(
-      {0xFE, 0xFF, 0xFF, 0xFF, static_cast<std::uint8_t>(vlan >> 8), static_cast<std::uint8_t>(vlan & 0xFF)});
-}
-
-std::string vlanName(std::uint16_t id) { return "VLAN " + std::to_string(id); }
-
-// The first reason stands.
-void because(Standing& standing, const std::string& reason, bool passing = false) {
-  if (!standing.reason.empty()) return;
-  standing.reason = reason;
-  standing.passing = passing;
-}
-
-bool isGood(Standing& standing, const Mox::Result<>& result) {
-  if (result) return true;
-  standing.refused = standing.refused || result.number() != 0;
-  because(standing, result.error());
-  return false;
-}
 
 }  // namespace
 
 std::string Datapath::whyNotServed(std::uint16_t id, const Vlan& vlan, std::string& advice) const {
   if (!vlan.configured) return "it is not configured";
-  // Who came first in the configuration has it.
-  const auto taken = [&](const std::string& name) { return *names_.at(name).begin() != id; };
+  const Netlink::Link* bridge = links_.find(vlan.wanted.bridge);
+  // Where the bridge does not tell VLANs apart, who came first in the configuration has it.
+  const bool filters = bridge != nullptr && bridge->filtersVlans;
+  const auto taken = [&](const std::string& name) { return !filters && *names_.at(name).begin() != id; };
   const auto refusal = [&](const std::string& what, const std::string& name) {
-    advice = "correct the VLANs of the configuration";
+    advice = "correct the VLANs of the configuration, or have the bridge filter VLANs";
     return what + " " + name + " is " + vlanName(*names_.at(name).begin()) + "'s already";
   };
   if (taken(vlan.wanted.bridge)) return refusal("bridge", vlan.wanted.bridge);
   for (const std::string& port : vlan.wanted.tunnelPorts)
     if (taken(port)) return refusal("tunnel port", port);
-  const Netlink::Link* bridge = links_.find(vlan.wanted.bridge);
   if (bridge == nullptr || bridge->kind != "bridge") {
     advice = "make it, or correct \"bridge\" of the VLAN in the configuration";
     return bridge == nullptr ? "there is no bridge " + vlan.wanted.bridge
                              : "the device " + vlan.wanted.bridge + " is no bridge";
   }
+  if (filters && !Trunks::isServed(*bridge)) {
+    advice = "ip link set " + bridge->name + " type bridge vlan_protocol 802.1Q";
+    return "bridge " + bridge->name + " filters VLANs by tags other than those of 802.1Q";
+  }
   if (vlan.wanted.tunnelPorts.size() > SOFT_FORWARD_MAX_TUNNEL_PORTS)
     return std::to_string(vlan.wanted.tunnelPorts.size()) + " tunnel ports, allowed are " +
            std::to_string(SOFT_FORWARD_MAX_TUNNEL_PORTS);
+  for (const std::string& port : vlan.wanted.tunnelPorts) {
+    const Netlink::Link* link = links_.find(port);
+    if (link == nullptr || !link->collectsMetadata) continue;
+    advice = "make one vxlan device for each VLAN instead, or a trunk";
+    return "tunnel port " + port +
+           " is a single vxlan device for all VLANs (external, that is collect metadata): floods cannot be "
+           "sent "
+           "out of it";
+  }
   return {};
 }
 
@@ -72,35 +58,56 @@ Standing Datapath::lookVlan(std::uint16_t id, Vlan& vlan) {
     return standing;
   }
   const Netlink::Link bridge = *links_.find(vlan.wanted.bridge);
+  if (Trunks::isServed(bridge)) {
+    lookTrunk(id, vlan, bridge, standing);
+  } else {
+    lookPlain(id, vlan, bridge, standing);
+  }
+  if (!shared_.ready) standing.because(shared_.reason, shared_.passing);
+  if (!standing.check(trappedIs(id, vlan, vlan.active && standing.reason.empty())))
+    static_cast<void>(trappedIs(id, vlan, false));
+  standing.ready = standing.reason.empty();
+  return standing;
+}
+
+void Datapath::lookPlain(std::uint16_t id, Vlan& vlan, const Netlink::Link& bridge, Standing& standing) {
   const Ports ports = portsOf(id, vlan, bridge, standing);
   VlanPaths paths;
   paths.bridge = bridge.index;
   for (const auto& [ifIndex, role] : ports)
     if (role == PortRole::tunnel) paths.tunnelPorts.push_back(ifIndex);
   wayInIs(id, bridge, paths.wayIn, standing);
-  isGood(standing, pathsAre(id, vlan, std::move(paths)));
+  standing.check(pathsAre(id, vlan, std::move(paths)));
   portsAre(id, vlan, ports, standing);
   sharedAddressIn(id, vlan, bridge, standing);
-  if (!shared_.ready) because(standing, shared_.reason, shared_.passing);
-  if (!isGood(standing, trappedIs(id, vlan, vlan.active && standing.reason.empty())))
-    static_cast<void>(trappedIs(id, vlan, false));
-  standing.ready = standing.reason.empty();
-  return standing;
+}
+
+void Datapath::lookTrunk(std::uint16_t id, Vlan& vlan, const Netlink::Link& bridge, Standing& standing) {
+  // What it had of its own while the bridge did not filter.
+  const auto plain = pairs_.find(wayInNames(id));
+  if (!vlan.ports.empty() || (plain && *plain)) {
+    const Lanix::EthAddr taken = plain && *plain ? Pairs::takenBy((*plain)->outer) : Lanix::EthAddr();
+    if (!taken.isZero())
+      standing.complain(vlanName(id) + ", shared gateway MAC", pairs_.bridgeTakes(bridge, taken, false));
+    withdraw(id, vlan, standing);
+    if (plain && *plain) standing.complain(vlanName(id) + ", its way in", pairs_.del((*plain)->outer));
+    trunks_.linkChanged(bridge);
+    dirty_.insert(id);
+    return standing.because("bridge " + bridge.name + " filters VLANs now", true);
+  }
+  standing.check(pathsAre(id, vlan, trunks_.pathsOf(id, vlan.wanted.tunnelPorts, bridge, standing)));
 }
 
 // The pair of its way in stays for a bridge that comes back, as long as the VLAN is configured.
 void Datapath::withdraw(std::uint16_t id, Vlan& vlan, Standing& standing) {
-  const auto note = [&](const Mox::Result<>& result) {
-    if (result) return;
-    standing.refused = standing.refused || result.number() != 0;
-    standing.complaints.push_back({vlanName(id) + ", taking it out", result.error(), {}});
-  };
-  note(trappedIs(id, vlan, false));
-  for (const Netlink::IfIndex ifIndex : std::set(vlan.ports)) note(portDel(ifIndex));
-  note(pathsAre(id, vlan, {}));
+  const std::string subject = vlanName(id) + ", taking it out";
+  standing.complain(subject, trappedIs(id, vlan, false));
+  for (const Netlink::IfIndex ifIndex : std::set(vlan.ports)) standing.complain(subject, portDel(ifIndex));
+  standing.complain(subject, pathsAre(id, vlan, {}));
   vlan.takingBridge = 0;
   if (vlan.configured) return;
-  if (const auto pair = pairs_.find(wayInNames(id)); pair && *pair) note(pairs_.del((*pair)->outer));
+  if (const auto pair = pairs_.find(wayInNames(id)); pair && *pair)
+    standing.complain(subject, pairs_.del((*pair)->outer));
 }
 
 Mox::Result<> Datapath::trappedIs(std::uint16_t id, Vlan& vlan, bool trapped) {
@@ -122,33 +129,19 @@ Mox::Result<> Datapath::pathsAre(std::uint16_t id, Vlan& vlan, VlanPaths paths) 
 void Datapath::wayInIs(std::uint16_t id, const Netlink::Link& bridge, Netlink::IfIndex& wayIn,
                        Standing& standing) {
   const PairNames names = wayInNames(id);
-  const auto shaped = pairs_.shapeIs({names, kWayInMtu, bridge.index, wayInAddress(id)});
+  const auto shaped = pairs_.shapeIs({names, WayIn::kMtu, bridge.index, WayIn::addressOfVlan(id)});
   if (!shaped) {
-    isGood(standing, shaped.failure());
+    standing.check(shaped.failure());
     return;
   }
-  const std::string what = "the way into bridge " + bridge.name;
-  if (!*shaped) return because(standing, what + " (" + names.outer + ") is being made", true);
+  if (!*shaped) return standing.because(WayIn::name(bridge, names.outer) + " is being made", true);
   const Pair pair = **pairs_.find(names);
-  if (!isGood(standing, attached({pair.outer.index, Direction::ingress, names.outer}, Program::dropAll)))
-    return;
+  const Hook hook{pair.outer.index, Direction::ingress, names.outer};
+  if (!standing.check(filters_.attachedIs(hook, programs_.loaded(Program::dropAll)))) return;
   wayIn = pair.outer.index;
   const auto passes = pairs_.upIs(pair);
-  if (!passes) {
-    isGood(standing, passes.failure());
-    return;
-  }
-  const std::uint8_t state = pair.inner.port ? pair.inner.port->state : std::uint8_t{BR_STATE_DISABLED};
-  if (*passes && state == BR_STATE_FORWARDING) return;
-  if ((bridge.flags & IFF_UP) == 0) {
-    because(standing, "bridge " + bridge.name + " is down");
-  } else if (state == BR_STATE_LISTENING || state == BR_STATE_LEARNING) {
-    because(standing, "spanning tree has " + what + " (" + names.inner + ") wait before it forwards");
-  } else if (state == BR_STATE_BLOCKING) {
-    because(standing, "spanning tree blocks " + what + " (" + names.inner + ")");
-  } else {
-    because(standing, what + " (" + names.outer + ") does not come up", true);
-  }
+  if (passes) return WayIn::judge(bridge, pair, *passes, standing);
+  standing.check(passes.failure());
 }
 
 void Datapath::sharedAddressIn(std::uint16_t id, Vlan& vlan, const Netlink::Link& bridge,
@@ -157,16 +150,11 @@ void Datapath::sharedAddressIn(std::uint16_t id, Vlan& vlan, const Netlink::Link
   if (!pair || !*pair) return;
   // What an earlier run made the bridge take is noted at our own device, and goes with it.
   const Netlink::Link& wayIn = (*pair)->outer;
-  const std::string_view alias = wayIn.alias;
-  const auto noted =
-      alias.starts_with(kTakes) ? Lanix::EthAddr::fromStrep(alias.substr(kTakes.size())) : std::nullopt;
-  const Lanix::EthAddr before = noted.value_or(Lanix::EthAddr());
+  const Lanix::EthAddr before = Pairs::takenBy(wayIn);
   if (before == sharedAddress_ && (before.isZero() || vlan.takingBridge == bridge.index)) return;
   Mox::Result<> result;
   if (!before.isZero() && before != sharedAddress_) result = pairs_.bridgeTakes(bridge, before, false);
-  if (result && before != sharedAddress_)
-    result =
-        pairs_.aliasIs(wayIn, sharedAddress_.isZero() ? "" : std::string(kTakes) + sharedAddress_.toStrep());
+  if (result && before != sharedAddress_) result = pairs_.takenIs(wayIn, sharedAddress_);
   if (result && !sharedAddress_.isZero()) result = pairs_.bridgeTakes(bridge, sharedAddress_, true);
   if (result) {
     vlan.takingBridge = bridge.index;
@@ -209,7 +197,7 @@ Datapath::Ports Datapath::portsOf(std::uint16_t id, const Vlan& vlan, const Netl
            "make it, or correct \"tunnelPorts\" of the VLAN in the configuration"});
       continue;
     }
-    ports[link->index] = PortRole::tunnel;
+    if (!trunks_.hasBridge(link->master)) ports[link->index] = PortRole::tunnel;
     if (link->master != bridge.index)
       standing.complaints.push_back({subject, "it is no port of bridge " + bridge.name,
                                      "ip link set " + name + " master " + bridge.name});
@@ -219,9 +207,7 @@ Datapath::Ports Datapath::portsOf(std::uint16_t id, const Vlan& vlan, const Netl
 
 void Datapath::portsAre(std::uint16_t id, Vlan& vlan, const Ports& ports, Standing& standing) {
   const auto complain = [&](const std::string& device, const Mox::Result<>& result) {
-    if (result) return;
-    standing.refused = standing.refused || result.number() != 0;
-    standing.complaints.push_back({vlanName(id) + ", port " + device, result.error(), {}});
+    standing.complain(vlanName(id) + ", port " + device, result);
   };
   // A frame that is trapped is kept from the tunnel ports, so these are first to come and last to go.
   for (const PortRole role : {PortRole::tunnel, PortRole::access, PortRole::own}) {
@@ -230,7 +216,7 @@ void Datapath::portsAre(std::uint16_t id, Vlan& vlan, const Ports& ports, Standi
       const Netlink::Link& link = *links_.find(ifIndex);
       const auto made = portIs(link, id, role);
       if (role == PortRole::tunnel) {
-        isGood(standing, made);
+        standing.check(made);
       } else {
         complain(link.name, made);
       }
@@ -254,7 +240,7 @@ Mox::Result<> Datapath::portIs(const Netlink::Link& link, std::uint16_t id, Port
     ports_[link.index] = {id, role};
     vlans_[id].ports.insert(link.index);
   }
-  if (auto attached = this->attached(hook, program); !attached) return attached;
+  if (auto attached = filters_.attachedIs(hook, programs_.loaded(program)); !attached) return attached;
   // What an earlier run may have left in the other direction, when the port had the other role.
   const Direction other = access ? Direction::egress : Direction::ingress;
   return fresh ? filters_.detach({link.index, other, link.name}) : Mox::Result<>();
@@ -271,6 +257,7 @@ Mox::Result<> Datapath::portDel(Netlink::IfIndex ifIndex) {
   if (auto gone = programs_.portDel(ifIndex); !gone) return gone;
   vlans_[port.vlan].ports.erase(ifIndex);
   ports_.erase(ifIndex);
+  if (link != nullptr) trunks_.linkChanged(*link);  // whose programs may have been there already
   return {};
 }
 

@@ -132,6 +132,12 @@ Mox::Result<bool> Filters::has(const Hook& hook, const LoadedProgram& program) {
          present->name == std::string(kPrefix) + program.name;
 }
 
+Mox::Result<> Filters::attachedIs(const Hook& hook, const LoadedProgram& program) {
+  const auto present = has(hook, program);
+  if (!present) return present.failure();
+  return *present ? Mox::Result<>() : attach(hook, program);
+}
+
 Mox::Result<> Filters::attach(const Hook& hook, const LoadedProgram& program) {
   if (!devices_.contains(hook.ifIndex)) {
     tcmsg qdisc{};

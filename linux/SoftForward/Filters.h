@@ -58,6 +58,8 @@ class Filters {
 
   // Whether just that program is attached, asking the kernel only if nothing is known.
   Mox::Result<bool> has(const Hook& hook, const LoadedProgram& program);
+  // Attaches it unless it is.
+  Mox::Result<> attachedIs(const Hook& hook, const LoadedProgram& program);
   // Attaches it in place of ours that is there. Fails when somebody else's filter is in our place.
   Mox::Result<> attach(const Hook& hook, const LoadedProgram& program);
   // No failure if the device or the filter is gone already.

@@ -1,6 +1,7 @@
 #include "SoftForward/Pairs.h"
 
 #include <fcntl.h>
+#include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
@@ -26,6 +27,9 @@ constexpr std::string_view kInnerSuffix = "-sw";
 constexpr std::string_view kWayIn = "fabin";
 constexpr std::string_view kPortSuffix = "-br";
 constexpr std::uint16_t kMaxVlan = 4094;
+constexpr std::string_view kTakes = "bridge takes ";
+// One request is not to hold up the event loop: the kernel takes some microseconds for a VLAN.
+constexpr std::size_t kVlansAtOnce = 256;
 
 ifinfomsg byIndex(Netlink::IfIndex index, std::uint32_t flagsOn = 0) {
   ifinfomsg header{};
@@ -61,20 +65,27 @@ PairNames wayInNames(std::uint16_t vlan) {
   return {outer, outer + std::string(kPortSuffix)};
 }
 
-std::optional<std::uint16_t> ownerOf(std::string_view name) {
+PairNames trunkWayInNames(Netlink::IfIndex bridge) {
+  const std::string outer = std::string(kWayIn) + "-" + std::to_string(bridge);
+  return {outer, outer + std::string(kPortSuffix)};
+}
+
+std::optional<Owner> ownerOf(std::string_view name) {
   for (const char* outer : {kSnoop, kInject, kFabric}) {
     if (name.starts_with(outer) &&
         (name.substr(std::strlen(outer)).empty() || name.substr(std::strlen(outer)) == kInnerSuffix))
-      return 0;
+      return Owner{};
   }
   if (!name.starts_with(kWayIn)) return std::nullopt;
   name.remove_prefix(kWayIn.size());
   if (name.ends_with(kPortSuffix)) name.remove_suffix(kPortSuffix.size());
-  std::uint16_t vlan = 0;
-  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), vlan);
+  const bool ofBridge = name.starts_with('-');
+  if (ofBridge) name.remove_prefix(1);
+  Owner owner{ofBridge ? Owner::Kind::bridge : Owner::Kind::vlan, 0};
+  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), owner.number);
   const bool whole = error == std::errc() && end == name.data() + name.size() && name[0] != '0';
-  if (!whole || vlan > kMaxVlan) return std::nullopt;
-  return vlan;
+  if (!whole || (!ofBridge && owner.number > kMaxVlan)) return std::nullopt;
+  return owner;
 }
 
 Mox::Result<std::optional<Pair>> Pairs::find(const PairNames& names) const {
@@ -208,24 +219,68 @@ Mox::Result<> Pairs::xdpIs(const Link& link, int program) {
   return attached ? readAgain(link) : attached;
 }
 
-Mox::Result<> Pairs::aliasIs(const Link& link, const std::string& text) {
-  Message message(RTM_SETLINK);
-  message.header(byIndex(link.index)).bytes(IFLA_IFALIAS, std::as_bytes(std::span(text)));
-  return named(link, "setting its alias", requests_.request(std::move(message)));
+Lanix::EthAddr Pairs::takenBy(const Link& wayIn) {
+  const std::string_view alias = wayIn.alias;
+  if (!alias.starts_with(kTakes)) return {};
+  return Lanix::EthAddr::fromStrep(alias.substr(kTakes.size())).value_or(Lanix::EthAddr());
 }
 
-Mox::Result<> Pairs::bridgeTakes(const Link& bridge, const Lanix::EthAddr& address, bool takes) {
+Mox::Result<> Pairs::takenIs(const Link& wayIn, const Lanix::EthAddr& address) {
+  const std::string text = address.isZero() ? "" : std::string(kTakes) + address.toStrep();
+  Message message(RTM_SETLINK);
+  message.header(byIndex(wayIn.index)).bytes(IFLA_IFALIAS, std::as_bytes(std::span(text)));
+  return named(wayIn, "setting its alias", requests_.request(std::move(message)));
+}
+
+Mox::Result<> Pairs::bridgeTakes(const Link& bridge, const Lanix::EthAddr& address, bool takes,
+                                 std::uint16_t vlan) {
   ndmsg header{};
   header.ndm_family = AF_BRIDGE;
   header.ndm_ifindex = static_cast<int>(bridge.index);
   header.ndm_state = NUD_PERMANENT;
   header.ndm_flags = NTF_SELF;
   Message message(takes ? RTM_NEWNEIGH : RTM_DELNEIGH, takes ? NLM_F_CREATE : 0);
-  const auto result = requests_.request(
-      std::move(message.header(header).bytes(NDA_LLADDR, std::as_bytes(std::span(address.bytes())))));
+  message.header(header).bytes(NDA_LLADDR, std::as_bytes(std::span(address.bytes())));
+  if (vlan != 0) message.u16(NDA_VLAN, vlan);
+  const auto result = requests_.request(std::move(message));
   if (!takes && (result.number() == ENOENT || result.number() == ENODEV)) return {};
   return named(bridge, takes ? "taking frames to the shared gateway MAC" : "leaving the shared gateway MAC",
                result);
+}
+
+Mox::Result<bool> Pairs::vlansAre(const Link& port, const Netlink::BridgeVlans& table,
+                                  const Netlink::VlanIds& wanted) {
+  Netlink::VlanIds good = table.carried & ~table.untagged;
+  if (table.pvid != 0) good.reset(table.pvid);
+  const Netlink::VlanIds extra = table.carried & ~wanted;
+  const Netlink::VlanIds missing = wanted & ~good;  // of these the flags may be wrong only
+  if (extra.none() && missing.none()) return true;
+  const bool takes = extra.any();
+  const Netlink::VlanIds& differing = takes ? extra : missing;
+  ifinfomsg header = byIndex(port.index);
+  header.ifi_family = AF_BRIDGE;
+  Message message(takes ? RTM_DELLINK : RTM_SETLINK);
+  message.header(header).nest(IFLA_AF_SPEC, [&](Message& table) {
+    std::size_t vlans = 0;
+    for (std::size_t first = 1; first < differing.size() && vlans < kVlansAtOnce; ++first) {
+      if (!differing[first]) continue;
+      std::size_t last = first;
+      while (last + 1 < differing.size() && differing[last + 1] && last - first + vlans < kVlansAtOnce)
+        ++last;
+      for (const std::size_t vlan : {first, last}) {
+        bridge_vlan_info info{0, static_cast<std::uint16_t>(vlan)};
+        if (first != last)
+          info.flags = vlan == first ? BRIDGE_VLAN_INFO_RANGE_BEGIN : BRIDGE_VLAN_INFO_RANGE_END;
+        table.bytes(IFLA_BRIDGE_VLAN_INFO, std::as_bytes(std::span(&info, 1)));
+        if (first == last) break;
+      }
+      vlans += last - first + 1;
+      first = last;
+    }
+  });
+  if (const auto written = named(port, "setting its VLANs", requests_.request(std::move(message))); !written)
+    return written.failure();
+  return false;
 }
 
 Mox::Result<> Pairs::del(const Link& end) {

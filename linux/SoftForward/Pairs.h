@@ -5,6 +5,7 @@
 //
 //   "arpsnoop", "arpinject", "fabric"   and "-sw": what the agent opens, and the end with the programs
 //   "fabin<VLAN>"                       and "-br": where frames are sent to, and a port of the VLAN's bridge
+//   "fabin-<bridge's index>"            and "-br": the same into a bridge that filters VLANs, a trunk of these
 //
 // Nothing is written that is already so. What is written is in the table of links once the kernel has told of
 // it; what it does not tell of a device that is down is read here. The requests are those of one rtnetlink
@@ -32,10 +33,16 @@ struct PairNames {
 };
 PairNames pairNames(const char* outer);
 PairNames wayInNames(std::uint16_t vlan);
+PairNames trunkWayInNames(Netlink::IfIndex bridge);
 
-// Whose end a name is: 0 for the three pairs of the agent, otherwise the VLAN of a way in; nothing when it is
-// no name of ours.
-std::optional<std::uint16_t> ownerOf(std::string_view name);
+// Whose pair it is: the agent's, or the way in of a VLAN or of a bridge that filters VLANs.
+struct Owner {
+  enum class Kind : std::uint8_t { agent, vlan, bridge } kind = Kind::agent;
+  std::uint32_t number = 0;  // the VLAN; the bridge's interface index
+  friend bool operator==(const Owner&, const Owner&) = default;
+};
+// Whose end a name is; nothing when it is no name of ours.
+std::optional<Owner> ownerOf(std::string_view name);
 
 // What a pair should be.
 struct PairSpec {
@@ -71,12 +78,19 @@ class Pairs {
   // The program behind the device's driver, in generic mode: that puts no bound on the MTU and works with
   // every driver. Replaces the one that is there.
   Mox::Result<> xdpIs(const Netlink::Link& link, int program);
-  // A note for the next run.
-  Mox::Result<> aliasIs(const Netlink::Link& link, const std::string& text);
 
   // Frames to this address, besides those to its own, are delivered to the bridge device itself, as after
-  // "bridge fdb add ADDRESS dev BRIDGE self permanent"; or no longer.
-  Mox::Result<> bridgeTakes(const Netlink::Link& bridge, const Lanix::EthAddr& address, bool takes);
+  // "bridge fdb add ADDRESS dev BRIDGE self permanent"; or no longer. `vlan` 0: on all VLANs that it has now.
+  Mox::Result<> bridgeTakes(const Netlink::Link& bridge, const Lanix::EthAddr& address, bool takes,
+                            std::uint16_t vlan = 0);
+  // What is noted at the way in: the address that its bridge was made to take; zero: none.
+  static Lanix::EthAddr takenBy(const Netlink::Link& wayIn);
+  Mox::Result<> takenIs(const Netlink::Link& wayIn, const Lanix::EthAddr& address);
+
+  // The port of a bridge that filters VLANs carries just these, with a tag, and takes no frame without one.
+  // Writes a few hundred of the differences, after which the table is to be read again; true: there were none.
+  Mox::Result<bool> vlansAre(const Netlink::Link& port, const Netlink::BridgeVlans& table,
+                             const Netlink::VlanIds& wanted);
 
   // Both ends of a pair go with one. No failure if it is gone already.
   Mox::Result<> del(const Netlink::Link& end);

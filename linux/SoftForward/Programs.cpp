@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "Mox/Assert.h"
 #include "SoftForward.skel.h"
@@ -47,6 +48,20 @@ int put(const bpf_map* map, std::uint32_t key, const Value& value) {
   return bpf_map__update_elem(map, &key, sizeof key, &value, sizeof value, BPF_ANY);
 }
 
+const bpf_program* programOf(const SoftForwardBpf& bpf, Program program) {
+  const auto& programs = bpf.progs;
+  const bpf_program* const all[] = {programs.access_ingress, programs.own_egress,   programs.tunnel_egress,
+                                    programs.trap_egress,    programs.inject_strip, programs.inject_ingress,
+                                    programs.fabric_ingress, programs.drop_all};
+  return all[static_cast<std::size_t>(program)];
+}
+
+// VLAN v is bit v % 64 of word v / 64.
+void words(const Netlink::VlanIds& vlans, std::span<__u64, SOFT_FORWARD_VLAN_WORDS> to) {
+  constexpr Netlink::VlanIds kWord{~0ULL};
+  for (std::size_t i = 0; i < to.size(); ++i) to[i] = (vlans >> i * 64 & kWord).to_ullong();
+}
+
 int erase(const bpf_map* map, std::uint32_t key) {
   const int result = bpf_map__delete_elem(map, &key, sizeof key, 0);
   return result == -ENOENT ? 0 : result;
@@ -63,6 +78,7 @@ Programs::Programs() = default;
 Programs::~Programs() = default;
 
 Mox::Result<> Programs::load() {
+  if (skeleton_ != nullptr) return {};
   auto skeleton = std::make_unique<Skeleton>();
   messages.clear();
   const libbpf_print_fn_t before = libbpf_set_print(&collect);
@@ -75,26 +91,22 @@ Mox::Result<> Programs::load() {
     std::ranges::replace(text, '\n', ' ');
     return Mox::Failure{text, number};
   }
-  skeleton_ = std::move(skeleton);
   for (std::size_t i = 0; i < ids_.size(); ++i) {
     bpf_prog_info info{};
     __u32 length = sizeof info;
-    const LoadedProgram program = loaded(static_cast<Program>(i));
-    if (const int result = bpf_obj_get_info_by_fd(program.descriptor, &info, &length); result < 0)
-      return Mox::Failure{std::string("eBPF program ") + program.name + ": " + std::strerror(-result),
-                          -result};
+    const bpf_program* program = programOf(*skeleton->bpf, static_cast<Program>(i));
+    if (const int result = bpf_obj_get_info_by_fd(bpf_program__fd(program), &info, &length); result < 0)
+      return Mox::Failure{
+          std::string("eBPF program ") + bpf_program__name(program) + ": " + std::strerror(-result), -result};
     ids_[i] = info.id;
   }
+  skeleton_ = std::move(skeleton);
   return {};
 }
 
 LoadedProgram Programs::loaded(Program program) const {
   MOX_ASSERT(kSource, "the programs are loaded", skeleton_ != nullptr);
-  const auto& programs = skeleton_->bpf->progs;
-  const bpf_program* const all[] = {programs.access_ingress, programs.own_egress,   programs.tunnel_egress,
-                                    programs.trap_egress,    programs.inject_strip, programs.inject_ingress,
-                                    programs.fabric_ingress, programs.drop_all};
-  const bpf_program* one = all[static_cast<std::size_t>(program)];
+  const bpf_program* one = programOf(*skeleton_->bpf, program);
   return {bpf_program__fd(one), ids_[static_cast<std::size_t>(program)], bpf_program__name(one)};
 }
 
@@ -126,6 +138,19 @@ Mox::Result<> Programs::portDel(std::uint32_t ifIndex) {
   return failed("ports", portKey(ifIndex), erase(skeleton_->bpf->maps.ports, ifIndex));
 }
 
+Mox::Result<> Programs::trunkIs(std::uint32_t ifIndex, const Trunk& trunk) {
+  SoftForwardTrunk value{};
+  words(trunk.trapped, value.trapped);
+  words(trunk.tunnel, value.tunnel);
+  value.pvid = trunk.pvid;
+  value.own = trunk.own ? 1 : 0;
+  return failed("trunks", portKey(ifIndex), put(skeleton_->bpf->maps.trunks, ifIndex, value));
+}
+
+Mox::Result<> Programs::trunkDel(std::uint32_t ifIndex) {
+  return failed("trunks", portKey(ifIndex), erase(skeleton_->bpf->maps.trunks, ifIndex));
+}
+
 Mox::Result<> Programs::activeVlanIs(std::uint16_t vlan, bool active) {
   const bpf_map* map = skeleton_->bpf->maps.active_vlans;
   return failed("active_vlans", vlanKey(vlan),
@@ -133,13 +158,15 @@ Mox::Result<> Programs::activeVlanIs(std::uint16_t vlan, bool active) {
 }
 
 Mox::Result<> Programs::vlanPathsIs(std::uint16_t vlan, const VlanPaths& paths) {
-  MOX_ASSERT(kSource, "tunnelPorts.size() <= SOFT_FORWARD_MAX_TUNNEL_PORTS",
-             paths.tunnelPorts.size() <= SOFT_FORWARD_MAX_TUNNEL_PORTS);
+  const std::size_t ports = paths.tunnelPorts.size() + paths.taggedTunnelPorts.size();
+  MOX_ASSERT(kSource, "at most SOFT_FORWARD_MAX_TUNNEL_PORTS", ports <= SOFT_FORWARD_MAX_TUNNEL_PORTS);
   SoftForwardVlanPaths value{};
   value.wayIn = paths.wayIn;
+  value.wayInTagged = paths.wayInTagged ? 1 : 0;
   value.bridge = paths.bridge;
-  value.tunnelPorts = static_cast<__u32>(paths.tunnelPorts.size());
-  std::ranges::copy(paths.tunnelPorts, value.tunnelPort);
+  value.tunnelPorts = static_cast<__u32>(ports);
+  value.untagged = static_cast<__u32>(paths.tunnelPorts.size());
+  std::ranges::copy(paths.taggedTunnelPorts, std::ranges::copy(paths.tunnelPorts, value.tunnelPort).out);
   return failed("vlan_paths", vlanKey(vlan), put(skeleton_->bpf->maps.vlan_paths, vlan, value));
 }
 

@@ -13,6 +13,7 @@
 
 #include "Lanix/EthAddr.h"
 #include "Mox/Result.h"
+#include "Netlink/Route.h"
 
 namespace SoftForward {
 
@@ -37,10 +38,22 @@ struct LoadedProgram {
 // `own` is the bridge device as far as it sends.
 enum class PortRole : std::uint8_t { access, tunnel, own };
 
+// What a port of a bridge that filters VLANs is, VLAN by VLAN; or the bridge itself, as far as it sends.
+struct Trunk {
+  Netlink::VlanIds trapped;  // it is an access port of these
+  Netlink::VlanIds tunnel;
+  std::uint16_t pvid = 0;  // the VLAN of frames without a tag; 0: none
+  bool own = false;        // the bridge itself
+  friend bool operator==(const Trunk&, const Trunk&) = default;
+};
+
 // Where the agent's frames of a VLAN go, by interface index.
 struct VlanPaths {
-  std::uint32_t wayIn = 0;                 // 0: none
-  std::vector<std::uint32_t> tunnelPorts;  // at most SOFT_FORWARD_MAX_TUNNEL_PORTS
+  std::uint32_t wayIn = 0;  // 0: none
+  bool wayInTagged = false;
+  // At most SOFT_FORWARD_MAX_TUNNEL_PORTS together.
+  std::vector<std::uint32_t> tunnelPorts;
+  std::vector<std::uint32_t> taggedTunnelPorts;
   std::uint32_t bridge = 0;
   friend bool operator==(const VlanPaths&, const VlanPaths&) = default;
 };
@@ -63,7 +76,8 @@ class Programs {
   Programs(const Programs&) = delete;
   Programs& operator=(const Programs&) = delete;
 
-  // Once, before everything else. What libbpf has to say about a refused program is part of the failure.
+  // Before everything else; nothing when they are loaded already. What libbpf has to say about a refused program
+  // is part of the failure. Takes some 10 to 30 ms.
   Mox::Result<> load();
 
   LoadedProgram loaded(Program program) const;
@@ -73,6 +87,9 @@ class Programs {
   Mox::Result<> passedAddressIs(const Lanix::EthAddr& address);
   Mox::Result<> portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role);
   Mox::Result<> portDel(std::uint32_t ifIndex);
+  // A frame sees all of the old or all of the new. A device is a port or a trunk, not both.
+  Mox::Result<> trunkIs(std::uint32_t ifIndex, const Trunk& trunk);
+  Mox::Result<> trunkDel(std::uint32_t ifIndex);
   Mox::Result<> activeVlanIs(std::uint16_t vlan, bool active);
   // A frame sees the old set or the new one, nothing between.
   Mox::Result<> vlanPathsIs(std::uint16_t vlan, const VlanPaths& paths);

@@ -38,6 +38,8 @@
 #define SOFT_FORWARD_MAX_TUNNEL_PORTS 32
 #define SOFT_FORWARD_MAX_VLANS 4096
 #define SOFT_FORWARD_MAX_PORTS 16384
+#define SOFT_FORWARD_MAX_TRUNKS 4096
+#define SOFT_FORWARD_VLAN_WORDS 64  // of 64 bits: one for each VLAN
 
 enum SoftForwardRole {
   SOFT_FORWARD_ROLE_ACCESS = 1,
@@ -45,11 +47,23 @@ enum SoftForwardRole {
   SOFT_FORWARD_ROLE_OWN = 3,  // the bridge itself, as far as it sends
 };
 
-// Map "ports": what a bridge port is, by interface index (__u32).
+// Map "ports": what a port of a bridge that is one VLAN is, by interface index (__u32). Its frames are those
+// without a tag, or with a priority's; what carries another tag is none of the VLAN's.
 struct SoftForwardPort {
   __u16 vlan;
   __u8 role;  // SoftForwardRole
   __u8 zero;
+};
+
+// Map "trunks": what a port of a bridge that filters VLANs is, by interface index (__u32); it is not in "ports".
+// A frame's VLAN is that of its tag; without one, or with a priority's, it is `pvid`. In the sets VLAN v is bit
+// v % 64 of word v / 64. A VLAN in neither is not carried by the port, or none of ours: its frames pass.
+struct SoftForwardTrunk {
+  __u64 trapped[SOFT_FORWARD_VLAN_WORDS];  // VLANs of which the port is an access port; that the bridge sends
+  __u64 tunnel[SOFT_FORWARD_VLAN_WORDS];   // VLANs of which the port is a tunnel port
+  __u16 pvid;                              // 0: none
+  __u8 own;                                // 1: the bridge itself, as far as it sends
+  __u8 zero[5];
 };
 
 // Map "active_vlans": the VLANs (__u32) on which suppression is active. A VLAN that is absent has its frames
@@ -62,7 +76,10 @@ struct SoftForwardActiveVlan {
 // Map "vlan_paths": where frames of the agent go, by VLAN (__u32).
 struct SoftForwardVlanPaths {
   __u32 wayIn;        // interface index of the device that leads into the bridge; 0: none
+  __u32 wayInTagged;  // 1: frames go there with the VLAN's tag
   __u32 tunnelPorts;  // how many of the indexes below are there
+  __u32
+      untagged;  // the first so many of them get frames as the agent wrote them, the rest with the VLAN's tag
   __u32 tunnelPort[SOFT_FORWARD_MAX_TUNNEL_PORTS];
   __u32 bridge;  // interface index; for what it sends itself, which no port received
 };
@@ -95,7 +112,8 @@ struct SoftForwardInjectMeta {
 #ifdef __cplusplus
 static_assert(sizeof(SoftForwardPort) == 4);
 static_assert(sizeof(SoftForwardActiveVlan) == 8);
-static_assert(sizeof(SoftForwardVlanPaths) == 12 + 4 * SOFT_FORWARD_MAX_TUNNEL_PORTS);
+static_assert(sizeof(SoftForwardTrunk) == 2 * 512 + 8);
+static_assert(sizeof(SoftForwardVlanPaths) == 20 + 4 * SOFT_FORWARD_MAX_TUNNEL_PORTS);
 static_assert(sizeof(SoftForwardSettings) == 12);
 static_assert(sizeof(SoftForwardInjectMeta) == 8);
 #endif

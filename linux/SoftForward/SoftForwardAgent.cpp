@@ -7,6 +7,12 @@ constexpr char kBridgingConfigPath[] = "bridging/config";
 constexpr char kVrMacPath[] = "routing/fhrp/vrMacStatus";
 }  // namespace
 
+SoftForwardAgent::SoftForwardAgent(Mox::String name) : AgentBase(std::move(name)) {
+  // Takes longer than a turn of the event loop may, so it is done before the first. Should it fail, the reactor
+  // tries again, and reports it.
+  static_cast<void>(programs_.load());
+}
+
 void SoftForwardAgent::doInit() {
   const Mox::Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
@@ -25,7 +31,7 @@ void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Sta
       required(tree->mount("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", "r")));
   if (!switchConfig || !forwarding) return;
   softForwardSm_ =
-      Mox::make<SoftForwardSm>(taskSchedulerRoot()->scheduler(), switchConfig, status,
+      Mox::make<SoftForwardSm>(taskSchedulerRoot()->scheduler(), programs_, switchConfig, status,
                                tree->entityOf<const Bridging::Config>(kBridgingConfigPath),
                                tree->entityOf<const Routing::Fhrp::VirtualRouterMacStatus>(kVrMacPath),
                                forwarding, tree->entityOf<Switch::Problems>(Switch::kProblemsPath));

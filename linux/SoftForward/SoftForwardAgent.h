@@ -8,12 +8,13 @@ namespace SoftForward {
 
 class SoftForwardAgent final : public Plugin::AgentBase {
  public:
-  explicit SoftForwardAgent(Mox::String name) : AgentBase(std::move(name)) {}
+  explicit SoftForwardAgent(Mox::String name);
   void doInit() override;
   void doMountsComplete(Statedb::MountStatus status,
                         const Mox::Ptr<Statedb::EntityManager>& entityManager) override;
 
  private:
+  Programs programs_;
   Mox::Ptr<SoftForwardSm> softForwardSm_;
 };
 

@@ -13,12 +13,13 @@ constexpr double kRetrySeconds = 3;
 // What is on its way gets this many seconds before it counts as a problem.
 constexpr double kGraceSeconds = 1;
 constexpr unsigned kLevel = 3;
+constexpr unsigned kMostUrgent = 0;
 
 constexpr char kArpService[] = "ArpService";
 
 }  // namespace
 
-SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
+SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Programs& programs,
                              Mox::Ptr<const Switch::Config> switchConfig,
                              Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus,
                              Mox::Ptr<const Bridging::Config> bridgingConfig,
@@ -32,11 +33,13 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
       forwarding_(std::move(forwarding)),
       problems_(std::move(problems), "SoftForward"),
       ownTrapped_(std::ranges::count(switchConfig_->agents(), kArpService) != 0),
-      datapath_([this](std::uint16_t id, const Standing& standing) { handleLooked(id, standing); }),
-      again_(scheduler, "SoftForward again", kLevel, [this] {
-        datapath_.againIs();
-        scheduleWalk();
-      }) {
+      datapath_(programs, [this](std::uint16_t id, const Standing& standing) { handleLooked(id, standing); }),
+      again_(scheduler, "SoftForward again", kLevel,
+             [this] {
+               datapath_.againIs();
+               scheduleWalk();
+             }),
+      followVlans_(scheduler, "SoftForward VLANs", kMostUrgent, [this] { followVlans(); }) {
   arpSuppressionStatus_.on(ArpSuppression::ArpSuppressionStatus::vlanIdChanged,
                            [this](Bridging::VlanId vlanId) { handleVlanId(vlanId); });
   bridgingConfig_.on(Bridging::Config::bridgeMacAddrChanged, [this] { handleAddresses(); });
@@ -52,7 +55,8 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
 }
 
 SoftForwardSm::~SoftForwardSm() {
-  if (descriptor_) descriptor_->descriptorIs(-1);
+  for (auto* descriptor : {&descriptor_, &vlanDescriptor_})
+    if (*descriptor) (*descriptor)->descriptorIs(-1);
   if (open_) problems_.check("removing the devices and programs", datapath_.close());
   forwarding_->vlanDelAll();
 }
@@ -63,17 +67,28 @@ bool SoftForwardSm::open() {
     again_.schedule(kRetrySeconds);
     return false;
   }
-  const auto descriptor = Mox::make<Orb::FileDescriptor>(scheduler()->loop(), "SoftForward");
-  descriptor->descriptorIs(datapath_.descriptor());
-  descriptor_.on(Orb::FileDescriptor::readableCountChanged, [this] { scheduleWalk(kSettleSeconds); });
-  descriptor_.notifierIs(descriptor);
-  descriptor->notifyOnReadableIs(true);
+  const auto follow = [this](Mox::Notifiee<Orb::FileDescriptor>& notifiee, int number, auto handler) {
+    const auto descriptor = Mox::make<Orb::FileDescriptor>(scheduler()->loop(), "SoftForward");
+    descriptor->descriptorIs(number);
+    notifiee.on(Orb::FileDescriptor::readableCountChanged, handler);
+    notifiee.notifierIs(descriptor);
+    descriptor->notifyOnReadableIs(true);
+  };
+  follow(descriptor_, datapath_.descriptor(), [this] { scheduleWalk(kSettleSeconds); });
+  follow(vlanDescriptor_, datapath_.vlanDescriptor(), [this] { followVlans_.schedule(); });
   return true;
+}
+
+void SoftForwardSm::followVlans() {
+  bool more = true;
+  while (more && !mustYield()) more = datapath_.followVlans();
+  if (more) return followVlans_.schedule();
+  scheduleWalk();
 }
 
 Orb::WalkRet SoftForwardSm::walk() {
   Orb::WalkRet ret;
-  if (!open_) {  // loading the programs is a slice of its own
+  if (!open_) {
     ret.moreWork = open();
     return ret;
   }
@@ -127,8 +142,8 @@ void SoftForwardSm::handleLooked(std::uint16_t id, const Standing& standing) {
     vlan->reasonIs(standing.reason);
     vlan->readyIs(standing.ready);
   }
-  // What all VLANs share is reported once.
-  report(id, standing, toReport && sharedReady_);
+  // What all VLANs share, or several, is reported once.
+  report(id, standing, toReport && sharedReady_ && !standing.toldElsewhere);
 }
 
 void SoftForwardSm::report(std::uint16_t id, const Standing& standing, bool main) {

@@ -29,12 +29,14 @@ namespace SoftForward {
 // bridge floods what is for an address that it does not know, and hands none of it to its own device.
 //
 // The walk does what the data path has to do, one VLAN after the other, and rests as soon as that has nothing
-// left. Its outcome is published for each VLAN; what is wrong is reported once, and tried again every few
+// left. Only the VLANs of a bridge's port are followed at once: until the programs know that a port has another
+// one, its frames are taken for the wrong VLAN's. The outcome is published for each VLAN; what is wrong is reported once, and tried again every few
 // seconds where the kernel refused.
 class SoftForwardSm final : public Orb::WalkSmBase {
  public:
-  // `problems` may be null.
-  SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Mox::Ptr<const Switch::Config> switchConfig,
+  // `programs` are loaded here unless they are already; they outlive the reactor. `problems` may be null.
+  SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Programs& programs,
+                Mox::Ptr<const Switch::Config> switchConfig,
                 Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus,
                 Mox::Ptr<const Bridging::Config> bridgingConfig,
                 Mox::Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
@@ -49,6 +51,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   void walkFinishedNotification() override;
 
   bool open();
+  void followVlans();
   void handleAddresses();
   void handleVlanId(Bridging::VlanId vlanId);
   void handleLooked(std::uint16_t id, const Standing& standing);
@@ -65,10 +68,12 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   bool open_ = false;
   Datapath datapath_;
   Mox::Notifiee<Orb::FileDescriptor> descriptor_;
+  Mox::Notifiee<Orb::FileDescriptor> vlanDescriptor_;
   bool sharedReady_ = false;
   std::map<std::uint16_t, double> notReadySince_;
   std::map<std::uint16_t, std::set<std::string>> reported_;  // the subjects, by VLAN
   Orb::Task again_;
+  Orb::Task followVlans_;
 };
 
 }  // namespace SoftForward

@@ -9,7 +9,7 @@
 //   trap_egress     tc egress of the trap peer       puts the trap header into the copy
 //   inject_strip    XDP of the inject peer           takes the trap header off
 //   inject_ingress  tc ingress of the inject peer    sends the frame out of the tunnel ports
-//   fabric_ingress  tc ingress of the fabric peer    takes the tag off and hands the frame to the bridge
+//   fabric_ingress  tc ingress of the fabric peer    hands the frame to the VLAN's bridge
 //   drop_all        the other directions of the peers, and the host's side of the ways into the bridges
 //
 // The programs on ports answer TC_ACT_UNSPEC for what they let pass, so that filters of others behind them
@@ -62,6 +62,14 @@ struct {
   __type(key, __u32);
   __type(value, struct SoftForwardPort);
 } ports SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, SOFT_FORWARD_MAX_TRUNKS);
+  __uint(map_flags, BPF_F_NO_PREALLOC);
+  __type(key, __u32);
+  __type(value, struct SoftForwardTrunk);
+} trunks SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_HASH);
@@ -123,20 +131,36 @@ static __always_inline bool isSame(const __u8* address, const __u8* other) {
   return difference == 0;
 }
 
+static __always_inline bool holds(const __u64* set, __u32 vlan) {
+  return set[(vlan >> 6) & (SOFT_FORWARD_VLAN_WORDS - 1)] >> (vlan & 63) & 1;
+}
+
+// The VLAN of a frame on a device with that role; 0: none of ours, or one that the device does not carry.
+static __always_inline __u32 vlanOf(const struct __sk_buff* skb, __u8 role) {
+  // The kernel took a tag off the frame and keeps it beside. What it keeps is stale unless it says so.
+  __u32 tag = 0;
+  if (skb->vlan_present) {
+    if (skb->vlan_proto != bpf_htons(ETH_P_8021Q)) return 0;
+    tag = skb->vlan_tci & SOFT_FORWARD_VLAN_MASK;  // 0: only a priority
+  }
+  __u32 ifIndex = skb->ifindex;
+  const struct SoftForwardPort* port = bpf_map_lookup_elem(&ports, &ifIndex);
+  if (port) return port->role == role && tag == 0 ? port->vlan : 0;
+  const struct SoftForwardTrunk* trunk = bpf_map_lookup_elem(&trunks, &ifIndex);
+  if (!trunk || trunk->own != (role == SOFT_FORWARD_ROLE_OWN)) return 0;
+  const __u32 vlan = tag ? tag : trunk->pvid;
+  return holds(trunk->trapped, vlan) ? vlan : 0;
+}
+
 static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
-  // A tag that the device took off is beside the frame: what is tagged is not this VLAN's, unless the tag
-  // gives a priority and no VLAN.
   if (skb->protocol != bpf_htons(ETH_P_ARP)) return TC_ACT_UNSPEC;
-  if (skb->vlan_present && (skb->vlan_tci & SOFT_FORWARD_VLAN_MASK) != 0) return TC_ACT_UNSPEC;
   if (skb->len > SOFT_FORWARD_MAX_FRAME) return TC_ACT_UNSPEC;
   struct ArpFrame frame;
   if (bpf_skb_load_bytes(skb, 0, &frame, sizeof frame) < 0) return TC_ACT_UNSPEC;
   if (!isBroadcast(frame.destination) || !isIpv4Arp(&frame)) return TC_ACT_UNSPEC;
 
-  __u32 ifIndex = skb->ifindex;
-  const struct SoftForwardPort* port = bpf_map_lookup_elem(&ports, &ifIndex);
-  if (!port || port->role != role) return TC_ACT_UNSPEC;
-  __u32 vlan = port->vlan;
+  __u32 vlan = vlanOf(skb, role);
+  if (vlan == 0) return TC_ACT_UNSPEC;
   const struct SoftForwardActiveVlan* activeVlan = bpf_map_lookup_elem(&active_vlans, &vlan);
   if (!activeVlan || !activeVlan->active) return TC_ACT_UNSPEC;
   __u32 zero = 0;
@@ -172,7 +196,10 @@ int tunnel_egress(struct __sk_buff* skb) {
   if (!isMarked(skb) || skb->protocol != bpf_htons(ETH_P_ARP)) return TC_ACT_UNSPEC;
   __u32 ifIndex = skb->ifindex;
   const struct SoftForwardPort* port = bpf_map_lookup_elem(&ports, &ifIndex);
-  if (!port || port->role != SOFT_FORWARD_ROLE_TUNNEL) return TC_ACT_UNSPEC;
+  const struct SoftForwardTrunk* trunk = port ? 0 : bpf_map_lookup_elem(&trunks, &ifIndex);
+  const bool isTunnel = port ? port->role == SOFT_FORWARD_ROLE_TUNNEL
+                             : trunk && holds(trunk->tunnel, skb->mark & SOFT_FORWARD_VLAN_MASK);
+  if (!isTunnel) return TC_ACT_UNSPEC;
   count(SOFT_FORWARD_TUNNEL_DROPPED);
   return TC_ACT_SHOT;
 }
@@ -180,7 +207,7 @@ int tunnel_egress(struct __sk_buff* skb) {
 SEC("tc")
 int trap_egress(struct __sk_buff* skb) {
   if (!isMarked(skb)) return unexpected();
-  if (skb->vlan_present && bpf_skb_vlan_pop(skb) < 0) return unexpected();  // a priority's
+  if (skb->vlan_present && bpf_skb_vlan_pop(skb) < 0) return unexpected();
   __u32 vlan = skb->mark & SOFT_FORWARD_VLAN_MASK;
   __u32 from = skb->ingress_ifindex;
   if (from == 0) {
@@ -243,6 +270,7 @@ int inject_ingress(struct __sk_buff* skb) {
   skb->mark = 0;  // whatever the sender's socket put there: a marked frame would not get out
   for (__u32 i = 0; i < SOFT_FORWARD_MAX_TUNNEL_PORTS; ++i) {
     if (i >= paths->tunnelPorts) break;
+    if (i == paths->untagged && bpf_skb_vlan_push(skb, bpf_htons(ETH_P_8021Q), (__u16)vlan) < 0) return unexpected();
     if (bpf_clone_redirect(skb, paths->tunnelPort[i], 0) != 0) count(SOFT_FORWARD_INJECT_SEND_FAILED);
   }
   count(SOFT_FORWARD_INJECTED);
@@ -266,11 +294,14 @@ int fabric_ingress(struct __sk_buff* skb) {
   const struct SoftForwardVlanPaths* paths = bpf_map_lookup_elem(&vlan_paths, &vlan);
   if (!paths || !paths->wayIn) return unexpected();
   const __u32 wayIn = paths->wayIn;
+  const __u32 tagged = paths->wayInTagged;
 
   if (bpf_skb_vlan_pop(skb) < 0 || skb->vlan_present) return unexpected();
   struct ArpFrame frame;
   if (bpf_skb_load_bytes(skb, 0, &frame, sizeof frame) < 0) return unexpected();
   if (!isIpv4Arp(&frame)) return unexpected();
+
+  if (tagged && bpf_skb_vlan_push(skb, bpf_htons(ETH_P_8021Q), (__u16)vlan) < 0) return unexpected();
 
   // An answer is for a host of this switch. Should the bridge have forgotten where that host is and flood the
   // frame, the mark keeps it from the overlay.

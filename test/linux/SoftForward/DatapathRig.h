@@ -64,7 +64,9 @@ class DatapathTest : public testing::Test {
 
   // As after a start of the process.
   void openDatapath() {
-    datapath_.emplace([this](std::uint16_t vlan, const Standing& standing) {
+    datapath_.reset();
+    programs_.emplace();
+    datapath_.emplace(*programs_, [this](std::uint16_t vlan, const Standing& standing) {
       standings_[vlan] = standing;
       ++looks_[vlan];
     });
@@ -196,6 +198,7 @@ class DatapathTest : public testing::Test {
   std::optional<Lab::PacketSocket> snoop_;
   std::map<std::uint16_t, Standing> standings_;
   std::map<std::uint16_t, int> looks_;
+  std::optional<Programs> programs_;
   std::optional<Datapath> datapath_;
   std::uint8_t sentinels_ = 0;
 };

@@ -252,7 +252,7 @@ TEST_F(ProgramsTest, TheInjectPeerTakesTheHeaderOff) {
 
 // The tag is inside the frame here; on a real device the kernel takes it off first.
 TEST_F(ProgramsTest, TheFabricPeerTakesTheTagOff) {
-  ASSERT_TRUE(programs_.vlanPathsIs(kVlan, {kLoopback, {}, 0}));
+  ASSERT_TRUE(programs_.vlanPathsIs(kVlan, {kLoopback, false, {}, {}, 0}));
   ASSERT_TRUE(programs_.vlanPathsIs(kVlan + 1, {}));
   Lab::Arp arp = kRequest;
   arp.operation = 2;

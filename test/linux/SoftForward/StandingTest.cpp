@@ -310,12 +310,14 @@ TEST_F(StandingTest, LeavesWhatIsOthersAlone) {
 }
 
 TEST(DatapathNames, OwnDevices) {
+  using Kind = Owner::Kind;
   for (const char* name : {"arpsnoop", "arpsnoop-sw", "arpinject", "fabric-sw"})
-    EXPECT_EQ(ownerOf(name), Datapath::kShared) << name;
-  EXPECT_EQ(ownerOf("fabin1"), 1);
-  EXPECT_EQ(ownerOf("fabin4094-br"), 4094);
-  for (const char* name :
-       {"", "fabin", "fabin0", "fabin01", "fabin4095", "fabin10-sw", "fabinx", "fabric1", "vlan10"})
+    EXPECT_EQ(ownerOf(name), Owner{}) << name;
+  EXPECT_EQ(ownerOf("fabin1"), (Owner{Kind::vlan, 1}));
+  EXPECT_EQ(ownerOf("fabin4094-br"), (Owner{Kind::vlan, 4094}));
+  EXPECT_EQ(ownerOf("fabin-4095-br"), (Owner{Kind::bridge, 4095}));
+  for (const char* name : {"", "fabin", "fabin0", "fabin01", "fabin4095", "fabin10-sw", "fabinx", "fabric1",
+                           "vlan10", "fabin-", "fabin--1", "fabin-07", "fabin-7-sw"})
     EXPECT_EQ(ownerOf(name), std::nullopt) << name;
 }
 

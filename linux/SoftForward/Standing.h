@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Mox/Result.h"
+
+namespace SoftForward {
+
+// Something wrong, in an operator's words.
+struct Complaint {
+  std::string subject;
+  std::string problem;
+  std::string advice;
+};
+
+// How the way of a VLAN, or the devices that all of them share, stand.
+struct Standing {
+  bool ready = false;
+  std::string reason;  // why not; "" when ready
+  std::string advice;
+  bool passing = false;  // what is missing was just asked for, and the kernel has yet to tell of it
+  bool refused = false;  // the kernel refused something: to be tried again
+  // The reason is that of several VLANs, and another one's standing tells of it.
+  bool toldElsewhere = false;
+  std::vector<Complaint> complaints;  // what is wrong besides
+
+  // The first reason stands.
+  void because(const std::string& why, bool itPasses = false) {
+    if (!reason.empty()) return;
+    reason = why;
+    passing = itPasses;
+  }
+  // Whether it succeeded; otherwise that is a reason.
+  bool check(const Mox::Result<>& result) {
+    if (result) return true;
+    refused = refused || result.number() != 0;
+    because(result.error());
+    return false;
+  }
+  void complain(const std::string& subject, const Mox::Result<>& result) {
+    if (result) return;
+    refused = refused || result.number() != 0;
+    complaints.push_back({subject, result.error(), {}});
+  }
+};
+
+inline std::string vlanName(std::uint16_t vlan) { return "VLAN " + std::to_string(vlan); }
+
+}  // namespace SoftForward
