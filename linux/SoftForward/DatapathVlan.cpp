@@ -87,11 +87,12 @@ void Datapath::lookTrunk(std::uint16_t id, Vlan& vlan, const Netlink::Link& brid
   const auto plain = pairs_.find(wayInNames(id));
   if (!vlan.ports.empty() || (plain && *plain)) {
     const Lanix::EthAddr taken = plain && *plain ? Pairs::takenBy((*plain)->outer) : Lanix::EthAddr();
-    if (!taken.isZero())
+    if (!taken.isZero()) {
       standing.complain(vlanName(id) + ", shared gateway MAC", pairs_.bridgeTakes(bridge, taken, false));
+      trunks_.sharedAddressLost(bridge.index);
+    }
     withdraw(id, vlan, standing);
     if (plain && *plain) standing.complain(vlanName(id) + ", its way in", pairs_.del((*plain)->outer));
-    trunks_.linkChanged(bridge);
     dirty_.insert(id);
     return standing.because("bridge " + bridge.name + " filters VLANs now", true);
   }

@@ -70,6 +70,13 @@ void Trunks::filterChanged(IfIndex ifIndex) {
   if (ports_.contains(ifIndex)) dirtyPorts_.insert(ifIndex);
 }
 
+void Trunks::sharedAddressLost(IfIndex bridge) {
+  const auto known = bridges_.find(bridge);
+  if (known == bridges_.end()) return;
+  known->second.taking.reset();
+  dirtyBridges_.insert(bridge);
+}
+
 void Trunks::allChanged() {
   for (const auto& [index, link] : links_.links())
     if (isServed(link)) dirtyBridges_.insert(index);

@@ -50,6 +50,7 @@ class Trunks {
   void linkChanged(const Netlink::Link& link);
   void linkGone(const Netlink::Link& link);
   void filterChanged(Netlink::IfIndex ifIndex);
+  void sharedAddressLost(Netlink::IfIndex bridge);  // the bridge was made not to take it
   void allChanged();
 
   // Takes some notifications; whether there may be more.
