@@ -362,7 +362,8 @@ void Datapath::findStale() {
 Mox::Result<> Datapath::staleDel(Netlink::IfIndex ifIndex) {
   const Netlink::Link* link = links_.find(ifIndex);
   if (link == nullptr) return {};
-  if (ownerOf(link->name)) return pairs_.del(*link);
+  if (const auto owner = ownerOf(link->name))
+    return owner->kind == Owner::Kind::bridge ? trunks_.wayInDel(owner->number) : pairs_.del(*link);
   if (hasPort(ifIndex)) return {};
   for (const Direction direction : {Direction::ingress, Direction::egress}) {
     if (auto gone = filters_.detach({ifIndex, direction, link->name}); !gone) return gone;

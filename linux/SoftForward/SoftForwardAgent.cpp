@@ -3,6 +3,7 @@
 namespace SoftForward {
 
 namespace {
+constexpr char kStatusPath[] = "arpSuppression/status";
 constexpr char kBridgingConfigPath[] = "bridging/config";
 constexpr char kVrMacPath[] = "routing/fhrp/vrMacStatus";
 }  // namespace
@@ -24,12 +25,18 @@ void SoftForwardAgent::doInit() {
 }
 
 void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Statedb::EntityManager>& tree) {
-  const auto switchConfig = tree->entityOf<const Switch::Config>(Switch::kConfigPath);
-  const auto forwarding = tree->entityOf<Switch::Forwarding>(Switch::kForwardingPath);
+  const auto found = []<class E>(Mox::Ptr<E> entity, const char* path) {
+    using Found = Mox::Result<Mox::Ptr<E>>;
+    return required(entity ? Found(entity) : Found(Mox::Failure{std::string(path) + " is of another type"}));
+  };
+  const auto switchConfig =
+      found(tree->entityOf<const Switch::Config>(Switch::kConfigPath), Switch::kConfigPath);
+  const auto forwarding =
+      found(tree->entityOf<Switch::Forwarding>(Switch::kForwardingPath), Switch::kForwardingPath);
   // Whoever publishes the status finds this entity, if it is not there already.
-  const auto status = Mox::dynamicPtrCast<const ArpSuppression::ArpSuppressionStatus>(
-      required(tree->mount("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", "r")));
-  if (!switchConfig || !forwarding) return;
+  const auto status = found(Mox::dynamicPtrCast<const ArpSuppression::ArpSuppressionStatus>(required(
+                                tree->mount(kStatusPath, "ArpSuppression::ArpSuppressionStatus", "r"))),
+                            kStatusPath);
   softForwardSm_ =
       Mox::make<SoftForwardSm>(taskSchedulerRoot()->scheduler(), programs_, switchConfig, status,
                                tree->entityOf<const Bridging::Config>(kBridgingConfigPath),

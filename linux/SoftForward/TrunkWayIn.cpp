@@ -44,14 +44,7 @@ void Trunks::lookBridge(IfIndex index) {
 
 // The bridge has gone, filters no longer, or none of its VLANs is configured.
 void Trunks::bridgeDel(IfIndex index) {
-  const auto pair = pairs_.find(trunkWayInNames(index));
-  const Link* link = links_.find(index);
-  const auto note = [&](const Mox::Result<>& result) { refused(result, index); };
-  if (pair && *pair) {
-    const Lanix::EthAddr taken = Pairs::takenBy((*pair)->outer);
-    if (link != nullptr && !taken.isZero()) note(pairs_.bridgeTakes(*link, taken, false));
-    note(pairs_.del((*pair)->outer));
-  }
+  refused(wayInDel(index), index);
   const auto known = bridges_.extract(index);
   if (known.empty()) return;
   for (const auto& [port, state] : ports_)
@@ -125,16 +118,26 @@ void Trunks::sharedAddressIn(const Link& link, Bridge& bridge) {
   }
 }
 
+Mox::Result<> Trunks::sharedAddressBack(IfIndex index) {
+  const auto pair = pairs_.find(trunkWayInNames(index));
+  const Link* link = links_.find(index);
+  if (link == nullptr || !pair || !*pair) return {};
+  const Lanix::EthAddr taken = Pairs::takenBy((*pair)->outer);
+  return taken.isZero() ? Mox::Result<>() : pairs_.bridgeTakes(*link, taken, false);
+}
+
+Mox::Result<> Trunks::wayInDel(IfIndex index) {
+  auto done = sharedAddressBack(index);
+  const auto pair = pairs_.find(trunkWayInNames(index));
+  if (!pair || !*pair) return done;
+  const auto gone = pairs_.del((*pair)->outer);
+  return done ? gone : done;
+}
+
 Mox::Result<> Trunks::close() {
   Mox::Result<> failed;
-  for (const auto& [index, bridge] : bridges_) {
-    const auto pair = pairs_.find(trunkWayInNames(index));
-    const Link* link = links_.find(index);
-    if (link == nullptr || !pair || !*pair) continue;
-    const Lanix::EthAddr taken = Pairs::takenBy((*pair)->outer);
-    if (taken.isZero()) continue;
-    if (const auto given = pairs_.bridgeTakes(*link, taken, false); !given && failed) failed = given;
-  }
+  for (const auto& [index, bridge] : bridges_)
+    if (const auto given = sharedAddressBack(index); !given && failed) failed = given;
   return failed;
 }
 

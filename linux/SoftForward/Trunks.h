@@ -70,7 +70,9 @@ class Trunks {
   VlanPaths pathsOf(std::uint16_t vlan, const std::vector<std::string>& tunnelPorts,
                     const Netlink::Link& bridge, Standing& standing) const;
 
-  // Gives the shared address back. Ports and ways in are removed with all others.
+  // Removes the way in, and has the bridge not take the shared address any more. No failure if there is none.
+  Mox::Result<> wayInDel(Netlink::IfIndex bridge);
+  // Has no bridge take the shared address. Ports and ways in are removed with all others.
   Mox::Result<> close();
 
  private:
@@ -99,6 +101,7 @@ class Trunks {
   void portDel(Netlink::IfIndex index);
   void wayInIs(const Netlink::Link& link, Bridge& bridge);
   bool wayInVlansAre(const Netlink::Link& port, Bridge& bridge);
+  Mox::Result<> sharedAddressBack(Netlink::IfIndex bridge);
   void sharedAddressIn(const Netlink::Link& link, Bridge& bridge);
   Trunk trunkOf(const Port& port, const Bridge& bridge, bool own) const;
   Mox::Result<> hookIs(const Hook& hook, std::optional<Program> program);

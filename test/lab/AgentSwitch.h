@@ -20,16 +20,7 @@ inline constexpr Mac kRemote{0x02, 0, 0, 0, 0, 0x63};
 inline constexpr Ip kRemoteIp{10, 0, 0, 99};
 inline constexpr std::uint32_t kEthernet1 = 1030;
 
-// An ARP frame as the data plane traps it; `vlan` and `port` stand in the trap header.
-inline Frame trapped(const Frame& frame, std::uint32_t vlan = 10, std::uint32_t port = kEthernet1) {
-  Frame result(frame.begin(), frame.begin() + 12);
-  for (const std::uint32_t word : {0x81350000U, vlan, port, 0U}) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-      result.push_back(static_cast<std::byte>(word >> shift & 0xFF));
-  }
-  result.insert(result.end(), frame.begin() + 12, frame.end());
-  return result;
-}
+inline Frame trapped(const Frame& frame, std::uint32_t vlan = 10) { return trapped(frame, vlan, kEthernet1); }
 
 inline Frame requestFor(const Ip& target) { return arpFrame({1, kHost, kHostIp, {}, target}); }
 

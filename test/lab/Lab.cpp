@@ -374,6 +374,15 @@ Frame tagged(const Frame& frame, std::uint16_t tci) {
   return result;
 }
 
+Frame trapped(const Frame& frame, std::uint32_t vlan, std::uint32_t port) {
+  Frame result(frame.begin(), frame.begin() + 12);
+  for (const std::uint32_t word : {0x81350000U, vlan, port, 0U})
+    for (int shift = 24; shift >= 0; shift -= 8)
+      result.push_back(static_cast<std::byte>(word >> shift & 0xFF));
+  result.insert(result.end(), frame.begin() + 12, frame.end());
+  return result;
+}
+
 Frame plainFrame(const Mac& source, const Mac& destination, std::uint16_t ethertype, std::uint8_t fill) {
   Frame frame;
   append(frame, destination);

@@ -135,6 +135,8 @@ struct Arp {
 
 Frame arpFrame(const Arp& arp, const Mac& destination = kBroadcast);  // 42 bytes, from arp.senderMac
 Frame tagged(const Frame& frame, std::uint16_t tci);                  // with an 802.1Q tag
+// Behind the trap header, as the agent gets it on "arpsnoop" and writes it to "arpinject".
+Frame trapped(const Frame& frame, std::uint32_t vlan, std::uint32_t port);
 Frame plainFrame(const Mac& source, const Mac& destination, std::uint16_t ethertype,
                  std::uint8_t fill);  // 60 bytes
 std::string hex(const Frame& frame);

@@ -30,15 +30,7 @@ inline constexpr std::uint16_t kSentinelType = 0x88B5;  // for local experiments
 
 using Frames = std::vector<Lab::Frame>;
 
-// What the agent reads and writes: the frame with the trap header.
-inline Lab::Frame trapped(const Lab::Frame& frame, std::uint32_t vlan, std::uint32_t port) {
-  Lab::Frame result(frame.begin(), frame.begin() + 12);
-  for (const std::uint32_t word : {0x81350000U, vlan, port, 0U})
-    for (int shift = 24; shift >= 0; shift -= 8)
-      result.push_back(static_cast<std::byte>(word >> shift & 0xFF));
-  result.insert(result.end(), frame.begin() + 12, frame.end());
-  return result;
-}
+using Lab::trapped;
 
 class DatapathTest : public testing::Test {
  protected:

@@ -11,7 +11,9 @@
 #include <net/if.h>
 
 #include <cstring>
+#include <optional>
 
+#include "SoftForward/Filters.h"
 #include "SoftForward/Shared.h"
 #include "lab/Lab.h"
 
@@ -21,6 +23,8 @@ namespace {
 constexpr std::uint16_t kVlan = 10;
 constexpr std::uint32_t kLoopback = 1;  // the device on which the kernel runs a tc program for a test
 constexpr std::uint32_t kMark = SOFT_FORWARD_MARK | kVlan;
+
+using Lab::trapped;
 
 const Lab::Arp kRequest{1, {2, 0, 0, 0, 0, 1}, {10, 0, 0, 1}, {}, {10, 0, 0, 2}};
 
@@ -32,16 +36,6 @@ Lab::Frame changed(Lab::Frame frame, std::size_t offset, std::uint8_t value) {
 Lab::Frame resized(Lab::Frame frame, std::size_t size) {
   frame.resize(size, std::byte{0x5A});
   return frame;
-}
-
-// The frame behind the trap header.
-Lab::Frame trapped(const Lab::Frame& frame, std::uint32_t vlan, std::uint32_t port) {
-  Lab::Frame result(frame.begin(), frame.begin() + 12);
-  for (const std::uint32_t word : {0x81350000U, vlan, port, 0U})
-    for (int shift = 24; shift >= 0; shift -= 8)
-      result.push_back(static_cast<std::byte>(word >> shift & 0xFF));
-  result.insert(result.end(), frame.begin() + 12, frame.end());
-  return result;
 }
 
 class ProgramsTest : public testing::Test {
@@ -118,7 +112,6 @@ TEST_F(ProgramsTest, WhatAnAccessPortTraps) {
       {"operation 3", changed(request, 21, 3), false},
       {"operation 257", changed(request, 20, 1), false},
       {"another ethertype", changed(request, 13, 0x35), false},
-      {"tagged", Lab::tagged(request, kVlan), false},
   };
   std::uint64_t expected = 0;
   for (const auto& test : kCases) {
@@ -165,6 +158,75 @@ TEST_F(ProgramsTest, WhenAnAccessPortPassesARequest) {
   EXPECT_EQ(programs_.statistics().trapFailed, 1U);
 }
 
+// A tag that the kernel took off stands beside the frame, which only a device shows.
+TEST_F(ProgramsTest, WhichVlanATagMakesIt) {
+  const Lab::Namespace outside;
+  for (const char* name : {"port", "peer"}) Lab::vethIs(name, std::string("far-") + name, outside);
+  std::optional<Lab::PacketSocket> sender;
+  std::optional<Lab::PacketSocket> agent;
+  {
+    const Lab::Entered entered(outside);
+    sender.emplace("far-port");
+    agent.emplace("far-peer", 0x8135);
+  }
+  Netlink::Socket socket(NETLINK_ROUTE);
+  Filters filters(socket);
+  const std::uint32_t port = Lab::ifIndex("port");
+  const std::uint32_t peer = Lab::ifIndex("peer");
+  ASSERT_TRUE(filters.attach({port, Direction::ingress, "port"}, programs_.loaded(Program::accessIngress)));
+  ASSERT_TRUE(filters.attach({peer, Direction::egress, "peer"}, programs_.loaded(Program::trapEgress)));
+  ASSERT_TRUE(programs_.trapPeerIs(peer));
+  for (const std::uint16_t vlan : {std::uint16_t{10}, std::uint16_t{20}, std::uint16_t{4094}})
+    ASSERT_TRUE(programs_.activeVlanIs(vlan, true));
+  const auto trunk = [](std::initializer_list<std::size_t> trapped, std::uint16_t pvid, bool own = false) {
+    Trunk made{{}, Netlink::VlanIds().set(4093), pvid, own};
+    for (const std::size_t vlan : trapped) made.trapped.set(vlan);
+    return std::optional(made);
+  };
+  const Lab::Frame plain = Lab::arpFrame(kRequest);
+  const auto provider = [&](std::uint16_t tci) {
+    return changed(changed(Lab::tagged(plain, tci), 12, 0x88), 13, 0xA8);
+  };
+  const struct {
+    const char* what;
+    std::optional<Trunk> trunk;  // none: an access port of VLAN 10 on a bridge of its own
+    Lab::Frame frame;
+    std::uint32_t vlan;  // 0: it is not trapped
+  } kCases[] = {
+      {"no tag", {}, plain, 10},
+      {"a priority", {}, Lab::tagged(plain, 0xE000), 10},
+      {"the VLAN's own tag", {}, Lab::tagged(plain, 10), 0},
+      {"a provider's priority", {}, provider(0xE000), 0},
+      {"no tag, PVID 20", trunk({10, 20}, 20), plain, 20},
+      {"a priority, PVID 20", trunk({10, 20}, 20), Lab::tagged(plain, 0xE000), 20},
+      {"no tag, no PVID", trunk({10, 20}, 0), plain, 0},
+      {"no tag, the PVID is no VLAN of ours", trunk({10}, 20), plain, 0},
+      {"tag 10", trunk({10, 20}, 20), Lab::tagged(plain, 10), 10},
+      {"tag 10 and a priority", trunk({10, 20}, 20), Lab::tagged(plain, 0xE00A), 10},
+      {"tag 4094", trunk({4094}, 0), Lab::tagged(plain, 4094), 4094},
+      {"a tag beside those of the port", trunk({10, 20}, 20), Lab::tagged(plain, 74), 0},
+      {"a tunnel port's VLAN", trunk({10}, 10), Lab::tagged(plain, 4093), 0},
+      {"suppression is not active", trunk({11}, 0), Lab::tagged(plain, 11), 0},
+      {"a provider's tag", trunk({10, 20}, 20), provider(10), 0},
+      {"two tags", trunk({10, 20}, 20), Lab::tagged(Lab::tagged(plain, 20), 10), 0},
+      {"the bridge itself", trunk({10, 20}, 20, true), Lab::tagged(plain, 10), 0},
+  };
+  for (const auto& test : kCases) {
+    SCOPED_TRACE(test.what);
+    ASSERT_TRUE(test.trunk ? programs_.trunkIs(port, *test.trunk)
+                           : programs_.portIs(port, 10, PortRole::access));
+    const auto before = programs_.statistics().trapped;
+    sender->send(test.frame);
+    if (test.vlan != 0) {
+      const auto copy = agent->receive();
+      EXPECT_EQ(copy ? Lab::hex(*copy) : "none", Lab::hex(trapped(plain, test.vlan, port)));
+    }
+    EXPECT_EQ(programs_.statistics().trapped - before, test.vlan != 0 ? 1U : 0U);
+    ASSERT_TRUE(test.trunk ? programs_.trunkDel(port) : programs_.portDel(port));
+  }
+  EXPECT_EQ(programs_.statistics().unexpected, 0U);
+}
+
 TEST_F(ProgramsTest, WhatATunnelPortDrops) {
   const Lab::Frame request = Lab::arpFrame(kRequest);
   const struct {
@@ -190,6 +252,13 @@ TEST_F(ProgramsTest, WhatATunnelPortDrops) {
     dropped += test.drops ? 1 : 0;
     EXPECT_EQ(programs_.statistics().tunnelDropped, dropped);
   }
+  // On a trunk the mark says whether the port is a tunnel port of its VLAN.
+  ASSERT_TRUE(programs_.portDel(kLoopback));
+  ASSERT_TRUE(
+      programs_.trunkIs(kLoopback, {Netlink::VlanIds().set(20), Netlink::VlanIds().set(10), 20, false}));
+  EXPECT_EQ(run(Program::tunnelEgress, request, kMark).result, TC_ACT_SHOT);
+  EXPECT_EQ(run(Program::tunnelEgress, request, SOFT_FORWARD_MARK | 20).result, TC_ACT_UNSPEC);
+  EXPECT_EQ(run(Program::tunnelEgress, request, 0).result, TC_ACT_UNSPEC);
 }
 
 TEST_F(ProgramsTest, TheTrapPeerPutsTheHeaderIntoCopiesOnly) {
@@ -280,6 +349,7 @@ TEST_F(ProgramsTest, TheFabricPeerTakesTheTagOff) {
     EXPECT_EQ(outcome.result, test.forwards ? TC_ACT_REDIRECT : TC_ACT_SHOT);
     if (test.forwards) {
       EXPECT_EQ(Lab::hex(outcome.frame), Lab::hex(reply));
+      EXPECT_EQ(outcome.mark, kMark);
     }
     (test.forwards ? replied : unexpected) += 1;
     EXPECT_EQ(programs_.statistics().replied, replied);
