@@ -176,14 +176,14 @@ TEST_F(DatapathTest, TheBridgeKeepsItsAddressAndMtu) {
 
 TEST_F(DatapathTest, PortsStandOnOtherDevices) {
   try {
-    for (const char* device : {"access2", "tunnel2"})
-      Lab::run(std::string("ip link set ") + device + " nomaster");
-    Lab::run(
-        "ip link add link access2 name access2.10 up type vlan id 10; ip link set access2.10 master vlan10");
-    Lab::run(
-        "ip link add link tunnel2 name tunnel2.10 up type vlan id 10; ip link set tunnel2.10 master vlan10");
-    Lab::run("ip link set access1 nomaster down; ip link add bond0 type bond mode active-backup");
-    Lab::run("ip link set access1 master bond0; ip link set bond0 up; ip link set bond0 master vlan10");
+    for (const char* command :
+         {"ip link add link access2 name access2.10 up type vlan id 10", "ip link set access2 nomaster",
+          "ip link set access2.10 master vlan10", "ip link set tunnel2 nomaster",
+          "ip link add link tunnel2 name tunnel2.10 up type vlan id 10",
+          "ip link set tunnel2.10 master vlan10", "ip link set access1 nomaster down",
+          "ip link add bond0 type bond mode active-backup", "ip link set access1 master bond0",
+          "ip link set bond0 up master vlan10"})
+      Lab::run(command);
   } catch (const Lab::Unsupported& lacking) {
     GTEST_SKIP() << lacking.what();
   }
