@@ -230,7 +230,7 @@ TEST_P(WholeSwitch, CausesNoNotificationAtRest) {
           const auto header = message.header<ifinfomsg>();  // as far as tcmsg is the same
           char name[IF_NAMESIZE] = "";
           if (header) if_indextoname(static_cast<unsigned>(header->ifi_index), name);
-          ++heard[name];
+          ++heard[name + (message.type() < RTM_NEWQDISC ? std::string() : " tc")];
         },
         10'000);
     EXPECT_FALSE(batch.overrun);

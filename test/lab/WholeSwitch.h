@@ -28,8 +28,8 @@ inline constexpr Layout kLayouts[] = {
     {"namespaces", false, Placed::inNamespace, Placed::inNamespace},
     {"vrfDevices", false, Placed::belowVrfDevice, Placed::belowVrfDevice},
     {"vlanAware", true, Placed::inDefaultVrf, Placed::belowVrfDevice},
-    {"vlanAwareNamespaces", true, Placed::inNamespace, Placed::inNamespace},
-    {"vlanAwareVrfDevices", true, Placed::belowVrfDevice, Placed::inNamespace},
+    {"vlanAwareNamespaces", true, Placed::inNamespace, Placed::belowVrfDevice},
+    {"vlanAwareVrfDevices", true, Placed::belowVrfDevice, Placed::belowVrfDevice},
 };
 inline std::string nameOf(const testing::TestParamInfo<Layout>& layout) { return layout.param.name; }
 
