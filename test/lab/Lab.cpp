@@ -110,7 +110,7 @@ std::string run(const std::string& command) {
   if (pclose(pipe) == 0) return output;
   for (const char* lacking : {"Operation not supported", "Unknown device type"}) {
     if (output.find(lacking) != std::string::npos)
-      throw Unsupported("this kernel refuses \"" + command + "\": " + output);
+      throw Unsupported("this kernel refuses \"" + command.substr(0, command.find('\n')) + "\": " + output);
   }
   fail(command + ": " + output);
 }

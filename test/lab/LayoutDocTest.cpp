@@ -56,9 +56,9 @@ TEST(LayoutDoc, EveryLayoutWorksAsWritten) {
       ~Tidied() { std::system(("ip netns del red" + std::to_string(getpid()) + " 2>/dev/null").c_str()); }
     } tidied;
     try {
-      run("set -e\n(" + unique(layout.commands) + ")");
+      run("(set -e; : layout '" + layout.name + "'\n" + unique(layout.commands) + ")");
     } catch (const Unsupported& refused) {
-      lacking += layout.name + ": " + refused.what();
+      lacking += refused.what();
       continue;
     }
     json config = json::parse(unique(layout.config));
