@@ -352,7 +352,7 @@ TEST_F(LabTest, SharedMemoryIsFull) {
 TEST_F(LabTest, FloodOfChanges) {
   redComes();
   expectIp("there", "red ");
-  constexpr std::size_t kNeighbours = 50000;
+  constexpr std::size_t kNeighbours = 30000;
   std::vector<Netlink::Message> messages;
   inRed([&] {
     for (std::size_t i = 0; i < kNeighbours; ++i) {
