@@ -42,9 +42,9 @@ struct Places {
 //
 // What is to be done with a key follows from the configuration and the kernel as they are when it is done;
 // events only put the key into the queue. Keys whose event was missed or whose request was refused, and what
-// an earlier run left, are found by rounds. There is one when the namespace's VRF becomes active, when the kernel dropped
-// notifications, soon after a refusal, and every quarter of the refresh time. A VLAN interface that comes
-// costs work for the entries that waited for it.
+// an earlier run left, are found by rounds. There is one when the namespace's VRF becomes active, when the
+// kernel dropped notifications, soon after a refusal, and every quarter of the refresh time. A VLAN interface
+// that comes costs work for the entries that waited for it.
 //
 // Works in slices of one batch of requests or one datagram of a dump. The sockets keep the namespace alive.
 class NamespaceSm final : public Orb::WalkSmBase {

@@ -13,8 +13,8 @@ namespace ArpService {
 
 // Compares the kernel with the configuration of all VRFs of one namespace, in steps of one datagram or a few
 // dozen entries: reads the devices and then the neighbours, each of which goes to `compare`, and puts into
-// each VRF's queue what nobody has dealt with by then. Events say which keys to look at between the rounds; a round finds the keys whose event
-// was missed.
+// each VRF's queue what nobody has dealt with by then. Events say which keys to look at between the rounds; a
+// round finds the keys whose event was missed.
 class Round {
  public:
   using Compare = std::function<void(const Netlink::Neighbour&)>;

@@ -22,9 +22,10 @@ namespace KernelState {
 // VLAN that it is (the lowest of those that name it). The entries of all bridges are kept, since the kernel
 // tells of them once, and a bridge may come to be a VLAN's, or to filter, later.
 //
-// The forwarding database (FID) of a VLAN has the VLAN's id, unless "bridging/config" maps it. Where an entry is published follows from the configuration, the forwarding database map and the devices'
-// names; when these change, a walk brings what is published in step. A device that comes or goes costs work
-// for what the configuration says of it, and a walk only if entries are on it.
+// The forwarding database (FID) of a VLAN has the VLAN's id, unless "bridging/config" maps it. Where an entry
+// is published follows from the configuration, that map, the devices' names and whether the bridge filters;
+// when these change, a walk brings what is published in step. A device that comes or goes costs work for what
+// the configuration says of it, and a walk only if entries are on it.
 class FdbSm final : public Orb::WalkSmBase {
  public:
   // `bridgingConfig` and `bridgingStatus` may be null.

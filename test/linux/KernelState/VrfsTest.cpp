@@ -188,8 +188,8 @@ TEST_F(VrfsTest, ConfigurationAndNamespacesInAnyOrder) {
   EXPECT_EQ(kernel.openSources(), 1);
 }
 
-// The default namespace has the interfaces of VLANs 20 and 30 with one and the same network, and the VRF device
-// "blue" from time to time.
+// The default namespace has the interfaces of VLANs 20 and 30 with one and the same network, and the VRF
+// device "blue" from time to time.
 TEST_F(VrfsTest, DevicesHoldVrfs) {
   auto& host = kernel.in();
   rig->config()->vrfDel("red");
