@@ -85,8 +85,8 @@ class Attributes {
     return Attributes(find(attribute, Kind::nested).value_or(Bytes{}), policy);
   }
 
-  // What is inside each attribute of that number, where one stands for each entry of a list. Whether all of it
-  // is well-formed; `handle` gets those before the first that is not.
+  // What is inside each attribute of that number, where one stands for each entry of a list. Whether all of
+  // it is well-formed; `handle` gets those before the first that is not.
   template <std::size_t N, class Handle>
   static bool each(Bytes payload, std::uint16_t attribute, const Policy (&policy)[N], Handle&& handle) {
     while (const std::optional<Part> part = next(payload)) {

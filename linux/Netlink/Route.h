@@ -88,8 +88,8 @@ struct BridgeVlans {
   std::uint16_t pvid = 0;  // whose frames come without a tag; 0: none are taken
   friend bool operator==(const BridgeVlans&, const BridgeVlans&) = default;
 };
-// RTM_NEWVLAN and RTM_DELVLAN: what the message tells, which is the whole of it only in the messages of a dump
-// taken together. Which VLAN lost the PVID to another is not told of.
+// RTM_NEWVLAN and RTM_DELVLAN: what the message tells, which is the whole of it only in the messages of a
+// dump taken together. Which VLAN lost the PVID to another is not told of.
 std::optional<BridgeVlans> readBridgeVlans(const Received& message);
 
 // All devices; the VLANs of one bridge or port; all neighbours of IPv4 and IPv6 (AF_UNSPEC) or of one family,

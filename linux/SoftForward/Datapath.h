@@ -10,12 +10,13 @@
 //
 // The agent opens the outer ends ("arpsnoop", "arpinject", "fabric") with packet sockets; the inner ends (the
 // name and "-sw") carry the programs. Each VLAN has a pair "fabin<VLAN>" and "fabin<VLAN>-br", the latter a
-// port of its bridge. All of it is in the network namespace of the thread that made the Datapath, with ARP
-// and IPv6 off.
+// port of its bridge; VLANs of one bridge, which filters them, share a pair and their ports (Trunks.h). All
+// of it is in the network namespace of the thread that made the Datapath, with ARP and IPv6 off.
 //
-// What is trapped: a complete, untagged or priority-tagged, broadcast Ethernet/IPv4 ARP request or reply of
-// at most 9216 bytes that an access port receives while its VLAN is active. It is copied to the agent and
-// goes on into the bridge, marked, so that hosts of this switch hear it. Likewise what the bridge device
+// What is trapped: a complete broadcast Ethernet/IPv4 ARP request or reply of at most 9216 bytes that an
+// access port receives while the frame's VLAN is active: the port's own for one without a tag or with a
+// priority's, on a bridge that filters VLANs the tag's as well. It is copied, without the tag, to the agent
+// and goes on into the bridge, marked, so that hosts of this switch hear it. Likewise what the bridge device
 // sends, if asked for. All else passes untouched, and so does a frame whose copy fails. What comes out of the
 // overlay is never trapped.
 //
@@ -43,7 +44,8 @@
 
 namespace SoftForward {
 
-// A VLAN by kernel names. Every port of the bridge that is no tunnel port of any VLAN is an access port.
+// A VLAN by kernel names. Every port of the bridge that is no tunnel port of any VLAN is an access port; on a
+// bridge that filters VLANs, every port that carries the VLAN and is no tunnel port of it.
 struct VlanWanted {
   std::string bridge;
   std::vector<std::string> tunnelPorts;  // at most 32
@@ -67,8 +69,8 @@ class Datapath {
   // wanted may be called before it succeeded.
   Mox::Result<> open();
   int descriptor() const { return notifications_.fd(); }  // readable: step() has work
-  // Readable: a port of a bridge has got or lost a VLAN. followVlans() has its frames taken for what they are now,
-  // one port at a time, and returns whether there may be more of them; the rest is left to step().
+  // Readable: a port of a bridge has got or lost a VLAN. followVlans() has its frames taken for what they are
+  // now, one port at a time, and returns whether there may be more of them; the rest is left to step().
   int vlanDescriptor() const { return trunks_.descriptor(); }
   bool followVlans();
 

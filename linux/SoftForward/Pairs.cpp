@@ -260,7 +260,7 @@ Mox::Result<bool> Pairs::vlansAre(const Link& port, const Netlink::BridgeVlans& 
   ifinfomsg header = byIndex(port.index);
   header.ifi_family = AF_BRIDGE;
   Message message(takes ? RTM_DELLINK : RTM_SETLINK);
-  message.header(header).nest(IFLA_AF_SPEC, [&](Message& table) {
+  message.header(header).nest(IFLA_AF_SPEC, [&](Message& inside) {
     std::size_t vlans = 0;
     for (std::size_t first = 1; first < differing.size() && vlans < kVlansAtOnce; ++first) {
       if (!differing[first]) continue;
@@ -271,7 +271,7 @@ Mox::Result<bool> Pairs::vlansAre(const Link& port, const Netlink::BridgeVlans& 
         bridge_vlan_info info{0, static_cast<std::uint16_t>(vlan)};
         if (first != last)
           info.flags = vlan == first ? BRIDGE_VLAN_INFO_RANGE_BEGIN : BRIDGE_VLAN_INFO_RANGE_END;
-        table.bytes(IFLA_BRIDGE_VLAN_INFO, std::as_bytes(std::span(&info, 1)));
+        inside.bytes(IFLA_BRIDGE_VLAN_INFO, std::as_bytes(std::span(&info, 1)));
         if (first == last) break;
       }
       vlans += last - first + 1;

@@ -5,7 +5,7 @@
 //
 //   "arpsnoop", "arpinject", "fabric"   and "-sw": what the agent opens, and the end with the programs
 //   "fabin<VLAN>"                       and "-br": where frames are sent to, and a port of the VLAN's bridge
-//   "fabin-<bridge's index>"            and "-br": the same into a bridge that filters VLANs, a trunk of these
+//   "fabin-<bridge's index>"            and "-br": the same into a bridge that filters VLANs, a trunk
 //
 // Nothing is written that is already so. What is written is in the table of links once the kernel has told of
 // it; what it does not tell of a device that is down is read here. The requests are those of one rtnetlink
@@ -88,7 +88,8 @@ class Pairs {
   Mox::Result<> takenIs(const Netlink::Link& wayIn, const Lanix::EthAddr& address);
 
   // The port of a bridge that filters VLANs carries just these, with a tag, and takes no frame without one.
-  // Writes a few hundred of the differences, after which the table is to be read again; true: there were none.
+  // Writes a few hundred of the differences, after which the table is to be read again; true: there were
+  // none.
   Mox::Result<bool> vlansAre(const Netlink::Link& port, const Netlink::BridgeVlans& table,
                              const Netlink::VlanIds& wanted);
 

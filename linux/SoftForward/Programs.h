@@ -76,8 +76,8 @@ class Programs {
   Programs(const Programs&) = delete;
   Programs& operator=(const Programs&) = delete;
 
-  // Before everything else; nothing when they are loaded already. What libbpf has to say about a refused program
-  // is part of the failure. Takes some 10 to 30 ms.
+  // Before everything else; nothing when they are loaded already. What libbpf has to say about a refused
+  // program is part of the failure. Takes some 10 to 30 ms.
   Mox::Result<> load();
 
   LoadedProgram loaded(Program program) const;

@@ -55,9 +55,10 @@ struct SoftForwardPort {
   __u8 zero;
 };
 
-// Map "trunks": what a port of a bridge that filters VLANs is, by interface index (__u32); it is not in "ports".
-// A frame's VLAN is that of its tag; without one, or with a priority's, it is `pvid`. In the sets VLAN v is bit
-// v % 64 of word v / 64. A VLAN in neither is not carried by the port, or none of ours: its frames pass.
+// Map "trunks": what a port of a bridge that filters VLANs is, by interface index (__u32); it is not in
+// "ports". A frame's VLAN is that of its tag; without one, or with a priority's, it is `pvid`. In the sets
+// VLAN v is bit v % 64 of word v / 64. A VLAN in neither is not carried by the port, or none of ours: its
+// frames pass.
 struct SoftForwardTrunk {
   __u64 trapped[SOFT_FORWARD_VLAN_WORDS];  // VLANs of which the port is an access port; that the bridge sends
   __u64 tunnel[SOFT_FORWARD_VLAN_WORDS];   // VLANs of which the port is a tunnel port

@@ -9,8 +9,8 @@ constexpr char kVrMacPath[] = "routing/fhrp/vrMacStatus";
 }  // namespace
 
 SoftForwardAgent::SoftForwardAgent(Mox::String name) : AgentBase(std::move(name)) {
-  // Takes longer than a turn of the event loop may, so it is done before the first. Should it fail, the reactor
-  // tries again, and reports it.
+  // Takes longer than a turn of the event loop may, so it is done before the first. Should it fail, the
+  // reactor tries again, and reports it.
   static_cast<void>(programs_.load());
 }
 

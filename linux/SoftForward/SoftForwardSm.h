@@ -29,9 +29,9 @@ namespace SoftForward {
 // bridge floods what is for an address that it does not know, and hands none of it to its own device.
 //
 // The walk does what the data path has to do, one VLAN after the other, and rests as soon as that has nothing
-// left. Only the VLANs of a bridge's port are followed at once: until the programs know that a port has another
-// one, its frames are taken for the wrong VLAN's. The outcome is published for each VLAN; what is wrong is reported once, and tried again every few
-// seconds where the kernel refused.
+// left. Only the VLANs of a bridge's port are followed at once: until the programs know that a port has
+// another one, its frames are taken for the wrong VLAN's. The outcome is published for each VLAN; what is
+// wrong is reported once, and tried again every few seconds where the kernel refused.
 class SoftForwardSm final : public Orb::WalkSmBase {
  public:
   // `programs` are loaded here unless they are already; they outlive the reactor. `problems` may be null.

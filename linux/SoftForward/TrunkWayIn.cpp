@@ -39,7 +39,9 @@ void Trunks::lookBridge(IfIndex index) {
   if (bridge.standing.refused || !bridge.taken) again_.insert(index);
   const auto& [wayIn, wayInVlans, standing, taken] = before;
   if (wayIn != bridge.wayIn || !isSame(standing, bridge.standing)) return changed(bridge.vlans);
-  changed((wayInVlans ^ bridge.wayInVlans) & bridge.vlans);
+  VlanIds concerned = (wayInVlans ^ bridge.wayInVlans) & bridge.vlans;
+  if (taken.error() != bridge.taken.error()) concerned.set(bridge.vlans._Find_first());  // which tells of it
+  changed(concerned);
 }
 
 // The bridge has gone, filters no longer, or none of its VLANs is configured.

@@ -3,12 +3,12 @@
 // Bridges that filter VLANs: several VLANs are one bridge, and what a port is depends on the VLAN.
 //
 // A port's VLANs are those of the bridge's own table. It is a tunnel port of the VLANs that name it so and an
-// access port of all others. Each port, and the bridge itself as far as it sends, has one entry in the programs'
-// map and at most one program a direction. One way in serves all VLANs of the bridge: a port that carries them
-// with their tags and nothing else.
+// access port of all others. Each port, and the bridge itself as far as it sends, has one entry in the
+// programs' map and at most one program a direction. One way in serves all VLANs of the bridge: a port that
+// carries them with their tags and nothing else.
 //
-// step() looks at one bridge or one port and writes what differs. Whatever follows from it for VLANs is told to
-// `vlanChanged`.
+// step() looks at one bridge or one port and writes what differs. Whatever follows from it for VLANs is told
+// to `vlanChanged`.
 
 #include <functional>
 #include <map>

@@ -1,8 +1,8 @@
 #pragma once
 
-// Which VLANs the bridges that filter VLANs carry, and each of their ports: read when first asked for, and again
-// after the kernel told of a change. What a notification says is not used, since it is not the whole change: that
-// a port's PVID is now VLAN 40 does not say that VLAN 10 has lost it.
+// Which VLANs the bridges that filter VLANs carry, and each of their ports: read when first asked for, and
+// again after the kernel told of a change. What a notification says is not used, since it is not the whole
+// change: that a port's PVID is now VLAN 40 does not say that VLAN 10 has lost it.
 
 #include <functional>
 #include <map>
@@ -19,12 +19,12 @@ class VlanTables {
   Mox::Result<> open();
   int descriptor() const { return notifications_.fd(); }  // readable: receive() has work
 
-  // Takes some notifications; `changed` gets each device that one is about, and 0 when some were lost, so that any
-  // may have changed. Whether there may be more.
+  // Takes some notifications; `changed` gets each device that one is about, and 0 when some were lost, so
+  // that any may have changed. Whether there may be more.
   bool receive(const std::function<void(Netlink::IfIndex)>& changed);
 
-  // Of a bridge or its port; empty for a device that is neither (any more). Valid until the next call for that
-  // device.
+  // Of a bridge or its port; empty for a device that is neither (any more). Valid until the next call for
+  // that device.
   Mox::Result<const Netlink::BridgeVlans*> of(Netlink::IfIndex ifIndex);
 
   // To be read again when it is asked for.

@@ -182,14 +182,10 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
 }
 
 SEC("tc")
-int access_ingress(struct __sk_buff* skb) {
-  return trap(skb, SOFT_FORWARD_ROLE_ACCESS);
-}
+int access_ingress(struct __sk_buff* skb) { return trap(skb, SOFT_FORWARD_ROLE_ACCESS); }
 
 SEC("tc")
-int own_egress(struct __sk_buff* skb) {
-  return trap(skb, SOFT_FORWARD_ROLE_OWN);
-}
+int own_egress(struct __sk_buff* skb) { return trap(skb, SOFT_FORWARD_ROLE_OWN); }
 
 SEC("tc")
 int tunnel_egress(struct __sk_buff* skb) {
@@ -270,7 +266,8 @@ int inject_ingress(struct __sk_buff* skb) {
   skb->mark = 0;  // whatever the sender's socket put there: a marked frame would not get out
   for (__u32 i = 0; i < SOFT_FORWARD_MAX_TUNNEL_PORTS; ++i) {
     if (i >= paths->tunnelPorts) break;
-    if (i == paths->untagged && bpf_skb_vlan_push(skb, bpf_htons(ETH_P_8021Q), (__u16)vlan) < 0) return unexpected();
+    if (i == paths->untagged && bpf_skb_vlan_push(skb, bpf_htons(ETH_P_8021Q), (__u16)vlan) < 0)
+      return unexpected();
     if (bpf_clone_redirect(skb, paths->tunnelPort[i], 0) != 0) count(SOFT_FORWARD_INJECT_SEND_FAILED);
   }
   count(SOFT_FORWARD_INJECTED);
