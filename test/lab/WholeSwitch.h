@@ -31,6 +31,7 @@ inline constexpr Layout kLayouts[] = {
     {"vlanAwareNamespaces", true, Placed::inNamespace, Placed::belowVrfDevice},
     {"vlanAwareVrfDevices", true, Placed::belowVrfDevice, Placed::belowVrfDevice},
 };
+inline void PrintTo(const Layout& layout, std::ostream* out) { *out << layout.name; }
 inline std::string nameOf(const testing::TestParamInfo<Layout>& layout) { return layout.param.name; }
 
 class WholeSwitch : public testing::TestWithParam<Layout> {
