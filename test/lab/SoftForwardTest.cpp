@@ -245,9 +245,8 @@ TEST_P(WholeSwitch, CausesNoNotificationAtRest) {
   listen();
   EXPECT_GE(heard["Ethernet2"], 20);
   heard.erase("Ethernet2");
-  EXPECT_LE(heard[vlan10_.bridge], 1);  // the kernel itself tells of a new bridge once more when it settles
-  heard.erase(vlan10_.bridge);
-  EXPECT_THAT(heard, IsEmpty());
+  // The kernel itself tells once more of what has settled, of a new bridge or, Debian's, of its ports.
+  EXPECT_THAT(heard, testing::Each(testing::Pair(testing::_, testing::Le(1))));
 }
 
 TEST_P(WholeSwitch, WhatIsRemovedComesBack) {
