@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <set>
 
 #include "Netlink/Socket.h"
 #include "lab/WholeSwitch.h"
@@ -232,15 +231,12 @@ TEST_P(WholeSwitch, CausesNoNotificationAtRest) {
   Netlink::Socket monitor(NETLINK_ROUTE);
   for (const unsigned group : {RTNLGRP_LINK, RTNLGRP_TC}) ASSERT_TRUE(monitor.join(group));
   std::map<std::string, int> heard;
-  std::set<std::string> forwarding;
   const auto listen = [&] {
     const auto batch = monitor.receive(
         [&](const Netlink::Received& message) {
           const auto header = message.header<ifinfomsg>();  // as far as tcmsg is the same
           char name[IF_NAMESIZE] = "";
           if (header) if_indextoname(static_cast<unsigned>(header->ifi_index), name);
-          // The kernel itself tells of each port once more, when the bridge's forward delay has passed.
-          if (header && header->ifi_family == AF_BRIDGE && forwarding.insert(name).second) return;
           ++heard[name + (message.type() < RTM_NEWQDISC ? std::string() : " tc")];
         },
         10'000);
