@@ -79,8 +79,7 @@ struct SoftForwardVlanPaths {
   __u32 wayIn;        // interface index of the device that leads into the bridge; 0: none
   __u32 wayInTagged;  // 1: frames go there with the VLAN's tag
   __u32 tunnelPorts;  // how many of the indexes below are there
-  __u32
-      untagged;  // the first so many of them get frames as the agent wrote them, the rest with the VLAN's tag
+  __u32 untagged;     // the first so many of them get frames as the agent wrote them, the rest with the tag
   __u32 tunnelPort[SOFT_FORWARD_MAX_TUNNEL_PORTS];
   __u32 bridge;  // interface index; for what it sends itself, which no port received
 };

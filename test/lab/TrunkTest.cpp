@@ -20,7 +20,8 @@ class Trunks : public WholeSwitch {
     if (vlan) socket.vlanIs(*vlan);
     return socket;
   }
-  // What a host hears first when it asks for the address that is remote on both VLANs; nothing in a while: empty.
+  // What a host hears first when it asks for the address that is remote on both VLANs; empty: nothing in a
+  // while.
   std::string answerTo(PacketSocket& asker, const Mac& mac, const Ip& ip) {
     while (asker.receive(std::chrono::milliseconds(0))) {
     }
