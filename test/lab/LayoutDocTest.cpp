@@ -1,5 +1,8 @@
 // The layouts of docs/linux.md as they stand there: commands, configuration, and then a host that asks.
 
+#include <sys/mount.h>
+#include <unistd.h>
+
 #include <cstring>
 #include <fstream>
 #include <regex>
@@ -53,7 +56,11 @@ TEST(LayoutDoc, EveryLayoutWorksAsWritten) {
     const Entered entered(leaf.netNs());
     for (const std::string port : {"Ethernet1", "Ethernet2", "core10"}) vethIs(port, "far-" + port, outside);
     const struct Tidied {
-      ~Tidied() { std::system(("ip netns del red" + std::to_string(getpid()) + " 2>/dev/null").c_str()); }
+      ~Tidied() {  // of the namespace, where the layout made one
+        const std::string name = "/run/netns/red" + std::to_string(getpid());
+        umount2(name.c_str(), MNT_DETACH);
+        unlink(name.c_str());
+      }
     } tidied;
     try {
       run("(set -e; : layout '" + layout.name + "'\n" + unique(layout.commands) + ")");
