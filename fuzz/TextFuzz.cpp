@@ -50,8 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                      Lanix::IntfId, Bridging::VlanId, Bridging::EntryType, Vrf::VrfIdMap::FixedVrfName,
                      std::int64_t, bool>(text);
   allPrintAsTheyRead<Bridging::HostKey, Memtab::Bridging::MemtabFdbStatus, Arp::Table::ArpKey,
-                     Arp::Table::ArpEntry, ArpSuppression::RemoteBindingKey, ArpSuppression::RemoteBinding,
-                     ArpSuppression::VlanIdMacAddress>(text);
+                     Arp::Table::ArpEntry, ArpSuppression::RemoteBindingKey, ArpSuppression::RemoteBinding>(
+      text);
   bindingLinePrintsAsItReads(text);
   return 0;
 }

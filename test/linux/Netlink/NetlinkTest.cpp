@@ -198,7 +198,7 @@ TEST(Route, ReadsTheVlansOfABridgesPort) {
   const auto vlans = told({{kPvidUntagged, 5, 0}, {0, 10, 12}, {0, 4094, 0}});
   ASSERT_TRUE(vlans);
   BridgeVlans expected{7, {}, {}, 5};
-  for (const std::size_t vid : {5, 10, 11, 12, 4094}) expected.carried.set(vid);
+  for (const std::size_t vid : {5U, 10U, 11U, 12U, 4094U}) expected.carried.set(vid);
   expected.untagged.set(5);
   EXPECT_EQ(*vlans, expected);
   EXPECT_TRUE(told({}));
