@@ -1,5 +1,4 @@
 #include "Arp/Table.h"
-#include "ArpSuppression/BindingKeys.h"
 #include "Bridging/Status.h"
 #include "Bridging/VlanId.h"
 #include "Evpn/Status.h"
