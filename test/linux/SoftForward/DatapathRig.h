@@ -181,6 +181,19 @@ class DatapathTest : public testing::Test {
     return header;
   }
 
+  static void qdiscDel(const char* device) {
+    tcmsg header{};
+    header.tcm_ifindex = static_cast<int>(Lab::ifIndex(device));
+    header.tcm_handle = TC_H_MAKE(TC_H_CLSACT, 0);
+    header.tcm_parent = TC_H_CLSACT;
+    change(std::move(Netlink::Message(RTM_DELQDISC).header(header)));
+  }
+  // Something that is taken away.
+  struct Breakage {
+    const char* what;
+    std::function<void()> breaks;
+  };
+
   inline static const VlanWanted kWanted{"vlan10", {"tunnel1", "tunnel2"}};
 
   Lab::Namespace switch_;

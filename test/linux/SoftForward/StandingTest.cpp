@@ -16,18 +16,7 @@ TEST_F(StandingTest, WhatIsTakenAwayIsMadeAgain) {
     change(std::move(
         Netlink::Message(RTM_DELTFILTER).header(ourPlace(device, direction)).string(TCA_KIND, "bpf")));
   };
-  const auto qdiscDel = [](const char* device) {
-    tcmsg header{};
-    header.tcm_ifindex = static_cast<int>(Lab::ifIndex(device));
-    header.tcm_handle = TC_H_MAKE(TC_H_CLSACT, 0);
-    header.tcm_parent = TC_H_CLSACT;
-    change(std::move(Netlink::Message(RTM_DELQDISC).header(header)));
-  };
-  struct Case {
-    const char* what;
-    std::function<void()> breaks;
-  };
-  const Case kCases[] = {
+  const Breakage kCases[] = {
       {"the trap pair", [] { Lab::linkDel("arpsnoop"); }},
       {"the trap pair, by its other end", [] { Lab::linkDel("arpsnoop-sw"); }},
       {"the inject pair", [] { Lab::linkDel("arpinject"); }},
@@ -52,7 +41,7 @@ TEST_F(StandingTest, WhatIsTakenAwayIsMadeAgain) {
          for (const char* port : {"access1", "access2", "tunnel1", "tunnel2"}) Lab::portIs(port, "vlan10");
        }},
   };
-  for (const Case& test : kCases) {
+  for (const Breakage& test : kCases) {
     SCOPED_TRACE(test.what);
     test.breaks();
     settle();

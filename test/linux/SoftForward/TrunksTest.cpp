@@ -315,18 +315,7 @@ TEST_F(TrunksTest, TheSwitchsOwnRequestsAreTrappedWhereTheBridgeCarriesTheVlan) 
 
 TEST_F(TrunksTest, WhatIsTakenAwayIsMadeAgain) {
   startTrunks();
-  const auto qdiscDel = [](const char* device) {
-    tcmsg header{};
-    header.tcm_ifindex = static_cast<int>(Lab::ifIndex(device));
-    header.tcm_handle = TC_H_MAKE(TC_H_CLSACT, 0);
-    header.tcm_parent = TC_H_CLSACT;
-    change(std::move(Netlink::Message(RTM_DELQDISC).header(header)));
-  };
-  struct Case {
-    const char* what;
-    std::function<void()> breaks;
-  };
-  const Case kCases[] = {
+  const Breakage kCases[] = {
       {"the way in", [] { Lab::linkDel(wayIn()); }},
       {"the way in is down", [] { Lab::upIs(wayIn(), false); }},
       {"a VLAN of the way in", [] { Lab::run("bridge vlan del vid 20 dev " + wayIn() + "-br"); }},
@@ -336,7 +325,7 @@ TEST_F(TrunksTest, WhatIsTakenAwayIsMadeAgain) {
       {"the programs of an access port", [&] { qdiscDel("trunk"); }},
   };
   const Lab::Frame frame = request(kHost1, kIp1);
-  for (const Case& test : kCases) {
+  for (const Breakage& test : kCases) {
     SCOPED_TRACE(test.what);
     test.breaks();
     settle();
