@@ -3,7 +3,24 @@
 namespace KernelState {
 namespace {
 
-class VrfsTest : public AgentTest {};
+class VrfsTest : public AgentTest {
+ protected:
+  // Something that happens, and what is shown once it is settled.
+  struct Event {
+    const char* what;
+    std::function<void()> happens;
+    std::string shown;
+  };
+  void expectEach(const std::vector<Event>& events, const std::function<std::string()>& shown) {
+    const Reports reports;
+    for (const Event& event : events) {
+      SCOPED_TRACE(event.what);
+      event.happens();
+      settle();
+      EXPECT_EQ(shown(), event.shown);
+    }
+  }
+};
 TEST_F(VrfsTest, ActiveOnlyOnceDevicesArePublished) {
   std::string seen;
   const auto local = Mox::dynamicPtrCast<Ip::AllVrfStatusLocal>(
@@ -141,11 +158,7 @@ TEST_F(VrfsTest, ConfigurationAndNamespacesInAnyOrder) {
     for (const std::string& id : rig->ids()) text += id == "0 default" ? "" : id + ", ";
     return text + "| " + rig->ip("Vlan10");
   };
-  const struct {
-    const char* what;
-    std::function<void()> happens;
-    const char* shown;
-  } cases[] = {
+  const std::vector<Event> events = {
       {"at first", [] {}, "red active red, | 5 red, | red 10.0.0.1/24"},
       {"number changes", [&] { rig->vrfIs("red", 6, "red"); }, "red active red, | 6 red, | red 10.0.0.1/24"},
       {"another VRF takes the old number", [&] { rig->vrfIs("blue", 5, "blue"); },
@@ -176,13 +189,7 @@ TEST_F(VrfsTest, ConfigurationAndNamespacesInAnyOrder) {
        "blue active red, red inactive ../netns/red, | 5 red, 6 blue, | blue 10.0.0.1/24"},
       {"all go", [&] { rig->config()->vrfDelAll(); }, "| | "},
   };
-  const Reports reports;
-  for (const auto& item : cases) {
-    SCOPED_TRACE(item.what);
-    item.happens();
-    settle();
-    EXPECT_EQ(shown(), item.shown);
-  }
+  expectEach(events, shown);
   EXPECT_THAT(rig->vrfs(), ElementsAre("default active default"));
   EXPECT_THAT(rig->ids(), ElementsAre("0 default"));
   EXPECT_EQ(kernel.openSources(), 1);
@@ -213,11 +220,7 @@ TEST_F(VrfsTest, DevicesHoldVrfs) {
   };
   const char* const kDefault = "blue inactive default, | default 10.0.0.1/24 | default 10.0.0.1/24 | ";
   const char* const kBlue = "blue active default, | blue 10.0.0.1/24 | default 10.0.0.1/24 | ";
-  const struct {
-    const char* what;
-    std::function<void()> happens;
-    std::string shown;
-  } cases[] = {
+  const std::vector<Event> events = {
       {"not there", [] {}, kDefault},
       {"the device comes", [&] { host.addVrf("blue", 40); },
        "blue active default, | default 10.0.0.1/24 | default 10.0.0.1/24 | "},
@@ -264,13 +267,7 @@ TEST_F(VrfsTest, DevicesHoldVrfs) {
       {"two VRFs of one device", [&] { rig->vrfIs("cyan", 9, "default", "blue"); },
        "blue inactive default, cyan inactive default, | default 10.0.0.1/24 | default 10.0.0.1/24 | "},
   };
-  const Reports reports;
-  for (const auto& item : cases) {
-    SCOPED_TRACE(item.what);
-    item.happens();
-    settle();
-    EXPECT_EQ(shown(), item.shown);
-  }
+  expectEach(events, shown);
   EXPECT_THAT(problem("vrfs.blue.device"), testing::HasSubstr("blue is no VRF device"));
   EXPECT_THAT(problem("vrfs.cyan.device"), testing::HasSubstr("blue is that of VRF blue"));
 }
