@@ -24,6 +24,8 @@ constexpr char kSource[] = "ArpSuppression/MessageTapSocketSm";
 // work nor a burst on several ports loses any. More would only be a longer queue: what waits in this one is
 // answered within some 20 ms.
 constexpr int kTrapReceiveBuffer = 2 << 20;
+// Seconds between attempts while nothing will tell that the device has place. Each may cost a frame.
+constexpr double kOthersFillQueue = 0.1;
 
 // As socket(2) takes it, but in host byte order; 0 for the invalid one.
 std::uint16_t socketProtocol(MessageTapSocketSm::Protocol protocol) {
@@ -153,6 +155,7 @@ void MessageTapSocketSm::awaitSentIs(bool await) {
   if (!await) return;
   const int unsent = Lanix::PacketSockets::current().unsent(socket());
   awaitedUnsent_ = unsent == 0 ? -1 : unsent / 2;
+  if (unsent == 0) scheduleWalk(kOthersFillQueue);
 }
 
 int MessageTapSocketSm::socket() const { return fileDescriptor_ ? fileDescriptor_->descriptor() : -1; }

@@ -40,7 +40,8 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
   // The open socket, or -1.
   int socket() const;
   // After a refused write: readiness does not schedule the walk before half of what waits in the device's
-  // queue has left it; nor ever, when the queue is full of others' frames. False: any readiness does.
+  // queue has left it. With none of ours in the queue (others filled it, or it was emptied since) no readiness
+  // will tell of place: the walk runs 0.1 s later. False: any readiness schedules it.
   void awaitSentIs(bool await);
   void dumpSocket(Orb::DumpContext& context, int indent) const;
 

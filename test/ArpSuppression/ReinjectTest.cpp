@@ -170,12 +170,23 @@ TEST(Reinject, a_failed_write_costs_one_message_and_the_rest_waits_for_the_next_
     rig.settle();
     EXPECT_EQ(queue->messages(), 3u);
     EXPECT_EQ(queue->queueLimitCurrent(), 50u);
-    EXPECT_FALSE(rig.eventLoop().step(0)) << "nothing is tried again by itself";
+    EXPECT_FALSE(rig.eventLoop().step(0)) << "nothing is tried again at once";
+    if (error == ENOBUFS) {
+      // No frame of ours is in the full queue, whose end could tell of place.
+      rig.clock.advance(0.1);
+      rig.settle();
+      EXPECT_EQ(queue->messages(), 2u);
+    }
     rig.sockets.fails(TestSupport::FakePacketSockets::Call::send, 0, 0);
-    queue->enqueueMessage(message({}));
+    if (error == ENOBUFS) {
+      rig.clock.advance(0.1);
+    } else {
+      queue->enqueueMessage(message({}));
+    }
     rig.settle();
     EXPECT_EQ(queue->messages(), 0u);
-    EXPECT_EQ(rig.takeCounters(), "reinjected=4 reinjectWriteFailed=1");
+    EXPECT_EQ(rig.takeCounters(),
+              error == ENOBUFS ? "reinjected=2 reinjectWriteFailed=2" : "reinjected=4 reinjectWriteFailed=1");
   }
 
   // The refused frame's own end tells nothing. Together with those of half the frames that waited it does.
