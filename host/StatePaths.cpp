@@ -6,6 +6,7 @@
 #include "Switch/Config.h"
 #include "Switch/Forwarding.h"
 #include "Switch/Problems.h"
+#include "Switch/Readiness.h"
 
 namespace Host {
 
@@ -44,6 +45,7 @@ const std::vector<StatePath>& statePaths() {
       {Switch::kConfigPath, Switch::kConfigType, tree, fixed, nullptr, false},
       {Switch::kForwardingPath, Switch::kForwardingType, tree, byPlugin, kSoftForward, false},
       {Switch::kProblemsPath, Switch::kProblemsType, tree, fixed, nullptr, false},
+      {Switch::kReadinessPath, Switch::kReadinessType, tree, fixed, nullptr, false},
       {"vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status", sharedMemory, byPlugin, kKernelState, false},
   };
   // clang-format on

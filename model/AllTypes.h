@@ -16,6 +16,7 @@
 #include "Switch/Config.h"
 #include "Switch/Forwarding.h"
 #include "Switch/Problems.h"
+#include "Switch/Readiness.h"
 #include "Vrf/VrfIdMap.h"
 
 namespace Model {
@@ -40,6 +41,7 @@ void forEachStateType(Visit&& visit) {
   visit.template operator()<Switch::Config>("Switch::Config");
   visit.template operator()<Switch::Forwarding>("Switch::Forwarding");
   visit.template operator()<Switch::Problems>("Switch::Problems");
+  visit.template operator()<Switch::Readiness>("Switch::Readiness");
 }
 
 template <class Visit>

@@ -27,7 +27,10 @@ class VlanForwarding final : public Mox::Entity {
 class Forwarding final : public Mox::Entity {
  public:
   MOX_CHILDREN(Bridging::VlanId, VlanForwarding, vlan)
-  MOX_MEMBERS(vlan)
+  // Nobody tells the programs that the agent is there, though suppression is active on some VLAN: everything
+  // is flooded as if there were none.
+  MOX_ATTRIBUTE(bool, failingOpen, false)
+  MOX_MEMBERS(vlan, failingOpen)
 };
 
 inline constexpr const char* kForwardingPath = "switch/forwarding";
