@@ -25,6 +25,8 @@ constexpr std::size_t kMaxFileBytes = std::size_t{64} << 20;
 constexpr std::size_t kMaxPathBytes = 1024;
 constexpr int kMaxTraceLevel = 9;
 constexpr std::uint32_t kMaxRefreshSeconds = 86400;
+constexpr std::uint32_t kMaxPolicer = 1000000;
+constexpr std::uint32_t kMaxFailOpenSeconds = 60;
 constexpr const char* kDevice = "a kernel device name of at most 15 bytes";
 
 bool isAbsolute(const std::string& path) {
@@ -99,6 +101,10 @@ class Reader {
         return fail(at, describe(element) + " is there twice");
       to.push_back(element);
     }
+  }
+  void boolean(const std::string& key, const json& value, bool& to) {
+    if (!value.is_boolean()) return isNot(key, value, "true or false");
+    to = value.get<bool>();
   }
   template <class Number>
   void number(const std::string& key, const json& value, Number& to, Number least, Number most) {
@@ -202,9 +208,9 @@ void readVlans(Reader& reader, const std::string& key, const json& value, Config
               [&](const auto& k, const auto& v) {
                 reader.strings(k, v, vlan.tunnelPorts, isDeviceName, kDevice);
               }},
-             {"vrf", [&](const auto& k, const auto& v) {
-                reader.string(k, v, vlan.vrf, isPrintable, "the name of a VRF");
-              }}});
+             {"vrf", [&](const auto& k,
+                         const auto& v) { reader.string(k, v, vlan.vrf, isPrintable, "the name of a VRF"); }},
+             {"suppression", [&](const auto& k, const auto& v) { reader.boolean(k, v, vlan.suppression); }}});
         config.vlans[vlanId->value()] = vlan;
       });
 }
@@ -217,6 +223,49 @@ void checkVlanVrfs(Reader& reader, const Config& config) {
     for (const auto& [name, vrf] : config.vrfs) names += ", " + name;
     reader.fail("vlans." + std::to_string(vlanId) + ".vrf",
                 describe(vlan.vrf) + " is not a VRF of this configuration; allowed: " + names);
+  }
+}
+
+void readPolicer(Reader& reader, const std::string& key, const json& value, Switch::Policer& policer) {
+  const auto into = [&](std::uint32_t& to) {
+    return
+        [&](const std::string& k, const json& v) { reader.number<std::uint32_t>(k, v, to, 1, kMaxPolicer); };
+  };
+  reader.object(key, value, {{"perSecond", into(policer.perSecond)}, {"burst", into(policer.burst)}});
+}
+
+void readSoftForward(Reader& reader, const std::string& key, const json& value, SoftForwardSettings& to) {
+  const auto readPorts = [&](const std::string& k, const json& v) {
+    reader.eachKey(k, v, "an object of ports by kernel device",
+                   [&](const std::string& at, const std::string& name, const json& content) {
+                     if (!isDeviceName(name)) return reader.isNot(k, name, kDevice);
+                     Switch::Policer& policer = to.portPolicers.emplace(name, to.policer).first->second;
+                     reader.object(at, content, {{"policer", [&](const std::string& below, const json& v) {
+                                                    readPolicer(reader, below, v, policer);
+                                                  }}});
+                   });
+  };
+  json ports = json::object();
+  reader.object(key, value,
+                {{"policer", [&](const auto& k, const auto& v) { readPolicer(reader, k, v, to.policer); }},
+                 {"failOpenSeconds",
+                  [&](const auto& k, const auto& v) {
+                    reader.number<std::uint32_t>(k, v, to.failOpenSeconds, 1, kMaxFailOpenSeconds);
+                  }},
+                 {"ports", [&](const auto&, const auto& v) { ports = v; }}});
+  // Last: what a port leaves out is as for all ports.
+  if (reader.good()) readPorts(key + ".ports", ports);
+}
+
+// What means nothing without SoftForward would be believed to be in force.
+void checkSoftForward(Reader& reader, const json& file, const Config& config) {
+  if (std::ranges::find(config.agents, kSoftForward) != config.agents.end()) return;
+  if (file.contains("softForward"))
+    reader.fail("softForward", "does nothing without the agent SoftForward; name it in \"agents\"");
+  for (const auto& [vlanId, vlan] : config.vlans) {
+    if (vlan.suppression) continue;
+    reader.fail("vlans." + std::to_string(vlanId) + ".suppression",
+                "false does nothing without the agent SoftForward; name it in \"agents\"");
   }
 }
 
@@ -242,11 +291,7 @@ Mox::Result<Config> parseConfig(std::string_view text, const std::string& file) 
                   [&](const auto& k, const auto& v) {
                     reader.string(k, v, config.runDirectory, isAbsolute, "an absolute path");
                   }},
-                 {"hardware",
-                  [&](const auto& k, const auto& v) {
-                    if (!v.is_boolean()) return reader.isNot(k, v, "true or false");
-                    config.hardware = v.template get<bool>();
-                  }},
+                 {"hardware", [&](const auto& k, const auto& v) { reader.boolean(k, v, config.hardware); }},
                  {"agents",
                   [&](const auto& k, const auto& v) {
                     reader.strings(k, v, config.agents, isPlugin, "one of " + pluginNames());
@@ -256,6 +301,8 @@ Mox::Result<Config> parseConfig(std::string_view text, const std::string& file) 
                   }},
                  {"vrfs", [&](const auto& k, const auto& v) { readVrfs(reader, k, v, config); }},
                  {"vlans", [&](const auto& k, const auto& v) { readVlans(reader, k, v, config); }},
+                 {"softForward",
+                  [&](const auto& k, const auto& v) { readSoftForward(reader, k, v, config.softForward); }},
                  {"state", [&](const auto&, const auto& v) { state = v; }},
                  {"featureDirectory",
                   [&](const auto& k, const auto& v) {
@@ -272,6 +319,7 @@ Mox::Result<Config> parseConfig(std::string_view text, const std::string& file) 
                                    });
                   }}});
   checkVlanVrfs(reader, config);
+  if (reader.good()) checkSoftForward(reader, *parsed, config);
   if (config.hardware && std::ranges::find(config.agents, "SoftForward") != config.agents.end()) {
     reader.fail("hardware", "true does not go with the agent SoftForward, whose traps nobody would read");
   }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Mox/Result.h"
+#include "Switch/Config.h"
 
 namespace Host {
 
@@ -23,6 +24,13 @@ struct VlanSettings {
   std::string bridge;
   std::vector<std::string> tunnelPorts;
   std::string vrf;  // "": whichever its interface is in
+  bool suppression = true;
+};
+
+struct SoftForwardSettings {
+  Switch::Policer policer;
+  std::map<std::string, Switch::Policer> portPolicers;  // by kernel device; complete
+  std::uint32_t failOpenSeconds = 3;
 };
 
 // The configuration file, checked as a whole. JSON; comments (// and /* */) are allowed.
@@ -34,7 +42,12 @@ struct VlanSettings {
 //                           device), each unique; "default" needs no entry
 //   vlans                   by VLAN id: bridge (a kernel device; default vlanN), tunnelPorts (list of kernel
 //                           devices; default none), vrf (the VRF that its interface must be in, "default" or
-//                           one of vrfs; default whichever it is in)
+//                           one of vrfs; default whichever it is in), suppression (default true; false, with
+//                           SoftForward only: the VLAN is left alone)
+//   softForward             with SoftForward only: policer of each port (perSecond and burst, 1 to 1000000,
+//                           default 600), ports (by kernel device: policer, by default the one of all ports),
+//                           failOpenSeconds (1 to 60, default 3: how long after the agent's last sign of life
+//                           everything is flooded)
 //   state                   by path: what merges into that state before any plug-in starts
 //   featureDirectory        absolute path of the folder with the group files of feature switches; default
 //                           none
@@ -46,6 +59,7 @@ struct Config {
   std::vector<std::string> agents;
   std::map<std::string, VrfSettings> vrfs;
   std::map<std::uint16_t, VlanSettings> vlans;
+  SoftForwardSettings softForward;
   nlohmann::json state = nlohmann::json::object();  // every path is known, settable, and its content is good
   std::string featureDirectory;
   std::map<std::string, int> trace;

@@ -121,7 +121,13 @@ Mox::Result<> State::build(const Config& config) {
     entity->bridgeIs(vlan.bridge);
     entity->tunnelPortsIs(vlan.tunnelPorts);
     entity->vrfIs(vlan.vrf);
+    entity->suppressionIs(vlan.suppression);
   }
+  const Mox::Ptr<Switch::SoftForwardConfig> softForward = switchConfig->softForward();
+  softForward->policerIs(config.softForward.policer);
+  softForward->failOpenSecondsIs(config.softForward.failOpenSeconds);
+  for (const auto& [port, policer] : config.softForward.portPolicers)
+    softForward->portPolicerIs(port, policer);
   switchConfig->agentsIs(config.agents);
   switchConfig->neighborRefreshSecondsIs(config.neighborRefreshSeconds);
   for (const StatePath& state : statePaths()) {

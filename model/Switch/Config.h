@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <tuple>
 #include <vector>
 
 #include "Bridging/VlanId.h"
 #include "Lanix/NamespaceName.h"
 #include "Mox/Attribute.h"
+#include "Mox/Strep.h"
 #include "Vrf/VrfId.h"
 
 // What the operator says about this switch in the configuration file, for the plug-ins that turn a Linux
@@ -42,10 +44,39 @@ class VlanConfig final : public Mox::Entity {
   MOX_ATTRIBUTE(std::vector<Mox::String>, tunnelPorts)
   // The VRF that its interface must be in to have layer 3; "": whichever it is in.
   MOX_ATTRIBUTE(Mox::String, vrf)
-  MOX_MEMBERS(bridge, tunnelPorts, vrf)
+  // false: SoftForward leaves the VLAN alone, and its requests are flooded as without suppression.
+  MOX_ATTRIBUTE(bool, suppression, true)
+  MOX_MEMBERS(bridge, tunnelPorts, vrf, suppression)
 
  private:
   Bridging::VlanId vlanId_;
+};
+
+// A token bucket: so many frames a second on average, and at most `burst` at once. What it refuses is flooded
+// as without suppression.
+struct Policer {
+  std::uint32_t perSecond = 600;
+  std::uint32_t burst = 600;
+
+  static constexpr auto moxFields() {
+    return std::tuple(Mox::Field("perSecond", &Policer::perSecond), Mox::Field("burst", &Policer::burst));
+  }
+  friend bool operator==(const Policer&, const Policer&) = default;
+};
+
+// How SoftForward's programs treat ports.
+class SoftForwardConfig final : public Mox::Entity {
+ public:
+  // Of each port's frames to the agent; `portPolicer` has, by kernel name, the ports that differ.
+  MOX_ATTRIBUTE(Policer, policer)
+  MOX_MAP(Mox::String, Policer, portPolicer)
+  // How many seconds after the agent's last sign of life everything is flooded.
+  MOX_ATTRIBUTE(std::uint32_t, failOpenSeconds, 3)
+  MOX_MEMBERS(policer, portPolicer, failOpenSeconds)
+
+  Policer policerOf(const Mox::String& port) const {
+    return portPolicerHas(port) ? portPolicer(port) : policer();
+  }
 };
 
 // At "switch/config".
@@ -59,6 +90,13 @@ class Config final : public Mox::Entity {
   // How old the last proof of a kernel neighbour's address may become before the kernel is asked to probe it.
   MOX_ATTRIBUTE(std::uint32_t, neighborRefreshSeconds, 240)
   MOX_MEMBERS(vrf, vlan, agents, neighborRefreshSeconds)
+
+  // Never null, always the same.
+  const Mox::Ptr<SoftForwardConfig>& softForward() { return softForward_; }
+  Mox::Ptr<const SoftForwardConfig> softForward() const { return softForward_; }
+
+ private:
+  const Mox::Ptr<SoftForwardConfig> softForward_ = Mox::make<SoftForwardConfig>();
 };
 
 inline constexpr const char* kConfigPath = "switch/config";

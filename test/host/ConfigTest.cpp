@@ -13,12 +13,14 @@ std::string errorOf(const std::string& text) { return parseConfig(text, "agent.j
 
 TEST(Config, takesEveryKeyAndComments) {
   const auto config = parseConfig(R"(// "{[ of a comment counts for nothing
-    { /* "nor { here */ "runDirectory": "/tmp/a//b", "hardware": true,
-      "agents": ["ArpSuppression", "ArpService"],
+    { /* "nor { here */ "runDirectory": "/tmp/a//b", "hardware": false,
+      "agents": ["ArpSuppression", "SoftForward"],
       "vrfs": {"red": {"id": 5, "networkNamespace": "red"}, "blue": {"id": 16777214, "networkNamespace": "b"},
                "green": {"id": 7, "device": "b"}},
       "vlans": {"10": {"bridge": "vlan10", "tunnelPorts": ["core10", "core11"]}, "4094": {"bridge": "br0"},
-                "20": {"bridge": "br0", "vrf": "green"}, "30": {"vrf": "default"}},
+                "20": {"bridge": "br0", "vrf": "green", "suppression": false}, "30": {"vrf": "default"}},
+      "softForward": {"ports": {"Ethernet1": {"policer": {"perSecond": 5000}}, "Ethernet2": {}},
+                      "policer": {"perSecond": 1000000, "burst": 1}, "failOpenSeconds": 60},
       "state": {"bridging/config/": {"bridgeMacAddr": "02:00:00:00:be:ef", "vidToFidMap": {"10": 110}},
                 "bridging/status": {"fdb": {"10 02:00:00:00:00:01": {"entryType": "static", "intf": "Ethernet1"}}},
                 "kni/ns/red/status": {"interface": {"vlan10": {"ifIndex": 7}}}},
@@ -27,13 +29,18 @@ TEST(Config, takesEveryKeyAndComments) {
                                   "agent.json");
   ASSERT_TRUE(config) << config.error();
   EXPECT_EQ(config->runDirectory, "/tmp/a//b");
-  EXPECT_TRUE(config->hardware);
-  EXPECT_THAT(config->agents, testing::ElementsAre("ArpService", "ArpSuppression"));
+  EXPECT_THAT(config->agents, testing::ElementsAre("SoftForward", "ArpSuppression"));
   EXPECT_EQ(config->vrfs.at("red").networkNamespace, "red");
   EXPECT_EQ(config->vrfs.at("blue").id, 16777214u);
   EXPECT_EQ(config->vrfs.at("green").networkNamespace + " " + config->vrfs.at("green").device, "default b");
   EXPECT_EQ(config->vlans.at(20).vrf, "green");
   EXPECT_EQ(config->vlans.at(30).bridge, "vlan30");
+  EXPECT_FALSE(config->vlans.at(20).suppression);
+  EXPECT_TRUE(config->vlans.at(30).suppression);
+  const auto& ports = config->softForward.portPolicers;
+  EXPECT_EQ(ports.at("Ethernet1"), (Switch::Policer{5000, 1}));  // what it leaves out is as for all ports
+  EXPECT_EQ(ports.at("Ethernet2"), (Switch::Policer{1000000, 1}));
+  EXPECT_EQ(config->softForward.failOpenSeconds, 60u);
   EXPECT_THAT(config->vlans.at(10).tunnelPorts, testing::ElementsAre("core10", "core11"));
   EXPECT_THAT(config->vlans.at(4094).tunnelPorts, testing::IsEmpty());
   EXPECT_EQ(config->state.size(), 3u);
@@ -41,6 +48,7 @@ TEST(Config, takesEveryKeyAndComments) {
   EXPECT_EQ(config->neighborRefreshSeconds, 86400u);
   EXPECT_EQ(config->trace.at("ArpSuppression"), 8);
   ASSERT_TRUE(parseConfig("{}", "agent.json"));
+  EXPECT_TRUE(parseConfig(R"({"hardware": true})", "agent.json")->hardware);
 }
 
 // What is wrong, where, and what would be right.
@@ -96,6 +104,18 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
        "vlans.10.tunnelPorts[0]: \"a/b\" is not"},
       {R"({"vlans": {"10": {"bridge": "b", "tunnelPorts": ["c", "c"]}}})",
        "vlans.10.tunnelPorts[1]: \"c\" is there twice"},
+      {R"({"vlans": {"10": {"suppression": "no"}}})", "vlans.10.suppression: \"no\" is not true or false"},
+      {R"({"vlans": {"10": {"suppression": false}}})",
+       "vlans.10.suppression: false does nothing without the agent SoftForward"},
+      {R"({"softForward": {}})", "softForward: does nothing without the agent SoftForward"},
+      {R"({"softForward": {"answers": {}}})",
+       "softForward.answers: unknown key; allowed here: failOpenSeconds, policer, ports"},
+      {R"({"softForward": {"failOpenSeconds": 61}})", "failOpenSeconds: 61 is not a number from 1 to 60"},
+      {R"({"softForward": {"policer": {"burst": 0}}})",
+       "softForward.policer.burst: 0 is not a number from 1 to 1000000"},
+      {R"({"softForward": {"ports": {"a/b": {}}}})", "softForward.ports: \"a/b\" is not a kernel device"},
+      {R"({"softForward": {"ports": {"e1": {"policer": 5}}}})",
+       "softForward.ports.e1.policer: 5 is not an object of burst, perSecond"},
       {R"({"neighborRefreshSeconds": 0})", "neighborRefreshSeconds: 0 is not a number from 1 to 86400"},
       {R"({"trace": {"Arp": 10}})", "trace.Arp: 10 is not a number from 0 to 9"},
       {R"({"state": {"evpn/stat": {}}})", "state: evpn/stat: there is no such path; allowed: arp/"},

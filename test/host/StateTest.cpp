@@ -19,7 +19,9 @@ constexpr const char* kRemote = "arpSuppression/remoteBindingConfig/evpn";
 TEST(State, beginsWithWhatTheConfigurationSays) {
   RunDir runDir;
   HostState host(runDir, {{"vrfs", {{"red", {{"id", 5}, {"networkNamespace", "r"}}}}},
-                          {"vlans", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}}}}},
+                          {"vlans", {{"10", {{"tunnelPorts", {"core10"}}, {"suppression", false}}}}},
+                          {"agents", {"SoftForward"}},
+                          {"softForward", {{"policer", {{"burst", 5}}}, {"ports", {{"e1", json::object()}}}}},
                           {"state",
                            {{"evpn/status", {{"mplsConfigured", true}}},
                             {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"7", "blue"}}}}},
@@ -28,13 +30,18 @@ TEST(State, beginsWithWhatTheConfigurationSays) {
   EXPECT_EQ(host.show("kni/ns/red/status/"), json({{"interface", {{"vlan10", {{"ifIndex", 7}}}}}}));
   EXPECT_EQ(host.show("vrf/vrfIdMapStatus"),
             json({{"vrfIdToName", {{"0", "default"}, {"5", "red"}, {"7", "blue"}}}}));
-  EXPECT_EQ(host.show("switch/config"),
-            json({{"agents", json::array()},
-                  {"neighborRefreshSeconds", 240},
-                  {"vrf",
-                   {{"default", {{"id", 0}, {"networkNamespace", "default"}, {"device", ""}}},
-                    {"red", {{"id", 5}, {"networkNamespace", "r"}, {"device", ""}}}}},
-                  {"vlan", {{"10", {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}, {"vrf", ""}}}}}}));
+  EXPECT_EQ(
+      host.show("switch/config"),
+      json({{"agents", {"SoftForward"}},
+            {"neighborRefreshSeconds", 240},
+            {"vrf",
+             {{"default", {{"id", 0}, {"networkNamespace", "default"}, {"device", ""}}},
+              {"red", {{"id", 5}, {"networkNamespace", "r"}, {"device", ""}}}}},
+            {"vlan",
+             {{"10",
+               {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}, {"vrf", ""}, {"suppression", false}}}}}}));
+  const auto softForward = host.state->tree()->entityOf<Switch::Config>(Switch::kConfigPath)->softForward();
+  EXPECT_EQ(softForward->policerOf("e2").burst + softForward->portPolicer("e1").burst, 10u);
   EXPECT_EQ(host.show("ip/vrf/status/local"), json({{"vrf", json::object()}}));
   EXPECT_EQ(host.reports, "");
 }
