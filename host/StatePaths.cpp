@@ -7,6 +7,7 @@
 #include "Switch/Forwarding.h"
 #include "Switch/Problems.h"
 #include "Switch/Readiness.h"
+#include "Switch/VlanInterfaces.h"
 
 namespace Host {
 
@@ -46,6 +47,7 @@ const std::vector<StatePath>& statePaths() {
       {Switch::kForwardingPath, Switch::kForwardingType, tree, byPlugin, kSoftForward, false},
       {Switch::kProblemsPath, Switch::kProblemsType, tree, fixed, nullptr, false},
       {Switch::kReadinessPath, Switch::kReadinessType, tree, fixed, nullptr, false},
+      {Switch::kVlanInterfacesPath, Switch::kVlanInterfacesType, tree, byPlugin, kKernelState, false},
       {"vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status", sharedMemory, byPlugin, kKernelState, false},
   };
   // clang-format on

@@ -17,6 +17,7 @@
 #include "Switch/Forwarding.h"
 #include "Switch/Problems.h"
 #include "Switch/Readiness.h"
+#include "Switch/VlanInterfaces.h"
 #include "Vrf/VrfIdMap.h"
 
 namespace Model {
@@ -42,6 +43,7 @@ void forEachStateType(Visit&& visit) {
   visit.template operator()<Switch::Forwarding>("Switch::Forwarding");
   visit.template operator()<Switch::Problems>("Switch::Problems");
   visit.template operator()<Switch::Readiness>("Switch::Readiness");
+  visit.template operator()<Switch::VlanInterfaces>("Switch::VlanInterfaces");
 }
 
 template <class Visit>

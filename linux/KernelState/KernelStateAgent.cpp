@@ -25,7 +25,8 @@ KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Or
       neighbourTable_(Mox::make<NeighbourTable>(mounts->arpStatus)),
       reconcileSm_(states_, mounts->arpStatus, mounts->bridgingStatus, mounts->vrfIdMap, scheduler),
       vrfSm_(mounts->config, states_, mounts->vrfIdMap, vrfs_, mounts->vrfStatusLocal, problems_, scheduler),
-      vlanInterfaceSm_(mounts->config, states_, vrfs_, owners_, mounts->ipStatus, scheduler),
+      vlanInterfaceSm_(mounts->config, states_, vrfs_, owners_, mounts->ipStatus, mounts->vlanInterfaces,
+                       scheduler),
       intfStatusSm_(states_->stateIs(Lanix::kDefaultNamespace)),
       vlanNameSm_(mounts->config, states_, owners_, problems_, scheduler),
       bridgeMacSm_(owners_, scheduler),
@@ -62,6 +63,7 @@ void KernelStateAgent::doInit() {
   const Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
   group->mountIs(Switch::kProblemsPath, Switch::kProblemsType, "wc");
+  group->mountIs(Switch::kVlanInterfacesPath, Switch::kVlanInterfacesType, "wc");
   group->mountIs(kIpStatusPath, "Ip::Status", "wc");
   group->mountIs(kVrfStatusLocalPath, "Ip::AllVrfStatusLocal", "wc");
   group->mountIs(kBridgingConfigPath, "Bridging::Config", "rwS");
@@ -78,8 +80,10 @@ void KernelStateAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   mounts->problems = tree->entityOf<Switch::Problems>(Switch::kProblemsPath);
   mounts->ipStatus = tree->entityOf<Ip::Status>(kIpStatusPath);
   mounts->vrfStatusLocal = tree->entityOf<Ip::AllVrfStatusLocal>(kVrfStatusLocalPath);
-  if (!mounts->ipStatus || !mounts->vrfStatusLocal) {
-    KERNEL_STATE_TRACE(0, "KernelState does not run: " << kIpStatusPath << " or " << kVrfStatusLocalPath
+  mounts->vlanInterfaces = tree->entityOf<Switch::VlanInterfaces>(Switch::kVlanInterfacesPath);
+  if (!mounts->ipStatus || !mounts->vrfStatusLocal || !mounts->vlanInterfaces) {
+    KERNEL_STATE_TRACE(0, "KernelState does not run: " << kIpStatusPath << ", " << kVrfStatusLocalPath
+                                                       << " or " << Switch::kVlanInterfacesPath
                                                        << " has an entity of another type");
     return;
   }

@@ -23,6 +23,7 @@ struct KernelStateMounts final : public Mox::Referenced {
   Ptr<const Switch::Config> config;
   Ptr<Switch::Problems> problems;
   Ptr<Ip::Status> ipStatus;
+  Ptr<Switch::VlanInterfaces> vlanInterfaces;
   Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal;
   Ptr<Vrf::VrfIdMap::Status> vrfIdMap;
   Ptr<Arp::Table::Status> arpStatus;

@@ -25,7 +25,8 @@ void LinkSm::handleMessage(const Netlink::Received& message, Word word) {
     mirror_.gone(read->index);
   } else if (mirror_.said(read->index, word)) {
     linkIs(read->index, {read->name, read->mac, read->kind == "vrf", read->filtersVlans,
-                         read->masterKind == "vrf" ? read->master : 0, read->vlanId, read->lower});
+                         read->masterKind == "vrf" ? read->master : 0, read->vlanId, read->lower,
+                         read->kind == "veth" ? read->peerElsewhere : 0});
   }
 }
 

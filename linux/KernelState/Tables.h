@@ -31,6 +31,7 @@ struct Link {
   // An 802.1Q device: its VLAN, and the index of the device below it in whatever namespace that is.
   std::uint16_t vlanId = 0;
   IfIndex lower = 0;
+  IfIndex otherEnd = 0;  // of a veth pair that leads into another namespace, by its index there
   friend bool operator==(const Link&, const Link&) = default;
 };
 

@@ -15,16 +15,19 @@ constexpr double kGoing = 1;  // seconds
 
 VlanInterfaceSm::VlanInterfaceSm(Ptr<const Switch::Config> config, Ptr<const NamespaceStates> states,
                                  Ptr<const VrfPlaces> vrfs, Ptr<VlanOwners> owners, Ptr<Ip::Status> ipStatus,
+                                 Ptr<Switch::VlanInterfaces> vlanInterfaces,
                                  const Ptr<Orb::TaskScheduler>& scheduler)
     : config_(std::move(config), [this] { resolveAll(); }),
       started_(states),
       vrfs_(std::move(vrfs)),
       owners_(std::move(owners)),
       ipStatus_(std::move(ipStatus)),
+      vlanInterfaces_(std::move(vlanInterfaces)),
       resolveTask_(scheduler, "KernelState VLAN interfaces", kResolveLevel, [this] { resolveNext(); }),
       leftTask_(scheduler, "KernelState VLAN interfaces that left", kResolveLevel, [this] { judgeLeft(); }),
       states_(states, [this](StateWatch::Notifiee& state) { attach(state); }) {
   ipStatus_->ipIntfStatusDelAll();  // an earlier agent of this process
+  vlanInterfaces_->vlanDelAll();
   started_.on(NamespaceStates::startedChanged, [this] { resolveOf(Lanix::kDefaultNamespace); });
   vrfs_.on(VrfPlaces::vrfChanged, [this](const Lanix::NamespaceName& netNs) { resolveOf(netNs); });
   vrfs_.on(VrfPlaces::deviceVrfChanged, [this] { resolveOf(Lanix::kDefaultNamespace); });
@@ -161,6 +164,7 @@ void VlanInterfaceSm::resolve(const Lanix::IntfId& intf) {
   if (before.ifIndex != 0 &&
       (owner.ifIndex != before.ifIndex || owner.netNs != before.netNs || owner.vrf.name != before.vrf.name)) {
     ipStatus_->ipIntfStatusDel(intf);
+    vlanInterfaces_->vlanDel(Bridging::VlanId(intf.vlanNumber()));
     owners_->ownerDel(intf);
   }
   if (owner.ifIndex == 0) return;
@@ -175,6 +179,13 @@ void VlanInterfaceSm::publish(const Lanix::IntfId& intf, const VlanOwner& owner)
   status->activeAddrIs(addresses.empty() ? Lanix::IpGenPrefix() : addresses.front());
   if (!addresses.empty()) addresses.erase(addresses.begin());
   status->activeSecondaryAddrIs(std::move(addresses));
+  const Bridging::VlanId vlanId(intf.vlanNumber());
+  const IfIndex otherEnd = states_->state(owner.netNs)->link(owner.ifIndex).otherEnd;
+  if (otherEnd == 0 || owner.netNs == Lanix::kDefaultNamespace) {
+    vlanInterfaces_->vlanDel(vlanId);
+  } else {
+    vlanInterfaces_->vlanIs(vlanId, {owner.ifIndex, otherEnd});
+  }
 }
 
 }  // namespace KernelState

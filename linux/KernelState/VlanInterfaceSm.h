@@ -8,6 +8,7 @@
 #include "KernelState/StateWatch.h"
 #include "KernelState/Tables.h"
 #include "Orb/TaskScheduler.h"
+#include "Switch/VlanInterfaces.h"
 
 namespace KernelState {
 
@@ -26,7 +27,7 @@ class VlanInterfaceSm final : public Mox::Entity {
  public:
   VlanInterfaceSm(Ptr<const Switch::Config> config, Ptr<const NamespaceStates> states,
                   Ptr<const VrfPlaces> vrfs, Ptr<VlanOwners> owners, Ptr<Ip::Status> ipStatus,
-                  const Ptr<Orb::TaskScheduler>& scheduler);
+                  Ptr<Switch::VlanInterfaces> vlanInterfaces, const Ptr<Orb::TaskScheduler>& scheduler);
 
   // Some are yet to be decided anew.
   bool busy() const { return !unresolved_.empty(); }
@@ -58,6 +59,7 @@ class VlanInterfaceSm final : public Mox::Entity {
   Mox::Notifiee<const VrfPlaces> vrfs_;
   Ptr<VlanOwners> owners_;
   Ptr<Ip::Status> ipStatus_;
+  Ptr<Switch::VlanInterfaces> vlanInterfaces_;
   // Who has a device of the VLAN interface's name.
   std::map<Lanix::IntfId, std::map<Lanix::NamespaceName, IfIndex>> candidates_;
   std::map<Device, Lanix::IntfId> intfOf_;

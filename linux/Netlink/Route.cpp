@@ -80,7 +80,8 @@ std::optional<Link> readLink(const Received& message) {
   Link link;
   link.index = static_cast<IfIndex>(header->ifi_index);
   link.master = attributes.u32(IFLA_MASTER).value_or(0);
-  if (!attributes.has(IFLA_LINK_NETNSID)) link.peer = attributes.u32(IFLA_LINK).value_or(0);
+  (attributes.has(IFLA_LINK_NETNSID) ? link.peerElsewhere : link.peer) =
+      attributes.u32(IFLA_LINK).value_or(0);
   link.flags = header->ifi_flags;
   link.operational = attributes.u8(IFLA_OPERSTATE) == kOperationalUp;
   link.mtu = attributes.u32(IFLA_MTU).value_or(0);

@@ -34,6 +34,7 @@ struct Link {
   IfIndex index = 0;
   IfIndex master = 0;            // the bridge, bond ... above; 0: none
   IfIndex peer = 0;              // veth: the other end, when that is in this namespace; 0: none
+  IfIndex peerElsewhere = 0;     // and its index there when it is in another one
   std::uint32_t flags = 0;       // IFF_*
   bool operational = false;      // up, and its carrier noticed: frames pass (IF_OPER_UP)
   std::uint32_t mtu = 0;         // bytes

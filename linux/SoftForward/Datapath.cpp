@@ -106,6 +106,11 @@ void Datapath::activeVlanIs(std::uint16_t id, bool active) {
   dirty_.insert(id);
 }
 
+void Datapath::interfaceIs(std::uint16_t id, Switch::VlanInterface interface) {
+  vlans_[id].interface = interface;
+  dirty_.insert(id);
+}
+
 void Datapath::ownTrappedIs(bool trapped) {
   if (std::exchange(ownTrapped_, trapped) != trapped) allVlansDirty();
   trunks_.ownTrappedIs(trapped);
@@ -204,6 +209,10 @@ void Datapath::linkChanged(const Netlink::Link& link, LinkTable::Change change) 
       static_cast<void>(programs_.portDel(link.index));  // without its device an entry is never asked for
     }
   }
+  // A port that leaves its bridge leaves its entries there.
+  if (const auto port = ports_.find(link.index); port != ports_.end())
+    if (Vlan& vlan = vlans_[port->second.vlan]; vlan.taking == link.index && link.master != vlan.paths.bridge)
+      vlan.taking = 0;
   if (change == LinkTable::Change::gone) {
     trunks_.linkGone(link);
   } else {
@@ -266,7 +275,7 @@ void Datapath::look(std::uint16_t id) {
     if (known == vlans_.end()) return;
     standing = lookVlan(id, known->second);
     if (!known->second.configured) {
-      if (!known->second.active) vlans_.erase(known);
+      if (!known->second.active && known->second.interface.otherEnd == 0) vlans_.erase(known);
       return;
     }
   }

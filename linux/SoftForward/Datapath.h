@@ -41,6 +41,7 @@
 #include "SoftForward/Programs.h"
 #include "SoftForward/Standing.h"
 #include "SoftForward/Trunks.h"
+#include "Switch/VlanInterfaces.h"
 
 namespace SoftForward {
 
@@ -83,8 +84,12 @@ class Datapath {
   // Frames from this address are trapped nowhere: that of the switch itself, when nobody would act on what it
   // asks. Zero: there is none.
   void passedAddressIs(const Lanix::EthAddr& address);
-  // The VLANs' bridges take frames to this address as their own. Zero: there is none.
+  // Frames to this address are for the VLANs' interfaces. Zero: there is none.
   void sharedAddressIs(const Lanix::EthAddr& address);
+
+  // The VLAN's interface is not its bridge but in another namespace; or it is its bridge. Independent of
+  // vlanIs().
+  void interfaceIs(std::uint16_t vlan, Switch::VlanInterface interface);
 
   // The next piece of work; whether there may be more. The first ones read what is there; the last ones
   // remove what earlier runs left and nobody wants: programs on ports of no VLAN, ways into bridges of none.
@@ -111,7 +116,8 @@ class Datapath {
     bool trapped = false;  // in the programs' map
     VlanPaths paths;
     std::set<Netlink::IfIndex> ports;
-    Netlink::IfIndex takingBridge = 0;  // takes frames to the shared address since this run
+    Switch::VlanInterface interface;
+    Netlink::IfIndex taking = 0;  // takes frames to the shared address since this run
   };
   struct Peer;
 
@@ -148,6 +154,8 @@ class Datapath {
   void portsAre(std::uint16_t id, Vlan& vlan, const Ports& ports, Standing& standing);
   void wayInIs(std::uint16_t id, const Netlink::Link& bridge, Netlink::IfIndex& wayIn, Standing& standing);
   void sharedAddressIn(std::uint16_t id, Vlan& vlan, const Netlink::Link& bridge, Standing& standing);
+  const Netlink::Link& interfaceIn(const Vlan& vlan, const Netlink::Link& bridge) const;
+  Mox::Result<> takenBack(const Pairs::Taken& taken);
   void withdraw(std::uint16_t id, Vlan& vlan, Standing& standing);
   Mox::Result<> trappedIs(std::uint16_t id, Vlan& vlan, bool trapped);
   Mox::Result<> pathsAre(std::uint16_t id, Vlan& vlan, VlanPaths paths);

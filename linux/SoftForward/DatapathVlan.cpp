@@ -86,11 +86,9 @@ void Datapath::lookTrunk(std::uint16_t id, Vlan& vlan, const Netlink::Link& brid
   // What it had of its own while the bridge did not filter.
   const auto plain = pairs_.find(wayInNames(id));
   if (!vlan.ports.empty() || (plain && *plain)) {
-    const Lanix::EthAddr taken = plain && *plain ? Pairs::takenBy((*plain)->outer) : Lanix::EthAddr();
-    if (!taken.isZero()) {
-      standing.complain(vlanName(id) + ", shared gateway MAC", pairs_.bridgeTakes(bridge, taken, false));
-      trunks_.sharedAddressLost(bridge.index);
-    }
+    const Pairs::Taken taken = plain && *plain ? Pairs::takenBy((*plain)->outer) : Pairs::Taken();
+    standing.complain(vlanName(id) + ", shared gateway MAC", takenBack(taken));
+    if (!taken.address.isZero()) trunks_.sharedAddressLost(bridge.index);
     withdraw(id, vlan, standing);
     if (plain && *plain) standing.complain(vlanName(id) + ", its way in", pairs_.del((*plain)->outer));
     dirty_.insert(id);
@@ -105,7 +103,7 @@ void Datapath::withdraw(std::uint16_t id, Vlan& vlan, Standing& standing) {
   standing.complain(subject, trappedIs(id, vlan, false));
   for (const Netlink::IfIndex ifIndex : std::set(vlan.ports)) standing.complain(subject, portDel(ifIndex));
   standing.complain(subject, pathsAre(id, vlan, {}));
-  vlan.takingBridge = 0;
+  vlan.taking = 0;
   if (vlan.configured) return;
   if (const auto pair = pairs_.find(wayInNames(id)); pair && *pair)
     standing.complain(subject, pairs_.del((*pair)->outer));
@@ -149,20 +147,37 @@ void Datapath::sharedAddressIn(std::uint16_t id, Vlan& vlan, const Netlink::Link
                                Standing& standing) {
   const auto pair = pairs_.find(wayInNames(id));
   if (!pair || !*pair) return;
-  // What an earlier run made the bridge take is noted at our own device, and goes with it.
+  // What an earlier run had made take it is noted at our own device, and goes with it.
   const Netlink::Link& wayIn = (*pair)->outer;
-  const Lanix::EthAddr before = Pairs::takenBy(wayIn);
-  if (before == sharedAddress_ && (before.isZero() || vlan.takingBridge == bridge.index)) return;
+  const Pairs::Taken before = Pairs::takenBy(wayIn);
+  const Netlink::Link& taker = interfaceIn(vlan, bridge);
+  const Pairs::Taken wanted =
+      sharedAddress_.isZero() ? Pairs::Taken() : Pairs::Taken{sharedAddress_, taker.index};
+  if (before == wanted && vlan.taking == wanted.device) return;
   Mox::Result<> result;
-  if (!before.isZero() && before != sharedAddress_) result = pairs_.bridgeTakes(bridge, before, false);
-  if (result && before != sharedAddress_) result = pairs_.takenIs(wayIn, sharedAddress_);
-  if (result && !sharedAddress_.isZero()) result = pairs_.bridgeTakes(bridge, sharedAddress_, true);
+  if (before != wanted) result = takenBack(before);
+  if (result && before != wanted) result = pairs_.takenIs(wayIn, wanted);
+  if (result && !sharedAddress_.isZero()) result = pairs_.takesIs(taker, sharedAddress_, true);
   if (result) {
-    vlan.takingBridge = bridge.index;
+    vlan.taking = wanted.device;
     return;
   }
   standing.refused = true;
   standing.complaints.push_back({vlanName(id) + ", shared gateway MAC", result.error(), {}});
+}
+
+// The bridge itself, or its port that the VLAN's interface in another namespace is the other end of.
+const Netlink::Link& Datapath::interfaceIn(const Vlan& vlan, const Netlink::Link& bridge) const {
+  const Netlink::Link* port = links_.find(vlan.interface.otherEnd);
+  const bool leadsThere = port != nullptr && port->kind == "veth" && port->master == bridge.index &&
+                          port->peerElsewhere == vlan.interface.ifIndex;
+  return leadsThere ? *port : bridge;
+}
+
+Mox::Result<> Datapath::takenBack(const Pairs::Taken& taken) {
+  const Netlink::Link* taker = links_.find(taken.device);
+  return taken.address.isZero() || taker == nullptr ? Mox::Result<>()
+                                                    : pairs_.takesIs(*taker, taken.address, false);
 }
 
 // --- Ports ---------------------------------------------------------------------------------------------

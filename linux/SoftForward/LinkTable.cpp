@@ -13,9 +13,9 @@ constexpr std::uint32_t kFlags = IFF_UP | IFF_NOARP;
 
 bool isSame(const Netlink::Link& a, const Netlink::Link& b) {
   const auto parts = [](const Netlink::Link& link) {
-    return std::tie(link.name, link.kind, link.master, link.peer, link.operational, link.mtu, link.group,
-                    link.xdpProgram, link.alias, link.port, link.filtersVlans, link.vlanProtocol,
-                    link.collectsMetadata);
+    return std::tie(link.name, link.kind, link.master, link.peer, link.peerElsewhere, link.operational,
+                    link.mtu, link.group, link.xdpProgram, link.alias, link.port, link.filtersVlans,
+                    link.vlanProtocol, link.collectsMetadata);
   };
   return parts(a) == parts(b) && (a.flags & kFlags) == (b.flags & kFlags);
 }

@@ -27,7 +27,7 @@ constexpr std::string_view kInnerSuffix = "-sw";
 constexpr std::string_view kWayIn = "fabin";
 constexpr std::string_view kPortSuffix = "-br";
 constexpr std::uint16_t kMaxVlan = 4094;
-constexpr std::string_view kTakes = "bridge takes ";
+constexpr std::string_view kTakes = "shared gateway MAC ";  // and what takes it
 // One request is not to hold up the event loop: the kernel takes some microseconds for a VLAN.
 constexpr std::size_t kVlansAtOnce = 256;
 
@@ -219,32 +219,44 @@ Mox::Result<> Pairs::xdpIs(const Link& link, int program) {
   return attached ? readAgain(link) : attached;
 }
 
-Lanix::EthAddr Pairs::takenBy(const Link& wayIn) {
-  const std::string_view alias = wayIn.alias;
-  if (!alias.starts_with(kTakes)) return {};
-  return Lanix::EthAddr::fromStrep(alias.substr(kTakes.size())).value_or(Lanix::EthAddr());
+Pairs::Taken Pairs::takenBy(const Link& wayIn) {
+  std::string_view alias = wayIn.alias;
+  const auto space = alias.rfind(' ');
+  if (!alias.starts_with(kTakes) || space < kTakes.size()) return {};
+  const std::string_view number = alias.substr(space + 1);
+  Taken taken;
+  const auto read = std::from_chars(number.data(), number.data() + number.size(), taken.device);
+  const auto address = Lanix::EthAddr::fromStrep(alias.substr(kTakes.size(), space - kTakes.size()));
+  if (read.ec != std::errc() || !address) return {};
+  taken.address = *address;
+  return taken;
 }
 
-Mox::Result<> Pairs::takenIs(const Link& wayIn, const Lanix::EthAddr& address) {
-  const std::string text = address.isZero() ? "" : std::string(kTakes) + address.toStrep();
+Mox::Result<> Pairs::takenIs(const Link& wayIn, const Taken& taken) {
+  const std::string text = taken.address.isZero() ? ""
+                                                  : std::string(kTakes) + taken.address.toStrep() + ' ' +
+                                                        std::to_string(taken.device);
   Message message(RTM_SETLINK);
   message.header(byIndex(wayIn.index)).bytes(IFLA_IFALIAS, std::as_bytes(std::span(text)));
   return named(wayIn, "setting its alias", requests_.request(std::move(message)));
 }
 
-Mox::Result<> Pairs::bridgeTakes(const Link& bridge, const Lanix::EthAddr& address, bool takes,
-                                 std::uint16_t vlan) {
+Mox::Result<> Pairs::takesIs(const Link& device, const Lanix::EthAddr& address, bool takes,
+                             std::uint16_t vlan) {
+  const bool self = device.kind == "bridge";
   ndmsg header{};
   header.ndm_family = AF_BRIDGE;
-  header.ndm_ifindex = static_cast<int>(bridge.index);
-  header.ndm_state = NUD_PERMANENT;
-  header.ndm_flags = NTF_SELF;
-  Message message(takes ? RTM_NEWNEIGH : RTM_DELNEIGH, takes ? NLM_F_CREATE : 0);
+  header.ndm_ifindex = static_cast<int>(device.index);
+  header.ndm_state = self ? NUD_PERMANENT : NUD_NOARP;
+  header.ndm_flags = self ? NTF_SELF : NTF_MASTER | NTF_STICKY;
+  Message message(takes ? RTM_NEWNEIGH : RTM_DELNEIGH, takes ? NLM_F_CREATE | NLM_F_REPLACE : 0);
   message.header(header).bytes(NDA_LLADDR, std::as_bytes(std::span(address.bytes())));
   if (vlan != 0) message.u16(NDA_VLAN, vlan);
   const auto result = requests_.request(std::move(message));
-  if (!takes && (result.number() == ENOENT || result.number() == ENODEV)) return {};
-  return named(bridge, takes ? "taking frames to the shared gateway MAC" : "leaving the shared gateway MAC",
+  // A port that has left its bridge has no entries.
+  const auto isGone = [](int number) { return number == ENOENT || number == ENODEV || number == EOPNOTSUPP; };
+  if (!takes && isGone(result.number())) return {};
+  return named(device, takes ? "taking frames to the shared gateway MAC" : "leaving the shared gateway MAC",
                result);
 }
 

@@ -79,13 +79,20 @@ class Pairs {
   // every driver. Replaces the one that is there.
   Mox::Result<> xdpIs(const Netlink::Link& link, int program);
 
-  // Frames to this address, besides those to its own, are delivered to the bridge device itself, as after
-  // "bridge fdb add ADDRESS dev BRIDGE self permanent"; or no longer. `vlan` 0: on all VLANs that it has now.
-  Mox::Result<> bridgeTakes(const Netlink::Link& bridge, const Lanix::EthAddr& address, bool takes,
-                            std::uint16_t vlan = 0);
-  // What is noted at the way in: the address that its bridge was made to take; zero: none.
-  static Lanix::EthAddr takenBy(const Netlink::Link& wayIn);
-  Mox::Result<> takenIs(const Netlink::Link& wayIn, const Lanix::EthAddr& address);
+  // Frames to this address go to the device: to the bridge itself, besides those to its own address, as after
+  // "bridge fdb add ADDRESS dev BRIDGE self permanent", or to the port of a bridge, as after "bridge fdb add
+  // ADDRESS dev PORT master static sticky", whatever else sends from that address. Or no longer. `vlan` 0: on
+  // all VLANs that the device has now.
+  Mox::Result<> takesIs(const Netlink::Link& device, const Lanix::EthAddr& address, bool takes,
+                        std::uint16_t vlan = 0);
+  // What is noted at the way in: what takes which address in its bridge.
+  struct Taken {
+    Lanix::EthAddr address;       // zero: nothing does
+    Netlink::IfIndex device = 0;  // the bridge or its port
+    friend bool operator==(const Taken&, const Taken&) = default;
+  };
+  static Taken takenBy(const Netlink::Link& wayIn);
+  Mox::Result<> takenIs(const Netlink::Link& wayIn, const Taken& taken);
 
   // The port of a bridge that filters VLANs carries just these, with a tag, and takes no frame without one.
   // Writes a few hundred of the differences, after which the table is to be read again; true: there were

@@ -18,6 +18,7 @@ void SoftForwardAgent::doInit() {
   const Mox::Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
   group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "wc");
+  group->mountIs(Switch::kVlanInterfacesPath, Switch::kVlanInterfacesType, "r");
   group->mountIs(kBridgingConfigPath, "Bridging::Config", "r");
   group->mountIs(kVrMacPath, "Routing::Fhrp::VirtualRouterMacStatus", "r");
   localEntitiesCreatedIs(true);
@@ -41,6 +42,7 @@ void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Sta
       Mox::make<SoftForwardSm>(taskSchedulerRoot()->scheduler(), programs_, switchConfig, status,
                                tree->entityOf<const Bridging::Config>(kBridgingConfigPath),
                                tree->entityOf<const Routing::Fhrp::VirtualRouterMacStatus>(kVrMacPath),
+                               tree->entityOf<const Switch::VlanInterfaces>(Switch::kVlanInterfacesPath),
                                forwarding, tree->entityOf<Switch::Problems>(Switch::kProblemsPath));
 }
 

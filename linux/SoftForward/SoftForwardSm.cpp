@@ -24,12 +24,14 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
                              Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus,
                              Mox::Ptr<const Bridging::Config> bridgingConfig,
                              Mox::Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
+                             Mox::Ptr<const Switch::VlanInterfaces> vlanInterfaces,
                              Mox::Ptr<Switch::Forwarding> forwarding, Mox::Ptr<Switch::Problems> problems)
     : WalkSmBase(scheduler, "SoftForward", kLevel),
       switchConfig_(std::move(switchConfig)),
       arpSuppressionStatus_(std::move(arpSuppressionStatus)),
       bridgingConfig_(std::move(bridgingConfig)),
       fhrpVrMacStatus_(std::move(fhrpVrMacStatus)),
+      vlanInterfaces_(std::move(vlanInterfaces)),
       forwarding_(std::move(forwarding)),
       problems_(std::move(problems), "SoftForward"),
       ownTrapped_(std::ranges::count(switchConfig_->agents(), kArpService) != 0),
@@ -45,6 +47,11 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
   bridgingConfig_.on(Bridging::Config::bridgeMacAddrChanged, [this] { handleAddresses(); });
   fhrpVrMacStatus_.on(Routing::Fhrp::VirtualRouterMacStatus::vgwVirtualMacChanged,
                       [this] { handleAddresses(); });
+  if (vlanInterfaces_) {
+    vlanInterfaces_.on(Switch::VlanInterfaces::vlanChanged,
+                       [this](Bridging::VlanId vlanId) { handleVlanInterface(vlanId); });
+    for (const auto& [vlanId, interface] : vlanInterfaces_->vlanCollection()) handleVlanInterface(vlanId);
+  }
   datapath_.ownTrappedIs(ownTrapped_);
   handleAddresses();
   for (const auto& [vlanId, vlan] : switchConfig_->vlanCollection()) {
@@ -117,6 +124,11 @@ void SoftForwardSm::handleAddresses() {
 
 void SoftForwardSm::handleVlanId(Bridging::VlanId vlanId) {
   datapath_.activeVlanIs(vlanId, arpSuppressionStatus_->vlanId(vlanId));
+  scheduleWalk();
+}
+
+void SoftForwardSm::handleVlanInterface(Bridging::VlanId vlanId) {
+  datapath_.interfaceIs(vlanId, vlanInterfaces_->vlan(vlanId));
   scheduleWalk();
 }
 

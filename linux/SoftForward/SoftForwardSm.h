@@ -15,6 +15,7 @@
 #include "Switch/Config.h"
 #include "Switch/Forwarding.h"
 #include "Switch/ProblemReporter.h"
+#include "Switch/VlanInterfaces.h"
 
 namespace SoftForward {
 
@@ -25,8 +26,9 @@ namespace SoftForward {
 // turns what the agent then decides into kernel neighbours. Without it nobody would answer, so it is left
 // alone.
 //
-// While the switch shares a gateway MAC with its peers, the VLANs' bridges take frames to it as their own: a
-// bridge floods what is for an address that it does not know, and hands none of it to its own device.
+// While the switch shares a gateway MAC with its peers, the VLANs' bridges are told that it is behind the
+// VLANs' interfaces: a bridge floods what is for an address that it does not know, and hands none of it to
+// its own device.
 //
 // The walk does what the data path has to do, one VLAN after the other, and rests as soon as that has nothing
 // left. Only the VLANs of a bridge's port are followed at once: until the programs know that a port has
@@ -40,6 +42,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
                 Mox::Ptr<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus,
                 Mox::Ptr<const Bridging::Config> bridgingConfig,
                 Mox::Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
+                Mox::Ptr<const Switch::VlanInterfaces> vlanInterfaces,
                 Mox::Ptr<Switch::Forwarding> forwarding, Mox::Ptr<Switch::Problems> problems);
   // Detaches everything and removes the devices that it made.
   ~SoftForwardSm() override;
@@ -54,6 +57,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   void followVlans();
   void handleAddresses();
   void handleVlanId(Bridging::VlanId vlanId);
+  void handleVlanInterface(Bridging::VlanId vlanId);
   void handleLooked(std::uint16_t id, const Standing& standing);
   bool isToReport(std::uint16_t id, const Standing& standing);
   void report(std::uint16_t id, const Standing& standing, bool main);
@@ -62,6 +66,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   Mox::Notifiee<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus_;
   Mox::Notifiee<const Bridging::Config> bridgingConfig_;
   Mox::Notifiee<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus_;
+  Mox::Notifiee<const Switch::VlanInterfaces> vlanInterfaces_;
   Mox::Ptr<Switch::Forwarding> forwarding_;
   Switch::ProblemReporter problems_;
   const bool ownTrapped_;

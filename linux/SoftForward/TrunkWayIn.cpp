@@ -98,12 +98,12 @@ void Trunks::sharedAddressIn(const Link& link, Bridge& bridge) {
   if (!pair || !*pair || !own) return;
   // What an earlier run made the bridge take is noted at our own device, and goes with it.
   const Link& wayIn = (*pair)->outer;
-  const Lanix::EthAddr before = Pairs::takenBy(wayIn);
+  const Lanix::EthAddr before = Pairs::takenBy(wayIn).address;
   bridge.taken = {};
   if (before != sharedAddress_) {
     bridge.taking.reset();
-    if (!before.isZero()) bridge.taken = pairs_.bridgeTakes(link, before, false);
-    if (bridge.taken) bridge.taken = pairs_.takenIs(wayIn, sharedAddress_);
+    if (!before.isZero()) bridge.taken = pairs_.takesIs(link, before, false);
+    if (bridge.taken) bridge.taken = pairs_.takenIs(wayIn, {sharedAddress_, link.index});
   }
   bridge.taking &= (*own)->carried;
   if (sharedAddress_.isZero()) return;
@@ -115,7 +115,7 @@ void Trunks::sharedAddressIn(const Link& link, Bridge& bridge) {
       dirtyBridges_.insert(link.index);
       return;
     }
-    bridge.taken = pairs_.bridgeTakes(link, sharedAddress_, true, static_cast<std::uint16_t>(vlan));
+    bridge.taken = pairs_.takesIs(link, sharedAddress_, true, static_cast<std::uint16_t>(vlan));
     if (bridge.taken) bridge.taking.set(vlan);
   }
 }
@@ -124,8 +124,8 @@ Mox::Result<> Trunks::sharedAddressBack(IfIndex index) {
   const auto pair = pairs_.find(trunkWayInNames(index));
   const Link* link = links_.find(index);
   if (link == nullptr || !pair || !*pair) return {};
-  const Lanix::EthAddr taken = Pairs::takenBy((*pair)->outer);
-  return taken.isZero() ? Mox::Result<>() : pairs_.bridgeTakes(*link, taken, false);
+  const Lanix::EthAddr taken = Pairs::takenBy((*pair)->outer).address;
+  return taken.isZero() ? Mox::Result<>() : pairs_.takesIs(*link, taken, false);
 }
 
 Mox::Result<> Trunks::wayInDel(IfIndex index) {
