@@ -135,32 +135,46 @@ TEST_P(Tags, FramesOfOtherVlansPassUntouched) {
 
 class Stacked : public Trunks {};
 
-// Plain bridges on trunks and bonds.
+// Plain bridges on trunks, bonds and teams.
 TEST_P(Stacked, DevicesOnDevicesArePorts) {
   vethIs("Ethernet3", "far-Ethernet3", outside_);
   vethIs("core12", "far-core12", outside_);
-  vethIs("Ethernet4", "far-Ethernet4", outside_);
+  const struct {
+    const char* device;
+    const char* member;
+    const char* made;
+  } kAggregates[] = {
+      {"bond0", "Ethernet4", "ip link add bond0 type bond mode active-backup miimon 10"},
+      {"team0", "Ethernet5", "ip link add team0 type team && teamnl team0 setoption mode roundrobin"},
+  };
+  for (const auto& aggregate : kAggregates)
+    vethIs(aggregate.member, std::string("far-") + aggregate.member, outside_);
   try {
     for (const char* trunk : {"Ethernet3", "core12"}) {
       const std::string device = std::string(trunk) + ".10";
       run(std::string("ip link add link ") + trunk + " up name " + device + " type vlan id 10");
       run("ip link set " + device + " master vlan10");
     }
-    run("ip link set Ethernet4 down");
-    run("ip link add bond0 type bond mode active-backup miimon 10");
-    run("ip link set Ethernet4 master bond0");
-    run("ip link set bond0 up master vlan10");
-    awaitOperational("bond0");
+    for (const auto& [device, member, made] : kAggregates) {
+      run(std::string("ip link set ") + member + " down");
+      run(made);
+      run(std::string("ip link set ") + member + " master " + device);
+      run(std::string("ip link set ") + member + " up");
+      run(std::string("ip link set ") + device + " up master vlan10");
+      awaitOperational(device);
+    }
   } catch (const Unsupported& lacking) {
     GTEST_SKIP() << lacking.what();
   }
   start({{"vlans", {{"10", {{"tunnelPorts", {"core10", "core11", "core12.10"}}}}}}});
   PacketSocket trunk = beside("Ethernet3", 10);
   PacketSocket bond = beside("Ethernet4");
+  PacketSocket team = beside("Ethernet5");
   PacketSocket far = beside("core12", 10);
   expectAnswer(trunk, kHost1, kHost1Ip, kRemote);
   expectAnswer(bond, kHost2, kHost2Ip, kRemote);
-  for (PacketSocket* const asker : {&trunk, &bond}) {
+  expectAnswer(team, {0x02, 0, 0, 0, 0, 0x13}, {10, 0, 10, 13}, kRemote);
+  for (PacketSocket* const asker : {&trunk, &bond, &team}) {
     const Frame flooded = request({10, 0, 13, ++sentinels_});
     asker->send(flooded);
     EXPECT_THAT(hexOf(far.receiveUntil(flooded)), IsEmpty()) << "what was answered, or twice";
