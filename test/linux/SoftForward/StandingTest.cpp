@@ -1,6 +1,9 @@
 // When a VLAN is trapped, what is put back, and what is said of it.
 
+#include <bpf/bpf.h>
 #include <linux/if_bridge.h>
+
+#include <array>
 
 #include "linux/SoftForward/DatapathRig.h"
 
@@ -201,6 +204,39 @@ TEST_F(StandingTest, AtRestItWritesNothing) {
   EXPECT_TRUE(works());
   EXPECT_EQ(heard(), 0U) << "only the programs' map says so";
   EXPECT_FALSE(works());
+}
+
+// The kernel takes nothing any more for a map that is frozen.
+TEST_F(StandingTest, WhatAMapRefusesIsReportedAndTriedAgain) {
+  start();
+  std::array<std::uint32_t, 8> maps{};
+  bpf_prog_info info{};
+  info.nr_map_ids = maps.size();
+  info.map_ids = reinterpret_cast<std::uintptr_t>(maps.data());
+  std::uint32_t size = sizeof info;
+  ASSERT_EQ(bpf_obj_get_info_by_fd(programs_->loaded(Program::accessIngress).descriptor, &info, &size), 0);
+  for (std::uint32_t i = 0; i < info.nr_map_ids; ++i) {
+    bpf_map_info map{};
+    size = sizeof map;
+    const int descriptor = bpf_map_get_fd_by_id(maps.at(i));
+    ASSERT_EQ(bpf_obj_get_info_by_fd(descriptor, &map, &size), 0);
+    if (map.name == std::string("active_vlans")) ASSERT_EQ(bpf_map_freeze(descriptor), 0);
+    close(descriptor);
+  }
+  datapath_->activeVlanIs(kVlan, false);
+  await(false);
+  EXPECT_THAT(standings_[kVlan].reason, HasSubstr("Operation not permitted"));
+  expectTrapping(true);
+  looks_.clear();
+  EXPECT_TRUE(datapath_->againWanted());
+  datapath_->againIs();
+  settle();
+  EXPECT_EQ(looks_[kVlan], 1);
+  EXPECT_TRUE(datapath_->againWanted());
+  openDatapath();
+  datapath_->vlanIs(kVlan, kWanted);
+  awaitReady();
+  expectTrapping(false);
 }
 
 TEST_F(StandingTest, TakesOverWhatWasLeft) {
