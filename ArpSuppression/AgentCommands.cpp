@@ -152,11 +152,32 @@ class StatusCommand final : public Plugin::AgentCommandCallback {
         .add("remoteBindings", mounts.remoteBindingConfig ? mounts.remoteBindingConfig->remoteBindings() : 0)
         .add("trapSocket", state(rootSm_->messageTrapSm()))
         .add("reinjectSocket", state(rootSm_->messageReinjectSm()))
-        .add("uptimeSeconds", static_cast<std::uint64_t>(loop_.now() - start_));
+        .add("uptimeSeconds", static_cast<std::uint64_t>(loop_.now() - start_))
+        .json("vlanBindings", vlanBindings());
     Orb::DumpContext(descriptor).line(0, status.text());
   }
 
  private:
+  // {"10": {"local": 1, "remote": 2}}
+  Mox::String vlanBindings() const {
+    struct Counts {
+      std::size_t local = 0;
+      std::size_t remote = 0;
+    };
+    std::map<Bridging::VlanId, Counts> counts;
+    if (rootSm_->root()) {
+      for (const auto& [vlanId, count] : rootSm_->root()->localBindingRecord->bindingsOfVlans())
+        counts[vlanId].local = count;
+      for (const auto& [vlanId, count] : rootSm_->remoteBindingStatusSm()->vlanBindingCountCollection())
+        counts[vlanId].remote = static_cast<std::size_t>(count);
+    }
+    Mox::String members;
+    for (const auto& [vlanId, count] : counts)
+      members += (members.empty() ? "\"" : ",\"") + vlanId.toStrep() +
+                 "\":" + Orb::JsonObject().add("local", count.local).add("remote", count.remote).text();
+    return "{" + members + "}";
+  }
+
   template <class Reactor>
   static const char* state(const Ptr<Reactor>& reactor) {
     return reactor && reactor->socketOpen() ? "open" : "closed";

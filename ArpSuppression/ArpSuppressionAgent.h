@@ -111,6 +111,7 @@ class ArpSuppressionRootSm final : public Mox::Entity {
   const Ptr<ArpInputConfigSm>& arpInputConfigSm() const { return arpInputConfigSm_.child(); }
   const Ptr<ArpSuppressionSm>& arpSuppressionSm() const { return arpSuppressionSm_.child(); }
   const Ptr<BindingDiscoverySm>& bindingDiscoverySm() const { return bindingDiscoverySm_.child(); }
+  const Ptr<RemoteBindingStatusSm>& remoteBindingStatusSm() const { return remoteBindingStatusSm_.child(); }
   const Ptr<MessageTrapSm>& messageTrapSm() const { return messageTrapSm_.child(); }
   const Ptr<MessageReinjectSmBase>& messageReinjectSm() const { return messageReinjectSm_.child(); }
 

@@ -44,6 +44,7 @@ Ptr<LocalBinding> LocalBindingRecord::createLocalBinding(const VrfIpAddress& vrf
   if (existing) deleteLocalBinding(existing);
   const Ptr<LocalBinding> created = bindingIs(vrfIpAddress, vlanIdMacAddress);
   macToIpIs(vlanIdMacAddress)->bindingIs(created);
+  ++bindingsOfVlans_[vlanIdMacAddress.vlanId];
   return created;
 }
 
@@ -60,6 +61,7 @@ void LocalBindingRecord::deleteLocalBinding(const Ptr<LocalBinding>& given) {
   ofMac->bindingDel(vrfIpAddress);
   MOX_ASSERT(kSource, "deletedBinding == _binding", deleted == doomed);
   if (ofMac->bindings() == 0) macToIpDel(vlanIdMacAddress);
+  if (--bindingsOfVlans_[vlanIdMacAddress.vlanId] == 0) bindingsOfVlans_.erase(vlanIdMacAddress.vlanId);
   releaseVrf(vrfIpAddress.vrfInfo);
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <map>
+
 #include "ArpSuppression/BindingKeys.h"
 #include "ArpSuppression/VrfUseTracker.h"
 
@@ -61,8 +63,14 @@ class LocalBindingRecord final : public VrfUseTracker {
   // The binding must be the record's.
   void deleteLocalBinding(const Ptr<LocalBinding>& binding);
 
+  // How many bindings VLANs have; those without any are left out.
+  const std::map<Bridging::VlanId, std::size_t>& bindingsOfVlans() const { return bindingsOfVlans_; }
+
   Mox::String toStrep() const { return "<LocalBindingRecord>"; }
   void dumpState(Orb::DumpContext& context, int indent) const;
+
+ private:
+  std::map<Bridging::VlanId, std::size_t> bindingsOfVlans_;
 };
 
 inline Ptr<LocalBindingRecord> localBindingRecordFactory(const Ptr<VlanL3InfoStatus>& vlanL3InfoStatus) {

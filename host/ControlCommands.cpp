@@ -4,6 +4,7 @@
 
 #include "Statedb/Json.h"
 #include "host/AgentAnswer.h"
+#include "host/HealthSm.h"
 #include "host/JsonText.h"
 #include "host/Monitor.h"
 #include "host/Protocol.h"
@@ -162,8 +163,9 @@ std::unique_ptr<ControlJob> ControlCommands::dispatch(json& request, uid_t user,
   if (*command == "remote") return remote(request, output);
   if (*command == "agent") return agent(request, user, output);
   if (*command == "monitor") return monitor(request, output);
+  if (*command == "health") return health(output);
   appendError(output, "unknown command " + Statedb::describe(*command) +
-                          "; known are paths, show, set, apply, remote, agent and monitor");
+                          "; known are paths, show, set, apply, remote, agent, monitor and health");
   return nullptr;
 }
 
@@ -299,6 +301,18 @@ nlohmann::ordered_json ControlCommands::statusWithoutAgent(const std::string& re
           {"reinjectSocket", "closed"},
           {"uptimeSeconds", static_cast<std::uint64_t>(loop_.clock().now() - startedAt_)},
           {"reason", reason}};
+}
+
+std::unique_ptr<ControlJob> ControlCommands::health(std::string& output) {
+  const auto health = state_.tree()->entityOf<Switch::Health>(Switch::kHealthPath);
+  const auto problems = state_.tree()->entityOf<Switch::Problems>(Switch::kProblemsPath);
+  if (!health || !problems) {
+    appendError(output, "the agent-host has only begun to start; ask again");
+    return nullptr;
+  }
+  appendText(output, healthJson(*health, *problems).dump());
+  appendOk(output);
+  return nullptr;
 }
 
 std::unique_ptr<ControlJob> ControlCommands::monitor(const json& request, std::string& output) {

@@ -74,6 +74,7 @@ class ControlCommands {
   Job remote(const nlohmann::json& request, std::string& output);
   Job agent(const nlohmann::json& request, uid_t user, std::string& output);
   nlohmann::ordered_json statusWithoutAgent(const std::string& reason) const;
+  Job health(std::string& output);
   Job monitor(const nlohmann::json& request, std::string& output);
   void changeBindings(std::string_view lines, bool add, std::string& output);
 

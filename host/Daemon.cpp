@@ -54,6 +54,7 @@ Daemon::~Daemon() {
   signals_->descriptorIs(-1);
   if (signalDescriptor_ >= 0) close(signalDescriptor_);
   control_.reset();
+  health_ = nullptr;
   for (const auto& group : groups_) group->cancel();
   while (!agents_.empty()) agents_.pop_back();
   groups_.clear();
@@ -107,6 +108,7 @@ void Daemon::startPlugins() {
   starting_ = agents_.size() + 1;  // and this one
   for (const auto& agent : agents_) startStep(*agent, [&] { agent->doInit(); });
   state_->createAbsent();
+  health_ = Mox::make<HealthSm>(tasks_->scheduler(), state_->tree());
   handleStarted();
 }
 

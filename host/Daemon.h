@@ -10,6 +10,7 @@
 #include "Plugin/AgentBase.h"
 #include "host/Config.h"
 #include "host/ControlServer.h"
+#include "host/HealthSm.h"
 #include "host/LockFile.h"
 #include "host/RunDirectory.h"
 #include "host/ServiceManager.h"
@@ -65,6 +66,7 @@ class Daemon final : public Plugin::AgentHost {
   std::size_t starting_ = 0;  // plug-ins whose start is not complete
   Mox::Result<> started_;     // refused: why it cannot be completed
   std::unique_ptr<ControlServer> control_;
+  Mox::Ptr<HealthSm> health_;
   int signalDescriptor_ = -1;
   Mox::Notifiee<Orb::FileDescriptor> signals_;
   Orb::Timer pluginStart_;

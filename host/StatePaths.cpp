@@ -5,6 +5,7 @@
 #include "Statedb/Path.h"
 #include "Switch/Config.h"
 #include "Switch/Forwarding.h"
+#include "Switch/Health.h"
 #include "Switch/Problems.h"
 #include "Switch/Readiness.h"
 #include "Switch/VlanInterfaces.h"
@@ -45,6 +46,7 @@ const std::vector<StatePath>& statePaths() {
       {"routing/l2vpn/config", "Routing::L2Vpn::Config", tree, byHost, nullptr, false},
       {Switch::kConfigPath, Switch::kConfigType, tree, fixed, nullptr, false},
       {Switch::kForwardingPath, Switch::kForwardingType, tree, byPlugin, kSoftForward, false},
+      {Switch::kHealthPath, Switch::kHealthType, tree, fixed, nullptr, false},
       {Switch::kProblemsPath, Switch::kProblemsType, tree, fixed, nullptr, false},
       {Switch::kReadinessPath, Switch::kReadinessType, tree, fixed, nullptr, false},
       {Switch::kVlanInterfacesPath, Switch::kVlanInterfacesType, tree, byPlugin, kKernelState, false},

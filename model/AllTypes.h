@@ -15,6 +15,7 @@
 #include "Suppression/Status.h"
 #include "Switch/Config.h"
 #include "Switch/Forwarding.h"
+#include "Switch/Health.h"
 #include "Switch/Problems.h"
 #include "Switch/Readiness.h"
 #include "Switch/VlanInterfaces.h"
@@ -41,6 +42,7 @@ void forEachStateType(Visit&& visit) {
   visit.template operator()<Routing::L2Vpn::Config>("Routing::L2Vpn::Config");
   visit.template operator()<Switch::Config>("Switch::Config");
   visit.template operator()<Switch::Forwarding>("Switch::Forwarding");
+  visit.template operator()<Switch::Health>("Switch::Health");
   visit.template operator()<Switch::Problems>("Switch::Problems");
   visit.template operator()<Switch::Readiness>("Switch::Readiness");
   visit.template operator()<Switch::VlanInterfaces>("Switch::VlanInterfaces");

@@ -1,5 +1,7 @@
 #include "host/arpsup/CommandLine.h"
 
+#include <poll.h>
+
 #include <cstdlib>
 
 #include "host/Config.h"
@@ -24,11 +26,13 @@ CommandLine::CommandLine()
     : app_("Shows and sets what the ARP suppression of this switch does and knows.", "arpsup") {
   app_.footer(
       "Begin with:\n"
+      "  arpsup health                     is anything wrong, and what is to be done?\n"
       "  arpsup status                     does it run, and on which VLANs?\n"
       "  arpsup explain 10 10.0.10.99      what would happen to a request for this address?\n"
       "  arpsup trace --ip 10.0.10.99      what did happen to those that came?\n"
       "  arpsup COMMAND --help             more about a command, with examples\n\n"
-      "Exit status: 0 done, 1 refused or not found, 2 wrong usage or no agent-host.\n"
+      "Exit status: 0 done, 1 refused or not found, 2 wrong usage or no agent-host; of health: 0 good,\n"
+      "1 degraded, 2 failed or no agent-host.\n"
       "Changing anything needs root; looking needs root or the group arpsup.");
   options_.runDirectory = kDefaultRunDirectory;
   app_.add_option("--run-dir", options_.runDirectory, "run directory of the agent-host")
@@ -60,11 +64,36 @@ CLI::Option* CommandLine::argument(CLI::App* command, const char* name, std::str
   return command->add_option(name, value, description)->required()->type_name("");
 }
 
+// Gives the command --watch.
+void CommandLine::watched(CLI::App* command, std::function<int()> show) {
+  command->add_option("--watch", watchSeconds_, "show it again after so many seconds, until interrupted")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.1, 86400.0));
+  command->callback([this, show = std::move(show)] {
+    if (watchSeconds_ > 0) endsQuietly();
+    while (true) {
+      status_ = show();
+      if (watchSeconds_ <= 0) return;
+      poll(nullptr, 0, static_cast<int>(watchSeconds_ * 1e3));
+      if (!options_.json && !print("\n")) return;
+    }
+  });
+}
+
 void CommandLine::addLooking() {
-  command(app_, kLook,
-          {"status", "whether suppression runs, on which VLANs, and how much it knows",
-           "  arpsup status                           as a list\n"
-           "  arpsup status --json | jq .activeVlans  the VLANs on which requests are answered"},
+  watched(command(app_, kLook,
+                  {"health", "what is wrong with this switch, since when, and what to do: a line a problem",
+                   "  arpsup health              exit status 0 good, 1 degraded, 2 failed or no agent-host\n"
+                   "  arpsup health --watch 10   again every ten seconds\n"
+                   "  arpsup monitor switch/health switch/problems   as it changes"},
+                  {}),
+          [this] { return showHealth(options_); });
+
+  watched(command(app_, kLook,
+                  {"status", "how this switch is, whether suppression runs, how much it knows, and each VLAN",
+                   "  arpsup status                           as a list\n"
+                   "  arpsup status --json | jq .activeVlans  the VLANs on which requests are answered"},
+                  {}),
           [this] { return showStatus(options_); });
 
   CLI::App* counters = command(app_, kLook,

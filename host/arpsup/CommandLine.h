@@ -28,6 +28,7 @@ class CommandLine {
   };
   CLI::App* command(CLI::App& parent, const char* group, const Text& text, std::function<int()> run);
   CLI::Option* argument(CLI::App* command, const char* name, std::string& value, const char* description);
+  void watched(CLI::App* command, std::function<int()> show);
   void addLooking();
   void addChanging();
   void addAsking();

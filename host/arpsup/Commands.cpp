@@ -26,14 +26,6 @@ using Counts = std::array<std::uint64_t, ArpSuppression::kCounters>;
 
 constexpr const char* kCounterPath = "arpSuppression/counter";
 
-std::string forPeople(const ordered_json& value) {
-  if (value.is_string()) return value.get<std::string>();
-  if (!value.is_array()) return textOf(value);
-  std::string list;
-  for (const auto& element : value) list += (list.empty() ? "" : ", ") + forPeople(element);
-  return list.empty() ? "none" : list;
-}
-
 int readCounters(const CommonOptions& options, Counts& counts) {
   std::string text;
   if (const int status = request(options, {{"cmd", "show"}, {"path", kCounterPath}}, &text)) return status;
@@ -83,19 +75,6 @@ std::string counterLines(const Counts& counts, bool nonzero, const std::optional
 }
 
 }  // namespace
-
-int showStatus(const CommonOptions& options) {
-  ordered_json shown;
-  if (const int status = requestObject(options, "status", json::array(), shown)) return status;
-  if (options.json) return printed(textOf(shown) + "\n");
-  std::size_t width = 0;
-  for (const auto& [key, value] : shown.items()) width = std::max(width, key.size());
-  std::string lines;
-  for (const auto& [key, value] : shown.items()) {
-    lines += key + ":" + std::string(width - key.size() + 1, ' ') + forPeople(value) + "\n";
-  }
-  return printed(lines);
-}
 
 int showCounters(const CommonOptions& options, bool nonzero, double watchSeconds) {
   using Clock = std::chrono::steady_clock;

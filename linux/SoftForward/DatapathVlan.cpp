@@ -7,11 +7,6 @@
 #include "SoftForward/WayIn.h"
 
 namespace SoftForward {
-namespace {
-
-constexpr std::size_t kNamesShown = 8;
-
-}  // namespace
 
 std::string Datapath::whyNotServed(std::uint16_t id, const Vlan& vlan, std::string& advice) const {
   if (!vlan.configured) return "it is not configured";
@@ -54,6 +49,8 @@ Standing Datapath::lookVlan(std::uint16_t id, Vlan& vlan) {
   Standing standing;
   standing.reason = whyNotServed(id, vlan, standing.advice);
   if (!standing.reason.empty()) {
+    for (const std::string& name : vlan.wanted.tunnelPorts)
+      if (links_.find(name) == nullptr) standing.missing.push_back(name);
     withdraw(id, vlan, standing);
     return standing;
   }
@@ -193,18 +190,17 @@ Datapath::Ports Datapath::portsOf(std::uint16_t id, const Vlan& vlan, const Netl
                                   Standing& standing) const {
   Ports ports;
   if (ownTrapped_) ports[bridge.index] = PortRole::own;
-  std::string accessNames;
-  std::size_t shown = 0;
   for (const Netlink::IfIndex ifIndex : links_.portsOf(bridge.index)) {
     const Netlink::Link& link = *links_.find(ifIndex);
     if (ownerOf(link.name) || isTunnelPort(link.name)) continue;
     ports[ifIndex] = PortRole::access;
-    if (++shown <= kNamesShown) accessNames += (shown == 1 ? "" : ", ") + link.name;
+    standing.accessPorts.push_back(link.name);
   }
-  if (shown > kNamesShown) accessNames += " and " + std::to_string(shown - kNamesShown) + " more";
+  const std::string accessNames = someOf(standing.accessPorts);
   for (const std::string& name : vlan.wanted.tunnelPorts) {
     const std::string subject = vlanName(id) + ", tunnel port " + name;
     const Netlink::Link* link = links_.find(name);
+    if (link == nullptr || link->master != bridge.index) standing.missing.push_back(name);
     if (link == nullptr) {
       standing.complaints.push_back(
           {subject,

@@ -152,6 +152,8 @@ void SoftForwardSm::handleLooked(std::uint16_t id, const Standing& standing) {
   }
   if (const auto vlan = forwarding_->vlan(Bridging::VlanId(id))) {
     vlan->reasonIs(standing.reason);
+    vlan->accessPortsIs(standing.accessPorts);
+    vlan->missingIs(standing.missing);
     vlan->readyIs(standing.ready);
   }
   // What all VLANs share, or several, is reported once.

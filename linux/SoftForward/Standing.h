@@ -25,6 +25,9 @@ struct Standing {
   // The reason is that of several VLANs, and another one's standing tells of it.
   bool toldElsewhere = false;
   std::vector<Complaint> complaints;  // what is wrong besides
+  // Of a VLAN, kernel names: its access ports, and the tunnel ports that cannot be used.
+  std::vector<std::string> accessPorts;
+  std::vector<std::string> missing;
 
   // The first reason stands.
   void because(const std::string& why, bool itPasses = false) {
@@ -45,6 +48,14 @@ struct Standing {
     complaints.push_back({subject, result.error(), {}});
   }
 };
+
+// "Ethernet1, Ethernet2": some of them, and how many more there are.
+inline std::string someOf(const std::vector<std::string>& names) {
+  constexpr std::size_t kShown = 8;
+  std::string text;
+  for (std::size_t i = 0; i < names.size() && i < kShown; ++i) text += (i == 0 ? "" : ", ") + names[i];
+  return names.size() > kShown ? text + " and " + std::to_string(names.size() - kShown) + " more" : text;
+}
 
 inline std::string vlanName(std::uint16_t vlan) { return "VLAN " + std::to_string(vlan); }
 

@@ -11,8 +11,6 @@ using Netlink::IfIndex;
 using Netlink::Link;
 using Netlink::VlanIds;
 
-constexpr std::size_t kNamesShown = 8;
-
 std::uint16_t lowest(const VlanIds& vlans) { return static_cast<std::uint16_t>(vlans._Find_first()); }
 
 std::string text(const Mox::Result<>& result) { return result ? std::string() : result.error(); }
@@ -178,12 +176,15 @@ Mox::Result<> Trunks::hookIs(const Hook& hook, std::optional<Program> program) {
   return program ? filters_.attachedIs(hook, programs_.loaded(*program)) : filters_.detach(hook);
 }
 
+VlanIds Trunks::trappedOf(const Port& port) { return port.trunk ? port.trunk->trapped : VlanIds(); }
+
 // The VLANs to which it makes a difference.
 void Trunks::portChanged(const Port& before, const Port& now, Bridge& bridge, IfIndex index) {
   const bool own = index == now.bridge;
   VlanIds vlans = (before.vlans.carried ^ now.vlans.carried) | (before.vlans.untagged ^ now.vlans.untagged);
   vlans &= own ? bridge.vlans : before.tunnel | now.tunnel;
   vlans |= before.tunnel ^ now.tunnel;
+  if (!own) vlans |= trappedOf(before) ^ trappedOf(now);
   if (text(before.read) != text(now.read) || text(before.egress) != text(now.egress)) vlans |= now.tunnel;
   const bool fails = !now.ingress || !now.read || (own && !now.egress);
   if (fails || bridge.failing.contains(index))
@@ -216,7 +217,7 @@ void Trunks::portDel(IfIndex index) {
   if (!gone) return refused(gone, index);
   if (const auto bridge = bridges_.find(port.bridge); bridge != bridges_.end())
     bridge->second.failing.erase(index);
-  changed(port.tunnel);
+  changed(port.tunnel | trappedOf(port));
   tables_.forget(index);
   ports_.erase(known);
 }
@@ -235,15 +236,17 @@ VlanPaths Trunks::pathsOf(std::uint16_t vlan, const std::vector<std::string>& tu
   paths.bridge = link.index;
   paths.wayIn = bridge.wayIn;
   paths.wayInTagged = true;
+  standing.accessPorts = accessPortsOf(vlan, link.index);
   const std::string add = "bridge vlan add vid " + std::to_string(vlan) + " dev ";
   for (const std::string& name : tunnelPorts) {
     const auto complain = [&](const std::string& problem, const std::string& advice) {
       standing.complaints.push_back({vlanName(vlan) + ", tunnel port " + name, problem, advice});
+      standing.missing.push_back(name);
     };
     const Link* device = links_.find(name);
     const auto port = device ? ports_.find(device->index) : ports_.end();
     if (device == nullptr) {
-      const std::string others = accessPortsOf(vlan, link.index);
+      const std::string others = someOf(standing.accessPorts);
       complain("there is no such device" +
                    (others.empty() ? "" : "; the bridge's ports " + others + " count as access ports"),
                "make it, or correct \"tunnelPorts\" of the VLAN in the configuration");
@@ -289,15 +292,14 @@ VlanPaths Trunks::pathsOf(std::uint16_t vlan, const std::vector<std::string>& tu
   return paths;
 }
 
-std::string Trunks::accessPortsOf(std::uint16_t vlan, IfIndex bridge) const {
-  std::string names;
-  std::size_t count = 0;
+std::vector<std::string> Trunks::accessPortsOf(std::uint16_t vlan, IfIndex bridge) const {
+  std::vector<std::string> names;
   for (const IfIndex index : links_.portsOf(bridge)) {
     const auto port = ports_.find(index);
-    if (port == ports_.end() || !port->second.trunk || !port->second.trunk->trapped[vlan]) continue;
-    if (++count <= kNamesShown) names += (count == 1 ? "" : ", ") + links_.find(index)->name;
+    if (port != ports_.end() && port->second.trunk && port->second.trunk->trapped[vlan])
+      names.push_back(links_.find(index)->name);
   }
-  return count > kNamesShown ? names + " and " + std::to_string(count - kNamesShown) + " more" : names;
+  return names;
 }
 
 }  // namespace SoftForward

@@ -106,10 +106,11 @@ class Trunks {
   Trunk trunkOf(const Port& port, const Bridge& bridge, bool own) const;
   Mox::Result<> hookIs(const Hook& hook, std::optional<Program> program);
   void portChanged(const Port& before, const Port& now, Bridge& bridge, Netlink::IfIndex index);
+  static Netlink::VlanIds trappedOf(const Port& port);
   static std::uint16_t spokesman(const Port& port, const Bridge& bridge);
   void changed(const Netlink::VlanIds& vlans);
   void refused(const Mox::Result<>& result, Netlink::IfIndex index);
-  std::string accessPortsOf(std::uint16_t vlan, Netlink::IfIndex bridge) const;
+  std::vector<std::string> accessPortsOf(std::uint16_t vlan, Netlink::IfIndex bridge) const;
 
   const LinkTable& links_;
   Filters& filters_;

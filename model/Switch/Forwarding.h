@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vector>
+
 #include "Bridging/VlanId.h"
 #include "Mox/Attribute.h"
 
@@ -17,7 +19,11 @@ class VlanForwarding final : public Mox::Entity {
   MOX_ATTRIBUTE(bool, ready, false)
   // Why it does not stand; "" when it does.
   MOX_ATTRIBUTE(Mox::String, reason)
-  MOX_MEMBERS(ready, reason)
+  // Kernel names of the ports whose requests are trapped while it stands; and of the configured tunnel ports
+  // that are no ports of the bridge, or do not carry the VLAN.
+  MOX_ATTRIBUTE(std::vector<Mox::String>, accessPorts)
+  MOX_ATTRIBUTE(std::vector<Mox::String>, missing)
+  MOX_MEMBERS(ready, reason, accessPorts, missing)
 
  private:
   Bridging::VlanId vlanId_;

@@ -15,7 +15,7 @@ ProblemReporter::~ProblemReporter() {
 }
 
 void ProblemReporter::problemIs(const Mox::String& subject, const Mox::String& problem,
-                                const Mox::String& advice) {
+                                const Mox::String& advice, Left left) {
   const bool added = reported_.insert(subject).second;
   const Mox::Ptr<Problem> entry = problems_->problemIs(plugin_ + " " + subject);
   if (!added && entry->problem() == problem && entry->advice() == advice) return;
@@ -23,6 +23,7 @@ void ProblemReporter::problemIs(const Mox::String& subject, const Mox::String& p
   entry->subjectIs(subject);
   entry->problemIs(problem);
   entry->adviceIs(advice);
+  entry->stopsIs(left == Left::nothing);
   if (added) entry->sinceIs(static_cast<std::uint64_t>(std::time(nullptr)));
   Tracelet::writeLine(plugin_ + ": " + subject + ": " + problem + (advice.empty() ? "" : "; " + advice));
   TRACELET_RECORD("problem: {}: {}: {}", plugin_, subject, problem);
@@ -36,12 +37,12 @@ void ProblemReporter::problemDel(const Mox::String& subject) {
 }
 
 bool ProblemReporter::check(const Mox::String& subject, const Mox::Result<>& result,
-                            const Mox::String& advice) {
+                            const Mox::String& advice, Left left) {
   if (result) {
     problemDel(subject);
     return true;
   }
-  problemIs(subject, result.error(), advice);
+  problemIs(subject, result.error(), advice, left);
   return false;
 }
 

@@ -18,12 +18,16 @@ class ProblemReporter {
   ProblemReporter& operator=(const ProblemReporter&) = delete;
   ~ProblemReporter();
 
+  // What is left of the plug-in's work while a problem lasts.
+  enum class Left : bool { nothing, some };
   // Does nothing when just that is reported already.
-  void problemIs(const Mox::String& subject, const Mox::String& problem, const Mox::String& advice = {});
+  void problemIs(const Mox::String& subject, const Mox::String& problem, const Mox::String& advice = {},
+                 Left left = Left::some);
   // Does nothing when there is no problem with the subject.
   void problemDel(const Mox::String& subject);
   // Reports the failure, or that there is none any more. Returns whether there is none.
-  bool check(const Mox::String& subject, const Mox::Result<>& result, const Mox::String& advice = {});
+  bool check(const Mox::String& subject, const Mox::Result<>& result, const Mox::String& advice = {},
+             Left left = Left::some);
 
   bool has(const Mox::String& subject) const { return reported_.contains(subject); }
   bool empty() const { return reported_.empty(); }

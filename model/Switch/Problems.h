@@ -25,7 +25,9 @@ class Problem final : public Mox::Entity {
   MOX_ATTRIBUTE(Mox::String, advice)
   // Seconds since 1970.
   MOX_ATTRIBUTE(std::uint64_t, since, 0)
-  MOX_MEMBERS(plugin, subject, problem, advice, since)
+  // While it lasts the plug-in does not do its work at all.
+  MOX_ATTRIBUTE(bool, stops, false)
+  MOX_MEMBERS(plugin, subject, problem, advice, since, stops)
 
  private:
   Mox::String key_;

@@ -1,0 +1,248 @@
+#include "host/HealthSm.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "Lanix/IntfId.h"
+#include "host/StatePaths.h"
+
+namespace Host {
+
+namespace {
+
+using Switch::Verdict;
+using Switch::VlanState;
+
+constexpr unsigned kLevel = 5;
+// Changes come in bursts, and are looked at together.
+constexpr double kSettleSeconds = 0.1;
+constexpr const char* kReporter = "agent-host";
+constexpr std::string_view kVlanPrefix = "VLAN ";
+
+// Of the subject "VLAN 10, tunnel port core10": 10, and the rest "tunnel port core10".
+Bridging::VlanIdOrNone vlanOf(std::string_view subject, std::string_view& rest) {
+  if (!subject.starts_with(kVlanPrefix)) return {};
+  subject.remove_prefix(kVlanPrefix.size());
+  const std::size_t digits = std::min(subject.find(','), subject.size());
+  const auto vlanId = Bridging::VlanId::fromStrep(subject.substr(0, digits));
+  if (!vlanId) return {};
+  rest = subject.substr(std::min(digits + 2, subject.size()));
+  return *vlanId;
+}
+
+std::string interfaceName(Bridging::VlanId vlanId) { return "vlan" + vlanId.toStrep(); }
+
+}  // namespace
+
+HealthSm::HealthSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
+                   const Mox::Ptr<Statedb::EntityManager>& tree)
+    : WalkSmBase(scheduler, "health", kLevel),
+      tree_(tree),
+      health_(Mox::dynamicPtrCast<Switch::Health>(*tree->entityIs(Switch::kHealthPath, Switch::kHealthType))),
+      problems_(tree->entityOf<Switch::Problems>(Switch::kProblemsPath), kReporter),
+      startEnds_(scheduler->loop(), "health", [this] {
+        health_->startingIs(false);
+        scheduleWalk();
+      }) {
+  follow(config_, Switch::kConfigPath, Switch::kConfigType);
+  follow(forwarding_, Switch::kForwardingPath, Switch::kForwardingType);
+  follow(reported_, Switch::kProblemsPath, Switch::kProblemsType);
+  follow(status_, "arpSuppression/status", "ArpSuppression::ArpSuppressionStatus");
+  follow(evpn_, "evpn/status", "Evpn::EvpnStatus");
+  follow(ip_, "ip/status", "Ip::Status");
+  follow(vrfs_, "ip/vrf/status/local", "Ip::AllVrfStatusLocal");
+  health_->startingIs(true);
+  startEnds_.after(kStartSeconds);
+  scheduleWalk();
+}
+
+HealthSm::~HealthSm() {
+  watches_.clear();
+  for (const char* path : {"ip/vrf/status/local", "ip/status", "evpn/status", "arpSuppression/status",
+                           Switch::kProblemsPath, Switch::kForwardingPath, Switch::kConfigPath})
+    tree_->unmount(path);
+}
+
+// Also what its plug-in has yet to provide, or never does: then it stays empty.
+template <class E>
+void HealthSm::follow(Mox::Ptr<E>& entity, const char* path, const char* type) {
+  entity = Mox::dynamicPtrCast<E>(*tree_->mount(path, type, "r"));
+  watches_.push_back(
+      std::make_unique<Statedb::TreeWatch>(entity, tree_->entityType(path)->shape,
+                                           [this](const Statedb::Change&) { scheduleWalk(kSettleSeconds); }));
+}
+
+bool HealthSm::loaded(const char* plugin) const { return std::ranges::count(config_->agents(), plugin) != 0; }
+
+// --- The walk --------------------------------------------------------------------------------------------
+
+bool HealthSm::walkStartedNotification() {
+  next_ = {};
+  looked_.clear();
+  wrong_.clear();
+  if (!health_->starting()) {
+    for (const auto& [key, problem] : reported_->problemCollection()) {
+      std::string_view rest;
+      const Bridging::VlanIdOrNone vlanId = vlanOf(problem->subject(), rest);
+      if (!vlanId) continue;
+      wrong_.try_emplace(Bridging::VlanId(vlanId.value()),
+                         std::string(rest) + (rest.empty() ? "" : ": ") + problem->problem());
+    }
+  }
+  lookForVrfs();
+  missingIs("EVPN", !evpn_->mplsConfigured() && !config_->vlanCollection().empty(),
+            "EVPN over MPLS is not configured: requests are flooded as without suppression",
+            R"(configure it, or say so by hand: arpsup set evpn/status '{"mplsConfigured": true}')");
+  return true;
+}
+
+Orb::WalkRet HealthSm::walk() {
+  Orb::WalkRet ret;
+  const auto& vlans = config_->vlanCollection();
+  for (auto at = next_ ? vlans.lowerBound(Bridging::VlanId(next_.value())) : vlans.begin(); at != vlans.end();
+       ++at) {
+    if (ret.processed != 0 && mustYield()) {
+      next_ = at->first;
+      ret.moreWork = true;
+      return ret;
+    }
+    lookForInterface(at->first, *at->second);
+    judgeVlan(at->first, *at->second);
+    ++ret.processed;
+  }
+  return ret;
+}
+
+void HealthSm::walkFinishedNotification() {
+  std::vector<Bridging::VlanId> gone;
+  for (const auto& [vlanId, vlan] : health_->vlanCollection())
+    if (!config_->vlanHas(vlanId)) gone.push_back(vlanId);
+  for (const Bridging::VlanId vlanId : gone) health_->vlanDel(vlanId);
+  for (auto at = missingSince_.begin(); at != missingSince_.end();) {
+    if (looked_.contains(at->first)) {
+      ++at;
+    } else {
+      problems_.problemDel(at->first);
+      at = missingSince_.erase(at);
+    }
+  }
+  Verdict verdict = Verdict::good;
+  if (!health_->starting()) {
+    for (const auto& [key, problem] : reported_->problemCollection())
+      verdict = std::max(verdict, problem->stops() ? Verdict::failed : Verdict::degraded);
+  }
+  health_->healthIs(verdict);
+}
+
+// --- VLANs -----------------------------------------------------------------------------------------------
+
+void HealthSm::judgeVlan(Bridging::VlanId vlanId, const Switch::VlanConfig& config) {
+  const auto row = health_->vlanIs(vlanId);
+  const auto forwarding = forwarding_->vlan(vlanId);
+  const auto interface = ip_->ipIntfStatus(Lanix::IntfId::fromName("Vlan" + vlanId.toStrep()));
+  std::string reason;
+  const VlanState state = stateOf(vlanId, config, reason);
+  row->bridgeIs(config.bridge());
+  row->tunnelPortsIs(config.tunnelPorts());
+  if (forwarding) {
+    row->accessPortsIs(forwarding->accessPorts());
+    row->missingIs(forwarding->missing());
+  }
+  row->vrfIs(interface ? interface->vrfName() : config.vrf());
+  row->reasonIs(reason);
+  row->stateIs(state);
+}
+
+VlanState HealthSm::stateOf(Bridging::VlanId vlanId, const Switch::VlanConfig&, std::string& reason) const {
+  const auto is = [&](VlanState state, std::string why) {
+    reason = std::move(why);
+    return state;
+  };
+  if (!loaded(kArpSuppression)) return is(VlanState::waiting, "the plug-in ArpSuppression is not loaded");
+  if (!evpn_->mplsConfigured()) return is(VlanState::waiting, "EVPN over MPLS is not configured");
+  if (loaded(kSoftForward)) {
+    const auto forwarding = forwarding_->vlan(vlanId);
+    if (!forwarding || !forwarding->ready())
+      return is(health_->starting() ? VlanState::waiting : VlanState::degraded,
+                forwarding && !forwarding->reason().empty() ? forwarding->reason()
+                                                            : "its forwarding is being made");
+  }
+  if (const auto wrong = wrong_.find(vlanId); wrong != wrong_.end())
+    return is(VlanState::degraded, wrong->second);
+  if (!status_->runnable()) return is(VlanState::waiting, "suppression does not run yet");
+  if (status_->vlanId(vlanId)) return VlanState::active;
+  return is(VlanState::waiting, evpn_->vlanToDot1qHas(vlanId)
+                                    ? "its interface " + interfaceName(vlanId) + " is not usable yet"
+                                    : "EVPN does not serve it, and no remote binding is on it");
+}
+
+// --- What is missing -------------------------------------------------------------------------------------
+
+void HealthSm::lookForVrfs() {
+  if (!loaded(kKernelState)) return;
+  for (const auto& [name, vrf] : config_->vrfCollection()) {
+    const auto state = vrfs_->vrf(name);
+    const bool isDevice = !vrf->device().empty();
+    missingIs(
+        "VRF " + name, !state || state->state() != Ip::VrfState::active,
+        isDevice ? "there is no VRF device " + vrf->device() + ": its VLANs have no layer 3"
+                 : "there is no network namespace " + vrf->networkNamespace() + ": its VLANs have no layer 3",
+        isDevice ? "ip link add " + vrf->device() + " type vrf table NUMBER, and set it up"
+                 : "ip netns add " + vrf->networkNamespace());
+  }
+}
+
+void HealthSm::lookForInterface(Bridging::VlanId vlanId, const Switch::VlanConfig& config) {
+  if (!loaded(kKernelState)) return;
+  const std::string where = config.vrf().empty() ? "" : " in VRF " + config.vrf();
+  const std::string name = interfaceName(vlanId);
+  missingIs(
+      std::string(kVlanPrefix) + vlanId.toStrep() + ", interface",
+      !ip_->ipIntfStatusHas(Lanix::IntfId::fromName("Vlan" + vlanId.toStrep())),
+      "there is no interface " + name + where + ": the VLAN has no layer 3, and its requests are flooded",
+      "make it, or give it this name or its place back: a bridge " + name + ", the end " + name +
+          " of a veth pair whose other end is a port of the bridge, or an 802.1Q device " + name);
+}
+
+void HealthSm::missingIs(const std::string& subject, bool missing, const std::string& problem,
+                         const std::string& advice) {
+  looked_.insert(subject);
+  if (!missing) {
+    missingSince_.erase(subject);
+    return problems_.problemDel(subject);
+  }
+  const double now = scheduler()->loop().now();
+  const double since = missingSince_.try_emplace(subject, now).first->second;
+  if (health_->starting()) return;  // looked for again when the start is over
+  if (now < since + kAbsentSeconds) return scheduleWalk(since + kAbsentSeconds - now);
+  problems_.problemIs(subject, problem, advice);
+}
+
+// --- As JSON ---------------------------------------------------------------------------------------------
+
+nlohmann::ordered_json healthJson(const Switch::Health& health, const Switch::Problems& problems) {
+  using nlohmann::ordered_json;
+  ordered_json shown = {{"health", Mox::toStrep(health.health())},
+                        {"problems", ordered_json::array()},
+                        {"vlans", ordered_json::array()}};
+  if (!health.starting()) {
+    for (const auto& [key, problem] : problems.problemCollection())
+      shown["problems"].push_back({{"plugin", problem->plugin()},
+                                   {"subject", problem->subject()},
+                                   {"since", problem->since()},
+                                   {"problem", problem->problem()},
+                                   {"advice", problem->advice()}});
+  }
+  for (const auto& [vlanId, vlan] : health.vlanCollection())
+    shown["vlans"].push_back({{"vlan", vlanId.value()},
+                              {"state", Mox::toStrep(vlan->state())},
+                              {"bridge", vlan->bridge()},
+                              {"accessPorts", vlan->accessPorts()},
+                              {"tunnelPorts", vlan->tunnelPorts()},
+                              {"missing", vlan->missing()},
+                              {"vrf", vlan->vrf()},
+                              {"reason", vlan->reason()}});
+  return shown;
+}
+
+}  // namespace Host

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Evpn/Status.h"
+#include "Ip/Status.h"
+#include "Orb/WalkSm.h"
+#include "Statedb/EntityManager.h"
+#include "Statedb/Watch.h"
+#include "Suppression/Status.h"
+#include "Switch/Config.h"
+#include "Switch/Forwarding.h"
+#include "Switch/Health.h"
+#include "Switch/ProblemReporter.h"
+
+namespace Host {
+
+// Judges how the switch is, from what its plug-ins publish and report, and publishes that at "switch/health".
+// It looks again when any of it changes, and otherwise rests.
+//
+// Reports itself what no plug-in can know alone: a configured VRF that is not there, a configured VLAN without
+// an interface, EVPN that is not configured. For a time after its start nothing is a problem: what is not
+// there yet may be on its way.
+class HealthSm final : public Orb::WalkSmBase {
+ public:
+  static constexpr double kStartSeconds = 10;
+  // For so long something may be missing later on, while it is made anew for one.
+  static constexpr double kAbsentSeconds = 2;
+
+  // After every plug-in has begun its start.
+  HealthSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, const Mox::Ptr<Statedb::EntityManager>& tree);
+  ~HealthSm() override;
+
+ private:
+  template <class E>
+  void follow(Mox::Ptr<E>& entity, const char* path, const char* type);
+  Orb::WalkRet walk() override;
+  bool walkStartedNotification() override;
+  void walkFinishedNotification() override;
+  bool allowWalkRestarts() const override { return true; }
+
+  bool loaded(const char* plugin) const;
+  void judgeVlan(Bridging::VlanId vlanId, const Switch::VlanConfig& config);
+  Switch::VlanState stateOf(Bridging::VlanId vlanId, const Switch::VlanConfig& config,
+                            std::string& reason) const;
+  void lookForVrfs();
+  void lookForInterface(Bridging::VlanId vlanId, const Switch::VlanConfig& config);
+  void missingIs(const std::string& subject, bool missing, const std::string& problem,
+                 const std::string& advice);
+
+  const Mox::Ptr<Statedb::EntityManager> tree_;
+  std::vector<std::unique_ptr<Statedb::TreeWatch>> watches_;
+  Mox::Ptr<Switch::Config> config_;
+  Mox::Ptr<Switch::Forwarding> forwarding_;
+  Mox::Ptr<Switch::Problems> reported_;
+  Mox::Ptr<ArpSuppression::ArpSuppressionStatus> status_;
+  Mox::Ptr<Evpn::EvpnStatus> evpn_;
+  Mox::Ptr<Ip::Status> ip_;
+  Mox::Ptr<Ip::AllVrfStatusLocal> vrfs_;
+  const Mox::Ptr<Switch::Health> health_;
+  Switch::ProblemReporter problems_;
+  Orb::Timer startEnds_;
+  Bridging::VlanIdOrNone next_;                    // of the walk in hand
+  std::map<Bridging::VlanId, std::string> wrong_;  // what is reported of a VLAN
+  std::map<std::string, double> missingSince_;     // by subject
+  std::set<std::string> looked_;                   // those subjects, in the walk in hand
+};
+
+// The health and its problems as `arpsup` shows them: {"health", "problems": [...], "vlans": [...]}. No
+// problems while the host has just begun.
+nlohmann::ordered_json healthJson(const Switch::Health& health, const Switch::Problems& problems);
+
+}  // namespace Host

@@ -1,0 +1,139 @@
+#include <ctime>
+
+#include "Statedb/Json.h"
+#include "host/arpsup/Commands.h"
+#include "host/arpsup/Output.h"
+#include "host/arpsup/Table.h"
+
+namespace Host {
+
+namespace {
+
+using nlohmann::json;
+using nlohmann::ordered_json;
+
+std::string stringAt(const ordered_json& object, const char* key) {
+  const auto value = object.is_object() ? object.find(key) : object.end();
+  return value != object.end() && value->is_string() ? value->get<std::string>() : std::string();
+}
+
+const ordered_json& listAt(const ordered_json& object, const char* key) {
+  static const ordered_json none = ordered_json::array();
+  const auto value = object.is_object() ? object.find(key) : object.end();
+  return value != object.end() && value->is_array() ? *value : none;
+}
+
+// {"health", "problems", "vlans"}
+int requestHealth(const CommonOptions& options, ordered_json& health) {
+  std::string text;
+  if (const int status = request(options, {{"cmd", "health"}}, &text)) return status;
+  health = ordered_json::parse(text, nullptr, false);
+  return stringAt(health, "health").empty() ? unreadable("health") : kDone;
+}
+
+std::string timeText(const ordered_json& problem) {
+  const std::time_t since = problem.value("since", std::time_t{0});
+  std::tm local{};
+  char text[40] = "";
+  if (localtime_r(&since, &local)) std::strftime(text, sizeof text, "%F %T", &local);
+  return text;
+}
+
+// A line a problem.
+std::string problemLines(const ordered_json& health) {
+  std::string lines;
+  for (const ordered_json& problem : listAt(health, "problems")) {
+    if (!problem.is_object()) continue;
+    const std::string advice = stringAt(problem, "advice");
+    lines += stringAt(problem, "plugin") + ": " + stringAt(problem, "subject") + ": " +
+             stringAt(problem, "problem") + " (since " + timeText(problem) + ")" +
+             (advice.empty() ? "" : "; " + advice) + "\n";
+  }
+  return lines;
+}
+
+std::string listText(const ordered_json& names) {
+  constexpr std::size_t kShown = 6;
+  std::string text;
+  for (std::size_t i = 0; i < names.size() && i < kShown; ++i)
+    text += (i == 0 ? "" : " ") + (names[i].is_string() ? names[i].get<std::string>() : textOf(names[i]));
+  if (names.size() > kShown) text += " and " + std::to_string(names.size() - kShown) + " more";
+  return text;
+}
+
+std::string forPeople(const ordered_json& value) {
+  if (value.is_string()) return value.get<std::string>();
+  if (!value.is_array()) return textOf(value);
+  std::string list;
+  for (const auto& element : value) list += (list.empty() ? "" : ", ") + forPeople(element);
+  return list.empty() ? "none" : list;
+}
+
+// "core10, core11 (missing)"
+std::string tunnelPorts(const ordered_json& vlan) {
+  ordered_json ports = ordered_json::array();
+  const ordered_json& missing = listAt(vlan, "missing");
+  for (const ordered_json& port : listAt(vlan, "tunnelPorts"))
+    ports.push_back(forPeople(port) +
+                    (std::find(missing.begin(), missing.end(), port) == missing.end() ? "" : " (missing)"));
+  return listText(ports);
+}
+
+bool printVlans(const ordered_json& vlans) {
+  Table table({"VLAN", "STATE", "BRIDGE", "ACCESS PORTS", "TUNNEL PORTS", "VRF", "LOCAL", "REMOTE", "WHY"});
+  for (const ordered_json& vlan : vlans) {
+    if (!vlan.is_object()) continue;
+    const ordered_json counts = vlan.value("bindings", ordered_json::object());
+    const std::vector<std::string> row = {textOf(vlan.value("vlan", ordered_json())),
+                                          stringAt(vlan, "state"),
+                                          stringAt(vlan, "bridge"),
+                                          listText(listAt(vlan, "accessPorts")),
+                                          tunnelPorts(vlan),
+                                          stringAt(vlan, "vrf"),
+                                          textOf(counts.value("local", ordered_json(0))),
+                                          textOf(counts.value("remote", ordered_json(0))),
+                                          stringAt(vlan, "reason")};
+    if (!table.row(row)) return false;
+  }
+  return table.count() == 0 || (print("\n") && table.flush());
+}
+
+}  // namespace
+
+int showHealth(const CommonOptions& options) {
+  constexpr int kGood = 0, kDegraded = 1, kFailed = 2;
+  ordered_json health;
+  if (requestHealth(options, health) != kDone) return kFailed;
+  const std::string verdict = stringAt(health, "health");
+  if (!print(options.json ? textOf(health) + "\n" : verdict + "\n" + problemLines(health))) return kFailed;
+  return verdict == "good" ? kGood : verdict == "degraded" ? kDegraded : kFailed;
+}
+
+int showStatus(const CommonOptions& options) {
+  ordered_json shown;
+  if (const int status = requestHealth(options, shown)) return status;
+  ordered_json agent;
+  if (const int status = requestObject(options, "status", json::array(), agent)) return status;
+  const ordered_json counts = agent.value("vlanBindings", ordered_json::object());
+  agent.erase("vlanBindings");
+  if (shown["vlans"].is_array()) {
+    for (ordered_json& vlan : shown["vlans"]) {
+      const std::string id = vlan.is_object() ? textOf(vlan.value("vlan", ordered_json())) : "";
+      vlan["bindings"] = counts.value(id, ordered_json{{"local", 0}, {"remote", 0}});
+    }
+  }
+  if (options.json) {
+    shown.update(agent);
+    return printed(textOf(shown) + "\n");
+  }
+  std::size_t width = 0;
+  for (const auto& [key, value] : agent.items()) width = std::max(width, key.size());
+  const auto line = [&](const std::string& key, const std::string& value) {
+    return key + ":" + std::string(width - key.size() + 1, ' ') + value + "\n";
+  };
+  std::string lines = line("health", stringAt(shown, "health")) + problemLines(shown);
+  for (const auto& [key, value] : agent.items()) lines += line(key, forPeople(value));
+  return print(lines) && printVlans(listAt(shown, "vlans")) ? kDone : kRefused;
+}
+
+}  // namespace Host
