@@ -128,6 +128,7 @@ void HealthSm::walkFinishedNotification() {
   }
   Verdict verdict = Verdict::good;
   if (!health_->starting()) {
+    if (forwarding_->failingOpen()) verdict = Verdict::failed;
     for (const auto& [key, problem] : reported_->problemCollection())
       verdict = std::max(verdict, problem->stops() ? Verdict::failed : Verdict::degraded);
   }

@@ -2,19 +2,19 @@
 
 #include <algorithm>
 
-#include "KernelState/Trace.h"
-
 namespace KernelState {
 namespace {
 
-constexpr char kSource[] = "KernelState/BridgeMacSm";
+constexpr char kSubject[] = "VLAN interfaces";
 constexpr unsigned kUpdateLevel = 3;
 constexpr double kBurst = 1;  // seconds: interfaces come in bursts
 
 }  // namespace
 
-BridgeMacSm::BridgeMacSm(Ptr<const VlanOwners> owners, const Ptr<Orb::TaskScheduler>& scheduler)
+BridgeMacSm::BridgeMacSm(Ptr<const VlanOwners> owners, Switch::ProblemReporter& problems,
+                         const Ptr<Orb::TaskScheduler>& scheduler)
     : owners_(std::move(owners)),
+      problems_(problems),
       updateTask_(scheduler, "KernelState bridge MAC address", kUpdateLevel, [this] { update(); }),
       reportTask_(scheduler, "KernelState MAC addresses that differ", kUpdateLevel, [this] { report(); }) {
   owners_.on(VlanOwners::ownerChanged, [this] { updateTask_.schedule(); });
@@ -51,18 +51,19 @@ void BridgeMacSm::report() {
   std::size_t others = 0;
   Mox::String first;
   for (const auto& [intf, owner] : owners_->ownerCollection()) {
-    if (owner.mac == bridgeMac || owner.mac.isZero() || !reported_.emplace(intf, owner.mac).second) continue;
+    if (owner.mac == bridgeMac || owner.mac.isZero()) continue;
     if (first.empty()) {
       first = intf.toStrep() + " has the MAC address " + owner.mac.toStrep();
     } else {
       ++others;
     }
   }
-  if (first.empty()) return;
-  KERNEL_STATE_TRACE(0, first << ", not the switch's " << bridgeMac
-                              << (others != 0 ? " (and " + std::to_string(others) + " more)" : "")
-                              << "; hosts would be told the wrong one: give all VLAN interfaces the same");
-  TRACELET_RECORD("{}, not the switch's {} (and {} more)", first, bridgeMac, others);
+  if (first.empty()) return problems_.problemDel(kSubject);
+  problems_.problemIs(kSubject,
+                      first + ", not the switch's " + bridgeMac.toStrep() +
+                          (others != 0 ? " (and " + std::to_string(others) + " more have others)" : "") +
+                          ": hosts would be told the wrong one",
+                      "give all VLAN interfaces the same: ip link set NAME address " + bridgeMac.toStrep());
 }
 
 }  // namespace KernelState

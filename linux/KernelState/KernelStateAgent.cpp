@@ -29,7 +29,7 @@ KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Or
                        scheduler),
       intfStatusSm_(states_->stateIs(Lanix::kDefaultNamespace)),
       vlanNameSm_(mounts->config, states_, owners_, problems_, scheduler),
-      bridgeMacSm_(owners_, scheduler),
+      bridgeMacSm_(owners_, problems_, scheduler),
       fdbSm_(states_->state(Lanix::kDefaultNamespace), mounts->config, Ptr<const Bridging::Config>(),
              mounts->bridgingStatus, scheduler),
       findTask_(scheduler, "KernelState entities", kFindLevel, [this] { findEntities(); }) {

@@ -42,7 +42,7 @@ TEST_F(Programs, tellWhatToDoNext) {
     const char* text;  // of stdout when the status is 0, otherwise of the one line on stderr
   };
   const std::vector<Case> cases = {
-      {{}, 0, "Usage: arpsup.*Look:\n +status.*Change:.*Find out why:"},
+      {{}, 0, "Usage: arpsup.*Look:\n +health.*Change:.*Find out why:"},
       {{"--version"}, 0, "^arpsup [0-9]+\\.[0-9]+\\.[0-9]+\n$"},
       {{"explain", "--help"}, 0, "Examples:\n  arpsup explain 10 10\\.0\\.10\\.99\n.*--from"},
       {{"counters", "extra"}, 2, "unknown argument \"extra\"; see arpsup counters --help"},

@@ -49,8 +49,9 @@ inline Host::Config configOf(const json& content) {
 class HostState {
  public:
   explicit HostState(const RunDir& runDir, const json& config = json::object(),
-                     std::unique_ptr<Statedb::Store> store = nullptr)
-      : config_(configOf(config)), tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop)) {
+                     std::unique_ptr<Statedb::Store> store = nullptr,
+                     const Orb::Clock& clock = Orb::EventLoop::realClock())
+      : config_(configOf(config)), loop(clock), tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop)) {
     state = std::make_unique<Host::State>(loop, tasks_, runDir.path(), config_.agents, std::move(store),
                                           [this](const std::string& message) { reports += message + "\n"; });
     EXPECT_EQ(state->build(config_).error(), "");

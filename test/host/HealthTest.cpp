@@ -1,0 +1,157 @@
+#include "host/HealthSm.h"
+
+#include <gmock/gmock.h>
+
+#include "test/host/HostFixture.h"
+
+// How a switch is judged by what its plug-ins publish; nothing of them is loaded here.
+
+namespace HostTest {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class HealthTest : public testing::Test {
+ protected:
+  HealthTest() {
+    is("ip/vrf/status/local", {{"vrf",
+                                {{"default", {{"state", "active"}, {"networkNamespace", "default"}}},
+                                 {"red", {{"state", "active"}, {"networkNamespace", "red"}}}}}});
+    is("ip/status", {{"ipIntfStatus", {{"Vlan10", {{"vrfName", "red"}}}}}});
+    is("evpn/status", {{"mplsConfigured", true}, {"vlanToDot1q", {{"10", 10}}}});
+    is("arpSuppression/status", {{"runnable", true}, {"vlanId", {{"10", true}}}});
+    is("switch/forwarding", {{"vlan", {{"10", {{"ready", true}, {"accessPorts", {"Ethernet1"}}}}}}});
+    settle();
+  }
+
+  // Merges as the plug-in that writes the path would.
+  void is(const std::string& path, const json& content) {
+    const auto entity = host_.state->tree()->entity(path);
+    ASSERT_TRUE(entity) << path;
+    auto plan = host_.state->tree()->entityType(path)->planMerge(entity, content, path);
+    ASSERT_TRUE(plan) << plan.error();
+    plan->apply();
+  }
+  void settle(double seconds = 0.5) {
+    clock_.advance(seconds);
+    host_.settle();
+    clock_.advance(0.5);
+    host_.settle();
+  }
+  json health() const {
+    return json::parse(
+        Host::healthJson(*host_.state->tree()->entityOf<Switch::Health>(Switch::kHealthPath),
+                         *host_.state->tree()->entityOf<Switch::Problems>(Switch::kProblemsPath))
+            .dump());
+  }
+  // "good active", "degraded waiting agent-host EVPN"
+  std::string summary() const {
+    const json shown = health();
+    std::string text =
+        shown["health"].get<std::string>() + " " + shown["vlans"][0]["state"].get<std::string>();
+    for (const json& problem : shown["problems"])
+      text += " " + problem["plugin"].get<std::string>() + " " + problem["subject"].get<std::string>();
+    return text;
+  }
+
+  RunDir runDir_;
+  Orb::ManualClock clock_;
+  HostState host_{runDir_,
+                  {{"agents", {"KernelState", "SoftForward", "ArpSuppression"}},
+                   {"vrfs", {{"red", {{"id", 5}, {"networkNamespace", "red"}}}}},
+                   {"vlans", {{"10", {{"tunnelPorts", {"core10", "core11"}}, {"vrf", "red"}}}}}},
+                  nullptr,
+                  clock_};
+  const Mox::Ptr<Host::HealthSm> health_ = Mox::make<Host::HealthSm>(host_.scheduler(), host_.state->tree());
+};
+
+TEST_F(HealthTest, SaysWhatIsWrongUntilItIsMended) {
+  settle(Host::HealthSm::kStartSeconds);
+  ASSERT_EQ(summary(), "good active");
+  struct Row {
+    const char* path;
+    json broken;
+    const char* summary;
+    const char* reason;  // of the VLAN
+    json mended;
+  };
+  const auto vlan = [](const json& members) { return json{{"vlan", {{"10", members}}}}; };
+  const auto problem = [](const char* subject, bool stops) {
+    return json{
+        {"problem", {{"x", {{"plugin", "P"}, {"subject", subject}, {"problem", "torn"}, {"stops", stops}}}}}};
+  };
+  const json noProblem = {{"problem", {{"x", nullptr}}}};
+  const Row rows[] = {
+      {"evpn/status",
+       {{"mplsConfigured", false}},
+       "degraded waiting agent-host EVPN",
+       "EVPN over MPLS is not configured",
+       {{"mplsConfigured", true}}},
+      {"arpSuppression/status",
+       {{"vlanId", {{"10", nullptr}}}},
+       "good waiting",
+       "its interface vlan10 is not usable yet",
+       {{"vlanId", {{"10", true}}}}},
+      {"arpSuppression/status",
+       {{"runnable", false}},
+       "good waiting",
+       "suppression does not run yet",
+       {{"runnable", true}}},
+      {"switch/forwarding", vlan({{"ready", false}, {"reason", "there is no bridge vlan10"}}),
+       "good degraded", "there is no bridge vlan10", vlan({{"ready", true}, {"reason", ""}})},
+      {"switch/forwarding", {{"failingOpen", true}}, "failed active", "", {{"failingOpen", false}}},
+      {"ip/vrf/status/local",
+       {{"vrf", {{"red", {{"state", "inactive"}}}}}},
+       "degraded active agent-host VRF red",
+       "",
+       {{"vrf", {{"red", {{"state", "active"}}}}}}},
+      {"ip/status",
+       {{"ipIntfStatus", {{"Vlan10", nullptr}}}},
+       "degraded degraded agent-host VLAN 10, interface",
+       "interface: there is no interface vlan10 in VRF red: the VLAN has no layer 3, and its requests are "
+       "flooded",
+       {{"ipIntfStatus", {{"Vlan10", {{"vrfName", "red"}}}}}}},
+      {"switch/problems", problem("VLAN 10, tunnel port core11", false),
+       "degraded degraded P VLAN 10, tunnel port core11", "tunnel port core11: torn", noProblem},
+      {"switch/problems", problem("VLAN 100", false), "degraded active P VLAN 100", "", noProblem},
+      {"switch/problems", problem("all VLANs", true), "failed active P all VLANs", "", noProblem},
+  };
+  for (const Row& row : rows) {
+    is(row.path, row.broken);
+    settle();
+    settle(Host::HealthSm::kAbsentSeconds);
+    EXPECT_EQ(summary(), row.summary);
+    EXPECT_EQ(health()["vlans"][0]["reason"], row.reason);
+    is(row.path, row.mended);
+    settle();
+    EXPECT_EQ(summary(), "good active") << row.summary;
+  }
+}
+
+TEST_F(HealthTest, WhatIsNotThereYetIsNoProblem) {
+  is("ip/status", {{"ipIntfStatus", {{"Vlan10", nullptr}}}});
+  is("switch/forwarding", {{"vlan", {{"10", {{"ready", false}, {"missing", {"core11"}}}}}}});
+  is("switch/problems", {{"problem", {{"x", {{"plugin", "P"}, {"subject", "VLAN 10"}}}}}});
+  settle(Host::HealthSm::kStartSeconds - 2);
+  EXPECT_EQ(summary(), "good waiting");
+  // Away for less than what counts, later on.
+  is("switch/problems", {{"problem", {{"x", nullptr}}}});
+  is("ip/status", {{"ipIntfStatus", {{"Vlan10", {{"vrfName", "red"}}}}}});
+  settle(2);
+  is("ip/status", {{"ipIntfStatus", {{"Vlan10", nullptr}}}});
+  settle();
+  EXPECT_EQ(summary(), "good degraded");
+  EXPECT_EQ(health()["vlans"], json::parse(R"([{"vlan": 10, "state": "degraded", "bridge": "vlan10",
+      "accessPorts": ["Ethernet1"], "tunnelPorts": ["core10", "core11"], "missing": ["core11"], "vrf": "red",
+      "reason": "its forwarding is being made"}])"));
+  // It rests.
+  settle(Host::HealthSm::kAbsentSeconds);
+  EXPECT_EQ(summary(), "degraded degraded agent-host VLAN 10, interface");
+  settle();
+  EXPECT_FALSE(host_.loop.step());
+  EXPECT_FALSE(health_->walkScheduled());
+}
+
+}  // namespace
+}  // namespace HostTest
