@@ -154,11 +154,13 @@ void HealthSm::judgeVlan(Bridging::VlanId vlanId, const Switch::VlanConfig& conf
   row->stateIs(state);
 }
 
-VlanState HealthSm::stateOf(Bridging::VlanId vlanId, const Switch::VlanConfig&, std::string& reason) const {
+VlanState HealthSm::stateOf(Bridging::VlanId vlanId, const Switch::VlanConfig& config,
+                            std::string& reason) const {
   const auto is = [&](VlanState state, std::string why) {
     reason = std::move(why);
     return state;
   };
+  if (!config.suppression()) return is(VlanState::off, "\"suppression\" of the configuration is false");
   if (!loaded(kArpSuppression)) return is(VlanState::waiting, "the plug-in ArpSuppression is not loaded");
   if (!evpn_->mplsConfigured()) return is(VlanState::waiting, "EVPN over MPLS is not configured");
   if (loaded(kSoftForward)) {
@@ -194,7 +196,7 @@ void HealthSm::lookForVrfs() {
 }
 
 void HealthSm::lookForInterface(Bridging::VlanId vlanId, const Switch::VlanConfig& config) {
-  if (!loaded(kKernelState)) return;
+  if (!loaded(kKernelState) || !config.suppression()) return;
   const std::string where = config.vrf().empty() ? "" : " in VRF " + config.vrf();
   const std::string name = interfaceName(vlanId);
   missingIs(

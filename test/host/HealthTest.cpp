@@ -114,6 +114,8 @@ TEST_F(HealthTest, SaysWhatIsWrongUntilItIsMended) {
        {{"ipIntfStatus", {{"Vlan10", {{"vrfName", "red"}}}}}}},
       {"switch/problems", problem("VLAN 10, tunnel port core11", false),
        "degraded degraded P VLAN 10, tunnel port core11", "tunnel port core11: torn", noProblem},
+      {"switch/config", vlan({{"suppression", false}}), "good off",
+       "\"suppression\" of the configuration is false", vlan({{"suppression", true}})},
       {"switch/problems", problem("VLAN 100", false), "degraded active P VLAN 100", "", noProblem},
       {"switch/problems", problem("all VLANs", true), "failed active P all VLANs", "", noProblem},
   };
