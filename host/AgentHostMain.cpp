@@ -9,7 +9,8 @@
 
 // agent-host: loads the plug-ins that its configuration names and runs them until it is told to end.
 //
-// Exit status: 0 ended as told, 1 it cannot run (one line on stderr says why), 2 wrong usage.
+// Exit status: 0 ended as told, or the checked configuration is good; 1 it cannot run, or the configuration is
+// wrong (stderr says why, a line each problem); 2 wrong usage.
 
 namespace {
 
@@ -25,6 +26,11 @@ int main(int argc, char** argv) {
   CLI::App app("Runs the agents of a switch in the foreground; ends on SIGTERM or SIGINT. Logs to stderr.");
   std::string file = "/etc/arp-suppression/agent-host.json";
   app.add_option("--config", file, "the configuration file (JSON, comments allowed)")->capture_default_str();
+  std::string checked;
+  const CLI::Option* const check =
+      app.add_option("--check", checked, "only read this configuration file, and say everything that is wrong")
+          ->expected(0, 1)
+          ->type_name("[FILE]");
   app.set_version_flag("--version", Host::versionOf("agent-host"));
   try {
     app.parse(argc, argv);
@@ -33,13 +39,16 @@ int main(int argc, char** argv) {
     report(std::string(error.what()) + "; see agent-host --help");
     return 2;
   }
-  Mox::Result<Host::Config> config = Host::readConfig(file);
-  if (!config) {
-    report(config.error());
-    return 1;
+  if (!checked.empty()) file = checked;
+  Host::ConfigReading reading = Host::readConfig(file);
+  for (const std::string& problem : reading.problems) report(problem);
+  if (!reading.good()) return 1;
+  if (check->count() > 0) {
+    for (const std::string& remark : Host::remarks(reading.config)) report(file + ": " + remark);
+    return 0;
   }
   Orb::EventLoop loop;
-  Host::Daemon daemon(loop, std::move(*config), report);
+  Host::Daemon daemon(loop, std::move(reading.config), report);
   Mox::Result<> done = daemon.watchSignals();
   if (done) done = daemon.start();
   if (done) done = daemon.run();

@@ -7,7 +7,6 @@
 #include <string_view>
 #include <vector>
 
-#include "Mox/Result.h"
 #include "Switch/Config.h"
 
 namespace Host {
@@ -64,11 +63,26 @@ struct Config {
   std::string featureDirectory;
   std::map<std::string, int> trace;
   std::uint32_t neighborRefreshSeconds = 240;
+
+  // Whether it loads this plug-in.
+  bool has(const char* plugin) const;
 };
 
-// When anything is wrong the refusal is one line "<file>: <key>: <value> is not ...". The key is a path like
-// "vrfs.red.id".
-Mox::Result<Config> parseConfig(std::string_view text, const std::string& file);
-Mox::Result<Config> readConfig(const std::string& file);
+// What came of reading a configuration.
+struct ConfigReading {
+  Config config;  // counts only when nothing is wrong
+  // Everything that is wrong, a line each: "<file>: <key>: <value> is not ...". The key is a path like
+  // "vrfs.red.id". What hangs on something that is wrong itself is not looked at.
+  std::vector<std::string> problems;
+
+  bool good() const { return problems.empty(); }
+};
+
+ConfigReading parseConfig(std::string_view text, const std::string& file);
+// The file, and the files of feature switches that it leads to.
+ConfigReading readConfig(const std::string& file);
+
+// What is allowed, but hardly meant: a line each.
+std::vector<std::string> remarks(const Config& config);
 
 }  // namespace Host

@@ -127,6 +127,7 @@ void Daemon::startStep(Plugin::AgentBase& agent, const Call& call) {
 
 void Daemon::handleStarted() {
   if (--starting_ > 0 || !started_) return;
+  for (const std::string& remark : remarks(config_)) report_(remark);
   report_("runs");
   serviceManager_.started();
 }

@@ -9,10 +9,14 @@ namespace {
 using Host::parseConfig;
 using testing::HasSubstr;
 
-std::string errorOf(const std::string& text) { return parseConfig(text, "agent.json").error(); }
+std::string errorOf(const std::string& text) {
+  std::string lines;
+  for (const std::string& problem : parseConfig(text, "agent.json").problems) lines += problem + "\n";
+  return lines;
+}
 
 TEST(Config, takesEveryKeyAndComments) {
-  const auto config = parseConfig(R"(// "{[ of a comment counts for nothing
+  const Host::ConfigReading reading = parseConfig(R"(// "{[ of a comment counts for nothing
     { /* "nor { here */ "runDirectory": "/tmp/a//b", "hardware": false,
       "agents": ["ArpSuppression", "SoftForward"],
       "vrfs": {"red": {"id": 5, "networkNamespace": "red"}, "blue": {"id": 16777214, "networkNamespace": "b"},
@@ -26,29 +30,30 @@ TEST(Config, takesEveryKeyAndComments) {
                 "kni/ns/red/status": {"interface": {"vlan10": {"ifIndex": 7}}}},
       "featureDirectory": "/etc/f", "neighborRefreshSeconds": 86400, "trace": {"ArpSuppression": 8} // the last
     })",
-                                  "agent.json");
-  ASSERT_TRUE(config) << config.error();
-  EXPECT_EQ(config->runDirectory, "/tmp/a//b");
-  EXPECT_THAT(config->agents, testing::ElementsAre("SoftForward", "ArpSuppression"));
-  EXPECT_EQ(config->vrfs.at("red").networkNamespace, "red");
-  EXPECT_EQ(config->vrfs.at("blue").id, 16777214u);
-  EXPECT_EQ(config->vrfs.at("green").networkNamespace + " " + config->vrfs.at("green").device, "default b");
-  EXPECT_EQ(config->vlans.at(20).vrf, "green");
-  EXPECT_EQ(config->vlans.at(30).bridge, "vlan30");
-  EXPECT_FALSE(config->vlans.at(20).suppression);
-  EXPECT_TRUE(config->vlans.at(30).suppression);
-  const auto& ports = config->softForward.portPolicers;
+                                                  "agent.json");
+  ASSERT_THAT(reading.problems, testing::IsEmpty());
+  const Host::Config& config = reading.config;
+  EXPECT_EQ(config.runDirectory, "/tmp/a//b");
+  EXPECT_THAT(config.agents, testing::ElementsAre("SoftForward", "ArpSuppression"));
+  EXPECT_EQ(config.vrfs.at("red").networkNamespace, "red");
+  EXPECT_EQ(config.vrfs.at("blue").id, 16777214u);
+  EXPECT_EQ(config.vrfs.at("green").networkNamespace + " " + config.vrfs.at("green").device, "default b");
+  EXPECT_EQ(config.vlans.at(20).vrf, "green");
+  EXPECT_EQ(config.vlans.at(30).bridge, "vlan30");
+  EXPECT_FALSE(config.vlans.at(20).suppression);
+  EXPECT_TRUE(config.vlans.at(30).suppression);
+  const auto& ports = config.softForward.portPolicers;
   EXPECT_EQ(ports.at("Ethernet1"), (Switch::Policer{5000, 1}));  // what it leaves out is as for all ports
   EXPECT_EQ(ports.at("Ethernet2"), (Switch::Policer{1000000, 1}));
-  EXPECT_EQ(config->softForward.failOpenSeconds, 60u);
-  EXPECT_THAT(config->vlans.at(10).tunnelPorts, testing::ElementsAre("core10", "core11"));
-  EXPECT_THAT(config->vlans.at(4094).tunnelPorts, testing::IsEmpty());
-  EXPECT_EQ(config->state.size(), 3u);
-  EXPECT_EQ(config->featureDirectory, "/etc/f");
-  EXPECT_EQ(config->neighborRefreshSeconds, 86400u);
-  EXPECT_EQ(config->trace.at("ArpSuppression"), 8);
-  ASSERT_TRUE(parseConfig("{}", "agent.json"));
-  EXPECT_TRUE(parseConfig(R"({"hardware": true})", "agent.json")->hardware);
+  EXPECT_EQ(config.softForward.failOpenSeconds, 60u);
+  EXPECT_THAT(config.vlans.at(10).tunnelPorts, testing::ElementsAre("core10", "core11"));
+  EXPECT_THAT(config.vlans.at(4094).tunnelPorts, testing::IsEmpty());
+  EXPECT_EQ(config.state.size(), 3u);
+  EXPECT_EQ(config.featureDirectory, "/etc/f");
+  EXPECT_EQ(config.neighborRefreshSeconds, 86400u);
+  EXPECT_EQ(config.trace.at("ArpSuppression"), 8);
+  EXPECT_TRUE(parseConfig("{}", "agent.json").good());
+  EXPECT_TRUE(parseConfig(R"({"hardware": true})", "agent.json").config.hardware);
 }
 
 // What is wrong, where, and what would be right.
@@ -108,16 +113,20 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
       {R"({"vlans": {"10": {"suppression": false}}})",
        "vlans.10.suppression: false does nothing without the agent SoftForward"},
       {R"({"softForward": {}})", "softForward: does nothing without the agent SoftForward"},
-      {R"({"softForward": {"answers": {}}})",
+      {R"({"agents": ["SoftForward"], "softForward": {"answers": {}}})",
        "softForward.answers: unknown key; allowed here: failOpenSeconds, policer, ports"},
-      {R"({"softForward": {"failOpenSeconds": 61}})", "failOpenSeconds: 61 is not a number from 1 to 60"},
-      {R"({"softForward": {"policer": {"burst": 0}}})",
+      {R"({"agents": ["SoftForward"], "softForward": {"failOpenSeconds": 61}})",
+       "failOpenSeconds: 61 is not a number from 1 to 60"},
+      {R"({"agents": ["SoftForward"], "softForward": {"policer": {"burst": 0}}})",
        "softForward.policer.burst: 0 is not a number from 1 to 1000000"},
-      {R"({"softForward": {"ports": {"a/b": {}}}})", "softForward.ports: \"a/b\" is not a kernel device"},
-      {R"({"softForward": {"ports": {"e1": {"policer": 5}}}})",
+      {R"({"agents": ["SoftForward"], "softForward": {"ports": {"a/b": {}}}})",
+       "softForward.ports: \"a/b\" is not a kernel device"},
+      {R"({"agents": ["SoftForward"], "softForward": {"ports": {"e1": {"policer": 5}}}})",
        "softForward.ports.e1.policer: 5 is not an object of burst, perSecond"},
       {R"({"neighborRefreshSeconds": 0})", "neighborRefreshSeconds: 0 is not a number from 1 to 86400"},
-      {R"({"trace": {"Arp": 10}})", "trace.Arp: 10 is not a number from 0 to 9"},
+      {R"({"trace": {"Orb": 10}})", "trace.Orb: 10 is not a number from 0 to 9"},
+      {R"({"trace": {"a\n": 1}})",
+       "trace.a\\x0a: unknown trace handle; allowed here: ArpService, ArpSuppression, "},
       {R"({"state": {"evpn/stat": {}}})", "state: evpn/stat: there is no such path; allowed: arp/"},
       {R"({"state": {"evpn/status": 1}})", "state: evpn/status: 1 is not an object"},
       {R"({"state": {"evpn/status": {"vlanToDot1q": {"5000": 1}}}})", "evpn/status: vlanToDot1q[\"5000\"]"},
@@ -125,8 +134,42 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
        "ip/status: cannot be set while the plug-in KernelState is loaded"},
       {R"({"state": {"kni/ns/red/status": {}}, "agents": ["KernelState"]})", "KernelState is loaded"},
   };
-  for (const auto& test : cases) EXPECT_THAT(errorOf(test.text), HasSubstr(test.error)) << test.text;
-  EXPECT_THAT(errorOf("{\"trace\": {\"\n\": 99}}").find('\0'), std::string::npos);
+  for (const auto& test : cases) {
+    const std::string error = errorOf(test.text);
+    EXPECT_THAT(error, HasSubstr(test.error)) << test.text;
+    EXPECT_EQ(std::ranges::count(error, '\n'), 1) << "once, and nothing that follows from it: " << error;
+  }
+}
+
+TEST(Config, saysEverythingThatIsWrongAtOnce) {
+  const std::string all = errorOf(R"({
+      "agents": ["KernelState"], "hardware": 1, "colour": 2,
+      "vrfs": {"a": {"id": 0}, "b": {"id": 5, "device": "r"}, "c": {"id": 5, "device": "r"}},
+      "vlans": {"9": {"bridge": "", "tunnelPorts": ["a/b", "c", "c"]}, "8": {"vrf": "d", "suppression": false}},
+      "state": {"ip/status": {}, "evpn/status": {"mplsConfigured": 1, "vlanToDot1q": {"10": 10, "5000": 1, "9": "x"}}}
+    })");
+  const char* const lines[] = {"colour: unknown",         "hardware: 1 is",
+                               "vrfs.a.id: 0 is",         "vrfs.c.id: 5 is the id of vrfs.b",
+                               "vrfs.c.device: \"r\" is", "vlans.9.bridge: \"\" is",
+                               "tunnelPorts[0]",          "tunnelPorts[2]",
+                               "vlans.8.suppression",     "state: ip/status",
+                               "mplsConfigured: 1",       "vlanToDot1q[\"5000\"]",
+                               "vlanToDot1q[\"9\"]"};
+  for (const char* line : lines) EXPECT_THAT(all, HasSubstr(line));
+  EXPECT_EQ(std::ranges::count(all, '\n'), std::ssize(lines)) << all;
+  std::string many = R"({"vlans": {)";
+  for (int vlan = 5000; vlan < 5150; ++vlan) many += "\"" + std::to_string(vlan) + "\": {},";
+  many += R"("1": {}}})";
+  EXPECT_THAT(errorOf(many), testing::EndsWith("\"5099\" is not a VLAN id from 1 to 4094\n"
+                                               "agent.json: and 50 more problems\n"));
+}
+
+TEST(Config, remarksOnWhatDoesNothing) {
+  const auto remarks = [](const char* text) { return Host::remarks(parseConfig(text, "").config); };
+  EXPECT_THAT(remarks("{}"), testing::ElementsAre(HasSubstr("no plug-in")));
+  EXPECT_THAT(remarks(R"({"agents": ["SoftForward"]})"), testing::ElementsAre(HasSubstr("no VLAN")));
+  EXPECT_THAT(remarks(R"({"agents": ["SoftForward"], "vlans": {"1": {}}})"), testing::IsEmpty());
+  EXPECT_THAT(remarks(R"({"agents": ["ArpSuppression"]})"), testing::IsEmpty());
 }
 
 TEST(Config, survivesHostileText) {

@@ -97,6 +97,13 @@ TEST_F(Programs, doNotStartOnWhatIsWrong) {
     EXPECT_EQ(std::count(result.error.begin(), result.error.end(), '\n'), 1) << result.error;
   };
   refuses({{"agents", {"Nothing"}}}, "config.json: agents[0]: \"Nothing\" is not one of KernelState");
+  const Result wrong = run({AGENT_HOST, "--check", configFile({{"agents", {"x", "y"}}})});
+  EXPECT_EQ(wrong.status, 1);
+  EXPECT_THAT(wrong.error, testing::ContainsRegex("config.json: agents.0.: .*\n.*config.json: agents.1.: "));
+  const Result good = run({AGENT_HOST, "--config", configFile(json::object()), "--check"});
+  EXPECT_EQ(good.status, 0);
+  EXPECT_THAT(good.error,
+              testing::EndsWith("config.json: no plug-in is named in \"agents\": nothing is suppressed\n"));
   refuses({{"runDirectory", folder.path() + "/no/run"}}, "/no/run: it cannot be made");
   // A plug-in that is not there: the files are named, and nothing was made.
   setenv(Host::kLibraryDirectoryVariable, folder.path().c_str(), 1);

@@ -45,6 +45,14 @@ TEST(FeatureFiles, aSwitchThatCannotBeReadKeepsItsDefaultAndSaysWhy) {
     EXPECT_EQ(read(), test.value) << test.text;
     EXPECT_THAT(reports, *test.report ? testing::Matcher<std::string>(HasSubstr(test.report)) : IsEmpty());
   }
+  std::ofstream(directory.path() + "/EvpnLib.json") << R"({"EvpnMplsProxyArpRefresh": 1, "Other": true})";
+  std::ofstream(directory.path() + "/ArpSuppression.json") << "[]";
+  using testing::EndsWith;
+  EXPECT_THAT(Host::checkFeatureFiles(directory.path()),
+              testing::ElementsAre(EndsWith("/ArpSuppression.json: not an object of switches"),
+                                   EndsWith("/EvpnLib.json: EvpnMplsProxyArpRefresh: 1 is not true or false"),
+                                   EndsWith("Other: unknown key; allowed here: EvpnMplsProxyArpRefresh")));
+  EXPECT_THAT(Host::checkFeatureFiles(""), IsEmpty());
   std::filesystem::remove(file);
   std::filesystem::create_directory(file);
   EXPECT_EQ(read(), std::nullopt);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -40,9 +40,9 @@ class RunDir {
 };
 
 inline Host::Config configOf(const json& content) {
-  const auto config = Host::parseConfig(content.dump(), "test.json");
-  EXPECT_TRUE(config) << config.error();
-  return config ? *config : Host::Config();
+  const Host::ConfigReading reading = Host::parseConfig(content.dump(), "test.json");
+  EXPECT_THAT(reading.problems, testing::IsEmpty());
+  return reading.good() ? reading.config : Host::Config();
 }
 
 // A loop that the test steps, and the state of a host in it.
