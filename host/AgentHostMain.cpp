@@ -28,7 +28,8 @@ int main(int argc, char** argv) {
   app.add_option("--config", file, "the configuration file (JSON, comments allowed)")->capture_default_str();
   std::string checked;
   const CLI::Option* const check =
-      app.add_option("--check", checked, "only read this configuration file, and say everything that is wrong")
+      app.add_option("--check", checked,
+                     "only read this configuration file, and say everything that is wrong")
           ->expected(0, 1)
           ->type_name("[FILE]");
   app.set_version_flag("--version", Host::versionOf("agent-host"));

@@ -15,6 +15,12 @@ bool isOneHost(const IpGenAddr& ip) {
   return ip && !ip.isUnspecified() && !ip.isMulticast() && !(ip.isIpv4() && ip.ipv4().value() == 0xffffffff);
 }
 
+// 127.0.0.0/8 (RFC 1122) and ::1 (RFC 4291).
+bool isLoopback(const IpGenAddr& ip) {
+  static const IpGenAddr v6 = *IpGenAddr::fromStrep("::1");
+  return ip.isIpv4() ? ip.ipv4().bytes()[0] == 127 : ip == v6;
+}
+
 std::string_view nextPart(std::string_view& line) {
   const std::size_t end = line.find(' ');
   const std::string_view part = line.substr(0, end);
@@ -39,12 +45,45 @@ Mox::Result<Binding> parseBinding(std::string_view vlan, std::string_view ip, st
                                   bool localMultihomed) {
   const auto key = parseBindingKey(vlan, ip);
   if (!key) return key.failure();
+  if (isLoopback(key->ipAddress))
+    return Mox::Failure{"IP " + quoted(ip) + " is a loopback address, which no other switch has"};
   const auto address = EthAddr::fromStrep(mac);
   if (!address || address->isZero() || address->isMulticast()) {
     return Mox::Failure{"MAC " + quoted(mac) +
                         " is not the MAC address of one station, like 02:00:00:00:00:01"};
   }
   return Binding{*key, {*address, localMultihomed}};
+}
+
+Mox::Result<Binding> parseBinding(const nlohmann::json& object) {
+  if (!object.is_object()) return Mox::Failure{"it is not a JSON object"};
+  std::string vlan;
+  std::string ip;
+  std::string mac;
+  bool localMultihomed = false;
+  for (auto item = object.begin(); item != object.end(); ++item) {
+    const nlohmann::json& value = item.value();
+    bool good = false;
+    if (item.key() == "vlan") {
+      good = value.is_number_integer() || value.is_string();
+      if (good) vlan = value.is_string() ? value.get<std::string>() : value.dump();
+    } else if (item.key() == "localMultihomed") {
+      good = value.is_boolean();
+      if (good) localMultihomed = value.get<bool>();
+    } else if (item.key() == "ip" || item.key() == "mac") {
+      good = value.is_string();
+      if (good) (item.key() == "ip" ? ip : mac) = value.get<std::string>();
+    } else {
+      return Mox::Failure{"unknown key " + Statedb::describe(item.key()) +
+                          "; allowed: vlan, ip, mac, localMultihomed"};
+    }
+    if (good) continue;
+    return Mox::Failure{item.key() + " " + Statedb::describe(value) + " is not " +
+                        (item.key() == "vlan"              ? Bridging::VlanId::allowed()
+                         : item.key() == "localMultihomed" ? "true or false"
+                                                           : "a string")};
+  }
+  return parseBinding(vlan, ip, mac, localMultihomed);
 }
 
 std::string bindingLine(const Binding& binding) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 
@@ -16,10 +17,13 @@ struct Binding {
 };
 
 // A refusal says which part is wrong and what is allowed: a VLAN id, an IPv4 or IPv6 address of one host, a
-// MAC address of one station.
+// MAC address of one station. A binding is for an address that another switch can have: not a loopback one.
 Mox::Result<ArpSuppression::RemoteBindingKey> parseBindingKey(std::string_view vlan, std::string_view ip);
 Mox::Result<Binding> parseBinding(std::string_view vlan, std::string_view ip, std::string_view mac,
                                   bool localMultihomed);
+// Of {"vlan": 10, "ip": "10.0.0.1", "mac": "02:00:00:00:00:01", "localMultihomed": false}; the last key may be
+// left out.
+Mox::Result<Binding> parseBinding(const nlohmann::json& object);
 
 // The control socket's line of one binding: "10 10.0.0.1 02:00:00:00:00:01", and " localMultihomed" behind it
 // where that holds. Only the first two parts name it.

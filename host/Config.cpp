@@ -9,6 +9,7 @@
 #include "Lanix/NamespaceName.h"
 #include "Statedb/Json.h"
 #include "Vrf/VrfId.h"
+#include "host/Bindings.h"
 #include "host/ConfigReader.h"
 #include "host/FeatureFiles.h"
 #include "host/JsonText.h"
@@ -79,6 +80,7 @@ class FileReader {
   void readAll();
   ConfigReader::Read vrfs();
   ConfigReader::Read vlans();
+  ConfigReader::Read bindings();
   ConfigReader::Read policer(Switch::Policer& to);
   void readSoftForward(const std::string& key, const json& value);
   void checkVlanVrfs();
@@ -109,6 +111,7 @@ void FileReader::readAll() {
        {"vrfs", vrfs()},
        {"vlans", vlans()},
        {"softForward", [this](const auto& key, const json& value) { readSoftForward(key, value); }},
+       {"bindings", bindings()},
        {"state",
         [this](const auto& key, const json& value) {
           if (!value.is_object()) return reader_.isNot(key, value, "an object by path");
@@ -249,6 +252,17 @@ void FileReader::checkAgents() {
     if (!vlan.suppression)
       reader_.fail("vlans." + std::to_string(vlanId) + ".suppression", "false " + without);
   }
+}
+
+// --- Bindings ------------------------------------------------------------------------------------------
+
+ConfigReader::Read FileReader::bindings() {
+  return reader_.list("a list of bindings", [this](const auto& key, const auto&, const json& value) {
+    const Mox::Result<Binding> binding = parseBinding(value);
+    if (!binding) return reader_.fail(key, binding.error());
+    if (!config_.bindings.emplace(binding->key, binding->value).second)
+      reader_.fail(key, "there is one of " + Mox::toStrep(binding->key) + " already");
+  });
 }
 
 // --- State ---------------------------------------------------------------------------------------------------

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Suppression/RemoteBindingConfig.h"
 #include "Switch/Config.h"
 
 namespace Host {
@@ -48,6 +49,7 @@ struct SoftForwardSettings {
 //                           failOpenSeconds (1 to 60, default 3: how long after the agent's last sign of life
 //                           everything is flooded)
 //   state                   by path: what merges into that state before any plug-in starts
+//   bindings                list of remote bindings: vlan, ip, mac, and localMultihomed (default false)
 //   featureDirectory        absolute path of the folder with the group files of feature switches; default
 //                           none
 //   neighborRefreshSeconds  1 to 86400, default 240: when ArpService has a stale neighbour probed
@@ -60,6 +62,7 @@ struct Config {
   std::map<std::uint16_t, VlanSettings> vlans;
   SoftForwardSettings softForward;
   nlohmann::json state = nlohmann::json::object();  // every path is known, settable, and its content is good
+  std::map<ArpSuppression::RemoteBindingKey, ArpSuppression::RemoteBinding> bindings;
   std::string featureDirectory;
   std::map<std::string, int> trace;
   std::uint32_t neighborRefreshSeconds = 240;

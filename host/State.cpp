@@ -11,6 +11,7 @@
 #include "Switch/Problems.h"
 #include "Vrf/VrfIdMap.h"
 #include "host/Config.h"
+#include "host/DeclaredState.h"
 #include "host/Types.h"
 
 namespace Host {
@@ -19,10 +20,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr const char* kVrfIdPath = "vrf/vrfIdMapStatus";
-constexpr const char* kVrfIdToName = "vrfIdToName";
 constexpr const char* kReporter = "agent-host";
-constexpr const char* kRemoteBindingPath = "arpSuppression/remoteBindingConfig/evpn";
 
 // The VRF "default" has the id 0, and no other has.
 Mox::Result<> checkVrfIds(const json& content) {
@@ -37,25 +35,6 @@ Mox::Result<> checkVrfIds(const json& content) {
       return Mox::Failure{where + ": the VRF \"default\" always has the id 0, and no other VRF has it"};
   }
   return {};
-}
-
-// What the host says itself, under what the configuration's `state` says.
-json ownVrfIds(const Config& config, const json& stated) {
-  json content = {{kVrfIdToName, {{"0", L3::VrfName::kDefault}}}};
-  for (const auto& [name, vrf] : config.vrfs) content[kVrfIdToName][std::to_string(vrf.id)] = name;
-  const auto names = stated.find(kVrfIdToName);
-  if (names != stated.end() && names->is_object()) content[kVrfIdToName].merge_patch(*names);
-  return content;
-}
-
-// Everything of a path that `state` may name in more than one way ("bridging/config" and "bridging/config/").
-json statedContent(const json& state, const std::string& path) {
-  json content = json::object();
-  for (auto item = state.begin(); item != state.end(); ++item) {
-    if (Statedb::normalPath(item.key()) == path && item.value().is_object())
-      content.merge_patch(item.value());
-  }
-  return content;
 }
 
 // The store without what it keeps on behalf of plug-ins that are not loaded: nobody would ever take it back.
@@ -130,17 +109,18 @@ Mox::Result<> State::build(const Config& config) {
     softForward->portPolicerIs(port, policer);
   switchConfig->agentsIs(config.agents);
   switchConfig->neighborRefreshSecondsIs(config.neighborRefreshSeconds);
+  const json declared = declaredState(config);
   for (const StatePath& state : statePaths()) {
     if (!settable(state, plugins_)) continue;
     if (state.storage == Storage::tree) {
       if (const auto made = tree_->entityIs(state.path, state.typeName); !made) return made.failure();
       continue;
     }
-    const json stated = statedContent(config.state, state.path);
-    const json& content = state.path == kVrfIdPath ? ownVrfIds(config, stated) : stated;
-    if (const auto built = buildTable(state, content); !built) return built;
+    const auto content = declared.find(state.path);
+    if (const auto built = buildTable(state, content == declared.end() ? json::object() : *content); !built)
+      return built;
   }
-  for (auto item = config.state.begin(); item != config.state.end(); ++item) {
+  for (auto item = declared.begin(); item != declared.end(); ++item) {
     const std::optional<StatePath> state = findStatePath(item.key());
     if (!state || state->storage != Storage::tree) continue;
     if (const auto written = writeTree(*state, item.value()); !written) return written;

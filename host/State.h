@@ -47,7 +47,7 @@ class State {
   const Mox::Ptr<Memtab::EntityManager>& tables() const { return tables_; }
 
   // Before the first plug-in is made: writes "switch/config", and creates every input that no loaded plug-in
-  // writes with what the configuration's `state` says. A table that an earlier run left in shared memory is
+  // writes with what the configuration says (declaredState). A table that an earlier run left in shared memory is
   // reconciled with that. While KernelState is not loaded the VRF ids are those of the configuration's
   // `vrfs`; which VRFs are active on this switch ("ip/vrf/status/local") only `state` and operators say.
   //

@@ -32,7 +32,7 @@ const std::vector<StatePath>& statePaths() {
       {"arp/service/status", "Arp::ServiceStatus", tree, byPlugin, kArpService, false},
       {"arp/status", "Arp::Table::Status", sharedMemory, byPlugin, kKernelState, false},
       {"arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus", sharedMemory, byPlugin, kArpSuppression, false},
-      {"arpSuppression/remoteBindingConfig/evpn", "ArpSuppression::RemoteBindingConfig", sharedMemory, byHost, nullptr, false},
+      {kRemoteBindingPath, "ArpSuppression::RemoteBindingConfig", sharedMemory, byHost, nullptr, false},
       {"arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", tree, byPlugin, kArpSuppression, true},
       {"bridging/config", "Bridging::Config", tree, byHost, nullptr, false},
       {"bridging/status", "Memtab::Bridging::Status", sharedMemory, byPlugin, kKernelState, false},
@@ -50,7 +50,7 @@ const std::vector<StatePath>& statePaths() {
       {Switch::kProblemsPath, Switch::kProblemsType, tree, fixed, nullptr, false},
       {Switch::kReadinessPath, Switch::kReadinessType, tree, fixed, nullptr, false},
       {Switch::kVlanInterfacesPath, Switch::kVlanInterfacesType, tree, byPlugin, kKernelState, false},
-      {"vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status", sharedMemory, byPlugin, kKernelState, false},
+      {kVrfIdPath, "Vrf::VrfIdMap::Status", sharedMemory, byPlugin, kKernelState, false},
   };
   // clang-format on
   return paths;

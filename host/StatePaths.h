@@ -19,6 +19,11 @@ inline constexpr const char* kSoftForward = "SoftForward";
 inline constexpr const char* kArpSuppression = "ArpSuppression";
 inline constexpr const char* kPlugins[] = {kKernelState, kArpService, kSoftForward, kArpSuppression};
 
+// Paths that the host itself writes, and the collection of VRF ids.
+inline constexpr const char* kVrfIdPath = "vrf/vrfIdMapStatus";
+inline constexpr const char* kVrfIdToName = "vrfIdToName";
+inline constexpr const char* kRemoteBindingPath = "arpSuppression/remoteBindingConfig/evpn";
+
 enum class Storage { tree, sharedMemory };
 
 // Who may write a path by hand.

@@ -54,34 +54,8 @@ Mox::Result<Binding> parseCsv(std::string_view line) {
 
 Mox::Result<Binding> parseJsonLine(std::string_view line) {
   const std::optional<json> object = nestsTooDeep(line) ? std::nullopt : Statedb::jsonOf(line);
-  if (!object || !object->is_object()) return Mox::Failure{"it is not a JSON object"};
-  std::string vlan;
-  std::string ip;
-  std::string mac;
-  bool localMultihomed = false;
-  for (auto item = object->begin(); item != object->end(); ++item) {
-    const json& value = item.value();
-    bool good = false;
-    if (item.key() == "vlan") {
-      good = value.is_number_integer() || value.is_string();
-      if (good) vlan = value.is_string() ? value.get<std::string>() : value.dump();
-    } else if (item.key() == "localMultihomed") {
-      good = value.is_boolean();
-      if (good) localMultihomed = value.get<bool>();
-    } else if (item.key() == "ip" || item.key() == "mac") {
-      good = value.is_string();
-      if (good) (item.key() == "ip" ? ip : mac) = value.get<std::string>();
-    } else {
-      return Mox::Failure{"unknown key " + Statedb::describe(item.key()) +
-                          "; allowed: vlan, ip, mac, localMultihomed"};
-    }
-    if (good) continue;
-    return Mox::Failure{item.key() + " " + Statedb::describe(value) + " is not " +
-                        (item.key() == "vlan"              ? Bridging::VlanId::allowed()
-                         : item.key() == "localMultihomed" ? "true or false"
-                                                           : "a string")};
-  }
-  return parseBinding(vlan, ip, mac, localMultihomed);
+  if (!object) return Mox::Failure{"it is not a JSON object"};
+  return parseBinding(*object);
 }
 
 }  // namespace

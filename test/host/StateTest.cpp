@@ -21,9 +21,11 @@ TEST(State, beginsWithWhatTheConfigurationSays) {
   HostState host(runDir, {{"vrfs", {{"red", {{"id", 5}, {"networkNamespace", "r"}}}}},
                           {"vlans", {{"10", {{"tunnelPorts", {"core10"}}, {"suppression", false}}}}},
                           {"agents", {"SoftForward"}},
+                          {"bindings", {{{"vlan", 10}, {"ip", "10.0.0.9"}, {"mac", "02:00:00:00:00:09"}}}},
                           {"softForward", {{"policer", {{"burst", 5}}}, {"ports", {{"e1", json::object()}}}}},
                           {"state",
                            {{"evpn/status", {{"mplsConfigured", true}}},
+                            {kRemote, {{"remoteBinding", {{"10 10.0.0.8", {{"mac", "02:00:00:00:00:08"}}}}}}},
                             {"vrf/vrfIdMapStatus", {{"vrfIdToName", {{"7", "blue"}}}}},
                             {"kni/ns/red/status", {{"interface", {{"vlan10", {{"ifIndex", 7}}}}}}}}}});
   EXPECT_EQ(host.show("evpn/status")["mplsConfigured"], true);
@@ -42,6 +44,9 @@ TEST(State, beginsWithWhatTheConfigurationSays) {
                {{"bridge", "vlan10"}, {"tunnelPorts", {"core10"}}, {"vrf", ""}, {"suppression", false}}}}}}));
   const auto softForward = host.state->tree()->entityOf<Switch::Config>(Switch::kConfigPath)->softForward();
   EXPECT_EQ(softForward->policerOf("e2").burst + softForward->portPolicer("e1").burst, 10u);
+  EXPECT_EQ(host.show(kRemote)["remoteBinding"],
+            json({{"10 10.0.0.8", {{"mac", "02:00:00:00:00:08"}, {"localMultihomed", false}}},
+                  {"10 10.0.0.9", {{"mac", "02:00:00:00:00:09"}, {"localMultihomed", false}}}}));
   EXPECT_EQ(host.show("ip/vrf/status/local"), json({{"vrf", json::object()}}));
   EXPECT_EQ(host.reports, "");
 }
