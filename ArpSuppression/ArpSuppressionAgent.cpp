@@ -70,6 +70,7 @@ void ArpSuppressionAgent::doInit() {
   group->mountIs("routing/l2vpn/config", "Routing::L2Vpn::Config", "r");
   group->mountIs(kArpInputConfigPath, "Arp::ArpInputConfig", "wS");
   group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "r");  // for `explain`
+  group->mountIs(Switch::kReadinessPath, Switch::kReadinessType, "wc");
   createLocalEntity("AllIntfStatusDir", "Interface::AllIntfStatusDir", "interface/status/all");
   createLocalEntity("AllIntfStatusLocalDir", "Interface::AllIntfStatusLocalDir", kIntfStatusLocalPath);
   localEntitiesCreatedIs(true);
@@ -117,7 +118,8 @@ void ArpSuppressionAgent::doMountsComplete(Statedb::MountStatus /*status*/,
       tree->entityOf<Routing::Fhrp::VirtualRouterMacStatus>("routing/fhrp/vrMacStatus"), arpInputConfig,
       tree->entityOf<Interface::AllIntfStatusDir>("interface/status/all"),
       tree->entityOf<Interface::AllIntfStatusLocalDir>(kIntfStatusLocalPath),
-      tree->entityOf<Routing::L2Vpn::Config>("routing/l2vpn/config")));
+      tree->entityOf<Routing::L2Vpn::Config>("routing/l2vpn/config"),
+      tree->entityOf<Switch::Readiness>(Switch::kReadinessPath)));
   problemsAre(tree->entityOf<Switch::Problems>(Switch::kProblemsPath));
   rootSmIs(mounts_, isPhysicalHardware(), taskSchedulerRoot());
   for (const auto& command : makeAgentCommands(rootSm(), activityManager())) agentCommandCallbackIs(command);
@@ -141,7 +143,7 @@ ArpSuppressionMounts::ArpSuppressionMounts(
     Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus, Ptr<Arp::ArpInputConfig> arpInputConfig,
     Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir,
     Ptr<const Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir,
-    Ptr<const Routing::L2Vpn::Config> l2VpnConfig)
+    Ptr<const Routing::L2Vpn::Config> l2VpnConfig, Ptr<Switch::Readiness> readiness)
     : entityManager(std::move(entityManager)),
       remoteBindingConfig(std::move(remoteBindingConfig)),
       remoteBindingConfigMountGroup(std::move(remoteBindingConfigMountGroup)),
@@ -160,7 +162,8 @@ ArpSuppressionMounts::ArpSuppressionMounts(
       arpInputConfig(std::move(arpInputConfig)),
       allIntfStatusDir(std::move(allIntfStatusDir)),
       allIntfStatusLocalDir(std::move(allIntfStatusLocalDir)),
-      l2VpnConfig(std::move(l2VpnConfig)) {}
+      l2VpnConfig(std::move(l2VpnConfig)),
+      readiness(std::move(readiness)) {}
 
 // --- The run-time state ----------------------------------------------------------------------------------
 
@@ -192,6 +195,7 @@ ArpSuppressionRootSm::ArpSuppressionRootSm(Ptr<ArpSuppressionMounts> mounts, boo
     : mounts_(std::move(mounts)),
       isPhysicalHardware_(isPhysicalHardware),
       taskSchedulerRoot_(std::move(taskSchedulerRoot)) {
+  if (mounts_ && mounts_->readiness) ReadinessSm::notRunning(*mounts_->readiness);
   handleInitialized();
   handleRunnable();
   evpnStatus_.on(Evpn::EvpnStatus::mplsConfiguredChanged, [this] { handleRunnable(); });
@@ -284,9 +288,15 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
                                            m.arpSuppressionCounterStatus,
                                            ConstDevices(r.deviceIntfStatusDir));
   }
+  if (m.readiness) {
+    readinessSm_.is(Ptr<const MessageTrapSm>(messageTrapSm()),
+                    Ptr<const MessageReinjectSmBase>(messageReinjectSm()),
+                    ConstRemoteBindings(r.remoteBindingStatus), r.vlanL3InfoStatus, m.readiness);
+  }
 }
 
 void ArpSuppressionRootSm::dropReactors() {
+  readinessSm_.del();  // from now on nobody is to rely on the others
   messageTrapSm_.del();
   messageReinjectSm_.del();
   bindingDiscoverySm_.del();

@@ -13,6 +13,7 @@
 #include "ArpSuppression/LocalRequestRecordSm.h"
 #include "ArpSuppression/MessageReinjectSm.h"
 #include "ArpSuppression/MessageTrapSm.h"
+#include "ArpSuppression/ReadinessSm.h"
 #include "ArpSuppression/RemoteBindingStatus.h"
 #include "ArpSuppression/RemoteBindingStatusSm.h"
 #include "ArpSuppression/TrappedMessage.h"
@@ -32,6 +33,7 @@
 #include "Suppression/Counter.h"
 #include "Suppression/RemoteBindingConfig.h"
 #include "Suppression/Status.h"
+#include "Switch/Readiness.h"
 #include "Vrf/VrfIdMap.h"
 
 namespace ArpSuppression {
@@ -51,7 +53,7 @@ struct ArpSuppressionMounts final : public Mox::Referenced {
       Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
       Ptr<Arp::ArpInputConfig> arpInputConfig, Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir,
       Ptr<const Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir,
-      Ptr<const Routing::L2Vpn::Config> l2VpnConfig);
+      Ptr<const Routing::L2Vpn::Config> l2VpnConfig, Ptr<Switch::Readiness> readiness);
 
   const Ptr<Statedb::EntityManager> entityManager;
   const Ptr<const RemoteBindingConfig> remoteBindingConfig;
@@ -72,6 +74,7 @@ struct ArpSuppressionMounts final : public Mox::Referenced {
   const Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir;
   const Ptr<const Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir;
   const Ptr<const Routing::L2Vpn::Config> l2VpnConfig;
+  const Ptr<Switch::Readiness> readiness;
 
   Mox::String toStrep() const { return "<ArpSuppressionMounts>"; }
 };
@@ -144,6 +147,7 @@ class ArpSuppressionRootSm final : public Mox::Entity {
   Mox::Owner<BindingDiscoverySm> bindingDiscoverySm_;
   Mox::Owner<MessageReinjectSmBase> messageReinjectSm_;
   Mox::Owner<MessageTrapSm> messageTrapSm_;
+  Mox::Owner<ReadinessSm> readinessSm_;
 };
 
 // The plug-in. It mounts every input and output, and makes the root reactor once they are there.

@@ -92,10 +92,13 @@ class Explanation {
     const auto forwarding = mounts_.entityManager->entityOf<Switch::Forwarding>(Switch::kForwardingPath);
     if (!forwarding || forwarding->vlans() == 0) return true;
     const Ptr<Switch::VlanForwarding> status = forwarding->vlan(vlanId_);
-    const Mox::String problem =
-        !status ? vlan + " is not among the \"vlans\" of the configuration" : status->reason();
+    const Mox::String problem = !status ? vlan + " is not among the \"vlans\" of the configuration"
+                                : forwarding->failingOpen()
+                                    ? "it fails open, as somebody it needs is not ready (switch/readiness)"
+                                    : status->reason();
     return needs(
-        "forwarding", status && status->ready(), "the software data plane traps the VLAN",
+        "forwarding", status && status->ready() && !forwarding->failingOpen(),
+        "the software data plane traps the VLAN",
         "the software data plane does not trap the VLAN" + (problem.empty() ? problem : ": " + problem));
   }
 

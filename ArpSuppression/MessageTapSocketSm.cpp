@@ -128,6 +128,7 @@ Mox::Result<> MessageTapSocketSm::tryOpenSocket() {
     sockets.close(sock);
     return Mox::Failure{error.what()};
   }
+  socketOpenIs(true);
   return {};
 }
 
@@ -140,6 +141,7 @@ void MessageTapSocketSm::closeSocket() {
   descriptor->descriptorIs(-1);
   fileDescriptor_.notifierIs(nullptr);
   Lanix::PacketSockets::current().close(sock);
+  socketOpenIs(false);
 }
 
 void MessageTapSocketSm::handleFileDescriptor() {

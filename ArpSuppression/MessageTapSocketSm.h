@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "ArpSuppression/VlanL3Info.h"
+#include "Mox/Attribute.h"
 #include "Mox/Notifiee.h"
 #include "Mox/Result.h"
 #include "Orb/FileDescriptor.h"
@@ -27,7 +28,8 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
 
   const Mox::String& interfaceName() const { return interfaceName_; }
   Mox::String toStrep() const { return "<" + walkName() + " " + interfaceName_ + ">"; }
-  bool socketOpen() const { return fileDescriptor_.get() != nullptr; }
+  // Written here only.
+  MOX_ATTRIBUTE(bool, socketOpen, false)
   // Why there is no socket although the device is usable; good otherwise.
   const Mox::Result<>& opened() const { return opened_; }
 

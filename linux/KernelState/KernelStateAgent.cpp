@@ -23,7 +23,8 @@ KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Or
       vrfs_(Mox::make<VrfPlaces>()),
       owners_(Mox::make<VlanOwners>()),
       neighbourTable_(Mox::make<NeighbourTable>(mounts->arpStatus)),
-      reconcileSm_(states_, mounts->arpStatus, mounts->bridgingStatus, mounts->vrfIdMap, scheduler),
+      reconcileSm_(states_, mounts->arpStatus, mounts->bridgingStatus, mounts->vrfIdMap, mounts->readiness,
+                   scheduler),
       vrfSm_(mounts->config, states_, mounts->vrfIdMap, vrfs_, mounts->vrfStatusLocal, problems_, scheduler),
       vlanInterfaceSm_(mounts->config, states_, vrfs_, owners_, mounts->ipStatus, mounts->vlanInterfaces,
                        scheduler),
@@ -64,6 +65,7 @@ void KernelStateAgent::doInit() {
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
   group->mountIs(Switch::kProblemsPath, Switch::kProblemsType, "wc");
   group->mountIs(Switch::kVlanInterfacesPath, Switch::kVlanInterfacesType, "wc");
+  group->mountIs(Switch::kReadinessPath, Switch::kReadinessType, "wc");
   group->mountIs(kIpStatusPath, "Ip::Status", "wc");
   group->mountIs(kVrfStatusLocalPath, "Ip::AllVrfStatusLocal", "wc");
   group->mountIs(kBridgingConfigPath, "Bridging::Config", "rwS");
@@ -78,6 +80,7 @@ void KernelStateAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   mounts->tree = tree;
   mounts->config = tree->entityOf<Switch::Config>(Switch::kConfigPath);
   mounts->problems = tree->entityOf<Switch::Problems>(Switch::kProblemsPath);
+  mounts->readiness = tree->entityOf<Switch::Readiness>(Switch::kReadinessPath);
   mounts->ipStatus = tree->entityOf<Ip::Status>(kIpStatusPath);
   mounts->vrfStatusLocal = tree->entityOf<Ip::AllVrfStatusLocal>(kVrfStatusLocalPath);
   mounts->vlanInterfaces = tree->entityOf<Switch::VlanInterfaces>(Switch::kVlanInterfacesPath);

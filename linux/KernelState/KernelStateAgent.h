@@ -22,6 +22,7 @@ struct KernelStateMounts final : public Mox::Referenced {
   Ptr<Statedb::EntityManager> tree;
   Ptr<const Switch::Config> config;
   Ptr<Switch::Problems> problems;
+  Ptr<Switch::Readiness> readiness;
   Ptr<Ip::Status> ipStatus;
   Ptr<Switch::VlanInterfaces> vlanInterfaces;
   Ptr<Ip::AllVrfStatusLocal> vrfStatusLocal;

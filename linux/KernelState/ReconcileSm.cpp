@@ -6,13 +6,14 @@ namespace KernelState {
 namespace {
 
 constexpr std::size_t kEntriesPerSweep = 256;
+constexpr char kPlugin[] = "KernelState";
 constexpr double kPause = 0.01;  // seconds, while the others still work
 
 }  // namespace
 
 ReconcileSm::ReconcileSm(Ptr<const NamespaceStates> states, Ptr<Arp::Table::Status> arpStatus,
                          Ptr<Memtab::Bridging::Status> bridgingStatus, Ptr<Vrf::VrfIdMap::Status> vrfIdMap,
-                         const Ptr<Orb::TaskScheduler>& scheduler)
+                         Ptr<Switch::Readiness> readiness, const Ptr<Orb::TaskScheduler>& scheduler)
     : WalkSmBase(scheduler, "KernelState reconciliation"),
       states_(states,
               [this](StateWatch::Notifiee& state) {
@@ -20,7 +21,9 @@ ReconcileSm::ReconcileSm(Ptr<const NamespaceStates> states, Ptr<Arp::Table::Stat
                 state.on(NamespaceState::enteredChanged, [this] { scheduleWalk(); });
                 state.on(NamespaceState::refusedChanged, [this] { scheduleWalk(); });
               }),
-      started_(states) {
+      started_(states),
+      readiness_(std::move(readiness)) {
+  if (readiness_) readiness_->awaitedIs(kPlugin, "the first reading of the kernel's tables");
   started_.on(NamespaceStates::startedChanged, [this] { scheduleWalk(); });
   if (arpStatus) add(arpStatus->arpEntryCollection());
   if (bridgingStatus) add(bridgingStatus->fdbCollection());
@@ -45,13 +48,18 @@ void ReconcileSm::writersAre(Ptr<const NeighbourTable> neighbourTable, const Vla
 }
 
 bool ReconcileSm::walkStartedNotification() {
-  if (done() || !fdb_ || !states_->started()) return false;
-  for (const auto& [netNs, state] : states_->stateCollection()) {
-    if (state->refused() || (state->entered() && !state->synced())) return false;
+  const bool ready = !readiness_ || readiness_->ready(kPlugin);
+  if ((done() && ready) || !fdb_ || !states_->started()) return false;
+  if (vlanInterfaces_->busy() || neighbourTable_->busy() || fdb_->walkScheduled()) {
+    scheduleWalk(kPause);
+    return false;
   }
-  if (!vlanInterfaces_->busy() && !neighbourTable_->busy() && !fdb_->walkScheduled()) return true;
-  scheduleWalk(kPause);
-  return false;
+  // Also when the kernel refused some of it: nothing is gained by waiting for that.
+  if (!ready) readiness_->awaitedIs(kPlugin, "");
+  return std::ranges::none_of(states_->stateCollection(), [](const auto& entry) {
+    const NamespaceState& state = *entry.second;
+    return state.refused() || (state.entered() && !state.synced());
+  });
 }
 
 Orb::WalkRet ReconcileSm::walk() {

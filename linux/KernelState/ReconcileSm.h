@@ -10,6 +10,7 @@
 #include "KernelState/StateWatch.h"
 #include "KernelState/VlanInterfaceSm.h"
 #include "Orb/WalkSm.h"
+#include "Switch/Readiness.h"
 #include "Vrf/VrfIdMap.h"
 
 namespace KernelState {
@@ -17,12 +18,14 @@ namespace KernelState {
 // Removes what an earlier run left in shared memory and the kernel no longer has. It waits until every
 // namespace that is there, or may be, has been read with success and all of it is published, so that entries
 // which still hold are there throughout.
+//
+// Says at "switch/readiness" when all that the kernel showed at start is published.
 class ReconcileSm final : public Orb::WalkSmBase {
  public:
   // The tables may be null. Begins their reconciliation; made before anything is written to them.
   ReconcileSm(Ptr<const NamespaceStates> states, Ptr<Arp::Table::Status> arpStatus,
               Ptr<Memtab::Bridging::Status> bridgingStatus, Ptr<Vrf::VrfIdMap::Status> vrfIdMap,
-              const Ptr<Orb::TaskScheduler>& scheduler);
+              Ptr<Switch::Readiness> readiness, const Ptr<Orb::TaskScheduler>& scheduler);
 
   // What writes the tables; the plain pointers are to outlive this.
   void writersAre(Ptr<const NeighbourTable> neighbourTable, const VlanInterfaceSm* vlanInterfaces,
@@ -37,6 +40,7 @@ class ReconcileSm final : public Orb::WalkSmBase {
 
   StateWatch states_;
   Mox::Notifiee<const NamespaceStates> started_;
+  Ptr<Switch::Readiness> readiness_;
   std::vector<std::function<bool()>> tables_;  // sweeps a batch; true while there is more
   Ptr<const NeighbourTable> neighbourTable_;
   const VlanInterfaceSm* vlanInterfaces_ = nullptr;

@@ -110,6 +110,12 @@ LoadedProgram Programs::loaded(Program program) const {
   return {bpf_program__fd(one), ids_[static_cast<std::size_t>(program)], bpf_program__name(one)};
 }
 
+void Programs::trustedUntilIs(std::uint64_t nanoseconds) {
+  if (skeleton_ == nullptr) return;
+  const volatile __u64& value = skeleton_->bpf->bss->trusted_until;
+  __atomic_store_n(const_cast<__u64*>(&value), nanoseconds, __ATOMIC_RELAXED);
+}
+
 Mox::Result<> Programs::trapPeerIs(std::uint32_t ifIndex) {
   trapPeer_ = ifIndex;
   return settingsPut();
@@ -185,10 +191,14 @@ Statistics Programs::statistics() const {
       return {};
     for (const std::uint64_t value : values) sums[counter] += value;
   }
-  return {
-      sums[SOFT_FORWARD_TRAPPED],   sums[SOFT_FORWARD_TRAP_FAILED],        sums[SOFT_FORWARD_TUNNEL_DROPPED],
-      sums[SOFT_FORWARD_INJECTED],  sums[SOFT_FORWARD_INJECT_SEND_FAILED], sums[SOFT_FORWARD_REPLIED],
-      sums[SOFT_FORWARD_UNEXPECTED]};
+  return {.trapped = sums[SOFT_FORWARD_TRAPPED],
+          .trapFailed = sums[SOFT_FORWARD_TRAP_FAILED],
+          .failedOpen = sums[SOFT_FORWARD_FAILED_OPEN],
+          .tunnelDropped = sums[SOFT_FORWARD_TUNNEL_DROPPED],
+          .injected = sums[SOFT_FORWARD_INJECTED],
+          .injectSendFailed = sums[SOFT_FORWARD_INJECT_SEND_FAILED],
+          .replied = sums[SOFT_FORWARD_REPLIED],
+          .unexpected = sums[SOFT_FORWARD_UNEXPECTED]};
 }
 
 }  // namespace SoftForward

@@ -62,6 +62,7 @@ struct VlanPaths {
 struct Statistics {
   std::uint64_t trapped = 0;           // copied to the agent
   std::uint64_t trapFailed = 0;        // could not be copied, and were passed as if suppression were off
+  std::uint64_t failedOpen = 0;        // not trapped because nobody was trusted to take them
   std::uint64_t tunnelDropped = 0;     // kept from a tunnel port, one for each port
   std::uint64_t injected = 0;          // of the agent, sent out of the tunnel ports
   std::uint64_t injectSendFailed = 0;  // sends that a tunnel port did not take, one for each port
@@ -81,6 +82,11 @@ class Programs {
   Mox::Result<> load();
 
   LoadedProgram loaded(Program program) const;
+
+  // Frames are trapped until then, in nanoseconds of CLOCK_MONOTONIC, and flooded from then on; 0, and before
+  // the first call: they are flooded. One write to memory, which the programs share; nothing before they are
+  // loaded.
+  void trustedUntilIs(std::uint64_t nanoseconds);
 
   Mox::Result<> trapPeerIs(std::uint32_t ifIndex);
   // What comes from this address is never trapped; zero: there is none.

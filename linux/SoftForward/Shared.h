@@ -35,6 +35,9 @@
 // The longest frame that is trapped, Ethernet header included; the devices of the pairs are made for it.
 #define SOFT_FORWARD_MAX_FRAME 9216
 
+// A frame that was trapped is on its way through the bridge for at most so many nanoseconds.
+#define SOFT_FORWARD_CROSSING_NS 100000000ULL
+
 #define SOFT_FORWARD_MAX_TUNNEL_PORTS 32
 #define SOFT_FORWARD_MAX_VLANS 4096
 #define SOFT_FORWARD_MAX_PORTS 16384
@@ -95,6 +98,7 @@ struct SoftForwardSettings {
 enum SoftForwardCounter {
   SOFT_FORWARD_TRAPPED,             // frames copied to the agent
   SOFT_FORWARD_TRAP_FAILED,         // copies that failed: the frame was passed as if suppression were off
+  SOFT_FORWARD_FAILED_OPEN,         // frames that were not trapped because there was no sign of the agent
   SOFT_FORWARD_TUNNEL_DROPPED,      // marked frames kept from a tunnel port
   SOFT_FORWARD_INJECTED,            // frames of "arpinject" that were sent out of their VLAN's tunnel ports
   SOFT_FORWARD_INJECT_SEND_FAILED,  // a tunnel port did not take such a frame

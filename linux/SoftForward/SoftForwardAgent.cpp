@@ -19,6 +19,7 @@ void SoftForwardAgent::doInit() {
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
   group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "wc");
   group->mountIs(Switch::kVlanInterfacesPath, Switch::kVlanInterfacesType, "r");
+  group->mountIs(Switch::kReadinessPath, Switch::kReadinessType, "wc");
   group->mountIs(kBridgingConfigPath, "Bridging::Config", "r");
   group->mountIs(kVrMacPath, "Routing::Fhrp::VirtualRouterMacStatus", "r");
   localEntitiesCreatedIs(true);
@@ -34,16 +35,18 @@ void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Sta
       found(tree->entityOf<const Switch::Config>(Switch::kConfigPath), Switch::kConfigPath);
   const auto forwarding =
       found(tree->entityOf<Switch::Forwarding>(Switch::kForwardingPath), Switch::kForwardingPath);
+  const auto readiness =
+      found(tree->entityOf<const Switch::Readiness>(Switch::kReadinessPath), Switch::kReadinessPath);
   // Whoever publishes the status finds this entity, if it is not there already.
   const auto status = found(Mox::dynamicPtrCast<const ArpSuppression::ArpSuppressionStatus>(required(
                                 tree->mount(kStatusPath, "ArpSuppression::ArpSuppressionStatus", "r"))),
                             kStatusPath);
-  softForwardSm_ =
-      Mox::make<SoftForwardSm>(taskSchedulerRoot()->scheduler(), programs_, switchConfig, status,
-                               tree->entityOf<const Bridging::Config>(kBridgingConfigPath),
-                               tree->entityOf<const Routing::Fhrp::VirtualRouterMacStatus>(kVrMacPath),
-                               tree->entityOf<const Switch::VlanInterfaces>(Switch::kVlanInterfacesPath),
-                               forwarding, tree->entityOf<Switch::Problems>(Switch::kProblemsPath));
+  softForwardSm_ = Mox::make<SoftForwardSm>(
+      taskSchedulerRoot()->scheduler(), programs_, switchConfig, status,
+      tree->entityOf<const Bridging::Config>(kBridgingConfigPath),
+      tree->entityOf<const Routing::Fhrp::VirtualRouterMacStatus>(kVrMacPath),
+      tree->entityOf<const Switch::VlanInterfaces>(Switch::kVlanInterfacesPath), readiness, forwarding,
+      tree->entityOf<Switch::Problems>(Switch::kProblemsPath));
 }
 
 }  // namespace SoftForward

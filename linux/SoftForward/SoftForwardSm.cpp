@@ -16,6 +16,13 @@ constexpr unsigned kLevel = 3;
 constexpr unsigned kMostUrgent = 0;
 
 constexpr char kArpService[] = "ArpService";
+// Without the first nobody answers; without the second it would not know enough to, where that is loaded.
+constexpr char kArpSuppression[] = "ArpSuppression";
+constexpr char kKernelState[] = "KernelState";
+// A start takes a while, and so does a device that is made again: failing open is a problem after so many
+// seconds.
+constexpr double kFailingSeconds = 10;
+constexpr char kFailingOpen[] = "failing open";
 
 }  // namespace
 
@@ -25,6 +32,7 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
                              Mox::Ptr<const Bridging::Config> bridgingConfig,
                              Mox::Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
                              Mox::Ptr<const Switch::VlanInterfaces> vlanInterfaces,
+                             Mox::Ptr<const Switch::Readiness> readiness,
                              Mox::Ptr<Switch::Forwarding> forwarding, Mox::Ptr<Switch::Problems> problems)
     : WalkSmBase(scheduler, "SoftForward", kLevel),
       switchConfig_(std::move(switchConfig)),
@@ -32,16 +40,19 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
       bridgingConfig_(std::move(bridgingConfig)),
       fhrpVrMacStatus_(std::move(fhrpVrMacStatus)),
       vlanInterfaces_(std::move(vlanInterfaces)),
+      readiness_(std::move(readiness)),
       forwarding_(std::move(forwarding)),
       problems_(std::move(problems), "SoftForward"),
       ownTrapped_(std::ranges::count(switchConfig_->agents(), kArpService) != 0),
       datapath_(programs, [this](std::uint16_t id, const Standing& standing) { handleLooked(id, standing); }),
+      heartbeat_(scheduler->loop(), programs),
       again_(scheduler, "SoftForward again", kLevel,
              [this] {
                datapath_.againIs();
                scheduleWalk();
              }),
-      followVlans_(scheduler, "SoftForward VLANs", kMostUrgent, [this] { followVlans(); }) {
+      followVlans_(scheduler, "SoftForward VLANs", kMostUrgent, [this] { followVlans(); }),
+      followReadiness_(scheduler, "SoftForward readiness", kLevel, [this] { followReadiness(); }) {
   arpSuppressionStatus_.on(ArpSuppression::ArpSuppressionStatus::vlanIdChanged,
                            [this](Bridging::VlanId vlanId) { handleVlanId(vlanId); });
   bridgingConfig_.on(Bridging::Config::bridgeMacAddrChanged, [this] { handleAddresses(); });
@@ -52,6 +63,9 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
                        [this](Bridging::VlanId vlanId) { handleVlanInterface(vlanId); });
     for (const auto& [vlanId, interface] : vlanInterfaces_->vlanCollection()) handleVlanInterface(vlanId);
   }
+  readiness_.on(Switch::Readiness::awaitedChanged, [this] { handleReadiness(); });
+  heartbeat_.secondsIs(switchConfig_->softForward()->failOpenSeconds());
+  handleReadiness();
   datapath_.ownTrappedIs(ownTrapped_);
   handleAddresses();
   for (const auto& [vlanId, vlan] : switchConfig_->vlanCollection()) {
@@ -64,8 +78,10 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
 SoftForwardSm::~SoftForwardSm() {
   for (auto* descriptor : {&descriptor_, &vlanDescriptor_})
     if (*descriptor) (*descriptor)->descriptorIs(-1);
+  heartbeat_.beatingIs(false);
   if (open_) problems_.check("removing the devices and programs", datapath_.close());
   forwarding_->vlanDelAll();
+  forwarding_->failingOpenIs(false);
 }
 
 bool SoftForwardSm::open() {
@@ -74,6 +90,7 @@ bool SoftForwardSm::open() {
     again_.schedule(kRetrySeconds);
     return false;
   }
+  followReadiness_.schedule();
   const auto follow = [this](Mox::Notifiee<Orb::FileDescriptor>& notifiee, int number, auto handler) {
     const auto descriptor = Mox::make<Orb::FileDescriptor>(scheduler()->loop(), "SoftForward");
     descriptor->descriptorIs(number);
@@ -125,6 +142,42 @@ void SoftForwardSm::handleAddresses() {
 void SoftForwardSm::handleVlanId(Bridging::VlanId vlanId) {
   datapath_.activeVlanIs(vlanId, arpSuppressionStatus_->vlanId(vlanId));
   scheduleWalk();
+  followReadiness_.schedule();
+}
+
+// What answers wait for; "": they are made.
+Mox::String SoftForwardSm::awaited() const {
+  for (const char* plugin : {kKernelState, kArpSuppression}) {
+    const bool loaded = std::ranges::count(switchConfig_->agents(), plugin) != 0;
+    if (!loaded && plugin == kKernelState) continue;  // its tables are written by hand
+    if (!loaded) return "the plug-in ArpSuppression, which answers requests, is not loaded";
+    if (readiness_->ready(plugin)) continue;
+    return Mox::String(plugin) + " waits for " +
+           (readiness_->awaitedHas(plugin) ? readiness_->awaited(plugin) : "its start");
+  }
+  return {};
+}
+
+// Who may not be relied on any more is not, also when the loop does not turn again: at the end.
+void SoftForwardSm::handleReadiness() {
+  if (!awaited().empty()) heartbeat_.beatingIs(false);
+  followReadiness_.schedule();
+}
+
+void SoftForwardSm::followReadiness() {
+  const Mox::String awaited = this->awaited();
+  heartbeat_.beatingIs(open_ && awaited.empty());
+  const bool wanted = std::ranges::any_of(forwarding_->vlanCollection(), [&](const auto& vlan) {
+    return arpSuppressionStatus_->vlanId(vlan.first);
+  });
+  const bool failing = wanted && !heartbeat_.beating();
+  const double now = scheduler()->loop().clock().now();
+  if (failing && !forwarding_->failingOpen()) failingSince_ = now;
+  forwarding_->failingOpenIs(failing);
+  if (!failing || !open_) return problems_.problemDel(kFailingOpen);  // not open: that is a problem already
+  const double left = failingSince_ + kFailingSeconds - now;
+  if (left > 0) return followReadiness_.schedule(left);
+  problems_.problemIs(kFailingOpen, "requests are flooded as without suppression: " + awaited);
 }
 
 void SoftForwardSm::handleVlanInterface(Bridging::VlanId vlanId) {

@@ -11,10 +11,12 @@
 #include "Orb/WalkSm.h"
 #include "Routing/Status.h"
 #include "SoftForward/Datapath.h"
+#include "SoftForward/Heartbeat.h"
 #include "Suppression/Status.h"
 #include "Switch/Config.h"
 #include "Switch/Forwarding.h"
 #include "Switch/ProblemReporter.h"
+#include "Switch/Readiness.h"
 #include "Switch/VlanInterfaces.h"
 
 namespace SoftForward {
@@ -30,6 +32,9 @@ namespace SoftForward {
 // VLANs' interfaces: a bridge floods what is for an address that it does not know, and hands none of it to
 // its own device.
 //
+// Frames are trapped only while the agent is there for them: while the plug-ins that make answers do all of
+// their work and the event loop turns (see Heartbeat). Otherwise everything is flooded, which is published.
+//
 // The walk does what the data path has to do, one VLAN after the other, and rests as soon as that has nothing
 // left. Only the VLANs of a bridge's port are followed at once: until the programs know that a port has
 // another one, its frames are taken for the wrong VLAN's. The outcome is published for each VLAN; what is
@@ -43,7 +48,8 @@ class SoftForwardSm final : public Orb::WalkSmBase {
                 Mox::Ptr<const Bridging::Config> bridgingConfig,
                 Mox::Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
                 Mox::Ptr<const Switch::VlanInterfaces> vlanInterfaces,
-                Mox::Ptr<Switch::Forwarding> forwarding, Mox::Ptr<Switch::Problems> problems);
+                Mox::Ptr<const Switch::Readiness> readiness, Mox::Ptr<Switch::Forwarding> forwarding,
+                Mox::Ptr<Switch::Problems> problems);
   // Detaches everything and removes the devices that it made.
   ~SoftForwardSm() override;
 
@@ -56,6 +62,9 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   bool open();
   void followVlans();
   void handleAddresses();
+  void handleReadiness();
+  void followReadiness();
+  Mox::String awaited() const;
   void handleVlanId(Bridging::VlanId vlanId);
   void handleVlanInterface(Bridging::VlanId vlanId);
   void handleLooked(std::uint16_t id, const Standing& standing);
@@ -67,11 +76,13 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   Mox::Notifiee<const Bridging::Config> bridgingConfig_;
   Mox::Notifiee<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus_;
   Mox::Notifiee<const Switch::VlanInterfaces> vlanInterfaces_;
+  Mox::Notifiee<const Switch::Readiness> readiness_;
   Mox::Ptr<Switch::Forwarding> forwarding_;
   Switch::ProblemReporter problems_;
   const bool ownTrapped_;
   bool open_ = false;
   Datapath datapath_;
+  Heartbeat heartbeat_;
   Mox::Notifiee<Orb::FileDescriptor> descriptor_;
   Mox::Notifiee<Orb::FileDescriptor> vlanDescriptor_;
   bool sharedReady_ = false;
@@ -79,6 +90,8 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   std::map<std::uint16_t, std::set<std::string>> reported_;  // the subjects, by VLAN
   Orb::Task again_;
   Orb::Task followVlans_;
+  Orb::Task followReadiness_;
+  double failingSince_ = 0;
 };
 
 }  // namespace SoftForward

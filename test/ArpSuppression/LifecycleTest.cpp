@@ -11,6 +11,7 @@ using testing::Not;
 
 void expectStopped(Rig& rig) {
   EXPECT_EQ(rig.root(), nullptr);
+  EXPECT_EQ(rig.awaited(), "EVPN over MPLS to be configured");
   EXPECT_EQ(rig.rootSm()->messageTrapSm(), nullptr);
   EXPECT_FALSE(rig.published()->runnable());
   EXPECT_THAT(rig.publishedVlans(), IsEmpty());
@@ -20,6 +21,7 @@ void expectStopped(Rig& rig) {
 
 void expectRunning(Rig& rig) {
   EXPECT_NE(rig.root(), nullptr);
+  EXPECT_EQ(rig.awaited(), "");
   EXPECT_TRUE(rig.published()->runnable());
   EXPECT_THAT(rig.publishedVlans(), ElementsAre(10));
 }
@@ -34,6 +36,7 @@ TEST(Lifecycle, suppression_runs_while_evpn_is_configured_each_time_with_empty_t
   for (int run = 0; run < 3; ++run) {
     rig.evpn()->mplsConfiguredIs(true);
     ASSERT_NE(rig.root(), nullptr);
+    EXPECT_EQ(rig.awaited(), "the first reading of the remote bindings");
     for (const auto& earlier : roots) EXPECT_NE(rig.root(), earlier);
     EXPECT_EQ(rig.root()->remoteBindingStatus->macToIps(), 0u);
     EXPECT_EQ(rig.root()->enabledVlans->vlanIds(), 0u);

@@ -338,6 +338,7 @@ TEST(Request, sockets_that_cannot_be_opened_are_problems_and_replies_are_tried_a
   rig.start();
   EXPECT_THAT(rig.command("status"), HasSubstr("\"reinjectSocket\":\"closed\""));
   EXPECT_EQ(subjects(), "packet socket for answers; packet socket on arpinject; ");
+  EXPECT_EQ(rig.awaited(), "its reinject socket");
   EXPECT_THAT(rig.command("explain", {"10", "10.0.0.99"}),
               AllOf(HasSubstr("\"action\":\"leave\""), HasSubstr("\"name\":\"replySendFailed\""),
                     HasSubstr("no socket to send by: RawTxPam: packet socket: Operation not permitted")));

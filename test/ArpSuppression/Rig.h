@@ -106,6 +106,10 @@ class Rig final : private Plugin::AgentHost {
   // The frame comes in on the trap device, and all that follows is done.
   void trap(const TestSupport::Frame& frame);
   void trap(const Trapped& trapped) { trap(trapped.frame()); }
+  // What it waits for before it can be relied on.
+  Mox::String awaited() {
+    return state<Switch::Readiness>(Switch::kReadinessPath)->awaited("ArpSuppression");
+  }
   std::vector<TestSupport::Frame> replies() { return sockets.device(kFabric).takeSent(); }
   std::vector<TestSupport::Frame> reinjected() { return sockets.device(kArpinject).takeSent(); }
 

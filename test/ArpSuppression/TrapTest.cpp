@@ -160,8 +160,10 @@ TEST(Trap, socket_follows_its_device) {
   rig.device("default", "arpsnoop", 0);
   rig.settle();
   EXPECT_EQ(rig.sockets.openSockets(), open - 1);
+  EXPECT_EQ(rig.awaited(), "its trap socket");
   rig.device("default", "arpsnoop", 55);
   rig.settle();
+  EXPECT_EQ(rig.awaited(), "");
   EXPECT_EQ(rig.sockets.openSockets(), open);
   EXPECT_EQ(rig.sockets.device(55).bound(), 1);
   rig.sockets.device(55).receives(Trapped{}.frame());

@@ -101,6 +101,13 @@ struct {
   __type(value, __u64);
 } counters SEC(".maps");
 
+// Until when somebody takes what is trapped, in nanoseconds of the kernel's monotonic clock. The loader keeps
+// it some seconds ahead of that clock for as long as the agent is there; once it has passed, everything is
+// forwarded as if there were no agent.
+volatile __u64 trusted_until;
+
+static __always_inline bool isTrusted(__u64 ago) { return bpf_ktime_get_ns() - ago < trusted_until; }
+
 static __always_inline void count(__u32 counter) {
   __u64* value = bpf_map_lookup_elem(&counters, &counter);
   if (value) ++*value;
@@ -167,6 +174,10 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
   const struct SoftForwardSettings* setting = bpf_map_lookup_elem(&settings, &zero);
   if (!setting || !setting->trapPeer) return TC_ACT_UNSPEC;
   if (setting->ownPasses && isSame(frame.source, setting->ownAddress)) return TC_ACT_UNSPEC;
+  if (!isTrusted(0)) {
+    count(SOFT_FORWARD_FAILED_OPEN);
+    return TC_ACT_UNSPEC;
+  }
 
   // The copy takes the mark along: that is how trap_egress learns the VLAN.
   const __u32 before = skb->mark;
@@ -195,7 +206,7 @@ int tunnel_egress(struct __sk_buff* skb) {
   const struct SoftForwardTrunk* trunk = port ? 0 : bpf_map_lookup_elem(&trunks, &ifIndex);
   const bool isTunnel = port ? port->role == SOFT_FORWARD_ROLE_TUNNEL
                              : trunk && holds(trunk->tunnel, skb->mark & SOFT_FORWARD_VLAN_MASK);
-  if (!isTunnel) return TC_ACT_UNSPEC;
+  if (!isTunnel || !isTrusted(SOFT_FORWARD_CROSSING_NS)) return TC_ACT_UNSPEC;
   count(SOFT_FORWARD_TUNNEL_DROPPED);
   return TC_ACT_SHOT;
 }
@@ -203,6 +214,9 @@ int tunnel_egress(struct __sk_buff* skb) {
 SEC("tc")
 int trap_egress(struct __sk_buff* skb) {
   if (!isMarked(skb)) return unexpected();
+  // A copy that another run's programs made. They find it refused, and pass the frame as if it had never been
+  // trapped.
+  if (!isTrusted(SOFT_FORWARD_CROSSING_NS)) return TC_ACT_SHOT;
   if (skb->vlan_present && bpf_skb_vlan_pop(skb) < 0) return unexpected();
   __u32 vlan = skb->mark & SOFT_FORWARD_VLAN_MASK;
   __u32 from = skb->ingress_ifindex;

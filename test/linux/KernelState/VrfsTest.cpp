@@ -119,6 +119,7 @@ TEST_F(VrfsTest, RefusedIsNotGone) {
   passes(10);
   stands("at the next start");
   EXPECT_TRUE(rig->agent()->rootSm()->reconciled());
+  EXPECT_TRUE(rig->at<Switch::Readiness>(Switch::kReadinessPath)->ready("KernelState"));
   kernel.delNamespace("red");
   settle();
   EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red inactive red"));

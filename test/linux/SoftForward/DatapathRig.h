@@ -55,7 +55,7 @@ class DatapathTest : public testing::Test {
   }
 
   // As after a start of the process.
-  void openDatapath() {
+  void openDatapath(bool trusted = true) {
     datapath_.reset();
     programs_.emplace();
     datapath_.emplace(*programs_, [this](std::uint16_t vlan, const Standing& standing) {
@@ -63,6 +63,7 @@ class DatapathTest : public testing::Test {
       ++looks_[vlan];
     });
     ASSERT_TRUE(datapath_->open());
+    if (trusted) programs_->trustedUntilIs(~std::uint64_t{0});
   }
 
   void start() {

@@ -96,6 +96,36 @@ TEST_F(DatapathTest, FramesPassWhileTheAgentCannotGetThem) {
   passes(2);
 }
 
+// While the programs of a run that was killed are replaced one by one, nobody hears a request twice, and it is
+// lost only to a run that nobody knows yet to be dead.
+TEST_F(DatapathTest, OverAKillEachRequestIsTrappedOrFlooded) {
+  start();
+  const Lab::Frame frame = request(kHost1, kIp1);
+  std::vector<bool> trapped;
+  const auto ask = [&] {
+    const Lab::Frame last = Lab::plainFrame(kHost1, Lab::kBroadcast, kSentinelType, ++sentinels_);
+    host1_->send(frame);
+    host1_->send(last);
+    const auto flooded = remote1_->receiveUntil(last);
+    trapped.push_back(snoop_->receive(std::chrono::milliseconds(0)).has_value());
+    ASSERT_TRUE(flooded);
+    EXPECT_EQ(flooded->size(), trapped.back() ? 0U : 1U);
+  };
+  ask();
+  openDatapath(false);
+  datapath_->vlanIs(kVlan, kWanted);
+  datapath_->activeVlanIs(kVlan, true);
+  ask();
+  while (datapath_->step()) ask();
+  awaitReady();
+  const auto old = std::ranges::find(trapped, false);
+  EXPECT_NE(old, trapped.end());
+  EXPECT_EQ(std::ranges::count(old, trapped.end(), true), 0) << "what took over traps for nobody";
+  programs_->trustedUntilIs(~std::uint64_t{0});
+  ask();
+  EXPECT_TRUE(trapped.back());
+}
+
 TEST_F(DatapathTest, InjectedFramesLeaveOnEachTunnelPortOnce) {
   start();
   Lab::PacketSocket inject("arpinject", 0x8135);

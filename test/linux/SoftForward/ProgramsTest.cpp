@@ -11,6 +11,7 @@
 #include <net/if.h>
 
 #include <cstring>
+#include <ctime>
 #include <optional>
 
 #include "SoftForward/Filters.h"
@@ -25,6 +26,13 @@ constexpr std::uint32_t kLoopback = 1;  // the device on which the kernel runs a
 constexpr std::uint32_t kMark = SOFT_FORWARD_MARK | kVlan;
 
 using Lab::trapped;
+
+constexpr std::uint64_t kForever = ~std::uint64_t{0};
+std::uint64_t now() {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000U + static_cast<std::uint64_t>(time.tv_nsec);
+}
 
 const Lab::Arp kRequest{1, {2, 0, 0, 0, 0, 1}, {10, 0, 0, 1}, {}, {10, 0, 0, 2}};
 
@@ -46,7 +54,10 @@ class ProgramsTest : public testing::Test {
     std::uint32_t mark;
   };
 
-  void SetUp() override { ASSERT_TRUE(programs_.load()); }
+  void SetUp() override {
+    ASSERT_TRUE(programs_.load());
+    programs_.trustedUntilIs(kForever);
+  }
 
   // Runs it on the frame; the context is changed to what it is afterwards.
   template <class Context>
@@ -150,6 +161,12 @@ TEST_F(ProgramsTest, WhenAnAccessPortPassesARequest) {
   ASSERT_TRUE(programs_.passedAddressIs(Lanix::EthAddr(kRequest.senderMac)));
   passes("it is the switch's own");
   ASSERT_TRUE(programs_.passedAddressIs(Lanix::EthAddr({2, 0, 0, 0, 0, 2})));
+  programs_.trustedUntilIs(0);
+  passes("the agent has given no sign of life yet");
+  programs_.trustedUntilIs(now());
+  passes("its last one was too long ago");
+  EXPECT_EQ(programs_.statistics().failedOpen, 2U);
+  programs_.trustedUntilIs(kForever);
   ASSERT_TRUE(programs_.trapPeerIs(0));
   passes("there is no trap peer");
   EXPECT_EQ(programs_.statistics().trapFailed, 0U);
@@ -252,6 +269,11 @@ TEST_F(ProgramsTest, WhatATunnelPortDrops) {
     dropped += test.drops ? 1 : 0;
     EXPECT_EQ(programs_.statistics().tunnelDropped, dropped);
   }
+  programs_.trustedUntilIs(now());
+  EXPECT_EQ(run(Program::tunnelEgress, request, kMark).result, TC_ACT_SHOT) << "trapped just before the end";
+  programs_.trustedUntilIs(now() - 2 * SOFT_FORWARD_CROSSING_NS);
+  EXPECT_EQ(run(Program::tunnelEgress, request, kMark).result, TC_ACT_UNSPEC) << "nobody has it";
+  programs_.trustedUntilIs(kForever);
   // On a trunk the mark says whether the port is a tunnel port of its VLAN.
   ASSERT_TRUE(programs_.portDel(kLoopback));
   ASSERT_TRUE(
@@ -272,6 +294,9 @@ TEST_F(ProgramsTest, TheTrapPeerPutsTheHeaderIntoCopiesOnly) {
   EXPECT_EQ(run(Program::trapEgress, request, 0).result, TC_ACT_SHOT);
   EXPECT_EQ(run(Program::trapEgress, request, 0xFFF00000U | kVlan).result, TC_ACT_SHOT);
   EXPECT_EQ(run(Program::dropAll, request, kMark).result, TC_ACT_SHOT);
+  EXPECT_EQ(programs_.statistics().unexpected, 3U);
+  programs_.trustedUntilIs(0);
+  EXPECT_EQ(run(Program::trapEgress, request, kMark).result, TC_ACT_SHOT) << "nobody would take it";
   EXPECT_EQ(programs_.statistics().unexpected, 3U);
 }
 

@@ -1,0 +1,58 @@
+#include "SoftForward/Heartbeat.h"
+
+#include <cstdio>
+
+#include "Tracelet/Record.h"
+#include "Tracelet/Trace.h"
+
+namespace SoftForward {
+namespace {
+
+constexpr double kBeats = 3;  // in the time that one lasts
+constexpr double kNanoseconds = 1e9;
+
+}  // namespace
+
+Heartbeat::Heartbeat(Orb::EventLoop& loop, Programs& programs)
+    : loop_(loop), programs_(programs), timer_(loop, "SoftForward heartbeat", [this] { beat(); }) {}
+
+Heartbeat::~Heartbeat() { beatingIs(false); }
+
+void Heartbeat::secondsIs(double seconds) {
+  seconds_ = seconds;
+  if (beating_) beat();
+}
+
+void Heartbeat::beatingIs(bool beating) {
+  if (beating == beating_) return;
+  beating_ = beating;
+  if (beating) {
+    last_ = loop_.clock().now();
+    return beat();
+  }
+  timer_.cancel();
+  programs_.trustedUntilIs(0);
+}
+
+void Heartbeat::beat() {
+  const double now = loop_.clock().now();
+  programs_.trustedUntilIs(static_cast<std::uint64_t>((now + seconds_) * kNanoseconds));
+  timer_.after(seconds_ / kBeats);
+  const double silence = now - last_;
+  last_ = now;
+  if (silence <= seconds_) return;
+  char line[160];
+  std::snprintf(
+      line, sizeof line,
+      "SoftForward: the agent-host did nothing for %.1f s, and requests were flooded for %.1f s of it",
+      silence, silence - seconds_);
+  Tracelet::writeLine(line);
+  TRACELET_RECORD("late heartbeat after {} s", silence);
+}
+
+std::optional<double> Heartbeat::age() const {
+  if (!beating_) return std::nullopt;
+  return loop_.clock().now() - last_;
+}
+
+}  // namespace SoftForward

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "Orb/EventLoop.h"
+#include "SoftForward/Programs.h"
+
+namespace SoftForward {
+
+// Tells the programs, three times in each `seconds`, that the agent is there. It does so from the event loop,
+// so that a loop which does not turn is not vouched for: `seconds` after the last beat, however the process
+// ended or hangs, the programs forward everything as if there were no agent.
+class Heartbeat {
+ public:
+  // Both outlive this. The loop's clock is the kernel's monotonic one, outside of tests.
+  Heartbeat(Orb::EventLoop& loop, Programs& programs);
+  // The last beat is taken back.
+  ~Heartbeat();
+  Heartbeat(const Heartbeat&) = delete;
+  Heartbeat& operator=(const Heartbeat&) = delete;
+
+  void secondsIs(double seconds);
+  // Whether there is somebody to vouch for: the first beat is at once, and so is the taking back of the last.
+  void beatingIs(bool beating);
+  bool beating() const { return beating_; }
+  // Seconds since the last beat; nothing while it does not beat.
+  std::optional<double> age() const;
+
+ private:
+  void beat();
+
+  Orb::EventLoop& loop_;
+  Programs& programs_;
+  double seconds_ = 3;
+  bool beating_ = false;
+  double last_ = 0;
+  Orb::Timer timer_;
+};
+
+}  // namespace SoftForward
