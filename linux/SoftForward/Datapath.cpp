@@ -41,6 +41,7 @@ Datapath::Datapath(Programs& programs, Looked looked)
       trunks_(links_, filters_, pairs_, programs_,
               {[this](const std::string& bridge) { return vlansNaming(bridge, true); },
                [this](const std::string& device) { return vlansNaming(device, false); },
+               [this](const std::string& device) { return policerOf_(device); },
                [this](std::uint16_t id) { dirty_.insert(id); }}) {}
 
 Mox::Result<> Datapath::open() {
@@ -123,6 +124,17 @@ void Datapath::passedAddressIs(const Lanix::EthAddr& address) {
 void Datapath::sharedAddressIs(const Lanix::EthAddr& address) {
   if (std::exchange(sharedAddress_, address) != address) allVlansDirty();
   trunks_.sharedAddressIs(address);
+}
+
+void Datapath::policersAre(PolicerOf policerOf) {
+  policerOf_ = std::move(policerOf);
+  allVlansDirty();
+  trunks_.allChanged();
+}
+
+std::string Datapath::deviceName(Netlink::IfIndex ifIndex) const {
+  const Netlink::Link* link = links_.find(ifIndex);
+  return link ? link->name : std::string();
 }
 
 void Datapath::allVlansDirty() {

@@ -87,6 +87,11 @@ class Datapath {
   // Frames to this address are for the VLANs' interfaces. Zero: there is none.
   void sharedAddressIs(const Lanix::EthAddr& address);
 
+  // What of an access port goes to the agent, by its name; asked again for all ports. Before the first call,
+  // and for what the switch itself asks: all.
+  using PolicerOf = std::function<Policer(const std::string& device)>;
+  void policersAre(PolicerOf policerOf);
+
   // The VLAN's interface is not its bridge but in another namespace; or it is its bridge. Independent of
   // vlanIs().
   void interfaceIs(std::uint16_t vlan, Switch::VlanInterface interface);
@@ -102,11 +107,14 @@ class Datapath {
   Mox::Result<> close();
 
   Statistics statistics() const { return programs_.statistics(); }
+  // "" when there is none (any more).
+  std::string deviceName(Netlink::IfIndex ifIndex) const;
 
  private:
   struct Port {
     std::uint16_t vlan;
     PortRole role;
+    Policer policer;
   };
   using Ports = std::map<Netlink::IfIndex, PortRole>;
   struct Vlan {
@@ -178,6 +186,7 @@ class Datapath {
   std::map<std::string, std::set<std::uint16_t>> names_;  // VLANs by their bridges' and tunnel ports' names
   std::map<Netlink::IfIndex, Port> ports_;                // in the programs' map
   bool ownTrapped_ = false;
+  PolicerOf policerOf_ = [](const std::string&) { return Policer(); };
   Lanix::EthAddr sharedAddress_;
 
   Reading reading_ = Reading::links;

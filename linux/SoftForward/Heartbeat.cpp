@@ -13,8 +13,11 @@ constexpr double kNanoseconds = 1e9;
 
 }  // namespace
 
-Heartbeat::Heartbeat(Orb::EventLoop& loop, Programs& programs)
-    : loop_(loop), programs_(programs), timer_(loop, "SoftForward heartbeat", [this] { beat(); }) {}
+Heartbeat::Heartbeat(Orb::EventLoop& loop, Programs& programs, std::function<void()> beaten)
+    : loop_(loop),
+      programs_(programs),
+      beaten_(std::move(beaten)),
+      timer_(loop, "SoftForward heartbeat", [this] { beat(); }) {}
 
 Heartbeat::~Heartbeat() { beatingIs(false); }
 
@@ -40,6 +43,7 @@ void Heartbeat::beat() {
   timer_.after(seconds_ / kBeats);
   const double silence = now - last_;
   last_ = now;
+  beaten_();
   if (silence <= seconds_) return;
   char line[160];
   std::snprintf(

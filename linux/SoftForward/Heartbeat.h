@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 
 #include "Orb/EventLoop.h"
@@ -13,8 +14,8 @@ namespace SoftForward {
 // ended or hangs, the programs forward everything as if there were no agent.
 class Heartbeat {
  public:
-  // Both outlive this. The loop's clock is the kernel's monotonic one, outside of tests.
-  Heartbeat(Orb::EventLoop& loop, Programs& programs);
+  // `beaten` is called after each beat. Loop and programs outlive this. The loop's clock is the kernel's monotonic one, outside of tests.
+  Heartbeat(Orb::EventLoop& loop, Programs& programs, std::function<void()> beaten);
   // The last beat is taken back.
   ~Heartbeat();
   Heartbeat(const Heartbeat&) = delete;
@@ -32,6 +33,7 @@ class Heartbeat {
 
   Orb::EventLoop& loop_;
   Programs& programs_;
+  const std::function<void()> beaten_;
   double seconds_ = 3;
   bool beating_ = false;
   double last_ = 0;

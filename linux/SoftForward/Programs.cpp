@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <array>
+#include <bitset>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <span>
 
 #include "Mox/Assert.h"
@@ -46,6 +48,20 @@ std::string portKey(std::uint32_t ifIndex) { return "port " + std::to_string(ifI
 template <class Value>
 int put(const bpf_map* map, std::uint32_t key, const Value& value) {
   return bpf_map__update_elem(map, &key, sizeof key, &value, sizeof value, BPF_ANY);
+}
+
+template <class Value>
+std::optional<Value> get(const bpf_map* map, std::uint32_t key) {
+  Value value{};
+  if (bpf_map__lookup_elem(map, &key, sizeof key, &value, sizeof value, 0) < 0) return std::nullopt;
+  return value;
+}
+
+SoftForwardPolicer bucket(const Policer& policer) {
+  constexpr std::uint64_t kSecond = 1'000'000'000;
+  if (policer.perSecond == 0) return {};
+  const std::uint64_t interval = kSecond / policer.perSecond;
+  return {interval, (policer.burst - 1) * interval, 0};
 }
 
 const bpf_program* programOf(const SoftForwardBpf& bpf, Program program) {
@@ -133,28 +149,51 @@ Mox::Result<> Programs::settingsPut() {
                 put(skeleton_->bpf->maps.settings, 0, value));
 }
 
-Mox::Result<> Programs::portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role) {
+Mox::Result<> Programs::portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role,
+                               const Policer& policer) {
   constexpr SoftForwardRole kRoles[] = {SOFT_FORWARD_ROLE_ACCESS, SOFT_FORWARD_ROLE_TUNNEL,
                                         SOFT_FORWARD_ROLE_OWN};
-  const SoftForwardPort value{vlan, static_cast<__u8>(kRoles[static_cast<std::size_t>(role)]), 0};
+  const SoftForwardPort value{
+      bucket(policer), vlan, static_cast<__u8>(kRoles[static_cast<std::size_t>(role)]), {}};
   return failed("ports", portKey(ifIndex), put(skeleton_->bpf->maps.ports, ifIndex, value));
 }
 
 Mox::Result<> Programs::portDel(std::uint32_t ifIndex) {
+  if (const auto before = get<SoftForwardPort>(skeleton_->bpf->maps.ports, ifIndex))
+    portCountersDel(ifIndex, before->vlan);
   return failed("ports", portKey(ifIndex), erase(skeleton_->bpf->maps.ports, ifIndex));
 }
 
 Mox::Result<> Programs::trunkIs(std::uint32_t ifIndex, const Trunk& trunk) {
   SoftForwardTrunk value{};
+  value.policer = bucket(trunk.policer);
   words(trunk.trapped, value.trapped);
   words(trunk.tunnel, value.tunnel);
   value.pvid = trunk.pvid;
   value.own = trunk.own ? 1 : 0;
+  trunkCountersDel(ifIndex, value);
   return failed("trunks", portKey(ifIndex), put(skeleton_->bpf->maps.trunks, ifIndex, value));
 }
 
 Mox::Result<> Programs::trunkDel(std::uint32_t ifIndex) {
+  trunkCountersDel(ifIndex, {});
   return failed("trunks", portKey(ifIndex), erase(skeleton_->bpf->maps.trunks, ifIndex));
+}
+
+void Programs::portCountersDel(std::uint32_t ifIndex, std::uint16_t vlan) {
+  const SoftForwardPortVlan key{ifIndex, vlan};
+  bpf_map__delete_elem(skeleton_->bpf->maps.port_counters, &key, sizeof key, 0);
+}
+
+// Of the VLANs that the trunk is no longer one of.
+void Programs::trunkCountersDel(std::uint32_t ifIndex, const SoftForwardTrunk& now) {
+  const auto before = get<SoftForwardTrunk>(skeleton_->bpf->maps.trunks, ifIndex);
+  if (!before) return;
+  for (std::size_t i = 0; i < SOFT_FORWARD_VLAN_WORDS; ++i) {
+    const std::bitset<64> gone((before->trapped[i] | before->tunnel[i]) & ~(now.trapped[i] | now.tunnel[i]));
+    for (std::size_t bit = gone._Find_first(); bit < gone.size(); bit = gone._Find_next(bit))
+      portCountersDel(ifIndex, static_cast<std::uint16_t>(64 * i + bit));
+  }
 }
 
 Mox::Result<> Programs::activeVlanIs(std::uint16_t vlan, bool active) {
@@ -194,11 +233,39 @@ Statistics Programs::statistics() const {
   return {.trapped = sums[SOFT_FORWARD_TRAPPED],
           .trapFailed = sums[SOFT_FORWARD_TRAP_FAILED],
           .failedOpen = sums[SOFT_FORWARD_FAILED_OPEN],
+          .policed = sums[SOFT_FORWARD_POLICED],
           .tunnelDropped = sums[SOFT_FORWARD_TUNNEL_DROPPED],
           .injected = sums[SOFT_FORWARD_INJECTED],
           .injectSendFailed = sums[SOFT_FORWARD_INJECT_SEND_FAILED],
           .replied = sums[SOFT_FORWARD_REPLIED],
           .unexpected = sums[SOFT_FORWARD_UNEXPECTED]};
+}
+
+std::uint64_t Programs::policedInAll() const {
+  if (skeleton_ == nullptr) return 0;
+  const volatile __u64& value = skeleton_->bpf->bss->policed_in_all;
+  return value;
+}
+
+std::vector<PortStatistics> Programs::portStatistics() const {
+  std::vector<PortStatistics> all;
+  if (skeleton_ == nullptr) return all;
+  constexpr std::uint32_t kAtOnce = 1024;
+  std::vector<SoftForwardPortVlan> keys(kAtOnce);
+  std::vector<SoftForwardPortCounters> values(kAtOnce);
+  const int map = bpf_map__fd(skeleton_->bpf->maps.port_counters);
+  std::uint32_t bookmark = 0;
+  for (bool first = true, more = true; more; first = false) {
+    std::uint32_t count = kAtOnce;
+    const int result = bpf_map_lookup_batch(map, first ? nullptr : &bookmark, &bookmark, keys.data(),
+                                            values.data(), &count, nullptr);
+    more = result == 0;
+    if (!more && result != -ENOENT) break;  // ENOENT: these are the last
+    for (std::uint32_t i = 0; i < count; ++i)
+      all.push_back({keys[i].ifIndex, static_cast<std::uint16_t>(keys[i].vlan), values[i].trapped,
+                     values[i].policed, values[i].tunnelDropped});
+  }
+  return all;
 }
 
 }  // namespace SoftForward

@@ -15,6 +15,8 @@
 #include "Mox/Result.h"
 #include "Netlink/Route.h"
 
+struct SoftForwardTrunk;
+
 namespace SoftForward {
 
 enum class Program : std::uint8_t {
@@ -38,12 +40,21 @@ struct LoadedProgram {
 // `own` is the bridge device as far as it sends.
 enum class PortRole : std::uint8_t { access, tunnel, own };
 
+// How many frames of a port go to the agent: so many a second on average, and at most `burst` at once.
+// 0 a second: all.
+struct Policer {
+  std::uint32_t perSecond = 0;
+  std::uint32_t burst = 0;
+  friend bool operator==(const Policer&, const Policer&) = default;
+};
+
 // What a port of a bridge that filters VLANs is, VLAN by VLAN; or the bridge itself, as far as it sends.
 struct Trunk {
   Netlink::VlanIds trapped;  // it is an access port of these
   Netlink::VlanIds tunnel;
   std::uint16_t pvid = 0;  // the VLAN of frames without a tag; 0: none
   bool own = false;        // the bridge itself
+  Policer policer;         // of all VLANs together
   friend bool operator==(const Trunk&, const Trunk&) = default;
 };
 
@@ -63,11 +74,21 @@ struct Statistics {
   std::uint64_t trapped = 0;           // copied to the agent
   std::uint64_t trapFailed = 0;        // could not be copied, and were passed as if suppression were off
   std::uint64_t failedOpen = 0;        // not trapped because nobody was trusted to take them
+  std::uint64_t policed = 0;           // refused by a port's policer, and passed as if suppression were off
   std::uint64_t tunnelDropped = 0;     // kept from a tunnel port, one for each port
   std::uint64_t injected = 0;          // of the agent, sent out of the tunnel ports
   std::uint64_t injectSendFailed = 0;  // sends that a tunnel port did not take, one for each port
   std::uint64_t replied = 0;           // of the agent, handed to a bridge
   std::uint64_t unexpected = 0;        // dropped on the pairs
+};
+
+// Those of a port and VLAN, which had any.
+struct PortStatistics {
+  std::uint32_t ifIndex = 0;
+  std::uint16_t vlan = 0;
+  std::uint64_t trapped = 0;
+  std::uint64_t policed = 0;
+  std::uint64_t tunnelDropped = 0;
 };
 
 class Programs {
@@ -91,7 +112,8 @@ class Programs {
   Mox::Result<> trapPeerIs(std::uint32_t ifIndex);
   // What comes from this address is never trapped; zero: there is none.
   Mox::Result<> passedAddressIs(const Lanix::EthAddr& address);
-  Mox::Result<> portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role);
+  // Written again, a port's policer begins with a full bucket.
+  Mox::Result<> portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role, const Policer& policer = {});
   Mox::Result<> portDel(std::uint32_t ifIndex);
   // A frame sees all of the old or all of the new. A device is a port or a trunk, not both.
   Mox::Result<> trunkIs(std::uint32_t ifIndex, const Trunk& trunk);
@@ -103,9 +125,15 @@ class Programs {
 
   // All zero when the counters cannot be read.
   Statistics statistics() const;
+  // How many frames policers have refused; costs nothing.
+  std::uint64_t policedInAll() const;
+  // In no order; without those that cannot be read. A port that is written without a VLAN loses its count there.
+  std::vector<PortStatistics> portStatistics() const;
 
  private:
   Mox::Result<> settingsPut();
+  void portCountersDel(std::uint32_t ifIndex, std::uint16_t vlan);
+  void trunkCountersDel(std::uint32_t ifIndex, const SoftForwardTrunk& now);
 
   struct Skeleton;
   std::unique_ptr<Skeleton> skeleton_;

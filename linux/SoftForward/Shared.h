@@ -42,6 +42,7 @@
 #define SOFT_FORWARD_MAX_VLANS 4096
 #define SOFT_FORWARD_MAX_PORTS 16384
 #define SOFT_FORWARD_MAX_TRUNKS 4096
+#define SOFT_FORWARD_MAX_PORT_VLANS 65536
 #define SOFT_FORWARD_VLAN_WORDS 64  // of 64 bits: one for each VLAN
 
 enum SoftForwardRole {
@@ -50,12 +51,21 @@ enum SoftForwardRole {
   SOFT_FORWARD_ROLE_OWN = 3,  // the bridge itself, as far as it sends
 };
 
+// How many frames of an access port may be copied to the agent: a token bucket, kept as the time when it will
+// be full. What it refuses is flooded as if suppression were off.
+struct SoftForwardPolicer {
+  __u64 interval;   // nanoseconds in which one token comes; 0: nothing is refused
+  __u64 tolerance;  // nanoseconds in which all but one of a full bucket's tokens come
+  __u64 full;       // by the kernel's monotonic clock; the programs write it
+};
+
 // Map "ports": what a port of a bridge that is one VLAN is, by interface index (__u32). Its frames are those
 // without a tag, or with a priority's; what carries another tag is none of the VLAN's.
 struct SoftForwardPort {
+  struct SoftForwardPolicer policer;
   __u16 vlan;
   __u8 role;  // SoftForwardRole
-  __u8 zero;
+  __u8 zero[5];
 };
 
 // Map "trunks": what a port of a bridge that filters VLANs is, by interface index (__u32); it is not in
@@ -63,6 +73,7 @@ struct SoftForwardPort {
 // VLAN v is bit v % 64 of word v / 64. A VLAN in neither is not carried by the port, or none of ours: its
 // frames pass.
 struct SoftForwardTrunk {
+  struct SoftForwardPolicer policer;       // of all its VLANs together
   __u64 trapped[SOFT_FORWARD_VLAN_WORDS];  // VLANs of which the port is an access port; that the bridge sends
   __u64 tunnel[SOFT_FORWARD_VLAN_WORDS];   // VLANs of which the port is a tunnel port
   __u16 pvid;                              // 0: none
@@ -94,11 +105,23 @@ struct SoftForwardSettings {
   __u16 ownPasses;     // 1: frames from that address are not trapped, whatever port they come from
 };
 
+// Map "port_counters": frames by port and VLAN, of those that had any.
+struct SoftForwardPortVlan {
+  __u32 ifIndex;
+  __u32 vlan;
+};
+struct SoftForwardPortCounters {
+  __u64 trapped;        // copied to the agent
+  __u64 policed;        // refused by the policer
+  __u64 tunnelDropped;  // kept from this tunnel port
+};
+
 // Map "counters", one per-CPU __u64 each.
 enum SoftForwardCounter {
   SOFT_FORWARD_TRAPPED,             // frames copied to the agent
   SOFT_FORWARD_TRAP_FAILED,         // copies that failed: the frame was passed as if suppression were off
   SOFT_FORWARD_FAILED_OPEN,         // frames that were not trapped because there was no sign of the agent
+  SOFT_FORWARD_POLICED,             // frames that a port's policer refused: passed as if suppression were off
   SOFT_FORWARD_TUNNEL_DROPPED,      // marked frames kept from a tunnel port
   SOFT_FORWARD_INJECTED,            // frames of "arpinject" that were sent out of their VLAN's tunnel ports
   SOFT_FORWARD_INJECT_SEND_FAILED,  // a tunnel port did not take such a frame
@@ -114,9 +137,9 @@ struct SoftForwardInjectMeta {
 };
 
 #ifdef __cplusplus
-static_assert(sizeof(SoftForwardPort) == 4);
+static_assert(sizeof(SoftForwardPort) == 32);
 static_assert(sizeof(SoftForwardActiveVlan) == 8);
-static_assert(sizeof(SoftForwardTrunk) == 2 * 512 + 8);
+static_assert(sizeof(SoftForwardTrunk) == 24 + 2 * 512 + 8);
 static_assert(sizeof(SoftForwardVlanPaths) == 20 + 4 * SOFT_FORWARD_MAX_TUNNEL_PORTS);
 static_assert(sizeof(SoftForwardSettings) == 12);
 static_assert(sizeof(SoftForwardInjectMeta) == 8);

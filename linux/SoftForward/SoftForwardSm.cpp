@@ -45,7 +45,9 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
       problems_(std::move(problems), "SoftForward"),
       ownTrapped_(std::ranges::count(switchConfig_->agents(), kArpService) != 0),
       datapath_(programs, [this](std::uint16_t id, const Standing& standing) { handleLooked(id, standing); }),
-      heartbeat_(scheduler->loop(), programs),
+      policerWatch_(programs, datapath_, problems_),
+      heartbeat_(scheduler->loop(), programs,
+                 [this] { policerWatch_.look(this->scheduler()->loop().clock().now()); }),
       again_(scheduler, "SoftForward again", kLevel,
              [this] {
                datapath_.againIs();
@@ -66,6 +68,10 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
   readiness_.on(Switch::Readiness::awaitedChanged, [this] { handleReadiness(); });
   heartbeat_.secondsIs(switchConfig_->softForward()->failOpenSeconds());
   handleReadiness();
+  datapath_.policersAre([settings = switchConfig_->softForward()](const std::string& device) {
+    const Switch::Policer policer = settings->policerOf(device);
+    return Policer{policer.perSecond, policer.burst};
+  });
   datapath_.ownTrappedIs(ownTrapped_);
   handleAddresses();
   for (const auto& [vlanId, vlan] : switchConfig_->vlanCollection()) {

@@ -12,6 +12,7 @@
 #include "Routing/Status.h"
 #include "SoftForward/Datapath.h"
 #include "SoftForward/Heartbeat.h"
+#include "SoftForward/PolicerWatch.h"
 #include "Suppression/Status.h"
 #include "Switch/Config.h"
 #include "Switch/Forwarding.h"
@@ -82,6 +83,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   const bool ownTrapped_;
   bool open_ = false;
   Datapath datapath_;
+  PolicerWatch policerWatch_;
   Heartbeat heartbeat_;
   Mox::Notifiee<Orb::FileDescriptor> descriptor_;
   Mox::Notifiee<Orb::FileDescriptor> vlanDescriptor_;

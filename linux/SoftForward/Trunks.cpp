@@ -138,7 +138,8 @@ void Trunks::lookPort(IfIndex index) {
   if (table) port.vlans = **table;
   port.tunnel = own ? VlanIds() : configuration_.tunnelVlansOf(link->name) & bridge.vlans;
 
-  const Trunk trunk = trunkOf(port, bridge, own);
+  Trunk trunk = trunkOf(port, bridge, own);
+  if (!own && trunk.trapped.any()) trunk.policer = configuration_.policerOf(link->name);
   const bool any = trunk.trapped.any() || trunk.tunnel.any();
   if (any && port.trunk != trunk) {
     const auto written = programs_.trunkIs(index, trunk);

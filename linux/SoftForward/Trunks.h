@@ -31,6 +31,7 @@ class Trunks {
   struct Configuration {
     std::function<Netlink::VlanIds(const std::string& bridge)> vlansOf;
     std::function<Netlink::VlanIds(const std::string& device)> tunnelVlansOf;
+    std::function<Policer(const std::string& device)> policerOf;
     std::function<void(std::uint16_t vlan)> vlanChanged;
   };
 

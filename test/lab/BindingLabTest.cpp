@@ -318,7 +318,9 @@ TEST_P(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
   // The address sanitizer would keep what is freed.
   const char* const options = std::getenv("ASAN_OPTIONS");
   setenv("ASAN_OPTIONS", (std::string(options ? options : "") + ":quarantine_size_mb=1").c_str(), 1);
-  start(agents());
+  json all = agents();
+  all["softForward"]["policer"] = {{"perSecond", 1'000'000}, {"burst", 1'000'000}};  // the agent gets it all
+  start(all);
   std::uint64_t resident[3] = {};
   for (std::uint64_t& pages : resident) {
     Monitor monitor(vlan10_);

@@ -110,6 +110,8 @@ class PacketSocket {
   PacketSocket& operator=(const PacketSocket&) = delete;
 
   void markIs(std::uint32_t mark);  // of the frames sent from here on
+  // Nothing else takes room among the frames that wait to be received.
+  void onlyFramesTo(const Mac& address);
   // The socket stands for a host on a trunk, of which only this VLAN is looked at: frames that are sent get its
   // tag, those that are received with it lose it. One without a tag is received with the tag 0.
   void vlanIs(std::uint16_t vlan) { vlan_ = vlan; }

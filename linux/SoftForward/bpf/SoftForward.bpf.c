@@ -95,6 +95,14 @@ struct {
 } settings SEC(".maps");
 
 struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, SOFT_FORWARD_MAX_PORT_VLANS);
+  __uint(map_flags, BPF_F_NO_PREALLOC);
+  __type(key, struct SoftForwardPortVlan);
+  __type(value, struct SoftForwardPortCounters);
+} port_counters SEC(".maps");
+
+struct {
   __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
   __uint(max_entries, SOFT_FORWARD_COUNTERS);
   __type(key, __u32);
@@ -106,11 +114,43 @@ struct {
 // forwarded as if there were no agent.
 volatile __u64 trusted_until;
 
+// How many frames policers refused, for the loader to see at a glance whether any did.
+volatile __u64 policed_in_all;
+
 static __always_inline bool isTrusted(__u64 ago) { return bpf_ktime_get_ns() - ago < trusted_until; }
 
 static __always_inline void count(__u32 counter) {
   __u64* value = bpf_map_lookup_elem(&counters, &counter);
   if (value) ++*value;
+}
+
+// Null: there is no room for one more.
+static __always_inline struct SoftForwardPortCounters* countersOf(__u32 ifIndex, __u32 vlan) {
+  const struct SoftForwardPortVlan key = {ifIndex, vlan};
+  struct SoftForwardPortCounters* value = bpf_map_lookup_elem(&port_counters, &key);
+  if (value) return value;
+  const struct SoftForwardPortCounters none = {};
+  bpf_map_update_elem(&port_counters, &key, &none, BPF_NOEXIST);
+  return bpf_map_lookup_elem(&port_counters, &key);
+}
+
+#define COUNT_AT(ifIndex, vlan, member)                                             \
+  do {                                                                              \
+    struct SoftForwardPortCounters* const at = countersOf(ifIndex, vlan);           \
+    if (at) __sync_fetch_and_add(&at->member, 1);                                   \
+  } while (0)
+
+// Takes a token; whether there was one. Other CPUs may take theirs at the same time.
+static __always_inline bool takesToken(struct SoftForwardPolicer* policer) {
+  if (policer->interval == 0) return true;
+  const __u64 now = bpf_ktime_get_ns();
+  for (int tries = 0; tries < 4; ++tries) {
+    const __u64 full = *(volatile __u64*)&policer->full;
+    const __u64 from = full > now ? full : now;
+    if (from - now > policer->tolerance) return false;
+    if (__sync_val_compare_and_swap(&policer->full, full, from + policer->interval) == full) return true;
+  }
+  return false;
 }
 
 static __always_inline int unexpected(void) {
@@ -142,8 +182,9 @@ static __always_inline bool holds(const __u64* set, __u32 vlan) {
   return set[(vlan >> 6) & (SOFT_FORWARD_VLAN_WORDS - 1)] >> (vlan & 63) & 1;
 }
 
-// The VLAN of a frame on a device with that role; 0: none of ours, or one that the device does not carry.
-static __always_inline __u32 vlanOf(const struct __sk_buff* skb, __u8 role) {
+// The VLAN of a frame on a device with that role; 0: none of ours, or one that the device does not carry. Where
+// it is one of ours, `policer` is the device's.
+static __always_inline __u32 vlanOf(const struct __sk_buff* skb, __u8 role, struct SoftForwardPolicer** policer) {
   // The kernel took a tag off the frame and keeps it beside. What it keeps is stale unless it says so.
   __u32 tag = 0;
   if (skb->vlan_present) {
@@ -151,10 +192,14 @@ static __always_inline __u32 vlanOf(const struct __sk_buff* skb, __u8 role) {
     tag = skb->vlan_tci & SOFT_FORWARD_VLAN_MASK;  // 0: only a priority
   }
   __u32 ifIndex = skb->ifindex;
-  const struct SoftForwardPort* port = bpf_map_lookup_elem(&ports, &ifIndex);
-  if (port) return port->role == role && tag == 0 ? port->vlan : 0;
-  const struct SoftForwardTrunk* trunk = bpf_map_lookup_elem(&trunks, &ifIndex);
+  struct SoftForwardPort* port = bpf_map_lookup_elem(&ports, &ifIndex);
+  if (port) {
+    *policer = &port->policer;
+    return port->role == role && tag == 0 ? port->vlan : 0;
+  }
+  struct SoftForwardTrunk* trunk = bpf_map_lookup_elem(&trunks, &ifIndex);
   if (!trunk || trunk->own != (role == SOFT_FORWARD_ROLE_OWN)) return 0;
+  *policer = &trunk->policer;
   const __u32 vlan = tag ? tag : trunk->pvid;
   return holds(trunk->trapped, vlan) ? vlan : 0;
 }
@@ -166,8 +211,9 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
   if (bpf_skb_load_bytes(skb, 0, &frame, sizeof frame) < 0) return TC_ACT_UNSPEC;
   if (!isBroadcast(frame.destination) || !isIpv4Arp(&frame)) return TC_ACT_UNSPEC;
 
-  __u32 vlan = vlanOf(skb, role);
-  if (vlan == 0) return TC_ACT_UNSPEC;
+  struct SoftForwardPolicer* policer = 0;
+  __u32 vlan = vlanOf(skb, role, &policer);
+  if (vlan == 0 || !policer) return TC_ACT_UNSPEC;
   const struct SoftForwardActiveVlan* activeVlan = bpf_map_lookup_elem(&active_vlans, &vlan);
   if (!activeVlan || !activeVlan->active) return TC_ACT_UNSPEC;
   __u32 zero = 0;
@@ -176,6 +222,12 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
   if (setting->ownPasses && isSame(frame.source, setting->ownAddress)) return TC_ACT_UNSPEC;
   if (!isTrusted(0)) {
     count(SOFT_FORWARD_FAILED_OPEN);
+    return TC_ACT_UNSPEC;
+  }
+  if (!takesToken(policer)) {
+    count(SOFT_FORWARD_POLICED);
+    COUNT_AT(skb->ifindex, vlan, policed);
+    __sync_fetch_and_add(&policed_in_all, 1);
     return TC_ACT_UNSPEC;
   }
 
@@ -189,6 +241,7 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
     return TC_ACT_UNSPEC;
   }
   count(SOFT_FORWARD_TRAPPED);
+  COUNT_AT(skb->ifindex, vlan, trapped);
   return TC_ACT_UNSPEC;
 }
 
@@ -208,6 +261,7 @@ int tunnel_egress(struct __sk_buff* skb) {
                              : trunk && holds(trunk->tunnel, skb->mark & SOFT_FORWARD_VLAN_MASK);
   if (!isTunnel || !isTrusted(SOFT_FORWARD_CROSSING_NS)) return TC_ACT_UNSPEC;
   count(SOFT_FORWARD_TUNNEL_DROPPED);
+  COUNT_AT(ifIndex, skb->mark & SOFT_FORWARD_VLAN_MASK, tunnelDropped);
   return TC_ACT_SHOT;
 }
 

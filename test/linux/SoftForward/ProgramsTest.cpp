@@ -175,6 +175,56 @@ TEST_F(ProgramsTest, WhenAnAccessPortPassesARequest) {
   EXPECT_EQ(programs_.statistics().trapFailed, 1U);
 }
 
+TEST_F(ProgramsTest, APolicerBoundsWhatGoesToTheAgent) {
+  trapsOnLoopback();
+  const Lab::Frame request = Lab::arpFrame(kRequest);
+  std::uint64_t policed = 0;
+  // How many of so many are trapped; the others pass as they came.
+  const auto trapped = [&](std::uint32_t frames) {
+    std::uint32_t taken = 0;
+    for (std::uint32_t i = 0; i < frames; ++i) {
+      const Outcome outcome = run(Program::accessIngress, request, 7);
+      EXPECT_EQ(outcome.result, TC_ACT_UNSPEC);
+      taken += outcome.mark == kMark ? 1 : 0;
+      policed += outcome.mark == 7 ? 1 : 0;
+    }
+    return taken;
+  };
+  const struct {
+    const char* what;
+    Policer policer;
+    std::uint32_t of100;
+  } kCases[] = {{"none", {}, 100},
+                {"of a burst", {1, 30}, 30},
+                {"of one at a time", {1, 1}, 1},
+                {"of a rate that nothing exceeds", {1000000, 1000000}, 100}};
+  for (const auto& test : kCases) {
+    SCOPED_TRACE(test.what);
+    ASSERT_TRUE(programs_.portIs(kLoopback, kVlan, PortRole::access, test.policer));
+    EXPECT_EQ(trapped(100), test.of100);
+    Trunk trunk{Netlink::VlanIds().set(kVlan), {}, kVlan, false, test.policer};
+    ASSERT_TRUE(programs_.portDel(kLoopback));
+    ASSERT_TRUE(programs_.trunkIs(kLoopback, trunk));
+    EXPECT_EQ(trapped(100), test.of100) << "of a trunk";
+    const auto ports = programs_.portStatistics();
+    ASSERT_EQ(ports.size(), 1U) << "counted anew";
+    EXPECT_EQ(ports[0].vlan, kVlan);
+    EXPECT_EQ(ports[0].trapped, test.of100);
+    EXPECT_EQ(ports[0].policed, 100 - test.of100);
+    ASSERT_TRUE(programs_.trunkDel(kLoopback));
+  }
+  EXPECT_EQ(programs_.statistics().policed, policed);
+  EXPECT_EQ(programs_.policedInAll(), policed);
+  EXPECT_TRUE(programs_.portStatistics().empty()) << "those of ports that are gone";
+  // Tokens come back: in a tenth of a second a hundred.
+  ASSERT_TRUE(programs_.portIs(kLoopback, kVlan, PortRole::access, {1000, 1}));
+  const std::uint64_t begin = now();
+  std::uint32_t taken = 0;
+  while (now() - begin < 100'000'000) taken += trapped(1);
+  EXPECT_GE(taken, 50U);
+  EXPECT_LE(taken, (now() - begin) / 1'000'000 + 1);
+}
+
 // A tag that the kernel took off stands beside the frame, which only a device shows.
 TEST_F(ProgramsTest, WhichVlanATagMakesIt) {
   const Lab::Namespace outside;
@@ -196,7 +246,7 @@ TEST_F(ProgramsTest, WhichVlanATagMakesIt) {
   for (const std::uint16_t vlan : {std::uint16_t{10}, std::uint16_t{20}, std::uint16_t{4094}})
     ASSERT_TRUE(programs_.activeVlanIs(vlan, true));
   const auto trunk = [](std::initializer_list<std::size_t> trapped, std::uint16_t pvid, bool own = false) {
-    Trunk made{{}, Netlink::VlanIds().set(4093), pvid, own};
+    Trunk made{{}, Netlink::VlanIds().set(4093), pvid, own, {}};
     for (const std::size_t vlan : trapped) made.trapped.set(vlan);
     return std::optional(made);
   };
@@ -277,7 +327,7 @@ TEST_F(ProgramsTest, WhatATunnelPortDrops) {
   // On a trunk the mark says whether the port is a tunnel port of its VLAN.
   ASSERT_TRUE(programs_.portDel(kLoopback));
   ASSERT_TRUE(
-      programs_.trunkIs(kLoopback, {Netlink::VlanIds().set(20), Netlink::VlanIds().set(10), 20, false}));
+      programs_.trunkIs(kLoopback, {Netlink::VlanIds().set(20), Netlink::VlanIds().set(10), 20, false, {}}));
   EXPECT_EQ(run(Program::tunnelEgress, request, kMark).result, TC_ACT_SHOT);
   EXPECT_EQ(run(Program::tunnelEgress, request, SOFT_FORWARD_MARK | 20).result, TC_ACT_UNSPEC);
   EXPECT_EQ(run(Program::tunnelEgress, request, 0).result, TC_ACT_UNSPEC);

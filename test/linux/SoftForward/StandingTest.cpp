@@ -220,7 +220,9 @@ TEST_F(StandingTest, WhatAMapRefusesIsReportedAndTriedAgain) {
     size = sizeof map;
     const int descriptor = bpf_map_get_fd_by_id(maps.at(i));
     ASSERT_EQ(bpf_obj_get_info_by_fd(descriptor, &map, &size), 0);
-    if (map.name == std::string("active_vlans")) ASSERT_EQ(bpf_map_freeze(descriptor), 0);
+    if (map.name == std::string("active_vlans")) {
+      ASSERT_EQ(bpf_map_freeze(descriptor), 0);
+    }
     close(descriptor);
   }
   datapath_->activeVlanIs(kVlan, false);
