@@ -106,6 +106,15 @@ void CommandLine::addLooking() {
       ->type_name("SECONDS")
       ->check(CLI::Range(0.1, 86400.0));
 
+  watched(
+      command(
+          app_, kLook,
+          {"forwarding", "what the forwarding programs do: ports, pairs, counters, and the last sign of life",
+           "  arpsup forwarding             which port's requests are trapped, and how many were refused\n"
+           "  arpsup forwarding --watch 2   again every two seconds"},
+          {}),
+      [this] { return showForwarding(options_); });
+
   CLI::App* bindings =
       command(app_, kLook,
               {"bindings", "which hosts are known: local ones, and those behind other switches",

@@ -16,6 +16,7 @@ struct CommonOptions {
 // Of its own: 0 good, 1 degraded, 2 failed or no daemon.
 int showHealth(const CommonOptions& options);
 int showStatus(const CommonOptions& options);
+int showForwarding(const CommonOptions& options);
 // `watchSeconds` 0: once.
 int showCounters(const CommonOptions& options, bool nonzero, double watchSeconds);
 // No path: the list of paths.

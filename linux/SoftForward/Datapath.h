@@ -107,6 +107,19 @@ class Datapath {
   Mox::Result<> close();
 
   Statistics statistics() const { return programs_.statistics(); }
+  // A port that has programs of ours, in one of its VLANs; the bridge itself with PortRole::own.
+  struct PortState {
+    std::string device;
+    std::uint16_t vlan;
+    PortRole role;
+    PortStatistics frames;
+  };
+  std::vector<PortState> portStates() const;  // asks the kernel for the counts
+  struct PairState {
+    std::string device;  // the end that the agent opens, or that frames are sent to
+    bool passes;
+  };
+  std::vector<PairState> pairStates() const;
   // "" when there is none (any more).
   std::string deviceName(Netlink::IfIndex ifIndex) const;
 

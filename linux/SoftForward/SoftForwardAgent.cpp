@@ -6,6 +6,22 @@ namespace {
 constexpr char kStatusPath[] = "arpSuppression/status";
 constexpr char kBridgingConfigPath[] = "bridging/config";
 constexpr char kVrMacPath[] = "routing/fhrp/vrMacStatus";
+
+// Its answer is small: a copy of the process would have no descriptor to ask the kernel's maps by.
+class ForwardingCommand final : public Plugin::AgentCommandCallback {
+ public:
+  explicit ForwardingCommand(Mox::Ptr<const SoftForwardSm> softForwardSm)
+      : AgentCommandCallback("", "forwarding"), softForwardSm_(std::move(softForwardSm)) {}
+
+  void handleCommand(int descriptor, const std::vector<Mox::String>& /*arguments*/) override {
+    Orb::DumpContext answer(descriptor);
+    softForwardSm_->show(answer);
+  }
+
+ private:
+  Mox::Ptr<const SoftForwardSm> softForwardSm_;
+};
+
 }  // namespace
 
 SoftForwardAgent::SoftForwardAgent(Mox::String name) : AgentBase(std::move(name)) {
@@ -13,6 +29,8 @@ SoftForwardAgent::SoftForwardAgent(Mox::String name) : AgentBase(std::move(name)
   // reactor tries again, and reports it.
   static_cast<void>(programs_.load());
 }
+
+SoftForwardAgent::~SoftForwardAgent() { agentCommandCallbackDelAll(); }  // which hold the reactor
 
 void SoftForwardAgent::doInit() {
   const Mox::Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
@@ -47,6 +65,7 @@ void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Sta
       tree->entityOf<const Routing::Fhrp::VirtualRouterMacStatus>(kVrMacPath),
       tree->entityOf<const Switch::VlanInterfaces>(Switch::kVlanInterfacesPath), readiness, forwarding,
       tree->entityOf<Switch::Problems>(Switch::kProblemsPath));
+  agentCommandCallbackIs(Mox::make<ForwardingCommand>(softForwardSm_));
 }
 
 }  // namespace SoftForward

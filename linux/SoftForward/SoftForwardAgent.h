@@ -9,6 +9,7 @@ namespace SoftForward {
 class SoftForwardAgent final : public Plugin::AgentBase {
  public:
   explicit SoftForwardAgent(Mox::String name);
+  ~SoftForwardAgent() override;
   void doInit() override;
   void doMountsComplete(Statedb::MountStatus status,
                         const Mox::Ptr<Statedb::EntityManager>& entityManager) override;

@@ -75,7 +75,11 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
   datapath_.ownTrappedIs(ownTrapped_);
   handleAddresses();
   for (const auto& [vlanId, vlan] : switchConfig_->vlanCollection()) {
-    forwarding_->vlanIs(vlanId);
+    const auto shown = forwarding_->vlanIs(vlanId);
+    if (!vlan->suppression()) {
+      shown->reasonIs("\"suppression\" of the VLAN is false in the configuration");
+      continue;
+    }
     datapath_.vlanIs(vlanId, {vlan->bridge(), vlan->tunnelPorts()});
   }
   for (const auto& [vlanId, active] : arpSuppressionStatus_->vlanIdCollection()) handleVlanId(vlanId);
@@ -174,7 +178,8 @@ void SoftForwardSm::followReadiness() {
   const Mox::String awaited = this->awaited();
   heartbeat_.beatingIs(open_ && awaited.empty());
   const bool wanted = std::ranges::any_of(forwarding_->vlanCollection(), [&](const auto& vlan) {
-    return arpSuppressionStatus_->vlanId(vlan.first);
+    const auto configured = switchConfig_->vlan(vlan.first);
+    return configured && configured->suppression() && arpSuppressionStatus_->vlanId(vlan.first);
   });
   const bool failing = wanted && !heartbeat_.beating();
   const double now = scheduler()->loop().clock().now();

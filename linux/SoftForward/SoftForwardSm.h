@@ -55,6 +55,8 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   ~SoftForwardSm() override;
 
   void dumpState(Orb::DumpContext& context, int indent) const;
+  // Ports, pairs and counters of the programs as one JSON object.
+  void show(Orb::DumpContext& answer) const;
 
  private:
   Orb::WalkRet walk() override;

@@ -223,6 +223,19 @@ void Trunks::portDel(IfIndex index) {
   ports_.erase(known);
 }
 
+void Trunks::forEachPort(const std::function<void(IfIndex, std::uint16_t, PortRole)>& visit) const {
+  for (const auto& [index, port] : ports_) {
+    if (!port.trunk) continue;
+    const VlanIds all = port.trunk->trapped | port.trunk->tunnel;
+    for (std::size_t vlan = all._Find_first(); vlan < all.size(); vlan = all._Find_next(vlan)) {
+      const PortRole role = port.trunk->tunnel[vlan] ? PortRole::tunnel
+                            : port.trunk->own        ? PortRole::own
+                                                     : PortRole::access;
+      visit(index, static_cast<std::uint16_t>(vlan), role);
+    }
+  }
+}
+
 // --- One VLAN ------------------------------------------------------------------------------------------
 
 VlanPaths Trunks::pathsOf(std::uint16_t vlan, const std::vector<std::string>& tunnelPorts, const Link& link,

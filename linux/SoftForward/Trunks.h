@@ -67,6 +67,9 @@ class Trunks {
   bool hasPort(Netlink::IfIndex ifIndex) const;
   bool hasBridge(Netlink::IfIndex ifIndex) const { return bridges_.contains(ifIndex); }
 
+  // Each port's VLANs, and what it is in them; of the bridge itself PortRole::own.
+  void forEachPort(const std::function<void(Netlink::IfIndex, std::uint16_t vlan, PortRole)>& visit) const;
+
   // The paths of a VLAN of such a bridge, and what keeps them from standing.
   VlanPaths pathsOf(std::uint16_t vlan, const std::vector<std::string>& tunnelPorts,
                     const Netlink::Link& bridge, Standing& standing) const;
