@@ -14,7 +14,8 @@ namespace SoftForward {
 // ended or hangs, the programs forward everything as if there were no agent.
 class Heartbeat {
  public:
-  // `beaten` is called after each beat. Loop and programs outlive this. The loop's clock is the kernel's monotonic one, outside of tests.
+  // `beaten` is called after each beat. Loop and programs outlive this. The loop's clock is the kernel's
+  // monotonic one, outside of tests.
   Heartbeat(Orb::EventLoop& loop, Programs& programs, std::function<void()> beaten);
   // The last beat is taken back.
   ~Heartbeat();

@@ -127,7 +127,7 @@ class Programs {
   Statistics statistics() const;
   // How many frames policers have refused; costs nothing.
   std::uint64_t policedInAll() const;
-  // In no order; without those that cannot be read. A port that is written without a VLAN loses its count there.
+  // In no order; without those that cannot be read. A port that is gone, or no longer of the VLAN, has none.
   std::vector<PortStatistics> portStatistics() const;
 
  private:

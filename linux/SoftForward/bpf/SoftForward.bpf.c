@@ -182,9 +182,10 @@ static __always_inline bool holds(const __u64* set, __u32 vlan) {
   return set[(vlan >> 6) & (SOFT_FORWARD_VLAN_WORDS - 1)] >> (vlan & 63) & 1;
 }
 
-// The VLAN of a frame on a device with that role; 0: none of ours, or one that the device does not carry. Where
-// it is one of ours, `policer` is the device's.
-static __always_inline __u32 vlanOf(const struct __sk_buff* skb, __u8 role, struct SoftForwardPolicer** policer) {
+// The VLAN of a frame on a device with that role; 0: none of ours, or one that the device does not carry.
+// Where it is one of ours, `policer` is the device's.
+static __always_inline __u32 vlanOf(const struct __sk_buff* skb, __u8 role,
+                                    struct SoftForwardPolicer** policer) {
   // The kernel took a tag off the frame and keeps it beside. What it keeps is stale unless it says so.
   __u32 tag = 0;
   if (skb->vlan_present) {

