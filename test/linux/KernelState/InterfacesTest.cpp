@@ -211,7 +211,7 @@ TEST_F(DevicesTest, BridgeMacAddressIsTheOneThatInterfacesShare) {
   EXPECT_EQ(mac(), "02:00:00:00:be:ef");
   EXPECT_THAT(reports.lines,
               ElementsAre(testing::AllOf(testing::HasSubstr("Vlan20 has the MAC address 02:00:00:00:00:20"),
-                                         testing::HasSubstr("(and 1 more)"))));
+                                         testing::HasSubstr("(and 1 more have others)"))));
 
   kernel.in("red").macIs("vlan10", "02:00:00:00:00:10");  // nobody has the one that was given any more
   settle();
