@@ -69,6 +69,7 @@ void ArpSuppressionAgent::doInit() {
   group->mountIs(kVrfStatusLocalPath, "Ip::AllVrfStatusLocal", "r");
   group->mountIs("routing/l2vpn/config", "Routing::L2Vpn::Config", "r");
   group->mountIs(kArpInputConfigPath, "Arp::ArpInputConfig", "wS");
+  group->mountIs(kNeverAnswerPath, kNeverAnswerType, "r");
   group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "r");  // for `explain`
   group->mountIs(Switch::kReadinessPath, Switch::kReadinessType, "wc");
   createLocalEntity("AllIntfStatusDir", "Interface::AllIntfStatusDir", "interface/status/all");
@@ -266,7 +267,8 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
   arpSuppressionSm_.is(r.receivedRequestTrap, r.reinjectMessageQueue, m.arpSuppressionCounterStatus,
                        r.localRequestRecord, m.remoteBindingConfig, r.vlanL3InfoStatus, m.arpStatus,
                        m.bridgingConfig, m.bridgingStatus, m.evpnStatus, m.fhrpVrMacStatus, m.vrfNameToIdMap,
-                       r.arpInputConfigTrigger);
+                       r.arpInputConfigTrigger,
+                       m.entityManager->entityOf<const NeverAnswer>(kNeverAnswerPath));
   bindingDiscoverySm_.is(taskSchedulerRoot_, Ptr<const MessageTrap>(r.receivedRequestTrap), m.bridgingConfig,
                          m.bridgingStatus, m.arpSuppressionCounterStatus, r.vlanL3InfoStatus,
                          ConstRemoteBindings(r.remoteBindingStatus), m.arpStatus, m.fhrpVrMacStatus,

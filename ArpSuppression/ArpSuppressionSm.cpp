@@ -52,7 +52,8 @@ ArpSuppressionSm::ArpSuppressionSm(
     Ptr<const Arp::Table::Status> arpStatus, Ptr<const Bridging::Config> bridgingConfig,
     Ptr<const Memtab::Bridging::Status> bridgingStatus, Ptr<const Evpn::EvpnStatus> evpnStatus,
     Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
-    Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameToIdMap, Ptr<ArpInputConfigTrigger> arpInputConfigTrigger)
+    Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameToIdMap, Ptr<ArpInputConfigTrigger> arpInputConfigTrigger,
+    Ptr<const NeverAnswer> neverAnswer)
     : receivedRequestTrap_(std::move(receivedRequestTrap)),
       reinjectMessageQueue_(std::move(reinjectMessageQueue)),
       arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)),
@@ -65,7 +66,8 @@ ArpSuppressionSm::ArpSuppressionSm(
       evpnStatus_(std::move(evpnStatus)),
       fhrpVrMacStatus_(std::move(fhrpVrMacStatus)),
       vrfNameToIdMap_(std::move(vrfNameToIdMap)),
-      arpInputConfigTrigger_(std::move(arpInputConfigTrigger)) {
+      arpInputConfigTrigger_(std::move(arpInputConfigTrigger)),
+      neverAnswered_(std::move(neverAnswer)) {
   MOX_ASSERT(kSource, "remoteBindingConfig() && bridgingConfig() && bridgingStatus() && fhrpVrMacStatus()",
              remoteBindingConfig_ && bridgingConfig_ && bridgingStatus_ && fhrpVrMacStatus_);
   receivedRequestTrap_.on(MessageTrap::lastTrappedMessageChanged, [this] { handleTrappedRequest(); })
@@ -147,6 +149,7 @@ ArpSuppressionSm::Facts ArpSuppressionSm::gather(const Request& request) const {
   facts.targetIsMine = vlanL3Info && vlanL3Info->ipAddress(request.targetIpAddress);
   facts.probe = request.senderIpAddress.isUnspecified();
   facts.announcement = !facts.probe && request.senderIpAddress == request.targetIpAddress;
+  facts.neverAnswer = !facts.localArpReq && neverAnswered_.has(request.targetIpAddress);
   return facts;
 }
 
@@ -188,6 +191,7 @@ Outcome ArpSuppressionSm::decide(const Request& request, const Facts& facts) con
   };
   if (facts.targetIsMine) return {Kind::targetIsMine};
   if (facts.announcement || facts.probe) return {Kind::forAll};
+  if (facts.neverAnswer) return {Kind::neverAnswer};
   switch (facts.connectionType) {
     case Type::unknown:
     case Type::remote:
@@ -236,19 +240,19 @@ void ArpSuppressionSm::handleTrappedRequest() {
   const Outcome outcome = decide(asked, facts);
   TRACE8("trappedRequest=" << request << " localBindingMacAddress=" << facts.localBindingMac
                            << " remoteBindingMacAddress=" << facts.remoteBinding.macAddress
-                           << " connectionType=" << facts.connectionType
-                           << " localArpReq=" << yesNo(facts.localArpReq)
-                           << " targetIsMine=" << facts.targetIsMine << " probe=" << facts.probe
-                           << " announcement=" << facts.announcement << " fdbIntf=" << facts.fdbEntry.intf);
+                           << " connectionType=" << facts.connectionType << " localArpReq="
+                           << yesNo(facts.localArpReq) << " targetIsMine=" << facts.targetIsMine
+                           << " probe=" << facts.probe << " announcement=" << facts.announcement
+                           << " fdbIntf=" << facts.fdbEntry.intf << " neverAnswer=" << facts.neverAnswer);
   TRACELET_RECORD(
       "trappedRequest=<vlanId={};srcIntf={};senderIpAddress={};senderMacAddress={};targetIpAddress={}>"
       " localBindingMacAddress={} remoteBindingMacAddress={} connectionType={} localArpReq={} "
       "targetIsMine={} probe={}"
-      " announcement={} fdbIntf={} outcome={}",
+      " announcement={} fdbIntf={} neverAnswer={} outcome={}",
       request->vlanId().value(), request->srcIntf().ifIndex, request->senderIpAddress(),
       request->senderMacAddress(), request->targetIpAddress(), facts.localBindingMac,
       facts.remoteBinding.macAddress, letter(facts.connectionType), facts.localArpReq, facts.targetIsMine,
-      facts.probe, facts.announcement, facts.fdbEntry.intf, outcome.name());
+      facts.probe, facts.announcement, facts.fdbEntry.intf, facts.neverAnswer, outcome.name());
   if (outcome.answerCounter) traceDelivery(*request, outcome);
   for (const auto& counter : {outcome.answerCounter, outcome.counter()}) {
     if (counter) count(*counter);

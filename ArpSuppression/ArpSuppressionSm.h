@@ -7,6 +7,7 @@
 #include "ArpSuppression/ArpInputConfigTrigger.h"
 #include "ArpSuppression/ArpStatusHelper.h"
 #include "ArpSuppression/LocalRequestRecord.h"
+#include "ArpSuppression/NeverAnswered.h"
 #include "ArpSuppression/Outcome.h"
 #include "ArpSuppression/TrappedMessage.h"
 #include "ArpSuppression/VlanL3Info.h"
@@ -58,6 +59,7 @@ class ArpSuppressionSm final : public Mox::Entity {
     bool targetIsMine = false;
     bool probe = false;
     bool announcement = false;
+    bool neverAnswer = false;  // a host asks, and the operator excluded the address
   };
 
   ArpSuppressionSm(Ptr<MessageTrap> receivedRequestTrap, Ptr<MessageQueue> reinjectMessageQueue,
@@ -68,7 +70,8 @@ class ArpSuppressionSm final : public Mox::Entity {
                    Ptr<const Memtab::Bridging::Status> bridgingStatus, Ptr<const Evpn::EvpnStatus> evpnStatus,
                    Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
                    Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameToIdMap,
-                   Ptr<ArpInputConfigTrigger> arpInputConfigTrigger);
+                   Ptr<ArpInputConfigTrigger> arpInputConfigTrigger,
+                   Ptr<const NeverAnswer> neverAnswer = nullptr);
   ~ArpSuppressionSm() override;
 
   Facts gather(const Request& request) const;
@@ -123,6 +126,7 @@ class ArpSuppressionSm final : public Mox::Entity {
   Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus_;
   Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameToIdMap_;
   Ptr<ArpInputConfigTrigger> arpInputConfigTrigger_;
+  NeverAnswered neverAnswered_;
   Ptr<Lanix::RawTxPam> rawTxPam_;
   Mox::Result<> replySocket_;
   Ptr<VrfInterfaceWatch> fabricInterfaceWatch_;

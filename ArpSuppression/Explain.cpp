@@ -172,6 +172,7 @@ class Explanation {
     fact(
         "targetIsMine", facts.targetIsMine,
         facts.targetIsMine ? "the address is one of the VLAN interface's own" : "the address is not our own");
+    if (facts.neverAnswer) fact("neverAnswer", true, "hosts are never answered for the address");
     const auto macFact = [&](const char* name, const Lanix::EthAddr& mac, const Mox::String& known,
                              const char* unknown) {
       const Mox::String text = mac.isZero() ? Mox::String() : mac.toStrep();

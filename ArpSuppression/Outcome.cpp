@@ -22,6 +22,8 @@ constexpr Row kRows[] = {
      "no answer: the owner is attached here and answers itself"},
     {Kind::forAll, "forAll", Action::flood, Id::floodedToRemoteTeps,
      "an announcement or a probe is for all to hear: the request goes to the remote endpoints"},
+    {Kind::neverAnswer, "neverAnswer", Action::flood, Id::floodedToRemoteTeps,
+     "\"neverAnswer\" of the configuration has the address: the request goes to the remote endpoints"},
     {Kind::ownerUnknown, "ownerUnknown", Action::flood, Id::floodedToRemoteTeps,
      "nothing says who has the address: the request goes to the remote endpoints"},
     {Kind::ownerNotAdvertised, "ownerNotAdvertised", Action::flood, Id::floodedToRemoteTeps,

@@ -25,6 +25,7 @@ struct Outcome {
     targetIsMine,
     ownerIsLocal,
     forAll,  // an announcement or a probe
+    neverAnswer,
     ownerUnknown,
     ownerNotAdvertised,
     // There is an answer, and it is sent, or is not because...

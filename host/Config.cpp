@@ -81,6 +81,7 @@ class FileReader {
   ConfigReader::Read vrfs();
   ConfigReader::Read vlans();
   ConfigReader::Read bindings();
+  ConfigReader::Read neverAnswer();
   ConfigReader::Read policer(Switch::Policer& to);
   void readSoftForward(const std::string& key, const json& value);
   void checkVlanVrfs();
@@ -112,6 +113,7 @@ void FileReader::readAll() {
        {"vlans", vlans()},
        {"softForward", [this](const auto& key, const json& value) { readSoftForward(key, value); }},
        {"bindings", bindings()},
+       {"neverAnswer", neverAnswer()},
        {"state",
         [this](const auto& key, const json& value) {
           if (!value.is_object()) return reader_.isNot(key, value, "an object by path");
@@ -254,7 +256,7 @@ void FileReader::checkAgents() {
   }
 }
 
-// --- Bindings ------------------------------------------------------------------------------------------
+// --- Addresses -----------------------------------------------------------------------------------------
 
 ConfigReader::Read FileReader::bindings() {
   return reader_.list("a list of bindings", [this](const auto& key, const auto&, const json& value) {
@@ -262,6 +264,15 @@ ConfigReader::Read FileReader::bindings() {
     if (!binding) return reader_.fail(key, binding.error());
     if (!config_.bindings.emplace(binding->key, binding->value).second)
       reader_.fail(key, "there is one of " + Mox::toStrep(binding->key) + " already");
+  });
+}
+
+ConfigReader::Read FileReader::neverAnswer() {
+  using ArpSuppression::Ip4Network;
+  return reader_.list("a list of IPv4 networks", [this](const auto& key, const auto&, const json& value) {
+    const auto network = Statedb::scalarToValue<Ip4Network>(value);
+    if (!network) return reader_.isNot(key, value, Ip4Network::allowed());
+    if (!config_.neverAnswer.insert(*network).second) reader_.fail(key, describe(value) + " is there twice");
   });
 }
 

@@ -3,10 +3,12 @@
 #include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Suppression/NeverAnswer.h"
 #include "Suppression/RemoteBindingConfig.h"
 #include "Switch/Config.h"
 
@@ -50,6 +52,7 @@ struct SoftForwardSettings {
 //                           everything is flooded)
 //   state                   by path: what merges into that state before any plug-in starts
 //   bindings                list of remote bindings: vlan, ip, mac, and localMultihomed (default false)
+//   neverAnswer             list of IPv4 networks; requests of hosts for their addresses are flooded
 //   featureDirectory        absolute path of the folder with the group files of feature switches; default
 //                           none
 //   neighborRefreshSeconds  1 to 86400, default 240: when ArpService has a stale neighbour probed
@@ -63,6 +66,7 @@ struct Config {
   SoftForwardSettings softForward;
   nlohmann::json state = nlohmann::json::object();  // every path is known, settable, and its content is good
   std::map<ArpSuppression::RemoteBindingKey, ArpSuppression::RemoteBinding> bindings;
+  std::set<ArpSuppression::Ip4Network> neverAnswer;
   std::string featureDirectory;
   std::map<std::string, int> trace;
   std::uint32_t neighborRefreshSeconds = 240;

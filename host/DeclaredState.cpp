@@ -24,6 +24,8 @@ json declaredState(const Config& config) {
     all[std::string(Statedb::normalPath(item.key()))].merge_patch(item.value());
   for (const auto& [key, binding] : config.bindings)
     all[kRemoteBindingPath]["remoteBinding"][Mox::toStrep(key)] = Statedb::valueToJson(binding);
+  for (const ArpSuppression::Ip4Network& network : config.neverAnswer)
+    all[ArpSuppression::kNeverAnswerPath]["prefix"][network.toStrep()] = true;
   return all;
 }
 

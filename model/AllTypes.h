@@ -11,6 +11,7 @@
 #include "KernelNetInfo/Status.h"
 #include "Routing/Status.h"
 #include "Suppression/Counter.h"
+#include "Suppression/NeverAnswer.h"
 #include "Suppression/RemoteBindingConfig.h"
 #include "Suppression/Status.h"
 #include "Switch/Config.h"
@@ -28,6 +29,7 @@ namespace Model {
 template <class Visit>
 void forEachStateType(Visit&& visit) {
   visit.template operator()<ArpSuppression::ArpSuppressionStatus>("ArpSuppression::ArpSuppressionStatus");
+  visit.template operator()<ArpSuppression::NeverAnswer>(ArpSuppression::kNeverAnswerType);
   visit.template operator()<Arp::ArpInputConfig>("Arp::ArpInputConfig");
   visit.template operator()<Arp::ServiceStatus>("Arp::ServiceStatus");
   visit.template operator()<Bridging::Config>("Bridging::Config");

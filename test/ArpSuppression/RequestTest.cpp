@@ -46,7 +46,8 @@ enum Where {
   kForwarder,  // behind a segment for which this switch is the designated forwarder
   kNonForwarder,
   kNoFabric,
-  kNoInterface
+  kNoInterface,
+  kExcluded  // by the operator
 };
 
 // Who says that 10.0.0.99 is whose, who asks, and what has to come of it.
@@ -87,6 +88,12 @@ const Case kCases[] = {
      "targetIsMine=1 trappedRequest=1"},
     {"probe floods although the binding is known", kNone, kHostMac, kNowhere, kProbe, kNone, kFlooded},
     {"announcement floods", kNone, kHostMac, kNowhere, kAnnouncement, kNone, kFlooded},
+    {"an excluded address floods although the binding is known", kNone, kHostMac, kExcluded, kRequest, kNone,
+     kFlooded, 'U', "\"neverAnswer\\\" of the configuration has the address"},
+    {"an excluded address of its own is left to the switch", kNone, kNone, kExcluded, kForSwitch, kNone,
+     "targetIsMine=1 trappedRequest=1"},
+    {"the switch asks for an excluded address", kNone, kHostMac, kExcluded, kBySwitch, kNone,
+     "replyRemote=1 staticBindingEvent=1 trappedRequest=1"},
     {"designated forwarder leaves it", kNone, kHostMac, kForwarder, kRequest, kNone, kLocal, 'D'},
     {"designated forwarder that asks itself gets a binding", kNone, kHostMac, kForwarder, kBySwitch, kNone,
      "replyMultihomedDf=1 staticBindingEvent=1 trappedRequest=1", 'D'},
@@ -135,6 +142,10 @@ void setUp(Rig& rig, const Case& c) {
   if (c.where == kForwarder) rig.evpn()->segmentStatusIs(intf("Ethernet2"));
   if (c.where == kNonForwarder)
     rig.evpn()->segmentStatusIs(intf("Ethernet2"))->designatedForwarderTepIs(Vlan(10), intf("Tep1"));
+  // All but one of these have neither address.
+  for (const char* network : {"10.0.0.0/26", "10.0.0.98/32", "10.0.0.0/31", "10.0.0.96/27", "10.0.1.0/24"})
+    if (c.where == kExcluded)
+      rig.state<NeverAnswer>(kNeverAnswerPath)->prefixIs(*Ip4Network::fromStrep(network));
   if (c.where == kNoFabric) rig.device("default", "fabric", 0);
   if (c.where == kNoInterface) rig.noVlanInterface(10);
 }

@@ -21,6 +21,7 @@ TEST(State, beginsWithWhatTheConfigurationSays) {
   HostState host(runDir, {{"vrfs", {{"red", {{"id", 5}, {"networkNamespace", "r"}}}}},
                           {"vlans", {{"10", {{"tunnelPorts", {"core10"}}, {"suppression", false}}}}},
                           {"agents", {"SoftForward"}},
+                          {"neverAnswer", {"10.0.0.0/30"}},
                           {"bindings", {{{"vlan", 10}, {"ip", "10.0.0.9"}, {"mac", "02:00:00:00:00:09"}}}},
                           {"softForward", {{"policer", {{"burst", 5}}}, {"ports", {{"e1", json::object()}}}}},
                           {"state",
@@ -47,6 +48,7 @@ TEST(State, beginsWithWhatTheConfigurationSays) {
   EXPECT_EQ(host.show(kRemote)["remoteBinding"],
             json({{"10 10.0.0.8", {{"mac", "02:00:00:00:00:08"}, {"localMultihomed", false}}},
                   {"10 10.0.0.9", {{"mac", "02:00:00:00:00:09"}, {"localMultihomed", false}}}}));
+  EXPECT_EQ(host.show("arpSuppression/neverAnswer"), json({{"prefix", {{"10.0.0.0/30", true}}}}));
   EXPECT_EQ(host.show("ip/vrf/status/local"), json({{"vrf", json::object()}}));
   EXPECT_EQ(host.reports, "");
 }
