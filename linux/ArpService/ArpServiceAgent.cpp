@@ -30,7 +30,7 @@ ArpServiceRootSm::ArpServiceRootSm(Ptr<const Switch::Config> config,
                                    Ptr<Arp::ServiceStatus> status, Ptr<Switch::Problems> problems,
                                    const NamespaceSm::Settings& settings,
                                    const Ptr<Orb::TaskScheduler>& scheduler)
-    : config_(std::move(config)),
+    : config_(std::move(config), [this] { updateTask_.schedule(); }),
       arpInputConfig_(std::move(arpInputConfig)),
       vrfStatusLocal_(std::move(vrfStatusLocal)),
       status_(std::move(status)),
@@ -79,6 +79,7 @@ void ArpServiceRootSm::update() {
     if (!served)
       served = Mox::make<NamespaceSm>(netNs, arpInputConfig_, status_, problems_, settings_, scheduler_);
     served->placesAre(std::move(places));
+    if (config_) served->refreshSecondsIs(config_->neighborRefreshSeconds());
   }
   std::vector<Mox::String> gone;
   for (const auto& [name, status] : status_->vrfCollection()) {
@@ -115,11 +116,9 @@ void ArpServiceAgent::doMountsComplete(Statedb::MountStatus /*status*/,
                                                      << kStatusPath << " has an entity of another type");
     return;
   }
-  NamespaceSm::Settings settings;
-  settings.refreshSeconds = switchConfig->neighborRefreshSeconds();
   rootSm_ = Mox::make<ArpServiceRootSm>(switchConfig, input, vrfs, status,
-                                        tree->entityOf<Switch::Problems>(Switch::kProblemsPath), settings,
-                                        taskSchedulerRoot()->scheduler());
+                                        tree->entityOf<Switch::Problems>(Switch::kProblemsPath),
+                                        NamespaceSm::Settings(), taskSchedulerRoot()->scheduler());
 }
 
 }  // namespace ArpService

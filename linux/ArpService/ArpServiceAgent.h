@@ -6,14 +6,14 @@
 #include "ArpService/NamespaceSm.h"
 #include "Mox/Owner.h"
 #include "Plugin/AgentBase.h"
-#include "Switch/Config.h"
+#include "Switch/ConfigWatch.h"
 
 namespace ArpService {
 
 // Has a NamespaceSm for each network namespace that has a VRF of the switch.
 class ArpServiceRootSm final : public Mox::Entity {
  public:
-  // `config` says which VRFs have a device.
+  // `config` says which VRFs have a device, and when neighbours are probed.
   ArpServiceRootSm(Ptr<const Switch::Config> config, Ptr<const Arp::ArpInputConfig> arpInputConfig,
                    Ptr<const Ip::AllVrfStatusLocal> vrfStatusLocal, Ptr<Arp::ServiceStatus> status,
                    Ptr<Switch::Problems> problems, const NamespaceSm::Settings& settings,
@@ -23,7 +23,7 @@ class ArpServiceRootSm final : public Mox::Entity {
   void update();
   void follow(const Mox::String& name);
 
-  Ptr<const Switch::Config> config_;
+  Switch::ConfigWatch config_;
   Ptr<const Arp::ArpInputConfig> arpInputConfig_;
   Mox::Notifiee<const Ip::AllVrfStatusLocal> vrfStatusLocal_;
   Ptr<Arp::ServiceStatus> status_;

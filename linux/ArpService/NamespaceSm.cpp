@@ -43,7 +43,6 @@ NamespaceSm::NamespaceSm(const Lanix::NamespaceName& name, Ptr<const Arp::ArpInp
                          Ptr<Arp::ServiceStatus> status, Switch::ProblemReporter& problems,
                          const Settings& settings, const Ptr<Orb::TaskScheduler>& scheduler)
     : WalkSmBase(scheduler, "ArpService neighbours of " + name),
-      refreshSeconds_(settings.refreshSeconds),
       kernel_(settings.kernel),
       arpInputConfig_(std::move(arpInputConfig)),
       status_(std::move(status)),
@@ -72,6 +71,10 @@ NamespaceSm::~NamespaceSm() {
   }
   close();
   for (const auto& [name, vrf] : vrfs_) problems_.problemDel(subject(*vrf));
+}
+
+void NamespaceSm::refreshSecondsIs(double seconds) {
+  if (std::exchange(refreshSeconds_, seconds) > seconds) roundTask_.schedule();
 }
 
 // --- The VRFs and their namespace ------------------------------------------------------------------------

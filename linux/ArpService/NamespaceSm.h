@@ -50,7 +50,6 @@ struct Places {
 class NamespaceSm final : public Orb::WalkSmBase {
  public:
   struct Settings {
-    double refreshSeconds = 240;  // since the last proof of a neighbour's address
     Netlink::Kernel* kernel = nullptr;
   };
   NamespaceSm(const Lanix::NamespaceName& name, Ptr<const Arp::ArpInputConfig> arpInputConfig,
@@ -60,6 +59,8 @@ class NamespaceSm final : public Orb::WalkSmBase {
   ~NamespaceSm() override;
 
   void placesAre(Places places);
+  // When a stale neighbour is probed: since the last proof of its address.
+  void refreshSecondsIs(double seconds);
 
  private:
   struct Sockets;
@@ -95,7 +96,7 @@ class NamespaceSm final : public Orb::WalkSmBase {
   Vrf* vrfOf(IfIndex ifIndex) const { return vrfBelow(devices_.vrfDevice(ifIndex)); }
   static Mox::String subject(const Vrf& vrf) { return "VRF " + vrf.name; }
 
-  const double refreshSeconds_;
+  double refreshSeconds_ = 240;
   Netlink::Kernel* kernel_;
   Mox::Notifiee<const Arp::ArpInputConfig> arpInputConfig_;
   Ptr<Arp::ServiceStatus> status_;

@@ -8,12 +8,12 @@
 
 #include "Bridging/Config.h"
 #include "Bridging/Status.h"
-#include "KernelState/ConfigWatch.h"
 #include "KernelState/Messages.h"
 #include "KernelState/Mirror.h"
 #include "KernelState/Tables.h"
 #include "Mox/Notifiee.h"
 #include "Orb/WalkSm.h"
+#include "Switch/ConfigWatch.h"
 
 namespace KernelState {
 
@@ -85,7 +85,7 @@ class FdbSm final : public Orb::WalkSmBase {
   void withdraw(const Bridging::HostKey& key);
   Lanix::IntfId intfOf(IfIndex port);
 
-  ConfigWatch config_;
+  Switch::ConfigWatch config_;
   Mox::Notifiee<const Bridging::Config> bridgingConfig_;
   Mox::Notifiee<const NamespaceState> state_;
   Ptr<Memtab::Bridging::Status> bridgingStatus_;

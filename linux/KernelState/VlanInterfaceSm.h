@@ -4,10 +4,10 @@
 #include <set>
 
 #include "Ip/Status.h"
-#include "KernelState/ConfigWatch.h"
 #include "KernelState/StateWatch.h"
 #include "KernelState/Tables.h"
 #include "Orb/TaskScheduler.h"
+#include "Switch/ConfigWatch.h"
 #include "Switch/VlanInterfaces.h"
 
 namespace KernelState {
@@ -54,7 +54,7 @@ class VlanInterfaceSm final : public Mox::Entity {
   VlanOwner ownerOf(const Lanix::IntfId& intf) const;
   void publish(const Lanix::IntfId& intf, const VlanOwner& owner);
 
-  ConfigWatch config_;
+  Switch::ConfigWatch config_;
   Mox::Notifiee<const NamespaceStates> started_;
   Mox::Notifiee<const VrfPlaces> vrfs_;
   Ptr<VlanOwners> owners_;

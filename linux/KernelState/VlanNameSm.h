@@ -3,10 +3,10 @@
 #include <map>
 #include <set>
 
-#include "KernelState/ConfigWatch.h"
 #include "KernelState/StateWatch.h"
 #include "KernelState/Tables.h"
 #include "Orb/TaskScheduler.h"
+#include "Switch/ConfigWatch.h"
 #include "Switch/ProblemReporter.h"
 
 namespace KernelState {
@@ -26,7 +26,7 @@ class VlanNameSm final : public Mox::Entity {
   // The device with its place; "" when nothing is wrong with it.
   Mox::String problemOf(Bridging::VlanId vlanId, const Lanix::NamespaceName& netNs, const Link& link) const;
 
-  ConfigWatch config_;
+  Switch::ConfigWatch config_;
   Mox::Notifiee<const VlanOwners> owners_;
   Switch::ProblemReporter& problems_;
   std::map<std::pair<Lanix::NamespaceName, IfIndex>, Bridging::VlanId> devices_;  // 802.1Q, of other names

@@ -71,16 +71,23 @@ void VrfSm::update() {
   const Vrfs wanted = configured();
   // What goes is inactive before it loses its number and its place.
   std::vector<Mox::String> gone;
+  std::set<Mox::String> moving;
   for (const auto& [name, status] : vrfStatusLocal_->vrfCollection()) {
     const auto vrf = wanted.find(name);
     if (vrf == wanted.end()) gone.push_back(name);
-    if (vrf == wanted.end() || vrf->second.netNs != status->networkNamespace())
-      status->stateIs(Ip::VrfState::inactive);
+    if (vrf != wanted.end() && vrf->second.netNs == status->networkNamespace()) continue;
+    if (vrf != wanted.end() && status->state() == Ip::VrfState::active) moving.insert(name);
+    status->stateIs(Ip::VrfState::inactive);
   }
+  moving_ = std::move(moving);
+  if (!moving_.empty()) updateTask_.schedule();
   for (const Mox::String& name : gone) vrfStatusLocal_->vrfDel(name);
   publishIds(wanted);
   publishPlaces(wanted);
-  for (const auto& [name, vrf] : wanted) vrfStatusLocal_->vrfIs(name)->networkNamespaceIs(vrf.netNs);
+  for (const auto& [name, vrf] : wanted) {
+    const auto status = vrfStatusLocal_->vrfIs(name);
+    if (!moving_.contains(name)) status->networkNamespaceIs(vrf.netNs);
+  }
   publishStates();
   for (const Mox::String& where : before) {
     if (!wrong_.contains(where)) problems_.problemDel(where);
@@ -139,7 +146,7 @@ void VrfSm::publishStates() {
 
 bool VrfSm::isThere(const Ip::VrfStatusLocal& vrf) {
   const auto state = states_->state(vrf.networkNamespace());
-  if (!state || !state->entered()) return false;
+  if (moving_.contains(vrf.vrfName()) || !state || !state->entered()) return false;
   const auto device = devices_.find(vrf.vrfName());
   if (device == devices_.end()) return true;
   const IfIndex ifIndex = state->device(device->second);

@@ -4,10 +4,10 @@
 #include <set>
 
 #include "Ip/Status.h"
-#include "KernelState/ConfigWatch.h"
 #include "KernelState/StateWatch.h"
 #include "KernelState/Tables.h"
 #include "Orb/TaskScheduler.h"
+#include "Switch/ConfigWatch.h"
 #include "Switch/ProblemReporter.h"
 #include "Vrf/VrfIdMap.h"
 
@@ -15,7 +15,8 @@ namespace KernelState {
 
 // Publishes the configured VRFs and their numbers, and which of them are active: those whose namespace has
 // been entered and has its devices published, their own among them if they have one. The VRF "default" is
-// always there, with number 0. Of several VRFs that claim one number, one namespace or one device the first
+// always there, with number 0. A VRF that gets another namespace is inactive first, and has the new one in a
+// later turn. Of several VRFs that claim one number, one namespace or one device the first
 // by name has it.
 class VrfSm final : public Mox::Entity {
  public:
@@ -41,7 +42,7 @@ class VrfSm final : public Mox::Entity {
   void publishStates();
   bool isThere(const Ip::VrfStatusLocal& vrf);
 
-  ConfigWatch config_;
+  Switch::ConfigWatch config_;
   StateWatch states_;
   Ptr<::Vrf::VrfIdMap::Status> vrfIdMap_;
   Ptr<VrfPlaces> vrfs_;
@@ -50,6 +51,7 @@ class VrfSm final : public Mox::Entity {
   std::map<::Vrf::VrfIdMap::VrfId, Mox::String> ids_;  // as published
   std::set<Mox::String> wrong_;                        // in this update
   std::map<Mox::String, Mox::String> devices_;         // of the VRFs that have one
+  std::set<Mox::String> moving_;                       // have another namespace in the next turn
   Orb::Task updateTask_;
 };
 

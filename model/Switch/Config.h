@@ -11,8 +11,8 @@
 #include "Vrf/VrfId.h"
 
 // What the operator says about this switch in the configuration file, for the plug-ins that turn a Linux
-// machine into one. The host fills it before it makes the first plug-in, from then on it does not change;
-// nobody can set it at run time.
+// machine into one. The host fills it before it makes the first plug-in, and follows the file when it is told
+// to read it again (ConfigWatch.h); `agents` stays. Nobody can set it by hand.
 
 namespace Switch {
 

@@ -368,7 +368,7 @@ class FullKernel final : public Netlink::Kernel {
 TEST_F(ArpServiceTest, ADeviceCostsWorkForItsOwnEntries) {
   FullKernel kernel;
   kernel.full = false;
-  rigIs({240, &kernel});
+  rigIs({&kernel});
   for (int i = 1; i <= 200; ++i)
     configIs("10.0.0." + std::to_string(i), ServiceRig::entry(kMac1, i <= 100 ? "Vlan10" : "Vlan30"));
   rig->start();
@@ -391,7 +391,7 @@ TEST_F(ArpServiceTest, ADeviceCostsWorkForItsOwnEntries) {
 
 TEST_F(ArpServiceTest, RefusedEntriesAreReportedAndTriedAgain) {
   FullKernel kernel;
-  rigIs({240, &kernel});
+  rigIs({&kernel});
   for (int i = 1; i <= 200; ++i)
     configIs("10.0.0." + std::to_string(i), ServiceRig::entry(kMac1, i <= 100 ? "Vlan10" : "Vlan20"));
   rig->start();
@@ -413,7 +413,7 @@ TEST_F(ArpServiceTest, RefusedEntriesAreReportedAndTriedAgain) {
 }
 
 TEST_F(ArpServiceTest, StaleNeighboursAreProbed) {
-  rigIs({50, nullptr});  // a neighbour that is made stale counts as confirmed a minute ago
+  rigIs();
   // The host of the first one is there.
   KernelState::addressIs("v10", "10.0.0.2/24");
   const std::string host = Lanix::EthAddr(Lab::macOf("v10")).toStrep();
@@ -428,6 +428,8 @@ TEST_F(ArpServiceTest, StaleNeighboursAreProbed) {
     request(neighbourMessage("vlan10", "10.0.0.6", kMac1, NUD_PERMANENT));
   });
   rig->start();
+  ASSERT_TRUE(rig->becomes([&] { return rig->status->vrf("red") != nullptr; }));
+  rig->config->neighborRefreshSecondsIs(50);  // one that is made stale counts as confirmed a minute ago
   const Lines expected = {"10.0.0.2 " + host + " reachable 0", "10.0.0.3 00:00:00:00:00:00 failed 0",
                           "10.0.0.4 00:00:00:00:00:00 failed 110", "10.0.0.5 02:00:00:00:00:01 reachable 0",
                           "10.0.0.6 02:00:00:00:00:01 permanent 0"};

@@ -47,6 +47,26 @@ TEST_F(VrfsTest, ActiveOnlyOnceDevicesArePublished) {
   EXPECT_EQ(kernel.openSources(), 1);  // nothing keeps the namespace alive
 }
 
+// Whoever has something open in the old one must be able to let go of it first.
+TEST_F(VrfsTest, IsInactiveForATurnBeforeItHasAnotherNamespace) {
+  redComes();
+  kernel.addNamespace("blue").addLink("vlan10", 3);
+  rig->vrfIs("blue", 6, "blue");
+  starts();
+  const auto vrf = rig->at<Ip::AllVrfStatusLocal>("ip/vrf/status/local")->vrf("red");
+  std::string seen;
+  Mox::Notifiee<Ip::VrfStatusLocal> watch(vrf);
+  watch.on(Ip::VrfStatusLocal::stateChanged, [&](Ip::VrfState state) { seen += Mox::toStrep(state) + " "; });
+  watch.on(Ip::VrfStatusLocal::networkNamespaceChanged, [&](const auto& name) { seen += name + " "; });
+  const auto turn = rig->loop().endOfTurn([&] { seen += seen.empty() || seen.ends_with("| ") ? "" : "| "; });
+  rig->config()->vrfDel("blue");
+  rig->vrfIs("red", 5, "blue");
+  settle();
+  EXPECT_THAT(seen, testing::StartsWith("inactive | blue "));
+  EXPECT_THAT(seen, testing::HasSubstr("active | "));
+  EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red active blue"));
+}
+
 TEST_F(VrfsTest, NameMayComeBeforeItsNamespace) {
   kernel.addName("red");
   starts();
