@@ -50,6 +50,7 @@ namespace SoftForward {
 struct VlanWanted {
   std::string bridge;
   std::vector<std::string> tunnelPorts;  // at most 32
+  friend bool operator==(const VlanWanted&, const VlanWanted&) = default;
 };
 
 class Datapath {

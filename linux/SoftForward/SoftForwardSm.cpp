@@ -35,7 +35,7 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
                              Mox::Ptr<const Switch::Readiness> readiness,
                              Mox::Ptr<Switch::Forwarding> forwarding, Mox::Ptr<Switch::Problems> problems)
     : WalkSmBase(scheduler, "SoftForward", kLevel),
-      switchConfig_(std::move(switchConfig)),
+      switchConfig_(std::move(switchConfig), [this] { followConfig_.schedule(); }),
       arpSuppressionStatus_(std::move(arpSuppressionStatus)),
       bridgingConfig_(std::move(bridgingConfig)),
       fhrpVrMacStatus_(std::move(fhrpVrMacStatus)),
@@ -54,7 +54,8 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
                scheduleWalk();
              }),
       followVlans_(scheduler, "SoftForward VLANs", kMostUrgent, [this] { followVlans(); }),
-      followReadiness_(scheduler, "SoftForward readiness", kLevel, [this] { followReadiness(); }) {
+      followReadiness_(scheduler, "SoftForward readiness", kLevel, [this] { followReadiness(); }),
+      followConfig_(scheduler, "SoftForward configuration", kLevel, [this] { followConfig(); }) {
   arpSuppressionStatus_.on(ArpSuppression::ArpSuppressionStatus::vlanIdChanged,
                            [this](Bridging::VlanId vlanId) { handleVlanId(vlanId); });
   bridgingConfig_.on(Bridging::Config::bridgeMacAddrChanged, [this] { handleAddresses(); });
@@ -66,23 +67,10 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
     for (const auto& [vlanId, interface] : vlanInterfaces_->vlanCollection()) handleVlanInterface(vlanId);
   }
   readiness_.on(Switch::Readiness::awaitedChanged, [this] { handleReadiness(); });
-  heartbeat_.secondsIs(switchConfig_->softForward()->failOpenSeconds());
   handleReadiness();
-  datapath_.policersAre([settings = switchConfig_->softForward()](const std::string& device) {
-    const Switch::Policer policer = settings->policerOf(device);
-    return Policer{policer.perSecond, policer.burst};
-  });
   datapath_.ownTrappedIs(ownTrapped_);
   handleAddresses();
-  for (const auto& [vlanId, vlan] : switchConfig_->vlanCollection()) {
-    const auto shown = forwarding_->vlanIs(vlanId);
-    if (!vlan->suppression()) {
-      shown->reasonIs("\"suppression\" of the VLAN is false in the configuration");
-      continue;
-    }
-    datapath_.vlanIs(vlanId, {vlan->bridge(), vlan->tunnelPorts()});
-  }
-  for (const auto& [vlanId, active] : arpSuppressionStatus_->vlanIdCollection()) handleVlanId(vlanId);
+  followConfig();
 }
 
 SoftForwardSm::~SoftForwardSm() {
@@ -117,6 +105,44 @@ void SoftForwardSm::followVlans() {
   bool more = true;
   while (more && !mustYield()) more = datapath_.followVlans();
   if (more) return followVlans_.schedule();
+  scheduleWalk();
+}
+
+void SoftForwardSm::followConfig() {
+  std::map<Bridging::VlanId, VlanWanted> wanted;
+  for (const auto& [vlanId, vlan] : switchConfig_->vlanCollection()) {
+    const auto shown = forwarding_->vlanIs(vlanId);
+    if (vlan->suppression()) {
+      wanted[vlanId] = {vlan->bridge(), vlan->tunnelPorts()};
+    } else {
+      shown->readyIs(false);
+      shown->reasonIs("\"suppression\" of the VLAN is false in the configuration");
+    }
+  }
+  std::vector<Bridging::VlanId> others;
+  for (const auto& [vlanId, shown] : forwarding_->vlanCollection())
+    if (!switchConfig_->vlanHas(vlanId)) others.push_back(vlanId);
+  for (const Bridging::VlanId vlanId : others) forwarding_->vlanDel(vlanId);
+  Standing gone;
+  gone.ready = true;  // nothing is wrong with it any more
+  for (const auto& [vlanId, before] : wanted_) {
+    if (wanted.contains(vlanId)) continue;
+    datapath_.vlanDel(vlanId);
+    notReadySince_.erase(vlanId);
+    report(vlanId, gone, false);
+    reported_.erase(vlanId);
+  }
+  for (const auto& [vlanId, now] : wanted) {
+    if (const auto before = wanted_.find(vlanId); before == wanted_.end() || !(before->second == now))
+      datapath_.vlanIs(vlanId, now);
+  }
+  wanted_ = std::move(wanted);
+  for (const auto& [vlanId, active] : arpSuppressionStatus_->vlanIdCollection()) handleVlanId(vlanId);
+  heartbeat_.secondsIs(switchConfig_->softForward()->failOpenSeconds());
+  datapath_.policersAre([settings = switchConfig_->softForward()](const std::string& device) {
+    const Switch::Policer policer = settings->policerOf(device);
+    return Policer{policer.perSecond, policer.burst};
+  });
   scheduleWalk();
 }
 

@@ -14,7 +14,7 @@
 #include "SoftForward/Heartbeat.h"
 #include "SoftForward/PolicerWatch.h"
 #include "Suppression/Status.h"
-#include "Switch/Config.h"
+#include "Switch/ConfigWatch.h"
 #include "Switch/Forwarding.h"
 #include "Switch/ProblemReporter.h"
 #include "Switch/Readiness.h"
@@ -23,7 +23,8 @@
 namespace SoftForward {
 
 // Keeps the data path in step with the switch: the bridges and ports of the configured VLANs as the kernel
-// has them now, and the VLANs on which suppression is in force. Ports may come and go.
+// has them now, and the VLANs on which suppression is in force. Ports and VLANs may come and go; a changed
+// configuration is nothing to those that are in it as before.
 //
 // What the switch itself asks for on its VLANs is trapped while the plug-in "ArpService" is loaded, which
 // turns what the agent then decides into kernel neighbours. Without it nobody would answer, so it is left
@@ -64,6 +65,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
 
   bool open();
   void followVlans();
+  void followConfig();
   void handleAddresses();
   void handleReadiness();
   void followReadiness();
@@ -74,7 +76,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   bool isToReport(std::uint16_t id, const Standing& standing);
   void report(std::uint16_t id, const Standing& standing, bool main);
 
-  Mox::Ptr<const Switch::Config> switchConfig_;
+  Switch::ConfigWatch switchConfig_;
   Mox::Notifiee<const ArpSuppression::ArpSuppressionStatus> arpSuppressionStatus_;
   Mox::Notifiee<const Bridging::Config> bridgingConfig_;
   Mox::Notifiee<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus_;
@@ -87,6 +89,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   Datapath datapath_;
   PolicerWatch policerWatch_;
   Heartbeat heartbeat_;
+  std::map<Bridging::VlanId, VlanWanted> wanted_;  // as the configuration was last
   Mox::Notifiee<Orb::FileDescriptor> descriptor_;
   Mox::Notifiee<Orb::FileDescriptor> vlanDescriptor_;
   bool sharedReady_ = false;
@@ -95,6 +98,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   Orb::Task again_;
   Orb::Task followVlans_;
   Orb::Task followReadiness_;
+  Orb::Task followConfig_;
   double failingSince_ = 0;
 };
 
