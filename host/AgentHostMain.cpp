@@ -23,7 +23,9 @@ void report(const std::string& message) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Runs the agents of a switch in the foreground; ends on SIGTERM or SIGINT. Logs to stderr.");
+  CLI::App app(
+      "Runs the agents of a switch in the foreground; ends on SIGTERM or SIGINT, and reads its "
+      "configuration again on SIGHUP. Logs to stderr.");
   std::string file = "/etc/arp-suppression/agent-host.json";
   app.add_option("--config", file, "the configuration file (JSON, comments allowed)")->capture_default_str();
   std::string checked;
@@ -49,7 +51,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   Orb::EventLoop loop;
-  Host::Daemon daemon(loop, std::move(reading.config), report);
+  Host::Daemon daemon(loop, file, std::move(reading.config), report);
   Mox::Result<> done = daemon.watchSignals();
   if (done) done = daemon.start();
   if (done) done = daemon.run();

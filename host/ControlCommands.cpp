@@ -92,6 +92,39 @@ class ClearJob final : public ControlJob {
   const std::uint64_t before_;
 };
 
+// Goes on without its client: only the answer is lost then.
+class ReloadJob final : public ControlJob {
+ public:
+  explicit ReloadJob(Reload& reload) {
+    state_->job = this;
+    reload.begin([state = state_](const std::vector<std::string>& problems) {
+      state->over = true;
+      state->problems = problems;
+      if (state->job) state->job->wake();
+    });
+  }
+  ReloadJob(const ReloadJob&) = delete;
+  ReloadJob& operator=(const ReloadJob&) = delete;
+  ~ReloadJob() override { state_->job = nullptr; }
+
+  Step step(std::string& output) override {
+    if (!state_->over) return Step::waiting;
+    for (const std::string& problem : state_->problems) ControlCommands::appendText(output, problem + "\n");
+    state_->problems.empty() ? ControlCommands::appendOk(output)
+                             : ControlCommands::appendError(
+                                   output, "the configuration before it stays in force; correct the file");
+    return Step::done;
+  }
+
+ private:
+  struct State {
+    ReloadJob* job = nullptr;  // null: nobody waits for it
+    bool over = false;
+    std::vector<std::string> problems;
+  };
+  const std::shared_ptr<State> state_ = std::make_shared<State>();
+};
+
 template <class Visit>
 void forEachLine(std::string_view lines, const Visit& visit) {
   while (!lines.empty()) {
@@ -104,10 +137,11 @@ void forEachLine(std::string_view lines, const Visit& visit) {
 
 }  // namespace
 
-ControlCommands::ControlCommands(State& state, const Agents& agents, Orb::EventLoop& loop)
+ControlCommands::ControlCommands(State& state, const Agents& agents, Orb::EventLoop& loop, Reload* reload)
     : state_(state),
       agents_(agents),
       loop_(loop),
+      reload_(reload),
       startedAt_(loop.clock().now()),
       answers_(std::make_unique<AgentAnswers>(loop)) {}
 
@@ -148,7 +182,8 @@ std::unique_ptr<ControlJob> ControlCommands::start(std::string_view line, uid_t 
 std::unique_ptr<ControlJob> ControlCommands::dispatch(json& request, uid_t user, std::string& output) {
   const std::string* command = stringOf(request, "cmd", output);
   if (!command) return nullptr;
-  const bool writes = *command == "set" || *command == "apply" || *command == "remote";
+  const bool writes =
+      *command == "set" || *command == "apply" || *command == "remote" || *command == "reload";
   if (writes && user != 0) {
     appendError(output, "only root may change state: run it as root, for example with sudo");
     return nullptr;
@@ -163,9 +198,10 @@ std::unique_ptr<ControlJob> ControlCommands::dispatch(json& request, uid_t user,
   if (*command == "remote") return remote(request, output);
   if (*command == "agent") return agent(request, user, output);
   if (*command == "monitor") return monitor(request, output);
+  if (*command == "reload") return reload(output);
   if (*command == "health") return health(output);
   appendError(output, "unknown command " + Statedb::describe(*command) +
-                          "; known are paths, show, set, apply, remote, agent, monitor and health");
+                          "; known are paths, show, set, apply, remote, agent, monitor, health and reload");
   return nullptr;
 }
 
@@ -312,6 +348,12 @@ std::unique_ptr<ControlJob> ControlCommands::health(std::string& output) {
   }
   appendText(output, healthJson(*health, *problems).dump());
   appendOk(output);
+  return nullptr;
+}
+
+std::unique_ptr<ControlJob> ControlCommands::reload(std::string& output) {
+  if (reload_) return std::make_unique<ReloadJob>(*reload_);
+  appendError(output, "there is no configuration file to be read again");
   return nullptr;
 }
 

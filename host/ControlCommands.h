@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Plugin/AgentBase.h"
+#include "host/Reload.h"
 #include "host/State.h"
 
 namespace Host {
@@ -49,8 +50,8 @@ class ControlJob {
 class ControlCommands {
  public:
   using Agents = std::vector<Mox::Ptr<Plugin::AgentBase>>;
-  // All must outlive this.
-  ControlCommands(State& state, const Agents& agents, Orb::EventLoop& loop);
+  // All must outlive this. `reload` may be null: there is no configuration file.
+  ControlCommands(State& state, const Agents& agents, Orb::EventLoop& loop, Reload* reload = nullptr);
   ControlCommands(const ControlCommands&) = delete;
   ControlCommands& operator=(const ControlCommands&) = delete;
   ~ControlCommands();
@@ -76,11 +77,13 @@ class ControlCommands {
   nlohmann::ordered_json statusWithoutAgent(const std::string& reason) const;
   Job health(std::string& output);
   Job monitor(const nlohmann::json& request, std::string& output);
+  Job reload(std::string& output);
   void changeBindings(std::string_view lines, bool add, std::string& output);
 
   State& state_;
   const Agents& agents_;
   Orb::EventLoop& loop_;
+  Reload* const reload_;
   const double startedAt_;
   const std::unique_ptr<AgentAnswers> answers_;
 };

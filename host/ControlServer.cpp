@@ -28,9 +28,9 @@ const sockaddr* generic(const sockaddr_un& address) {
 }  // namespace
 
 ControlServer::ControlServer(const Mox::Ptr<Orb::TaskScheduler>& scheduler, State& state,
-                             const ControlCommands::Agents& agents, ControlLimits limits)
+                             const ControlCommands::Agents& agents, ControlLimits limits, Reload* reload)
     : scheduler_(scheduler),
-      commands_(state, agents, scheduler->loop()),
+      commands_(state, agents, scheduler->loop(), reload),
       problems_(state.problems()),
       limits_(limits),
       listening_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), "control socket")),

@@ -17,7 +17,7 @@ namespace Host {
 class ControlServer {
  public:
   ControlServer(const Mox::Ptr<Orb::TaskScheduler>& scheduler, State& state,
-                const ControlCommands::Agents& agents, ControlLimits limits = {});
+                const ControlCommands::Agents& agents, ControlLimits limits = {}, Reload* reload = nullptr);
   ControlServer(const ControlServer&) = delete;
   ControlServer& operator=(const ControlServer&) = delete;
   ~ControlServer();

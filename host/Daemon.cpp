@@ -12,14 +12,13 @@
 #include "Statedb/LmdbStore.h"
 #include "Tracelet/Trace.h"
 #include "Tracelet/Tracelet.h"
-#include "host/FeatureFiles.h"
 #include "host/Plugins.h"
 
 namespace Host {
 
 namespace {
 
-sigset_t endingSignals() {
+sigset_t signalsToRead() {
   sigset_t set;
   sigemptyset(&set);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, signal);
@@ -38,8 +37,9 @@ void raiseDescriptorLimit(const Daemon::Report& report) {
 
 }  // namespace
 
-Daemon::Daemon(Orb::EventLoop& loop, Config config, Report report)
+Daemon::Daemon(Orb::EventLoop& loop, std::string file, Config config, Report report)
     : loop_(loop),
+      file_(std::move(file)),
       config_(std::move(config)),
       report_(std::move(report)),
       tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop)),
@@ -54,6 +54,7 @@ Daemon::~Daemon() {
   signals_->descriptorIs(-1);
   if (signalDescriptor_ >= 0) close(signalDescriptor_);
   control_.reset();
+  reload_.reset();
   health_ = nullptr;
   for (const auto& group : groups_) group->cancel();
   while (!agents_.empty()) agents_.pop_back();
@@ -74,11 +75,7 @@ Mox::Result<> Daemon::start() {
   networkNamespace_ = std::move(*networkNamespace);
   raiseDescriptorLimit(report_);
   Tracelet::directoryIs(config_.runDirectory);
-  for (const auto& [handle, level] : config_.trace) Tracelet::levelIs(handle, level);
-  Orb::FeatureSwitch::sourceIs(
-      [this, directory = featureDirectory(config_.featureDirectory)](const auto& group, const auto& name) {
-        return featureSwitch(directory, group, name, report_);
-      });
+  processSettingsAre(config_, nullptr, report_);
   auto store = Statedb::LmdbStore::open(runDirectory_->stateDirectory(), report_);
   if (!store) return store.failure();
   state_ = std::make_unique<State>(loop_, tasks_, config_.runDirectory, config_.agents, std::move(*store),
@@ -93,7 +90,9 @@ Mox::Result<> Daemon::start() {
     (*agent)->hostIs(*this);
     agents_.push_back(*agent);
   }
-  control_ = std::make_unique<ControlServer>(tasks_->scheduler(), *state_, agents_);
+  reload_ = std::make_unique<Reload>(tasks_->scheduler(), *state_, file_, config_, report_);
+  control_ =
+      std::make_unique<ControlServer>(tasks_->scheduler(), *state_, agents_, ControlLimits(), reload_.get());
   if (auto listening = control_->listen(config_.runDirectory); !listening) return listening;
   pluginStart_.after(0);
   return {};
@@ -153,7 +152,7 @@ void Daemon::createLocalEntity(const Mox::String& name, const Mox::String& type,
 }
 
 Mox::Result<> Daemon::watchSignals() {
-  const sigset_t set = endingSignals();
+  const sigset_t set = signalsToRead();
   if (sigprocmask(SIG_BLOCK, &set, nullptr) < 0)
     return Mox::Failure{std::string("signals: ") + std::strerror(errno), errno};
   signalDescriptor_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
@@ -166,6 +165,10 @@ Mox::Result<> Daemon::watchSignals() {
 void Daemon::handleSignal() {
   signalfd_siginfo signal{};
   while (read(signalDescriptor_, &signal, sizeof signal) == sizeof signal) {
+    if (signal.ssi_signo == SIGHUP) {
+      if (reload_) reload_->begin([](const std::vector<std::string>&) {});
+      continue;
+    }
     report_(std::string("ends on ") + strsignal(static_cast<int>(signal.ssi_signo)));
     serviceManager_.ending();
     loop_.stop();

@@ -12,6 +12,7 @@
 #include "host/ControlServer.h"
 #include "host/HealthSm.h"
 #include "host/LockFile.h"
+#include "host/Reload.h"
 #include "host/RunDirectory.h"
 #include "host/ServiceManager.h"
 #include "host/State.h"
@@ -22,15 +23,16 @@ namespace Host {
 class Daemon final : public Plugin::AgentHost {
  public:
   using Report = std::function<void(const std::string& message)>;
-  // `loop` must outlive this.
-  Daemon(Orb::EventLoop& loop, Config config, Report report);
+  // `config` was read from `file`. `loop` must outlive this.
+  Daemon(Orb::EventLoop& loop, std::string file, Config config, Report report);
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
   // Ends everything in the reverse order of its start: control socket, plug-ins (the last one first), what is
   // published and waits for the state store, state, run directory. Shared-memory tables stay.
   ~Daemon() override;
 
-  // From here on SIGTERM, SIGINT and SIGHUP end the loop; they are blocked for the process.
+  // From here on SIGTERM and SIGINT end the loop, and SIGHUP has the configuration file taken up again; they
+  // are blocked for the process.
   Mox::Result<> watchSignals();
   // Does everything up to the first turn of the loop, in which the plug-ins start. When a plug-in is not
   // there, or another agent-host is in the way, no state was created.
@@ -55,7 +57,8 @@ class Daemon final : public Plugin::AgentHost {
   void handleSignal();
 
   Orb::EventLoop& loop_;
-  const Config config_;
+  const std::string file_;
+  const Config config_;  // as it was at start
   const Report report_;
   const Mox::Ptr<Orb::TaskSchedulerRoot> tasks_;
   std::unique_ptr<LockFile> networkNamespace_;
@@ -65,6 +68,7 @@ class Daemon final : public Plugin::AgentHost {
   ControlCommands::Agents agents_;
   std::size_t starting_ = 0;  // plug-ins whose start is not complete
   Mox::Result<> started_;     // refused: why it cannot be completed
+  std::unique_ptr<Reload> reload_;
   std::unique_ptr<ControlServer> control_;
   Mox::Ptr<HealthSm> health_;
   int signalDescriptor_ = -1;

@@ -12,6 +12,51 @@ namespace Host {
 
 using nlohmann::json;
 
+namespace {
+
+// Paths, members of an entity and keys of a collection take turns: what is gone is a key, or a member that is
+// no collection. Of a path and of a collection the rest stays, which may have been set by hand.
+json goneOf(const json& before, const json& now, bool ofKeys) {
+  json gone = json::object();
+  for (auto item = before.begin(); item != before.end(); ++item) {
+    const auto kept = now.find(item.key());
+    const bool isKept = kept != now.end() && (kept->is_object() || !item->is_object());
+    if (!item->is_object() || (ofKeys && !isKept)) {
+      if (!isKept) gone[item.key()] = nullptr;
+      continue;
+    }
+    json below = goneOf(*item, isKept ? *kept : json::object(), !ofKeys);
+    if (!below.empty()) gone[item.key()] = std::move(below);
+  }
+  return gone;
+}
+
+json changedOf(const json& before, const json& now) {
+  json changed = json::object();
+  for (auto item = now.begin(); item != now.end(); ++item) {
+    const auto known = before.find(item.key());
+    if (known != before.end() && known->is_object() && item->is_object()) {
+      json below = changedOf(*known, *item);
+      if (!below.empty()) changed[item.key()] = std::move(below);
+    } else if (known == before.end() || *known != *item) {
+      changed[item.key()] = *item;
+    }
+  }
+  return changed;
+}
+
+}  // namespace
+
+StateDifference difference(const json& before, const json& now) {
+  StateDifference difference;
+  for (auto path = before.begin(); path != before.end(); ++path) {
+    json gone = goneOf(*path, now.value(path.key(), json::object()), false);
+    if (!gone.empty()) difference.gone[path.key()] = std::move(gone);
+  }
+  difference.changed = changedOf(before, now);
+  return difference;
+}
+
 json declaredState(const Config& config) {
   json all = json::object();
   if (!config.has(kKernelState)) {

@@ -10,4 +10,12 @@ struct Config;
 // its `bindings` and `neverAnswer`, and the VRF ids while no plug-in writes them. Without nulls.
 nlohmann::json declaredState(const Config& config);
 
+// What brings the state that the first declares to what the second does, to be merged one after the other: in
+// `gone` everything is null. What neither names, or both alike, is in neither part.
+struct StateDifference {
+  nlohmann::json gone = nlohmann::json::object();
+  nlohmann::json changed = nlohmann::json::object();
+};
+StateDifference difference(const nlohmann::json& before, const nlohmann::json& now);
+
 }  // namespace Host

@@ -17,12 +17,14 @@
 //   {"cmd": "remote", "op": "del", "bindings": LINES}  "changed": how many there were
 //   {"cmd": "remote", "op": "clear"}                   "changed": how many there were
 //   {"cmd": "agent", "command": C, "args": [...]}      text: what the plug-in that has this command writes
+//   {"cmd": "reload"}                                  text: what is wrong with the configuration file, a line
+//                                                      each
 //   {"cmd": "monitor", "paths": [P, ...]}              text: changes, as in host/Monitor.h, until the client
 //                                                      goes; without paths those of all
 //
 // LINES is one string of lines as in host/Bindings.h, "\n" between them. Bulk input is sent as chunks of
-// kChunkBindings, of which a client keeps at most kWindowChunks unanswered. "set", "apply" and "remote" are
-// for root; everything else is for whoever may open the socket.
+// kChunkBindings, of which a client keeps at most kWindowChunks unanswered. "set", "apply", "remote"
+// and "reload" are for root; everything else is for whoever may open the socket.
 
 namespace Host {
 

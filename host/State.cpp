@@ -46,6 +46,15 @@ std::unique_ptr<Statedb::Store> withoutOrphans(std::unique_ptr<Statedb::Store> s
   return store;
 }
 
+// Those of a collection that are not wanted.
+template <class Collection, class Wanted, class Delete>
+void deleteOthers(const Collection& collection, const Wanted& wanted, const Delete& del) {
+  std::vector<std::decay_t<decltype(collection.keyOf(*collection.begin()))>> others;
+  for (const auto& element : collection)
+    if (!wanted(collection.keyOf(element))) others.push_back(collection.keyOf(element));
+  for (const auto& key : others) del(key);
+}
+
 }  // namespace
 
 Mox::Result<> checkState(const std::string& path, const json& content,
@@ -85,30 +94,45 @@ State::State(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSchedulerRoot>& tasks
   }
 }
 
-Mox::Result<> State::build(const Config& config) {
-  const auto switchConfig =
+void State::switchConfigIs(const Config& config) {
+  const auto to =
       Mox::dynamicPtrCast<Switch::Config>(*tree_->entityIs(Switch::kConfigPath, Switch::kConfigType));
-  switchConfig->vrfIs(L3::VrfName::kDefault)->networkNamespaceIs(Lanix::kDefaultNamespace);
+  // What goes is gone before anything else has its place.
+  deleteOthers(
+      to->vlanCollection(), [&](Bridging::VlanId id) { return config.vlans.contains(id); },
+      [&](Bridging::VlanId id) { to->vlanDel(id); });
+  deleteOthers(
+      to->vrfCollection(),
+      [&](const auto& name) { return name == L3::VrfName::kDefault || config.vrfs.contains(name); },
+      [&](const auto& name) { to->vrfDel(name); });
+  to->vrfIs(L3::VrfName::kDefault)->networkNamespaceIs(Lanix::kDefaultNamespace);
   for (const auto& [name, vrf] : config.vrfs) {
-    const Mox::Ptr<Switch::VrfConfig> entity = switchConfig->vrfIs(name);
+    const Mox::Ptr<Switch::VrfConfig> entity = to->vrfIs(name);
     entity->idIs(vrf.id);
     entity->networkNamespaceIs(vrf.networkNamespace);
     entity->deviceIs(vrf.device);
   }
   for (const auto& [vlanId, vlan] : config.vlans) {
-    const Mox::Ptr<Switch::VlanConfig> entity = switchConfig->vlanIs(Bridging::VlanId(vlanId));
+    const Mox::Ptr<Switch::VlanConfig> entity = to->vlanIs(Bridging::VlanId(vlanId));
     entity->bridgeIs(vlan.bridge);
     entity->tunnelPortsIs(vlan.tunnelPorts);
     entity->vrfIs(vlan.vrf);
     entity->suppressionIs(vlan.suppression);
   }
-  const Mox::Ptr<Switch::SoftForwardConfig> softForward = switchConfig->softForward();
+  const Mox::Ptr<Switch::SoftForwardConfig> softForward = to->softForward();
+  const auto& policers = config.softForward.portPolicers;
+  deleteOthers(
+      softForward->portPolicerCollection(), [&](const auto& port) { return policers.contains(port); },
+      [&](const auto& port) { softForward->portPolicerDel(port); });
   softForward->policerIs(config.softForward.policer);
   softForward->failOpenSecondsIs(config.softForward.failOpenSeconds);
-  for (const auto& [port, policer] : config.softForward.portPolicers)
-    softForward->portPolicerIs(port, policer);
-  switchConfig->agentsIs(config.agents);
-  switchConfig->neighborRefreshSecondsIs(config.neighborRefreshSeconds);
+  for (const auto& [port, policer] : policers) softForward->portPolicerIs(port, policer);
+  to->agentsIs(config.agents);
+  to->neighborRefreshSecondsIs(config.neighborRefreshSeconds);
+}
+
+Mox::Result<> State::build(const Config& config) {
+  switchConfigIs(config);
   const json declared = declaredState(config);
   for (const StatePath& state : statePaths()) {
     if (!settable(state, plugins_)) continue;
@@ -204,6 +228,42 @@ Mox::Result<std::unique_ptr<StateChange>> State::change(json state) {
     parts.push_back({std::move(known), std::move(item.value())});
   }
   return std::unique_ptr<StateChange>(std::make_unique<Merge>(*this, std::move(parts)));
+}
+
+// "switch/config", then what is gone from the rest, then what is new.
+class State::Reconfigure final : public StateChange {
+ public:
+  Reconfigure(State& state, Config config, std::unique_ptr<StateChange> gone,
+              std::unique_ptr<StateChange> changed)
+      : state_(state), config_(std::move(config)), gone_(std::move(gone)), changed_(std::move(changed)) {}
+
+  Mox::Result<bool> step(std::size_t maxEntries) override {
+    if (!std::exchange(begun_, true)) {
+      state_.switchConfigIs(config_);
+      return true;
+    }
+    if (!gone_) return changed_->step(maxEntries);
+    const Mox::Result<bool> more = gone_->step(maxEntries);
+    if (more && !*more) gone_.reset();
+    return more ? Mox::Result<bool>(true) : more;
+  }
+
+ private:
+  State& state_;
+  const Config config_;
+  std::unique_ptr<StateChange> gone_;
+  const std::unique_ptr<StateChange> changed_;
+  bool begun_ = false;
+};
+
+Mox::Result<std::unique_ptr<StateChange>> State::reconfigure(const Config& before, const Config& now) {
+  StateDifference parts = difference(declaredState(before), declaredState(now));
+  auto gone = change(std::move(parts.gone));
+  if (!gone) return gone;
+  auto changed = change(std::move(parts.changed));
+  if (!changed) return changed;
+  return std::unique_ptr<StateChange>(
+      std::make_unique<Reconfigure>(*this, now, std::move(*gone), std::move(*changed)));
 }
 
 Mox::Result<> State::writeTree(const StatePath& state, const json& content) {

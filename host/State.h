@@ -54,6 +54,9 @@ class State {
   // Refused when what the configuration says cannot be written. A table that another process writes is its
   // own, and a problem of the switch.
   Mox::Result<> build(const Config& config);
+  // While the plug-ins run: what brings everything from what the first configuration says to what the second
+  // says, of the same plug-ins. Refused when it cannot be carried out as a whole.
+  Mox::Result<std::unique_ptr<StateChange>> reconfigure(const Config& before, const Config& now);
   // After every plug-in has asked for its mounts: creates, empty, what was mounted without being created and
   // that nobody owns.
   void createAbsent();
@@ -79,9 +82,11 @@ class State {
 
  private:
   class Merge;
+  class Reconfigure;
   static constexpr std::size_t kFlushPerTurn = 256;
 
   bool flush(std::size_t maxOperations);
+  void switchConfigIs(const Config& config);
   Mox::Result<> writeTree(const StatePath& state, const nlohmann::json& content);
   Mox::Result<Mox::Ptr<Memtab::Entity>> writableTable(const StatePath& state) const;
   Mox::Result<> buildTable(const StatePath& state, const nlohmann::json& content);

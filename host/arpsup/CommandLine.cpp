@@ -162,6 +162,13 @@ void CommandLine::addChanging() {
                             [this] { return applyFile(options_, file_); });
   argument(apply, "FILE", file_, "a JSON object by path, comments allowed; - is standard input");
 
+  command(
+      app_, kChange,
+      {"reload", "have the agent-host read its configuration file again, and carry out what is different",
+       "  arpsup reload    all of it, or nothing when anything is wrong with the file: that is said then\n"
+       "  agent-host --check FILE    says it before"},
+      [this] { return reload(options_); });
+
   CLI::App* remote = command(app_, kChange,
                              {"remote", "the hosts behind other switches that ARP is answered for",
                               "  arpsup remote add 10 10.0.0.2 02:00:00:00:00:02\n"

@@ -159,4 +159,10 @@ int applyFile(const CommonOptions& options, const std::string& file) {
   return request(options, whole, nullptr);
 }
 
+int reload(const CommonOptions& options) {
+  return requestStream(options, {{"cmd", "reload"}}, [](std::string_view problems) {
+    return std::fwrite(problems.data(), 1, problems.size(), stderr) == problems.size();
+  });
+}
+
 }  // namespace Host

@@ -41,6 +41,8 @@ struct TraceOptions {
 int showTrace(const CommonOptions& options, const TraceOptions& trace);
 int setState(const CommonOptions& options, const std::string& path, const std::string& value);
 int applyFile(const CommonOptions& options, const std::string& file);
+// Has the daemon read its configuration file again.
+int reload(const CommonOptions& options);
 
 int addRemote(const CommonOptions& options, const std::string& vlan, const std::string& ip,
               const std::string& mac, bool localMultihomed);

@@ -67,10 +67,10 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
     for (const auto& [vlanId, interface] : vlanInterfaces_->vlanCollection()) handleVlanInterface(vlanId);
   }
   readiness_.on(Switch::Readiness::awaitedChanged, [this] { handleReadiness(); });
-  handleReadiness();
   datapath_.ownTrappedIs(ownTrapped_);
   handleAddresses();
   followConfig();
+  handleReadiness();
 }
 
 SoftForwardSm::~SoftForwardSm() {

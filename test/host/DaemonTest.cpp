@@ -204,5 +204,25 @@ TEST_F(Programs, runTheAgent) {
   EXPECT_EQ(daemon->wait(), 0) << daemon->error;
 }
 
+TEST_F(Programs, takeUpTheirConfigurationAgain) {
+  daemonIs({{"vlans", {{"10", json::object()}}}});
+  const auto vlans = [&] { return shown("switch/config")["vlan"].size(); };
+  configFile({{"vlans", {{"10", json::object()}, {"20", json::object()}}}});
+  const Result done = arpsup({"reload"});
+  EXPECT_EQ(done.status, 0) << done.error;
+  EXPECT_EQ(vlans(), 2u);
+  configFile({{"vlans", {{"10", {{"vrf", "x"}}}}}, {"colour", 1}});
+  const Result refused = arpsup({"reload"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.error,
+              testing::ContainsRegex("json: colour: .*\n.*json: vlans.10.vrf: .*\narpsup: .*stays in force"));
+  EXPECT_EQ(vlans(), 2u);
+  configFile(json::object());
+  daemon->error.clear();
+  daemon->signal(SIGHUP);
+  ASSERT_TRUE(daemon->readUntil("config.json is in force\n")) << daemon->error;
+  EXPECT_EQ(vlans(), 0u);
+}
+
 }  // namespace
 }  // namespace HostTest

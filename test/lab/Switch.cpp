@@ -116,10 +116,20 @@ Switch::~Switch() {
   std::filesystem::remove_all(folder_, ignored);
 }
 
-void Switch::start(json config) {
+std::string Switch::configFile(json config) const {
   config["runDirectory"] = runDirectory_;
   const std::string file = folder_ + "/config.json";
   std::ofstream(file) << config.dump();
+  return file;
+}
+
+std::unique_ptr<Process> Switch::reload(json config) const {
+  configFile(std::move(config));
+  return arpsupProcess({"reload"});
+}
+
+void Switch::start(json config) {
+  const std::string file = configFile(std::move(config));
   const Entered entered(netNs_);
   daemon_ = std::make_unique<Process>(Strings{AGENT_HOST, "--config", file});
   ASSERT_TRUE(daemon_->readUntil("agent-host: runs\n")) << daemon_->error;

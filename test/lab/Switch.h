@@ -75,6 +75,8 @@ class Switch {
   // Starts the daemon with this configuration ("runDirectory" is added), until it says that it runs. A test
   // failure otherwise.
   void start(json config);
+  // Has the daemon take up this configuration: "arpsup reload", under way.
+  std::unique_ptr<Process> reload(json config) const;
   void kill();  // at once, without a chance to tidy up
   void stop();  // as an operator would; a test failure when it does not end well
   Process& daemon() { return *daemon_; }
@@ -95,6 +97,7 @@ class Switch {
   json state(const std::string& path, const char* at, const json& wanted);
 
  private:
+  std::string configFile(json config) const;
   template <class Ask>
   json within(const json& wanted, const Ask& ask);
 
