@@ -1,8 +1,10 @@
 #include "ArpSuppression/ArpInputConfigSm.h"
 
 #include <bit>
+#include <cerrno>
 #include <optional>
 
+#include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 #include "Orb/FeatureSwitch.h"
 
@@ -84,6 +86,7 @@ ArpInputConfigSm::ArpInputConfigSm(
       arpStatusHelper_(std::move(arpStatus)),
       arpInputConfig_(std::move(arpInputConfig)),
       arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)),
+      tableFull_(problems(), this->scheduler()->loop(), "kernel neighbours of local hosts"),
       installer_(this->scheduler()->loop(),
                  [this](const KernelInstaller::Request& request, const Mox::Result<>& result) {
                    handleInstalled(request, result);
@@ -307,6 +310,11 @@ void ArpInputConfigSm::traceUpdated(const KernelInstaller::Request& written,
 }
 
 void ArpInputConfigSm::handleInstalled(const KernelInstaller::Request& request, const Mox::Result<>& result) {
+  if (const int number = result.number(); number == ENOBUFS || number == ENOMEM || number == ENOSPC) {
+    tableFull_.happened("the kernel's neighbour table is full: it does not get all hosts of this switch",
+                        Mox::String("raise net.") + (request.key.ipAddress.isIpv4() ? "ipv4" : "ipv6") +
+                            ".neigh.default.gc_thresh3, and gc_thresh2 with it, by sysctl");
+  }
   if (!result)
     TRACELET_RECORD("kernel neighbour refused ipAddress={} errno={}", request.key.ipAddress, result.number());
   traceUpdated(request, result ? Installation::kernelDynamicEntryInstallationSuccess

@@ -15,6 +15,7 @@
 #include "Orb/WalkSm.h"
 #include "Routing/Status.h"
 #include "Suppression/Counter.h"
+#include "Switch/PassingProblem.h"
 
 namespace ArpSuppression {
 
@@ -170,6 +171,7 @@ class ArpInputConfigSm final : public Orb::WalkSmBase {
   ArpStatusHelper arpStatusHelper_;
   Ptr<Arp::ArpInputConfig> arpInputConfig_;
   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;
+  Switch::PassingProblem tableFull_;
   KernelInstaller installer_;
 
   WalkStage walkStage_ = WalkStage::walkLocalBindingRecord;

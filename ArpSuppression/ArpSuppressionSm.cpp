@@ -94,7 +94,9 @@ void ArpSuppressionSm::handleInitialized() {
 void ArpSuppressionSm::openRawTxPam() {
   if (rawTxPam_->enabled()) return;
   replySocket_ = rawTxPam_->enabledIs(true);
-  if (problems().check(kReplySocket, replySocket_, "correct that; each answer tries again")) return;
+  if (problems().check(kReplySocket, replySocket_, "correct that; each answer tries again",
+                       Switch::ProblemReporter::Left::nothing))
+    return;
   TRACE8("what=" << replySocket_.error());
   TRACELET_RECORD("replies cannot be sent what={}", replySocket_.error());
 }

@@ -83,7 +83,8 @@ void MessageTapSocketSm::openSocket() { openedIs(tryOpenSocket()); }
 void MessageTapSocketSm::openedIs(Mox::Result<> opened) {
   opened_ = std::move(opened);
   problems().check("packet socket on " + interfaceName_, opened_,
-                   "correct that, and restart the agent-host or remove the device and make it anew");
+                   "correct that, and restart the agent-host or remove the device and make it anew",
+                   Switch::ProblemReporter::Left::nothing);
 }
 
 // The socket is made without a protocol: so it hears nothing before it is bound, and the binding need not

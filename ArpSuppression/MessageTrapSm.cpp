@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 #include "Lanix/Bytes.h"
 #include "Lanix/PacketSockets.h"
@@ -65,6 +66,7 @@ MessageTrapSm::MessageTrapSm(Ptr<Orb::TaskScheduler> scheduler, Mox::String inte
       arpSuppressionStatus_(std::move(arpSuppressionStatus)),
       arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)),
       deviceIntfStatusDir_(std::move(deviceIntfStatusDir)),
+      lost_(problems(), this->scheduler()->loop(), "receive queue of " + this->interfaceName()),
       batch_(std::make_unique_for_overwrite<Batch>()) {}
 
 MessageTrapSm::~MessageTrapSm() = default;
@@ -137,6 +139,8 @@ void MessageTrapSm::countDropped() {
   TRACE8("dropped=" << dropped);
   TRACELET_RECORD("trapped frames dropped intfId={} dropped={}", interfaceName(), dropped);
   arpSuppressionCounterStatus_->increment(Id::trapDropped, dropped);
+  lost_.happened("requests are lost: more come than are read",
+                 "find who sends that many; the counter trapDropped has how many were lost");
 }
 
 // Only looks at what a good untagged or tagged request has in its place; the checks come when it is its turn.

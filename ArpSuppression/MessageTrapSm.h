@@ -8,6 +8,7 @@
 #include "ArpSuppression/TrappedMessage.h"
 #include "Suppression/Counter.h"
 #include "Suppression/Status.h"
+#include "Switch/PassingProblem.h"
 
 namespace ArpSuppression {
 
@@ -69,6 +70,7 @@ class MessageTrapSm : public MessageTapSocketSm {
   Ptr<const ArpSuppressionStatus> arpSuppressionStatus_;
   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;
   Ptr<const Interface::DeviceIntfStatusDir> deviceIntfStatusDir_;
+  Switch::PassingProblem lost_;
   std::unique_ptr<Batch> batch_;
 };
 

@@ -40,6 +40,13 @@ HealthSm::HealthSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
       tree_(tree),
       health_(Mox::dynamicPtrCast<Switch::Health>(*tree->entityIs(Switch::kHealthPath, Switch::kHealthType))),
       problems_(tree->entityOf<Switch::Problems>(Switch::kProblemsPath), kReporter),
+      slow_(problems_, scheduler->loop(), "event loop"),
+      turnEnds_(scheduler->loop().endOfTurn([this, &loop = scheduler->loop()] {
+        if (!health_->starting() && loop.clock().now() - loop.now() > kLongTurnSeconds)
+          slow_.happened(
+              "it is held up for more than a quarter of a second, and nothing is answered meanwhile",
+              "is the machine short of processor time? arpsup tech-support has what took long");
+      })),
       startEnds_(scheduler->loop(), "health", [this] {
         health_->startingIs(false);
         scheduleWalk();

@@ -16,6 +16,7 @@
 #include "Switch/Config.h"
 #include "Switch/Forwarding.h"
 #include "Switch/Health.h"
+#include "Switch/PassingProblem.h"
 #include "Switch/ProblemReporter.h"
 
 namespace Host {
@@ -24,11 +25,13 @@ namespace Host {
 // It looks again when any of it changes, and otherwise rests.
 //
 // Reports itself what no plug-in can know alone: a configured VRF that is not there, a configured VLAN without
-// an interface, EVPN that is not configured. For a time after its start nothing is a problem: what is not
+// an interface, EVPN that is not configured, and an event loop that is held up. For a time after its start nothing is a problem: what is not
 // there yet may be on its way.
 class HealthSm final : public Orb::WalkSmBase {
  public:
   static constexpr double kStartSeconds = 10;
+  // A turn of the event loop that takes longer is a problem: nothing is answered meanwhile.
+  static constexpr double kLongTurnSeconds = 0.25;
   // For so long something may be missing later on, while it is made anew for one.
   static constexpr double kAbsentSeconds = 2;
 
@@ -64,6 +67,8 @@ class HealthSm final : public Orb::WalkSmBase {
   Mox::Ptr<Ip::AllVrfStatusLocal> vrfs_;
   const Mox::Ptr<Switch::Health> health_;
   Switch::ProblemReporter problems_;
+  Switch::PassingProblem slow_;
+  Orb::EventLoop::HookHandle turnEnds_;
   Orb::Timer startEnds_;
   Bridging::VlanIdOrNone next_;                    // of the walk in hand
   std::map<Bridging::VlanId, std::string> wrong_;  // what is reported of a VLAN

@@ -23,6 +23,7 @@ constexpr char kKernelState[] = "KernelState";
 // seconds.
 constexpr double kFailingSeconds = 10;
 constexpr char kFailingOpen[] = "failing open";
+constexpr char kAllVlans[] = "all VLANs";
 
 }  // namespace
 
@@ -83,7 +84,8 @@ SoftForwardSm::~SoftForwardSm() {
 }
 
 bool SoftForwardSm::open() {
-  open_ = problems_.check("eBPF programs and kernel notifications", datapath_.open());
+  open_ = problems_.check("eBPF programs and kernel notifications", datapath_.open(), {},
+                          Switch::ProblemReporter::Left::nothing);
   if (!open_) {
     again_.schedule(kRetrySeconds);
     return false;
@@ -254,9 +256,11 @@ void SoftForwardSm::report(std::uint16_t id, const Standing& standing, bool main
   std::set<std::string> now;
   const auto is = [&](const Complaint& complaint) {
     now.insert(complaint.subject);
-    problems_.problemIs(complaint.subject, complaint.problem, complaint.advice);
+    const bool all = complaint.subject == kAllVlans;
+    problems_.problemIs(complaint.subject, complaint.problem, complaint.advice,
+                        all ? Switch::ProblemReporter::Left::nothing : Switch::ProblemReporter::Left::some);
   };
-  const std::string subject = id == Datapath::kShared ? "all VLANs" : "VLAN " + std::to_string(id);
+  const std::string subject = id == Datapath::kShared ? kAllVlans : "VLAN " + std::to_string(id);
   if (main) {
     is({subject, "requests are flooded as without suppression: " + standing.reason, standing.advice});
   } else if (!standing.ready && reported_[id].contains(subject)) {

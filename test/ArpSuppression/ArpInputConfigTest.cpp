@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "ArpSuppression/Problems.h"
 #include "Lanix/NetlinkSocket.h"
 #include "Mox/Error.h"
 #include "Orb/FeatureSwitch.h"
@@ -153,6 +154,7 @@ TEST_F(ArpInput, aLocalBindingWinsAndGoesIntoTheKernelAtOnce) {
   // What the kernel refuses, or does not answer in time, is configured all the same.
   rig.netlinkSockets.refusesRequestsWith(ENOBUFS);
   local(10, "10.0.0.8");
+  EXPECT_TRUE(problems().has("kernel neighbours of local hosts"));
   rig.netlinkSockets.refusesRequestsWith(0);
   rig.netlinkSockets.answersLate(1);
   local(10, "10.0.0.9");

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "ArpSuppression/Problems.h"
 #include "Rig.h"
 
 namespace ArpSuppression {
@@ -69,6 +70,7 @@ TEST(Trap, what_the_receive_queue_has_no_room_for_is_counted_once) {
   rig.settle();
   const std::string all = std::to_string(queued);
   EXPECT_EQ(rig.takeCounters(), "replyRemote=" + all + " trappedRequest=" + all + " trapDropped=5");
+  EXPECT_TRUE(problems().has("receive queue of arpsnoop"));
   for (int i = 0; i < 64; ++i) rig.sockets.device(Rig::kArpsnoop).receives(Trapped{}.frame());
   rig.settle();
   EXPECT_EQ(rig.takeCounters(), "replyRemote=64 trappedRequest=64");

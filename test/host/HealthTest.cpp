@@ -131,6 +131,16 @@ TEST_F(HealthTest, SaysWhatIsWrongUntilItIsMended) {
   }
 }
 
+TEST_F(HealthTest, ALoopThatIsHeldUpIsAProblemForAMinute) {
+  settle(Host::HealthSm::kStartSeconds);
+  host_.loop.post([this] { clock_.advance(Host::HealthSm::kLongTurnSeconds + 0.1); });
+  settle(0);
+  settle();
+  EXPECT_EQ(summary(), "degraded active agent-host event loop");
+  settle(Switch::PassingProblem::kOverSeconds);
+  EXPECT_EQ(summary(), "good active");
+}
+
 TEST_F(HealthTest, WhatIsNotThereYetIsNoProblem) {
   is("ip/status", {{"ipIntfStatus", {{"Vlan10", nullptr}}}});
   is("switch/forwarding", {{"vlan", {{"10", {{"ready", false}, {"missing", {"core11"}}}}}}});
