@@ -2,6 +2,7 @@
 
 #include "ArpSuppression/ArpSuppressionAgent.h"
 #include "ArpSuppression/Explain.h"
+#include "ArpSuppression/FindCommands.h"
 #include "Orb/DumpContext.h"
 #include "Orb/JsonObject.h"
 
@@ -29,79 +30,6 @@ Mox::Result<> isA(const char* what, const Mox::String& text, const char* allowed
   if (Value::fromStrep(text)) return {};
   return Mox::Failure{Mox::String(what) + " \"" + text + "\" is not " + allowed};
 }
-constexpr char kVlans[] = "a VLAN id from 1 to 4094";
-
-class BindingsCommand final : public Plugin::AgentCommandCallback {
- public:
-  explicit BindingsCommand(Ptr<const ArpSuppressionRootSm> rootSm)
-      : AgentCommandCallback("", "bindings", Answer::large), rootSm_(std::move(rootSm)) {}
-
-  Mox::Result<> check(const std::vector<Mox::String>& arguments) const override {
-    if (arguments.empty() || arguments.size() > 2)
-      return Mox::Failure{"bindings takes local or remote, and perhaps a VLAN"};
-    if (arguments[0] != "local" && arguments[0] != "remote")
-      return Mox::Failure{"the table \"" + arguments[0] + "\" is not local or remote"};
-    if (arguments.size() == 1) return {};
-    return isA<Bridging::VlanId>("the VLAN", arguments[1], kVlans);
-  }
-
-  void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
-    Orb::DumpContext answer(descriptor);
-    std::optional<Bridging::VlanId> only;
-    if (arguments.size() == 2) only = Bridging::VlanId::fromStrep(arguments[1]);
-    Mox::String line = "[";  // one behind, as only the last element has no comma
-    const auto element = [&](const Orb::JsonObject& binding) {
-      answer.line(0, line);
-      line = binding.text() + ",";
-    };
-    if (arguments[0] == "local") {
-      local(only, element);
-    } else {
-      remote(only, element);
-    }
-    if (line.back() == ',') line.pop_back();
-    answer.line(0, line);
-    answer.line(0, "]");
-  }
-
- private:
-  template <class Element>
-  void local(const std::optional<Bridging::VlanId>& only, const Element& element) const {
-    if (!rootSm_->root()) return;
-    for (const Ptr<LocalBinding>& binding : rootSm_->root()->localBindingRecord->bindingCollection()) {
-      const auto& [vlanId, mac] = binding->vlanIdMacAddress();
-      if (only && *only != vlanId) continue;
-      const VrfIpAddress& key = binding->vrfIpAddress();
-      Orb::JsonObject shown = start(key.vrfInfo, key.ipAddress, vlanId, mac);
-      const auto port =
-          rootSm_->mounts()->bridgingStatus->fdb({rootSm_->arpSuppressionSm()->fidOf(vlanId), mac});
-      if (port.intf) shown.add("interface", port.intf.toStrep());
-      element(shown.add("dynamic", binding->arpStatusHasDynamicEntry()));
-    }
-  }
-  // Also those of VLANs that have no layer-3 info: requests for them are answered as well.
-  template <class Element>
-  void remote(const std::optional<Bridging::VlanId>& only, const Element& element) const {
-    if (!rootSm_->mounts()->remoteBindingConfig) return;
-    rootSm_->mounts()->remoteBindingConfig->remoteBindingForEach([&](const RemoteBindingKey& key,
-                                                                     const RemoteBinding& binding) {
-      if (only && *only != key.vlanId) return;
-      const auto info = rootSm_->root() ? rootSm_->root()->vlanL3InfoStatus->vlanL3Info(key.vlanId) : nullptr;
-      element(start(info ? info->vrfInfo() : nullptr, key.ipAddress, key.vlanId, binding.macAddress)
-                  .add("localMultihomed", binding.localMultihomed));
-    });
-  }
-  static Orb::JsonObject start(const Ptr<VrfInfo>& vrf, const Lanix::IpGenAddr& address,
-                               Bridging::VlanId vlanId, const Lanix::EthAddr& mac) {
-    return Orb::JsonObject()
-        .add("vrf", vrf ? vrf->vrfName() : Mox::String())
-        .add("ip", address.toStrep())
-        .add("vlan", vlanId.value())
-        .add("mac", mac.toStrep());
-  }
-
-  Ptr<const ArpSuppressionRootSm> rootSm_;
-};
 
 class ExplainCommand final : public Plugin::AgentCommandCallback {
  public:
@@ -111,7 +39,7 @@ class ExplainCommand final : public Plugin::AgentCommandCallback {
   Mox::Result<> check(const std::vector<Mox::String>& arguments) const override {
     if (arguments.size() != 2 && arguments.size() != 3)
       return Mox::Failure{"explain takes a VLAN, an IP address and perhaps the MAC that asks"};
-    auto good = isA<Bridging::VlanId>("the VLAN", arguments[0], kVlans);
+    auto good = isA<Bridging::VlanId>("the VLAN", arguments[0], "a VLAN id from 1 to 4094");
     if (good)
       good = isA<Lanix::IpGenAddr>("the address", arguments[1], "an IPv4 or IPv6 address like 10.0.0.9");
     if (good && arguments.size() == 3)
@@ -192,8 +120,8 @@ class StatusCommand final : public Plugin::AgentCommandCallback {
 
 std::vector<Ptr<Plugin::AgentCommandCallback>> makeAgentCommands(const Ptr<ArpSuppressionRootSm>& rootSm,
                                                                  Orb::EventLoop& loop) {
-  return {Mox::make<CliCallback>(rootSm), Mox::make<StatusCommand>(rootSm, loop),
-          Mox::make<BindingsCommand>(rootSm), Mox::make<ExplainCommand>(rootSm)};
+  return {Mox::make<CliCallback>(rootSm), Mox::make<StatusCommand>(rootSm, loop), makeBindingsCommand(rootSm),
+          makeFindCommand(rootSm), Mox::make<ExplainCommand>(rootSm)};
 }
 
 }  // namespace ArpSuppression

@@ -13,7 +13,7 @@ class ArpSuppressionRootSm;
 //
 //   showTechSupport            the state of every object, then the counters, as text
 //   status                     what `arpsup status` shows, as a JSON object
-//   bindings KIND [VLAN]       the local or the remote bindings, as a JSON array, one element a line
+//   bindings, find             hosts, as a JSON array, one element a line (ArpSuppression/FindCommands.h)
 //   explain VLAN IP [MAC]      what would happen to a request, as a JSON object (ArpSuppression/Explain.h)
 //
 // They hold the root reactor: drop them before it.

@@ -1,7 +1,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
+#include <ctime>
 #include <string>
 
 #include "host/Daemon.h"
@@ -18,6 +18,15 @@ namespace {
 void report(const std::string& message) {
   const std::string line = "agent-host: " + message + "\n";
   if (write(STDERR_FILENO, line.data(), line.size()) < 0) return;
+}
+
+// In UTC, as in the trace.
+std::string timeText() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  char text[40] = "";
+  if (gmtime_r(&now, &utc)) std::strftime(text, sizeof text, "%FT%TZ", &utc);
+  return text;
 }
 
 }  // namespace
@@ -54,6 +63,7 @@ int main(int argc, char** argv) {
   Host::Daemon daemon(loop, file, std::move(reading.config), report);
   Mox::Result<> done = daemon.watchSignals();
   if (done) done = daemon.start();
+  if (done) report(Host::versionOf("version") + " begins at " + timeText() + " with " + file);
   if (done) done = daemon.run();
   if (done) return 0;
   report(done.error());

@@ -1,5 +1,8 @@
 #include "host/Bindings.h"
 
+#include <algorithm>
+#include <cctype>
+
 #include "Statedb/Json.h"
 
 namespace Host {
@@ -41,13 +44,32 @@ Mox::Result<ArpSuppression::RemoteBindingKey> parseBindingKey(std::string_view v
   return ArpSuppression::RemoteBindingKey{*vlanId, *address};
 }
 
+std::optional<EthAddr> parseMac(std::string_view text) {
+  constexpr std::size_t kDigits = 12;
+  const std::size_t group = std::min(text.find_first_of(":-."), text.size());  // digits up to a separator
+  const char separator = group < text.size() ? text[group] : '\0';
+  const bool known = separator == '\0' ? group == kDigits : group == (separator == '.' ? 4U : 2U);
+  if (!known || text.size() != kDigits + kDigits / group - 1) return std::nullopt;
+  std::string colons;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (i % (group + 1) == group) {
+      if (text[i] != separator) return std::nullopt;
+      continue;
+    }
+    if (!std::isxdigit(static_cast<unsigned char>(text[i]))) return std::nullopt;
+    if (colons.size() % 3 == 2) colons += ':';
+    colons += static_cast<char>(std::tolower(static_cast<unsigned char>(text[i])));
+  }
+  return EthAddr::fromStrep(colons);
+}
+
 Mox::Result<Binding> parseBinding(std::string_view vlan, std::string_view ip, std::string_view mac,
                                   bool localMultihomed) {
   const auto key = parseBindingKey(vlan, ip);
   if (!key) return key.failure();
   if (isLoopback(key->ipAddress))
     return Mox::Failure{"IP " + quoted(ip) + " is a loopback address, which no other switch has"};
-  const auto address = EthAddr::fromStrep(mac);
+  const auto address = parseMac(mac);
   if (!address || address->isZero() || address->isMulticast()) {
     return Mox::Failure{"MAC " + quoted(mac) +
                         " is not the MAC address of one station, like 02:00:00:00:00:01"};

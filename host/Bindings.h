@@ -1,9 +1,11 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "Lanix/EthAddr.h"
 #include "Mox/Result.h"
 #include "Suppression/RemoteBindingConfig.h"
 
@@ -24,6 +26,10 @@ Mox::Result<Binding> parseBinding(std::string_view vlan, std::string_view ip, st
 // Of {"vlan": 10, "ip": "10.0.0.1", "mac": "02:00:00:00:00:01", "localMultihomed": false}; the last key may be
 // left out.
 Mox::Result<Binding> parseBinding(const nlohmann::json& object);
+
+// A MAC address as people paste it: 02:00:00:00:00:01, 02-00-..., 0200.0000.0001 or 020000000001, in upper or
+// lower case.
+std::optional<Lanix::EthAddr> parseMac(std::string_view text);
 
 // The control socket's line of one binding: "10 10.0.0.1 02:00:00:00:00:01", and " localMultihomed" behind it
 // where that holds. Only the first two parts name it.

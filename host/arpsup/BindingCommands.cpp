@@ -24,69 +24,117 @@ std::string text(const Json& object, const char* key) {
   return value->is_string() ? value->template get<std::string>() : textOf(*value);
 }
 
-// Whole lines of text that comes in pieces.
-class Lines {
- public:
-  using Take = std::function<bool(std::string_view line)>;
-  bool add(std::string_view piece, const Take& take) {
-    rest_ += piece;
-    std::size_t taken = 0;
-    for (std::size_t end; (end = rest_.find('\n', taken)) != std::string::npos; taken = end + 1) {
-      if (!take(std::string_view(rest_).substr(taken, end - taken))) return false;
-    }
-    rest_.erase(0, taken);
-    return true;
-  }
-
- private:
-  std::string rest_;
-};
+template <class Value>
+std::optional<std::string> strepOf(const std::optional<Value>& value) {
+  return value ? std::optional(value->toStrep()) : std::nullopt;
+}
 
 int printBindingTable(const CommonOptions& options, const std::string& kind, const json& request,
                       const std::string& where) {
   const bool local = kind == "local";
-  Table table(local ? std::vector<std::string>{"VLAN", "IP", "MAC", "VRF", "INTERFACE", "LEARNED"}
+  Table table(local ? std::vector<std::string>{"VLAN", "IP", "MAC", "VRF", "INTERFACE", "KERNEL NEIGHBOUR"}
                     : std::vector<std::string>{"VLAN", "IP", "MAC", "VRF", "MULTIHOMED"});
-  Lines lines;
-  bool readable = true;
-  const int status = requestStream(options, request, [&](std::string_view piece) {
-    return lines.add(piece, [&](std::string_view line) {
-      if (line == "[" || line == "]" || line.empty()) return true;
-      if (line.back() == ',') line.remove_suffix(1);
-      const std::optional<json> binding = Statedb::jsonOf(line);
-      readable = binding && binding->is_object();
-      if (!readable) return false;
-      std::vector<std::string> row = {text(*binding, "vlan"), text(*binding, "ip"), text(*binding, "mac"),
-                                      text(*binding, "vrf")};
-      if (local) {
-        row.push_back(text(*binding, "interface"));
-        row.push_back(binding->value("dynamic", false) ? "dynamic" : "static");
-      } else {
-        row.push_back(binding->value("localMultihomed", false) ? "here too" : "");
-      }
-      return table.row(std::move(row));
-    });
+  const auto client = Client::connect(options.runDirectory);
+  if (!client) return fail(client.failure());
+  if (const auto sent = (*client)->send(Statedb::jsonText(request)); !sent) return fail(sent.failure());
+  const auto received = receiveBindings(**client, [&](const json& binding) {
+    std::vector<std::string> row = {text(binding, "vlan"), text(binding, "ip"), text(binding, "mac"),
+                                    text(binding, "vrf")};
+    if (local) {
+      row.push_back(text(binding, "interface"));
+      row.push_back(binding.value("dynamic", false) ? "dynamic" : "permanent, or not yet");
+    } else {
+      row.push_back(binding.value("localMultihomed", false) ? "here too" : "");
+    }
+    return table.row(std::move(row));
   });
-  if (!readable) return unreadable("bindings");
-  if (status != kDone) return status;
+  if (!received) return fail(received.failure());
   if (table.count() == 0) return printed("no " + kind + " bindings" + where + "\n");
   return table.flush() ? kDone : kRefused;
 }
 
 }  // namespace
 
-int showBindings(const CommonOptions& options, const std::string& kind, const std::string& vlan) {
-  if (kind != "local" && kind != "remote")
+Mox::Result<> receiveBindings(Client& client, const TakeBinding& take) {
+  std::string rest;
+  bool readable = true;
+  const auto line = [&](std::string_view text) {
+    if (text == "[" || text == "]" || text.empty()) return true;
+    if (text.back() == ',') text.remove_suffix(1);
+    const std::optional<json> binding = Statedb::jsonOf(text);
+    readable = binding && binding->is_object();
+    return readable && take(*binding);
+  };
+  const auto received = client.receive([&](std::string_view piece) {
+    rest += piece;
+    std::size_t taken = 0;
+    for (std::size_t end; (end = rest.find('\n', taken)) != std::string::npos; taken = end + 1) {
+      if (!line(std::string_view(rest).substr(taken, end - taken))) return false;
+    }
+    rest.erase(0, taken);
+    return true;
+  });
+  if (!readable)
+    return Mox::Failure{"the answer to bindings cannot be read: is it an agent-host of this version?"};
+  return received ? Mox::Result<>() : received.failure();
+}
+
+int showBindings(const CommonOptions& options, const std::string& kind, const BindingFilter& filter) {
+  if (!kind.empty() && kind != "local" && kind != "remote")
     return fail(kUsage, "KIND " + Statedb::describe(kind) + " is not local or remote");
-  json arguments = {kind};
-  if (!vlan.empty()) {
-    if (!Bridging::VlanId::fromStrep(vlan))
-      return fail(kUsage, "--vlan " + Statedb::describe(vlan) + " is not " + Bridging::VlanId::allowed());
-    arguments.push_back(vlan);
-  }
-  const json request = {{"cmd", "agent"}, {"command", "bindings"}, {"args", arguments}};
-  if (options.json) return requestStream(options, request, print);
-  return printBindingTable(options, kind, request, vlan.empty() ? "" : " on VLAN " + vlan);
+  json arguments = json::array();
+  std::string where;
+  const auto add = [&](const char* name, const std::string& given, const std::optional<std::string>& value,
+                       const std::string& allowed) {
+    if (given.empty()) return true;
+    if (!value)
+      fail(kUsage, std::string("--") + name + " " + Statedb::describe(given) + " is not " + allowed);
+    if (value) arguments.push_back(std::string(name) + "=" + *value);
+    where += (where.empty() ? " with " : ", ") + std::string(name) + " " + given;
+    return value.has_value();
+  };
+  if (!add("vlan", filter.vlan, strepOf(Bridging::VlanId::fromStrep(filter.vlan)),
+           Bridging::VlanId::allowed()) ||
+      !add("ip", filter.ip, strepOf(Lanix::IpGenAddr::fromStrep(filter.ip)), "an IPv4 or IPv6 address") ||
+      !add("mac", filter.mac, strepOf(parseMac(filter.mac)), "a MAC address like 02:00:00:00:00:01") ||
+      !add("vrf", filter.vrf, filter.vrf, "") || !add("interface", filter.interface, filter.interface, ""))
+    return kUsage;
+  const auto show = [&](const std::string& table) {
+    json whole = {table};
+    whole.insert(whole.end(), arguments.begin(), arguments.end());
+    const json request = {{"cmd", "agent"}, {"command", "bindings"}, {"args", whole}};
+    if (options.json) return requestStream(options, request, print);
+    return printBindingTable(options, table, request, where);
+  };
+  if (!kind.empty()) return show(kind);
+  if (options.json) return show("both");
+  if (const int status = show("local")) return status;
+  return print("\n") ? show("remote") : kRefused;
+}
+
+int findHost(const CommonOptions& options, const std::string& address) {
+  std::optional<std::string> wanted = strepOf(parseMac(address));
+  if (!wanted) wanted = strepOf(Lanix::IpGenAddr::fromStrep(address));
+  if (!wanted)
+    return fail(kUsage, "ADDRESS " + Statedb::describe(address) +
+                            " is not a MAC address like 02:00:00:00:00:01 or an IP address like 10.0.0.9");
+  const json request = {{"cmd", "agent"}, {"command", "find"}, {"args", {*wanted}}};
+  const auto client = Client::connect(options.runDirectory);
+  if (!client) return fail(client.failure());
+  if (const auto sent = (*client)->send(Statedb::jsonText(request)); !sent) return fail(sent.failure());
+  Table table({"VLAN", "IP", "MAC", "TABLE", "INTERFACE", "VRF", "SOURCE"});
+  std::string list;
+  const auto received = receiveBindings(**client, [&](const json& host) {
+    if (options.json) list += (list.empty() ? "" : ",\n") + Statedb::jsonText(host);
+    return table.row({text(host, "vlan"), text(host, "ip"), text(host, "mac"), text(host, "table"),
+                      text(host, "interface"), text(host, "vrf"), text(host, "source")});
+  });
+  if (!received) return fail(received.failure());
+  if (options.json && !print("[\n" + list + (list.empty() ? "]\n" : "\n]\n"))) return kRefused;
+  if (table.count() == 0)
+    return fail(kRefused, "nothing is known of " + *wanted +
+                              "; `arpsup explain VLAN IP` says what happens to a request for an address");
+  return options.json || table.flush() ? kDone : kRefused;
 }
 
 int explain(const CommonOptions& options, const std::string& vlan, const std::string& ip,
@@ -98,9 +146,9 @@ int explain(const CommonOptions& options, const std::string& vlan, const std::st
   if (!key) return fail(kUsage, key.error());
   json arguments = {vlan, ip};
   if (!from.empty()) {
-    if (const auto station = parseBinding(vlan, ip, from, false); !station)
-      return fail(kUsage, "--from: " + station.error());
-    arguments.push_back(from);
+    const auto station = parseBinding(vlan, ip, from, false);
+    if (!station) return fail(kUsage, "--from: " + station.error());
+    arguments.push_back(station->value.macAddress.toStrep());
   }
   ordered_json shown;
   if (const int status = requestObject(options, "explain", arguments, shown)) return status;

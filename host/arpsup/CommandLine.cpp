@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "host/Config.h"
@@ -80,6 +81,14 @@ void CommandLine::watched(CLI::App* command, std::function<int()> show) {
   });
 }
 
+void CommandLine::filters(CLI::App* to) {
+  to->add_option("--vlan", filter_.vlan, "of one VLAN only")->type_name("VLAN");
+  to->add_option("--ip", filter_.ip, "of one address only")->type_name("IP");
+  to->add_option("--mac", filter_.mac, "of one station only")->type_name("MAC");
+  to->add_option("--vrf", filter_.vrf, "of one VRF only")->type_name("VRF");
+  to->add_option("--interface", filter_.interface, "local ones on one port only")->type_name("INTERFACE");
+}
+
 void CommandLine::addLooking() {
   watched(command(app_, kLook,
                   {"health", "what is wrong with this switch, since when, and what to do: a line a problem",
@@ -99,9 +108,11 @@ void CommandLine::addLooking() {
   CLI::App* counters = command(app_, kLook,
                                {"counters", "what happened to ARP messages, counted since the start",
                                 "  arpsup counters --nonzero  what happened at all\n"
+                                "  arpsup counters --describe what each of them counts\n"
                                 "  arpsup counters --watch 2  every two seconds, with what came since"},
-                               [this] { return showCounters(options_, nonzero_, watchSeconds_); });
+                               [this] { return showCounters(options_, nonzero_, describe_, watchSeconds_); });
   counters->add_flag("--nonzero", nonzero_, "leave out those that are zero");
+  counters->add_flag("--describe", describe_, "with what each of them counts");
   counters->add_option("--watch", watchSeconds_, "show them again after so many seconds, until interrupted")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.1, 86400.0));
@@ -118,12 +129,23 @@ void CommandLine::addLooking() {
   CLI::App* bindings =
       command(app_, kLook,
               {"bindings", "which hosts are known: local ones, and those behind other switches",
+               "  arpsup bindings                    both\n"
                "  arpsup bindings local              hosts on ports of this switch\n"
                "  arpsup bindings remote --vlan 10   those that other switches advertise on VLAN 10\n"
+               "  arpsup bindings --mac 0200.0000.0011\n"
                "  arpsup bindings remote --json      a JSON list, an element a line"},
-              [this] { return showBindings(options_, kind_, vlan_); });
-  argument(bindings, "KIND", kind_, "local or remote");
-  bindings->add_option("--vlan", vlan_, "of one VLAN only")->type_name("VLAN");
+              {});
+  argument(bindings, "KIND", kind_, "local or remote; both unless given")->required(false);
+  filters(bindings);
+  watched(bindings, [this] { return showBindings(options_, kind_, filter_); });
+
+  CLI::App* find = command(app_, kLook,
+                           {"find", "where a host is known: by address, over all VLANs and tables",
+                            "  arpsup find 10.0.10.99\n"
+                            "  arpsup find 0200.0000.0011"},
+                           {});
+  argument(find, "ADDRESS", ip_, "a MAC or an IP address");
+  watched(find, [this] { return findHost(options_, ip_); });
 
   CLI::App* show = command(app_, kLook,
                            {"show", "the state at a path as JSON, or the list of paths",
@@ -192,6 +214,11 @@ void CommandLine::addChanging() {
   addressOptions(command(*remote, nullptr,
                          {"del", "delete a remote binding", "  arpsup remote del 10 10.0.0.2"},
                          [this] { return deleteRemote(options_, vlan_, ip_); }));
+  CLI::App* list =
+      command(*remote, nullptr,
+              {"list", "the remote bindings; as `arpsup bindings remote`", "  arpsup remote list"}, {});
+  filters(list);
+  watched(list, [this] { return showBindings(options_, "remote", filter_); });
   command(*remote, nullptr, {"clear", "delete every remote binding", "  arpsup remote clear"},
           [this] { return clearRemote(options_); });
   CLI::App* load = command(*remote, nullptr,
@@ -250,8 +277,11 @@ int CommandLine::run(int argc, char** argv) {
     if (const char* set = std::getenv(kRunDirectoryVariable)) options_.runDirectory = set;
     return complete(app_, options_, {argv + 2, argv + argc});
   }
+  std::vector<std::string> words(argv + 1, argv + argc);
+  expandCommands(app_, words);
+  std::ranges::reverse(words);  // as it takes them
   try {
-    app_.parse(argc, argv);
+    app_.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
     return error.get_exit_code() == 0 ? app_.exit(error) : usage(error);
   }

@@ -29,6 +29,7 @@ class CommandLine {
   CLI::App* command(CLI::App& parent, const char* group, const Text& text, std::function<int()> run);
   CLI::Option* argument(CLI::App* command, const char* name, std::string& value, const char* description);
   void watched(CLI::App* command, std::function<int()> show);
+  void filters(CLI::App* to);
   void addLooking();
   void addChanging();
   void addAsking();
@@ -47,6 +48,8 @@ class CommandLine {
   std::string json_;
   std::string file_;
   std::string vlan_;
+  BindingFilter filter_;
+  bool describe_ = false;
   std::string ip_;
   std::string mac_;
   bool localMultihomed_ = false;
@@ -56,6 +59,9 @@ class CommandLine {
 
 // Of the candidates the one that `word` is most likely a slip for; "" when it is like none.
 std::string nearest(const std::string& word, const std::vector<std::string>& candidates);
+
+// Writes out the commands among the words that are only begun, where just one begins like that.
+void expandCommands(const CLI::App& app, std::vector<std::string>& words);
 
 // Prints, one a line, what may stand in place of the last of the words, which follow "arpsup". Paths are
 // those of the daemon, or, when there is none, those that always are.

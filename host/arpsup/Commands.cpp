@@ -13,6 +13,7 @@
 #include "Suppression/Counter.h"
 #include "host/JsonText.h"
 #include "host/Protocol.h"
+#include "host/arpsup/CounterTexts.h"
 #include "host/arpsup/Output.h"
 #include "host/arpsup/PrettyJson.h"
 
@@ -42,18 +43,21 @@ int readCounters(const CommonOptions& options, Counts& counts) {
   return kDone;
 }
 
-std::string countersJson(const Counts& counts, bool nonzero) {
+std::string textOfCounter(std::size_t id) { return id < kCounterTexts.size() ? kCounterTexts[id] : ""; }
+
+std::string countersJson(const Counts& counts, bool nonzero, bool describe) {
   ordered_json shown = ordered_json::object();
   for (std::size_t id = 0; id < counts.size(); ++id) {
     if (nonzero && counts[id] == 0) continue;
     shown[std::to_string(id)] = {{"name", ArpSuppression::kCounterNames[id]}, {"value", counts[id]}};
+    if (describe) shown[std::to_string(id)]["description"] = textOfCounter(id);
   }
   return textOf(shown) + "\n";
 }
 
 // With what came since `before`, and how many a second that is.
-std::string counterLines(const Counts& counts, bool nonzero, const std::optional<Counts>& before,
-                         double seconds) {
+std::string counterLines(const Counts& counts, bool nonzero, bool describe,
+                         const std::optional<Counts>& before, double seconds) {
   std::string lines;
   for (std::size_t id = 0; id < counts.size(); ++id) {
     if (nonzero && counts[id] == 0) continue;
@@ -69,6 +73,7 @@ std::string counterLines(const Counts& counts, bool nonzero, const std::optional
     } else if (before && counts[id] < (*before)[id]) {
       lines += "  counted anew";
     }
+    if (describe) lines += "  " + textOfCounter(id);
     lines += '\n';
   }
   return lines.empty() ? "every counter is zero\n" : lines;
@@ -76,7 +81,7 @@ std::string counterLines(const Counts& counts, bool nonzero, const std::optional
 
 }  // namespace
 
-int showCounters(const CommonOptions& options, bool nonzero, double watchSeconds) {
+int showCounters(const CommonOptions& options, bool nonzero, bool describe, double watchSeconds) {
   using Clock = std::chrono::steady_clock;
   if (watchSeconds > 0) endsQuietly();
   std::optional<Counts> before;
@@ -86,7 +91,8 @@ int showCounters(const CommonOptions& options, bool nonzero, double watchSeconds
     const Clock::time_point now = Clock::now();
     if (const int status = readCounters(options, counts)) return status;
     const double seconds = std::chrono::duration<double>(now - then).count();
-    if (!print(options.json ? countersJson(counts, nonzero) : counterLines(counts, nonzero, before, seconds)))
+    if (!print(options.json ? countersJson(counts, nonzero, describe)
+                            : counterLines(counts, nonzero, describe, before, seconds)))
       return kRefused;
     if (watchSeconds <= 0) return kDone;
     before = counts;

@@ -18,11 +18,17 @@ int showHealth(const CommonOptions& options);
 int showStatus(const CommonOptions& options);
 int showForwarding(const CommonOptions& options);
 // `watchSeconds` 0: once.
-int showCounters(const CommonOptions& options, bool nonzero, double watchSeconds);
+int showCounters(const CommonOptions& options, bool nonzero, bool describe, double watchSeconds);
 // No path: the list of paths.
 int showState(const CommonOptions& options, const std::string& path);
-// `kind` is local or remote; no VLAN: all.
-int showBindings(const CommonOptions& options, const std::string& kind, const std::string& vlan);
+// What is "" holds for all.
+struct BindingFilter {
+  std::string vlan, ip, mac, vrf, interface;
+};
+// `kind` is local or remote; "": both.
+int showBindings(const CommonOptions& options, const std::string& kind, const BindingFilter& filter);
+// By MAC or IP address.
+int findHost(const CommonOptions& options, const std::string& address);
 // No sender: any.
 int explain(const CommonOptions& options, const std::string& vlan, const std::string& ip,
             const std::string& from);

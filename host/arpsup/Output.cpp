@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
 #include "Statedb/Json.h"
 
@@ -14,7 +15,10 @@ using nlohmann::json;
 using nlohmann::ordered_json;
 
 bool print(std::string_view text) {
-  return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+  if (std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0)
+    return true;
+  if (errno != EPIPE) fail(kRefused, std::string("the output cannot be written: ") + std::strerror(errno));
+  return false;
 }
 
 int printed(std::string_view text) { return print(text) ? kDone : kRefused; }

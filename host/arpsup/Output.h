@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -38,5 +39,10 @@ int requestStream(const CommonOptions& options, const nlohmann::json& request, c
 // An agent command whose answer is one JSON object; `shown` becomes it. Returns the exit status.
 int requestObject(const CommonOptions& options, const char* command, const nlohmann::json& arguments,
                   nlohmann::ordered_json& shown);
+
+// The answer to the agent command "bindings", which may be of any length: each binding to `take`, until that is
+// false, which is a failure without a text.
+using TakeBinding = std::function<bool(const nlohmann::json& binding)>;
+Mox::Result<> receiveBindings(Client& client, const TakeBinding& take);
 
 }  // namespace Host

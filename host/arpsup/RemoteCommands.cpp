@@ -102,7 +102,7 @@ int deleteRemote(const CommonOptions& options, const std::string& vlan, const st
       change(options, {{"cmd", "remote"}, {"op", "del"}, {"bindings", Mox::toStrep(*key)}}, status);
   if (changed && *changed == 0) {
     return fail(kRefused, "there is no remote binding of " + ip + " on VLAN " + vlan +
-                              "; `arpsup show arpSuppression/remoteBindingConfig/evpn` lists them");
+                              "; `arpsup bindings remote --vlan " + vlan + "` lists them");
   }
   return status;
 }

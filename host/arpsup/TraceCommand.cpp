@@ -115,12 +115,20 @@ class Rings {
       if (name.ends_with(kSuffix) && std::find(seen_.begin(), seen_.end(), name) == seen_.end()) take(name);
     }
     closedir(listing);
+    if (denied_ > told_) {
+      told_ = denied_;
+      fail(kRefused, directory_ + ": " + std::to_string(denied_) +
+                         " trace rings cannot be read: permission denied; run it as root");
+    }
     std::sort(rings.begin(), rings.end(), [](const Ring& a, const Ring& b) {
       return std::tuple(b.latest, b.changed, b.reader->pid()) <
              std::tuple(a.latest, a.changed, a.reader->pid());
     });
     return {};
   }
+
+  // Whether there are any that may not be read; that has been told.
+  bool denied() const { return denied_ != 0; }
 
   std::vector<Ring> rings;
 
@@ -139,14 +147,19 @@ class Rings {
       ring.latest = owner == ring.reader->pid();
       rings.push_back(std::move(ring));
     } else {
-      const bool denied = access(ring.file.c_str(), R_OK) < 0 && errno == EACCES;
-      fail(kRefused, ring.reader->readable().error() + (denied ? "; run it as root" : "; it is left out"));
+      if (ring.reader->readable().number() == EACCES) {
+        ++denied_;  // all of them are told of in one line
+      } else {
+        fail(kRefused, ring.reader->readable().error() + "; it is left out");
+      }
     }
   }
 
   const std::string directory_;
   const std::string lockFile_;
   std::vector<std::string> seen_;
+  std::size_t denied_ = 0;
+  std::size_t told_ = 0;  // of those
 };
 
 class Printer {
@@ -225,6 +238,7 @@ int showTrace(const CommonOptions& options, const TraceOptions& trace) {
   const std::string directory = set ? set : options.runDirectory;
   Rings rings(directory, options.runDirectory);
   if (const auto looked = rings.look(); !looked) return fail(looked.failure());
+  if (rings.rings.empty() && rings.denied()) return kRefused;
   if (rings.rings.empty())
     return fail(kRefused, directory +
                               ": no trace ring is there that can be read; has an agent-host with the "

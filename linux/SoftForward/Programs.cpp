@@ -103,7 +103,12 @@ Mox::Result<> Programs::load() {
   libbpf_set_print(before);
   if (skeleton->bpf == nullptr) {
     std::string text = std::string("eBPF programs: loading: ") + std::strerror(number);
-    if (!messages.empty()) text += ": " + messages;
+    // What libbpf has to say then only hides it.
+    if (number == EPERM || number == EACCES) {
+      text += ": run agent-host as root";
+    } else if (!messages.empty()) {
+      text += ": " + messages;
+    }
     std::ranges::replace(text, '\n', ' ');
     return Mox::Failure{text, number};
   }

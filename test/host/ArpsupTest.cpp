@@ -34,7 +34,8 @@ TEST(PrettyJson, laysOutPiecesOfAnySize) {
 }
 
 TEST_F(Programs, tellWhatToDoNext) {
-  daemonIs();
+  daemonIs({{"vlans", {{"10", json::object()}, {"20", json::object()}}}});
+  EXPECT_THAT(daemon->error, testing::ContainsRegex("^agent-host: version [0-9.]+ begins at 20.*Z with /"));
   const std::string absent = folder.path() + "/absent";
   struct Case {
     Strings arguments;
@@ -47,12 +48,19 @@ TEST_F(Programs, tellWhatToDoNext) {
       {{"explain", "--help"}, 0, "Examples:\n  arpsup explain 10 10\\.0\\.10\\.99\n.*--from"},
       {{"counters", "extra"}, 2, "unknown argument \"extra\"; see arpsup counters --help"},
       {{"statsu"}, 2, "unknown command \"statsu\", did you mean status\\?; see arpsup --help"},
-      {{"remote"}, 2, "one of add, del, clear, load is required; see arpsup remote --help"},
+      {{"remote"}, 2, "one of add, del, list, clear, load is required; see arpsup remote --help"},
       {{"counters", "--nonzro"}, 2, "unknown option \"--nonzro\", did you mean --nonzero\\?"},
       {{"remote", "add", "10", "10.0.0.1", "03:00:00:00:00:01"}, 2, "MAC \"03:00:00:00:00:01\" is not"},
-      {{"remote", "del", "10", "10.0.0.1"}, 1, "there is no remote binding of 10.0.0.1 on VLAN 10"},
+      {{"remote", "del", "10", "10.0.0.1"},
+       1,
+       "no remote binding of 10.0.0.1 on VLAN 10; `arpsup bindings remote --vlan 10`"},
       {{"bindings", "lokal"}, 2, "KIND \"lokal\" is not local or remote"},
       {{"bindings", "local", "--vlan", "4095"}, 2, "--vlan \"4095\" is not a VLAN id from 1 to 4094"},
+      {{"bindings", "--mac", "0200.00"}, 2, "--mac \"0200.00\" is not a MAC address"},
+      {{"find", "10.0.0"}, 2, "ADDRESS \"10.0.0\" is not a MAC address like .* or an IP address"},
+      {{"find", "0200.0000.0001"}, 1, "no plug-in that is ready answers \"find\""},
+      {{"rem", "d", "10", "10.0.0.1"}, 1, "there is no remote binding"},
+      {{"s"}, 2, "unknown command \"s\""},
       {{"bindings", "local"}, 1, "no plug-in that is ready answers \"bindings\"; loaded: none"},
       {{"explain", "10", "fe80::1"}, 2, "IP \"fe80::1\" is not the IPv4 address of one host"},
       {{"status"}, 0, "runnable: +false\nactiveVlans: +none\n.*\nreason: +no plug-in that is ready answers"},
@@ -78,18 +86,25 @@ TEST_F(Programs, tellWhatToDoNext) {
   for (const Case& test : cases) check(test, arpsup(test.arguments));
   // The shell's question comes first of all.
   const std::vector<Case> completions = {
-      {{"remote", ""}, 0, "^add\nclear\ndel\nload\n$"},
-      {{"bindings", "local", "--v"}, 0, "^--version\n--vlan\n$"},
+      {{"remote", ""}, 0, "^add\nclear\ndel\nlist\nload\n$"},
+      {{"bindings", "local", "--v"}, 0, "^--version\n--vlan\n--vrf\n$"},
       {{"--run-dir", runDirectory, "monitor", "arp/status", "evpn/s"}, 0, "^evpn/status\n$"},
       {{"--run-dir", absent, "show", "evpn/s"}, 0, "^evpn/status\n$"},
       {{"show", "evpn/status", ""}, 0, "^$"},
+      {{"--json", "stat"}, 0, "^status\n$"},
+      {{"--run-dir", runDirectory, "explain", ""}, 0, "^10\n20\n$"},
+      {{"--run-dir", runDirectory, "trace", "--vlan", "2"}, 0, "^20\n$"},
   };
   for (const Case& test : completions) {
     Strings command = {ARPSUP, "complete-words"};
     command.insert(command.end(), test.arguments.begin(), test.arguments.end());
     check(test, run(command));
   }
+  const std::string status = std::string(ARPSUP) + " --run-dir " + runDirectory + " status >/dev/full";
+  check({{}, 1, "the output cannot be written: No space left on device"}, run({"/bin/sh", "-c", status}));
+  EXPECT_EQ(arpsup({"health"}).output, "good\n");
   daemon.reset();
+  check({{}, 2, "no agent-host answers there"}, arpsup({"health"}));
   check({{}, 2, "no agent-host answers there .*start it, or name its run directory"}, arpsup({"show"}));
 }
 
@@ -225,13 +240,14 @@ TEST(Arpsup, showsAgentAnswers) {
   };
   const Result table = arpsup({"bindings", "local"});
   EXPECT_EQ(table.status, 0) << table.error;
-  EXPECT_THAT(table.output,
-              testing::StartsWith("VLAN  IP          MAC                VRF  INTERFACE  LEARNED\n"
-                                  "10    10.0.0.0    02:00:00:00:00:01  red  Ethernet1  dynamic\n"
-                                  "10    10.0.0.1    02:00:00:00:00:01  red  Ethernet1  static\n"));
+  EXPECT_THAT(
+      table.output,
+      testing::StartsWith("VLAN  IP          MAC                VRF  INTERFACE  KERNEL NEIGHBOUR\n"
+                          "10    10.0.0.0    02:00:00:00:00:01  red  Ethernet1  dynamic\n"
+                          "10    10.0.0.1    02:00:00:00:00:01  red  Ethernet1  permanent, or not yet\n"));
   EXPECT_EQ(std::count(table.output.begin(), table.output.end(), '\n'), 5001);
   EXPECT_EQ(json::parse(arpsup({"bindings", "local", "--json"}).output, nullptr, false).size(), 5000u);
-  EXPECT_EQ(arpsup({"bindings", "remote", "--vlan", "10"}).output, "no remote bindings on VLAN 10\n");
+  EXPECT_EQ(arpsup({"bindings", "remote", "--vlan", "10"}).output, "no remote bindings with vlan 10\n");
   EXPECT_EQ(arpsup({"explain", "10", "10.0.0.1"}).output,
             "reply with 02:00:00:00:00:09: answered\n  1. first\n  2. second\nSuch a request counts as "
             "replyRemote.\n");

@@ -20,10 +20,10 @@ TEST(BindingFile, readsCsvAndJsonLines) {
   for (const char* text :
        {"vlan,ip,mac,localMultihomed\r\n10,10.0.0.1,02:00:00:00:00:01,false\r\n\r\n4094, 2001:DB8::1 "
         ",02:00:00:00:00:0A,1\r\n",
-        "# hosts\n10,10.0.0.1,02:00:00:00:00:01\n\"4094\",\"2001:db8::1\",\"02:00:00:00:00:0a\",\"true\"",
+        "# hosts\n10,10.0.0.1,02:00:00:00:00:01\n\"4094\",\"2001:db8::1\",\"0200.0000.000A\",\"true\"",
         "\n\n{\"vlan\":10,\"ip\":\"10.0.0.1\",\"mac\":\"02:00:00:00:00:01\"}\n"
         "  "
-        "{\"mac\":\"02:00:00:00:00:0a\",\"localMultihomed\":true,\"ip\":\"2001:db8::1\",\"vlan\":\"4094\"}"
+        "{\"mac\":\"02-00-00-00-00-0A\",\"localMultihomed\":true,\"ip\":\"2001:db8::1\",\"vlan\":\"4094\"}"
         "\n"}) {
     const Host::BindingFile file = parseBindingFile(text);
     EXPECT_EQ(linesOf(file), expected) << text;
@@ -51,6 +51,9 @@ TEST(BindingFile, namesEachBadLine) {
         {"10,ff02::1,02:00:00:00:00:01", "IP \"ff02::1\""},
         {"10,10.0.0.1,00:00:00:00:00:00", "MAC \"00:00:00:00:00:00\" is not"},
         {"10,10.0.0.1,ff:ff:ff:ff:ff:ff", "MAC"},
+        {"10,10.0.0.1,02-00:00:00:00:01", "MAC"},
+        {"10,10.0.0.1,02:00:00:00:00:01:", "MAC"},
+        {"10,10.0.0.1,02000000.0001", "MAC"},
         {"10,10.0.0.1", "2 fields are not vlan,ip,mac"},
         {"10", "1 field is not"},
         {"10,10.0.0.1,02:00:00:00:00:01,true,x", "5 fields"},
