@@ -25,6 +25,7 @@ std::vector<std::string> hosts(const std::string& answer) {
 
 TEST(Find, hosts_are_found_in_every_table_by_either_address) {
   Rig rig;
+  const char* const kOtherMac = "02:00:00:00:00:64";
   const char* const kAt20 = "02:00:00:00:00:77";
   rig.fdb(10, kHostMac, Bridging::EntryType::learnedDynamic, "Ethernet1");
   rig.fdb(10, kOtherMac, Bridging::EntryType::evpnLearned, "core10");
