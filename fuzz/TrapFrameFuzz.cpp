@@ -10,9 +10,9 @@ constexpr char kOwner[] = "10.0.0.99";
 constexpr std::uint32_t kFirstDevice = 1000;
 
 // Serves every VLAN, and knows one remote station, in VLAN 10.
-class Switch {
+class SwitchOfOneVlan {
  public:
-  Switch() {
+  SwitchOfOneVlan() {
     for (std::uint32_t vlan = 1; vlan <= 4094; ++vlan) {
       rig.evpn()->vlanToDot1qIs(ArpSuppression::Vlan(vlan), static_cast<std::uint16_t>(vlan));
       if (vlan != 10) rig.vlanInterface(vlan, "red", kFirstDevice + vlan);
@@ -45,7 +45,7 @@ void checkReply(const TestSupport::Frame& reply) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   constexpr int kMostFrames = 40;  // more than one batch
   constexpr std::size_t kEthernetHeader = 14;
-  static Switch device;
+  static SwitchOfOneVlan device;
   Rig& rig = device.rig;
   Fuzz::Input input(data, size);
   std::size_t delivered = 0;

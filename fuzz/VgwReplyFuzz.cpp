@@ -10,9 +10,9 @@ using ArpSuppression::Rig;
 constexpr char kShared[] = "00:00:5e:00:01:01";
 
 // Listens on VLAN 10 for replies to the shared MAC.
-class Switch {
+class SwitchOfOneVlan {
  public:
-  Switch() {
+  SwitchOfOneVlan() {
     rig.state<Routing::Fhrp::VirtualRouterMacStatus>("routing/fhrp/vrMacStatus")
         ->vgwVirtualMacIs(ArpSuppression::mac(kShared));
     rig.start();
@@ -33,7 +33,7 @@ bool maySpeak(std::span<const std::uint8_t> frame) {
 
 // One frame, from its Ethernet header on.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static Switch device;
+  static SwitchOfOneVlan device;
   Rig& rig = device.rig;
   const auto pkt = Lanix::PktManager::global().newPktWithHeadData(size);
   if (!pkt) return 0;
