@@ -21,7 +21,6 @@ constexpr std::uint8_t kArpTypeLocal = 1;
 using Counter = ArpSuppressionCounterId;
 using Arp::ArpEntryInput;
 using Arp::ArpInputVrfConfig;
-using Arp::NeighborEntryKey;
 using Installation = KernelDynamicEntryInstallation;
 
 // Goes before every interface in the order of keys.
