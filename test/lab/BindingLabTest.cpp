@@ -313,8 +313,10 @@ void flushPort(const std::string& port) {
 }
 
 TEST_P(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
-  constexpr int kSenders = 10'000;
-  constexpr int kBurst = 50;  // between two questions
+  // An emulated processor loses frames of a larger one.
+  const bool slow = patienceFactor() > 1;
+  const int senderCount = slow ? 500 : 10'000;
+  const int burst = slow ? 5 : 50;  // between two questions
   // The address sanitizer would keep what is freed.
   const char* const options = std::getenv("ASAN_OPTIONS");
   setenv("ASAN_OPTIONS", (std::string(options ? options : "") + ":quarantine_size_mb=1").c_str(), 1);
@@ -325,13 +327,13 @@ TEST_P(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
   for (std::uint64_t& pages : resident) {
     Monitor monitor(vlan10_);
     TextSet senders;
-    for (int i = 0; i < kSenders; ++i) {
+    for (int i = 0; i < senderCount; ++i) {
       const auto high = static_cast<std::uint8_t>(i >> 8);
       const auto low = static_cast<std::uint8_t>(i);
       const Mac mac{0x02, 0, 0, 1, high, low};
       host1_->send(arpFrame({1, mac, {10, 1, high, low}, {}, kRemoteIp}));
       senders.insert("10.1" + ipTail(high, low) + " " + macText(mac));
-      if (i % kBurst == 0) ask();
+      if (i % burst == 0) ask();
     }
     ask();
     const TextSet known = local();
@@ -354,7 +356,7 @@ TEST_P(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
     std::ifstream("/proc/" + std::to_string(switch_.daemon().pid()) + "/statm") >> size >> pages;
   }
   EXPECT_LE(resident[2], resident[1] + 256) << "pages";
-  EXPECT_LE(longestAnswer_, 0.05) << "seconds";
+  EXPECT_LE(longestAnswer_, slow ? 2 : 0.05) << "seconds";
   switch_.stop();
 }
 
