@@ -129,7 +129,7 @@ class HashSlots {
     for (;;) {
       Segment& segment = segmentOf(hash);
       if (segment.count < segment.home - segment.home / 8) {
-        if (Element* placed = place(segment, hash, key, std::move(element))) {
+        if (Element* placed = place(segment, hash, key, element)) {
           ++size_;
           return *placed;
         }
@@ -215,7 +215,7 @@ class HashSlots {
     return segment.end;
   }
   // Null, and `element` untouched, when the tail of the segment is full.
-  static Element* place(Segment& segment, std::uint32_t hash, const Key& key, Element&& element) {
+  static Element* place(Segment& segment, std::uint32_t hash, const Key& key, Element& element) {
     std::size_t at = homeOf(segment, hash);
     while (at < segment.end && segment.slots[at].hash != 0 && precedes(segment.slots[at], hash, key)) ++at;
     std::size_t free = at;

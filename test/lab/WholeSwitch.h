@@ -143,6 +143,16 @@ class WholeSwitch : public testing::TestWithParam<Layout> {
     return seen;
   }
 
+  bool suppresses() {
+    const Frame unknown = request({10, 0, 10, 200});
+    host1_->send(request(kRemoteIp));
+    const Seen answered = quiet();
+    host1_->send(unknown);
+    const Seen flooded = quiet();
+    return answered.host1 == Texts{hex(reply(kRemote, kRemoteIp))} && answered.far.empty() &&
+           flooded.host1.empty() && flooded.far == Texts{hex(unknown)};
+  }
+
   void expectSuppression() {
     host1_->send(request(kRemoteIp));
     Seen seen = quiet();
