@@ -120,6 +120,8 @@ Reader::Reader(const std::string& fileName) {
     readable_ = Mox::Failure{fileName + ": too short for a trace file"};
   } else if (const auto sound = checkHeader(header_, fileBytes()); !sound) {
     readable_ = Mox::Failure{fileName + " cannot be read: " + sound.error()};
+  } else {
+    compareClocks();
   }
 }
 
@@ -170,6 +172,14 @@ std::optional<std::string> Reader::next() {
   std::string text = std::move(lines_.front().text);
   lines_.pop_front();
   return text;
+}
+
+void Reader::compareClocks() {
+  if (header_.bootName.front() == '\0' || header_.bootName != bootName()) return;
+  const std::uint64_t forward = wallOffset() - header_.wallOffset;
+  // Two clocks cannot be read at one moment.
+  constexpr std::uint64_t kReadingNanoseconds = 10'000'000;
+  if (forward + kReadingNanoseconds > 2 * kReadingNanoseconds) clockSet_ = forward;
 }
 
 std::uint64_t Reader::dropped() const {
@@ -237,7 +247,8 @@ std::optional<std::string> Reader::lineOf(int level, const RecordHeader& record,
       !cursor.take(source, header.sourceSize) || !cursor.take(format, header.formatSize)) {
     return std::nullopt;
   }
-  std::string line = timeText(record.time) + ' ' + std::to_string(level) + ' ';
+  const std::uint64_t time = record.time + (record.sequence > header_.before ? clockSet_ : 0);
+  std::string line = timeText(time) + ' ' + std::to_string(level) + ' ';
   appendPrintable(line, source);
   line += ':' + std::to_string(header.line) + ' ';
   Cursor values(args);

@@ -17,6 +17,9 @@ namespace Tracelet {
 //
 //   <UTC time> <level> <source>:<line> <text>
 //
+// Records of one writer keep their distances in time, also when the wall clock was set meanwhile; read in the
+// boot that they were written in they have the times that the clock now gives to those moments.
+//
 // It may read while the writer writes and after the writer died. Nothing in the file is trusted: sizes and
 // references are checked against the file, and a block, a record or a descriptor that does not hold together
 // is left out. What is overwritten before it was read is lost.
@@ -54,6 +57,8 @@ class Reader {
   bool read(std::size_t offset, std::span<std::byte> to) const;
   bool readHeader(FileHeader& header) const;
   std::size_t fileBytes() const;
+  // Takes the clocks into account. Once the header is sound.
+  void compareClocks();
   void fill();
   void readBlock(int level, std::uint32_t index, std::size_t offset);
   std::optional<std::string> lineOf(int level, const RecordHeader& record,
@@ -61,6 +66,7 @@ class Reader {
 
   int descriptor_ = -1;
   std::vector<std::byte> bytes_;
+  std::uint64_t clockSet_ = 0;  // by how much the clock was put forward since the writer began
   Mox::Result<> readable_;
   FileHeader header_{};
   std::vector<std::byte> descriptors_;

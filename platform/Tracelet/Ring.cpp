@@ -1,5 +1,6 @@
 #include "Tracelet/Ring.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -24,7 +25,24 @@ void storeLast(std::byte* at, T value) {
       .store(value, std::memory_order_release);
 }
 
+std::uint64_t nanoseconds(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<std::uint64_t>(now.tv_nsec);
+}
+
 }  // namespace
+
+std::uint64_t wallOffset() { return nanoseconds(CLOCK_REALTIME) - nanoseconds(CLOCK_MONOTONIC); }
+
+std::array<char, 40> bootName() {
+  std::array<char, 40> name{};
+  const int file = ::open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC);
+  if (file < 0) return name;
+  if (::read(file, name.data(), name.size()) <= 0) name = {};
+  ::close(file);
+  return name;
+}
 
 Geometry Geometry::of(const std::array<std::uint32_t, kLevels>& levelKiB, std::uint32_t maxRecordBytes) {
   Geometry geometry;
@@ -76,7 +94,10 @@ Geometry geometryOf(const FileHeader& header) {
 }
 
 Ring::Ring(int descriptor, const Geometry& geometry, std::uint32_t maxRecordBytes, bool goOn, bool lockMemory)
-    : descriptor_(descriptor), geometry_(geometry), maxRecordBytes_(maxRecordBytes) {
+    : descriptor_(descriptor),
+      geometry_(geometry),
+      maxRecordBytes_(maxRecordBytes),
+      wallOffset_(Tracelet::wallOffset()) {
   static std::uint32_t rings = 0;
   id_ = ++rings;
   mappingBytes_ = geometry.fileBytes();
@@ -102,7 +123,11 @@ Ring::Ring(int descriptor, const Geometry& geometry, std::uint32_t maxRecordByte
     std::memcpy(mapping_, &header, sizeof header);
   }
   const auto pid = static_cast<std::uint32_t>(getpid());
+  const auto boot = bootName();
   std::memcpy(mapping_ + offsetof(FileHeader, pid), &pid, sizeof pid);
+  std::memcpy(mapping_ + offsetof(FileHeader, wallOffset), &wallOffset_, sizeof wallOffset_);
+  std::memcpy(mapping_ + offsetof(FileHeader, before), &sequence_, sizeof sequence_);
+  std::memcpy(mapping_ + offsetof(FileHeader, bootName), boot.data(), sizeof boot);
   for (Level& level : levels_) nextBlock(level);
 }
 
@@ -189,11 +214,7 @@ OpenRecord Ring::open(CallSite& site, const Kind* kinds, std::uint16_t arguments
   std::byte* const at = level.block + level.at;
   level.at += size;
   if (level.at < geometry_.blockBytes) storeLast(at + size, std::uint32_t{0});
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  const RecordHeader header{
-      0, site.descriptor, ++sequence_,
-      static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<std::uint64_t>(now.tv_nsec)};
+  const RecordHeader header{0, site.descriptor, ++sequence_, nanoseconds(CLOCK_MONOTONIC) + wallOffset_};
   std::memcpy(at, &header, sizeof header);
   return {at, size};
 }

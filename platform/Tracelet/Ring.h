@@ -62,6 +62,7 @@ class Ring {
   Geometry geometry_;
   std::uint32_t maxRecordBytes_;
   std::uint32_t id_;  // tells a call site whether its descriptor is one of this ring
+  std::uint64_t wallOffset_;
   std::byte* mapping_ = nullptr;
   std::size_t mappingBytes_ = 0;
   std::array<Level, kLevels> levels_{};
@@ -73,6 +74,11 @@ class Ring {
 // Good if a file of `fileBytes` bytes that begins like this is a trace file.
 Mox::Result<> checkHeader(const FileHeader& header, std::size_t fileBytes);
 Geometry geometryOf(const FileHeader& header);
+
+// How far the wall clock is ahead of CLOCK_MONOTONIC now, in nanoseconds (modulo 2^64).
+std::uint64_t wallOffset();
+// The name of the machine's present boot; zeros when the system does not tell.
+std::array<char, 40> bootName();
 
 // The ring of the process; made in memory at first use.
 Ring& currentRing();

@@ -25,6 +25,10 @@
 //
 // A record is complete when its `size` is not zero: the writer stores that last, after it has zeroed the
 // `size` that follows. Sequence numbers order the records of all levels.
+//
+// Times advance with CLOCK_MONOTONIC, whatever becomes of the wall clock meanwhile: they are its reading plus
+// `wallOffset`, what the wall clock was ahead of it when the writer began. A reader in the same boot puts right
+// what a clock that was set since has made of them.
 
 namespace Tracelet {
 
@@ -60,8 +64,11 @@ struct FileHeader {
   std::uint64_t dropped;         // records that found no room for their descriptor
   std::uint32_t descriptorUsed;  // bytes
   std::uint32_t padding;
+  std::uint64_t wallOffset;       // nanoseconds, of the last writer
+  std::uint64_t before;           // the sequence when it began: earlier records are of other writers
+  std::array<char, 40> bootName;  // the boot that it ran in; zeros: not known
 };
-static_assert(sizeof(FileHeader) == 72);
+static_assert(sizeof(FileHeader) == 128);
 
 struct DescriptorHeader {
   std::uint32_t size;  // of the whole descriptor, a multiple of 8
@@ -81,7 +88,7 @@ struct RecordHeader {
   std::uint32_t size;        // of the whole record, a multiple of 8; 0: none yet
   std::uint32_t descriptor;  // id
   std::uint64_t sequence;    // from 1
-  std::uint64_t time;        // nanoseconds since 1970, UTC
+  std::uint64_t time;        // nanoseconds since 1970, UTC, as the writer began with it
 };
 static_assert(sizeof(RecordHeader) == 24);
 

@@ -19,6 +19,7 @@ struct Registry {
   std::vector<Handle*> handles;
   std::map<std::string, int> levels;
   TextSink sink;
+  bool journal = false;
 };
 
 Registry& registry() {
@@ -48,13 +49,18 @@ int level(const std::string& name) {
 
 void textSinkIs(TextSink sink) { registry().sink = std::move(sink); }
 
-void writeLine(std::string_view line) {
+void journalIs(bool journal) { registry().journal = journal; }
+
+void writeLine(std::string_view line, Priority priority) {
   if (registry().sink) {
     const TextSink sink = registry().sink;  // which may replace itself
     sink(line);
     return;
   }
-  const std::string whole = std::string(line) + '\n';
+  std::string whole;
+  if (registry().journal) whole = {'<', static_cast<char>(priority), '>'};
+  whole += line;
+  whole += '\n';
   [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, whole.data(), whole.size());
 }
 
@@ -74,7 +80,7 @@ void writeTrace(const Handle& handle, const char* source, int line, const char* 
   whole += function;
   whole += ' ';
   appendPrintable(whole, text.text());
-  writeLine(whole);
+  writeLine(whole, Priority::debug);
 }
 
 }  // namespace Tracelet

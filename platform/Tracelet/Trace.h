@@ -55,8 +55,13 @@ int level(const std::string& name);
 using TextSink = std::function<void(std::string_view line)>;
 void textSinkIs(TextSink sink);
 
-// Writes one line to the sink as it is, for the messages of this library.
-void writeLine(std::string_view line);
+// How grave a line is, as the system's journal tells them apart.
+enum class Priority : char { error = '3', warning = '4', notice = '5', info = '6', debug = '7' };
+
+// Writes one line to the sink as it is.
+void writeLine(std::string_view line, Priority priority = Priority::notice);
+// Whether standard error is the journal, which takes "<4>" at the beginning of a line for its priority.
+void journalIs(bool journal);
 
 // What TRACELET_TRACE makes; nothing else needs it.
 void writeTrace(const Handle& handle, const char* source, int line, const char* function,

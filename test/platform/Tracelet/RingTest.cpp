@@ -102,6 +102,33 @@ TEST_F(RingTest, RecordsReadBackAsText) {
                           EndsWith(" literal;a\\x0ab;Vlan10;green;NULL")));
 }
 
+// Shown are the times that the clock now gives to them, but only where that can be known: in the same boot.
+TEST_F(RingTest, TimesFollowAClockThatWasSetAfterwards) {
+  const std::string file = Tracelet::initialize({.fileName = "Unit.tl"});
+  TRACELET_RECORD("of a writer before");
+  Tracelet::finalize();
+  Tracelet::initialize({.fileName = "Unit.tl"});
+  TRACELET_RECORD("of the last writer");
+  const auto years = [](const std::string& read) {
+    std::string text;
+    for (const std::string& line : linesOf(read)) text += line.substr(0, 4) + " ";
+    return text;
+  };
+  const std::string as = years(file);
+  std::string content = contentOf(file);
+  Tracelet::FileHeader header;
+  std::memcpy(&header, content.data(), sizeof header);
+  header.wallOffset -= std::uint64_t{10} * 365 * 86400 * 1'000'000'000;  // the clock is put forward
+  std::memcpy(content.data(), &header, sizeof header);
+  contentIs(pathOf("set.tl"), content);
+  EXPECT_EQ(years(pathOf("set.tl")).substr(0, 5), as.substr(0, 5));
+  EXPECT_GE(std::stoi(years(pathOf("set.tl")).substr(5)), std::stoi(as.substr(5)) + 9);
+  header.bootName.front() ^= 1;
+  std::memcpy(content.data(), &header, sizeof header);
+  contentIs(pathOf("other.tl"), content);
+  EXPECT_EQ(years(pathOf("other.tl")), as);
+}
+
 TEST_F(RingTest, LongTextsAreCutToTheLargestRecord) {
   const std::string file = Tracelet::initialize({.fileName = "Unit.tl", .maxRecordBytes = 128});
   const std::string longText(1000, 'x');
