@@ -50,7 +50,7 @@ void Heartbeat::beat() {
       line, sizeof line,
       "SoftForward: the agent-host did nothing for %.1f s, and requests were flooded for %.1f s of it",
       silence, silence - seconds_);
-  Tracelet::writeLine(line);
+  Tracelet::writeLine(line, Tracelet::Priority::warning);
   TRACELET_RECORD("late heartbeat after {} s", silence);
 }
 

@@ -2,7 +2,7 @@
 
 #include <ctime>
 
-#include "Tracelet/Record.h"
+#include "Switch/Event.h"
 #include "Tracelet/Trace.h"
 
 namespace Switch {
@@ -25,15 +25,16 @@ void ProblemReporter::problemIs(const Mox::String& subject, const Mox::String& p
   entry->adviceIs(advice);
   entry->stopsIs(left == Left::nothing);
   if (added) entry->sinceIs(static_cast<std::uint64_t>(std::time(nullptr)));
-  Tracelet::writeLine(plugin_ + ": " + subject + ": " + problem + (advice.empty() ? "" : "; " + advice));
-  TRACELET_RECORD("problem: {}: {}: {}", plugin_, subject, problem);
+  Tracelet::writeLine(plugin_ + ": " + subject + ": " + problem + (advice.empty() ? "" : "; " + advice),
+                      left == Left::nothing ? Tracelet::Priority::error : Tracelet::Priority::warning);
+  problemEvent(EventKind::problem, plugin_, subject, problem);
 }
 
 void ProblemReporter::problemDel(const Mox::String& subject) {
   if (reported_.erase(subject) == 0) return;
   problems_->problemDel(plugin_ + " " + subject);
   Tracelet::writeLine(plugin_ + ": " + subject + ": good again");
-  TRACELET_RECORD("problem over: {}: {}", plugin_, subject);
+  problemEvent(EventKind::problemOver, plugin_, subject);
 }
 
 bool ProblemReporter::check(const Mox::String& subject, const Mox::Result<>& result,

@@ -11,7 +11,6 @@ namespace Memtab {
 
 namespace {
 
-constexpr char kSource[] = "Memtab/EntityManager";
 constexpr std::size_t kKeysPerDrain = 64;
 constexpr unsigned kDrainLevel = 2;
 
@@ -27,7 +26,8 @@ void Entity::corrupted(const std::string& message) const {
     corruptionHandler_(message);
     return;
   }
-  TRACELET_TRACE(traceHandle(), 0, kSource, "shared memory corruption: " << message);
+  if (traceHandle().on(0))
+    Tracelet::writeLine("agent-host: shared memory corruption: " + message, Tracelet::Priority::error);
   TRACELET_RECORD("shared memory corruption: {}", message);
 }
 

@@ -18,7 +18,6 @@ namespace Orb {
 
 namespace {
 
-constexpr char kSource[] = "Orb/EventLoop";
 constexpr int kEventsPerTurn = 64;
 
 Tracelet::Handle& traceHandle() {
@@ -61,7 +60,9 @@ void EventLoop::report(const char* where, const char* what) {
     errorHandler_(where, what);
     return;
   }
-  TRACELET_TRACE(traceHandle(), 0, kSource, "dropped work of " << where << ": " << what);
+  if (traceHandle().on(0))
+    Tracelet::writeLine(std::string("agent-host: dropped work of ") + where + ": " + what,
+                        Tracelet::Priority::error);
   TRACELET_RECORD("dropped work of {}: {}", where, what);
 }
 
