@@ -6,25 +6,16 @@
 //
 //   SwitchBench [REST_SECONDS [VLANS...]]
 //
-// The daemon runs at the highest priority for ordinary programs, so that what else the machine does counts
-// less. Needs root.
+// Needs root.
 
-#include <fcntl.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 #include <linux/veth.h>
 #include <net/if.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -32,17 +23,18 @@
 #include <thread>
 #include <vector>
 
+#include "Daemon.h"
 #include "Netlink/Socket.h"
 #include "lab/Lab.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Bench::Daemon;
 using Netlink::Message;
 
 constexpr double kTargetTurn = 10e-3;  // seconds
 constexpr double kTargetStop = 2;
-constexpr auto kPatience = std::chrono::seconds(120);
 // A bridge tells of each port once more when the port's forward delay, 15 s, is over after it came up.
 constexpr auto kSettle = std::chrono::seconds(18);
 constexpr std::uint32_t kGroup = 2;  // all of the network's devices, so that they go together
@@ -114,7 +106,7 @@ void networkDel() {
   requestAll({std::move(Message(RTM_DELLINK).header(ifinfomsg{}).u32(IFLA_GROUP, kGroup))});
 }
 
-std::string configuration(unsigned vlans, const std::string& runDirectory) {
+std::string configuration(unsigned vlans) {
   std::string list;
   std::string tags;
   for (unsigned vlan = 1; vlan <= vlans; ++vlan) {
@@ -123,63 +115,14 @@ std::string configuration(unsigned vlans, const std::string& runDirectory) {
             "\",\"tunnelPorts\":[\"" + tunnelName(vlan) + "\"]}";
     tags += (vlan == 1 ? "" : ",") + ("\"" + id + "\":" + id);
   }
-  return "{\"runDirectory\":\"" + runDirectory +
-         "\",\"agents\":[\"KernelState\",\"ArpService\",\"SoftForward\",\"ArpSuppression\"],\"vlans\":{" +
-         list + "},\"state\":{\"evpn/status\":{\"mplsConfigured\":true,\"vlanToDot1q\":{" + tags + "}}}}";
-}
-
-pid_t start(const std::vector<std::string>& command, int output, bool first) {
-  std::vector<char*> arguments;
-  for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
-  arguments.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (first) setpriority(PRIO_PROCESS, 0, -20);
-  dup2(output, STDOUT_FILENO);
-  dup2(output, STDERR_FILENO);
-  execv(arguments[0], arguments.data());
-  _exit(127);
-}
-
-// What "arpsup ..." prints.
-std::string asked(const std::string& runDirectory, std::vector<std::string> arguments) {
-  arguments.insert(arguments.begin(), {ARPSUP, "--run-dir", runDirectory});
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-  const pid_t pid = start(arguments, ends[1], false);
-  close(ends[1]);
-  std::string text;
-  char buffer[65536];
-  for (ssize_t got; (got = read(ends[0], buffer, sizeof buffer)) > 0;)
-    text.append(buffer, static_cast<std::size_t>(got));
-  close(ends[0]);
-  waitpid(pid, nullptr, 0);
-  return text;
+  return "\"vlans\":{" + list + "},\"state\":{\"evpn/status\":{\"mplsConfigured\":true,\"vlanToDot1q\":{" +
+         tags + "}}}";
 }
 
 std::size_t count(const std::string& text, const std::string& what) {
   std::size_t found = 0;
   for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++found;
   return found;
-}
-
-struct Usage {
-  double cpu = 0;  // seconds
-  long switches = 0;
-};
-
-Usage usageOf(pid_t pid) {
-  Usage usage;
-  const std::string folder = "/proc/" + std::to_string(pid);
-  std::ifstream(folder + "/schedstat") >> usage.cpu;
-  usage.cpu *= 1e-9;
-  std::ifstream status(folder + "/status");
-  for (std::string line; std::getline(status, line);) {
-    const std::size_t at = line.find("ctxt_switches:");
-    if (at != std::string::npos) usage.switches += std::strtol(line.c_str() + at + 14, nullptr, 10);
-  }
-  return usage;
 }
 
 // In seconds, and the tasks whose longest run is above 1 ms, of what "arpsup tech-support" prints.
@@ -204,37 +147,25 @@ void bench(unsigned vlans, double restSeconds) {
   const Lab::Namespace outside;
   const Lab::Entered entered(inside);
   networkIs(vlans, outside);
-  std::string folder = (std::filesystem::temp_directory_path() / "switch-bench-XXXXXX").string();
-  if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error("no folder " + folder);
-  const std::string runDirectory = folder + "/run";
-  const std::string log = folder + "/log";
-  std::ofstream(folder + "/config.json") << configuration(vlans, runDirectory);
-  const int output = open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-
   const auto begin = Clock::now();
-  const pid_t pid = start({AGENT_HOST, "--config", folder + "/config.json"}, output, true);
+  Daemon daemon(configuration(vlans));
   const auto ready = [&] {
-    return count(asked(runDirectory, {"--json", "show", "switch/forwarding"}), "\"ready\":true") == vlans;
+    return count(daemon.asked({"--json", "show", "switch/forwarding"}), "\"ready\":true") == vlans;
   };
-  while (!ready()) {
-    if (waitpid(pid, nullptr, WNOHANG) == pid) throw std::runtime_error("the daemon ended; see " + log);
-    if (since(begin) > static_cast<double>(kPatience.count()))
-      throw std::runtime_error("not ready; see " + log);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
+  daemon.await("all VLANs are ready", ready);
   const double startSeconds = since(begin);
-  const double startCpu = usageOf(pid).cpu;
+  const double startCpu = daemon.usage().cpu;
   std::this_thread::sleep_for(kSettle);
   std::string tasks;
-  const double turn = longestTurn(asked(runDirectory, {"tech-support"}), tasks);
+  const double turn = longestTurn(daemon.asked({"tech-support"}), tasks);
 
   Netlink::Socket monitor(NETLINK_ROUTE, {.receiveBuffer = 8 << 20});
   for (const unsigned group : {RTNLGRP_LINK, RTNLGRP_TC, RTNLGRP_NEIGH, RTNLGRP_IPV4_IFADDR})
     if (const auto joined = monitor.join(group); !joined) throw std::runtime_error(joined.error());
-  const Usage before = usageOf(pid);
+  const Daemon::Usage before = daemon.usage();
   const auto restBegin = Clock::now();
   std::this_thread::sleep_for(std::chrono::duration<double>(restSeconds));
-  const Usage after = usageOf(pid);
+  const Daemon::Usage after = daemon.usage();
   const double rested = since(restBegin);
   std::size_t notifications = 0;
   std::map<std::pair<int, int>, std::size_t> kinds;  // by message type and family
@@ -248,14 +179,9 @@ void bench(unsigned vlans, double restSeconds) {
   }
 
   const auto stop = Clock::now();
-  kill(pid, SIGTERM);
-  int status = 0;
-  waitpid(pid, &status, 0);
+  daemon.stop();
   const double stopSeconds = since(stop);
-  close(output);
   networkDel();
-  std::error_code ignored;
-  if (WIFEXITED(status) && WEXITSTATUS(status) == 0) std::filesystem::remove_all(folder, ignored);
 
   std::printf("%5u  %7.2f s  %6.2f s  %9.2f ms%s  %6zu  %8.3f %%  %8.1f  %6.2f s%s\n", vlans, startSeconds,
               startCpu, turn * 1e3, turn > kTargetTurn ? "!" : " ", notifications,
@@ -265,8 +191,6 @@ void bench(unsigned vlans, double restSeconds) {
   for (const auto& [kind, times] : kinds)
     std::printf("  notifications of type %d, family %d: %zu\n", kind.first, kind.second, times);
   if (!tasks.empty()) std::printf("  tasks that ran longer than 1 ms at a time:\n%s", tasks.c_str());
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-    std::printf("  it did not end well; see %s\n", log.c_str());
   std::fflush(stdout);
 }
 

@@ -303,15 +303,15 @@ PacketSocket::PacketSocket(const std::string& device, std::uint16_t ethertype) {
 
 PacketSocket::~PacketSocket() { close(fd_); }
 
-void PacketSocket::onlyFramesTo(const Mac& address) {
+void PacketSocket::onlyFramesWith(std::uint32_t offset, const Mac& address) {
   const auto bytes = [&](std::size_t from, std::size_t count) {
     std::uint32_t value = 0;
     for (std::size_t i = from; i < from + count; ++i) value = value << 8 | address[i];
     return value;
   };
   std::array<sock_filter, 6> code{
-      {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, 0), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, bytes(0, 4), 0, 3),
-       BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 4), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, bytes(4, 2), 0, 1),
+      {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offset), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, bytes(0, 4), 0, 3),
+       BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offset + 4), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, bytes(4, 2), 0, 1),
        BPF_STMT(BPF_RET | BPF_K, 0xFFFF), BPF_STMT(BPF_RET | BPF_K, 0)}};
   const sock_fprog program{code.size(), code.data()};
   if (setsockopt(fd_, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0)

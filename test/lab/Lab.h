@@ -111,7 +111,8 @@ class PacketSocket {
 
   void markIs(std::uint32_t mark);  // of the frames sent from here on
   // Nothing else takes room among the frames that wait to be received.
-  void onlyFramesTo(const Mac& address);
+  void onlyFramesTo(const Mac& address) { onlyFramesWith(0, address); }
+  void onlyFramesFrom(const Mac& address) { onlyFramesWith(6, address); }
   // The socket stands for a host on a trunk, of which only this VLAN is looked at: frames that are sent get its
   // tag, those that are received with it lose it. One without a tag is received with the tag 0.
   void vlanIs(std::uint16_t vlan) { vlan_ = vlan; }
@@ -123,6 +124,8 @@ class PacketSocket {
   std::optional<std::vector<Frame>> receiveUntil(const Frame& last);
 
  private:
+  void onlyFramesWith(std::uint32_t offset, const Mac& address);
+
   int fd_ = -1;
   std::optional<std::uint16_t> vlan_;
 };

@@ -1,4 +1,5 @@
-// The layouts of docs/linux.md as they stand there: commands, configuration, and then a host that asks.
+// The layouts of docs/linux.md, and the first VLANs of docs/getting-started.md, as they stand there: commands,
+// configuration, and then a host that asks.
 
 #include <sys/mount.h>
 #include <unistd.h>
@@ -12,12 +13,16 @@
 namespace Lab {
 namespace {
 
-// What follows ## Four layouts: the heading of each, and its blocks of shell and of JSON.
-TEST(LayoutDoc, EveryLayoutWorksAsWritten) {
-  std::ifstream file(LINUX_DOC);
+struct Written {
+  std::string name, commands, config;
+};
+
+// Of a section of a page: the heading of each part of it that has a block of shell and one of JSON, and these.
+std::vector<Written> written(const char* page, const std::string& section) {
+  std::ifstream file(std::string(DOCS) + page);
   const std::string all((std::istreambuf_iterator<char>(file)), {});
-  const std::size_t from = all.find("\n## Four layouts\n");
-  ASSERT_NE(from, std::string::npos);
+  const std::size_t from = all.find("\n## " + section + "\n");
+  if (from == std::string::npos) return {};
   const std::string text = all.substr(from + 1, all.find("\n## ", from + 1) - from);
   std::size_t at = 0;
   const auto upTo = [&](const char* end) {
@@ -28,21 +33,27 @@ TEST(LayoutDoc, EveryLayoutWorksAsWritten) {
     at += std::strlen(end);
     return part;
   };
-  struct Written {
-    std::string name, commands, config;
-  };
-  std::vector<Written> layouts;
-  while (text.find("\n### ", at) != std::string::npos && !HasFailure()) {
-    Written layout;
+  std::vector<Written> parts;
+  while (text.find("\n### ", at) != std::string::npos && !testing::Test::HasFailure()) {
+    Written part;
     upTo("\n### ");
-    layout.name = upTo("\n");
+    part.name = upTo("\n");
     upTo("```sh\n");
-    layout.commands = upTo("```");
+    part.commands = upTo("```");
     upTo("```jsonc\n");
-    layout.config = upTo("```");
-    layouts.push_back(layout);
+    part.config = upTo("```");
+    parts.push_back(part);
   }
+  return parts;
+}
+
+TEST(LayoutDoc, EveryLayoutWorksAsWritten) {
+  std::vector<Written> layouts = written("linux.md", "Four layouts");
   ASSERT_EQ(layouts.size(), 4U);
+  const std::vector<Written> first = written("getting-started.md", "2. Make the VLAN");
+  ASSERT_EQ(first.size(), 2U);
+  layouts.push_back(first[0]);
+  layouts.push_back({first[1].name, first[0].commands + first[1].commands, first[1].config});
   pinToOneCpu();
   std::string lacking;
   for (const Written& layout : layouts) {
@@ -75,7 +86,10 @@ TEST(LayoutDoc, EveryLayoutWorksAsWritten) {
     std::vector<int> vlans;
     for (const auto& [id, vlan] : config["vlans"].items()) vlans.push_back(std::stoi(id));
     EXPECT_EQ(leaf.status({{"activeVlans", vlans}}), json({{"activeVlans", vlans}}));
-    EXPECT_EQ(leaf.state("switch/forwarding", "/vlan/10/ready", true), json(true));
+    for (const int vlan : vlans) {
+      const std::string ready = "/vlan/" + std::to_string(vlan) + "/ready";
+      EXPECT_EQ(leaf.state("switch/forwarding", ready.c_str(), true), json(true)) << vlan;
+    }
     EXPECT_EQ(leaf.state("switch/problems", "/problem", json::object()), json::object());
     const Mac asker{0x02, 0, 0, 0, 0, 0x11};
     const Ip ip{10, 0, 10, 11}, remote{10, 0, 10, 99};
