@@ -6,6 +6,7 @@
 #include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 #include "Mox/Assert.h"
+#include "Suppression/Limits.h"
 #include "Switch/Forwarding.h"
 #include "Tracelet/Tracelet.h"
 
@@ -69,6 +70,7 @@ void ArpSuppressionAgent::doInit() {
   group->mountIs(kVrfStatusLocalPath, "Ip::AllVrfStatusLocal", "r");
   group->mountIs("routing/l2vpn/config", "Routing::L2Vpn::Config", "r");
   group->mountIs(kArpInputConfigPath, "Arp::ArpInputConfig", "wS");
+  group->mountIs(kLimitsPath, kLimitsType, "r");
   group->mountIs(kNeverAnswerPath, kNeverAnswerType, "r");
   group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "r");  // for `explain`
   group->mountIs(Switch::kReadinessPath, Switch::kReadinessType, "wc");
@@ -251,15 +253,17 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
   using ConstVlanL3Info = Ptr<const VlanL3InfoStatus>;
   using ConstStatus = Ptr<const ArpSuppressionStatus>;
   using ConstDevices = Ptr<const Interface::DeviceIntfStatusDir>;
+  const auto limits = m.entityManager->entityOf<const Limits>(kLimitsPath);
 
   arpSuppressionStatusSm_.is(scheduler, m.evpnStatus, ConstRemoteBindings(r.remoteBindingStatus),
                              ConstVlanL3Info(r.vlanL3InfoStatus), m.arpSuppressionStatus, r.enabledVlans);
-  localRequestRecordSm_.is(scheduler, Ptr<const MessageTrap>(r.receivedRequestTrap), r.localRequestRecord);
+  localRequestRecordSm_.is(scheduler, Ptr<const MessageTrap>(r.receivedRequestTrap), r.localRequestRecord,
+                           limits, m.arpSuppressionCounterStatus);
   vlanL3InfoSm_.is(scheduler, ConstStatus(m.arpSuppressionStatus), Ptr<const EnabledVlans>(r.enabledVlans),
                    m.allVrfStatusLocal, m.ipStatus, m.vrfNameToIdMap, m.allIntfStatusDir,
                    m.allIntfStatusLocalDir, r.deviceIntfStatusDir, r.vlanL3InfoStatus, m.entityManager);
   remoteBindingStatusSm_.is(scheduler, m.remoteBindingConfig, m.remoteBindingConfigMountGroup,
-                            r.vlanL3InfoStatus, r.remoteBindingStatus);
+                            r.vlanL3InfoStatus, r.remoteBindingStatus, limits, m.arpSuppressionCounterStatus);
   arpInputConfigSm_.is(
       scheduler, m.l2VpnConfig, r.localBindingRecord, ConstRemoteBindings(r.remoteBindingStatus),
       Ptr<const ArpInputConfigTrigger>(r.arpInputConfigTrigger), ConstVlanL3Info(r.vlanL3InfoStatus),
@@ -268,12 +272,13 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
                        r.localRequestRecord, m.remoteBindingConfig, r.vlanL3InfoStatus, m.arpStatus,
                        m.bridgingConfig, m.bridgingStatus, m.evpnStatus, m.fhrpVrMacStatus, m.vrfNameToIdMap,
                        r.arpInputConfigTrigger,
-                       m.entityManager->entityOf<const NeverAnswer>(kNeverAnswerPath));
+                       m.entityManager->entityOf<const NeverAnswer>(kNeverAnswerPath),
+                       ConstRemoteBindings(r.remoteBindingStatus));
   bindingDiscoverySm_.is(taskSchedulerRoot_, Ptr<const MessageTrap>(r.receivedRequestTrap), m.bridgingConfig,
                          m.bridgingStatus, m.arpSuppressionCounterStatus, r.vlanL3InfoStatus,
                          ConstRemoteBindings(r.remoteBindingStatus), m.arpStatus, m.fhrpVrMacStatus,
                          Ptr<const Arp::ArpInputConfig>(m.arpInputConfig), r.localBindingRecord, m.evpnStatus,
-                         r.arpInputConfigTrigger);
+                         r.arpInputConfigTrigger, limits);
   if (isPhysicalHardware_) {
     messageReinjectSm_.is<MessageReinjectSmPhysical>(scheduler, r.vlanL3InfoStatus, r.reinjectMessageQueue,
                                                      m.arpSuppressionCounterStatus, m.evpnStatus,

@@ -53,7 +53,7 @@ ArpSuppressionSm::ArpSuppressionSm(
     Ptr<const Memtab::Bridging::Status> bridgingStatus, Ptr<const Evpn::EvpnStatus> evpnStatus,
     Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
     Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameToIdMap, Ptr<ArpInputConfigTrigger> arpInputConfigTrigger,
-    Ptr<const NeverAnswer> neverAnswer)
+    Ptr<const NeverAnswer> neverAnswer, Ptr<const RemoteBindingStatus> remoteBindingStatus)
     : receivedRequestTrap_(std::move(receivedRequestTrap)),
       reinjectMessageQueue_(std::move(reinjectMessageQueue)),
       arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)),
@@ -67,7 +67,8 @@ ArpSuppressionSm::ArpSuppressionSm(
       fhrpVrMacStatus_(std::move(fhrpVrMacStatus)),
       vrfNameToIdMap_(std::move(vrfNameToIdMap)),
       arpInputConfigTrigger_(std::move(arpInputConfigTrigger)),
-      neverAnswered_(std::move(neverAnswer)) {
+      neverAnswered_(std::move(neverAnswer)),
+      remoteBindingStatus_(std::move(remoteBindingStatus)) {
   MOX_ASSERT(kSource, "remoteBindingConfig() && bridgingConfig() && bridgingStatus() && fhrpVrMacStatus()",
              remoteBindingConfig_ && bridgingConfig_ && bridgingStatus_ && fhrpVrMacStatus_);
   receivedRequestTrap_.on(MessageTrap::lastTrappedMessageChanged, [this] { handleTrappedRequest(); })
@@ -141,6 +142,11 @@ ArpSuppressionSm::Facts ArpSuppressionSm::gather(const Request& request) const {
   Facts facts;
   const RemoteBindingKey key{request.vlanId, request.targetIpAddress};
   facts.remoteBinding = remoteBindingConfig_->remoteBinding(key);
+  if (remoteBindingStatus_ && remoteBindingStatus_->refusing() && facts.remoteBinding &&
+      !remoteBindingStatus_->has(key, facts.remoteBinding)) {
+    facts.remoteBinding = {};
+    facts.noRoom = true;
+  }
   const Ptr<const VlanL3Info> vlanL3Info = vlanL3InfoStatus_->usableVlanL3Info(request.vlanId);
   facts.localBindingMac = lookupLocalDynamicBinding(vlanL3Info, request.vlanId, request.targetIpAddress);
   facts.localArpReq = localArpRequest(request.senderMacAddress);

@@ -9,6 +9,7 @@
 #include "ArpSuppression/LocalRequestRecord.h"
 #include "ArpSuppression/NeverAnswered.h"
 #include "ArpSuppression/Outcome.h"
+#include "ArpSuppression/RemoteBindingStatus.h"
 #include "ArpSuppression/TrappedMessage.h"
 #include "ArpSuppression/VlanL3Info.h"
 #include "Bridging/Config.h"
@@ -60,6 +61,7 @@ class ArpSuppressionSm final : public Mox::Entity {
     bool probe = false;
     bool announcement = false;
     bool neverAnswer = false;  // a host asks, and the operator excluded the address
+    bool noRoom = false;       // it is advertised, and there was no room for that
   };
 
   ArpSuppressionSm(Ptr<MessageTrap> receivedRequestTrap, Ptr<MessageQueue> reinjectMessageQueue,
@@ -71,7 +73,8 @@ class ArpSuppressionSm final : public Mox::Entity {
                    Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
                    Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameToIdMap,
                    Ptr<ArpInputConfigTrigger> arpInputConfigTrigger,
-                   Ptr<const NeverAnswer> neverAnswer = nullptr);
+                   Ptr<const NeverAnswer> neverAnswer = nullptr,
+                   Ptr<const RemoteBindingStatus> remoteBindingStatus = nullptr);
   ~ArpSuppressionSm() override;
 
   Facts gather(const Request& request) const;
@@ -127,6 +130,7 @@ class ArpSuppressionSm final : public Mox::Entity {
   Ptr<const Vrf::VrfIdMap::NameToIdMap> vrfNameToIdMap_;
   Ptr<ArpInputConfigTrigger> arpInputConfigTrigger_;
   NeverAnswered neverAnswered_;
+  Ptr<const RemoteBindingStatus> remoteBindingStatus_;
   Ptr<Lanix::RawTxPam> rawTxPam_;
   Mox::Result<> replySocket_;
   Ptr<VrfInterfaceWatch> fabricInterfaceWatch_;

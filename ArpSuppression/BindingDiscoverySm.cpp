@@ -30,7 +30,8 @@ BindingDiscoverySm::BindingDiscoverySm(
     Ptr<const RemoteBindingStatus> remoteBindingStatus, const Ptr<const Arp::Table::Status>& /*arpStatus*/,
     Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
     const Ptr<const Arp::ArpInputConfig>& /*arpInputConfig*/, Ptr<LocalBindingRecord> localBindingRecord,
-    Ptr<const Evpn::EvpnStatus> evpnStatus, Ptr<ArpInputConfigTrigger> arpInputConfigTrigger)
+    Ptr<const Evpn::EvpnStatus> evpnStatus, Ptr<ArpInputConfigTrigger> arpInputConfigTrigger,
+    const Ptr<const Limits>& limits)
     : taskSchedulerRoot_(std::move(taskSchedulerRoot)),
       receivedRequestTrap_(std::move(receivedRequestTrap)),
       bridgingConfig_(std::move(bridgingConfig)),
@@ -41,7 +42,9 @@ BindingDiscoverySm::BindingDiscoverySm(
       fhrpVrMacStatus_(std::move(fhrpVrMacStatus)),
       localBindingRecord_(std::move(localBindingRecord)),
       evpnStatus_(std::move(evpnStatus)),
-      arpInputConfigTrigger_(std::move(arpInputConfigTrigger)) {
+      arpInputConfigTrigger_(std::move(arpInputConfigTrigger)),
+      room_(taskSchedulerRoot_->scheduler()->loop(), limits ? limits : Mox::make<Limits>(),
+            localBindingRecord_, arpSuppressionCounterStatus_) {
   receivedRequestTrap_.on(MessageTrap::lastTrappedMessageChanged, [this] { handleTrappedRequest(); });
   bridgingStatus_.on(Memtab::Bridging::Status::fdbChanged,
                      [this](const Bridging::HostKey& hostKey) { handleFdbStatus(hostKey); });
@@ -63,7 +66,8 @@ void BindingDiscoverySm::handleInitialized() {
 // --- Bindings --------------------------------------------------------------------------------------------
 
 void BindingDiscoverySm::createLocalBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
-                                            const Lanix::EthAddr& macAddress, bool bindingDiscoveryEvent) {
+                                            const Lanix::EthAddr& macAddress, bool bindingDiscoveryEvent,
+                                            const Lanix::IntfId& heardOn) {
   TRACE8("vlanId=" << vlanId << " ipAddress=" << ipAddress << " macAddress=" << macAddress
                    << " bindingDiscoveryEvent=" << bindingDiscoveryEvent);
   if (macAddress.isZero() || macAddress.isMulticast()) return count(Id::discoveryBadMac);
@@ -89,7 +93,13 @@ void BindingDiscoverySm::createLocalBinding(Bridging::VlanId vlanId, const Lanix
     arpInputConfigTrigger_->event(vrfIpAddress, false);
     return;
   }
+  const Lanix::IntfId port = heardOn ? heardOn : bridgingStatus_->fdb({vlanId.value(), macAddress}).intf;
+  if (!existing && !room_.forOneMore(port)) {
+    TRACE8("No room vrfIpAddress=" << vrfIpAddress << " port=" << port);
+    return;
+  }
   localBindingRecord_->createLocalBinding(vrfIpAddress, vlanIdMacAddress);
+  if (port) localBindingRecord_->portIs(vlanIdMacAddress, port);
   count(Id::localBindingCreated);
 }
 
@@ -129,7 +139,9 @@ void BindingDiscoverySm::handleTrappedRequest() {
     return count(Id::discoveryLocalMultihomed);
   }
   TRACE8("trappedRequest=" << request);
-  createLocalBinding(request->vlanId(), request->senderIpAddress(), request->senderMacAddress(), true);
+  const auto& port = request->srcIntf().intfStatus;
+  createLocalBinding(request->vlanId(), request->senderIpAddress(), request->senderMacAddress(), true,
+                     port ? port->intfId() : Lanix::IntfId());
 }
 
 // --- Stations that move ----------------------------------------------------------------------------------
@@ -141,6 +153,7 @@ void BindingDiscoverySm::handleFdbStatus(const Bridging::HostKey& hostKey) {
   TRACE8("fdb=" << vlanIdMacAddress << " intfId=" << fdb.intf << " entryType=" << fdb.entryType
                 << " isLocal=" << yesNo(isLocal));
   if (isLocal) {
+    localBindingRecord_->portIs(vlanIdMacAddress, fdb.intf);
     processLocalMac(vlanIdMacAddress, fdb.intf);
   } else {
     processRemoteMac(vlanIdMacAddress);

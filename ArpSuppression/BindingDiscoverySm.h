@@ -7,6 +7,7 @@
 #include "ArpSuppression/ArpInputConfigTrigger.h"
 #include "ArpSuppression/BindingDiscoveryVgwReplySm.h"
 #include "ArpSuppression/LocalBinding.h"
+#include "ArpSuppression/LocalBindingRoom.h"
 #include "ArpSuppression/RemoteBindingStatus.h"
 #include "ArpSuppression/TrappedMessage.h"
 #include "ArpSuppression/VlanL3Info.h"
@@ -37,12 +38,16 @@ class BindingDiscoverySm final : public Mox::Entity {
       Ptr<const RemoteBindingStatus> remoteBindingStatus, const Ptr<const Arp::Table::Status>& arpStatus,
       Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
       const Ptr<const Arp::ArpInputConfig>& arpInputConfig, Ptr<LocalBindingRecord> localBindingRecord,
-      Ptr<const Evpn::EvpnStatus> evpnStatus, Ptr<ArpInputConfigTrigger> arpInputConfigTrigger);
+      Ptr<const Evpn::EvpnStatus> evpnStatus, Ptr<ArpInputConfigTrigger> arpInputConfigTrigger,
+      const Ptr<const Limits>& limits = nullptr);
 
   // Learns a binding. One that is there with the same station is not made anew; its kernel neighbour is
-  // decided again. `bindingDiscoveryEvent`: the host itself was heard; for the trace.
+  // decided again. A new address is refused where there is no room for it, on the port that the MAC table has
+  // the station on and in all. `bindingDiscoveryEvent`: the host itself was heard; for the trace.
   void createLocalBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
-                          const Lanix::EthAddr& macAddress, bool bindingDiscoveryEvent);
+                          const Lanix::EthAddr& macAddress, bool bindingDiscoveryEvent) {
+    createLocalBinding(vlanId, ipAddress, macAddress, bindingDiscoveryEvent, {});
+  }
   void deleteLocalBinding(const Ptr<LocalBinding>& localBinding);
 
   // The listener of a VLAN; null when there is none.
@@ -53,6 +58,10 @@ class BindingDiscoverySm final : public Mox::Entity {
   void dumpState(Orb::DumpContext& context, int indent) const;
 
  private:
+  // `heardOn`: the port, where the frame itself says it.
+  void createLocalBinding(Bridging::VlanId vlanId, const Lanix::IpGenAddr& ipAddress,
+                          const Lanix::EthAddr& macAddress, bool bindingDiscoveryEvent,
+                          const Lanix::IntfId& heardOn);
   void handleInitialized();
   void handleTrappedRequest();
   void handleFdbStatus(const Bridging::HostKey& hostKey);
@@ -80,6 +89,7 @@ class BindingDiscoverySm final : public Mox::Entity {
   Ptr<LocalBindingRecord> localBindingRecord_;
   Ptr<const Evpn::EvpnStatus> evpnStatus_;
   Ptr<ArpInputConfigTrigger> arpInputConfigTrigger_;
+  LocalBindingRoom room_;
   std::map<Bridging::VlanId, Ptr<BindingDiscoveryVgwReplySm>> vgwReplySm_;  // by VLAN
 };
 

@@ -184,7 +184,9 @@ class Explanation {
             facts.remoteBinding.localMultihomed
                 ? "another switch, on a segment that is attached here too, advertises "
                 : "another switch advertises ",
-            "no other switch advertises the owner");
+            facts.noRoom
+                ? "another switch advertises the owner, but there is no room for more remote bindings"
+                : "no other switch advertises the owner");
     macFact("owner", facts.bindingMac, "so the owner is ", "so no owner is known");
     if (facts.fid != vlanId_.value()) {
       fact("fid", facts.fid, "the MAC table has the VLAN as " + std::to_string(facts.fid));

@@ -43,7 +43,9 @@ Ptr<LocalBinding> LocalBindingRecord::createLocalBinding(const VrfIpAddress& vrf
                          << " existingBinding=" << existing);
   if (existing) deleteLocalBinding(existing);
   const Ptr<LocalBinding> created = bindingIs(vrfIpAddress, vlanIdMacAddress);
-  macToIpIs(vlanIdMacAddress)->bindingIs(created);
+  const Ptr<LocalMacToIp> ofMac = macToIpIs(vlanIdMacAddress);
+  ofMac->bindingIs(created);
+  countAtPort(ofMac->port(), 1, 0);
   ++bindingsOfVlans_[vlanIdMacAddress.vlanId];
   return created;
 }
@@ -60,9 +62,30 @@ void LocalBindingRecord::deleteLocalBinding(const Ptr<LocalBinding>& given) {
   deleted = ofMac->binding(vrfIpAddress);
   ofMac->bindingDel(vrfIpAddress);
   MOX_ASSERT(kSource, "deletedBinding == _binding", deleted == doomed);
+  countAtPort(ofMac->port(), 0, 1);
   if (ofMac->bindings() == 0) macToIpDel(vlanIdMacAddress);
   if (--bindingsOfVlans_[vlanIdMacAddress.vlanId] == 0) bindingsOfVlans_.erase(vlanIdMacAddress.vlanId);
   releaseVrf(vrfIpAddress.vrfInfo);
+}
+
+void LocalBindingRecord::portIs(const VlanIdMacAddress& vlanIdMacAddress, const Lanix::IntfId& port) {
+  const Ptr<LocalMacToIp> ofMac = macToIp(vlanIdMacAddress);
+  if (!ofMac || ofMac->port() == port) return;
+  countAtPort(ofMac->port(), 0, ofMac->bindings());
+  ofMac->port_ = port;
+  countAtPort(port, ofMac->bindings(), 0);
+}
+
+std::size_t LocalBindingRecord::bindingsOfPort(const Lanix::IntfId& port) const {
+  const auto found = bindingsOfPorts_.find(port);
+  return found == bindingsOfPorts_.end() ? 0 : found->second;
+}
+
+void LocalBindingRecord::countAtPort(const Lanix::IntfId& port, std::size_t more, std::size_t fewer) {
+  if (!port) return;
+  std::size_t& bindings = bindingsOfPorts_[port];
+  bindings = bindings + more - fewer;
+  if (bindings == 0) bindingsOfPorts_.erase(port);
 }
 
 void LocalBindingRecord::dumpState(Orb::DumpContext& context, int indent) const {

@@ -36,17 +36,21 @@ class LocalMacToIp final : public Mox::Entity {
   MOX_MAP(VrfIpAddress, Ptr<LocalBinding>, binding)
   // Under the binding's own key.
   void bindingIs(const Ptr<LocalBinding>& binding) { bindingIs(binding->vrfIpAddress(), binding); }
+  // Where the station was heard or seen last; the empty one while that is not known.
+  const Lanix::IntfId& port() const { return port_; }
 
   Mox::String toStrep() const;
   void dumpState(Orb::DumpContext& context, int indent) const;
 
  private:
+  friend class LocalBindingRecord;
   VlanIdMacAddress vlanIdMacAddress_;
+  Lanix::IntfId port_;
 };
 
 // The bindings of hosts on this switch, by address and by station. Each address has one binding; a station
 // may have many. Bindings come and go through createLocalBinding and deleteLocalBinding only, which keep both
-// indexes and the VRF counts together. Nothing ages here. Watchers hear of a binding when it is in `binding`,
+// indexes and the counts by VRF, VLAN and port together. Nothing ages here. Watchers hear of a binding when it is in `binding`,
 // before it is in `macToIp`; they must not create or delete the very binding that they are told of.
 class LocalBindingRecord final : public VrfUseTracker {
  public:
@@ -63,6 +67,11 @@ class LocalBindingRecord final : public VrfUseTracker {
   // The binding must be the record's.
   void deleteLocalBinding(const Ptr<LocalBinding>& binding);
 
+  // Notes the port of a station that has bindings; of others nothing is known here.
+  void portIs(const VlanIdMacAddress& vlanIdMacAddress, const Lanix::IntfId& port);
+
+  // How many bindings the stations on a port have. Not those whose port is not known.
+  std::size_t bindingsOfPort(const Lanix::IntfId& port) const;
   // How many bindings VLANs have; those without any are left out.
   const std::map<Bridging::VlanId, std::size_t>& bindingsOfVlans() const { return bindingsOfVlans_; }
 
@@ -70,7 +79,10 @@ class LocalBindingRecord final : public VrfUseTracker {
   void dumpState(Orb::DumpContext& context, int indent) const;
 
  private:
+  void countAtPort(const Lanix::IntfId& port, std::size_t more, std::size_t fewer);
+
   std::map<Bridging::VlanId, std::size_t> bindingsOfVlans_;
+  std::map<Lanix::IntfId, std::size_t> bindingsOfPorts_;  // likewise
 };
 
 inline Ptr<LocalBindingRecord> localBindingRecordFactory(const Ptr<VlanL3InfoStatus>& vlanL3InfoStatus) {

@@ -15,15 +15,17 @@ constexpr auto kLater = [](const LocalRequestRecordEntry& a, const LocalRequestR
 
 }  // namespace
 
-void LocalRequestRecord::recordLocalRequest(const RemoteBindingKey& key, double now) {
+bool LocalRequestRecord::recordLocalRequest(const RemoteBindingKey& key, double now, std::size_t limit) {
   double* const found = lastRequestTime_.find(key);
   TRACE8("remoteBindingKey=" << key << " e=" << (found != nullptr));
   if (found) {
     *found = now;
-    return;
+    return true;
   }
+  if (entrys() >= limit) return false;
   lastRequestTime_.insert(key, now);
   line_.push_back({key, now});  // nothing in line is later: it is a heap as it stands
+  return true;
 }
 
 void LocalRequestRecord::entryRequeue() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <limits>
 
 #include "Mox/HashTable.h"
 #include "Orb/DumpContext.h"
@@ -25,8 +26,10 @@ struct LocalRequestRecordEntry {
 // key or, with `entryRequeue`, puts it where its latest request belongs. That looks at a key once a lifetime.
 class LocalRequestRecord final : public Mox::Entity {
  public:
-  // Makes or refreshes the entry. `now` never goes back.
-  void recordLocalRequest(const RemoteBindingKey& key, double now);
+  // Makes or refreshes the entry; false when it would be new and there are `limit` already. `now` never goes
+  // back.
+  bool recordLocalRequest(const RemoteBindingKey& key, double now,
+                          std::size_t limit = std::numeric_limits<std::size_t>::max());
   // Brings the place of the entry into the processor's cache, for callers that know keys ahead.
   void prefetch(const RemoteBindingKey& key) const { lastRequestTime_.prefetch(key); }
   bool entryHas(const RemoteBindingKey& key) const { return lastRequestTime_.find(key) != nullptr; }

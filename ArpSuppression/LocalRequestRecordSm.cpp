@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 
 namespace ArpSuppression {
@@ -12,10 +13,16 @@ constexpr char kSource[] = "ArpSuppression/LocalRequestRecordSm";
 
 LocalRequestRecordSm::LocalRequestRecordSm(Ptr<Orb::TaskScheduler> scheduler,
                                            Ptr<const MessageTrap> receivedRequestTrap,
-                                           Ptr<LocalRequestRecord> localRequestRecord)
+                                           Ptr<LocalRequestRecord> localRequestRecord,
+                                           Ptr<const Limits> limits,
+                                           Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus)
     : WalkSmBase(std::move(scheduler), "LocalRequestRecordSm"),
       receivedRequestTrap_(std::move(receivedRequestTrap)),
-      localRequestRecord_(std::move(localRequestRecord)) {
+      localRequestRecord_(std::move(localRequestRecord)),
+      limits_(limits ? std::move(limits) : Mox::make<Limits>()),
+      arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)),
+      full_(problems(), this->scheduler()->loop(), "request records",
+            [this] { return localRequestRecord_->entrys() >= limits_->requestRecords(); }) {
   receivedRequestTrap_.on(MessageTrap::lastTrappedMessageChanged, [this] { handleTrappedRequest(); });
 }
 
@@ -30,8 +37,16 @@ void LocalRequestRecordSm::handleTrappedRequest() {
   TRACE8("trappedRequest=" << request);
   // A walk is scheduled while there are entries, unless an error ended it.
   if (!walkScheduled()) scheduleWalk(entryLifetime_);
-  localRequestRecord_->recordLocalRequest({request->vlanId(), request->targetIpAddress()},
-                                          scheduler()->loop().now());
+  if (localRequestRecord_->recordLocalRequest({request->vlanId(), request->targetIpAddress()},
+                                              scheduler()->loop().now(), limits_->requestRecords()))
+    return;
+  if (arpSuppressionCounterStatus_)
+    arpSuppressionCounterStatus_->increment(ArpSuppressionCounterId::requestRecordRefused);
+  full_.happened(
+      "as many addresses are recorded that hosts asked for as limits.requestRecords of the configuration "
+      "allows: "
+      "further ones are answered or flooded as ever, and not recorded",
+      "find out who asks for that many addresses; where that is right, raise that limit and reload");
 }
 
 Orb::WalkRet LocalRequestRecordSm::walk() {

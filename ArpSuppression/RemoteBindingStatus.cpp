@@ -48,6 +48,7 @@ void RemoteBindingStatus::dumpState(Orb::DumpContext& context, int indent) const
   context.line(indent, "RemoteBindingStatus #macToIps=" + std::to_string(macToIps()) +
                            " #ipToMacs=" + std::to_string(ipToMacs()));
   context.attribute(indent, "initialPopulationComplete", initialPopulationComplete());
+  context.attribute(indent, "refusing", refusing());
   context.line(indent, "macToIp:");
   for (const Ptr<RemoteMacToIp>& member : macToIpCollection())
     context.child(indent + 2, member, "RemoteMacToIp");

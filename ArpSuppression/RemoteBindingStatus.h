@@ -3,6 +3,7 @@
 #include "ArpSuppression/BindingKeys.h"
 #include "ArpSuppression/VrfUseTracker.h"
 #include "Mox/SmallSet.h"
+#include "Suppression/RemoteBindingConfig.h"
 
 namespace ArpSuppression {
 
@@ -64,9 +65,17 @@ class RemoteBindingStatus final : public VrfUseTracker {
   MOX_SET(Bridging::VlanId, vlanId)
   // The bindings that were there at start have been read once; never false again.
   MOX_ATTRIBUTE(bool, initialPopulationComplete, false)
+  // Bindings are left out for want of room: those without an entry here are to be treated as if not advertised.
+  MOX_ATTRIBUTE(bool, refusing, false)
   // Announces that the ipToMac entry of an address changed. It may be set to the default key in between:
   // watchers ignore that.
   MOX_ATTRIBUTE(VrfIpAddress, lastVrfIpAddressChange)
+
+  // Whether the binding is among those of the status.
+  bool has(const RemoteBindingKey& key, const RemoteBinding& binding) const {
+    const Ptr<const RemoteMacToIp> station = macToIp({key.vlanId, binding.macAddress});
+    return station && station->ipAddressHas(key.ipAddress);
+  }
 
   Mox::String toStrep() const { return "<RemoteBindingStatus>"; }
   void dumpState(Orb::DumpContext& context, int indent) const;

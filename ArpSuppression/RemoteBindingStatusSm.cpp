@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 #include "Mox/Assert.h"
 #include "Mox/Error.h"
@@ -25,18 +26,27 @@ Mox::String shortForm(const VlanIdMacAddress& key) {
 RemoteBindingStatusSm::RemoteBindingStatusSm(
     Ptr<Orb::TaskScheduler> scheduler, Ptr<const RemoteBindingConfig> remoteBindingConfig,
     Ptr<const MoxSharedMem::MountGroup> remoteBindingConfigMountGroup, Ptr<VlanL3InfoStatus> vlanL3InfoStatus,
-    Ptr<RemoteBindingStatus> remoteBindingStatus)
+    Ptr<RemoteBindingStatus> remoteBindingStatus, Ptr<const Limits> limits,
+    Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus)
     : WalkSmBase(std::move(scheduler), "RemoteBindingStatusSm"),
       remoteBindingConfig_(std::move(remoteBindingConfig)),
       remoteBindingConfigMountGroup_(std::move(remoteBindingConfigMountGroup)),
       vlanL3InfoStatus_(std::move(vlanL3InfoStatus)),
-      remoteBindingStatus_(std::move(remoteBindingStatus)) {
+      remoteBindingStatus_(std::move(remoteBindingStatus)),
+      limits_(limits ? std::move(limits) : Mox::make<Limits>()),
+      arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)),
+      full_(problems(), this->scheduler()->loop(), "remote bindings",
+            [this] { return remoteBindingStatus_->refusing(); }),
+      room_(this->scheduler()->loop(), "room for remote bindings", [this] { handleRoom(); }) {
   remoteBindingConfig_.on(RemoteBindingConfig::remoteBindingChanged,
                           [this](const RemoteBindingKey& key) { handleRemoteBinding(key); });
   remoteBindingConfigMountGroup_.on(MoxSharedMem::MountGroup::readyChanged,
                                     [this] { handleRemoteBindingReady(); });
   vlanL3InfoStatus_.on(VlanL3InfoStatus::vlanL3InfoChanged,
                        [this](Bridging::VlanId vlanId) { handleVlanL3Info(vlanId); });
+  limits_.on(Limits::remoteBindingsChanged, [this] {
+    if (remoteBindingStatus_->refusing()) room_.after(0);
+  });
   handleInitialized();
 }
 
@@ -68,10 +78,31 @@ VrfIpAddress RemoteBindingStatusSm::vrfIpAddressOf(const RemoteBindingKey& key) 
 }
 
 void RemoteBindingStatusSm::handleRemoteBinding(const RemoteBindingKey& key) {
+  if (apply(key)) return;
+  if (arpSuppressionCounterStatus_)
+    arpSuppressionCounterStatus_->increment(ArpSuppressionCounterId::remoteBindingRefused);
+  refuse();
+}
+
+void RemoteBindingStatusSm::refuse() {
+  refused_ = true;
+  remoteBindingStatus_->refusingIs(true);
+  full_.happened(
+      "there are as many as limits.remoteBindings of the configuration allows: further ones are not taken "
+      "over, and requests for their addresses are flooded",
+      "withdraw what is not needed, or raise that limit and reload");
+}
+
+// Not in the middle of a walk, which would begin again and again.
+void RemoteBindingStatusSm::handleRoom() {
+  walkStage_ == WalkStage::complete ? scheduleWalk() : room_.after(kRoomSeconds);
+}
+
+bool RemoteBindingStatusSm::apply(const RemoteBindingKey& key) {
   // Whoever writes the table may write anything; a key with padding would be another one of the same address.
   if (!key.vlanId.sound() || !key.ipAddress || !key.ipAddress.sound() || key.padding != 0) {
     TRACE8("not a binding remoteBindingKey=" << key);
-    return;
+    return true;
   }
   const RemoteBinding now = remoteBindingConfig_->remoteBinding(key);
   const RemoteBinding old = knownBinding(key);
@@ -79,8 +110,11 @@ void RemoteBindingStatusSm::handleRemoteBinding(const RemoteBindingKey& key) {
   const std::int32_t count = vlanBindingCount(key.vlanId);
   TRACE8("remoteBindingKey=" << key << " newMac=" << now.macAddress << " oldMac=" << old.macAddress
                              << " count=" << count);
+  if (now && !old && knownBindings() >= limits_->remoteBindings()) return false;
   if (now) addMac(key, now, macChanged, !old);
   if (macChanged && old) deleteMac(key, old.macAddress, !now, count);
+  if (!now && remoteBindingStatus_->refusing() && !room_.scheduled()) room_.after(kRoomSeconds);
+  return true;
 }
 
 void RemoteBindingStatusSm::addMac(const RemoteBindingKey& key, const RemoteBinding& now, bool macChanged,
@@ -211,6 +245,8 @@ bool RemoteBindingStatusSm::walkStartedNotification() {
   inputKeys_.clear();
   inputKeysHandled_ = 0;
   remoteBindingStatusBookmark_ = {};
+  wasRefusing_ = remoteBindingStatus_->refusing();
+  refused_ = false;
   return true;
 }
 
@@ -244,10 +280,17 @@ Orb::WalkRet RemoteBindingStatusSm::remoteBindingConfigWalk() {
     if (inputKeysHandled_ == inputKeys_.size()) continue;  // a stretch of the table without entries
     const RemoteBindingKey key = inputKeys_[inputKeysHandled_++];
     ++ret.processed;
-    scheduler()->loop().dispatch("RemoteBindingStatusSm", [&] { handleRemoteBinding(key); });
+    scheduler()->loop().dispatch("RemoteBindingStatusSm", [&] {
+      if (!wasRefusing_) {
+        handleRemoteBinding(key);
+      } else if (!apply(key)) {
+        refuse();  // counted when it came
+      }
+    });
   } while (!done() && !mustYield());
   TRACE8("finished processed=" << ret.processed << " done=" << done());
   if (done()) {
+    if (!refused_) remoteBindingStatus_->refusingIs(false);
     remoteBindingStatus_->initialPopulationCompleteIs(true);
     walkStage_ = WalkStage::walkRemoteBindingStatus;
   }

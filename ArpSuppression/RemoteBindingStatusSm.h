@@ -6,7 +6,10 @@
 #include "Memtab/EntityManager.h"
 #include "Mox/Notifiee.h"
 #include "Orb/WalkSm.h"
+#include "Suppression/Counter.h"
+#include "Suppression/Limits.h"
 #include "Suppression/RemoteBindingConfig.h"
+#include "Switch/PassingProblem.h"
 
 namespace ArpSuppression {
 
@@ -15,16 +18,25 @@ namespace ArpSuppression {
 // the input is applied as an exact difference, at once. A walk in slices does the initial population, and
 // again whenever a VLAN with bindings gains, loses or changes its VRF: first over the input, then over the
 // status, where entries are moved to the VRF they belong to.
+//
+// There is room for so many bindings as the limit says. With that many known a new one is refused and counted;
+// known ones go on being followed. Some time after one of either kind has gone, or when the limit changes, the
+// walk looks for what was refused.
 class RemoteBindingStatusSm final : public Orb::WalkSmBase {
  public:
   RemoteBindingStatusSm(Ptr<Orb::TaskScheduler> scheduler, Ptr<const RemoteBindingConfig> remoteBindingConfig,
                         Ptr<const MoxSharedMem::MountGroup> remoteBindingConfigMountGroup,
-                        Ptr<VlanL3InfoStatus> vlanL3InfoStatus, Ptr<RemoteBindingStatus> remoteBindingStatus);
+                        Ptr<VlanL3InfoStatus> vlanL3InfoStatus, Ptr<RemoteBindingStatus> remoteBindingStatus,
+                        Ptr<const Limits> limits = nullptr,
+                        Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus = nullptr);
 
   // Every input binding as last applied.
   MOX_HASH(RemoteBindingKey, RemoteBinding, knownBinding)
   // How many of them each VLAN has; no entry: none.
   MOX_MAP(Bridging::VlanId, std::int32_t, vlanBindingCount)
+
+  // Seconds from when there may be room to the walk that fills it.
+  static constexpr double kRoomSeconds = 10;
 
   enum class WalkStage : std::uint8_t { walkRemoteBindingConfig, walkRemoteBindingStatus, complete };
   WalkStage walkStage() const { return walkStage_; }
@@ -49,6 +61,7 @@ class RemoteBindingStatusSm final : public Orb::WalkSmBase {
   void handleRemoteBindingReady();
   void handleVlanL3Info(Bridging::VlanId vlanId);
   void handleRemoteBinding(const RemoteBindingKey& key);
+  void handleRoom();
 
   Orb::WalkRet remoteBindingConfigWalk();
   Orb::WalkRet remoteBindingStatusWalk();
@@ -56,6 +69,9 @@ class RemoteBindingStatusSm final : public Orb::WalkSmBase {
   void vlanBindingCountCheckRange(std::int64_t count) const;
   void notifyVrfIpAddressChange(const VrfIpAddress& vrfIpAddress);
 
+  // Brings the key up to date; false when it is new and there is no room.
+  bool apply(const RemoteBindingKey& key);
+  void refuse();
   // The two halves of one difference: the station that has the address now, and the one that had it.
   void addMac(const RemoteBindingKey& key, const RemoteBinding& now, bool macChanged, bool newKey);
   void deleteMac(const RemoteBindingKey& key, const Lanix::EthAddr& oldMac, bool withdrawn,
@@ -72,6 +88,12 @@ class RemoteBindingStatusSm final : public Orb::WalkSmBase {
   Mox::Notifiee<const MoxSharedMem::MountGroup> remoteBindingConfigMountGroup_;
   Mox::Notifiee<VlanL3InfoStatus> vlanL3InfoStatus_;
   Ptr<RemoteBindingStatus> remoteBindingStatus_;
+  Mox::Notifiee<const Limits> limits_;
+  Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;
+  Switch::PassingProblem full_;
+  Orb::Timer room_;
+  bool refused_ = false;      // since the walk began
+  bool wasRefusing_ = false;  // when it began
   bool remoteBindingConfigReady_ = false;
   WalkStage walkStage_ = WalkStage::walkRemoteBindingConfig;
   Memtab::Cursor remoteBindingConfigBookmark_;  // behind the keys that were read

@@ -28,6 +28,10 @@ constexpr int kMaxTraceLevel = 9;
 constexpr std::uint32_t kMaxRefreshSeconds = 86400;
 constexpr std::uint32_t kMaxPolicer = 1000000;
 constexpr std::uint32_t kMaxFailOpenSeconds = 60;
+constexpr std::uint32_t kMaxLimit = std::uint32_t{1} << 24;
+// The members of "arpSuppression/limits".
+constexpr const char* kLimits[] = {"localBindingsPerPort", "localBindings", "requestRecords",
+                                   "remoteBindings"};
 constexpr const char* kDevice = "a kernel device name of at most 15 bytes";
 constexpr const char* kAbsolute = "an absolute path";
 // Every handle that a line of text is written under.
@@ -69,6 +73,7 @@ class FileReader {
     readAll();
     // What hangs on several keys, whatever their order in the file.
     if (reader_.good("vrfs")) checkVlanVrfs();
+    if (reader_.good("limits")) checkLimits();
     if (reader_.good("agents")) {
       checkAgents();
       checkState();
@@ -82,9 +87,11 @@ class FileReader {
   ConfigReader::Read vlans();
   ConfigReader::Read bindings();
   ConfigReader::Read neverAnswer();
+  ConfigReader::Read limits();
   ConfigReader::Read policer(Switch::Policer& to);
   void readSoftForward(const std::string& key, const json& value);
   void checkVlanVrfs();
+  void checkLimits();
   void checkAgents();
   void checkState();
   bool checkState(const std::string& path, std::vector<std::string>& keys, const json& part);
@@ -114,6 +121,7 @@ void FileReader::readAll() {
        {"softForward", [this](const auto& key, const json& value) { readSoftForward(key, value); }},
        {"bindings", bindings()},
        {"neverAnswer", neverAnswer()},
+       {"limits", limits()},
        {"state",
         [this](const auto& key, const json& value) {
           if (!value.is_object()) return reader_.isNot(key, value, "an object by path");
@@ -274,6 +282,25 @@ ConfigReader::Read FileReader::neverAnswer() {
     if (!network) return reader_.isNot(key, value, Ip4Network::allowed());
     if (!config_.neverAnswer.insert(*network).second) reader_.fail(key, describe(value) + " is there twice");
   });
+}
+
+ConfigReader::Read FileReader::limits() {
+  return [this](const std::string& key, const json& value) {
+    ConfigReader::Keys keys;
+    for (const char* name : kLimits) {
+      keys[name] = [this, name](const std::string& at, const json& limit) {
+        reader_.number<std::uint32_t>(config_.limits[name], 1, kMaxLimit)(at, limit);
+      };
+    }
+    reader_.object(key, value, keys);
+  };
+}
+
+void FileReader::checkLimits() {
+  const auto limit = config_.limits.find("remoteBindings");
+  if (limit == config_.limits.end() || config_.bindings.size() <= limit->second) return;
+  reader_.fail("limits.remoteBindings", std::to_string(limit->second) + " is less than the " +
+                                            std::to_string(config_.bindings.size()) + " \"bindings\"");
 }
 
 // --- State ---------------------------------------------------------------------------------------------------

@@ -53,6 +53,9 @@ struct SoftForwardSettings {
 //   state                   by path: what merges into that state before any plug-in starts
 //   bindings                list of remote bindings: vlan, ip, mac, and localMultihomed (default false)
 //   neverAnswer             list of IPv4 networks; requests of hosts for their addresses are flooded
+//   limits                  of what the agent keeps at most, 1 to 16777216 each (Suppression/Limits.h):
+//                           localBindingsPerPort (default 4096), localBindings (131072), requestRecords
+//                           and remoteBindings (1048576 each)
 //   featureDirectory        absolute path of the folder with the group files of feature switches; default
 //                           none
 //   neighborRefreshSeconds  1 to 86400, default 240: when ArpService has a stale neighbour probed
@@ -67,6 +70,7 @@ struct Config {
   nlohmann::json state = nlohmann::json::object();  // every path is known, settable, and its content is good
   std::map<ArpSuppression::RemoteBindingKey, ArpSuppression::RemoteBinding> bindings;
   std::set<ArpSuppression::Ip4Network> neverAnswer;
+  std::map<std::string, std::uint32_t> limits;  // those that are given, by name
   std::string featureDirectory;
   std::map<std::string, int> trace;
   std::uint32_t neighborRefreshSeconds = 240;

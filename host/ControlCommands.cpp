@@ -1,8 +1,10 @@
 #include "host/ControlCommands.h"
 
+#include <set>
 #include <vector>
 
 #include "Statedb/Json.h"
+#include "Suppression/Limits.h"
 #include "host/AgentAnswer.h"
 #include "host/HealthSm.h"
 #include "host/JsonText.h"
@@ -281,6 +283,8 @@ void ControlCommands::changeBindings(std::string_view lines, bool add, std::stri
   });
   if (!read) return appendError(output, read.error());
   auto& collection = (*table)->remoteBindingCollection();
+  if (const Mox::Result<> room = add ? roomFor(**table, bindings) : Mox::Result<>(); !room)
+    return appendError(output, room.error());
   std::size_t changed = 0;
   for (std::size_t in = 0; in < bindings.size(); ++in) {
     const Binding& binding = bindings[in];
@@ -298,6 +302,21 @@ void ControlCommands::changeBindings(std::string_view lines, bool add, std::stri
     changed += written == Memtab::Written::kChanged ? 1 : 0;
   }
   appendOk(output, {{"changed", changed}});
+}
+
+// The agent would leave out what is over the limit.
+Mox::Result<> ControlCommands::roomFor(const ArpSuppression::RemoteBindingConfig& table,
+                                       const std::vector<Binding>& bindings) const {
+  const auto limits = state_.tree()->entityOf<ArpSuppression::Limits>(ArpSuppression::kLimitsPath);
+  if (!limits || table.remoteBindings() + bindings.size() <= limits->remoteBindings()) return {};
+  std::set<ArpSuppression::RemoteBindingKey> more;
+  for (const Binding& binding : bindings)
+    if (!table.remoteBinding(binding.key)) more.insert(binding.key);
+  if (more.empty() || table.remoteBindings() + more.size() <= limits->remoteBindings()) return {};
+  return Mox::Failure{"no room for " + std::to_string(more.size()) + " more remote bindings: there are " +
+                      std::to_string(table.remoteBindings()) + ", and limits.remoteBindings is " +
+                      std::to_string(limits->remoteBindings()) +
+                      "; raise it in the configuration and reload"};
 }
 
 std::unique_ptr<ControlJob> ControlCommands::agent(const json& request, uid_t user, std::string& output) {

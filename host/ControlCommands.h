@@ -78,6 +78,8 @@ class ControlCommands {
   Job health(std::string& output);
   Job monitor(const nlohmann::json& request, std::string& output);
   Job reload(std::string& output);
+  Mox::Result<> roomFor(const ArpSuppression::RemoteBindingConfig& table,
+                        const std::vector<Binding>& bindings) const;
   void changeBindings(std::string_view lines, bool add, std::string& output);
 
   State& state_;

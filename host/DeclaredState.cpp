@@ -5,6 +5,7 @@
 #include "L3/VrfName.h"
 #include "Statedb/Json.h"
 #include "Statedb/Path.h"
+#include "Suppression/Limits.h"
 #include "host/Config.h"
 #include "host/StatePaths.h"
 
@@ -71,6 +72,7 @@ json declaredState(const Config& config) {
     all[kRemoteBindingPath]["remoteBinding"][Mox::toStrep(key)] = Statedb::valueToJson(binding);
   for (const ArpSuppression::Ip4Network& network : config.neverAnswer)
     all[ArpSuppression::kNeverAnswerPath]["prefix"][network.toStrep()] = true;
+  for (const auto& [name, limit] : config.limits) all[ArpSuppression::kLimitsPath][name] = limit;
   return all;
 }
 

@@ -7,7 +7,7 @@ namespace Host {
 struct Config;
 
 // What a configuration says about state that the host writes, by path without a trailing slash: its `state`,
-// its `bindings` and `neverAnswer`, and the VRF ids while no plug-in writes them. Without nulls.
+// its `bindings`, `neverAnswer` and `limits`, and the VRF ids while no plug-in writes them. Without nulls.
 nlohmann::json declaredState(const Config& config);
 
 // What brings the state that the first declares to what the second does, to be merged one after the other: in

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Statedb/Path.h"
+#include "Suppression/Limits.h"
 #include "Suppression/NeverAnswer.h"
 #include "Switch/Config.h"
 #include "Switch/Forwarding.h"
@@ -33,6 +34,7 @@ const std::vector<StatePath>& statePaths() {
       {"arp/service/status", "Arp::ServiceStatus", tree, byPlugin, kArpService, false},
       {"arp/status", "Arp::Table::Status", sharedMemory, byPlugin, kKernelState, false},
       {"arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus", sharedMemory, byPlugin, kArpSuppression, false},
+      {ArpSuppression::kLimitsPath, ArpSuppression::kLimitsType, tree, byHost, nullptr, false},
       {ArpSuppression::kNeverAnswerPath, ArpSuppression::kNeverAnswerType, tree, byHost, nullptr, false},
       {kRemoteBindingPath, "ArpSuppression::RemoteBindingConfig", sharedMemory, byHost, nullptr, false},
       {"arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", tree, byPlugin, kArpSuppression, true},

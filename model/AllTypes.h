@@ -11,6 +11,7 @@
 #include "KernelNetInfo/Status.h"
 #include "Routing/Status.h"
 #include "Suppression/Counter.h"
+#include "Suppression/Limits.h"
 #include "Suppression/NeverAnswer.h"
 #include "Suppression/RemoteBindingConfig.h"
 #include "Suppression/Status.h"
@@ -29,6 +30,7 @@ namespace Model {
 template <class Visit>
 void forEachStateType(Visit&& visit) {
   visit.template operator()<ArpSuppression::ArpSuppressionStatus>("ArpSuppression::ArpSuppressionStatus");
+  visit.template operator()<ArpSuppression::Limits>(ArpSuppression::kLimitsType);
   visit.template operator()<ArpSuppression::NeverAnswer>(ArpSuppression::kNeverAnswerType);
   visit.template operator()<Arp::ArpInputConfig>("Arp::ArpInputConfig");
   visit.template operator()<Arp::ServiceStatus>("Arp::ServiceStatus");

@@ -59,6 +59,16 @@ inline constexpr auto kCounterTexts = std::to_array<const char*>({
     "a frame could not be handed back",
     "a frame could not be flooded: the VLAN has no label for that yet",
     "requests lost in the receive queue, because more came than were read",
+    "reserved",
+    "an address was claimed by two at a time, or by a host here and another switch",
+    "reserved",
+    "reserved",
+    "reserved",
+    "reserved",
+    "reserved",
+    "not learned: its port, or the whole switch, has as many local hosts as \"limits\" allows",
+    "not recorded that the address was asked for: there are as many records as \"limits\" allows",
+    "a remote binding was not taken over: there are as many as \"limits\" allows",
 });
 
 }  // namespace Host

@@ -61,7 +61,17 @@ namespace ArpSuppression {
   X(reinjected)                         \
   X(reinjectWriteFailed)                \
   X(reinjectNoImetLabel)                \
-  X(trapDropped)
+  X(trapDropped)                        \
+  X(reserved53)                         \
+  X(addressConflict)                    \
+  X(reserved55)                         \
+  X(reserved56)                         \
+  X(reserved57)                         \
+  X(reserved58)                         \
+  X(reserved59)                         \
+  X(localBindingRefused)                \
+  X(requestRecordRefused)               \
+  X(remoteBindingRefused)
 
 enum class ArpSuppressionCounterId : std::uint32_t {
 #define X(name) name,
@@ -75,7 +85,7 @@ inline constexpr auto kCounterNames = std::to_array<const char*>({
 #undef X
 });
 inline constexpr std::uint32_t kCounters = static_cast<std::uint32_t>(kCounterNames.size());
-static_assert(kCounters == 53);
+static_assert(kCounters == 63);
 
 // In shared memory at "arpSuppression/counter": one entry an id. The writer begins at zero.
 class ArpSuppressionCounterStatus final : public Memtab::Entity {

@@ -279,7 +279,7 @@ TEST(Lifecycle, dump_of_a_stopped_agent) {
   EXPECT_THAT(dump, testing::StartsWith("ArpSuppressionRootSm\n  NULL\n  NULL\n"));
   EXPECT_EQ(linesOf(dump, "  NULL\n"), 9u) << "the tables and each reactor";
   EXPECT_THAT(dump, HasSubstr("\n  tasks: "));
-  EXPECT_THAT(dump, HasSubstr("\ncounter #53\n"));
+  EXPECT_THAT(dump, HasSubstr("\ncounter #63\n"));
 }
 
 TEST(Lifecycle, dump_of_a_running_agent_shows_shared_objects_once) {

@@ -313,6 +313,11 @@ TEST_F(Control, chunksAreAllOrNothingAndCounted) {
   std::string many;
   for (std::size_t i = 0; i <= Host::kChunkBindings; ++i) many += "10 10.0.0.1 02:00:00:00:00:01\n";
   EXPECT_THAT(remote("add", many), HasSubstr("more than 512 bindings"));
+  ASSERT_EQ(host.apply({{"arpSuppression/limits", {{"remoteBindings", 2}}}}), "");
+  EXPECT_THAT(remote("add",
+                     "10 fe80::1 02:00:00:00:00:03\n10 10.0.0.1 02:00:00:00:00:01\n"
+                     "10 10.0.0.2 02:00:00:00:00:02"),
+              HasSubstr("no room for 2 more remote bindings: there are 1, and limits.remoteBindings is 2"));
   EXPECT_FALSE(host.show(kRemote)["remoteBinding"].contains("10 10.0.0.1"));
 }
 

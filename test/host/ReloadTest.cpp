@@ -122,6 +122,9 @@ TEST(Reload, carriesOutWhatIsDifferent) {
        R"({"arpSuppression/neverAnswer": {"prefix": {"10.0.9.0/24": true}}})",
        R"({"neverAnswer": ["10.0.1.0/24"]})", "arpSuppression/neverAnswer", "prefix",
        R"({"10.0.1.0/24": true, "10.0.9.0/24": true})"},
+      {"a limit that is back at its default", R"({"limits": {"remoteBindings": 7, "localBindings": 5}})",
+       R"({"arpSuppression/limits": {"localBindingsPerPort": 9}})", R"({"limits": {"localBindings": 6}})",
+       "arpSuppression/limits", "remoteBindings", "1048576"},
   };
   for (const auto& test : cases) {
     SCOPED_TRACE(test.what);

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+
+#include "Mox/Attribute.h"
+
+namespace ArpSuppression {
+
+// How much the agent keeps at most, so that its memory has a bound. What is there already stays when a limit
+// is reached or lowered, and is still brought up to date; what would be new is refused and counted. At
+// "arpSuppression/limits"; written by the host, from the configuration's `limits` and by operators.
+class Limits final : public Mox::Entity {
+ public:
+  // Addresses of local hosts: those behind one port, and all of them.
+  MOX_ATTRIBUTE(std::uint32_t, localBindingsPerPort, 4096)
+  MOX_ATTRIBUTE(std::uint32_t, localBindings, 131072)
+  // Addresses that were asked for lately.
+  MOX_ATTRIBUTE(std::uint32_t, requestRecords, 1048576)
+  // Addresses of hosts on other switches.
+  MOX_ATTRIBUTE(std::uint32_t, remoteBindings, 1048576)
+  MOX_MEMBERS(localBindingsPerPort, localBindings, requestRecords, remoteBindings)
+};
+
+inline constexpr const char* kLimitsPath = "arpSuppression/limits";
+inline constexpr const char* kLimitsType = "ArpSuppression::Limits";
+
+}  // namespace ArpSuppression
