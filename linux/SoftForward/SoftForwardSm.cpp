@@ -71,6 +71,7 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
   datapath_.ownTrappedIs(ownTrapped_);
   handleAddresses();
   followConfig();
+  open();  // here at first: loading the programs takes longer than a turn of the loop may
   handleReadiness();
 }
 
