@@ -7,6 +7,7 @@
 #include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 #include "Orb/FeatureSwitch.h"
+#include "Switch/Event.h"
 
 namespace ArpSuppression {
 
@@ -171,7 +172,11 @@ void ArpInputConfigSm::handleArpStatus(const Arp::Table::ArpKey& arpKey) {
     localBinding->arpStatusHasDynamicEntryIs(true);
     deleteEntry(key);
   } else if (localBinding->arpStatusHasDynamicEntry()) {
+    const auto [vlanId, macAddress] = localBinding->vlanIdMacAddress();
     localBindingRecord_->deleteLocalBinding(localBinding);
+    Switch::bindingEvent(
+        Switch::EventKind::withdrawn,
+        {.vlanId = vlanId, .ip = key.ipAddress, .mac = macAddress, .text = "the kernel's neighbour is gone"});
   } else if (!exists) {
     updateVrfIpAddress(key, false);
   } else if (entry.arpType != Arp::Table::kArpTypeOwn) {

@@ -257,7 +257,7 @@ void ArpSuppressionSm::handleTrappedRequest() {
       " localBindingMacAddress={} remoteBindingMacAddress={} connectionType={} localArpReq={} "
       "targetIsMine={} probe={}"
       " announcement={} fdbIntf={} neverAnswer={} outcome={}",
-      request->vlanId().value(), request->srcIntf().ifIndex, request->senderIpAddress(),
+      request->vlanId().value(), request->srcIntf().deviceName, request->senderIpAddress(),
       request->senderMacAddress(), request->targetIpAddress(), facts.localBindingMac,
       facts.remoteBinding.macAddress, letter(facts.connectionType), facts.localArpReq, facts.targetIsMine,
       facts.probe, facts.announcement, facts.fdbEntry.intf, facts.neverAnswer, outcome.name());

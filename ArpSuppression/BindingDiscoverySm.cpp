@@ -6,6 +6,7 @@
 #include "ArpSuppression/Trace.h"
 #include "Mox/Assert.h"
 #include "Orb/FeatureSwitch.h"
+#include "Switch/Event.h"
 
 namespace ArpSuppression {
 
@@ -101,11 +102,23 @@ void BindingDiscoverySm::createLocalBinding(Bridging::VlanId vlanId, const Lanix
   localBindingRecord_->createLocalBinding(vrfIpAddress, vlanIdMacAddress);
   if (port) localBindingRecord_->portIs(vlanIdMacAddress, port);
   count(Id::localBindingCreated);
+  Mox::String before;
+  if (existing)
+    before = "was " + existing->vlanIdMacAddress().macAddress.toStrep() + " on VLAN " +
+             existing->vlanIdMacAddress().vlanId.toStrep();
+  Switch::bindingEvent(
+      existing ? Switch::EventKind::moved : Switch::EventKind::learned,
+      {.vlanId = vlanId, .ip = ipAddress, .mac = macAddress, .interface = port.name(), .text = before});
 }
 
-void BindingDiscoverySm::deleteLocalBinding(const Ptr<LocalBinding>& localBinding) {
+void BindingDiscoverySm::deleteLocalBinding(const Ptr<LocalBinding>& given, const char* why) {
+  const Ptr<LocalBinding> localBinding = given;
   localBindingRecord_->deleteLocalBinding(localBinding);
   count(Id::localBindingDeleted);
+  Switch::bindingEvent(Switch::EventKind::withdrawn, {.vlanId = localBinding->vlanIdMacAddress().vlanId,
+                                                      .ip = localBinding->vrfIpAddress().ipAddress,
+                                                      .mac = localBinding->vlanIdMacAddress().macAddress,
+                                                      .text = why});
 }
 
 // --- Requests --------------------------------------------------------------------------------------------
@@ -191,7 +204,7 @@ void BindingDiscoverySm::processRemoteMac(const VlanIdMacAddress& vlanIdMacAddre
     localBindings.push_back(localBinding);
   for (const Ptr<LocalBinding>& localBinding : localBindings) {
     TRACE8("localBinding=" << localBinding);
-    deleteLocalBinding(localBinding);
+    deleteLocalBinding(localBinding, "its station is no longer on a port of this switch");
   }
   MOX_ASSERT(kSource, "!localBindingRecord()->macToIpHas( vlanIdMacAddress )",
              !localBindingRecord_->macToIpHas(vlanIdMacAddress));
@@ -203,7 +216,7 @@ void BindingDiscoverySm::handleRemoteBinding() {
   const Ptr<LocalBinding> localBinding = localBindingRecord_->binding(vrfIpAddress);
   if (!localBinding) return;
   TRACE8("vrfIpAddress=" << vrfIpAddress << " localBinding=" << localBinding);
-  deleteLocalBinding(localBinding);
+  deleteLocalBinding(localBinding, "another switch advertises the address");
 }
 
 // --- Listeners -------------------------------------------------------------------------------------------

@@ -48,7 +48,8 @@ class BindingDiscoverySm final : public Mox::Entity {
                           const Lanix::EthAddr& macAddress, bool bindingDiscoveryEvent) {
     createLocalBinding(vlanId, ipAddress, macAddress, bindingDiscoveryEvent, {});
   }
-  void deleteLocalBinding(const Ptr<LocalBinding>& localBinding);
+  // `why` is for operators.
+  void deleteLocalBinding(const Ptr<LocalBinding>& given, const char* why);
 
   // The listener of a VLAN; null when there is none.
   BindingDiscoveryVgwReplySm* vgwReplySm(Bridging::VlanId vlanId) const;

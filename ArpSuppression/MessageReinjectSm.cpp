@@ -197,7 +197,7 @@ std::int32_t MessageReinjectSmPhysical::processMessage(const TrappedMessage& mes
   TRACELET_RECORD(
       "message=<vlanId={};srcIntf={};senderIpAddress={};targetIpAddress={}> localImetLabel={} "
       "localEsiMplsLabel={} vlanAwareVlanId={} addInnerDot1Q={} origDot1QPresent={} controlWordEnabled={}",
-      vlanId.value(), message.srcIntf().ifIndex, message.senderIpAddress(), message.targetIpAddress(),
+      vlanId.value(), message.srcIntf().deviceName, message.senderIpAddress(), message.targetIpAddress(),
       localImetLabel.value(), localEsiMplsLabel, vlanAwareVlanId, addInnerDot1Q, origDot1QPresent,
       controlWordEnabled);
 

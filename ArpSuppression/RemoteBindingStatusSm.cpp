@@ -6,6 +6,7 @@
 #include "ArpSuppression/Trace.h"
 #include "Mox/Assert.h"
 #include "Mox/Error.h"
+#include "Switch/Event.h"
 
 namespace ArpSuppression {
 
@@ -113,6 +114,18 @@ bool RemoteBindingStatusSm::apply(const RemoteBindingKey& key) {
   if (now && !old && knownBindings() >= limits_->remoteBindings()) return false;
   if (now) addMac(key, now, macChanged, !old);
   if (macChanged && old) deleteMac(key, old.macAddress, !now, count);
+  // What was there from the beginning is no news.
+  if (macChanged && remoteBindingStatus_->initialPopulationComplete()) {
+    using enum Switch::EventKind;
+    Switch::bindingEvent(!old  ? learned
+                         : now ? moved
+                               : withdrawn,
+                         {.table = Switch::EventTable::remote,
+                          .vlanId = key.vlanId,
+                          .ip = key.ipAddress,
+                          .mac = now ? now.macAddress : old.macAddress,
+                          .text = now && old ? "was " + old.macAddress.toStrep() : Mox::String()});
+  }
   if (!now && remoteBindingStatus_->refusing() && !room_.scheduled()) room_.after(kRoomSeconds);
   return true;
 }

@@ -1,9 +1,12 @@
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdlib>
 #include <ctime>
 #include <string>
 
+#include "Tracelet/Trace.h"
 #include "host/Daemon.h"
 #include "host/Version.h"
 
@@ -14,10 +17,17 @@
 
 namespace {
 
-// One line and one write, as the journal likes it.
-void report(const std::string& message) {
-  const std::string line = "agent-host: " + message + "\n";
-  if (write(STDERR_FILENO, line.data(), line.size()) < 0) return;
+void report(const std::string& message) { Tracelet::writeLine("agent-host: " + message); }
+void reportError(const std::string& message) {
+  Tracelet::writeLine("agent-host: " + message, Tracelet::Priority::error);
+}
+
+// The journal names the file that it reads, for whoever has been given it: not for a shell behind a pipe.
+bool stderrIsJournal() {
+  const char* const named = std::getenv("JOURNAL_STREAM");
+  struct stat status {};
+  return named && fstat(STDERR_FILENO, &status) == 0 &&
+         named == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
 }
 
 // In UTC, as in the trace.
@@ -32,6 +42,7 @@ std::string timeText() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  Tracelet::journalIs(stderrIsJournal());
   CLI::App app(
       "Runs the agents of a switch in the foreground; ends on SIGTERM or SIGINT, and reads its "
       "configuration again on SIGHUP. Logs to stderr.");
@@ -48,12 +59,12 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);
-    report(std::string(error.what()) + "; see agent-host --help");
+    reportError(std::string(error.what()) + "; see agent-host --help");
     return 2;
   }
   if (!checked.empty()) file = checked;
   Host::ConfigReading reading = Host::readConfig(file);
-  for (const std::string& problem : reading.problems) report(problem);
+  for (const std::string& problem : reading.problems) reportError(problem);
   if (!reading.good()) return 1;
   if (check->count() > 0) {
     for (const std::string& remark : Host::remarks(reading.config)) report(file + ": " + remark);
@@ -66,6 +77,6 @@ int main(int argc, char** argv) {
   if (done) report(Host::versionOf("version") + " begins at " + timeText() + " with " + file);
   if (done) done = daemon.run();
   if (done) return 0;
-  report(done.error());
+  reportError(done.error());
   return 1;
 }

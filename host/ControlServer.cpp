@@ -27,6 +27,11 @@ const sockaddr* generic(const sockaddr_un& address) {
 
 }  // namespace
 
+std::optional<gid_t> operatorGroup() {
+  const group* const found = getgrnam(kGroup);
+  return found ? std::optional(found->gr_gid) : std::nullopt;
+}
+
 ControlServer::ControlServer(const Mox::Ptr<Orb::TaskScheduler>& scheduler, State& state,
                              const ControlCommands::Agents& agents, ControlLimits limits, Reload* reload)
     : scheduler_(scheduler),
@@ -66,8 +71,8 @@ Mox::Result<> ControlServer::listen(const std::string& runDirectory) {
   const int bound = bind(socket_, generic(address), sizeof address);
   umask(mask);
   if (bound < 0) return failed("bind");
-  if (const group* owners = getgrnam(kGroup);
-      owners && fchownat(directory_, kControlSocket, 0, owners->gr_gid, 0) < 0) {
+  if (const auto owners = operatorGroup();
+      owners && fchownat(directory_, kControlSocket, 0, *owners, 0) < 0) {
     return failed("change its group");
   }
   if (fchmodat(directory_, kControlSocket, 0660, 0) < 0) return failed("change its mode");

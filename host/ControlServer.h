@@ -4,6 +4,7 @@
 
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "Mox/Notifiee.h"
@@ -12,6 +13,9 @@
 #include "host/ControlConnection.h"
 
 namespace Host {
+
+// The group whose members may look, where there is one.
+std::optional<gid_t> operatorGroup();
 
 // The control socket (host/Protocol.h). Destroying it drops every client and removes the socket.
 class ControlServer {

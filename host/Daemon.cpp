@@ -43,6 +43,7 @@ Daemon::Daemon(Orb::EventLoop& loop, std::string file, Config config, Report rep
       config_(std::move(config)),
       report_(std::move(report)),
       tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop)),
+      events_(loop),
       signals_(Mox::make<Orb::FileDescriptor>(loop, "signals")),
       pluginStart_(loop, "plug-in start", [this] { startPlugins(); }),
       serviceManager_(loop) {
@@ -127,6 +128,11 @@ void Daemon::startStep(Plugin::AgentBase& agent, const Call& call) {
 void Daemon::handleStarted() {
   if (--starting_ > 0 || !started_) return;
   for (const std::string& remark : remarks(config_)) report_(remark);
+  // Who may look may also look back.
+  const std::string trace = Tracelet::fileName();
+  if (const auto group = operatorGroup(); group && !trace.empty())
+    if (chown(trace.c_str(), static_cast<uid_t>(-1), *group) < 0)
+      report_(trace + ": its group cannot be changed: " + std::strerror(errno));
   report_("runs");
   serviceManager_.started();
 }

@@ -10,6 +10,7 @@
 #include "Plugin/AgentBase.h"
 #include "host/Config.h"
 #include "host/ControlServer.h"
+#include "host/EventLog.h"
 #include "host/HealthSm.h"
 #include "host/LockFile.h"
 #include "host/Reload.h"
@@ -61,6 +62,7 @@ class Daemon final : public Plugin::AgentHost {
   const Config config_;  // as it was at start
   const Report report_;
   const Mox::Ptr<Orb::TaskSchedulerRoot> tasks_;
+  EventLog events_;
   std::unique_ptr<LockFile> networkNamespace_;
   std::unique_ptr<RunDirectory> runDirectory_;
   std::unique_ptr<State> state_;

@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "Lanix/IntfId.h"
+#include "Switch/Event.h"
 #include "host/StatePaths.h"
 
 namespace Host {
@@ -87,6 +88,7 @@ bool HealthSm::walkStartedNotification() {
   next_ = {};
   looked_.clear();
   wrong_.clear();
+  tellVrfs();
   if (!health_->starting()) {
     for (const auto& [key, problem] : reported_->problemCollection()) {
       std::string_view rest;
@@ -139,7 +141,21 @@ void HealthSm::walkFinishedNotification() {
     for (const auto& [key, problem] : reported_->problemCollection())
       verdict = std::max(verdict, problem->stops() ? Verdict::failed : Verdict::degraded);
   }
+  if (health_->health() != verdict) Switch::healthEvent(Mox::toStrep(verdict));
   health_->healthIs(verdict);
+}
+
+void HealthSm::tellVrfs() {
+  std::map<std::string, Ip::VrfState> now;
+  for (const auto& [name, vrf] : vrfs_->vrfCollection()) {
+    now.emplace(name, vrf->state());
+    const auto before = toldVrfs_.find(name);
+    if (before == toldVrfs_.end() || before->second != vrf->state())
+      Switch::vrfEvent(name, Mox::toStrep(vrf->state()));
+  }
+  for (const auto& [name, state] : toldVrfs_)
+    if (!now.contains(name)) Switch::vrfEvent(name, "gone");
+  toldVrfs_ = std::move(now);
 }
 
 // --- VLANs -----------------------------------------------------------------------------------------------
@@ -158,6 +174,7 @@ void HealthSm::judgeVlan(Bridging::VlanId vlanId, const Switch::VlanConfig& conf
   }
   row->vrfIs(interface ? interface->vrfName() : config.vrf());
   row->reasonIs(reason);
+  if (row->state() != state) Switch::vlanEvent(vlanId, Mox::toStrep(state), reason);
   row->stateIs(state);
 }
 

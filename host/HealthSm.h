@@ -24,9 +24,9 @@ namespace Host {
 // Judges how the switch is, from what its plug-ins publish and report, and publishes that at "switch/health".
 // It looks again when any of it changes, and otherwise rests.
 //
-// Reports itself what no plug-in can know alone: a configured VRF that is not there, a configured VLAN without
-// an interface, EVPN that is not configured, and an event loop that is held up. For a time after its start nothing is a problem: what is not
-// there yet may be on its way.
+// Reports itself what no plug-in can know alone: a configured VRF that is not there, a configured VLAN
+// without an interface, EVPN that is not configured, and an event loop that is held up. For a time after its
+// start nothing is a problem: what is not there yet may be on its way.
 class HealthSm final : public Orb::WalkSmBase {
  public:
   static constexpr double kStartSeconds = 10;
@@ -52,6 +52,7 @@ class HealthSm final : public Orb::WalkSmBase {
   Switch::VlanState stateOf(Bridging::VlanId vlanId, const Switch::VlanConfig& config,
                             std::string& reason) const;
   void lookForVrfs();
+  void tellVrfs();
   void lookForInterface(Bridging::VlanId vlanId, const Switch::VlanConfig& config);
   void missingIs(const std::string& subject, bool missing, const std::string& problem,
                  const std::string& advice);
@@ -74,6 +75,7 @@ class HealthSm final : public Orb::WalkSmBase {
   std::map<Bridging::VlanId, std::string> wrong_;  // what is reported of a VLAN
   std::map<std::string, double> missingSince_;     // by subject
   std::set<std::string> looked_;                   // those subjects, in the walk in hand
+  std::map<std::string, Ip::VrfState> toldVrfs_;
 };
 
 // The health and its problems as `arpsup` shows them: {"health", "problems": [...], "vlans": [...]}. No

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "Switch/Event.h"
 #include "host/Config.h"
 #include "host/Version.h"
 #include "host/arpsup/Client.h"
@@ -20,6 +21,11 @@ constexpr const char* kAsk = "Find out why";
 constexpr const char* kRunDirectoryVariable = "ARPSUP_RUN_DIR";
 // Not a command for people: what the completion of the shell asks with.
 constexpr const char* kCompleteWords = "complete-words";
+
+std::vector<std::string> kindNames() {
+  const auto names = moxEnumNames(Switch::EventKind());
+  return {names.begin(), names.end()};
+}
 
 }  // namespace
 
@@ -155,6 +161,25 @@ void CommandLine::addLooking() {
                            [this] { return showState(options_, path_); });
   argument(show, "PATH", path_, "as `arpsup show` lists it")->required(false);
 
+  CLI::App* events = command(
+      app_, kLook,
+      {"events", "what happened on this switch: hosts, conflicts, VLANs, VRFs and health; kept over restarts",
+       "  arpsup events --since 1h                   of the last hour, the latest last\n"
+       "  arpsup events --ip 10.0.10.99 --follow     of one address, and what comes, until interrupted\n"
+       "  arpsup events --event conflict --json      a JSON object a line"},
+      [this] { return showEvents(options_, events_); });
+  events->add_flag("--follow", events_.follow, "go on until interrupted");
+  events
+      ->add_option("--since", events_.since, "from then on: 10m, 2h or 1d ago, 09:30, 2026-01-31T09:30 (UTC)")
+      ->type_name("TIME");
+  events->add_option("--event", events_.kinds, "of this kind only; may be given more than once")
+      ->type_name("KIND")
+      ->expected(1)
+      ->check(CLI::IsMember(kindNames()));
+  events->add_option("--vlan", events_.vlan, "of one VLAN only")->type_name("VLAN");
+  events->add_option("--ip", events_.ip, "of one address only")->type_name("IP");
+  events->add_option("--mac", events_.mac, "of one station only")->type_name("MAC");
+
   CLI::App* monitor = command(
       app_, kLook,
       {"monitor", "changes of state as they happen, a JSON object a line, until interrupted",
@@ -260,6 +285,8 @@ void CommandLine::addAsking() {
   trace->add_option("--level", trace_.level, "records of this level and below, 0 being the gravest")
       ->type_name("N")
       ->check(CLI::Range(0, 5));
+  trace->add_option("--since", trace_.since, "from then on: 10m, 2h or 1d ago, 09:30, 2026-01-31T09:30 (UTC)")
+      ->type_name("TIME");
   trace->add_option("--vlan", trace_.vlan, "records that name this VLAN")->type_name("VLAN");
   trace->add_option("--ip", trace_.ip, "records that name this address")->type_name("IP");
   trace->add_option("--grep", trace_.texts, "records with this text; may be given more than once")

@@ -55,6 +55,7 @@ class CommandLine {
   bool localMultihomed_ = false;
   bool skipBad_ = false;
   TraceOptions trace_;
+  EventOptions events_;
 };
 
 // Of the candidates the one that `word` is most likely a slip for; "" when it is like none.

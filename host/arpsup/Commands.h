@@ -43,8 +43,16 @@ struct TraceOptions {
   std::vector<std::string> texts;  // all of which a line has to have
   std::string vlan;
   std::string ip;
+  std::string since;
 };
 int showTrace(const CommonOptions& options, const TraceOptions& trace);
+struct EventOptions {
+  bool follow = false;
+  std::vector<std::string> kinds;  // none: all
+  std::string vlan, ip, mac, since;
+};
+// Of all agent-hosts whose trace rings are still there, in the order of time.
+int showEvents(const CommonOptions& options, const EventOptions& events);
 int setState(const CommonOptions& options, const std::string& path, const std::string& value);
 int applyFile(const CommonOptions& options, const std::string& file);
 // Has the daemon read its configuration file again.

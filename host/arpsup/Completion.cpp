@@ -3,6 +3,7 @@
 #include <set>
 
 #include "Switch/Config.h"
+#include "Switch/Event.h"
 #include "host/StatePaths.h"
 #include "host/arpsup/CommandLine.h"
 #include "host/arpsup/Output.h"
@@ -155,6 +156,8 @@ int complete(const CLI::App& app, const CommonOptions& given, const std::vector<
   std::set<std::string> offers;
   if (waiting) {  // the shell knows files
     if (waiting->check_name("--vlan")) offers = vlanNames(options);
+    if (waiting->check_name("--event"))
+      for (const char* kind : moxEnumNames(Switch::EventKind())) offers.insert(kind);
     if (waiting->check_name("--ip")) offers = addresses(options, "", last);
   } else if (last.starts_with("-")) {
     for (const CLI::App* owner = at; owner; owner = owner->get_parent()) {

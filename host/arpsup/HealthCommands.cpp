@@ -31,6 +31,13 @@ int requestHealth(const CommonOptions& options, ordered_json& health) {
   return stringAt(health, "health").empty() ? unreadable("health") : kDone;
 }
 
+std::string verdictText(const std::string& verdict) {
+  return coloured(verdict == "good"       ? Colour::green
+                  : verdict == "degraded" ? Colour::yellow
+                                          : Colour::red,
+                  verdict);
+}
+
 std::string timeText(const ordered_json& problem) {
   const std::time_t since = problem.value("since", std::time_t{0});
   std::tm local{};
@@ -45,7 +52,7 @@ std::string problemLines(const ordered_json& health) {
   for (const ordered_json& problem : listAt(health, "problems")) {
     if (!problem.is_object()) continue;
     const std::string advice = stringAt(problem, "advice");
-    lines += stringAt(problem, "plugin") + ": " + stringAt(problem, "subject") + ": " +
+    lines += coloured(Colour::red, stringAt(problem, "plugin") + ": " + stringAt(problem, "subject")) + ": " +
              stringAt(problem, "problem") + " (since " + timeText(problem) + ")" +
              (advice.empty() ? "" : "; " + advice) + "\n";
   }
@@ -105,7 +112,8 @@ int showHealth(const CommonOptions& options) {
   ordered_json health;
   if (requestHealth(options, health) != kDone) return kFailed;
   const std::string verdict = stringAt(health, "health");
-  if (!print(options.json ? textOf(health) + "\n" : verdict + "\n" + problemLines(health))) return kFailed;
+  if (!print(options.json ? textOf(health) + "\n" : verdictText(verdict) + "\n" + problemLines(health)))
+    return kFailed;
   return verdict == "good" ? kGood : verdict == "degraded" ? kDegraded : kFailed;
 }
 
@@ -131,7 +139,7 @@ int showStatus(const CommonOptions& options) {
   const auto line = [&](const std::string& key, const std::string& value) {
     return key + ":" + std::string(width - key.size() + 1, ' ') + value + "\n";
   };
-  std::string lines = line("health", stringAt(shown, "health")) + problemLines(shown);
+  std::string lines = line("health", verdictText(stringAt(shown, "health"))) + problemLines(shown);
   for (const auto& [key, value] : agent.items()) lines += line(key, forPeople(value));
   return print(lines) && printVlans(listAt(shown, "vlans")) ? kDone : kRefused;
 }

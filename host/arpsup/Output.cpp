@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "Statedb/Json.h"
@@ -22,6 +23,18 @@ bool print(std::string_view text) {
 }
 
 int printed(std::string_view text) { return print(text) ? kDone : kRefused; }
+
+std::string coloured(Colour colour, std::string_view text) {
+  static const bool wanted = [] {
+    const char* const off = std::getenv("NO_COLOR");
+    const char* const terminal = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) && !(off && *off) && terminal && std::string_view(terminal) != "dumb";
+  }();
+  constexpr const char* kCodes[] = {"2", "31", "33", "32"};
+  if (!wanted || text.empty()) return std::string(text);
+  return std::string("\033[") + kCodes[static_cast<std::size_t>(colour)] + "m" + std::string(text) +
+         "\033[0m";
+}
 
 int fail(int status, const std::string& text) {
   if (!text.empty()) std::fprintf(stderr, "arpsup: %s\n", text.c_str());

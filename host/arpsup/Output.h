@@ -17,6 +17,10 @@ bool print(std::string_view text);
 // The same as an exit status.
 int printed(std::string_view text);
 
+enum class Colour { dim, red, yellow, green };
+// In that colour where stdout is a terminal and NO_COLOR is not set.
+std::string coloured(Colour colour, std::string_view text);
+
 // Writes one line "arpsup: ..." to stderr, unless there is nothing to say; returns the status.
 int fail(int status, const std::string& text);
 // With the status that the failure of a Client stands for.

@@ -12,14 +12,15 @@
 #include "Mox/Strep.h"
 #include "Tracelet/Trace.h"
 
-// What happens on this switch that an operator may want to look back at (`arpsup events`). An event is a record
-// of the trace ring, in a level with others of its kind, so that many of one kind do not push out the others:
+// What happens on this switch that an operator may want to look back at (`arpsup events`). An event is a
+// record of the trace ring, in a level with others of its kind, so that many of one kind do not push out the
+// others:
 //
 //   level 1  health, problems, conflicts      level 4  local bindings
 //   level 3  VLANs, VRFs                      level 5  remote bindings
 //
-// Its text is "event <kind> <key>=<value> ...". A value ends where a blank and the next known key stand; the last
-// key is "text", for people, which takes the rest.
+// Its text is "event <kind> <key>=<value> ...". A value ends where a blank and the next known key stand; the
+// last key is "text", for people, which takes the rest.
 
 namespace Switch {
 
@@ -68,8 +69,8 @@ void healthEvent(std::string_view verdict);
 void problemEvent(EventKind kind, std::string_view plugin, std::string_view subject,
                   std::string_view problem = {});
 
-// Whoever writes events into the log besides, but those of problems, which the ProblemReporter writes itself. The
-// text is made when it is asked for, and in the call only.
+// Whoever writes events into the log besides, but those of problems, which the ProblemReporter writes itself.
+// The text is made when it is asked for, and in the call only.
 using EventText = std::function<std::string()>;
 using EventListener = std::function<void(EventKind kind, Tracelet::Priority priority, const EventText& text)>;
 void eventListenerIs(EventListener listener);

@@ -24,9 +24,9 @@
 // and types with a member traceletArg() that returns one of those, or Mac, Ip4, Ip6 or Ip. Texts are cut when
 // the record would exceed the largest record size; the reader shows "..." there.
 //
-// Records go to the ring of the process: in memory until Tracelet::initialize opens a file. Their times do not
-// jump with a clock that is set (16 ns a reading, right to the microsecond); the order of records is that of
-// their sequence numbers.
+// Records go to the ring of the process: in memory until Tracelet::initialize opens a file. Their times do
+// not jump with a clock that is set (16 ns a reading, right to the microsecond); the order of records is that
+// of their sequence numbers.
 
 namespace Tracelet {
 

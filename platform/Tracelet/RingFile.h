@@ -27,8 +27,8 @@
 // `size` that follows. Sequence numbers order the records of all levels.
 //
 // Times advance with CLOCK_MONOTONIC, whatever becomes of the wall clock meanwhile: they are its reading plus
-// `wallOffset`, what the wall clock was ahead of it when the writer began. A reader in the same boot puts right
-// what a clock that was set since has made of them.
+// `wallOffset`, what the wall clock was ahead of it when the writer began. A reader in the same boot puts
+// right what a clock that was set since has made of them.
 
 namespace Tracelet {
 

@@ -73,6 +73,8 @@ TEST_F(Programs, tellWhatToDoNext) {
       {{"apply", absent}, 1, "/absent: No such file"},
       {{"trace"}, 1, "no trace ring is there that can be read"},
       {{"trace", "--run-dir", absent}, 2, "/absent: No such file .*--run-dir"},
+      {{"events", "--event", "moves"}, 2, "--event: moves not in .learned,moved,"},
+      {{"events", "--since", "9"}, 2, "--since \"9\" is not a time: 10m, 2h or 1d ago"},
       {{"trace", "--level", "6"}, 2, "--level: Value 6 not in range 0 to 5"},
   };
   const auto check = [](const Case& test, const Result& result) {
@@ -144,6 +146,14 @@ TEST_F(Programs, monitorAndTrace) {
   daemonIs({{"agents", {"ArpSuppression"}}});
   ASSERT_EQ(arpsup({"show"}).status, 0) << "its plug-ins have started";
   EXPECT_THAT(arpsup({"trace"}).output, testing::Not(HasSubstr("vlanId=77")));
+  const Result events = arpsup({"events", "--vlan", "77", "--since", "1h", "--json"});
+  json event = json::parse(events.output, nullptr, false);
+  EXPECT_GT(event["time"], 1.7e9);
+  event.erase("time");
+  EXPECT_EQ(event, json::parse(R"({"event": "learned", "table": "remote", "vlan": 77, "ip": "10.0.0.9",
+                                  "mac": "02:00:00:00:00:09"})"))
+      << events.output << events.error;
+  EXPECT_EQ(arpsup({"events", "--since", "2100-01-01"}).output, "");
   const Result all = arpsup({"trace", "--all"});
   EXPECT_EQ(all.status, 0);
   EXPECT_THAT(all.output, testing::ContainsRegex("^== agent-host, process [0-9]+, running\n"));

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "host/EventLog.h"
 #include "test/host/HostFixture.h"
 
 // How a switch is judged by what its plug-ins publish; nothing of them is loaded here.
@@ -129,6 +130,35 @@ TEST_F(HealthTest, SaysWhatIsWrongUntilItIsMended) {
     settle();
     EXPECT_EQ(summary(), "good active") << row.summary;
   }
+}
+
+TEST_F(HealthTest, ChangesStandInTheLogButNotWithoutEnd) {
+  std::vector<std::string> lines;
+  Tracelet::textSinkIs([&](std::string_view line) { lines.emplace_back(line); });
+  {
+    const Host::EventLog log(host_.loop);
+    settle(Host::HealthSm::kStartSeconds);
+    const auto vlanIs = [&](bool ready) {
+      is("switch/forwarding", {{"vlan", {{"10", {{"ready", ready}, {"reason", ready ? "" : "torn"}}}}}});
+      settle();
+    };
+    vlanIs(false);
+    is("ip/vrf/status/local", {{"vrf", {{"red", {{"state", "inactive"}}}}}});
+    is("switch/forwarding", {{"failingOpen", true}});
+    settle();
+    EXPECT_THAT(lines,
+                testing::ElementsAre("agent-host: VLAN 10 is degraded: torn",
+                                     "agent-host: VRF red is inactive", "agent-host: health is failed"));
+    lines.clear();
+    for (int i = 0; i < 10; ++i) vlanIs(i % 2 == 0);
+    EXPECT_EQ(std::ranges::count(lines, "agent-host: VLAN 10 is active"), 5);
+    EXPECT_EQ(std::ranges::count(lines, "agent-host: VLAN 10 is degraded: torn"), 4) << "one was before";
+    settle(Host::EventLog::kWindowSeconds);
+    EXPECT_EQ(lines.back(),
+              "agent-host: 1 more events \"vlan\" in the last minute; `arpsup events` has the latest");
+    EXPECT_EQ(log.count(Switch::EventKind::vlan), 11u);
+  }
+  Tracelet::textSinkIs({});
 }
 
 TEST_F(HealthTest, ALoopThatIsHeldUpIsAProblemForAMinute) {
