@@ -80,6 +80,7 @@ class StatusCommand final : public Plugin::AgentCommandCallback {
         .add("remoteBindings", mounts.remoteBindingConfig ? mounts.remoteBindingConfig->remoteBindings() : 0)
         .add("trapSocket", state(rootSm_->messageTrapSm()))
         .add("reinjectSocket", state(rootSm_->messageReinjectSm()))
+        .add("reinjectQueue", root ? root->reinjectMessageQueue->messages() : 0)
         .add("uptimeSeconds", static_cast<std::uint64_t>(loop_.now() - start_))
         .json("vlanBindings", vlanBindings());
     Orb::DumpContext(descriptor).line(0, status.text());

@@ -201,4 +201,24 @@ void AgentAnswers::handleEnded(std::list<Copy>::iterator copy) {
   copies_.erase(copy);
 }
 
+Mox::Result<std::string> smallAnswer(Plugin::AgentCommandCallback& command,
+                                     const std::vector<Mox::String>& arguments) {
+  if (const auto checked = command.check(arguments); !checked) return checked.failure();
+  const int descriptor = memfd_create("agent answer", MFD_CLOEXEC);
+  if (descriptor < 0) return failureOf("no memory for the answer", errno);
+  std::string answer;
+  try {
+    command.handleCommand(descriptor, arguments);
+    std::array<char, 4096> bytes;
+    for (ssize_t got = 0;
+         (got = pread(descriptor, bytes.data(), bytes.size(), static_cast<off_t>(answer.size()))) > 0;)
+      answer.append(bytes.data(), static_cast<std::size_t>(got));
+  } catch (const Mox::Error& error) {
+    close(descriptor);
+    return Mox::Failure{error.what()};
+  }
+  close(descriptor);
+  return answer;
+}
+
 }  // namespace Host

@@ -58,4 +58,8 @@ class AgentAnswers {
   std::list<Copy> copies_;
 };
 
+// The answer of a command whose answers are small.
+Mox::Result<std::string> smallAnswer(Plugin::AgentCommandCallback& command,
+                                     const std::vector<Mox::String>& arguments);
+
 }  // namespace Host

@@ -13,6 +13,7 @@
 #include "host/ConfigReader.h"
 #include "host/FeatureFiles.h"
 #include "host/JsonText.h"
+#include "host/MetricsServer.h"
 #include "host/State.h"
 
 namespace Host {
@@ -49,6 +50,7 @@ bool isDeviceName(const std::string& name) {
   return static_cast<bool>(Lanix::IntfId::fromName(name)) && name != "." && name != ".." &&
          name.find_first_of("/:") == std::string::npos;
 }
+bool isMetricsAddress(const std::string& text) { return static_cast<bool>(MetricsAddress::of(text)); }
 bool isPrintable(const std::string& name) {
   return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) { return c > ' ' && c < 0x7f; });
 }
@@ -130,6 +132,13 @@ void FileReader::readAll() {
        {"featureDirectory", reader_.string(config_.featureDirectory, isAbsolute, kAbsolute)},
        {"neighborRefreshSeconds",
         reader_.number<std::uint32_t>(config_.neighborRefreshSeconds, 1, kMaxRefreshSeconds)},
+       {"metrics",
+        [this](const auto& key, const json& value) {
+          reader_.object(
+              key, value,
+              {{"listen", reader_.string(config_.metrics, isMetricsAddress, MetricsAddress::allowed())}});
+          reader_.required(key, value, "listen");
+        }},
        {"trace", reader_.each("an object of levels by trace handle", [this](const auto& key, const auto& name,
                                                                             const json& level) {
           if (!isOneOf(kTraceHandles, name))

@@ -59,6 +59,8 @@ struct SoftForwardSettings {
 //   featureDirectory        absolute path of the folder with the group files of feature switches; default
 //                           none
 //   neighborRefreshSeconds  1 to 86400, default 240: when ArpService has a stale neighbour probed
+//   metrics                 listen (a loopback address with a port, or the absolute path of a socket): where metrics
+//                           are served; default nowhere
 //   trace                   by trace handle: level of the text lines it writes, 0 to 9
 struct Config {
   std::string runDirectory = kDefaultRunDirectory;
@@ -73,6 +75,7 @@ struct Config {
   std::map<std::string, std::uint32_t> limits;  // those that are given, by name
   std::string featureDirectory;
   std::map<std::string, int> trace;
+  std::string metrics;  // where they are served (MetricsServer.h); "": nowhere
   std::uint32_t neighborRefreshSeconds = 240;
 
   // Whether it loads this plug-in.

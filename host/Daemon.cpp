@@ -54,6 +54,8 @@ Daemon::~Daemon() {
   Orb::FeatureSwitch::sourceIs({});
   signals_->descriptorIs(-1);
   if (signalDescriptor_ >= 0) close(signalDescriptor_);
+  metrics_.reset();
+  turns_.reset();
   control_.reset();
   reload_.reset();
   health_ = nullptr;
@@ -95,6 +97,13 @@ Mox::Result<> Daemon::start() {
   control_ =
       std::make_unique<ControlServer>(tasks_->scheduler(), *state_, agents_, ControlLimits(), reload_.get());
   if (auto listening = control_->listen(config_.runDirectory); !listening) return listening;
+  if (!config_.metrics.empty()) {
+    turns_ = std::make_unique<TurnTimes>(loop_);
+    metrics_ =
+        std::make_unique<MetricsServer>(tasks_->scheduler(), state_->problems(), config_.metrics, [this] {
+          return metricsText({*state_, agents_, events_, *turns_});
+        });
+  }
   pluginStart_.after(0);
   return {};
 }

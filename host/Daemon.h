@@ -13,6 +13,8 @@
 #include "host/EventLog.h"
 #include "host/HealthSm.h"
 #include "host/LockFile.h"
+#include "host/Metrics.h"
+#include "host/MetricsServer.h"
 #include "host/Reload.h"
 #include "host/RunDirectory.h"
 #include "host/ServiceManager.h"
@@ -73,6 +75,8 @@ class Daemon final : public Plugin::AgentHost {
   std::unique_ptr<Reload> reload_;
   std::unique_ptr<ControlServer> control_;
   Mox::Ptr<HealthSm> health_;
+  std::unique_ptr<TurnTimes> turns_;  // with the metrics only
+  std::unique_ptr<MetricsServer> metrics_;
   int signalDescriptor_ = -1;
   Mox::Notifiee<Orb::FileDescriptor> signals_;
   Orb::Timer pluginStart_;

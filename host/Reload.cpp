@@ -27,6 +27,7 @@ std::vector<std::string> needRestart(const std::string& file, const Config& befo
   compare("runDirectory", before.runDirectory, now.runDirectory);
   compare("hardware", before.hardware, now.hardware);
   compare("agents", before.agents, now.agents);
+  compare("metrics.listen", before.metrics, now.metrics);
   return problems;
 }
 

@@ -35,7 +35,7 @@ std::vector<Datapath::PairState> Datapath::pairStates() const {
   return states;
 }
 
-void SoftForwardSm::show(Orb::DumpContext& answer) const {
+void SoftForwardSm::show(Orb::DumpContext& answer, bool devices) const {
   constexpr const char* kRoles[] = {"access", "tunnel", "own"};
   constexpr std::pair<const char*, std::uint64_t Statistics::*> kCounters[] = {
       {"trapped", &Statistics::trapped},
@@ -61,19 +61,21 @@ void SoftForwardSm::show(Orb::DumpContext& answer) const {
   constexpr double kMilliseconds = 1e3;
   shown.json("heartbeatAgeMs",
              age ? std::to_string(static_cast<std::uint64_t>(*age * kMilliseconds)) : "null");
-  shown.json("ports", list(datapath_.portStates(), [&](const Datapath::PortState& port) {
-               return Orb::JsonObject()
-                   .add("port", port.device)
-                   .add("vlan", port.vlan)
-                   .add("role", kRoles[static_cast<std::size_t>(port.role)])
-                   .add("trapped", port.frames.trapped)
-                   .add("policed", port.frames.policed)
-                   .add("answered", 0)  // in the data plane: nothing is
-                   .add("droppedAtTunnel", port.frames.tunnelDropped);
-             }));
-  shown.json("pairs", list(datapath_.pairStates(), [](const Datapath::PairState& pair) {
-               return Orb::JsonObject().add("device", pair.device).add("passes", pair.passes);
-             }));
+  if (devices) {
+    shown.json("ports", list(datapath_.portStates(), [&](const Datapath::PortState& port) {
+                 return Orb::JsonObject()
+                     .add("port", port.device)
+                     .add("vlan", port.vlan)
+                     .add("role", kRoles[static_cast<std::size_t>(port.role)])
+                     .add("trapped", port.frames.trapped)
+                     .add("policed", port.frames.policed)
+                     .add("answered", 0)  // in the data plane: nothing is
+                     .add("droppedAtTunnel", port.frames.tunnelDropped);
+               }));
+    shown.json("pairs", list(datapath_.pairStates(), [](const Datapath::PairState& pair) {
+                 return Orb::JsonObject().add("device", pair.device).add("passes", pair.passes);
+               }));
+  }
   shown.json("counters", counters.text());
   answer.line(0, shown.text());
 }

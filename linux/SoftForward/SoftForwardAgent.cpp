@@ -13,9 +13,10 @@ class ForwardingCommand final : public Plugin::AgentCommandCallback {
   explicit ForwardingCommand(Mox::Ptr<const SoftForwardSm> softForwardSm)
       : AgentCommandCallback("", "forwarding"), softForwardSm_(std::move(softForwardSm)) {}
 
-  void handleCommand(int descriptor, const std::vector<Mox::String>& /*arguments*/) override {
+  // With the argument "counters" without ports and pairs, of which there may be thousands.
+  void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
     Orb::DumpContext answer(descriptor);
-    softForwardSm_->show(answer);
+    softForwardSm_->show(answer, arguments != std::vector<Mox::String>{"counters"});
   }
 
  private:

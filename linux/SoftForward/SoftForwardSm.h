@@ -57,7 +57,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
 
   void dumpState(Orb::DumpContext& context, int indent) const;
   // Ports, pairs and counters of the programs as one JSON object.
-  void show(Orb::DumpContext& answer) const;
+  void show(Orb::DumpContext& answer, bool devices) const;
 
  private:
   Orb::WalkRet walk() override;

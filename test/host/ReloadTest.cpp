@@ -169,6 +169,8 @@ TEST(Reload, refusesAsAWhole) {
       {R"({"vlans": {}, "runDirectory": "/x"})", "runDirectory: \"/x\" needs a restart"},
       {R"({"vlans": {}, "agents": ["ArpService"]})",
        "agents: [\"ArpService\"] needs a restart; [] is in force"},
+      {R"({"vlans": {}, "metrics": {"listen": "[::1]:9341"}})",
+       "metrics.listen: \"[::1]:9341\" needs a restart"},
       {R"({"vlans": {}, "colour": 1, "hardware": 2})", "hardware: 2 is not"},
       {R"({"vlans": {)", "line 1, column"},
   };
