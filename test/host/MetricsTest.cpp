@@ -52,7 +52,7 @@ class MetricsTest : public testing::Test {
   HostState host_{runDir_, json::object(), nullptr, clock_};
   const Host::EventLog events_{host_.loop};
   const Host::TurnTimes turns_{host_.loop};
-  const Host::ControlCommands::Agents agents_;
+  const Host::ControlCommands::Agents agents_{};
   const std::string file_ = runDir_.path() + "/metrics";
   Host::MetricsServer server_{host_.scheduler(), host_.state->problems(), file_, [this] {
                                 return Host::metricsText({*host_.state, agents_, events_, turns_});
