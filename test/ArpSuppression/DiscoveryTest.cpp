@@ -6,6 +6,8 @@
 #include "Mox/Error.h"
 #include "Orb/FeatureSwitch.h"
 #include "Rig.h"
+#include "Tracelet/Reader.h"
+#include "Tracelet/Tracelet.h"
 
 namespace ArpSuppression {
 namespace {
@@ -59,6 +61,17 @@ class Discovery : public testing::Test {
     EXPECT_EQ(members, record().bindings());
     return texts;
   }
+  // The events of local bindings so far.
+  static std::vector<std::string> told() {
+    std::vector<std::string> texts;
+    Tracelet::Reader reader(Tracelet::fileName());
+    while (const auto line = reader.next()) {
+      const std::size_t at = line->find(" event ");
+      if (at != std::string::npos && line->find(" table=local ") != std::string::npos)
+        texts.push_back(line->substr(at + 7));
+    }
+    return texts;
+  }
   std::string takeCounters() { return rig.takeCounters(Rig::Of::discovery); }
 
   Rig rig;
@@ -77,6 +90,12 @@ TEST_F(Discovery, senders_are_learned_in_order_once_and_follow_the_latest_claim)
   EXPECT_EQ(takeCounters(), "localBindingCreated=3 localBindingAlreadyPresent=1");
   EXPECT_THAT(bindings(), ElementsAre("red 10.0.0.10 10/a"));
   EXPECT_THAT(events, ElementsAre("10.0.0.10")) << "only what was there is asked for";
+
+  const std::string of = " table=local vlan=10 ip=10.0.0.10 mac=";
+  EXPECT_THAT(told(),
+              ElementsAre(testing::MatchesRegex("learned" + of + kA + " interface=.* text="),
+                          testing::MatchesRegex("moved" + of + kB + ".* text=was " + kA + " on VLAN 10"),
+                          testing::MatchesRegex("moved" + of + kA + ".* text=was " + kB + " on VLAN 10")));
 
   // It moves to another VLAN of its VRF, and back.
   rig.vlanInterface(30, "red", 12, "10.0.30.1/24");
@@ -97,6 +116,9 @@ TEST_F(Discovery, senders_are_learned_in_order_once_and_follow_the_latest_claim)
               UnorderedElementsAre("red 10.0.0.10 10/a", "red 10.0.0.11 10/a", "blue 10.0.0.10 20/a",
                                    "red fe80::1 Vlan10 10/a", "blue fe80::1 Vlan20 20/a",
                                    "red 2001:db8::1 10/a", "blue 2001:db8::1 20/a"));
+  fdbIs(20, kA, Type::evpnLearned, "core10");
+  EXPECT_THAT(told().back(),
+              testing::MatchesRegex("withdrawn table=local vlan=20 .* text=its station is no longer .*"));
 }
 
 TEST_F(Discovery, what_cannot_be_a_host_is_counted_and_not_learned) {
@@ -220,7 +242,7 @@ TEST_F(Discovery, multihomed_host_is_left_to_the_peer_that_advertises_it) {
     rig.evpn()->segmentStatusDelAll();
     rig.noRemoteBinding(10, "10.0.0.10");
     rig.settle();
-    if (c.learned) sm().deleteLocalBinding(*record().bindingCollection().begin());
+    if (c.learned) sm().deleteLocalBinding(*record().bindingCollection().begin(), "the test");
     takeCounters();
   }
 }
