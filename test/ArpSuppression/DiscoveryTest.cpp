@@ -31,6 +31,7 @@ class Discovery : public testing::Test {
     shared().vgwVirtualMacIs(mac(kShared));
     rig.start();
     takeCounters();
+    told();
   }
   ~Discovery() override { EXPECT_EQ(rig.errors, ""); }
 
@@ -61,11 +62,10 @@ class Discovery : public testing::Test {
     EXPECT_EQ(members, record().bindings());
     return texts;
   }
-  // The events of local bindings so far.
-  static std::vector<std::string> told() {
+  // The events of local bindings since the last call.
+  std::vector<std::string> told() {
     std::vector<std::string> texts;
-    Tracelet::Reader reader(Tracelet::fileName());
-    while (const auto line = reader.next()) {
+    while (const auto line = trace.next()) {
       const std::size_t at = line->find(" event ");
       if (at != std::string::npos && line->find(" table=local ") != std::string::npos)
         texts.push_back(line->substr(at + 7));
@@ -75,6 +75,7 @@ class Discovery : public testing::Test {
   std::string takeCounters() { return rig.takeCounters(Rig::Of::discovery); }
 
   Rig rig;
+  Tracelet::Reader trace{Tracelet::fileName()};
 };
 
 TEST_F(Discovery, senders_are_learned_in_order_once_and_follow_the_latest_claim) {
