@@ -19,6 +19,9 @@ constexpr char kSource[] = "ArpSuppression/ArpInputConfigSm";
 constexpr std::uint8_t kArpTypeRemote = 0;
 constexpr std::uint8_t kArpTypeLocal = 1;
 
+constexpr char kKernelState[] = "KernelState";
+constexpr char kTakeOver[] = "neighbours of an earlier run";
+
 using Counter = ArpSuppressionCounterId;
 using Arp::ArpEntryInput;
 using Arp::ArpInputVrfConfig;
@@ -75,7 +78,7 @@ ArpInputConfigSm::ArpInputConfigSm(
     Ptr<LocalBindingRecord> localBindingRecord, Ptr<const RemoteBindingStatus> remoteBindingStatus,
     Ptr<const ArpInputConfigTrigger> arpInputConfigTrigger, Ptr<const VlanL3InfoStatus> vlanL3InfoStatus,
     Ptr<const Arp::Table::Status> arpStatus, Ptr<Arp::ArpInputConfig> arpInputConfig,
-    Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus)
+    Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus, Ptr<const Switch::Readiness> readiness)
     : WalkSmBase(std::move(scheduler), "ArpInputConfigSm"),
       l2VpnConfig_(std::move(l2VpnConfig)),
       localBindingRecord_(std::move(localBindingRecord)),
@@ -83,6 +86,7 @@ ArpInputConfigSm::ArpInputConfigSm(
       arpInputConfigTrigger_(std::move(arpInputConfigTrigger)),
       vlanL3InfoStatus_(std::move(vlanL3InfoStatus)),
       arpStatus_(arpStatus),
+      readiness_(std::move(readiness)),
       arpStatusHelper_(std::move(arpStatus)),
       arpInputConfig_(std::move(arpInputConfig)),
       arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)),
@@ -90,7 +94,8 @@ ArpInputConfigSm::ArpInputConfigSm(
       installer_(this->scheduler()->loop(),
                  [this](const KernelInstaller::Request& request, const Mox::Result<>& result) {
                    handleInstalled(request, result);
-                 }) {
+                 }),
+      takeOverEnd_(this->scheduler()->loop(), "ArpInputConfigSm take-over", [this] { handleTakeOverEnd(); }) {
   l2VpnConfig_.onAny([this](Mox::EventId) { reevaluate(); });
   localBindingRecord_.on(LocalBindingRecord::bindingChanged,
                          [this](const VrfIpAddress& key) { updateVrfIpAddress(key, false); });
@@ -104,6 +109,7 @@ ArpInputConfigSm::ArpInputConfigSm(
       .on(VlanL3InfoStatus::initialArpSuppressionStatusSyncChanged, [this] { scheduleWalk(); });
   arpStatus_.on(Arp::Table::Status::arpEntryChanged,
                 [this](const Arp::Table::ArpKey& arpKey) { handleArpStatus(arpKey); });
+  readiness_.on(Switch::Readiness::awaitedChanged, [this] { handleReadiness(); });
   handleInitialized();
 }
 
@@ -113,12 +119,15 @@ void ArpInputConfigSm::handleInitialized() {
   TRACE8("");
   for (const auto& [vlanId, info] : vlanL3InfoStatus_->vlanL3InfoCollection())
     moxVlanL3InfoIs(vlanId, Ptr<const VlanL3Info>(info), this);
-  if (arpInputConfig_->vrfs() != 0) takeOverEnds_ = this->scheduler()->loop().now() + kTakeOverSeconds;
+  takingOver_ = arpInputConfig_->vrfs() != 0;
+  if (takingOver_) takeOverEnd_.after(kLongestTakeOverSeconds);
+  handleReadiness();
   reevaluate();
 }
 
 void ArpInputConfigSm::handleDestroy() {
   TRACE8("");
+  problems().problemDel(kTakeOver);
   if (!skipArpInputCleanupForTest_) arpInputConfig_->vrfDelAll();
 }
 
@@ -339,7 +348,26 @@ void ArpInputConfigSm::deleteEntry(const VrfIpAddress& key) {
   if (config->ipv4s() == 0 && config->ipv6s() == 0) arpInputConfig_->vrfDel(config->vrfName());
 }
 
-bool ArpInputConfigSm::takingOver() const { return scheduler()->loop().now() < takeOverEnds_; }
+// Without a word of KernelState's its tables are written by hand.
+bool ArpInputConfigSm::populated() const {
+  return !readiness_ || !readiness_->awaitedHas(kKernelState) || readiness_->ready(kKernelState);
+}
+
+void ArpInputConfigSm::handleReadiness() {
+  if (!populated()) return;
+  if (takingOver_) takeOverEnd_.after(kTakeOverSeconds);
+  problems().problemDel(kTakeOver);
+}
+
+void ArpInputConfigSm::handleTakeOverEnd() {
+  takingOver_ = false;
+  scheduleWalk();
+  if (populated()) return;
+  problems().problemIs(kTakeOver,
+                       "those whose VLAN is not there are removed, as KernelState still waits for " +
+                           readiness_->awaited(kKernelState),
+                       "see arpsup show switch/readiness, and the other problems");
+}
 
 bool ArpInputConfigSm::awaited(const VrfIpAddress& key) {
   const Ptr<ArpInputVrfConfig> config = arpInputVrfConfig(key);
@@ -351,7 +379,7 @@ bool ArpInputConfigSm::awaited(const VrfIpAddress& key) {
     const Bridging::VlanId vlanId(number);
     const Ptr<const VlanL3Info> info = vlanL3InfoStatus_->usableVlanL3Info(vlanId);
     if (!info) {
-      waits = waits || takingOver();
+      waits = waits || takingOver_;
     } else if (info->vrfInfo() == key.vrfInfo && !remoteBindingStatus_->ipToMacHas(key)) {
       const Ptr<RemoteMacToIp> station = remoteBindingStatus_->macToIp({vlanId, entry.mac});
       waits = waits || (station && station->ipAddressHas(key.ipAddress));

@@ -16,6 +16,7 @@
 #include "Routing/Status.h"
 #include "Suppression/Counter.h"
 #include "Switch/PassingProblem.h"
+#include "Switch/Readiness.h"
 
 namespace ArpSuppression {
 
@@ -79,9 +80,10 @@ class ArpInputConfigVlanL3InfoSm final : public Mox::Entity {
 // start are known.
 //
 // An earlier run may have ended without taking its entries back. Those that are still wanted stay in the
-// output throughout. For a short time after such a start (kTakeOverSeconds) an entry is therefore not stale
-// only because its VRF is not there or its VLAN not usable; and one whose remote binding is advertised, but
-// not filed under the VRF of its VLAN yet, stays until that is done.
+// output throughout. Until KernelState has published what the kernel shows ("switch/readiness"), and for a
+// moment in which that takes effect, an entry is therefore not stale only because its VRF is not there or its
+// VLAN not usable; and one whose remote binding is advertised, but not filed under the VRF of its VLAN yet,
+// stays until that is done.
 //
 // The decisions read the binding tables and change none but the flag arpStatusHasDynamicEntry. The end takes
 // everything out of the output.
@@ -93,15 +95,18 @@ class ArpInputConfigSm final : public Orb::WalkSmBase {
                    Ptr<const ArpInputConfigTrigger> arpInputConfigTrigger,
                    Ptr<const VlanL3InfoStatus> vlanL3InfoStatus, Ptr<const Arp::Table::Status> arpStatus,
                    Ptr<Arp::ArpInputConfig> arpInputConfig,
-                   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus);
+                   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus,
+                   Ptr<const Switch::Readiness> readiness);
   ~ArpInputConfigSm() override;
 
   // Remote bindings of hosts on a shared segment, by their first station; remembered for when they go.
   MOX_HASH(VrfIpAddress, VlanIdMacAddress, localMultihomedRemoteBinding)
   MOX_CHILDREN(Bridging::VlanId, ArpInputConfigVlanL3InfoSm, moxVlanL3Info)
 
-  // How long an earlier run's entries wait for their VLAN, in seconds, and how often they are looked at.
-  static constexpr double kTakeOverSeconds = 3;
+  // For how many seconds an earlier run's entries wait for their VLANs once KernelState has published these,
+  // and for how many at most; and how often they are looked at.
+  static constexpr double kTakeOverSeconds = 1;
+  static constexpr double kLongestTakeOverSeconds = 60;
   static constexpr double kAwaitedSeconds = 1;
 
   WalkStage walkStage() const { return walkStage_; }
@@ -151,7 +156,10 @@ class ArpInputConfigSm final : public Orb::WalkSmBase {
   void deleteEntry(const VrfIpAddress& key);
   // The entry of a key that nothing serves is to stay for now; it is looked at again.
   bool awaited(const VrfIpAddress& key);
-  bool takingOver() const;
+  // Whether the kernel's state is published, as far as anybody does.
+  bool populated() const;
+  void handleReadiness();
+  void handleTakeOverEnd();
   Ptr<Arp::ArpInputVrfConfig> arpInputVrfConfig(const VrfIpAddress& key) const;
 
   // --- the walk
@@ -168,6 +176,7 @@ class ArpInputConfigSm final : public Orb::WalkSmBase {
   Mox::Notifiee<const ArpInputConfigTrigger> arpInputConfigTrigger_;
   Mox::Notifiee<const VlanL3InfoStatus> vlanL3InfoStatus_;
   Mox::Notifiee<const Arp::Table::Status> arpStatus_;
+  Mox::Notifiee<const Switch::Readiness> readiness_;
   ArpStatusHelper arpStatusHelper_;
   Ptr<Arp::ArpInputConfig> arpInputConfig_;
   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;
@@ -178,7 +187,8 @@ class ArpInputConfigSm final : public Orb::WalkSmBase {
   VrfIpAddress localBindingRecordBookmark_;
   VrfIpAddress remoteBindingStatusBookmark_;
   ArpInputConfigBookmark arpInputConfigBookmark_;
-  double takeOverEnds_ = 0;  // on the loop's clock
+  bool takingOver_ = false;
+  Orb::Timer takeOverEnd_;
   bool skipArpInputCleanupForTest_ = false;
 };
 

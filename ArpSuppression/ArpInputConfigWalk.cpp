@@ -73,9 +73,7 @@ Orb::WalkRet ArpInputConfigSm::arpInputConfigWalk() {
       }
       if (config->ipv4s() == 0 && config->ipv6s() == 0 && arpInputConfig_->vrfDel(vrfName))
         TRACE8("Cleaned up VRF vrfName=" << vrfName);
-    } else if (takingOver()) {
-      scheduleWalk(kAwaitedSeconds);
-    } else {
+    } else if (!takingOver_) {
       TRACE8("missing vrfIinfo vrfName=" << vrfName);
       arpInputConfig_->vrfDel(vrfName);
       ++ret.processed;

@@ -264,10 +264,11 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
                    m.allIntfStatusLocalDir, r.deviceIntfStatusDir, r.vlanL3InfoStatus, m.entityManager);
   remoteBindingStatusSm_.is(scheduler, m.remoteBindingConfig, m.remoteBindingConfigMountGroup,
                             r.vlanL3InfoStatus, r.remoteBindingStatus, limits, m.arpSuppressionCounterStatus);
-  arpInputConfigSm_.is(
-      scheduler, m.l2VpnConfig, r.localBindingRecord, ConstRemoteBindings(r.remoteBindingStatus),
-      Ptr<const ArpInputConfigTrigger>(r.arpInputConfigTrigger), ConstVlanL3Info(r.vlanL3InfoStatus),
-      m.arpStatus, m.arpInputConfig, m.arpSuppressionCounterStatus);
+  arpInputConfigSm_.is(scheduler, m.l2VpnConfig, r.localBindingRecord,
+                       ConstRemoteBindings(r.remoteBindingStatus),
+                       Ptr<const ArpInputConfigTrigger>(r.arpInputConfigTrigger),
+                       ConstVlanL3Info(r.vlanL3InfoStatus), m.arpStatus, m.arpInputConfig,
+                       m.arpSuppressionCounterStatus, Ptr<const Switch::Readiness>(m.readiness));
   arpSuppressionSm_.is(r.receivedRequestTrap, r.reinjectMessageQueue, m.arpSuppressionCounterStatus,
                        r.localRequestRecord, m.remoteBindingConfig, r.vlanL3InfoStatus, m.arpStatus,
                        m.bridgingConfig, m.bridgingStatus, m.evpnStatus, m.fhrpVrMacStatus, m.vrfNameToIdMap,
@@ -322,6 +323,10 @@ void ArpSuppressionRootSm::arpSuppressionStop() {
              !mounts_->arpSuppressionStatus || mounts_->arpSuppressionStatus->vlanIds() == 0);
   MOX_ASSERT(kSource, "0 == mounts()->arpInputConfig()->vrfs()",
              !mounts_->arpInputConfig || mounts_->arpInputConfig->vrfs() == 0);
+}
+
+bool ArpSuppressionRootSm::idle() const {
+  return !root_ || (!messageTrapSm()->walkScheduled() && root_->reinjectMessageQueue->messages() == 0);
 }
 
 void ArpSuppressionRootSm::dumpState(Orb::DumpContext& context, int indent) const {

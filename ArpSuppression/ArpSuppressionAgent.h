@@ -118,6 +118,9 @@ class ArpSuppressionRootSm final : public Mox::Entity {
   const Ptr<MessageTrapSm>& messageTrapSm() const { return messageTrapSm_.child(); }
   const Ptr<MessageReinjectSmBase>& messageReinjectSm() const { return messageReinjectSm_.child(); }
 
+  // Whether nothing that was trapped waits to be dealt with, or to be reinjected.
+  bool idle() const;
+
   // Runs suppression whatever is configured.
   void runnableForTestIs(bool runnable);
 
@@ -159,6 +162,7 @@ class ArpSuppressionAgent final : public Plugin::AgentBase {
   void doInit() override;
   void doMountsComplete(Statedb::MountStatus status,
                         const Ptr<Statedb::EntityManager>& entityManager) override;
+  bool finished() const override { return !rootSm() || rootSm()->idle(); }
 
   const Ptr<ArpSuppressionRootSm>& rootSm() const { return rootSm_.child(); }
 

@@ -44,8 +44,8 @@ std::string timeText() {
 int main(int argc, char** argv) {
   Tracelet::journalIs(stderrIsJournal());
   CLI::App app(
-      "Runs the agents of a switch in the foreground; ends on SIGTERM or SIGINT, and reads its "
-      "configuration again on SIGHUP. Logs to stderr.");
+      "Runs the agents of a switch in the foreground; ends on SIGTERM or SIGINT, leaves everything to the "
+      "next start on SIGUSR2, and reads its configuration again on SIGHUP. Logs to stderr.");
   std::string file = "/etc/arp-suppression/agent-host.json";
   app.add_option("--config", file, "the configuration file (JSON, comments allowed)")->capture_default_str();
   std::string checked;
@@ -76,6 +76,7 @@ int main(int argc, char** argv) {
   if (done) done = daemon.start();
   if (done) report(Host::versionOf("version") + " begins at " + timeText() + " with " + file);
   if (done) done = daemon.run();
+  if (done && daemon.handsOver()) _exit(0);
   if (done) return 0;
   reportError(done.error());
   return 1;

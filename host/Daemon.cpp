@@ -4,9 +4,11 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <utility>
 
 #include "Orb/FeatureSwitch.h"
 #include "Statedb/LmdbStore.h"
@@ -18,10 +20,15 @@ namespace Host {
 
 namespace {
 
+// At the end: how often it is looked whether anything is under way, and for how long at most. What a full
+// receive queue holds takes 0.2 s.
+constexpr double kEndLookSeconds = 0.01;
+constexpr double kLongestEndSeconds = 2;
+
 sigset_t signalsToRead() {
   sigset_t set;
   sigemptyset(&set);
-  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, signal);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR2}) sigaddset(&set, signal);
   return set;
 }
 
@@ -46,6 +53,7 @@ Daemon::Daemon(Orb::EventLoop& loop, std::string file, Config config, Report rep
       events_(loop),
       signals_(Mox::make<Orb::FileDescriptor>(loop, "signals")),
       pluginStart_(loop, "plug-in start", [this] { startPlugins(); }),
+      endTimer_(loop, "end", [this] { handleEnd(); }),
       serviceManager_(loop) {
   signals_.on(Orb::FileDescriptor::readableCountChanged, [this] { handleSignal(); });
 }
@@ -83,7 +91,9 @@ Mox::Result<> Daemon::start() {
   if (!store) return store.failure();
   state_ = std::make_unique<State>(loop_, tasks_, config_.runDirectory, config_.agents, std::move(*store),
                                    report_);
-  if (auto built = state_->build(config_); !built) return built;
+  const std::string handedOver = runDirectory_->handOverFile();
+  if (auto built = state_->build(config_, readHandOver(handedOver, report_)); !built) return built;
+  unlink(handedOver.c_str());
   flushHook_ = loop_.endOfTurn([this] {
     if (state_->flush()) loop_.post([] {});  // the rest comes in another turn
   });
@@ -110,7 +120,32 @@ Mox::Result<> Daemon::start() {
 
 Mox::Result<> Daemon::run() {
   loop_.run();
+  if (handsOver()) handOver();
   return started_;
+}
+
+void Daemon::endIs(End end) {
+  const bool begins = std::exchange(end_, end) == End::none;
+  if (!begins) return;  // it is under way already
+  serviceManager_.ending();
+  endsAt_ = loop_.clock().now() + kLongestEndSeconds;
+  for (const auto& agent : agents_) agent->endBegins();
+  endTimer_.after(0);
+}
+
+// Found twice: what was written last has left the devices, which may be removed next.
+void Daemon::handleEnd() {
+  const bool finished = std::ranges::all_of(agents_, [](const auto& agent) { return agent->finished(); });
+  if (std::exchange(finished_, finished) && finished) return loop_.stop();
+  if (loop_.clock().now() < endsAt_) return endTimer_.after(kEndLookSeconds);
+  report_("what was trapped last could not be dealt with in time");
+  loop_.stop();
+}
+
+void Daemon::handOver() {
+  state_->flushAll();
+  const auto written = state_->handOver(reload_->config(), runDirectory_->handOverFile());
+  if (!written) report_("what was set by hand is not kept: " + written.error());
 }
 
 void Daemon::startPlugins() {
@@ -184,9 +219,10 @@ void Daemon::handleSignal() {
       if (reload_) reload_->begin([](const std::vector<std::string>&) {});
       continue;
     }
-    report_(std::string("ends on ") + strsignal(static_cast<int>(signal.ssi_signo)));
-    serviceManager_.ending();
-    loop_.stop();
+    const bool handsOver = signal.ssi_signo == SIGUSR2;
+    report_(std::string("ends on ") + strsignal(static_cast<int>(signal.ssi_signo)) +
+            (handsOver ? ", and leaves everything to the next start" : ""));
+    endIs(handsOver ? End::handsOver : End::takesBack);
   }
 }
 

@@ -34,8 +34,9 @@ class Daemon final : public Plugin::AgentHost {
   // published and waits for the state store, state, run directory. Shared-memory tables stay.
   ~Daemon() override;
 
-  // From here on SIGTERM and SIGINT end the loop, and SIGHUP has the configuration file taken up again; they
-  // are blocked for the process.
+  // From here on SIGTERM and SIGINT end the loop, SIGUSR2 hands over to the next start, and SIGHUP has the
+  // configuration file taken up again; they are blocked for the process. Whatever the end, nothing more is
+  // trapped before it, and what was trapped is dealt with.
   Mox::Result<> watchSignals();
   // Does everything up to the first turn of the loop, in which the plug-ins start. When a plug-in is not
   // there, or another agent-host is in the way, no state was created.
@@ -43,6 +44,9 @@ class Daemon final : public Plugin::AgentHost {
   // Runs the loop until a signal ends it, and says so in the log once every plug-in has started. Refused when
   // one of them could not complete its start, whatever it met: the others would only look as if they worked.
   Mox::Result<> run();
+  // After run(): everything is to stay as it is for the next start. What was set by hand is written down; the
+  // process is to end without destroying anything, as a killed one does.
+  bool handsOver() const { return started_ && end_ == End::handsOver; }
 
  private:
   Orb::EventLoop& loop() override { return loop_; }
@@ -58,6 +62,10 @@ class Daemon final : public Plugin::AgentHost {
   void startStep(Plugin::AgentBase& agent, const Call& call);
   void handleStarted();
   void handleSignal();
+  enum class End : std::uint8_t { none, takesBack, handsOver };
+  void endIs(End end);
+  void handleEnd();
+  void handOver();
 
   Orb::EventLoop& loop_;
   const std::string file_;
@@ -80,6 +88,10 @@ class Daemon final : public Plugin::AgentHost {
   int signalDescriptor_ = -1;
   Mox::Notifiee<Orb::FileDescriptor> signals_;
   Orb::Timer pluginStart_;
+  End end_ = End::none;
+  double endsAt_ = 0;      // at the latest
+  bool finished_ = false;  // nothing was under way when last looked
+  Orb::Timer endTimer_;
   ServiceManager serviceManager_;
   Orb::EventLoop::HookHandle flushHook_;
 };

@@ -27,6 +27,8 @@ class Reload {
   Reload(const Mox::Ptr<Orb::TaskScheduler>& scheduler, State& state, std::string file, Config config,
          State::Report report);
 
+  const Config& config() const { return config_; }  // in force
+
   // `done` is called in a later turn. What is asked for while one is under way begins after it, so that it
   // sees the file as it is then; several are one.
   void begin(Done done);

@@ -18,6 +18,8 @@ class RunDirectory {
   const std::string& path() const { return path_; }
   // Of the state store; only root looks into it.
   std::string stateDirectory() const { return path_ + "/state"; }
+  // What a process that handed over says to the next one (HandOver.h).
+  std::string handOverFile() const { return stateDirectory() + "/hand-over.json"; }
 
  private:
   RunDirectory(std::string path, std::unique_ptr<LockFile> lock)

@@ -1,6 +1,7 @@
 #include "host/State.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "L3/VrfName.h"
 #include "Lanix/NamespaceName.h"
@@ -21,6 +22,7 @@ namespace {
 using nlohmann::json;
 
 constexpr const char* kReporter = "agent-host";
+constexpr std::size_t kEverything = std::numeric_limits<std::size_t>::max();
 
 // The VRF "default" has the id 0, and no other has.
 Mox::Result<> checkVrfIds(const json& content) {
@@ -131,18 +133,32 @@ void State::switchConfigIs(const Config& config) {
   to->neighborRefreshSecondsIs(config.neighborRefreshSeconds);
 }
 
-Mox::Result<> State::build(const Config& config) {
+Mox::Result<> State::build(const Config& config, const HandOver& before) {
   switchConfigIs(config);
   const json declared = declaredState(config);
+  const json gone = difference(before.declared, declared).gone;
+  const auto at = [](const json& parts, const std::string& path) {
+    return parts.value(path, json::object());
+  };
   for (const StatePath& state : statePaths()) {
     if (!settable(state, plugins_)) continue;
     if (state.storage == Storage::tree) {
       if (const auto made = tree_->entityIs(state.path, state.typeName); !made) return made.failure();
       continue;
     }
-    const auto content = declared.find(state.path);
-    if (const auto built = buildTable(state, content == declared.end() ? json::object() : *content); !built)
+    const json goneHere = at(gone, state.path);
+    const bool handedOver = before.tables.contains(state.path);
+    if (const auto built = buildTable(state, at(declared, state.path), handedOver ? &goneHere : nullptr);
+        !built)
       return built;
+  }
+  byHand_ = before.state;
+  byHand_.merge_patch(gone);
+  for (auto item = byHand_.begin(); item != byHand_.end(); ++item) {
+    const std::optional<StatePath> state = findStatePath(item.key());
+    if (!state || state->storage != Storage::tree || !settable(*state, plugins_)) continue;
+    if (const auto kept = writeTree(*state, item.value()); !kept)
+      report_("what was set by hand is not kept: " + kept.error());
   }
   for (auto item = declared.begin(); item != declared.end(); ++item) {
     const std::optional<StatePath> state = findStatePath(item.key());
@@ -152,7 +168,16 @@ Mox::Result<> State::build(const Config& config) {
   return {};
 }
 
-Mox::Result<> State::buildTable(const StatePath& state, const json& content) {
+Mox::Result<> State::handOver(const Config& config, const std::string& file) const {
+  HandOver handOver{declaredState(config), byHand_, {}};
+  for (const std::string& path : tables_->paths()) {
+    const std::optional<StatePath> state = findStatePath(path);
+    if (state && settable(*state, plugins_) && tables_->writable(path)) handOver.tables.insert(path);
+  }
+  return writeHandOver(handOver, file);
+}
+
+Mox::Result<> State::buildTable(const StatePath& state, const json& content, const json* gone) {
   const Memtab::Mounted mounted =
       tables_->mount(state.path, state.typeName, Memtab::MountDescriptor::writer());
   if (!mounted) {
@@ -161,8 +186,16 @@ Mox::Result<> State::buildTable(const StatePath& state, const json& content) {
                         "end that process, and restart the agent-host");
     return {};
   }
-  const Mox::Result<> replaced = tableTypes().at(state.typeName)->replace(**mounted, content);
-  if (!replaced) return Mox::Failure{state.path + ": " + replaced.error()};
+  const TableType& type = *tableTypes().at(state.typeName);
+  Mox::Result<> built = gone ? Mox::Result<>() : type.replace(**mounted, content);
+  for (const json* part : {gone, &content}) {
+    if (!gone || !built) break;
+    const auto merge = type.merge(*mounted, *part);
+    Mox::Result<bool> more = true;
+    while (more && *more) more = merge->step(kEverything);
+    if (!more) built = more.failure();
+  }
+  if (!built) return Mox::Failure{state.path + ": " + built.error()};
   return {};
 }
 
@@ -184,7 +217,9 @@ class State::Merge final : public StateChange {
     StatePath state;
     json content;
   };
-  Merge(State& state, std::vector<Part> parts) : state_(state), parts_(std::move(parts)) {}
+  // `record`, which may be null, is where what is merged into the state tree is merged into as well.
+  Merge(State& state, std::vector<Part> parts, json* record)
+      : state_(state), parts_(std::move(parts)), record_(record) {}
 
   Mox::Result<bool> step(std::size_t maxEntries) override {
     if (next_ == parts_.size()) return false;
@@ -192,6 +227,7 @@ class State::Merge final : public StateChange {
     if (part.state.storage == Storage::tree) {
       ++next_;
       if (const auto written = state_.writeTree(part.state, part.content); !written) return written.failure();
+      if (record_) record_->merge_patch(json{{part.state.path, part.content}});
       return true;
     }
     const auto entity = state_.writableTable(part.state);
@@ -212,11 +248,16 @@ class State::Merge final : public StateChange {
  private:
   State& state_;
   std::vector<Part> parts_;
+  json* const record_;
   std::size_t next_ = 0;
   std::unique_ptr<TableMerge> table_;  // of that part, once it has begun
 };
 
 Mox::Result<std::unique_ptr<StateChange>> State::change(json state) {
+  return change(std::move(state), &byHand_);
+}
+
+Mox::Result<std::unique_ptr<StateChange>> State::change(json state, json* record) {
   std::vector<Merge::Part> parts;
   for (auto item = state.begin(); item != state.end(); ++item) {
     if (const auto checked = checkState(item.key(), item.value(), plugins_); !checked)
@@ -227,7 +268,7 @@ Mox::Result<std::unique_ptr<StateChange>> State::change(json state) {
     }
     parts.push_back({std::move(known), std::move(item.value())});
   }
-  return std::unique_ptr<StateChange>(std::make_unique<Merge>(*this, std::move(parts)));
+  return std::unique_ptr<StateChange>(std::make_unique<Merge>(*this, std::move(parts), record));
 }
 
 // "switch/config", then what is gone from the rest, then what is new.
@@ -258,9 +299,9 @@ class State::Reconfigure final : public StateChange {
 
 Mox::Result<std::unique_ptr<StateChange>> State::reconfigure(const Config& before, const Config& now) {
   StateDifference parts = difference(declaredState(before), declaredState(now));
-  auto gone = change(std::move(parts.gone));
+  auto gone = change(std::move(parts.gone), &byHand_);
   if (!gone) return gone;
-  auto changed = change(std::move(parts.changed));
+  auto changed = change(std::move(parts.changed), nullptr);
   if (!changed) return changed;
   return std::unique_ptr<StateChange>(
       std::make_unique<Reconfigure>(*this, now, std::move(*gone), std::move(*changed)));

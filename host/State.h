@@ -13,6 +13,7 @@
 #include "Statedb/EntityManager.h"
 #include "Switch/ProblemReporter.h"
 #include "host/Bindings.h"
+#include "host/HandOver.h"
 #include "host/SharedTables.h"
 #include "host/StatePaths.h"
 
@@ -48,12 +49,15 @@ class State {
 
   // Before the first plug-in is made: writes "switch/config", and creates every input that no loaded plug-in
   // writes with what the configuration says (declaredState). A table that an earlier run left in shared memory is
-  // reconciled with that. While KernelState is not loaded the VRF ids are those of the configuration's
+  // reconciled with that; one that was handed over, as entities that were, keeps what was set by hand and the
+  // configuration says nothing else of. While KernelState is not loaded the VRF ids are those of the configuration's
   // `vrfs`; which VRFs are active on this switch ("ip/vrf/status/local") only `state` and operators say.
   //
   // Refused when what the configuration says cannot be written. A table that another process writes is its
   // own, and a problem of the switch.
-  Mox::Result<> build(const Config& config);
+  Mox::Result<> build(const Config& config, const HandOver& before = {});
+  // Writes down what the next build() is to know of this one; `config` is in force.
+  Mox::Result<> handOver(const Config& config, const std::string& file) const;
   // While the plug-ins run: what brings everything from what the first configuration says to what the second
   // says, of the same plug-ins. Refused when it cannot be carried out as a whole.
   Mox::Result<std::unique_ptr<StateChange>> reconfigure(const Config& before, const Config& now);
@@ -85,17 +89,20 @@ class State {
   class Reconfigure;
   static constexpr std::size_t kFlushPerTurn = 256;
 
+  Mox::Result<std::unique_ptr<StateChange>> change(nlohmann::json state, nlohmann::json* record);
   bool flush(std::size_t maxOperations);
   void switchConfigIs(const Config& config);
   Mox::Result<> writeTree(const StatePath& state, const nlohmann::json& content);
   Mox::Result<Mox::Ptr<Memtab::Entity>> writableTable(const StatePath& state) const;
-  Mox::Result<> buildTable(const StatePath& state, const nlohmann::json& content);
+  // `gone`: of what was handed over, null unless it was.
+  Mox::Result<> buildTable(const StatePath& state, const nlohmann::json& content, const nlohmann::json* gone);
 
   const std::vector<std::string> plugins_;
   const Report report_;
   Mox::Ptr<Statedb::EntityManager> tree_;
   Mox::Ptr<Memtab::EntityManager> tables_;
   Switch::ProblemReporter problems_;
+  nlohmann::json byHand_ = nlohmann::json::object();  // what of the state tree was set so, by path
 };
 
 }  // namespace Host

@@ -1,7 +1,9 @@
 #include "SoftForward/Heartbeat.h"
 
 #include <cstdio>
+#include <utility>
 
+#include "SoftForward/Shared.h"
 #include "Tracelet/Record.h"
 #include "Tracelet/Trace.h"
 
@@ -27,7 +29,7 @@ void Heartbeat::secondsIs(double seconds) {
 }
 
 void Heartbeat::beatingIs(bool beating) {
-  if (beating == beating_) return;
+  if (beating == beating_ || expired_) return;
   beating_ = beating;
   if (beating) {
     last_ = loop_.clock().now();
@@ -35,6 +37,16 @@ void Heartbeat::beatingIs(bool beating) {
   }
   timer_.cancel();
   programs_.trustedUntilIs(0);
+}
+
+void Heartbeat::expire() {
+  if (expired_) return;
+  const double now = loop_.clock().now();
+  expired_ = now;
+  if (!std::exchange(beating_, false)) return;
+  timer_.cancel();
+  programs_.trustedUntilIs(static_cast<std::uint64_t>(now * kNanoseconds));
+  *expired_ += SOFT_FORWARD_CROSSING_NS / kNanoseconds;
 }
 
 void Heartbeat::beat() {

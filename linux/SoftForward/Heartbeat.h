@@ -26,6 +26,11 @@ class Heartbeat {
   // Whether there is somebody to vouch for: the first beat is at once, and so is the taking back of the last.
   void beatingIs(bool beating);
   bool beating() const { return beating_; }
+  // Never beats again: nothing more is trapped, while what was is still kept from the tunnel ports for as long
+  // as it may be on its way (SOFT_FORWARD_CROSSING_NS), for somebody is left who deals with the copies.
+  void expire();
+  // After expire(): nothing that was trapped is on its way any more.
+  bool expired() const { return expired_ && loop_.clock().now() >= *expired_; }
   // Seconds since the last beat; nothing while it does not beat.
   std::optional<double> age() const;
 
@@ -38,6 +43,7 @@ class Heartbeat {
   double seconds_ = 3;
   bool beating_ = false;
   double last_ = 0;
+  std::optional<double> expired_;  // when nothing is on its way any more
   Orb::Timer timer_;
 };
 

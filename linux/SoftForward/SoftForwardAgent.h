@@ -13,6 +13,10 @@ class SoftForwardAgent final : public Plugin::AgentBase {
   void doInit() override;
   void doMountsComplete(Statedb::MountStatus status,
                         const Mox::Ptr<Statedb::EntityManager>& entityManager) override;
+  void endBegins() override {
+    if (softForwardSm_) softForwardSm_->endBegins();
+  }
+  bool finished() const override { return !softForwardSm_ || softForwardSm_->finished(); }
 
  private:
   Programs programs_;

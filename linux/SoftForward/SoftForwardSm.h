@@ -55,6 +55,10 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   // Detaches everything and removes the devices that it made.
   ~SoftForwardSm() override;
 
+  // Nothing more is trapped, for good, and when the last that was has come to the agent.
+  void endBegins() { heartbeat_.expire(); }
+  bool finished() const { return heartbeat_.expired(); }
+
   void dumpState(Orb::DumpContext& context, int indent) const;
   // Ports, pairs and counters of the programs as one JSON object.
   void show(Orb::DumpContext& answer, bool devices) const;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -68,9 +69,16 @@ class AgentHost {
                                  const Mox::String& path) = 0;
 };
 
+// Tells what a clean-up found: a line for each thing that it removed, and for each that it could not remove.
+struct CleanUpReport {
+  std::function<void(const std::string& what)> removed;
+  std::function<void(const std::string& why)> refused;
+};
+
 // A plug-in of the agent host. The host makes it with the plug-in's factory, calls hostIs, then doInit, then,
 // once the mount group that doInit closed is complete, doMountsComplete; both once, from the event loop. An
-// error that either raises means that the agent cannot start. It ends by being dropped.
+// error that either raises means that the agent cannot start. It ends by being dropped, mostly some turns after
+// the host said that the end begins.
 class AgentBase : public Mox::Entity {
  public:
   const Mox::String& name() const { return name_; }
@@ -79,6 +87,16 @@ class AgentBase : public Mox::Entity {
   virtual void doInit() = 0;
   virtual void doMountsComplete(Statedb::MountStatus status,
                                 const Mox::Ptr<Statedb::EntityManager>& entityManager) = 0;
+
+  // From here on nobody is to rely on the agent: what brings it new work is taken away, and what is under way
+  // is finished.
+  virtual void endBegins() {}
+  // Whether nothing is under way any more; asked between turns.
+  virtual bool finished() const { return true; }
+
+  // Removes what any run of the agent left in the network namespace that the calling thread is in. On an agent
+  // that has no host and does not start; once for each namespace.
+  virtual void cleanUp(const CleanUpReport& /*report*/) {}
 
   // Null when the agent has no such command.
   Mox::Ptr<AgentCommandCallback> agentCommand(const Mox::String& firstName,

@@ -377,11 +377,14 @@ TEST_F(ArpInput, entriesFollowTheirVlanThroughVrfsAndOutOfThem) {
 // the remote bindings: they are read an entry a slice, when VLANs and VRFs have long been looked at.
 TEST_F(ArpInput, aRestartRemovesExactlyWhatIsStale) {
   const Arp::ArpEntryInput good{mac(kMac1), intf("Vlan10"), 0, false};
-  enum class Late { nothing, vrf, bindings };
-  for (const Late what : {Late::nothing, Late::vrf, Late::bindings}) {
+  enum class Late { nothing, vrf, bindings, kernel };  // the last: what is read of it never comes
+  for (const Late what : {Late::nothing, Late::vrf, Late::bindings, Late::kernel}) {
     SCOPED_TRACE(static_cast<int>(what));
-    const bool vrfLate = what == Late::vrf;
+    const bool vrfLate = what == Late::vrf || what == Late::kernel;
     Rig late;
+    const auto readiness = Mox::dynamicPtrCast<Switch::Readiness>(
+        *late.tree().entityIs(Switch::kReadinessPath, Switch::kReadinessType));
+    if (vrfLate) readiness->awaitedIs("KernelState", "the kernel");
     if (what == Late::bindings) late.tasks().mustYieldForTestIs([] { return true; });
     const auto left = late.state<Arp::ArpInputConfig>("arp/input/config/arpSuppression");
     const auto red = left->vrfIs("red");
@@ -408,8 +411,16 @@ TEST_F(ArpInput, aRestartRemovesExactlyWhatIsStale) {
     });
     late.start();
     if (vrfLate) {
+      late.clock.advance(ArpInputConfigSm::kLongestTakeOverSeconds / 2);
+      late.settle();
       EXPECT_EQ(red->ipv4s(), 102u);
-      late.clock.advance(1);
+      if (what == Late::kernel) {
+        late.clock.advance(ArpInputConfigSm::kLongestTakeOverSeconds / 2);
+        late.settle();
+        EXPECT_EQ(left->vrfs(), 0u);
+        continue;
+      }
+      readiness->awaitedIs("KernelState", "");
       late.vrf("red", 5);
       late.settle();
     }

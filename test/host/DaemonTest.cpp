@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <sstream>
+
 #include "Memtab/Table.h"
 #include "Suppression/Counter.h"
 #include "host/Plugins.h"
@@ -44,6 +46,47 @@ TEST_F(Programs, showSetAndForget) {
   daemonIs();
   EXPECT_EQ(shown("evpn/status")["vlanToDot1q"], json::object());
   EXPECT_EQ(shown("bridging/status")["fdb"], json::object());
+}
+
+// What the configuration said before and says no more goes; so does everything with the next clean end.
+TEST_F(Programs, keepWhatWasSetByHandForTheNextStart) {
+  constexpr const char* kPath = "arpSuppression/remoteBindingConfig/evpn";
+  const auto config = [](int vlan, const char* ip) {
+    return json{{"state", {{"evpn/status", {{"vlanToDot1q", {{std::to_string(vlan), vlan}}}}}}},
+                {"bindings", {{{"vlan", 10}, {"ip", ip}, {"mac", "02:00:00:00:00:09"}}}}};
+  };
+  const auto bindings = [&] {
+    std::string names;
+    const json all = shown(kPath)["remoteBinding"];
+    for (const auto& [name, binding] : all.items()) names += name + ";";
+    return names;
+  };
+  const auto ends = [&](int signal) {
+    daemon->signal(signal);
+    EXPECT_EQ(daemon->wait(), 0) << daemon->error;
+  };
+  daemonIs(config(10, "10.0.0.1"));
+  EXPECT_EQ(arpsup({"remote", "add", "10", "10.0.0.2", "02:00:00:00:00:02"}).status, 0);
+  EXPECT_EQ(arpsup({"set", "evpn/status", R"({"vlanToDot1q": {"11": 11}, "mplsConfigured": true})"}).status,
+            0);
+  ends(SIGUSR2);
+  const std::string kept = runDirectory + "/state/hand-over.json";
+  std::stringstream content;
+  content << std::ifstream(kept).rdbuf();
+  daemonIs(config(12, "10.0.0.3"));
+  EXPECT_EQ(bindings(), "10 10.0.0.2;10 10.0.0.3;");
+  EXPECT_EQ(shown("evpn/status")["vlanToDot1q"], json({{"11", 11}, {"12", 12}}));
+  EXPECT_EQ(shown("evpn/status")["mplsConfigured"], true);
+  ends(SIGTERM);
+  for (const std::string& damaged :
+       {std::string(), content.str().substr(1), std::string(R"({"state": {"x": 1}})")}) {
+    if (!damaged.empty()) std::ofstream(kept) << damaged;
+    daemonIs(config(12, "10.0.0.3"));
+    EXPECT_EQ(daemon->error.find("hand-over.json: it is damaged") == std::string::npos, damaged.empty());
+    EXPECT_EQ(bindings(), "10 10.0.0.3;");
+    EXPECT_EQ(shown("evpn/status")["vlanToDot1q"], json({{"12", 12}}));
+    ends(SIGTERM);
+  }
 }
 
 TEST_F(Programs, remoteBindings) {

@@ -140,8 +140,8 @@ void Switch::kill() {
   EXPECT_EQ(daemon_->wait(), -1) << daemon_->error;
 }
 
-void Switch::stop() {
-  daemon_->signal(SIGTERM);
+void Switch::stop(int signal) {
+  daemon_->signal(signal);
   EXPECT_EQ(daemon_->wait(), 0) << daemon_->error;
 }
 

@@ -2,6 +2,7 @@
 
 // The two programs as a test runs them: agent-host in a namespace of its own, and arpsup beside it.
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <array>
@@ -77,8 +78,8 @@ class Switch {
   void start(json config);
   // Has the daemon take up this configuration: "arpsup reload", under way.
   std::unique_ptr<Process> reload(json config) const;
-  void kill();  // at once, without a chance to tidy up
-  void stop();  // as an operator would; a test failure when it does not end well
+  void kill();                      // at once, without a chance to tidy up
+  void stop(int signal = SIGTERM);  // as an operator would; a test failure when it does not end well
   Process& daemon() { return *daemon_; }
   bool running() const;
   std::size_t descriptors() const;  // how many the daemon has open
