@@ -35,7 +35,7 @@ Datapath::Datapath(Programs& programs, Looked looked)
       dumps_(NETLINK_ROUTE),
       notifications_(NETLINK_ROUTE, {.receiveBuffer = kReceiveBuffer}),
       links_([this](const Netlink::Link& link, LinkTable::Change change) { linkChanged(link, change); }),
-      filters_(requests_),
+      filters_(requests_, dumps_),
       pairs_(requests_, links_),
       programs_(programs),
       trunks_(links_, filters_, pairs_, programs_,
@@ -396,25 +396,32 @@ Mox::Result<> Datapath::staleDel(Netlink::IfIndex ifIndex) {
 }
 
 Mox::Result<> Datapath::close() {
-  Mox::Result<> failed = programs_.trapPeerIs(0);  // from now on nothing is trapped
+  const Mox::Result<> stopped = programs_.trapPeerIs(0);
+  const Mox::Result<> removed = removeAll([](const std::string&) {});
+  return stopped ? removed : stopped;
+}
+
+Mox::Result<> Datapath::removeAll(const Removed& removed) {
+  Mox::Result<> failed;
   const auto note = [&](const Mox::Result<>& result) {
     if (!result && failed) failed = result;
   };
   while (reading_ != Reading::done && !readingFailed_) readSlice();
   while (receive()) {
   }
-  note(trunks_.close());
-  sharedAddress_ = {};
-  for (auto& [id, vlan] : vlans_) {
-    Standing standing;
-    if (const Netlink::Link* bridge = links_.find(vlan.wanted.bridge))
-      sharedAddressIn(id, vlan, *bridge, standing);
-    for (const Complaint& complaint : standing.complaints) note(Mox::Failure{complaint.problem});
+  for (const auto& [index, link] : links_.links()) {
+    const Pairs::Taken taken = ownerOf(link.name) ? Pairs::takenBy(link) : Pairs::Taken();
+    if (taken.address.isZero()) continue;
+    note(takenBack(taken));
+    if (const std::string taker = deviceName(taken.device); !taker.empty())
+      removed("shared gateway MAC " + taken.address.toStrep() + " of " + taker);
   }
-  note(pairs_.delAll());
+  note(pairs_.delAll(removed));
   while (receive()) {
   }
-  note(filters_.detachAll());
+  note(filters_.removeAll([&](Netlink::IfIndex ifIndex, const std::string& what) {
+    removed(what + " of device " + deviceName(ifIndex));
+  }));
   return failed;
 }
 

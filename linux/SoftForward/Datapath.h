@@ -104,8 +104,12 @@ class Datapath {
   bool againWanted() const { return !again_.empty() || trunks_.againWanted(); }
   void againIs();
 
-  // Detaches the programs from all ports and removes the pairs.
+  // Nothing is trapped any more, and everything of ours is removed.
   Mox::Result<> close();
+  // Removes what this run and any earlier one made: the pairs, what bridges were made to take, programs and
+  // qdiscs. `removed` is told what. All of it in one go; open() need not have been called.
+  using Removed = std::function<void(const std::string& what)>;
+  Mox::Result<> removeAll(const Removed& removed);
 
   Statistics statistics() const { return programs_.statistics(); }
   // A port that has programs of ours, in one of its VLANs; the bridge itself with PortRole::own.

@@ -7,6 +7,7 @@
 #include <linux/rtnetlink.h>
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 namespace SoftForward {
@@ -44,6 +45,14 @@ Message deletion(const Hook& hook) {
   return std::move(Message(RTM_DELTFILTER).header(filterHeader(hook)).string(TCA_KIND, "bpf"));
 }
 
+Message qdiscRequest(std::uint16_t type, std::uint16_t flags, Netlink::IfIndex ifIndex) {
+  tcmsg qdisc{};
+  qdisc.tcm_ifindex = static_cast<int>(ifIndex);
+  qdisc.tcm_handle = kClsact;
+  qdisc.tcm_parent = TC_H_CLSACT;
+  return std::move(Message(type, flags).header(qdisc).string(TCA_KIND, "clsact"));
+}
+
 bool isAbsent(const Netlink::Result<>& result) {
   return result.number() == ENOENT || result.number() == ENODEV;
 }
@@ -65,6 +74,8 @@ Filters::Place Filters::placeOf(const Netlink::Received& message) {
   place.program = bpf.u32(TCA_BPF_ID).value_or(0);
   place.owner = place.name.starts_with(kPrefix) && attributes.string(TCA_KIND) == "bpf" ? Place::Owner::us
                                                                                         : Place::Owner::other;
+  place.ownQdisc = place.owner == Place::Owner::us && place.name.ends_with(kOwnQdisc);
+  if (place.ownQdisc) place.name.resize(place.name.size() - std::strlen(kOwnQdisc));
   return place;
 }
 
@@ -93,10 +104,9 @@ Netlink::IfIndex Filters::apply(const Netlink::Received& message) {
   const std::uint32_t priority = TC_H_MAJ(header->tcm_info) >> 16;
   if (header->tcm_handle != kHandle && header->tcm_handle != 0) return 0;
   if (priority != kPriority && priority != 0) return 0;
-  std::optional<Place>& place = device->second[at(*direction)];
   const Place now = type == RTM_NEWTFILTER ? placeOf(message) : Place();
-  if (place == now) return 0;
-  place = now;
+  if (device->second.places[at(*direction)] == now) return 0;
+  placeIs({ifIndex, *direction, {}}, now);
   return ifIndex;
 }
 
@@ -109,20 +119,21 @@ std::vector<Netlink::IfIndex> Filters::devices() const {
 Mox::Result<Filters::Place> Filters::place(const Hook& hook) {
   const auto device = devices_.find(hook.ifIndex);
   if (device == devices_.end()) return Place();
-  std::optional<Place>& known = device->second[at(hook.direction)];
-  if (known) return *known;
+  if (const std::optional<Place>& known = device->second.places[at(hook.direction)]) return *known;
   Place found;
   const auto result = requests_.get(std::move(Message(RTM_GETTFILTER).header(filterHeader(hook))),
                                     [&](const Netlink::Received& message) { found = placeOf(message); });
   // No device, no qdisc (EINVAL), or no filter behind it.
   if (!result && !isAbsent(result) && result.number() != EINVAL)
     return named(hook, "looking for a filter", result).failure();
-  known = found;
+  placeIs(hook, found);
   return found;
 }
 
 void Filters::placeIs(const Hook& hook, Place place) {
-  devices_[hook.ifIndex][at(hook.direction)] = std::move(place);
+  Device& device = devices_[hook.ifIndex];
+  device.ownQdisc = device.ownQdisc || place.ownQdisc;
+  device.places[at(hook.direction)] = std::move(place);
 }
 
 Mox::Result<bool> Filters::has(const Hook& hook, const LoadedProgram& program) {
@@ -140,16 +151,14 @@ Mox::Result<> Filters::attachedIs(const Hook& hook, const LoadedProgram& program
 
 Mox::Result<> Filters::attach(const Hook& hook, const LoadedProgram& program) {
   if (!devices_.contains(hook.ifIndex)) {
-    tcmsg qdisc{};
-    qdisc.tcm_ifindex = static_cast<int>(hook.ifIndex);
-    qdisc.tcm_handle = kClsact;
-    qdisc.tcm_parent = TC_H_CLSACT;
-    const auto made = requests_.request(
-        std::move(Message(RTM_NEWQDISC, NLM_F_CREATE | NLM_F_EXCL).header(qdisc).string(TCA_KIND, "clsact")));
+    const auto made = requests_.request(qdiscRequest(RTM_NEWQDISC, NLM_F_CREATE | NLM_F_EXCL, hook.ifIndex));
     if (!made && made.number() != EEXIST) return named(hook, "making the clsact qdisc", made);
     // A new one is empty; in one that was there something may be.
-    devices_[hook.ifIndex] = made ? Places{Place(), Place()} : Places{};
+    devices_[hook.ifIndex] = made ? Device{{Place(), Place()}, true} : Device();
   }
+  // The one of the other direction may be what tells whose the qdisc is.
+  const Direction other = hook.direction == Direction::ingress ? Direction::egress : Direction::ingress;
+  if (const auto beside = place({hook.ifIndex, other, hook.device}); !beside) return beside.failure();
   const auto present = place(hook);
   if (!present) return present.failure();
   if (present->owner == Place::Owner::other)
@@ -157,18 +166,19 @@ Mox::Result<> Filters::attach(const Hook& hook, const LoadedProgram& program) {
                  Failure{"priority " + std::to_string(kPriority) + " handle " + std::to_string(kHandle) +
                          " is taken by the filter " + present->name + ": move that one"});
   const std::string name = std::string(kPrefix) + program.name;
+  const bool ownQdisc = devices_[hook.ifIndex].ownQdisc;
   Message message(RTM_NEWTFILTER, NLM_F_CREATE);
   message.header(filterHeader(hook)).string(TCA_KIND, "bpf").nest(TCA_OPTIONS, [&](Message& options) {
     options.u32(TCA_BPF_FD, static_cast<std::uint32_t>(program.descriptor))
-        .string(TCA_BPF_NAME, name)
+        .string(TCA_BPF_NAME, ownQdisc ? name + kOwnQdisc : name)
         .u32(TCA_BPF_FLAGS, TCA_BPF_FLAG_ACT_DIRECT);
   });
   const auto attached = requests_.request(std::move(message));
   if (!attached) {
-    devices_[hook.ifIndex][at(hook.direction)].reset();
+    devices_[hook.ifIndex].places[at(hook.direction)].reset();
     return named(hook, "attaching the program", attached);
   }
-  placeIs(hook, {Place::Owner::us, name, program.id});
+  placeIs(hook, {Place::Owner::us, name, ownQdisc, program.id});
   return {};
 }
 
@@ -182,18 +192,56 @@ Mox::Result<> Filters::detach(const Hook& hook) {
   return {};
 }
 
-Mox::Result<> Filters::detachAll() {
+Mox::Result<bool> Filters::isEmpty(Netlink::IfIndex ifIndex) {
+  bool empty = true;
+  for (const Direction direction : {Direction::ingress, Direction::egress}) {
+    tcmsg header{};
+    header.tcm_ifindex = static_cast<int>(ifIndex);
+    header.tcm_parent = parentOf(direction);
+    const auto result = dumps_.dump(
+        Message(RTM_GETTFILTER, NLM_F_DUMP).header(header),
+        [&](const Netlink::Received& message) { empty = empty && message.type() != RTM_NEWTFILTER; }, [] {});
+    if (!result) return Netlink::describe("looking for filters of others", result).failure();
+  }
+  return empty;
+}
+
+Mox::Result<> Filters::removeAll(const Removed& removed) {
+  Mox::Result<> failed;
+  std::vector<std::pair<Netlink::IfIndex, std::string>> what;
   std::vector<Message> messages;
-  for (const auto& [ifIndex, places] : devices_) {
+  const auto note = [&](const Mox::Result<>& result) {
+    if (!result && !isAbsent(result) && failed) failed = result;
+  };
+  const auto send = [&](const char* step) {
+    requests_.batch(messages, [&](std::size_t i, const Netlink::Result<>& result) {
+      if (result) removed(what[i].first, what[i].second);
+      note(Netlink::describe(step, result));
+    });
+    what.clear();
+    messages.clear();
+  };
+  std::vector<Netlink::IfIndex> known = devices();
+  for (const Netlink::IfIndex ifIndex : known) {
     for (const Direction direction : {Direction::ingress, Direction::egress}) {
-      const std::optional<Place>& place = places[at(direction)];
-      if (place && place->owner == Place::Owner::us) messages.push_back(deletion({ifIndex, direction, {}}));
+      const Hook hook{ifIndex, direction, std::to_string(ifIndex)};
+      const auto present = place(hook);
+      note(present ? Mox::Result<>() : present.failure());
+      if (!present || present->owner != Place::Owner::us) continue;
+      what.emplace_back(ifIndex, "filter " + present->name);
+      messages.push_back(deletion(hook));
     }
   }
-  Mox::Result<> failed;
-  requests_.batch(messages, [&](std::size_t, const Netlink::Result<>& result) {
-    if (!result && !isAbsent(result) && failed) failed = Netlink::describe("detaching programs", result);
-  });
+  send("detaching programs");
+  for (const Netlink::IfIndex ifIndex : known) {
+    if (!devices_[ifIndex].ownQdisc) continue;
+    const auto empty = isEmpty(ifIndex);
+    note(empty ? Mox::Result<>() : empty.failure());
+    if (!empty || !*empty) continue;
+    what.emplace_back(ifIndex, "empty clsact");
+    messages.push_back(qdiscRequest(RTM_DELQDISC, 0, ifIndex));
+  }
+  send("removing clsact qdiscs");
   clear();
   return failed;
 }

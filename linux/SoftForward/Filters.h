@@ -10,13 +10,15 @@
 // nothing: the qdiscs are read once, the filter in our place when it is first asked about, and both follow
 // the notifications from then on.
 //
-// The clsact qdisc is made where there is none, and stays when our filter goes: an empty one costs nothing,
-// and others may have put their own filters behind it meanwhile.
+// The clsact qdisc is made where there is none. Which ones were is noted in the names of the filters (they end
+// with kOwnQdisc), so that it is known after a restart too: such a one goes when everything of ours is removed,
+// unless others have put filters behind it meanwhile.
 //
 // Formats: <linux/pkt_sched.h>, <linux/pkt_cls.h>.
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -43,8 +45,10 @@ class Filters {
   static constexpr std::uint16_t kPriority = 135;
   static constexpr std::uint32_t kHandle = 1;
   static constexpr const char* kPrefix = "soft-forward:";
+  static constexpr const char* kOwnQdisc = "+clsact";
 
-  explicit Filters(Netlink::Socket& requests) : requests_(requests) {}
+  // Of the two sockets, one is for dumps.
+  Filters(Netlink::Socket& requests, Netlink::Socket& dumps) : requests_(requests), dumps_(dumps) {}
 
   // A notification of RTNLGRP_TC, or a message of the dump of all qdiscs; those about something else are
   // passed over. The device whose filters of ours may have changed, 0: none.
@@ -64,26 +68,35 @@ class Filters {
   Mox::Result<> attach(const Hook& hook, const LoadedProgram& program);
   // No failure if the device or the filter is gone already.
   Mox::Result<> detach(const Hook& hook);
-  // All of ours that are known, many requests at a time; the first failure is returned.
-  Mox::Result<> detachAll();
+  // All of ours, and then the qdiscs that are ours and empty; `removed` is told what of which device. The first
+  // failure is returned.
+  using Removed = std::function<void(Netlink::IfIndex ifIndex, const std::string& what)>;
+  Mox::Result<> removeAll(const Removed& removed);
 
  private:
   // What is in our place of a direction.
   struct Place {
     enum class Owner : std::uint8_t { nobody, us, other } owner = Owner::nobody;
     std::string name;
+    bool ownQdisc = false;      // a filter of ours, and behind a qdisc that we made
     std::uint32_t program = 0;  // the kernel's id
     friend bool operator==(const Place&, const Place&) = default;
   };
-  using Places = std::array<std::optional<Place>, 2>;  // by direction; nothing: not known
+  // That has a qdisc for filters.
+  struct Device {
+    std::array<std::optional<Place>, 2> places;  // by direction; nothing: not known
+    bool ownQdisc = false;                       // we made it, as far as places tell
+  };
 
   static Place placeOf(const Netlink::Received& message);
   Netlink::IfIndex applyQdisc(const Netlink::Received& message);
   Mox::Result<Place> place(const Hook& hook);
   void placeIs(const Hook& hook, Place place);
+  Mox::Result<bool> isEmpty(Netlink::IfIndex ifIndex);
 
   Netlink::Socket& requests_;
-  std::map<Netlink::IfIndex, Places> devices_;  // those that have a qdisc for filters
+  Netlink::Socket& dumps_;
+  std::map<Netlink::IfIndex, Device> devices_;
 };
 
 }  // namespace SoftForward

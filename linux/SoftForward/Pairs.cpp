@@ -301,23 +301,26 @@ Mox::Result<> Pairs::del(const Link& end) {
   return named(end, "removing it", result);
 }
 
-Mox::Result<> Pairs::delAll() {
-  std::vector<Link> ours;
+Mox::Result<> Pairs::delAll(const std::function<void(const std::string& what)>& removed) {
+  std::vector<std::pair<Link, std::string>> ours;  // and the name of the other end
   bool alone = true;
   for (const auto& [index, link] : links_.links()) {
     const Link* peer = link.kind == "veth" ? links_.find(link.peer) : nullptr;
     const bool inner = peer != nullptr && ownerOf(link.name) && ownerOf(link.name) == ownerOf(peer->name) &&
                        link.name.size() > peer->name.size();
-    if (inner) ours.push_back(link);
+    if (inner) ours.emplace_back(link, peer->name);
     if (!inner && link.group == kGroup) alone = false;
   }
-  if (alone && std::ranges::any_of(ours, [](const Link& link) { return link.group == kGroup; })) {
-    auto gone = requests_.request(std::move(Message(RTM_DELLINK).header(byIndex(0)).u32(IFLA_GROUP, kGroup)));
-    if (gone) std::erase_if(ours, [](const Link& link) { return link.group == kGroup; });
-  }
+  const auto inGroup = [](const auto& pair) { return pair.first.group == kGroup; };
+  bool groupGone = false;
+  if (alone && std::ranges::any_of(ours, inGroup))
+    groupGone = static_cast<bool>(
+        requests_.request(std::move(Message(RTM_DELLINK).header(byIndex(0)).u32(IFLA_GROUP, kGroup))));
   Mox::Result<> failed;
-  for (const Link& link : ours) {
-    if (const auto gone = del(link); !gone && failed) failed = gone;
+  for (const auto& pair : ours) {
+    const auto gone = groupGone && inGroup(pair) ? Mox::Result<>() : del(pair.first);
+    if (gone) removed("device " + pair.second);
+    if (!gone && failed) failed = gone;
   }
   return failed;
 }

@@ -103,7 +103,7 @@ class Pairs {
   // Both ends of a pair go with one. No failure if it is gone already.
   Mox::Result<> del(const Netlink::Link& end);
   // All pairs that the table has, in one request where the group has nobody else's device.
-  Mox::Result<> delAll();
+  Mox::Result<> delAll(const std::function<void(const std::string& what)>& removed);
 
   // The device is gone, and its index may be another one's soon.
   void forget(Netlink::IfIndex ifIndex) { quiet_.erase(ifIndex); }

@@ -136,11 +136,4 @@ Mox::Result<> Trunks::wayInDel(IfIndex index) {
   return done ? gone : done;
 }
 
-Mox::Result<> Trunks::close() {
-  Mox::Result<> failed;
-  for (const auto& [index, bridge] : bridges_)
-    if (const auto given = sharedAddressBack(index); !given && failed) failed = given;
-  return failed;
-}
-
 }  // namespace SoftForward

@@ -76,8 +76,6 @@ class Trunks {
 
   // Removes the way in, and has the bridge not take the shared address any more. No failure if there is none.
   Mox::Result<> wayInDel(Netlink::IfIndex bridge);
-  // Has no bridge take the shared address. Ports and ways in are removed with all others.
-  Mox::Result<> close();
 
  private:
   struct Bridge {

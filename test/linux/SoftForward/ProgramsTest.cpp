@@ -243,7 +243,8 @@ TEST_F(ProgramsTest, WhichVlanATagMakesIt) {
     agent.emplace("far-peer", 0x8135);
   }
   Netlink::Socket socket(NETLINK_ROUTE);
-  Filters filters(socket);
+  Netlink::Socket dumps(NETLINK_ROUTE);
+  Filters filters(socket, dumps);
   const std::uint32_t port = Lab::ifIndex("port");
   const std::uint32_t peer = Lab::ifIndex("peer");
   ASSERT_TRUE(filters.attach({port, Direction::ingress, "port"}, programs_.loaded(Program::accessIngress)));
