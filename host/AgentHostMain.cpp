@@ -2,18 +2,22 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 #include <string>
 
 #include "Tracelet/Trace.h"
+#include "host/CleanUp.h"
 #include "host/Daemon.h"
 #include "host/Version.h"
 
 // agent-host: loads the plug-ins that its configuration names and runs them until it is told to end.
 //
-// Exit status: 0 ended as told, or the checked configuration is good; 1 it cannot run, or the configuration is
-// wrong (stderr says why, a line each problem); 2 wrong usage.
+// Exit status: 0 ended as told, the checked configuration is good, or nothing is left; 1 it cannot run, the
+// configuration is wrong, or something could not be removed (stderr says why, a line each problem); 2 wrong
+// usage.
 
 namespace {
 
@@ -39,6 +43,15 @@ std::string timeText() {
   return text;
 }
 
+int cleanUpAll(const std::optional<Host::Config>& config) {
+  bool said = true;
+  const auto removed = [&](const std::string& what) { said = std::puts(what.c_str()) >= 0 && said; };
+  const bool done = Host::cleanUp(config, {removed, reportError});
+  said = std::fflush(stdout) == 0 && said;
+  if (!said) reportError("what was removed could not be written");
+  return done && said ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -49,11 +62,20 @@ int main(int argc, char** argv) {
   std::string file = "/etc/arp-suppression/agent-host.json";
   app.add_option("--config", file, "the configuration file (JSON, comments allowed)")->capture_default_str();
   std::string checked;
-  const CLI::Option* const check =
+  CLI::Option* const check =
       app.add_option("--check", checked,
                      "only read this configuration file, and say everything that is wrong")
           ->expected(0, 1)
           ->type_name("[FILE]");
+  std::string cleaned;
+  const CLI::Option* const cleanUp =
+      app.add_option(
+             "--clean-up", cleaned,
+             "only remove what any run left on this machine, in the namespaces of this configuration's "
+             "VRFs or, without one, in all that have a name; and say what")
+          ->expected(0, 1)
+          ->type_name("[FILE]")
+          ->excludes(check);
   app.set_version_flag("--version", Host::versionOf("agent-host"));
   try {
     app.parse(argc, argv);
@@ -62,10 +84,13 @@ int main(int argc, char** argv) {
     reportError(std::string(error.what()) + "; see agent-host --help");
     return 2;
   }
+  if (cleanUp->count() > 0 && cleaned.empty()) return cleanUpAll(std::nullopt);
   if (!checked.empty()) file = checked;
+  if (!cleaned.empty()) file = cleaned;
   Host::ConfigReading reading = Host::readConfig(file);
   for (const std::string& problem : reading.problems) reportError(problem);
   if (!reading.good()) return 1;
+  if (cleanUp->count() > 0) return cleanUpAll(reading.config);
   if (check->count() > 0) {
     for (const std::string& remark : Host::remarks(reading.config)) report(file + ": " + remark);
     return 0;

@@ -1,7 +1,13 @@
 #include "ArpService/ArpServiceAgent.h"
 
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <map>
 #include <vector>
 
+#include "Arp/Table.h"
 #include "ArpService/Trace.h"
 #include "L3/VrfName.h"
 #include "Statedb/EntityManager.h"
@@ -119,6 +125,47 @@ void ArpServiceAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   rootSm_ = Mox::make<ArpServiceRootSm>(switchConfig, input, vrfs, status,
                                         tree->entityOf<Switch::Problems>(Switch::kProblemsPath),
                                         NamespaceSm::Settings(), taskSchedulerRoot()->scheduler());
+}
+
+void ArpServiceAgent::cleanUp(const Plugin::CleanUpReport& report) {
+  Netlink::Socket requests(NETLINK_ROUTE);
+  Netlink::Socket dumps(NETLINK_ROUTE);
+  std::map<IfIndex, std::string> names;
+  std::vector<Netlink::Neighbour> ours;
+  auto read = dumps.dump(
+      Netlink::linkDump(),
+      [&](const Netlink::Received& message) {
+        if (const auto link = Netlink::readLink(message)) names[link->index] = link->name;
+      },
+      [] {});
+  if (read) {
+    read = dumps.dump(
+        Netlink::neighbourDump(AF_UNSPEC),
+        [&](const Netlink::Received& message) {
+          const auto neighbour = Netlink::readNeighbour(message);
+          if (neighbour && !neighbour->isMacEntry() && neighbour->protocol == Arp::Table::kArpTypeOwn)
+            ours.push_back(*neighbour);
+        },
+        [&] { ours.clear(); });
+  }
+  if (!read) return report.refused("reading the kernel's neighbours: " + read.error());
+  std::vector<Netlink::Message> messages;
+  for (const Netlink::Neighbour& neighbour : ours)
+    messages.push_back(removeRequest(neighbour.ifIndex, neighbour.address));
+  std::map<IfIndex, std::size_t> gone;
+  Mox::Result<> failed;
+  requests.batch(messages, [&](std::size_t i, const Mox::Result<>& result) {
+    if (result) {
+      ++gone[ours[i].ifIndex];
+    } else if (result.number() != ENOENT && failed) {
+      failed =
+          Mox::Failure{"neighbour " + ours[i].address.toStrep() + ": " + result.error(), result.number()};
+    }
+  });
+  for (const auto& [ifIndex, count] : gone)
+    report.removed(std::to_string(count) + (count == 1 ? " neighbour" : " neighbours") +
+                   " of protocol 110 of device " + names[ifIndex]);
+  if (!failed) report.refused(failed.error());
 }
 
 }  // namespace ArpService

@@ -42,6 +42,8 @@ class ArpServiceAgent final : public Plugin::AgentBase {
   void doInit() override;
   void doMountsComplete(Statedb::MountStatus status,
                         const Mox::Ptr<Statedb::EntityManager>& entityManager) override;
+  // All neighbours that say they are ours, also those that were given to the kernel to age.
+  void cleanUp(const Plugin::CleanUpReport& report) override;
 
  private:
   Ptr<ArpServiceRootSm> rootSm_;

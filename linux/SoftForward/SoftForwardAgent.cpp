@@ -45,6 +45,11 @@ void SoftForwardAgent::doInit() {
   group->doClose();
 }
 
+void SoftForwardAgent::cleanUp(const Plugin::CleanUpReport& report) {
+  Datapath datapath(programs_, [](std::uint16_t, const Standing&) {});
+  if (const auto done = datapath.removeAll(report.removed); !done) report.refused(done.error());
+}
+
 void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Statedb::EntityManager>& tree) {
   const auto found = []<class E>(Mox::Ptr<E> entity, const char* path) {
     using Found = Mox::Result<Mox::Ptr<E>>;

@@ -16,6 +16,7 @@ class SoftForwardAgent final : public Plugin::AgentBase {
   void endBegins() override {
     if (softForwardSm_) softForwardSm_->endBegins();
   }
+  void cleanUp(const Plugin::CleanUpReport& report) override;
   bool finished() const override { return !softForwardSm_ || softForwardSm_->finished(); }
 
  private:

@@ -5,6 +5,7 @@
 
 #include "Memtab/Directory.h"
 #include "lab/AgentSwitch.h"
+#include "lab/WholeSwitch.h"
 
 namespace Lab {
 namespace {
@@ -140,6 +141,62 @@ TEST_F(Restart, SetsADamagedStateStoreAside) {
     switch_.kill();
   }
 }
+
+class Leftovers : public WholeSwitch {
+ protected:
+  // What a run may leave in the kernel.
+  std::string kernel() const {
+    const Entered there(*vlan10_.where);
+    const std::string neighbours = run("ip neigh show nud permanent");
+    const Entered here(switch_.netNs());
+    return run("ip -br link show | cut -d' ' -f1") + run("tc qdisc show") + neighbours +
+           run("bridge fdb show | grep -E 'permanent|static' | sort");
+  }
+  std::vector<std::string> files() const {
+    std::vector<std::string> all = Memtab::Directory::forRunDir(switch_.runDirectory()).tables();
+    if (std::filesystem::exists(switch_.runDirectory())) all.push_back(switch_.runDirectory());
+    return all;
+  }
+};
+
+TEST_P(Leftovers, AreRemovedAndNothingElse) {
+  run("tc qdisc add dev Ethernet2 clsact");  // the operator's
+  const std::string before = kernel();
+  const json whole = {{"agents", {"KernelState", "ArpService", "SoftForward", "ArpSuppression"}},
+                      {"state", {{"routing/fhrp/vrMacStatus", {{"vgwVirtualMac", "00:00:5e:00:01:01"}}}}}};
+  const std::string programmed = "/vrf/" + vlan10_.vrf + "/programmed";
+  const auto runs = [&] {
+    start(whole);
+    ASSERT_EQ(switch_.state("arp/service/status", programmed.c_str(), 1), json(1));
+    EXPECT_NE(kernel(), before);
+  };
+  runs();
+  const Result refused = switch_.cleanUp();
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.error, HasSubstr("another agent-host serves this network namespace"));
+  switch_.kill();
+  runs();
+  switch_.stop();
+  EXPECT_EQ(kernel(), before) << "a clean stop knows what the run before it made";
+  EXPECT_EQ(switch_.cleanUp().status, 0);
+  EXPECT_THAT(files(), IsEmpty());
+
+  runs();
+  switch_.kill();
+  const Result done = switch_.cleanUp();
+  EXPECT_EQ(done.status, 0) << done.error;
+  EXPECT_EQ(kernel(), before);
+  EXPECT_THAT(files(), IsEmpty());
+  for (const std::string& removed :
+       Texts{"shared table arp/status.arpEntry", "kept state " + switch_.runDirectory() + "/state",
+             "device arpsnoop", "device " + devices().back(), "shared gateway MAC 00:00:5e:00:01:01 of ",
+             "filter soft-forward:access_ingress of device Ethernet2", "empty clsact of device Ethernet1"})
+    EXPECT_THAT(done.output, HasSubstr("removed " + removed));
+  EXPECT_THAT(done.output, HasSubstr(" of protocol 110 of device vlan10"));
+  EXPECT_EQ(switch_.cleanUp().output, "nothing was left\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(Layouts, Leftovers, testing::Values(kLayouts[0], kLayouts[1], kLayouts[3]), nameOf);
 
 }  // namespace
 }  // namespace Lab

@@ -145,6 +145,13 @@ void Switch::stop(int signal) {
   EXPECT_EQ(daemon_->wait(), 0) << daemon_->error;
 }
 
+Result Switch::cleanUp() const {
+  const Entered entered(netNs_);
+  Process process({AGENT_HOST, "--clean-up", folder_ + "/config.json"});
+  const int status = process.wait();
+  return {status, process.output, process.error};
+}
+
 bool Switch::running() const {
   siginfo_t end{};
   return waitid(P_PID, static_cast<id_t>(daemon_->pid()), &end, WEXITED | WNOHANG | WNOWAIT) == 0 &&

@@ -80,6 +80,7 @@ class Switch {
   std::unique_ptr<Process> reload(json config) const;
   void kill();                      // at once, without a chance to tidy up
   void stop(int signal = SIGTERM);  // as an operator would; a test failure when it does not end well
+  Result cleanUp() const;           // "agent-host --clean-up", with the configuration of the last start
   Process& daemon() { return *daemon_; }
   bool running() const;
   std::size_t descriptors() const;  // how many the daemon has open
