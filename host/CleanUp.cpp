@@ -35,7 +35,9 @@ ino_t networkNamespace() {
 class CleanUp {
  public:
   CleanUp(const std::optional<Config>& config, const CleanUpLines& lines)
-      : runDirectory_(config ? config->runDirectory : kDefaultRunDirectory), lines_(lines) {
+      : runDirectory_(config ? config->runDirectory : kDefaultRunDirectory),
+        metrics_(config ? config->metrics : ""),
+        lines_(lines) {
     if (!config) {
       for (const std::string& name : namesIn(kNamespaceNames)) namespaces_.insert(name);
     } else {
@@ -54,6 +56,8 @@ class CleanUp {
       if (!directory) return refused(directory.error());
       cleanUpProcess(**directory);
     }
+    std::error_code none;
+    if (fs::is_socket(metrics_, none)) remove("metrics socket", metrics_);
     cleanUpNetworks();
     network->reset();
     removeLocks();
@@ -152,6 +156,7 @@ class CleanUp {
   }
 
   const std::string runDirectory_;
+  const std::string metrics_;  // the path of a socket, among others
   std::set<std::string> namespaces_;
   const CleanUpLines& lines_;
   bool good_ = true;
