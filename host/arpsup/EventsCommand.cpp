@@ -47,7 +47,7 @@ std::optional<Event> eventOf(const TraceLine& line) {
     rest.remove_prefix(label.size());
     std::size_t end = std::string_view::npos;
     for (auto later = key + 1; later != std::end(Switch::kEventKeys); ++later)
-      end = std::min(end, rest.find(" " + std::string(*later) + "="));
+      end = std::min(end, rest.find(std::string(1, ' ').append(*later).append("=")));
     if (std::string value = take(end, 1); !value.empty()) event.values.emplace(*key, std::move(value));
   }
   return event;
