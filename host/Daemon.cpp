@@ -21,9 +21,9 @@ namespace Host {
 namespace {
 
 // At the end: how often it is looked whether anything is under way, and for how long at most. What a full
-// receive queue holds takes 0.2 s.
+// receive queue holds takes 0.2 s, and some seconds on a machine that is very slow.
 constexpr double kEndLookSeconds = 0.01;
-constexpr double kLongestEndSeconds = 2;
+constexpr double kLongestEndSeconds = 5;
 
 sigset_t signalsToRead() {
   sigset_t set;
