@@ -44,6 +44,14 @@ Mox::Result<ArpSuppression::RemoteBindingKey> parseBindingKey(std::string_view v
   return ArpSuppression::RemoteBindingKey{*vlanId, *address};
 }
 
+Mox::Result<> notOwn(const Ip::OwnAddresses& own, const ArpSuppression::RemoteBindingKey& key) {
+  const auto interface = own.interfaceOf(key.vlanId, key.ipAddress);
+  if (!interface) return {};
+  return Mox::Failure{"IP " + Statedb::describe(key.ipAddress.toStrep()) + " on VLAN " +
+                      key.vlanId.toStrep() + " is the address of " + interface->toStrep() +
+                      " of this switch, which no other switch has"};
+}
+
 std::optional<EthAddr> parseMac(std::string_view text) {
   constexpr std::size_t kDigits = 12;
   const std::size_t group = std::min(text.find_first_of(":-."), text.size());  // digits up to a separator

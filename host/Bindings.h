@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "Ip/OwnAddresses.h"
 #include "Lanix/EthAddr.h"
 #include "Mox/Result.h"
 #include "Suppression/RemoteBindingConfig.h"
@@ -26,6 +27,9 @@ Mox::Result<Binding> parseBinding(std::string_view vlan, std::string_view ip, st
 // Of {"vlan": 10, "ip": "10.0.0.1", "mac": "02:00:00:00:00:01", "localMultihomed": false}; the last key may be
 // left out.
 Mox::Result<Binding> parseBinding(const nlohmann::json& object);
+
+// Refused when an interface of this switch has the address in the VRF of that VLAN's interface.
+Mox::Result<> notOwn(const Ip::OwnAddresses& own, const ArpSuppression::RemoteBindingKey& key);
 
 // A MAC address as people paste it: 02:00:00:00:00:01, 02-00-..., 0200.0000.0001 or 020000000001, in upper or
 // lower case.

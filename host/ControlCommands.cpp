@@ -283,6 +283,11 @@ void ControlCommands::changeBindings(std::string_view lines, bool add, std::stri
   });
   if (!read) return appendError(output, read.error());
   auto& collection = (*table)->remoteBindingCollection();
+  const Ip::OwnAddresses own(state_.tree()->entityOf<const Ip::Status>("ip/status"));
+  for (const Binding& binding : bindings) {
+    const Mox::Result<> good = add ? notOwn(own, binding.key) : Mox::Result<>();
+    if (!good) return appendError(output, good.error());
+  }
   if (const Mox::Result<> room = add ? roomFor(**table, bindings) : Mox::Result<>(); !room)
     return appendError(output, room.error());
   std::size_t changed = 0;

@@ -7,6 +7,7 @@
 #include "Orb/FeatureSwitch.h"
 #include "Statedb/Json.h"
 #include "Tracelet/Trace.h"
+#include "host/Bindings.h"
 #include "host/FeatureFiles.h"
 
 namespace Host {
@@ -28,6 +29,19 @@ std::vector<std::string> needRestart(const std::string& file, const Config& befo
   compare("hardware", before.hardware, now.hardware);
   compare("agents", before.agents, now.agents);
   compare("metrics.listen", before.metrics, now.metrics);
+  return problems;
+}
+
+// New bindings for addresses that this switch has. At its start it does not know them yet.
+std::vector<std::string> ownAddresses(const std::string& file, const State& state, const Config& before,
+                                      const Config& now) {
+  std::vector<std::string> problems;
+  const Ip::OwnAddresses own(state.tree()->entityOf<const Ip::Status>("ip/status"));
+  for (const auto& [key, binding] : now.bindings) {
+    if (before.bindings.contains(key)) continue;
+    if (const Mox::Result<> good = notOwn(own, key); !good)
+      problems.push_back(file + ": bindings: " + good.error());
+  }
   return problems;
 }
 
@@ -89,6 +103,8 @@ std::vector<std::string> Reload::read() {
   if (!isFile(file_)) return {file_ + ": not a regular file: it cannot be read again"};
   ConfigReading reading = readConfig(file_);
   if (!reading.good()) return reading.problems;
+  if (auto problems = ownAddresses(file_, state_, config_, reading.config); !problems.empty())
+    return problems;
   if (auto problems = needRestart(file_, config_, reading.config); !problems.empty()) return problems;
   auto change = state_.reconfigure(config_, reading.config);
   if (!change) return {file_ + ": " + change.error()};

@@ -313,6 +313,11 @@ TEST_F(Control, chunksAreAllOrNothingAndCounted) {
   std::string many;
   for (std::size_t i = 0; i <= Host::kChunkBindings; ++i) many += "10 10.0.0.1 02:00:00:00:00:01\n";
   EXPECT_THAT(remote("add", many), HasSubstr("more than 512 bindings"));
+  const json interface = {{"vrfName", "default"}, {"activeAddr", "10.0.0.254/24"}};
+  ASSERT_EQ(host.apply({{"ip/status", {{"ipIntfStatus", {{"Vlan10", interface}}}}}}), "");
+  EXPECT_THAT(remote("add", "10 10.0.0.7 02:00:00:00:00:07\n10 10.0.0.254 02:00:00:00:00:08"),
+              HasSubstr("10.0.0.254\\\" on VLAN 10 is the address of Vlan10 of this switch"));
+  EXPECT_EQ(host.show(kRemote)["remoteBinding"].size(), 1u);
   ASSERT_EQ(host.apply({{"arpSuppression/limits", {{"remoteBindings", 2}}}}), "");
   EXPECT_THAT(remote("add",
                      "10 fe80::1 02:00:00:00:00:03\n10 10.0.0.1 02:00:00:00:00:01\n"

@@ -159,7 +159,9 @@ TEST(Reload, followsWhatIsOfNoPath) {
 }
 
 TEST(Reload, refusesAsAWhole) {
-  Running running(json{{"vlans", {{"10", json::object()}}}});
+  const json interface = {{"vrfName", "default"}, {"activeAddr", "10.0.0.254/24"}};
+  Running running(json{{"vlans", {{"10", json::object()}}},
+                       {"state", {{"ip/status", {{"ipIntfStatus", {{"Vlan10", interface}}}}}}}});
   const std::string before = running.all();
   const struct {
     const char* text;
@@ -172,6 +174,8 @@ TEST(Reload, refusesAsAWhole) {
       {R"({"vlans": {}, "metrics": {"listen": "[::1]:9341"}})",
        "metrics.listen: \"[::1]:9341\" needs a restart"},
       {R"({"vlans": {}, "colour": 1, "hardware": 2})", "hardware: 2 is not"},
+      {R"({"vlans": {}, "bindings": [{"vlan": 10, "ip": "10.0.0.254", "mac": "02:00:00:00:00:01"}]})",
+       "bindings: IP \"10.0.0.254\" on VLAN 10 is the address of Vlan10 of this switch"},
       {R"({"vlans": {)", "line 1, column"},
   };
   for (const auto& test : cases) {
