@@ -44,8 +44,10 @@ BindingDiscoverySm::BindingDiscoverySm(
       localBindingRecord_(std::move(localBindingRecord)),
       evpnStatus_(std::move(evpnStatus)),
       arpInputConfigTrigger_(std::move(arpInputConfigTrigger)),
-      room_(taskSchedulerRoot_->scheduler()->loop(), limits ? limits : Mox::make<Limits>(),
-            localBindingRecord_, arpSuppressionCounterStatus_) {
+      loop_(taskSchedulerRoot_->loop()),
+      room_(loop_, limits ? limits : Mox::make<Limits>(), localBindingRecord_, arpSuppressionCounterStatus_),
+      conflicts_(loop_, vlanL3InfoStatus_.notifier(), remoteBindingStatus_.notifier(), localBindingRecord_,
+                 bridgingStatus_.notifier(), arpSuppressionCounterStatus_) {
   receivedRequestTrap_.on(MessageTrap::lastTrappedMessageChanged, [this] { handleTrappedRequest(); });
   bridgingStatus_.on(Memtab::Bridging::Status::fdbChanged,
                      [this](const Bridging::HostKey& hostKey) { handleFdbStatus(hostKey); });
@@ -91,6 +93,7 @@ void BindingDiscoverySm::createLocalBinding(Bridging::VlanId vlanId, const Lanix
   const Ptr<LocalBinding> existing = localBindingRecord_->binding(vrfIpAddress);
   if (existing && existing->vlanIdMacAddress() == vlanIdMacAddress) {
     count(Id::localBindingAlreadyPresent);
+    existing->heardAt(loop_.now());
     arpInputConfigTrigger_->event(vrfIpAddress, false);
     return;
   }
@@ -99,16 +102,19 @@ void BindingDiscoverySm::createLocalBinding(Bridging::VlanId vlanId, const Lanix
     TRACE8("No room vrfIpAddress=" << vrfIpAddress << " port=" << port);
     return;
   }
-  localBindingRecord_->createLocalBinding(vrfIpAddress, vlanIdMacAddress);
+  const auto before = existing ? std::optional(existing->vlanIdMacAddress()) : std::nullopt;
+  const Lanix::IntfId portBefore = before ? localBindingRecord_->portOf(*before) : Lanix::IntfId();
+  const Ptr<LocalBinding> created = localBindingRecord_->createLocalBinding(vrfIpAddress, vlanIdMacAddress);
   if (port) localBindingRecord_->portIs(vlanIdMacAddress, port);
+  const auto now = static_cast<std::uint32_t>(loop_.now());
+  created->historyIs({now, now, existing ? existing->history().moves + 1 : 0});
   count(Id::localBindingCreated);
-  Mox::String before;
-  if (existing)
-    before = "was " + existing->vlanIdMacAddress().macAddress.toStrep() + " on VLAN " +
-             existing->vlanIdMacAddress().vlanId.toStrep();
+  const Mox::String was =
+      before ? "was " + before->macAddress.toStrep() + " on VLAN " + before->vlanId.toStrep() : Mox::String();
   Switch::bindingEvent(
-      existing ? Switch::EventKind::moved : Switch::EventKind::learned,
-      {.vlanId = vlanId, .ip = ipAddress, .mac = macAddress, .interface = port.name(), .text = before});
+      before ? Switch::EventKind::moved : Switch::EventKind::learned,
+      {.vlanId = vlanId, .ip = ipAddress, .mac = macAddress, .interface = port.name(), .text = was});
+  conflicts_.handleLocal(*created, before, portBefore);
 }
 
 void BindingDiscoverySm::deleteLocalBinding(const Ptr<LocalBinding>& given, const char* why) {
@@ -166,7 +172,8 @@ void BindingDiscoverySm::handleFdbStatus(const Bridging::HostKey& hostKey) {
   TRACE8("fdb=" << vlanIdMacAddress << " intfId=" << fdb.intf << " entryType=" << fdb.entryType
                 << " isLocal=" << yesNo(isLocal));
   if (isLocal) {
-    localBindingRecord_->portIs(vlanIdMacAddress, fdb.intf);
+    const Lanix::IntfId before = localBindingRecord_->portIs(vlanIdMacAddress, fdb.intf);
+    if (before && before != fdb.intf) conflicts_.handleStation(vlanIdMacAddress, before, fdb.intf);
     processLocalMac(vlanIdMacAddress, fdb.intf);
   } else {
     processRemoteMac(vlanIdMacAddress);
@@ -213,6 +220,7 @@ void BindingDiscoverySm::processRemoteMac(const VlanIdMacAddress& vlanIdMacAddre
 void BindingDiscoverySm::handleRemoteBinding() {
   const VrfIpAddress vrfIpAddress = remoteBindingStatus_->lastVrfIpAddressChange();
   if (!vrfIpAddress || !remoteBindingStatus_->ipToMacHas(vrfIpAddress)) return;
+  conflicts_.handleRemote(vrfIpAddress);
   const Ptr<LocalBinding> localBinding = localBindingRecord_->binding(vrfIpAddress);
   if (!localBinding) return;
   TRACE8("vrfIpAddress=" << vrfIpAddress << " localBinding=" << localBinding);

@@ -6,6 +6,7 @@
 #include "Arp/Table.h"
 #include "ArpSuppression/ArpInputConfigTrigger.h"
 #include "ArpSuppression/BindingDiscoveryVgwReplySm.h"
+#include "ArpSuppression/ConflictWatch.h"
 #include "ArpSuppression/LocalBinding.h"
 #include "ArpSuppression/LocalBindingRoom.h"
 #include "ArpSuppression/RemoteBindingStatus.h"
@@ -53,6 +54,7 @@ class BindingDiscoverySm final : public Mox::Entity {
 
   // The listener of a VLAN; null when there is none.
   BindingDiscoveryVgwReplySm* vgwReplySm(Bridging::VlanId vlanId) const;
+  const ConflictWatch& conflicts() const { return conflicts_; }
   std::size_t vgwReplySms() const { return vgwReplySm_.size(); }
 
   Mox::String toStrep() const { return "<BindingDiscoverySm>"; }
@@ -90,7 +92,9 @@ class BindingDiscoverySm final : public Mox::Entity {
   Ptr<LocalBindingRecord> localBindingRecord_;
   Ptr<const Evpn::EvpnStatus> evpnStatus_;
   Ptr<ArpInputConfigTrigger> arpInputConfigTrigger_;
+  Orb::EventLoop& loop_;
   LocalBindingRoom room_;
+  ConflictWatch conflicts_;
   std::map<Bridging::VlanId, Ptr<BindingDiscoveryVgwReplySm>> vgwReplySm_;  // by VLAN
 };
 

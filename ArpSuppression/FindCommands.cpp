@@ -146,6 +146,12 @@ class Tables {
     return info ? nameOf(info->vrfInfo()) : Mox::String();
   }
   Mox::String vrfOf(Vrf::VrfIdMap::VrfId id) const { return mounts_.vrfIdMap->vrfIdToName(id).toStrep(); }
+  // What is known of a local host's past, behind what is said of it.
+  Orb::JsonObject& addHistory(Orb::JsonObject& shown, const LocalBinding& binding) const {
+    const auto& [since, heard, moves] = binding.history();
+    const auto now = static_cast<std::uint32_t>(rootSm_.arpInputConfigSm()->scheduler()->loop().now());
+    return shown.add("ageSeconds", now - since).add("lastSeenSeconds", now - heard).add("moves", moves);
+  }
   static Mox::String nameOf(const Ptr<VrfInfo>& vrf) { return vrf ? vrf->vrfName() : Mox::String(); }
 
  private:
@@ -192,7 +198,8 @@ class BindingsCommand final : public Plugin::AgentCommandCallback {
         Orb::JsonObject shown = begun("local", Tables::nameOf(key.vrfInfo), key.ipAddress, vlanId, mac);
         if (const Mox::String port = tables.interfaceOf(vlanId, mac); !port.empty())
           shown.add("interface", port);
-        list.add(shown.add("dynamic", binding.arpStatusHasDynamicEntry()));
+        shown.add("dynamic", binding.arpStatusHasDynamicEntry());
+        list.add(tables.addHistory(shown, binding));
       });
     }
     if (arguments[0] == "local") return;
@@ -237,7 +244,8 @@ class FindCommand final : public Plugin::AgentCommandCallback {
       Orb::JsonObject shown = begun("local", vlanId.value(), key.ipAddress.toStrep(), mac);
       if (const Mox::String port = tables.interfaceOf(vlanId, mac); !port.empty())
         shown.add("interface", port);
-      list.add(shown.add("vrf", Tables::nameOf(key.vrfInfo)).add("source", "ARP"));
+      shown.add("vrf", Tables::nameOf(key.vrfInfo)).add("source", "ARP");
+      list.add(tables.addHistory(shown, binding));
     });
     tables.remote(filter, [&](const RemoteBindingKey& key, const RemoteBinding& binding) {
       list.add(begun("remote", key.vlanId.value(), key.ipAddress.toStrep(), binding.macAddress)

@@ -1,5 +1,7 @@
 #include "ArpSuppression/LocalBinding.h"
 
+#include <utility>
+
 #include "ArpSuppression/Trace.h"
 #include "Mox/Assert.h"
 
@@ -68,12 +70,14 @@ void LocalBindingRecord::deleteLocalBinding(const Ptr<LocalBinding>& given) {
   releaseVrf(vrfIpAddress.vrfInfo);
 }
 
-void LocalBindingRecord::portIs(const VlanIdMacAddress& vlanIdMacAddress, const Lanix::IntfId& port) {
+Lanix::IntfId LocalBindingRecord::portIs(const VlanIdMacAddress& vlanIdMacAddress,
+                                         const Lanix::IntfId& port) {
   const Ptr<LocalMacToIp> ofMac = macToIp(vlanIdMacAddress);
-  if (!ofMac || ofMac->port() == port) return;
-  countAtPort(ofMac->port(), 0, ofMac->bindings());
-  ofMac->port_ = port;
+  if (!ofMac || ofMac->port() == port) return port;
+  const Lanix::IntfId before = std::exchange(ofMac->port_, port);
+  countAtPort(before, 0, ofMac->bindings());
   countAtPort(port, ofMac->bindings(), 0);
+  return before;
 }
 
 std::size_t LocalBindingRecord::bindingsOfPort(const Lanix::IntfId& port) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 
 #include "ArpSuppression/BindingKeys.h"
@@ -18,6 +19,17 @@ class LocalBinding final : public Mox::Entity {
   // The kernel has a dynamic neighbour for the address as well.
   MOX_ATTRIBUTE(bool, arpStatusHasDynamicEntry, false)
 
+  // For people: when the address got this station, when that was heard last, and how often the address had
+  // changed its station before. In whole seconds on the event loop's clock.
+  struct History {
+    std::uint32_t since = 0;
+    std::uint32_t heard = 0;
+    std::uint32_t moves = 0;
+  };
+  const History& history() const { return history_; }
+  void historyIs(const History& history) { history_ = history; }
+  void heardAt(double now) { history_.heard = static_cast<std::uint32_t>(now); }
+
   // "<...;...;dynSt=no >"
   Mox::String toStrep() const;
   void dumpState(Orb::DumpContext& context, int indent) const;
@@ -25,6 +37,7 @@ class LocalBinding final : public Mox::Entity {
  private:
   VrfIpAddress vrfIpAddress_;
   VlanIdMacAddress vlanIdMacAddress_;
+  History history_;
 };
 
 // The addresses of one local station; there is at least one.
@@ -67,9 +80,15 @@ class LocalBindingRecord final : public VrfUseTracker {
   // The binding must be the record's.
   void deleteLocalBinding(const Ptr<LocalBinding>& binding);
 
-  // Notes the port of a station that has bindings; of others nothing is known here.
-  void portIs(const VlanIdMacAddress& vlanIdMacAddress, const Lanix::IntfId& port);
+  // Notes the port of a station that has bindings; of others nothing is known here. Returns the port before, or
+  // this one when there is nothing to note.
+  Lanix::IntfId portIs(const VlanIdMacAddress& vlanIdMacAddress, const Lanix::IntfId& port);
 
+  // The empty one while it is not known.
+  Lanix::IntfId portOf(const VlanIdMacAddress& vlanIdMacAddress) const {
+    const Ptr<const LocalMacToIp> ofMac = macToIp(vlanIdMacAddress);
+    return ofMac ? ofMac->port() : Lanix::IntfId();
+  }
   // How many bindings the stations on a port have. Not those whose port is not known.
   std::size_t bindingsOfPort(const Lanix::IntfId& port) const;
   // How many bindings VLANs have; those without any are left out.

@@ -61,6 +61,17 @@ TEST(Find, hosts_are_found_in_every_table_by_either_address) {
     const std::string answer = rig.command(test.command, test.arguments);
     EXPECT_EQ(hosts(answer), test.hosts) << answer;
   }
+  // Heard on two ports in turn, the latest time 5 s ago.
+  for (const char* sender : {kHostMac, kOtherMac, kOtherMac}) {
+    rig.trap(Trapped{.senderMac = sender, .senderIp = "10.0.0.40"});
+    rig.clock.advance(5);
+  }
+  rig.settle();
+  for (const char* command : {"bindings", "find"}) {
+    EXPECT_THAT(rig.command(command, command[0] == 'f' ? std::vector<Mox::String>{"10.0.0.40"}
+                                                       : std::vector<Mox::String>{"local", "ip=10.0.0.40"}),
+                HasSubstr(R"("ageSeconds":10,"lastSeenSeconds":5,"moves":1})"));
+  }
   const struct {
     const char* command;
     std::vector<Mox::String> arguments;

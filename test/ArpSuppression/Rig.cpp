@@ -259,6 +259,7 @@ std::string Rig::takeCounters(Of of) {
   std::string text;
   for (std::uint32_t id = 0; id < kCounters; ++id) {
     const Id counterId = static_cast<Id>(id);
+    if (counterId == Id::addressConflict) continue;  // of what hosts and switches claim, not of a frame
     const bool discovery = counterId >= Id::discoveryBadMac && counterId <= Id::vgwReplyAccepted;
     if (of != (counterId < Id::replyRemote ? Of::arpInput : discovery ? Of::discovery : Of::requests))
       continue;
