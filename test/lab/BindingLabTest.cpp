@@ -322,6 +322,7 @@ TEST_P(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
   setenv("ASAN_OPTIONS", (std::string(options ? options : "") + ":quarantine_size_mb=1").c_str(), 1);
   json all = agents();
   all["softForward"]["policer"] = {{"perSecond", 1'000'000}, {"burst", 1'000'000}};  // the agent gets it all
+  all["limits"]["localBindingsPerPort"] = 2 * senderCount;
   start(all);
   std::uint64_t resident[3] = {};
   for (std::uint64_t& pages : resident) {
