@@ -38,7 +38,8 @@ constexpr int kBurst = 50;
 
 double passed(Clock::time_point since) { return Seconds(Clock::now() - since).count(); }
 
-// At its rate, in bursts; what the machine cannot send in time is not made up for.
+// In the name of hosts whose addresses nobody else has. At its rate, in bursts; what the machine cannot send in
+// time is not made up for.
 class Storm {
  public:
   Storm(Lab::PacketSocket& socket, double perSecond)
@@ -51,7 +52,7 @@ class Storm {
             for (int i = 0; i < kBurst; ++i, ++sent_) {
               const auto byte = [this](unsigned shift) { return static_cast<std::uint8_t>(sent_ >> shift); };
               const Lab::Mac mac{0x02, 1, byte(24), byte(16), byte(8), byte(0)};
-              socket.trySend(arpFrame({1, mac, {10, byte(16), byte(8), byte(0)}, {}, kRemoteIp}));
+              socket.trySend(arpFrame({1, mac, {11, byte(16), byte(8), byte(0)}, {}, kRemoteIp}));
             }
           }
           perSecond_ = sent_ / passed(begin);
