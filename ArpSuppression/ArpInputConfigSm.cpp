@@ -15,16 +15,14 @@ namespace {
 
 constexpr char kSource[] = "ArpSuppression/ArpInputConfigSm";
 
-// ARP types of entries in the ARP service's input.
-constexpr std::uint8_t kArpTypeRemote = 0;
-constexpr std::uint8_t kArpTypeLocal = 1;
-
 constexpr char kKernelState[] = "KernelState";
 constexpr char kTakeOver[] = "neighbours of an earlier run";
 
 using Counter = ArpSuppressionCounterId;
 using Arp::ArpEntryInput;
 using Arp::ArpInputVrfConfig;
+using Arp::kArpTypeLocal;
+using Arp::kArpTypeRemote;
 using Installation = KernelDynamicEntryInstallation;
 
 // Goes before every interface in the order of keys.

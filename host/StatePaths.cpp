@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Arp/Confirmation.h"
 #include "Statedb/Path.h"
 #include "Suppression/Limits.h"
 #include "Suppression/NeverAnswer.h"
@@ -31,6 +32,7 @@ const std::vector<StatePath>& statePaths() {
   // clang-format off
   static const std::vector<StatePath> paths = {
       {"arp/input/config/arpSuppression", "Arp::ArpInputConfig", tree, byPlugin, kArpSuppression, true},
+      {Arp::kConfirmationPath, Arp::kConfirmationType, tree, byPlugin, kArpService, false},
       {"arp/service/status", "Arp::ServiceStatus", tree, byPlugin, kArpService, false},
       {"arp/status", "Arp::Table::Status", sharedMemory, byPlugin, kKernelState, false},
       {"arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus", sharedMemory, byPlugin, kArpSuppression, false},

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Arp/Confirmation.h"
 #include "Arp/InputConfig.h"
 #include "Arp/ServiceStatus.h"
 #include "Arp/Table.h"
@@ -33,6 +34,7 @@ void forEachStateType(Visit&& visit) {
   visit.template operator()<ArpSuppression::Limits>(ArpSuppression::kLimitsType);
   visit.template operator()<ArpSuppression::NeverAnswer>(ArpSuppression::kNeverAnswerType);
   visit.template operator()<Arp::ArpInputConfig>("Arp::ArpInputConfig");
+  visit.template operator()<Arp::Confirmation>(Arp::kConfirmationType);
   visit.template operator()<Arp::ServiceStatus>("Arp::ServiceStatus");
   visit.template operator()<Bridging::Config>("Bridging::Config");
   visit.template operator()<Evpn::EvpnStatus>("Evpn::EvpnStatus");

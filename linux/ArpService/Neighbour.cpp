@@ -13,9 +13,6 @@ namespace {
 
 using Netlink::Message;
 
-// Arp::ArpEntryInput::arpType
-constexpr std::uint8_t kLocalBinding = 1;
-
 Message request(std::uint16_t type, std::uint16_t flags, IfIndex ifIndex, const Lanix::IpGenAddr& address,
                 std::uint16_t state = 0, std::uint8_t neighbourFlags = 0) {
   ndmsg header{};
@@ -50,7 +47,7 @@ Verdict judge(const Arp::ArpEntryInput* wanted, const Netlink::Neighbour& actual
   if (wanted->dynamic) return same ? Verdict::leave : Verdict::write;
   // What the kernel resolved by itself serves a local host better: it notices when the host goes. The agent
   // takes its entry back when it sees that.
-  return wanted->arpType == kLocalBinding ? Verdict::leave : Verdict::write;
+  return wanted->arpType == Arp::kArpTypeLocal ? Verdict::leave : Verdict::write;
 }
 
 Message lookRequest(IfIndex ifIndex, const Lanix::IpGenAddr& address) {

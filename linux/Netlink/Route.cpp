@@ -42,15 +42,18 @@ constexpr Policy kVxlanPolicy[] = {{IFLA_VXLAN_COLLECT_METADATA, Kind::u8}};
 constexpr Policy kVlanEntryPolicy[] = {
     {BRIDGE_VLANDB_ENTRY_INFO, Kind::bytes, sizeof(bridge_vlan_info), sizeof(bridge_vlan_info)},
     {BRIDGE_VLANDB_ENTRY_RANGE, Kind::u16}};
-constexpr Policy kPortPolicy[] = {{IFLA_BRPORT_STATE, Kind::u8},
-                                  {IFLA_BRPORT_LEARNING, Kind::u8},
-                                  {IFLA_BRPORT_UNICAST_FLOOD, Kind::u8},
-                                  {IFLA_BRPORT_MCAST_FLOOD, Kind::u8},
-                                  {IFLA_BRPORT_BCAST_FLOOD, Kind::u8}};
+constexpr Policy kPortPolicy[] = {
+    {IFLA_BRPORT_STATE, Kind::u8},         {IFLA_BRPORT_LEARNING, Kind::u8},
+    {IFLA_BRPORT_UNICAST_FLOOD, Kind::u8}, {IFLA_BRPORT_MCAST_FLOOD, Kind::u8},
+    {IFLA_BRPORT_BCAST_FLOOD, Kind::u8},   {IFLA_BRPORT_NEIGH_SUPPRESS, Kind::u8}};
 constexpr Policy kNeighbourPolicy[] = {
     {NDA_DST, Kind::bytes, 4, 16}, {NDA_LLADDR, Kind::bytes, 0, kHardwareAddress},
     {NDA_PROTOCOL, Kind::u8},      {NDA_MASTER, Kind::u32},
     {NDA_VLAN, Kind::u16},         {NDA_CACHEINFO, Kind::bytes, sizeof(nda_cacheinfo), 0}};
+
+constexpr Policy kNeighbourTablePolicy[] = {
+    {NDTA_THRESH1, Kind::u32}, {NDTA_CONFIG, Kind::bytes, sizeof(ndt_config), 0}, {NDTA_PARMS, Kind::nested}};
+constexpr Policy kNeighbourParametersPolicy[] = {{NDTPA_IFINDEX, Kind::u32}, {NDTPA_GC_STALETIME, Kind::u64}};
 
 template <class Address>
 std::optional<Address> addressOf(const std::optional<Bytes>& bytes) {
@@ -64,8 +67,12 @@ std::optional<BridgePort> portOf(const Attributes& attributes) {
   const auto state = attributes.u8(IFLA_BRPORT_STATE);
   if (!state) return std::nullopt;
   const auto isSet = [&](std::uint16_t flag) { return attributes.u8(flag).value_or(0) != 0; };
-  return BridgePort{*state, isSet(IFLA_BRPORT_LEARNING), isSet(IFLA_BRPORT_UNICAST_FLOOD),
-                    isSet(IFLA_BRPORT_MCAST_FLOOD), isSet(IFLA_BRPORT_BCAST_FLOOD)};
+  return BridgePort{*state,
+                    isSet(IFLA_BRPORT_LEARNING),
+                    isSet(IFLA_BRPORT_UNICAST_FLOOD),
+                    isSet(IFLA_BRPORT_MCAST_FLOOD),
+                    isSet(IFLA_BRPORT_BCAST_FLOOD),
+                    isSet(IFLA_BRPORT_NEIGH_SUPPRESS)};
 }
 
 }  // namespace
@@ -147,8 +154,30 @@ std::optional<Neighbour> readNeighbour(const Received& message) {
     nda_cacheinfo times;
     std::memcpy(&times, bytes->data(), sizeof times);
     neighbour.confirmedAgo = times.ndm_confirmed / ticksPerSecond;
+    neighbour.usedAgo = times.ndm_used / ticksPerSecond;
   }
   return neighbour;
+}
+
+std::optional<NeighbourTable> readNeighbourTable(const Received& message) {
+  constexpr double kMilliseconds = 1e3;
+  const auto header = message.header<ndtmsg>();
+  if (!header || (header->ndtm_family != AF_INET && header->ndtm_family != AF_INET6)) return std::nullopt;
+  const Attributes attributes(message.attributes(sizeof(ndtmsg)), kNeighbourTablePolicy);
+  const Attributes parameters = attributes.nested(NDTA_PARMS, kNeighbourParametersPolicy);
+  const auto stale = parameters.u64(NDTPA_GC_STALETIME);
+  if (!stale) return std::nullopt;
+  NeighbourTable table;
+  table.isIpv4 = header->ndtm_family == AF_INET;
+  table.ifIndex = parameters.u32(NDTPA_IFINDEX).value_or(0);
+  table.gcThreshold1 = attributes.u32(NDTA_THRESH1).value_or(0);
+  table.gcStaleSeconds = static_cast<double>(*stale) / kMilliseconds;
+  if (const auto bytes = attributes.bytes(NDTA_CONFIG)) {
+    ndt_config config;
+    std::memcpy(&config, bytes->data(), sizeof config);
+    table.entries = config.ndtc_entries;
+  }
+  return table;
 }
 
 std::optional<BridgeVlans> readBridgeVlans(const Received& message) {
@@ -188,6 +217,8 @@ Message bridgeVlansDump(IfIndex ifIndex) {
 Message linkDump() {
   return std::move(Message(RTM_GETLINK).header(ifinfomsg{}).u32(IFLA_EXT_MASK, RTEXT_FILTER_SKIP_STATS));
 }
+
+Message neighbourTableDump() { return std::move(Message(RTM_GETNEIGHTBL).header(ndtmsg{})); }
 
 Message neighbourDump(std::uint8_t family) {
   ndmsg header{};

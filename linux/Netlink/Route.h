@@ -27,6 +27,7 @@ struct BridgePort {
   bool unicastFlood = false;
   bool multicastFlood = false;
   bool broadcastFlood = false;
+  bool neighSuppress = false;  // the bridge itself answers for the hosts behind the port
   friend bool operator==(const BridgePort&, const BridgePort&) = default;
 };
 
@@ -69,6 +70,7 @@ struct Neighbour {
   std::uint8_t protocol = 0;  // who wrote it (NDA_PROTOCOL); 0: not said
   std::uint16_t vlan = 0;     // inside a bridge; 0: the entry is for the whole bridge
   double confirmedAgo = 0;    // seconds since the kernel last had proof of the address
+  double usedAgo = 0;         // seconds since anything was sent there
 
   bool isMacEntry() const { return !address; }
   bool isStatic() const;    // does not age
@@ -78,6 +80,18 @@ struct Neighbour {
 };
 // RTM_NEWNEIGH and RTM_DELNEIGH of IPv4, IPv6 and bridges.
 std::optional<Neighbour> readNeighbour(const Received& message);
+
+// How the kernel keeps neighbours of one family: a message tells of the table, which all namespaces share, and
+// of devices that are made from now on, or of one device.
+struct NeighbourTable {
+  bool isIpv4 = false;
+  IfIndex ifIndex = 0;             // 0: of the table
+  std::uint32_t entries = 0;       // of the table: all neighbours, those that never age included
+  std::uint32_t gcThreshold1 = 0;  // of the table: with as many entries, idle ones are dropped
+  double gcStaleSeconds = 0;       // after this time without proof and without use
+};
+// RTM_NEWNEIGHTBL of IPv4 and IPv6.
+std::optional<NeighbourTable> readNeighbourTable(const Received& message);
 
 using VlanIds = std::bitset<4096>;
 
@@ -94,9 +108,10 @@ struct BridgeVlans {
 std::optional<BridgeVlans> readBridgeVlans(const Received& message);
 
 // All devices; the VLANs of one bridge or port; all neighbours of IPv4 and IPv6 (AF_UNSPEC) or of one family,
-// AF_BRIDGE for the MAC tables.
+// AF_BRIDGE for the MAC tables; how neighbours are kept.
 Message linkDump();
 Message bridgeVlansDump(IfIndex ifIndex);
 Message neighbourDump(std::uint8_t family);
+Message neighbourTableDump();
 
 }  // namespace Netlink

@@ -12,12 +12,18 @@
 
 namespace Arp {
 
-// A neighbour that the ARP service is to program. `arpType` 0: a remote binding, 1: a local binding or a
-// refresh. `dynamic` asks for an entry that the kernel ages by itself, otherwise it is permanent.
+// What a neighbour is programmed for: a remote binding; a local binding, or the refresh of one; a local binding
+// that is to be confirmed first (Confirmation.h).
+inline constexpr std::uint8_t kArpTypeRemote = 0;
+inline constexpr std::uint8_t kArpTypeLocal = 1;
+inline constexpr std::uint8_t kArpTypeAsked = 2;
+
+// A neighbour that the ARP service is to program. `dynamic` asks for an entry that the kernel ages by itself,
+// otherwise it is permanent.
 struct ArpEntryInput {
   Lanix::EthAddr mac;
   Lanix::IntfId intf;
-  std::uint8_t arpType = 0;
+  std::uint8_t arpType = kArpTypeRemote;
   bool dynamic = false;
 
   static constexpr auto moxFields() {
