@@ -149,7 +149,8 @@ void Directory::remove(std::string_view table) const {
 
 void Directory::removeAll() const {
   for (const auto& table : tables()) remove(table);
-  for (const auto& name : files()) unlink((std::string(kFolder) + prefix_ + ':' + name).c_str());
+  // What was set aside may be a folder.
+  for (const auto& name : files()) ::remove((std::string(kFolder) + prefix_ + ':' + name).c_str());
 }
 
 void retireSegmentFile(const std::string& file) {

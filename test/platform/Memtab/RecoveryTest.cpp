@@ -277,6 +277,8 @@ TEST_F(RecoveryTest, ForeignFilesAreReplaced) {
       writer->core().remove();
     }
   }
+  directory.removeAll();
+  EXPECT_TRUE(directory.damaged().empty()) << "folders too";
 }
 
 // Set aside in memory that others need too.
