@@ -204,6 +204,20 @@ TEST_F(StandingTest, AtRestItWritesNothing) {
   EXPECT_TRUE(works());
   EXPECT_EQ(heard(), 0U) << "only the programs' map says so";
   EXPECT_FALSE(works());
+
+  // At the end all pairs go in one request, which takes all of them down before the first is gone.
+  ASSERT_TRUE(datapath_->close());
+  bool gone = false;
+  static_cast<void>(monitor.receive(
+      [&](const Netlink::Received& message) {
+        const bool isLink = message.type() == RTM_NEWLINK || message.type() == RTM_DELLINK;
+        const auto link = isLink ? Netlink::readLink(message) : std::nullopt;
+        if (!link || link->ofBridge || ownerOf(link->name) != Owner{}) return;
+        gone = gone || message.type() == RTM_DELLINK;
+        EXPECT_FALSE(gone && message.type() == RTM_NEWLINK) << link->name;
+      },
+      10'000));
+  EXPECT_TRUE(gone);
 }
 
 // The kernel takes nothing any more for a map that is frozen.
