@@ -49,7 +49,7 @@ void readTables(const Netlink::Received& message) {
   if (const auto link = Netlink::readLink(message))
     Fuzz::check(link->index != 0 && !link->name.empty() && link->name.size() < 16,
                 "a device with a name that fits", link->name);
-  if (const auto address = KernelState::readAddress(message))
+  if (const auto address = Netlink::readAddress(message))
     Fuzz::check(address->ifIndex != 0 && address->prefixLength <= 32 && !address->address.isUnspecified(),
                 "an address with a prefix", address->address.toStrep());
   const auto neighbour = Netlink::readNeighbour(message);

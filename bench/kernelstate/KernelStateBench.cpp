@@ -18,7 +18,6 @@
 #include <string>
 #include <vector>
 
-#include "KernelState/Messages.h"
 #include "Lanix/Namespaces.h"
 #include "lab/LabKernel.h"
 #include "linux/KernelState/AgentRig.h"
@@ -76,8 +75,8 @@ double readOnly(Table table, std::size_t& messages) {
   Netlink::Socket socket(NETLINK_ROUTE);
   const double begin = cpu();
   const auto dumped = socket.dump(
-      KernelState::dumpRequest(table), [&](const Netlink::Received&) { ++messages; }, [&] { messages = 0; });
-  if (!dumped) std::printf("reading %s: %s\n", KernelState::nameOf(table), dumped.error().c_str());
+      Netlink::dumpRequest(table), [&](const Netlink::Received&) { ++messages; }, [&] { messages = 0; });
+  if (!dumped) std::printf("reading %s: %s\n", Netlink::nameOf(table), dumped.error().c_str());
   return cpu() - begin;
 }
 

@@ -9,7 +9,6 @@
 #include "Bridging/Config.h"
 #include "Bridging/Status.h"
 #include "KernelState/Messages.h"
-#include "KernelState/Mirror.h"
 #include "KernelState/Tables.h"
 #include "Mox/Notifiee.h"
 #include "Orb/WalkSm.h"

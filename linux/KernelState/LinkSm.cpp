@@ -54,7 +54,7 @@ void LinkSm::linkDel(IfIndex ifIndex) {
 AddressSm::AddressSm(Ptr<NamespaceState> state) : state_(std::move(state)) {}
 
 void AddressSm::handleMessage(const Netlink::Received& message, Word word) {
-  const auto read = readAddress(message);
+  const auto read = Netlink::readAddress(message);
   if (!read) return;
   const Key key{read->ifIndex, Lanix::IpGenPrefix(read->address, read->prefixLength)};
   if (message.type() == RTM_DELADDR) {

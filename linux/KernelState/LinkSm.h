@@ -7,7 +7,6 @@
 
 #include "KernelNetInfo/Status.h"
 #include "KernelState/Messages.h"
-#include "KernelState/Mirror.h"
 #include "KernelState/Tables.h"
 
 namespace KernelState {

@@ -7,19 +7,10 @@
 #include "KernelState/Tables.h"
 #include "Netlink/Route.h"
 
-// What this plug-in makes of the kernel's messages about devices, addresses and neighbours (Netlink/Route.h;
-// linux/if_addr.h). Every function returns nothing for what is malformed or of no concern.
+// What this plug-in makes of the kernel's neighbours and MAC entries (Netlink/Route.h). Every function returns
+// nothing for what is of no concern.
 
 namespace KernelState {
-
-struct AddressMessage {
-  IfIndex ifIndex = 0;
-  Lanix::IpAddr address;
-  std::uint8_t prefixLength = 0;  // at most 32
-  bool secondary = false;
-};
-// RTM_NEWADDR and RTM_DELADDR of IPv4.
-std::optional<AddressMessage> readAddress(const Netlink::Received& message);
 
 // The entry of a neighbour; nothing when it is not resolved or not ours to publish (externally learned,
 // proxy, multicast), which is the same as its absence.
@@ -41,10 +32,5 @@ struct MacEntry {
 // Of an entry of a bridge's MAC table. Entries without a bridge above them and group addresses are of
 // no concern.
 std::optional<MacEntry> macEntryOf(const Netlink::Neighbour& entry);
-
-enum class Table : std::uint8_t { links, addresses, neighbours, macs };
-const char* nameOf(Table table);
-// The request that dumps it.
-Netlink::Message dumpRequest(Table table);
 
 }  // namespace KernelState

@@ -29,7 +29,7 @@ NamespaceManagerSm::NamespaceManagerSm(Ptr<const VrfPlaces> vrfs, Ptr<const Vlan
       tree_(std::move(tree)),
       problems_(problems),
       scheduler_(scheduler),
-      events_(KernelAccess::current().watchNamespaces()),
+      events_(Netlink::KernelAccess::current().watchNamespaces()),
       retryDelay_(kFirstRetry),
       checkTask_(scheduler, "KernelState namespaces", kCheckLevel, [this] { check(); }) {
   vrfs_.on(VrfPlaces::vrfChanged, [this](const Lanix::NamespaceName&) { handleNames(); });
@@ -97,9 +97,9 @@ void NamespaceManagerSm::make(const Lanix::NamespaceName& name, Slot& slot) {
 
 // True: to be tried again soon.
 bool NamespaceManagerSm::update(const Lanix::NamespaceName& name, Slot& slot) {
-  NamespaceLook look;
+  Netlink::NamespaceLook look;
   if (vrfs_->vrfHas(name)) {
-    const auto looked = KernelAccess::current().look(name);
+    const auto looked = Netlink::KernelAccess::current().look(name);
     if (!looked) return refuse(slot, looked.failure());
     look = *looked;
   }
@@ -122,7 +122,7 @@ bool NamespaceManagerSm::update(const Lanix::NamespaceName& name, Slot& slot) {
 }
 
 bool NamespaceManagerSm::open(const Lanix::NamespaceName& name, Slot& slot) {
-  auto source = KernelAccess::current().open(name);
+  auto source = Netlink::KernelAccess::current().open(name, slot.sm->tables());
   if (!source) {
     // It may have gone in this moment: the next look says so.
     if (source.number() != ENOENT) refuse(slot, source.failure());

@@ -54,7 +54,7 @@ class NamespaceManagerSm final : public Mox::Entity {
   Ptr<Statedb::EntityManager> tree_;
   Switch::ProblemReporter* problems_;
   Ptr<Orb::TaskScheduler> scheduler_;
-  std::unique_ptr<NamespaceEvents> events_;
+  std::unique_ptr<Netlink::NamespaceEvents> events_;
   std::vector<Ptr<Orb::FileDescriptor>> descriptors_;
   std::vector<std::unique_ptr<Mox::Notifiee<Orb::FileDescriptor>>> readable_;
   std::map<Lanix::NamespaceName, Slot> slots_;

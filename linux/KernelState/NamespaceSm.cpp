@@ -3,6 +3,15 @@
 #include <linux/rtnetlink.h>
 
 namespace KernelState {
+namespace {
+
+std::vector<Table> tablesOf(const FdbSm* fdb) {
+  std::vector<Table> tables{Table::links, Table::addresses, Table::neighbours};
+  if (fdb) tables.push_back(Table::macs);
+  return tables;
+}
+
+}  // namespace
 
 NamespaceSm::NamespaceSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> kernelNetInfo,
                          Ptr<const VlanOwners> owners, Ptr<NeighbourTable> neighbourTable, FdbSm* fdb,
@@ -15,7 +24,8 @@ NamespaceSm::NamespaceSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> k
       fdb_(fdb),
       problems_(problems),
       changed_(std::move(changed)),
-      feed_(scheduler, *this, state_->name(), fdb_ ? 4 : 3) {}
+      tables_(tablesOf(fdb_)),
+      feed_(scheduler, *this, "KernelState", state_->name(), tables_) {}
 
 void NamespaceSm::openIs(std::unique_ptr<RouteSource> source) {
   broken_ = false;

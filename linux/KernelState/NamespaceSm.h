@@ -6,15 +6,19 @@
 #include "KernelState/FdbSm.h"
 #include "KernelState/LinkSm.h"
 #include "KernelState/NeighbourSm.h"
-#include "KernelState/RouteFeed.h"
+#include "Netlink/RouteFeed.h"
 #include "Switch/ProblemReporter.h"
 
 namespace KernelState {
 
+using Netlink::NamespaceId;
+using Netlink::RouteFeed;
+using Netlink::RouteSource;
+
 // One network namespace, for as long as a VRF is configured to be it: while the namespace is there a feed
 // reads it, and the tables' reactors publish what it says; when it goes they are emptied, in slices, before
 // it can be opened again.
-class NamespaceSm final : public Mox::Entity, private RouteFeedClient {
+class NamespaceSm final : public Mox::Entity, private Netlink::RouteFeedClient {
  public:
   // `fdb` is null for a namespace whose bridges are of no concern. `changed` is called, from the feed's
   // tasks, when the namespace is closed or its sockets are broken: it is to schedule work only.
@@ -26,6 +30,8 @@ class NamespaceSm final : public Mox::Entity, private RouteFeedClient {
   const Ptr<NamespaceState>& state() const { return state_; }
   // What its problems are reported about, in an operator's words.
   Mox::String subject() const { return "network namespace " + state_->name(); }
+  // Which of them the feed reads.
+  const std::vector<Table>& tables() const { return tables_; }
   RouteFeed::State feedState() const { return feed_.state(); }
   NamespaceId id() const { return feed_.id(); }
   bool broken() const { return broken_; }
@@ -51,6 +57,7 @@ class NamespaceSm final : public Mox::Entity, private RouteFeedClient {
   Switch::ProblemReporter& problems_;
   std::function<void()> changed_;
   bool broken_ = false;
+  const std::vector<Table> tables_;
   RouteFeed feed_;
 };
 

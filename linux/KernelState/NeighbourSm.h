@@ -7,7 +7,6 @@
 
 #include "Arp/Table.h"
 #include "KernelState/Messages.h"
-#include "KernelState/Mirror.h"
 #include "KernelState/Tables.h"
 #include "Mox/Notifiee.h"
 #include "Orb/WalkSm.h"

@@ -10,6 +10,7 @@
 #include "Lanix/IpGenPrefix.h"
 #include "Lanix/NamespaceName.h"
 #include "Mox/Attribute.h"
+#include "Netlink/Mirror.h"
 #include "Netlink/Route.h"
 #include "Vrf/VrfId.h"
 
@@ -20,6 +21,11 @@ namespace KernelState {
 
 using Mox::Ptr;
 using Netlink::IfIndex;
+using Netlink::kRoomRetry;
+using Netlink::Mirror;
+using Netlink::Table;
+using Netlink::Tally;
+using Netlink::Word;
 
 // One kernel device.
 struct Link {

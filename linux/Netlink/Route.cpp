@@ -1,6 +1,7 @@
 #include "Netlink/Route.h"
 
 #include <arpa/inet.h>
+#include <linux/if_addr.h>
 #include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
@@ -46,6 +47,8 @@ constexpr Policy kPortPolicy[] = {
     {IFLA_BRPORT_STATE, Kind::u8},         {IFLA_BRPORT_LEARNING, Kind::u8},
     {IFLA_BRPORT_UNICAST_FLOOD, Kind::u8}, {IFLA_BRPORT_MCAST_FLOOD, Kind::u8},
     {IFLA_BRPORT_BCAST_FLOOD, Kind::u8},   {IFLA_BRPORT_NEIGH_SUPPRESS, Kind::u8}};
+constexpr Policy kAddressPolicy[] = {
+    {IFA_ADDRESS, Kind::bytes, 4, 4}, {IFA_LOCAL, Kind::bytes, 4, 4}, {IFA_FLAGS, Kind::u32}};
 constexpr Policy kNeighbourPolicy[] = {
     {NDA_DST, Kind::bytes, 4, 16}, {NDA_LLADDR, Kind::bytes, 0, kHardwareAddress},
     {NDA_PROTOCOL, Kind::u8},      {NDA_MASTER, Kind::u32},
@@ -118,6 +121,26 @@ std::optional<Link> readLink(const Received& message) {
     link.port = portOf(info.nested(IFLA_INFO_SLAVE_DATA, kPortPolicy));
   }
   return link;
+}
+
+bool isFeedDevice(const Link& device, const Link& bridge, std::uint16_t vlanId) {
+  if (bridge.kind != "bridge") return false;
+  if (!bridge.filtersVlans) return device.index == bridge.index;
+  // `peer` is the device below it only where that is in the same namespace.
+  return device.kind == "vlan" && device.vlanId == vlanId && device.peer == bridge.index;
+}
+
+std::optional<Address> readAddress(const Received& message) {
+  const auto header = message.header<ifaddrmsg>();
+  if (!header || header->ifa_family != AF_INET || header->ifa_prefixlen > 32) return std::nullopt;
+  if (header->ifa_index == 0 || header->ifa_index > INT32_MAX) return std::nullopt;
+  const Attributes attributes(message.attributes(sizeof(ifaddrmsg)), kAddressPolicy);
+  // On a point-to-point device IFA_ADDRESS is the other end.
+  const auto local =
+      addressOf<Lanix::IpAddr>(attributes.bytes(attributes.has(IFA_LOCAL) ? IFA_LOCAL : IFA_ADDRESS));
+  if (!local || local->isUnspecified()) return std::nullopt;
+  const std::uint32_t flags = attributes.u32(IFA_FLAGS).value_or(header->ifa_flags);
+  return Address{header->ifa_index, *local, header->ifa_prefixlen, (flags & IFA_F_SECONDARY) != 0};
 }
 
 bool Neighbour::isStatic() const { return (state & (NUD_PERMANENT | NUD_NOARP)) != 0; }
@@ -205,6 +228,28 @@ std::optional<BridgeVlans> readBridgeVlans(const Received& message) {
                        });
   if (!whole || !sound) return std::nullopt;
   return vlans;
+}
+
+const char* nameOf(Table table) {
+  constexpr const char* kNames[] = {"devices", "addresses", "neighbours", "MAC tables"};
+  return kNames[static_cast<std::size_t>(table)];
+}
+
+Message dumpRequest(Table table) {
+  switch (table) {
+    case Table::links:
+      return linkDump();
+    case Table::addresses: {
+      ifaddrmsg header{};
+      header.ifa_family = AF_INET;
+      return std::move(Message(RTM_GETADDR).header(header));
+    }
+    case Table::neighbours:
+      return neighbourDump(AF_UNSPEC);
+    case Table::macs:
+      break;
+  }
+  return neighbourDump(AF_BRIDGE);
 }
 
 Message bridgeVlansDump(IfIndex ifIndex) {

@@ -1,7 +1,8 @@
 #pragma once
 
-// The route netlink messages about devices, neighbours and VLANs of bridges (rtnetlink(7); linux/if_link.h,
-// linux/if_bridge.h, linux/neighbour.h), read once for every plug-in, and the requests that dump them.
+// The route netlink messages about devices, addresses, neighbours and VLANs of bridges (rtnetlink(7);
+// linux/if_link.h, linux/if_addr.h, linux/if_bridge.h, linux/neighbour.h), read once for every plug-in, and
+// the requests that dump them.
 //
 // A reader returns nothing for a message that is malformed, of another family, or about no device: nothing of
 // a message is used before its length, kind and range were checked. The message's type says whether the thing
@@ -59,6 +60,21 @@ struct Link {
 // RTM_NEWLINK and RTM_DELLINK.
 std::optional<Link> readLink(const Received& message);
 
+// Whether `device` is where a routing daemon keeps the neighbours that other switches advertise for a VLAN,
+// `bridge` being the VLAN's: the bridge itself, or, where that filters VLANs, the VLAN's 802.1Q device on it,
+// whatever its name. Both are of the daemon's own namespace, and there.
+bool isFeedDevice(const Link& device, const Link& bridge, std::uint16_t vlanId);
+
+// An IPv4 address of a device.
+struct Address {
+  IfIndex ifIndex = 0;
+  Lanix::IpAddr address;
+  std::uint8_t prefixLength = 0;  // at most 32
+  bool secondary = false;
+};
+// RTM_NEWADDR and RTM_DELADDR of IPv4.
+std::optional<Address> readAddress(const Received& message);
+
 // A neighbour, or an entry of a bridge's MAC table; by default one that is not there.
 struct Neighbour {
   IfIndex ifIndex = 0;        // the neighbour's device; the port that the MAC address is on
@@ -106,6 +122,13 @@ struct BridgeVlans {
 // RTM_NEWVLAN and RTM_DELVLAN: what the message tells, which is the whole of it only in the messages of a
 // dump taken together. Which VLAN lost the PVID to another is not told of.
 std::optional<BridgeVlans> readBridgeVlans(const Received& message);
+
+// The tables of one network namespace: its devices, IPv4 addresses, neighbours of IPv4 and IPv6, and the MAC
+// tables of its bridges.
+enum class Table : std::uint8_t { links, addresses, neighbours, macs };
+const char* nameOf(Table table);
+// The request that dumps it.
+Message dumpRequest(Table table);
 
 // All devices; the VLANs of one bridge or port; all neighbours of IPv4 and IPv6 (AF_UNSPEC) or of one family,
 // AF_BRIDGE for the MAC tables; how neighbours are kept.

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include "AgentRig.h"
-#include "FakeKernel.h"
 #include "Orb/Clock.h"
 #include "Tracelet/Trace.h"
+#include "linux/Netlink/FakeKernel.h"
 
 namespace KernelState {
+
+using Netlink::FakeKernel;
 
 using testing::ElementsAre;
 using testing::IsEmpty;

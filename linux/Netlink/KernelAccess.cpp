@@ -1,4 +1,4 @@
-#include "KernelState/KernelAccess.h"
+#include "Netlink/KernelAccess.h"
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -13,14 +13,14 @@
 #include <cstring>
 #include <utility>
 
-#include "KernelState/Trace.h"
 #include "Lanix/Descriptor.h"
 #include "Lanix/NamespaceGuard.h"
+#include "Netlink/Trace.h"
 
-namespace KernelState {
+namespace Netlink {
 namespace {
 
-constexpr char kSource[] = "KernelState/KernelAccess";
+constexpr char kSource[] = "Netlink/KernelAccess";
 constexpr char kNames[] = "/run/netns";
 constexpr char kAbove[] = "/run";
 // Room for some twenty thousand notifications: a flood of them (a link that takes its neighbours along) is
@@ -28,7 +28,7 @@ constexpr char kAbove[] = "/run";
 constexpr int kNotificationBuffer = 8 << 20;
 // The kernel makes a dump's next datagram when one is read, so this passes only when something is broken.
 constexpr int kDumpTimeoutMilliseconds = 100;
-constexpr unsigned kGroups[] = {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_NEIGH};
+constexpr unsigned kGroups[] = {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_NEIGH, RTNLGRP_NEIGH};  // by Table
 
 KernelAccess* replaced_ = nullptr;
 
@@ -66,27 +66,28 @@ class NetlinkSource final : public RouteSource {
         notifications_(NETLINK_ROUTE, {.receiveBuffer = kNotificationBuffer}),
         dumps_(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = kDumpTimeoutMilliseconds}) {}
 
-  Mox::Result<> prepare() {
+  Mox::Result<> prepare(const std::vector<Table>& tables) {
     if (!notifications_.opened()) return notifications_.opened();
     if (!dumps_.opened()) return dumps_.opened();
-    for (const unsigned group : kGroups) {
-      if (Mox::Result<> joined = notifications_.join(group); !joined) return joined;
+    for (const Table table : tables) {
+      if (Mox::Result<> joined = notifications_.join(kGroups[static_cast<std::size_t>(table)]); !joined)
+        return joined;
     }
     return {};
   }
 
   NamespaceId id() const override { return id_; }
   int descriptor() const override { return notifications_.fd(); }
-  Netlink::Notifications receive(const Netlink::Handler& handler, std::size_t maxMessages) override {
+  Notifications receive(const Handler& handler, std::size_t maxMessages) override {
     return notifications_.receive(handler, maxMessages);
   }
-  Mox::Result<> dumpStart(Netlink::Message request) override { return dumps_.dumpStart(std::move(request)); }
-  Netlink::DumpSlice dumpSlice(const Netlink::Handler& handler) override { return dumps_.dumpSlice(handler); }
+  Mox::Result<> dumpStart(Message request) override { return dumps_.dumpStart(std::move(request)); }
+  DumpSlice dumpSlice(const Handler& handler) override { return dumps_.dumpSlice(handler); }
 
  private:
   NamespaceId id_;
-  Netlink::Socket notifications_;
-  Netlink::Socket dumps_;
+  Socket notifications_;
+  Socket dumps_;
 };
 
 // Names come and go in a directory, which itself comes with the first of them; what is mounted behind a name
@@ -154,7 +155,8 @@ Mox::Result<NamespaceLook> KernelAccess::look(const Lanix::NamespaceName& name) 
   return NamespaceLook{true, *id};
 }
 
-Mox::Result<std::unique_ptr<RouteSource>> KernelAccess::open(const Lanix::NamespaceName& name) {
+Mox::Result<std::unique_ptr<RouteSource>> KernelAccess::open(const Lanix::NamespaceName& name,
+                                                             const std::vector<Table>& tables) {
   const Lanix::NamespaceGuard guard(name);
   if (!guard) return Mox::Failure{guard.error(), errno};
   NamespaceId id{0, 1};
@@ -165,17 +167,17 @@ Mox::Result<std::unique_ptr<RouteSource>> KernelAccess::open(const Lanix::Namesp
     id = *here;
   }
   auto source = std::make_unique<NetlinkSource>(id);
-  if (const auto prepared = source->prepare(); !prepared)
-    return Netlink::describe("network namespace \"" + name + "\": opening netlink", prepared).failure();
+  if (const auto prepared = source->prepare(tables); !prepared)
+    return describe("network namespace \"" + name + "\": opening netlink", prepared).failure();
   return std::unique_ptr<RouteSource>(std::move(source));
 }
 
 std::unique_ptr<NamespaceEvents> KernelAccess::watchNamespaces() {
   auto events = std::make_unique<NameWatch>();
   if (events->descriptors().empty()) {
-    KERNEL_STATE_TRACE(0, "namespaces that come and go will not be noticed: " << std::strerror(errno));
+    NETLINK_TRACE(0, "namespaces that come and go will not be noticed: " << std::strerror(errno));
   }
   return events;
 }
 
-}  // namespace KernelState
+}  // namespace Netlink

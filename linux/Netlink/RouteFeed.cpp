@@ -1,14 +1,14 @@
-#include "KernelState/RouteFeed.h"
+#include "Netlink/RouteFeed.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "KernelState/Trace.h"
+#include "Netlink/Trace.h"
 
-namespace KernelState {
+namespace Netlink {
 namespace {
 
-constexpr char kSource[] = "KernelState/RouteFeed";
+constexpr char kSource[] = "Netlink/RouteFeed";
 // Changes are more urgent than the tables that they are about.
 constexpr unsigned kReceiveLevel = 2;
 constexpr std::size_t kMessagesPerCall = 64;
@@ -21,14 +21,14 @@ constexpr double kLastRetry = 60;
 }  // namespace
 
 RouteFeed::RouteFeed(const Mox::Ptr<Orb::TaskScheduler>& scheduler, RouteFeedClient& client,
-                     const std::string& name, std::size_t tables)
-    : WalkSmBase(scheduler, "KernelState tables of " + name),
+                     const std::string& plugin, const std::string& name, std::vector<Table> tables)
+    : WalkSmBase(scheduler, plugin + " tables of " + name),
       client_(client),
       name_(name),
-      tables_(tables),
-      descriptor_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), "KernelState changes of " + name)),
+      tables_(std::move(tables)),
+      descriptor_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), plugin + " changes of " + name)),
       readable_(descriptor_),
-      receiveTask_(scheduler, "KernelState changes of " + name, kReceiveLevel, [this] { receive(); }) {
+      receiveTask_(scheduler, plugin + " changes of " + name, kReceiveLevel, [this] { receive(); }) {
   readable_.on(Orb::FileDescriptor::readableCountChanged, [this] { receiveTask_.schedule(); });
   descriptor_->notifyOnReadableIs(true);
 }
@@ -84,7 +84,7 @@ Orb::WalkRet RouteFeed::walk() {
 
 // One datagram or one batch; false when the round is over.
 bool RouteFeed::step() {
-  const auto table = static_cast<Table>(table_);
+  const Table table = tables_[table_];
   switch (stage_) {
     case Stage::start:
       client_.handleReconcile(table);
@@ -103,12 +103,12 @@ bool RouteFeed::step() {
       if (!client_.handleSweep(table)) tableDone(true);
       break;
   }
-  return table_ < tables_;
+  return table_ < tables_.size();
 }
 
 void RouteFeed::readNext() {
-  const Netlink::DumpSlice slice =
-      source_->dumpSlice([this](const Netlink::Received& message) { deliver(message, Word::dump); });
+  const DumpSlice slice =
+      source_->dumpSlice([this](const Received& message) { deliver(message, Word::dump); });
   if (!slice.done) return;
   if (!slice.result) {
     fail("reading ", slice.result.failure());
@@ -124,25 +124,25 @@ void RouteFeed::readNext() {
 }
 
 // A value out of range costs the message that has it, not those behind it.
-void RouteFeed::deliver(const Netlink::Received& message, Word word) {
+void RouteFeed::deliver(const Received& message, Word word) {
   try {
     client_.handleMessage(message, word);
   } catch (const Mox::Error& error) {
-    KERNEL_STATE_TRACE(0, "network namespace \"" << name_ << "\": message of type " << message.type()
-                                                 << " ignored: " << error.what());
+    NETLINK_TRACE(0, "network namespace \"" << name_ << "\": message of type " << message.type()
+                                            << " ignored: " << error.what());
   }
 }
 
 void RouteFeed::tableDone(bool success) {
   complete_ = complete_ && success;
   disturbed_ = 0;
-  client_.handleTableRead(static_cast<Table>(table_));
+  client_.handleTableRead(tables_[table_]);
   ++table_;
   stage_ = Stage::start;
 }
 
 void RouteFeed::fail(const std::string& doing, const Mox::Failure& failure) {
-  client_.handleFailure(doing + nameOf(static_cast<Table>(table_)) + ": " + failure.text);
+  client_.handleFailure(doing + nameOf(tables_[table_]) + ": " + failure.text);
 }
 
 void RouteFeed::walkFinishedNotification() {
@@ -164,10 +164,10 @@ void RouteFeed::walkFinishedNotification() {
 // A socket that has overrun drops everything, without another word, until it has been read empty: only what
 // is read after that is complete together with the notifications.
 void RouteFeed::receive() {
-  Netlink::Notifications result;
+  Notifications result;
   do {
-    result = source_->receive(
-        [this](const Netlink::Received& message) { deliver(message, Word::notification); }, kMessagesPerCall);
+    result = source_->receive([this](const Received& message) { deliver(message, Word::notification); },
+                              kMessagesPerCall);
     lost_ = lost_ || result.overrun;
     if (!result.result) {
       client_.handleFailure("receiving changes: " + result.result.error());
@@ -184,4 +184,4 @@ void RouteFeed::receive() {
   }
 }
 
-}  // namespace KernelState
+}  // namespace Netlink

@@ -8,11 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "KernelState/KernelAccess.h"
-#include "KernelState/Messages.h"
+#include "Netlink/KernelAccess.h"
 #include "Netlink/Message.h"
 
-namespace KernelState {
+namespace Netlink {
 
 struct FakeNeighbour {
   std::string mac = "02:00:00:00:00:01";  // "": unresolved
@@ -85,7 +84,7 @@ class FakeKernel final : public KernelAccess {
     // Dumps started from here on stay where they are, with the first messages handed out, until released.
     void holdsDumps(bool hold) { hold_ = hold; }
     // Any message at all, as a notification.
-    void tell(const Netlink::Message& message);
+    void tell(const Message& message);
     int dumps(Table table) const { return dumps_.contains(table) ? dumps_.at(table) : 0; }
 
    private:
@@ -103,7 +102,7 @@ class FakeKernel final : public KernelAccess {
     using Key = std::pair<std::uint32_t, std::string>;  // device (or bridge), and what the entry is for
     struct Entry {
       std::uint32_t device = 0;  // goes with it
-      std::function<Netlink::Message(std::uint16_t type)> message;
+      std::function<Message(std::uint16_t type)> message;
     };
     std::uint32_t indexOf(const std::string& name) const;
     void linkIs(std::uint32_t ifIndex, const Device& device);
@@ -115,7 +114,7 @@ class FakeKernel final : public KernelAccess {
     void flush(std::uint32_t ifIndex, std::initializer_list<Table> tables);
     void entryIs(Table table, const Key& key, Entry entry);
     void entryDel(Table table, const Key& key);
-    std::vector<Netlink::Message> snapshot(Table table);
+    std::vector<Message> snapshot(Table table);
 
     NamespaceId id_;
     std::map<std::uint32_t, Device> devices_;
@@ -146,7 +145,8 @@ class FakeKernel final : public KernelAccess {
   void refusesNames(int error) { refusedNames_ = error; }
 
   Mox::Result<NamespaceLook> look(const Lanix::NamespaceName& name) override;
-  Mox::Result<std::unique_ptr<RouteSource>> open(const Lanix::NamespaceName& name) override;
+  Mox::Result<std::unique_ptr<RouteSource>> open(const Lanix::NamespaceName& name,
+                                                 const std::vector<Table>& tables) override;
   std::unique_ptr<NamespaceEvents> watchNamespaces() override;
 
  private:
@@ -162,4 +162,4 @@ class FakeKernel final : public KernelAccess {
   Lanix::Replaced<KernelAccess> replaced_;
 };
 
-}  // namespace KernelState
+}  // namespace Netlink

@@ -7,9 +7,10 @@
 
 #include "Lanix/NamespaceName.h"
 #include "Lanix/Seam.h"
+#include "Netlink/Route.h"
 #include "Netlink/Socket.h"
 
-namespace KernelState {
+namespace Netlink {
 
 // Tells one network namespace from every other that exists at the same time (device and inode number of its
 // nsfs file, namespaces(7)).
@@ -26,7 +27,7 @@ struct NamespaceLook {
   NamespaceId id;
 };
 
-// The route netlink of one network namespace, used as Netlink::Socket says: one socket for notifications, one
+// The route netlink of one network namespace, used as Socket says: one socket for notifications, one
 // for dumps.
 class RouteSource {
  public:
@@ -35,9 +36,9 @@ class RouteSource {
   virtual NamespaceId id() const = 0;
   // Readable when notifications wait.
   virtual int descriptor() const = 0;
-  virtual Netlink::Notifications receive(const Netlink::Handler& handler, std::size_t maxMessages) = 0;
-  virtual Mox::Result<> dumpStart(Netlink::Message request) = 0;
-  virtual Netlink::DumpSlice dumpSlice(const Netlink::Handler& handler) = 0;
+  virtual Notifications receive(const Handler& handler, std::size_t maxMessages) = 0;
+  virtual Mox::Result<> dumpStart(Message request) = 0;
+  virtual DumpSlice dumpSlice(const Handler& handler) = 0;
 };
 
 // Says that names of namespaces may have come, gone, or changed what is behind them.
@@ -50,7 +51,7 @@ class NamespaceEvents {
   virtual void drain() = 0;
 };
 
-// What the plug-in asks of the kernel besides reading; the seam that tests replace with
+// What those who follow the kernel's tables ask of it besides reading; the seam that tests replace with
 // Lanix::Replaced<KernelAccess>. Nothing here blocks or throws.
 class KernelAccess {
  public:
@@ -61,9 +62,10 @@ class KernelAccess {
   // "default" is the namespace of the process, and always there. A failure says nothing about the namespace:
   // it may be there (descriptors are exhausted, permission is refused).
   virtual Mox::Result<NamespaceLook> look(const Lanix::NamespaceName& name);
-  // Enters the namespace and subscribes to devices, IPv4 addresses, neighbours and MAC tables.
-  virtual Mox::Result<std::unique_ptr<RouteSource>> open(const Lanix::NamespaceName& name);
+  // Enters the namespace and subscribes to the changes of these tables, and perhaps to more.
+  virtual Mox::Result<std::unique_ptr<RouteSource>> open(const Lanix::NamespaceName& name,
+                                                         const std::vector<Table>& tables);
   virtual std::unique_ptr<NamespaceEvents> watchNamespaces();
 };
 
-}  // namespace KernelState
+}  // namespace Netlink

@@ -6,21 +6,20 @@
 #include <string>
 #include <vector>
 
-#include "KernelState/KernelAccess.h"
-#include "KernelState/Messages.h"
-#include "KernelState/Mirror.h"
 #include "Mox/Notifiee.h"
+#include "Netlink/KernelAccess.h"
+#include "Netlink/Mirror.h"
 #include "Orb/FileDescriptor.h"
 #include "Orb/WalkSm.h"
 
-namespace KernelState {
+namespace Netlink {
 
 // Who keeps the tables that a feed reads. Called from the feed's tasks only; must not open or close the feed
 // from inside.
 class RouteFeedClient {
  public:
   virtual ~RouteFeedClient() = default;
-  virtual void handleMessage(const Netlink::Received& message, Word word) = 0;
+  virtual void handleMessage(const Received& message, Word word) = 0;
   // A table is about to be read (or found empty); see Mirror.
   virtual void handleReconcile(Table table) = 0;
   // A batch of what the reading did not mention is to go; true while there is more.
@@ -37,7 +36,7 @@ class RouteFeedClient {
   virtual void handleClosed() = 0;
 };
 
-// Reads the kernel's tables of one network namespace: each once when it opens, in the order of Table, and
+// Reads some of the kernel's tables of one network namespace: each once when it opens, in the order given, and
 // from then on the changes. When the kernel drops notifications, everything is read again and what was missed
 // is found by comparison. A table whose reading was disturbed by a change is read again; what cannot be read
 // is reported and retried after a pause.
@@ -47,9 +46,9 @@ class RouteFeed final : private Orb::WalkSmBase {
  public:
   enum class State : std::uint8_t { closed, open, closing };
 
-  // `tables` is how many of Table's are read, from its beginning.
-  RouteFeed(const Mox::Ptr<Orb::TaskScheduler>& scheduler, RouteFeedClient& client, const std::string& name,
-            std::size_t tables);
+  // Works in the name of that plug-in, on the tables of the namespace of that name.
+  RouteFeed(const Mox::Ptr<Orb::TaskScheduler>& scheduler, RouteFeedClient& client, const std::string& plugin,
+            const std::string& name, std::vector<Table> tables);
   ~RouteFeed() override;
 
   State state() const { return state_; }
@@ -68,7 +67,7 @@ class RouteFeed final : private Orb::WalkSmBase {
   void walkFinishedNotification() override;
   bool step();
   void readNext();
-  void deliver(const Netlink::Received& message, Word word);
+  void deliver(const Received& message, Word word);
   void tableDone(bool success);
   void fail(const std::string& doing, const Mox::Failure& failure);
   void receive();
@@ -76,7 +75,7 @@ class RouteFeed final : private Orb::WalkSmBase {
 
   RouteFeedClient& client_;
   const std::string name_;
-  const std::size_t tables_;
+  const std::vector<Table> tables_;
   State state_ = State::closed;
   std::unique_ptr<RouteSource> source_;
   Mox::Ptr<Orb::FileDescriptor> descriptor_;
@@ -92,4 +91,4 @@ class RouteFeed final : private Orb::WalkSmBase {
   double retryDelay_ = 0;
 };
 
-}  // namespace KernelState
+}  // namespace Netlink

@@ -11,11 +11,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 
-namespace KernelState {
+#include "Lanix/IpGenPrefix.h"
+
+namespace Netlink {
 namespace {
-
-using Netlink::Message;
 
 constexpr std::size_t kMessagesPerSlice = 2;
 
@@ -77,9 +78,9 @@ class FakeKernel::Source final : public RouteSource {
   NamespaceId id() const override { return of_->id_; }
   int descriptor() const override { return event_.descriptor(); }
 
-  Netlink::Notifications receive(const Netlink::Handler& handler, std::size_t maxMessages) override {
+  Notifications receive(const Handler& handler, std::size_t maxMessages) override {
     event_.clear();
-    Netlink::Notifications result;
+    Notifications result;
     if (std::exchange(overrun_, false)) {
       result.overrun = result.more = true;
       return result;
@@ -87,7 +88,7 @@ class FakeKernel::Source final : public RouteSource {
     while (!waiting_.empty() && result.messages < maxMessages) {
       const Message message = waiting_.front();
       waiting_.pop_front();
-      handler(Netlink::Received(message.data()));
+      handler(Received(message.data()));
       ++result.messages;
     }
     result.more = !waiting_.empty();
@@ -110,11 +111,11 @@ class FakeKernel::Source final : public RouteSource {
     return {};
   }
 
-  Netlink::DumpSlice dumpSlice(const Netlink::Handler& handler) override {
-    Netlink::DumpSlice slice;
+  DumpSlice dumpSlice(const Handler& handler) override {
+    DumpSlice slice;
     if (of_->hold_ && at_ != 0) return slice;
     for (std::size_t i = 0; i < kMessagesPerSlice && at_ < dump_.size(); ++i, ++at_, ++slice.messages)
-      handler(Netlink::Received(dump_[at_].data()));
+      handler(Received(dump_[at_].data()));
     if (at_ < dump_.size() || (of_->hold_ && slice.messages != 0)) return slice;
     slice.done = true;
     dumping_ = false;
@@ -185,7 +186,8 @@ Mox::Result<NamespaceLook> FakeKernel::look(const Lanix::NamespaceName& name) {
   return NamespaceLook{true, found->second ? found->second->id_ : NamespaceId{}};
 }
 
-Mox::Result<std::unique_ptr<RouteSource>> FakeKernel::open(const Lanix::NamespaceName& name) {
+Mox::Result<std::unique_ptr<RouteSource>> FakeKernel::open(const Lanix::NamespaceName& name,
+                                                           const std::vector<Table>& /*tables*/) {
   const auto found = namespaces_.find(name);
   const int error = found == namespaces_.end() || !found->second ? ENOENT : refusedNames_;
   if (error != 0) return Mox::Failure{name + " cannot be entered: " + strerror(error), error};
@@ -329,4 +331,4 @@ void FakeKernel::Namespace::addMac(const std::string& bridge, const std::string&
   entryIs(Table::macs, {ifIndex, mac + " " + std::to_string(entry.vlan)}, {port, message});
 }
 
-}  // namespace KernelState
+}  // namespace Netlink

@@ -9,7 +9,7 @@
 
 #include "Mox/HashTable.h"
 
-namespace KernelState {
+namespace Netlink {
 
 // Seconds after which a table of shared memory that had no room for an entry is written again as a whole.
 inline constexpr double kRoomRetry = 30;
@@ -142,4 +142,4 @@ class Mirror {
   std::size_t present_ = 0;
 };
 
-}  // namespace KernelState
+}  // namespace Netlink

@@ -1,11 +1,11 @@
-#include "KernelState/Mirror.h"
+#include "Netlink/Mirror.h"
 
 #include <gtest/gtest.h>
 
 #include <map>
 #include <random>
 
-namespace KernelState {
+namespace Netlink {
 namespace {
 
 // Against a model: a table that changes while it is read, in slices, by a dump whose words are out of date.
@@ -50,4 +50,4 @@ TEST(MirrorTest, EndsAsTheKernelDoesWhateverTheOrder) {
 }
 
 }  // namespace
-}  // namespace KernelState
+}  // namespace Netlink

@@ -1,0 +1,10 @@
+#include "Netlink/Trace.h"
+
+namespace Netlink {
+
+Tracelet::Handle& traceHandle() {
+  static Tracelet::Handle handle("Netlink");
+  return handle;
+}
+
+}  // namespace Netlink
