@@ -27,11 +27,17 @@ struct RemoteBindingKey {
   explicit operator bool() const { return *this != RemoteBindingKey{}; }
 };
 
+// Who says that there is a remote binding: people (the configuration's `bindings`, or by hand), or the feed of
+// the fabric's routes, which the switch's routing daemon keeps in the kernel as well.
+enum class BindingSource : std::uint8_t { people, feed };
+
 // A MAC/IP route of another switch. The zero MAC means that there is no binding.
 struct RemoteBinding {
   Lanix::EthAddr macAddress;
   // The host sits on an Ethernet segment that this switch is attached to as well.
   bool localMultihomed = false;
+  // No part of the text form: whoever writes a binding as text is people.
+  BindingSource source = BindingSource::people;
 
   static constexpr auto moxFields() {
     return std::tuple(Mox::Field("mac", &RemoteBinding::macAddress),

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <map>
 #include <tuple>
 #include <vector>
 
@@ -8,6 +10,7 @@
 #include "Lanix/NamespaceName.h"
 #include "Mox/Attribute.h"
 #include "Mox/Strep.h"
+#include "Suppression/RemoteBindingConfig.h"
 #include "Vrf/VrfId.h"
 
 // What the operator says about this switch in the configuration file, for the plug-ins that turn a Linux
@@ -79,6 +82,39 @@ class SoftForwardConfig final : public Mox::Entity {
   }
 };
 
+// Where the routes of other switches come from: nowhere but from people, or from the kernel, where a routing
+// daemon writes them as neighbours and says so (NTF_EXT_LEARNED).
+enum class EvpnFeed : std::uint8_t { none, kernel };
+constexpr std::array<const char*, 2> moxEnumNames(EvpnFeed) { return {"none", "kernel"}; }
+
+using RemoteBindings = std::map<ArpSuppression::RemoteBindingKey, ArpSuppression::RemoteBinding>;
+
+// What is known of other switches' hosts, and from whom.
+class EvpnConfig final : public Mox::Entity {
+ public:
+  MOX_ATTRIBUTE(EvpnFeed, feed, EvpnFeed::none)
+  // Of the neighbours that are of the feed (NDA_PROTOCOL): by default zebra's and bgp's.
+  MOX_ATTRIBUTE(std::vector<std::uint8_t>, protocols, kZebra, kBgp)
+  MOX_MEMBERS(feed, protocols)
+
+  // The operator's own bindings, for addresses that the feed knows nothing of, while KernelEvpn is loaded;
+  // null: none. Never changes in place.
+  struct Bindings final : Mox::Referenced {
+    RemoteBindings all;
+  };
+  MOX_ATTRIBUTE(Mox::Ptr<const Bindings>, bindings)
+
+  // Null: it has none for the key.
+  const ArpSuppression::RemoteBinding* bindingOf(const ArpSuppression::RemoteBindingKey& key) const {
+    if (!bindings()) return nullptr;
+    const auto at = bindings()->all.find(key);
+    return at == bindings()->all.end() ? nullptr : &at->second;
+  }
+
+  static constexpr std::uint8_t kZebra = 11;  // RTPROT_ZEBRA, RTPROT_BGP
+  static constexpr std::uint8_t kBgp = 186;
+};
+
 // At "switch/config".
 class Config final : public Mox::Entity {
  public:
@@ -94,9 +130,12 @@ class Config final : public Mox::Entity {
   // Never null, always the same.
   const Mox::Ptr<SoftForwardConfig>& softForward() { return softForward_; }
   Mox::Ptr<const SoftForwardConfig> softForward() const { return softForward_; }
+  const Mox::Ptr<EvpnConfig>& evpn() { return evpn_; }
+  Mox::Ptr<const EvpnConfig> evpn() const { return evpn_; }
 
  private:
   const Mox::Ptr<SoftForwardConfig> softForward_ = Mox::make<SoftForwardConfig>();
+  const Mox::Ptr<EvpnConfig> evpn_ = Mox::make<EvpnConfig>();
 };
 
 inline constexpr const char* kConfigPath = "switch/config";

@@ -32,6 +32,8 @@ class ConfigWatch {
         .on(Config::neighborRefreshSecondsChanged, [this] { changed_(); });
     softForward_.onAny([this](Mox::EventId) { changed_(); });
     softForward_.notifierIs(config_->softForward());
+    evpn_.onAny([this](Mox::EventId) { changed_(); });
+    evpn_.notifierIs(config_->evpn());
     for (const auto& [name, vrf] : config_->vrfCollection()) follow(vrfs_, name, vrf);
     for (const auto& [vlanId, vlan] : config_->vlanCollection()) follow(vlans_, vlanId, vlan);
   }
@@ -60,6 +62,7 @@ class ConfigWatch {
   Children<Mox::String, VrfConfig> vrfs_;
   Children<Bridging::VlanId, VlanConfig> vlans_;
   Mox::Notifiee<const SoftForwardConfig> softForward_;
+  Mox::Notifiee<const EvpnConfig> evpn_;
 };
 
 }  // namespace Switch
