@@ -1,16 +1,23 @@
 #include "Netlink/KernelAccess.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/filter.h>
 #include <linux/magic.h>
+#include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
+#include <limits>
+#include <optional>
 #include <utility>
 
 #include "Lanix/Descriptor.h"
@@ -27,8 +34,23 @@ constexpr char kAbove[] = "/run";
 // then read rather than lost, and a loss costs reading every table again. Used only while notifications wait.
 constexpr int kNotificationBuffer = 8 << 20;
 // The kernel makes a dump's next datagram when one is read, so this passes only when something is broken.
-constexpr int kDumpTimeoutMilliseconds = 100;
+constexpr Options kDumpOptions{.receiveTimeoutMilliseconds = 100};
 constexpr unsigned kGroups[] = {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_NEIGH, RTNLGRP_NEIGH};  // by Table
+
+// Of messages about neighbours, passes those about entries of MAC tables, or just the others.
+std::vector<sock_filter> neighbourFilter(bool macs) {
+  constexpr auto kPass = std::numeric_limits<std::uint32_t>::max();
+  return {
+      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offsetof(nlmsghdr, nlmsg_type)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWNEIGH), 1, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELNEIGH), 0, 2),
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, sizeof(nlmsghdr) + offsetof(ndmsg, ndm_family)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_BRIDGE, static_cast<std::uint8_t>(!macs),
+               static_cast<std::uint8_t>(macs)),
+      BPF_STMT(BPF_RET | BPF_K, kPass),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+  };
+}
 
 KernelAccess* replaced_ = nullptr;
 
@@ -61,14 +83,21 @@ Mox::Result<NamespaceId> identityOf(const Lanix::NamespaceName& name, const Desc
 
 class NetlinkSource final : public RouteSource {
  public:
-  explicit NetlinkSource(NamespaceId id)
+  NetlinkSource(NamespaceId id, Lanix::NamespaceName name)
       : id_(id),
+        name_(std::move(name)),
         notifications_(NETLINK_ROUTE, {.receiveBuffer = kNotificationBuffer}),
-        dumps_(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = kDumpTimeoutMilliseconds}) {}
+        dumps_(std::in_place, NETLINK_ROUTE, kDumpOptions) {}
 
   Mox::Result<> prepare(const std::vector<Table>& tables) {
     if (!notifications_.opened()) return notifications_.opened();
-    if (!dumps_.opened()) return dumps_.opened();
+    // Neighbours and MAC tables are told in one group: who wants one of them does not hear of the other.
+    const bool neighbours = std::ranges::count(tables, Table::neighbours) != 0;
+    const bool macs = std::ranges::count(tables, Table::macs) != 0;
+    if (neighbours != macs) {
+      if (auto filtered = notifications_.filterIs(neighbourFilter(macs)); !filtered) return filtered;
+    }
+    if (!dumps_->opened()) return dumps_->opened();
     for (const Table table : tables) {
       if (Mox::Result<> joined = notifications_.join(kGroups[static_cast<std::size_t>(table)]); !joined)
         return joined;
@@ -81,13 +110,24 @@ class NetlinkSource final : public RouteSource {
   Notifications receive(const Handler& handler, std::size_t maxMessages) override {
     return notifications_.receive(handler, maxMessages);
   }
-  Mox::Result<> dumpStart(Message request) override { return dumps_.dumpStart(std::move(request)); }
-  DumpSlice dumpSlice(const Handler& handler) override { return dumps_.dumpSlice(handler); }
+  Mox::Result<> dumpStart(Message request) override { return dumps_->dumpStart(std::move(request)); }
+  DumpSlice dumpSlice(const Handler& handler) override { return dumps_->dumpSlice(handler); }
+  // The kernel ends a dump with its socket only.
+  Mox::Result<> dumpEnd() override {
+    const Lanix::NamespaceGuard guard(name_);
+    if (!guard) return Mox::Failure{guard.error(), errno};
+    dumps_.emplace(NETLINK_ROUTE, kDumpOptions);
+    return dumps_->opened();
+  }
+  Mox::Result<> get(Message request, const Handler& handler) override {
+    return dumps_->get(std::move(request), handler);
+  }
 
  private:
   NamespaceId id_;
+  const Lanix::NamespaceName name_;
   Socket notifications_;
-  Socket dumps_;
+  std::optional<Socket> dumps_;
 };
 
 // Names come and go in a directory, which itself comes with the first of them; what is mounted behind a name
@@ -166,7 +206,7 @@ Mox::Result<std::unique_ptr<RouteSource>> KernelAccess::open(const Lanix::Namesp
     if (!here) return here.failure();
     id = *here;
   }
-  auto source = std::make_unique<NetlinkSource>(id);
+  auto source = std::make_unique<NetlinkSource>(id, name);
   if (const auto prepared = source->prepare(tables); !prepared)
     return describe("network namespace \"" + name + "\": opening netlink", prepared).failure();
   return std::unique_ptr<RouteSource>(std::move(source));

@@ -39,6 +39,10 @@ class RouteSource {
   virtual Notifications receive(const Handler& handler, std::size_t maxMessages) = 0;
   virtual Mox::Result<> dumpStart(Message request) = 0;
   virtual DumpSlice dumpSlice(const Handler& handler) = 0;
+  // Gives up the dump that is being read. After a failure the source is of no use.
+  virtual Mox::Result<> dumpEnd() = 0;
+  // Asks for one thing; while no dump is being read.
+  virtual Mox::Result<> get(Message request, const Handler& handler) = 0;
 };
 
 // Says that names of namespaces may have come, gone, or changed what is behind them.

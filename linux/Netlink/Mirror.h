@@ -42,9 +42,10 @@ class Tally {
 template <class Key, class Record>
 class Mirror {
  public:
-  // Begins again when a reconciliation is in progress already.
-  void reconcileBegin() {
-    ++generation_;
+  // Begins again when a reconciliation is in progress already. Without `everything`, what the dump does not
+  // mention stays.
+  void reconcileBegin(bool everything = true) {
+    if (everything) ++generation_;
     reconciling_ = true;
     sweepFrom_.reset();
   }
@@ -87,14 +88,18 @@ class Mirror {
 
   // Looks at up to `max` entries and removes those that nobody spoke of, telling gone(key, record) of each
   // when it is no longer found; true while there are more. The last call ends the reconciliation. `gone` may
-  // find, but neither add nor remove.
-  template <class Gone>
-  bool sweep(std::size_t max, Gone gone) {
+  // find, but neither add nor remove. Those for which stays(key, record) is true are left as they are.
+  template <class Gone, class Stays>
+  bool sweep(std::size_t max, Gone gone, Stays stays) {
     std::vector<Key> doomed;
     const bool more = scan(sweepFrom_, max, [&](const Key& key, const Slot& slot) {
       if (!slot.present || slot.generation != generation_) doomed.push_back(key);
     });
     for (const Key& key : doomed) {
+      if (Slot* slot = slots_.find(key); slot->present && stays(key, slot->record)) {
+        slot->generation = generation_;
+        continue;
+      }
       Slot slot = slots_.take(key);
       if (!slot.present) continue;
       --present_;
@@ -102,6 +107,10 @@ class Mirror {
     }
     if (!more) reconciling_ = false;
     return more;
+  }
+  template <class Gone>
+  bool sweep(std::size_t max, Gone gone) {
+    return sweep(max, gone, [](const Key&, const Record&) { return false; });
   }
 
   // Calls visitor(key, record) for up to `max` entries from the bookmark on (nothing: the beginning) and

@@ -271,4 +271,21 @@ Message neighbourDump(std::uint8_t family) {
   return std::move(Message(RTM_GETNEIGH).header(header));
 }
 
+Message macDump(IfIndex port) {
+  ndmsg header{};
+  header.ndm_family = AF_BRIDGE;
+  header.ndm_ifindex = static_cast<int>(port);
+  return std::move(Message(RTM_GETNEIGH).header(header));
+}
+
+Message macGet(IfIndex bridge, const Lanix::EthAddr& mac, std::uint16_t vlan) {
+  ndmsg header{};
+  header.ndm_family = AF_BRIDGE;
+  Message message(RTM_GETNEIGH);
+  const auto bytes = mac.bytes();
+  message.header(header).u32(NDA_MASTER, bridge).bytes(NDA_LLADDR, std::as_bytes(std::span(bytes)));
+  if (vlan != 0) message.u16(NDA_VLAN, vlan);
+  return message;
+}
+
 }  // namespace Netlink

@@ -11,24 +11,33 @@ namespace {
 constexpr char kSource[] = "Netlink/RouteFeed";
 // Changes are more urgent than the tables that they are about.
 constexpr unsigned kReceiveLevel = 2;
+constexpr unsigned kPatientLevel = 4;
 constexpr std::size_t kMessagesPerCall = 64;
 // A table that changes all the time is left to its notifications after so many readings, and to a later
 // round.
 constexpr unsigned kMaxDisturbed = 8;
 constexpr double kFirstRetry = 0.1;  // seconds
 constexpr double kLastRetry = 60;
+// Between a loss and the reading that makes it good, where others go first: nothing for the first one in a
+// while, then from here on and twice as much each time, for a reading gains nothing while changes are lost.
+constexpr double kFirstLoss = 0.25;
+constexpr double kLastLoss = 8;
+constexpr double kQuiet = 30;
 
 }  // namespace
 
 RouteFeed::RouteFeed(const Mox::Ptr<Orb::TaskScheduler>& scheduler, RouteFeedClient& client,
-                     const std::string& plugin, const std::string& name, std::vector<Table> tables)
-    : WalkSmBase(scheduler, plugin + " tables of " + name),
+                     const std::string& plugin, const std::string& name, std::vector<Table> tables,
+                     bool patient)
+    : WalkSmBase(scheduler, plugin + " tables of " + name, patient ? kPatientLevel : kDefaultLevel),
       client_(client),
       name_(name),
       tables_(std::move(tables)),
+      patient_(patient),
       descriptor_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), plugin + " changes of " + name)),
       readable_(descriptor_),
-      receiveTask_(scheduler, plugin + " changes of " + name, kReceiveLevel, [this] { receive(); }) {
+      receiveTask_(scheduler, plugin + " changes of " + name, patient ? kPatientLevel : kReceiveLevel,
+                   [this] { receive(); }) {
   readable_.on(Orb::FileDescriptor::readableCountChanged, [this] { receiveTask_.schedule(); });
   descriptor_->notifyOnReadableIs(true);
 }
@@ -47,11 +56,20 @@ void RouteFeed::sourceIs(std::unique_ptr<RouteSource> source) {
 void RouteFeed::openIs(std::unique_ptr<RouteSource> source) {
   sourceIs(std::move(source));
   state_ = State::open;
+  roundIs();
+  everything_ = true;
+  scheduleWalk();
+}
+
+void RouteFeed::roundIs() {
   table_ = 0;
   stage_ = Stage::start;
   complete_ = true;
   again_ = false;
-  scheduleWalk();
+}
+
+void RouteFeed::readAgain() {
+  if (state_ == State::open && !walkScheduled()) scheduleWalk();
 }
 
 void RouteFeed::closeIs() {
@@ -65,10 +83,7 @@ void RouteFeed::closeIs() {
 }
 
 bool RouteFeed::walkStartedNotification() {
-  table_ = 0;
-  stage_ = Stage::start;
-  complete_ = true;
-  again_ = false;
+  roundIs();
   return state_ != State::closed;
 }
 
@@ -90,11 +105,8 @@ bool RouteFeed::step() {
       client_.handleReconcile(table);
       stage_ = Stage::sweep;
       if (state_ == State::closing) break;
-      stage_ = Stage::read;
-      if (const auto started = source_->dumpStart(dumpRequest(table)); !started) {
-        fail("asking for ", started.failure());
-        tableDone(false);
-      }
+      part_ = 0;
+      ask();
       break;
     case Stage::read:
       readNext();
@@ -106,15 +118,29 @@ bool RouteFeed::step() {
   return table_ < tables_.size();
 }
 
+void RouteFeed::ask() {
+  auto request = client_.handleRead(tables_[table_], part_++);
+  stage_ = request ? Stage::read : Stage::sweep;
+  if (!request) return;
+  if (const auto started = source_->dumpStart(std::move(*request)); !started) {
+    fail("asking for ", started.failure());
+    tableDone(false);
+  }
+}
+
 void RouteFeed::readNext() {
   const DumpSlice slice =
       source_->dumpSlice([this](const Received& message) { deliver(message, Word::dump); });
-  if (!slice.done) return;
+  if (!slice.done) {
+    if (!client_.handleEnough(tables_[table_])) return;
+    if (const auto ended = source_->dumpEnd(); !ended) return broken("ending a reading: ", ended);
+    return ask();
+  }
   if (!slice.result) {
     fail("reading ", slice.result.failure());
     tableDone(false);
   } else if (!slice.interrupted) {
-    stage_ = Stage::sweep;
+    ask();
   } else if (++disturbed_ < kMaxDisturbed) {
     stage_ = Stage::start;
   } else {
@@ -148,17 +174,19 @@ void RouteFeed::fail(const std::string& doing, const Mox::Failure& failure) {
 void RouteFeed::walkFinishedNotification() {
   if (state_ == State::closing) {
     state_ = State::closed;
+    read_.reset();
     client_.handleClosed();
     return;
   }
   if (state_ == State::closed) return;
-  if (again_) {
-    scheduleWalk();
-  } else {
-    client_.handleRound(complete_);
-    retryDelay_ = complete_ ? 0 : std::clamp(retryDelay_ * 2, kFirstRetry, kLastRetry);
-    if (!complete_) scheduleWalk(retryDelay_);
-  }
+  everything_ = again_ || !complete_;
+  if (again_) scheduleWalk(lossDelay_);
+  if (again_ && lossDelay_ == 0) return;
+  read_ = !everything_;
+  client_.handleRound(!everything_);
+  if (again_) return;
+  retryDelay_ = complete_ ? 0 : std::clamp(retryDelay_ * 2, kFirstRetry, kLastRetry);
+  if (!complete_) scheduleWalk(retryDelay_);
 }
 
 // A socket that has overrun drops everything, without another word, until it has been read empty: only what
@@ -169,19 +197,24 @@ void RouteFeed::receive() {
     result = source_->receive([this](const Received& message) { deliver(message, Word::notification); },
                               kMessagesPerCall);
     lost_ = lost_ || result.overrun;
-    if (!result.result) {
-      client_.handleFailure("receiving changes: " + result.result.error());
-      client_.handleBroken();
-      return;
-    }
-  } while (result.more && !scheduler()->root().mustYield());
+    if (!result.result) return broken("receiving changes: ", result.result);
+  } while (result.more && !patient_ && !scheduler()->root().mustYield());
   if (result.more) {
     receiveTask_.schedule();
   } else if (std::exchange(lost_, false)) {
     TRACELET_RECORD("kernel dropped notifications of namespace {}", name_);
-    again_ = true;
-    scheduleWalk();
+    const double now = scheduler()->loop().now();
+    const bool repeated = patient_ && now < lossTime_ + kQuiet;
+    lossDelay_ = repeated ? std::clamp(lossDelay_ * 2, kFirstLoss, kLastLoss) : 0;
+    lossTime_ = now;
+    everything_ = again_ = true;
+    scheduleWalk(lossDelay_);
   }
+}
+
+void RouteFeed::broken(const std::string& doing, const Mox::Result<>& result) {
+  client_.handleFailure(doing + result.error());
+  client_.handleBroken();
 }
 
 }  // namespace Netlink

@@ -150,6 +150,13 @@ Result<> Socket::join(unsigned group) {
   return {};
 }
 
+Result<> Socket::filterIs(std::vector<sock_filter> program) {
+  if (!opened_) return opened_;
+  const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
+  if (setsockopt(fd_, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0) return failureOf(errno);
+  return {};
+}
+
 std::uint32_t Socket::nextSequence() {
   if (++sequence_ == 0) ++sequence_;  // 0 is what notifications carry
   return sequence_;

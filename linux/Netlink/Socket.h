@@ -13,6 +13,8 @@
 //
 // Nothing here throws. The descriptor is close-on-exec and non-blocking. Not thread-safe.
 
+#include <linux/filter.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -123,6 +125,9 @@ class Socket {
 
   // Joins the multicast group of that number (RTNLGRP_LINK ...).
   Result<> join(unsigned group);
+
+  // Lets only what the program passes (socket(7), SO_ATTACH_FILTER) wait to be received; before join.
+  Result<> filterIs(std::vector<sock_filter> program);
 
   // Sends and waits for the acknowledgement.
   Result<> request(Message message);

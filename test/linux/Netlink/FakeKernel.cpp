@@ -34,6 +34,24 @@ std::uint16_t newTypeOf(Table table) {
   return table == Table::links ? RTM_NEWLINK : table == Table::addresses ? RTM_NEWADDR : RTM_NEWNEIGH;
 }
 
+template <class Header>
+Header headerOf(const Message& message) {
+  Header header{};
+  const auto bytes = message.data().subspan(sizeof(nlmsghdr));
+  std::memcpy(&header, bytes.data(), std::min(bytes.size(), sizeof header));
+  return header;
+}
+
+// What it is about, or asks for.
+Table tableOf(const Message& message) {
+  if (message.type() < RTM_NEWADDR) return Table::links;
+  if (message.type() < RTM_NEWROUTE) return Table::addresses;
+  return headerOf<rtgenmsg>(message).rtgen_family == AF_BRIDGE ? Table::macs : Table::neighbours;
+}
+
+constexpr Policy kMacPolicy[] = {
+    {NDA_LLADDR, Kind::bytes, 6, 6}, {NDA_MASTER, Kind::u32}, {NDA_VLAN, Kind::u16}};
+
 class Event {
  public:
   Event() : descriptor_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
@@ -55,7 +73,8 @@ class Event {
 
 class FakeKernel::Source final : public RouteSource {
  public:
-  Source(FakeKernel& kernel, std::shared_ptr<Namespace> of) : kernel_(kernel), of_(std::move(of)) {
+  Source(FakeKernel& kernel, std::shared_ptr<Namespace> of, const std::vector<Table>& tables)
+      : kernel_(kernel), of_(std::move(of)), tables_(tables) {
     of_->listeners_.push_back(this);
     ++kernel_.openSources_;
   }
@@ -65,7 +84,7 @@ class FakeKernel::Source final : public RouteSource {
   }
 
   void tell(const Message& message) {
-    if (congested_) return;
+    if (congested_ || std::ranges::count(tables_, tableOf(message)) == 0) return;
     waiting_.push_back(message);
     event_.raise();
   }
@@ -98,14 +117,10 @@ class FakeKernel::Source final : public RouteSource {
 
   Mox::Result<> dumpStart(Message request) override {
     if (dumping_) return Mox::Failure{"a dump is running", EBUSY};
-    ndmsg header{};
-    std::memcpy(&header, request.data().data() + sizeof(nlmsghdr), sizeof(rtgenmsg));
-    table_ = request.type() == RTM_GETLINK    ? Table::links
-             : request.type() == RTM_GETADDR  ? Table::addresses
-             : header.ndm_family == AF_BRIDGE ? Table::macs
-                                              : Table::neighbours;
+    table_ = tableOf(request);
+    const bool ofOnePort = table_ == Table::macs;
     ++of_->dumps_[table_];
-    dump_ = of_->snapshot(table_);
+    dump_ = of_->snapshot(table_, ofOnePort ? headerOf<ndmsg>(request).ndm_ifindex : 0);
     at_ = 0;
     dumping_ = true;
     return {};
@@ -128,9 +143,28 @@ class FakeKernel::Source final : public RouteSource {
     return slice;
   }
 
+  Mox::Result<> dumpEnd() override {
+    dumping_ = false;
+    return {};
+  }
+
+  Mox::Result<> get(Message request, const Handler& handler) override {
+    if (dumping_) return Mox::Failure{"a dump is running", EBUSY};
+    const Attributes wanted(Received(request.data()).attributes(sizeof(ndmsg)), kMacPolicy);
+    Lanix::EthAddr::Bytes mac;
+    std::memcpy(mac.data(), wanted.bytes(NDA_LLADDR)->data(), mac.size());
+    const auto entry = of_->entries_[Table::macs].find(
+        {*wanted.u32(NDA_MASTER),
+         Lanix::EthAddr(mac).toStrep() + " " + std::to_string(wanted.u16(NDA_VLAN).value_or(0))});
+    if (entry == of_->entries_[Table::macs].end()) return Mox::Failure{strerror(ENOENT), ENOENT};
+    handler(Received(entry->second.message(RTM_NEWNEIGH).data()));
+    return {};
+  }
+
  private:
   FakeKernel& kernel_;
   std::shared_ptr<Namespace> of_;
+  const std::vector<Table> tables_;
   Event event_;
   std::deque<Message> waiting_;
   bool overrun_ = false;
@@ -187,11 +221,11 @@ Mox::Result<NamespaceLook> FakeKernel::look(const Lanix::NamespaceName& name) {
 }
 
 Mox::Result<std::unique_ptr<RouteSource>> FakeKernel::open(const Lanix::NamespaceName& name,
-                                                           const std::vector<Table>& /*tables*/) {
+                                                           const std::vector<Table>& tables) {
   const auto found = namespaces_.find(name);
   const int error = found == namespaces_.end() || !found->second ? ENOENT : refusedNames_;
   if (error != 0) return Mox::Failure{name + " cannot be entered: " + strerror(error), error};
-  return std::unique_ptr<RouteSource>(std::make_unique<Source>(*this, found->second));
+  return std::unique_ptr<RouteSource>(std::make_unique<Source>(*this, found->second, tables));
 }
 
 std::unique_ptr<NamespaceEvents> FakeKernel::watchNamespaces() { return std::make_unique<Events>(*this); }
@@ -212,9 +246,11 @@ std::uint32_t FakeKernel::Namespace::indexOf(const std::string& name) const {
   return device == devices_.end() ? 0 : device->first;
 }
 
-std::vector<Message> FakeKernel::Namespace::snapshot(Table table) {
+std::vector<Message> FakeKernel::Namespace::snapshot(Table table, int device) {
   std::vector<Message> messages;
-  for (const auto& [key, entry] : entries_[table]) messages.push_back(entry.message(newTypeOf(table)));
+  for (const auto& [key, entry] : entries_[table])
+    if (device == 0 || static_cast<int>(entry.device) == device)
+      messages.push_back(entry.message(newTypeOf(table)));
   return messages;
 }
 
@@ -236,7 +272,8 @@ void FakeKernel::Namespace::linkIs(std::uint32_t ifIndex, const Device& device) 
     Message message(type);
     message.header(header).string(IFLA_IFNAME, device.name);
     if (!device.mac.empty()) put(message, IFLA_ADDRESS, device.mac);
-    if (device.vrfDevice != 0) message.u32(IFLA_MASTER, device.vrfDevice);
+    const std::uint32_t master = device.vrfDevice != 0 ? device.vrfDevice : device.bridge;
+    if (master != 0) message.u32(IFLA_MASTER, master);
     if (device.lower != 0) message.u32(IFLA_LINK, device.lower);
     message.nest(IFLA_LINKINFO, [&](Message& info) {
       if (!device.kind.empty()) info.string(IFLA_INFO_KIND, device.kind);
@@ -244,7 +281,7 @@ void FakeKernel::Namespace::linkIs(std::uint32_t ifIndex, const Device& device) 
         if (device.kind == "bridge") data.u8(IFLA_BR_VLAN_FILTERING, device.filters ? 1 : 0);
         if (device.kind == "vlan") data.u16(IFLA_VLAN_ID, device.vlanId);
       });
-      if (device.vrfDevice != 0) info.string(IFLA_INFO_SLAVE_KIND, "vrf");
+      if (master != 0) info.string(IFLA_INFO_SLAVE_KIND, device.vrfDevice != 0 ? "vrf" : "bridge");
     });
     return message;
   };

@@ -60,6 +60,9 @@ class FakeKernel final : public KernelAccess {
     void filtersVlans(const std::string& bridge, bool filters) {
       change(bridge, [&](Device& device) { device.kind = "bridge", device.filters = filters; });
     }
+    void portIs(const std::string& name, const std::string& bridge) {
+      change(name, [&](Device& device) { device.bridge = indexOf(bridge); });
+    }
     // Below the VRF device ("": none any more), which loses it its neighbours.
     void putBelow(const std::string& name, const std::string& vrfDevice);
     void addAddress(const std::string& device, const std::string& prefix, bool secondary = false);
@@ -98,6 +101,7 @@ class FakeKernel final : public KernelAccess {
       bool filters = false;
       std::uint32_t lower = 0;
       std::uint16_t vlanId = 0;
+      std::uint32_t bridge = 0;
     };
     using Key = std::pair<std::uint32_t, std::string>;  // device (or bridge), and what the entry is for
     struct Entry {
@@ -114,7 +118,7 @@ class FakeKernel final : public KernelAccess {
     void flush(std::uint32_t ifIndex, std::initializer_list<Table> tables);
     void entryIs(Table table, const Key& key, Entry entry);
     void entryDel(Table table, const Key& key);
-    std::vector<Message> snapshot(Table table);
+    std::vector<Message> snapshot(Table table, int device);  // of one device, 0: of all
 
     NamespaceId id_;
     std::map<std::uint32_t, Device> devices_;
