@@ -32,7 +32,7 @@ constexpr std::uint32_t kMaxFailOpenSeconds = 60;
 constexpr std::uint32_t kMaxLimit = std::uint32_t{1} << 24;
 // The members of "arpSuppression/limits".
 constexpr const char* kLimits[] = {"localBindingsPerPort", "localBindings", "requestRecords",
-                                   "remoteBindings"};
+                                   "remoteBindings", "macTablePerPort"};
 constexpr const char* kDevice = "a kernel device name of at most 15 bytes";
 constexpr const char* kAbsolute = "an absolute path";
 // Every handle that a line of text is written under.

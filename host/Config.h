@@ -53,9 +53,9 @@ struct SoftForwardSettings {
 //   state                   by path: what merges into that state before any plug-in starts
 //   bindings                list of remote bindings: vlan, ip, mac, and localMultihomed (default false)
 //   neverAnswer             list of IPv4 networks; requests of hosts for their addresses are flooded
-//   limits                  of what the agent keeps at most, 1 to 16777216 each (Suppression/Limits.h):
+//   limits                  of what is kept at most, 1 to 16777216 each (Suppression/Limits.h):
 //                           localBindingsPerPort (default 4096), localBindings (131072), requestRecords
-//                           and remoteBindings (1048576 each)
+//                           and remoteBindings (1048576 each), macTablePerPort (16384)
 //   featureDirectory        absolute path of the folder with the group files of feature switches; default
 //                           none
 //   neighborRefreshSeconds  1 to 86400, default 240: when ArpService has a stale neighbour probed

@@ -200,6 +200,8 @@ int main(int argc, char** argv) {
     auto rig = std::make_unique<AgentRig>(Orb::EventLoop::realClock(), tables.directory());
     rig->vrfIs("red", 5, redName);
     rig->vlanIs(10, "vlan10");
+    rig->at<ArpSuppression::Limits>(ArpSuppression::kLimitsPath)
+        ->macTablePerPortIs(static_cast<std::uint32_t>(entries));
     rig->start();
     return rig;
   };

@@ -18,13 +18,19 @@ EntryType entryTypeOf(MacEntry::Kind kind, bool onTunnelPort) {
 }  // namespace
 
 FdbSm::FdbSm(Ptr<const NamespaceState> state, Ptr<const Switch::Config> config,
-             Ptr<const Bridging::Config> bridgingConfig, Ptr<Memtab::Bridging::Status> bridgingStatus,
+             Ptr<const ArpSuppression::Limits> limits, Ptr<const Bridging::Config> bridgingConfig,
+             Ptr<Memtab::Bridging::Status> bridgingStatus, Switch::ProblemReporter& problems,
              const Ptr<Orb::TaskScheduler>& scheduler)
     : WalkSmBase(scheduler, "KernelState MAC tables"),
       config_(std::move(config), [this] { handleConfig(); }),
       bridgingConfig_(std::move(bridgingConfig)),
       state_(std::move(state)),
       bridgingStatus_(std::move(bridgingStatus)),
+      room_(std::move(limits), problems, [this] { reading_.handleRoom(); }),
+      reading_(state_.notifier(), room_, scheduler,
+               [this] {
+                 if (read_) read_();
+               }),
       retryTask_(scheduler, "KernelState MAC tables without room", kRetryLevel, [this] { scheduleWalk(); }) {
   bridgingConfig_.on(Bridging::Config::vidToFidMapChanged, [this](Bridging::VlanId) { handleConfig(); });
   state_.on(NamespaceState::linkChanged, [this](IfIndex ifIndex) { handleLink(ifIndex); });
@@ -53,26 +59,60 @@ void FdbSm::handleEntry(const Netlink::Neighbour& neighbour, bool gone, Word wor
     if (known) forget(key, *known);
     return;
   }
+  if (!room_.has(entry->port) && isBounded(vlanOf(key), entry->kind, entry->port) && !mirror_.find(key)) {
+    room_.refuse(entry->port, state_->link(entry->port).name);
+    if (word == Word::dump) reading_.refuse(entry->port);
+    return;
+  }
   Record* record = mirror_.said(key, word);
   if (!record) return;
   if (record->port == 0) onDevice_.add(key.bridge);
-  if (record->port != entry->port) {
-    onDevice_.remove(record->port);
-    onDevice_.add(entry->port);
-  }
-  record->port = entry->port;
-  record->kind = entry->kind;
-  publish(key, *record);
+  update(key, *record, *entry);
 }
 
-bool FdbSm::sweep() {
-  return mirror_.sweep(kEntriesPerBatch,
-                       [this](const Key& key, const Record& record) { forget(key, record); });
+void FdbSm::update(const Key& key, Record& record, const MacEntry& entry) {
+  if (record.port != entry.port) {
+    onDevice_.remove(record.port);
+    onDevice_.add(entry.port);
+    if (std::exchange(record.counted, false)) room_.remove(record.port);
+  }
+  record.port = entry.port;
+  record.kind = entry.kind;
+  publish(key, record);
+}
+
+void FdbSm::reconcileBegin(bool everything) {
+  mirror_.reconcileBegin(everything);
+  reading_.begin(everything);
+}
+
+bool FdbSm::sweep(const Ask& ask) {
+  const bool more = mirror_.sweep(
+      kEntriesPerBatch, [this](const Key& key, const Record& record) { forget(key, record); },
+      [&](const Key& key, Record& record) {
+        return reading_.isCut(record.port) && isThere(key, record, ask);
+      });
+  if (!more) reading_.end();
+  return more;
+}
+
+// Of an entry that a reading which was cut short did not mention.
+bool FdbSm::isThere(const Key& key, Record& record, const Ask& ask) {
+  std::optional<MacEntry> entry;
+  const auto asked =
+      ask(Netlink::macGet(key.bridge, key.mac, key.vlan), [&](const Netlink::Received& message) {
+        if (const auto neighbour = Netlink::readNeighbour(message)) entry = macEntryOf(*neighbour);
+      });
+  if (!asked) return asked.number() != ENOENT;
+  if (!entry || entry->kind == MacEntry::Kind::own) return false;
+  update(key, record, *entry);
+  return true;
 }
 
 void FdbSm::forget(const Key& key, const Record& record) {
   onDevice_.remove(key.bridge);
   onDevice_.remove(record.port);
+  if (record.counted) room_.remove(record.port);
   if (record.fid != kNoFid) withdraw({record.fid, key.mac});
 }
 
@@ -82,7 +122,11 @@ void FdbSm::handleLink(IfIndex ifIndex) {
   const Link link = state_->link(ifIndex);
   const auto known = devices_.find(ifIndex);
   if (known != devices_.end() && !(known->second == Device{link.name, link.filtersVlans})) deviceDel(ifIndex);
-  if (state_->linkHas(ifIndex)) deviceIs(ifIndex, {link.name, link.filtersVlans});
+  if (state_->linkHas(ifIndex)) {
+    deviceIs(ifIndex, {link.name, link.filtersVlans});
+  } else {
+    room_.accept(ifIndex);
+  }
   if (onDevice_.has(ifIndex)) scheduleWalk();
 }
 
@@ -145,6 +189,17 @@ void FdbSm::derive() {
     deviceIs(ifIndex, {link.name, link.filtersVlans});
 }
 
+// What a bridge learns of a host's own frames. Those behind a tunnel port are as many as the overlay has.
+bool FdbSm::isBounded(const Vlan* vlan, MacEntry::Kind kind, IfIndex port) const {
+  return kind == MacEntry::Kind::learned && !(vlan && vlan->tunnelPorts.contains(port));
+}
+
+void FdbSm::count(const Vlan* vlan, Record& record) {
+  const bool counted = isBounded(vlan, record.kind, record.port);
+  if (std::exchange(record.counted, counted) == counted) return;
+  counted ? room_.add(record.port) : room_.remove(record.port);
+}
+
 bool FdbSm::walkStartedNotification() {
   if (derive_) derive();
   bookmark_.reset();
@@ -173,6 +228,7 @@ Lanix::IntfId FdbSm::intfOf(IfIndex port) {
 
 void FdbSm::publish(const Key& key, Record& record) {
   const Vlan* const vlan = vlanOf(key);
+  count(vlan, record);
   const Lanix::IntfId intf = intfOf(record.port);
   const Bridging::Fid wanted = vlan && intf ? vlan->fid : kNoFid;
   if (record.fid != kNoFid && record.fid != wanted) {

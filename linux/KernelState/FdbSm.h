@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -8,7 +9,9 @@
 
 #include "Bridging/Config.h"
 #include "Bridging/Status.h"
+#include "KernelState/FdbReading.h"
 #include "KernelState/Messages.h"
+#include "KernelState/PortRoom.h"
 #include "KernelState/Tables.h"
 #include "Mox/Notifiee.h"
 #include "Orb/WalkSm.h"
@@ -27,16 +30,24 @@ namespace KernelState {
 // the configuration says of it, and a walk only if entries are on it.
 class FdbSm final : public Orb::WalkSmBase {
  public:
-  // `bridgingConfig` and `bridgingStatus` may be null.
+  // `limits`, `bridgingConfig` and `bridgingStatus` may be null.
   FdbSm(Ptr<const NamespaceState> state, Ptr<const Switch::Config> config,
-        Ptr<const Bridging::Config> bridgingConfig, Ptr<Memtab::Bridging::Status> bridgingStatus,
+        Ptr<const ArpSuppression::Limits> limits, Ptr<const Bridging::Config> bridgingConfig,
+        Ptr<Memtab::Bridging::Status> bridgingStatus, Switch::ProblemReporter& problems,
         const Ptr<Orb::TaskScheduler>& scheduler);
 
   void bridgingConfigIs(Ptr<const Bridging::Config> bridgingConfig);
+  // `read` is to have the tables read once more; called from tasks of this object's.
+  void readerIs(std::function<void()> read) { read_ = std::move(read); }
+
   // `gone`: the kernel has the entry no longer.
   void handleEntry(const Netlink::Neighbour& entry, bool gone, Word word);
-  void reconcileBegin() { mirror_.reconcileBegin(); }
-  bool sweep();
+  // A reading of everything, or of what there was no room for.
+  void reconcileBegin(bool everything);
+  FdbReading& reading() { return reading_; }
+  // `ask` gets something of the kernel.
+  using Ask = std::function<Mox::Result<>(Netlink::Message, const Netlink::Handler&)>;
+  bool sweep(const Ask& ask);
 
  private:
   static constexpr Bridging::Fid kNoFid = 0;
@@ -52,6 +63,7 @@ class FdbSm final : public Orb::WalkSmBase {
   struct Record {
     IfIndex port = 0;  // 0: a new record
     MacEntry::Kind kind = MacEntry::Kind::learned;
+    bool counted = false;        // takes room of its port
     Bridging::Fid fid = kNoFid;  // published under this; none: not published
   };
   // A VLAN as the configuration has it, whether its bridge is there or not.
@@ -79,6 +91,10 @@ class FdbSm final : public Orb::WalkSmBase {
   template <class Visit>
   void eachVlan(const Device& bridge, Visit visit);
   Vlan* vlanOf(const Key& key) const;
+  bool isBounded(const Vlan* vlan, MacEntry::Kind kind, IfIndex port) const;
+  void count(const Vlan* vlan, Record& record);
+  void update(const Key& key, Record& record, const MacEntry& entry);
+  bool isThere(const Key& key, Record& record, const Ask& ask);
   void forget(const Key& key, const Record& record);
   void publish(const Key& key, Record& record);
   void withdraw(const Bridging::HostKey& key);
@@ -90,6 +106,9 @@ class FdbSm final : public Orb::WalkSmBase {
   Ptr<Memtab::Bridging::Status> bridgingStatus_;
   Mirror<Key, Record> mirror_;
   Tally onDevice_;  // as bridge and as port
+  std::function<void()> read_;
+  PortRoom room_;
+  FdbReading reading_;
   // What the configuration says: the VLANs, in order, by their bridge's name, and those that a device is a
   // tunnel port of.
   std::map<Mox::String, std::vector<Vlan>> configured_;

@@ -31,8 +31,8 @@ KernelStateRootSm::KernelStateRootSm(Ptr<KernelStateMounts> mounts, const Ptr<Or
       intfStatusSm_(states_->stateIs(Lanix::kDefaultNamespace)),
       vlanNameSm_(mounts->config, states_, owners_, problems_, scheduler),
       bridgeMacSm_(owners_, problems_, scheduler),
-      fdbSm_(states_->state(Lanix::kDefaultNamespace), mounts->config, Ptr<const Bridging::Config>(),
-             mounts->bridgingStatus, scheduler),
+      fdbSm_(states_->state(Lanix::kDefaultNamespace), mounts->config, mounts->limits,
+             Ptr<const Bridging::Config>(), mounts->bridgingStatus, problems_, scheduler),
       findTask_(scheduler, "KernelState entities", kFindLevel, [this] { findEntities(); }) {
   tree_.on(Statedb::EntityManager::entityChanged, [this](const std::string& path) {
     if (path == kIntfStatusPath || path == kIntfStatusLocalPath || path == kBridgingConfigPath)
@@ -63,6 +63,7 @@ Ptr<Plugin::AgentBase> kernelStateAgentFactory(const Mox::String& name) {
 void KernelStateAgent::doInit() {
   const Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
+  group->mountIs(ArpSuppression::kLimitsPath, ArpSuppression::kLimitsType, "r");
   group->mountIs(Switch::kProblemsPath, Switch::kProblemsType, "wc");
   group->mountIs(Switch::kVlanInterfacesPath, Switch::kVlanInterfacesType, "wc");
   group->mountIs(Switch::kReadinessPath, Switch::kReadinessType, "wc");
@@ -79,6 +80,7 @@ void KernelStateAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   const auto mounts = Mox::make<KernelStateMounts>();
   mounts->tree = tree;
   mounts->config = tree->entityOf<Switch::Config>(Switch::kConfigPath);
+  mounts->limits = tree->entityOf<ArpSuppression::Limits>(ArpSuppression::kLimitsPath);
   mounts->problems = tree->entityOf<Switch::Problems>(Switch::kProblemsPath);
   mounts->readiness = tree->entityOf<Switch::Readiness>(Switch::kReadinessPath);
   mounts->ipStatus = tree->entityOf<Ip::Status>(kIpStatusPath);

@@ -21,6 +21,7 @@ namespace KernelState {
 struct KernelStateMounts final : public Mox::Referenced {
   Ptr<Statedb::EntityManager> tree;
   Ptr<const Switch::Config> config;
+  Ptr<const ArpSuppression::Limits> limits;
   Ptr<Switch::Problems> problems;
   Ptr<Switch::Readiness> readiness;
   Ptr<Ip::Status> ipStatus;

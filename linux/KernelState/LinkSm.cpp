@@ -24,9 +24,10 @@ void LinkSm::handleMessage(const Netlink::Received& message, Word word) {
     linkDel(read->index);
     mirror_.gone(read->index);
   } else if (mirror_.said(read->index, word)) {
-    linkIs(read->index, {read->name, read->mac, read->kind == "vrf", read->filtersVlans,
-                         read->masterKind == "vrf" ? read->master : 0, read->vlanId, read->lower,
-                         read->kind == "veth" ? read->peerElsewhere : 0});
+    linkIs(read->index,
+           {read->name, read->mac, read->kind == "vrf", read->filtersVlans,
+            read->masterKind == "vrf" ? read->master : 0, read->masterKind == "bridge" ? read->master : 0,
+            read->vlanId, read->lower, read->kind == "veth" ? read->peerElsewhere : 0});
   }
 }
 

@@ -114,26 +114,20 @@ bool NamespaceManagerSm::update(const Lanix::NamespaceName& name, Slot& slot) {
         slot.sm->closeIs();
         return false;
       }
-      return slot.sm->broken() && !open(name, slot);
+      return slot.sm->broken() && !open(slot);
     case RouteFeed::State::closed:
-      return look.named && !(look.id && open(name, slot));
+      return look.named && !(look.id && open(slot));
   }
   return false;
 }
 
-bool NamespaceManagerSm::open(const Lanix::NamespaceName& name, Slot& slot) {
-  auto source = Netlink::KernelAccess::current().open(name, slot.sm->tables());
-  if (!source) {
+bool NamespaceManagerSm::open(Slot& slot) {
+  if (const auto opened = slot.sm->open(); !opened) {
     // It may have gone in this moment: the next look says so.
-    if (source.number() != ENOENT) refuse(slot, source.failure());
+    if (opened.number() != ENOENT) refuse(slot, opened.failure());
     return false;
   }
   accept(slot);
-  if (slot.sm->feedState() == RouteFeed::State::open && (*source)->id() != slot.sm->id()) {
-    slot.sm->closeIs();  // another one took the name in this moment
-  } else {
-    slot.sm->openIs(std::move(*source));
-  }
   return slot.sm->feedState() == RouteFeed::State::open && !slot.sm->broken();
 }
 

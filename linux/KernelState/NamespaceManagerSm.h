@@ -39,7 +39,7 @@ class NamespaceManagerSm final : public Mox::Entity {
   void check();
   void make(const Lanix::NamespaceName& name, Slot& slot);
   bool update(const Lanix::NamespaceName& name, Slot& slot);
-  bool open(const Lanix::NamespaceName& name, Slot& slot);
+  bool open(Slot& slot);
   // The kernel shows the namespace, or refuses to. Refusing always returns true: to be tried again soon.
   void accept(const Slot& slot);
   bool refuse(const Slot& slot, const Mox::Failure& failure);

@@ -5,11 +5,8 @@
 namespace KernelState {
 namespace {
 
-std::vector<Table> tablesOf(const FdbSm* fdb) {
-  std::vector<Table> tables{Table::links, Table::addresses, Table::neighbours};
-  if (fdb) tables.push_back(Table::macs);
-  return tables;
-}
+const std::vector<Table> kTables{Table::links, Table::addresses, Table::neighbours};
+const std::vector<Table> kMacTables{Table::macs};
 
 }  // namespace
 
@@ -24,12 +21,38 @@ NamespaceSm::NamespaceSm(Ptr<NamespaceState> state, Ptr<KernelNetInfo::Status> k
       fdb_(fdb),
       problems_(problems),
       changed_(std::move(changed)),
-      tables_(tablesOf(fdb_)),
-      feed_(scheduler, *this, "KernelState", state_->name(), tables_) {}
+      feed_(scheduler, *this, "KernelState", state_->name(), kTables) {
+  if (!fdb_) return;
+  RouteFeedClient& self = *this;
+  macFeed_.emplace(scheduler, self, "KernelState", "bridges in " + state_->name(), kMacTables, true);
+  fdb_->readerIs([this] { macFeed_->readAgain(); });
+}
 
-void NamespaceSm::openIs(std::unique_ptr<RouteSource> source) {
+NamespaceSm::~NamespaceSm() {
+  if (fdb_) fdb_->readerIs({});
+}
+
+RouteFeed::State NamespaceSm::feedState() const {
+  const bool emptying = macFeed_ && macFeed_->state() == RouteFeed::State::closing;
+  return emptying ? RouteFeed::State::closing : feed_.state();
+}
+
+Mox::Result<> NamespaceSm::open() {
+  auto& kernel = Netlink::KernelAccess::current();
+  auto source = kernel.open(state_->name(), kTables);
+  if (!source) return source.failure();
+  if (feed_.state() == RouteFeed::State::open && (*source)->id() != feed_.id()) {
+    closeIs();  // another one took the name in this moment
+    return {};
+  }
+  if (macFeed_) {
+    auto macSource = kernel.open(state_->name(), kMacTables);
+    if (!macSource) return macSource.failure();
+    macFeed_->openIs(std::move(*macSource));
+  }
   broken_ = false;
-  feed_.openIs(std::move(source));
+  feed_.openIs(std::move(*source));
+  return {};
 }
 
 void NamespaceSm::closeIs() {
@@ -38,6 +61,7 @@ void NamespaceSm::closeIs() {
   state_->syncedIs(false);
   problems_.problemDel(subject());
   feed_.closeIs();
+  if (macFeed_) macFeed_->closeIs();
 }
 
 void NamespaceSm::handleMessage(const Netlink::Received& message, Word word) {
@@ -74,9 +98,15 @@ void NamespaceSm::handleReconcile(Table table) {
     case Table::neighbours:
       return neighbourSm_.reconcileBegin();
     case Table::macs:
-      return fdb_->reconcileBegin();
+      return fdb_->reconcileBegin(macFeed_->everything());
   }
 }
+
+std::optional<Netlink::Message> NamespaceSm::handleRead(Table table, std::size_t part) {
+  return table == Table::macs ? fdb_->reading().next() : RouteFeedClient::handleRead(table, part);
+}
+
+bool NamespaceSm::handleEnough(Table table) { return table == Table::macs && fdb_->reading().enough(); }
 
 bool NamespaceSm::handleSweep(Table table) {
   switch (table) {
@@ -87,7 +117,9 @@ bool NamespaceSm::handleSweep(Table table) {
     case Table::neighbours:
       return neighbourSm_.sweep();
     case Table::macs:
-      return fdb_->sweep();
+      return fdb_->sweep([this](Netlink::Message request, const Netlink::Handler& handler) {
+        return macFeed_->get(std::move(request), handler);
+      });
   }
   return false;
 }
@@ -97,9 +129,11 @@ void NamespaceSm::handleTableRead(Table table) {
   if (table == Table::links && feed_.state() == RouteFeed::State::open) state_->enteredIs(true);
 }
 
-void NamespaceSm::handleRound(bool complete) {
+void NamespaceSm::handleRound(bool /*complete*/) {
+  const std::optional<bool> tables = feed_.read(), macs = macFeed_ ? macFeed_->read() : true;
+  if (!tables || !macs) return;
   state_->attemptedIs(true);
-  if (!complete) return;
+  if (!*tables || !*macs) return;
   state_->syncedIs(true);
   problems_.problemDel(subject());
 }

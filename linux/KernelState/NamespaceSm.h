@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "KernelState/FdbSm.h"
 #include "KernelState/LinkSm.h"
@@ -13,11 +14,11 @@ namespace KernelState {
 
 using Netlink::NamespaceId;
 using Netlink::RouteFeed;
-using Netlink::RouteSource;
 
-// One network namespace, for as long as a VRF is configured to be it: while the namespace is there a feed
-// reads it, and the tables' reactors publish what it says; when it goes they are emptied, in slices, before
-// it can be opened again.
+// One network namespace, for as long as a VRF is configured to be it: while the namespace is there feeds
+// read it, and the tables' reactors publish what they say; when it goes they are emptied, in slices, before
+// it can be opened again. The bridges' MAC tables have a feed of their own, so that nothing else waits for
+// them, nor is lost with what a storm of senders does to them.
 class NamespaceSm final : public Mox::Entity, private Netlink::RouteFeedClient {
  public:
   // `fdb` is null for a namespace whose bridges are of no concern. `changed` is called, from the feed's
@@ -26,22 +27,24 @@ class NamespaceSm final : public Mox::Entity, private Netlink::RouteFeedClient {
               Ptr<const VlanOwners> owners, Ptr<NeighbourTable> neighbourTable, FdbSm* fdb,
               Switch::ProblemReporter& problems, const Ptr<Orb::TaskScheduler>& scheduler,
               std::function<void()> changed);
+  ~NamespaceSm() override;
 
   const Ptr<NamespaceState>& state() const { return state_; }
   // What its problems are reported about, in an operator's words.
   Mox::String subject() const { return "network namespace " + state_->name(); }
-  // Which of them the feed reads.
-  const std::vector<Table>& tables() const { return tables_; }
-  RouteFeed::State feedState() const { return feed_.state(); }
+  RouteFeed::State feedState() const;
   NamespaceId id() const { return feed_.id(); }
   bool broken() const { return broken_; }
 
-  void openIs(std::unique_ptr<RouteSource> source);
+  // As RouteFeed has it. A failure leaves it as it is; that it is another namespace closes it.
+  Mox::Result<> open();
   void closeIs();
 
  private:
   void handleMessage(const Netlink::Received& message, Word word) override;
   void handleReconcile(Table table) override;
+  std::optional<Netlink::Message> handleRead(Table table, std::size_t part) override;
+  bool handleEnough(Table table) override;
   bool handleSweep(Table table) override;
   void handleTableRead(Table table) override;
   void handleRound(bool complete) override;
@@ -57,8 +60,8 @@ class NamespaceSm final : public Mox::Entity, private Netlink::RouteFeedClient {
   Switch::ProblemReporter& problems_;
   std::function<void()> changed_;
   bool broken_ = false;
-  const std::vector<Table> tables_;
   RouteFeed feed_;
+  std::optional<RouteFeed> macFeed_;
 };
 
 }  // namespace KernelState

@@ -34,6 +34,7 @@ struct Link {
   bool isVrf = false;         // a VRF device
   bool filtersVlans = false;  // a bridge that does
   IfIndex vrfDevice = 0;      // the one that it is below; 0: none
+  IfIndex bridge = 0;         // the one that it is a port of; 0: none
   // An 802.1Q device: its VLAN, and the index of the device below it in whatever namespace that is.
   std::uint16_t vlanId = 0;
   IfIndex lower = 0;

@@ -41,6 +41,7 @@ AgentRig::AgentRig(const Orb::Clock& clock, const Memtab::Directory& directory)
   config_ = Mox::dynamicPtrCast<Switch::Config>(*tree_->entityIs(Switch::kConfigPath, Switch::kConfigType));
   vrfIs("default", 0, "default");
   EXPECT_TRUE(tree_->entityIs("bridging/config", "Bridging::Config"));
+  EXPECT_TRUE(tree_->entityIs(ArpSuppression::kLimitsPath, ArpSuppression::kLimitsType));
 }
 
 AgentRig::~AgentRig() { agent_ = nullptr; }

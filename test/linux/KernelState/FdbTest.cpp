@@ -215,6 +215,112 @@ TEST_F(FdbTest, BridgeThatComesLaterAndLostNotifications) {
   EXPECT_THAT(rig->macs(), ElementsAre("10 02:00:00:00:00:02 learnedDynamic Ethernet1"));
 }
 
+class FullPortTest : public FdbTest {
+ protected:
+  FullPortTest() {
+    for (const char* port : {"Ethernet1", "Ethernet2", "core10"}) kernel.in().portIs(port, "vlan10");
+    limitIs(2);
+  }
+  void limitIs(std::uint32_t limit) {
+    rig->at<ArpSuppression::Limits>(ArpSuppression::kLimitsPath)->macTablePerPortIs(limit);
+  }
+  void learns(int station, const std::string& port, std::uint16_t state = NUD_REACHABLE,
+              std::uint8_t flags = 0) {
+    kernel.in().addMac("vlan10", mac(station), {port, state, flags, 0});
+  }
+  void forgets(int station) { kernel.in().delMac("vlan10", mac(station)); }
+  // The stations below 100 that are known, by port, and whether there is a problem.
+  std::string known() const {
+    std::map<std::string, std::string> ports;
+    for (const std::string& line : rig->macs()) {
+      const int station = std::stoi(line.substr(line.find("02:00") + 12, 5).erase(2, 1), nullptr, 16);
+      if (station < 100) ports[line.substr(line.rfind(' ') + 1)] += " " + std::to_string(station);
+    }
+    std::string text;
+    for (const auto& [port, stations] : ports) text += port + stations + ", ";
+    const auto problems = rig->at<Switch::Problems>(Switch::kProblemsPath);
+    return text + (problems->problem("KernelState MAC table of port Ethernet1") ? "full" : "");
+  }
+  static std::string mac(int station) {
+    char text[18];
+    std::snprintf(text, sizeof text, "02:00:00:00:%02x:%02x", station >> 8, station & 0xff);
+    return text;
+  }
+};
+
+TEST_F(FullPortTest, RefusesWhatTheBridgeLearnsBeyondTheLimit) {
+  starts();
+  const struct {
+    const char* what;
+    std::function<void()> happens;
+    const char* known;
+  } cases[] = {
+      {"as many as are allowed", [&] { learns(1, "Ethernet1"), learns(2, "Ethernet1"); }, "Ethernet1 1 2, "},
+      {"one more", [&] { learns(3, "Ethernet1"); }, "Ethernet1 1 2, full"},
+      {"those of the overlay, and by hand",
+       [&] {
+         for (const int station : {20, 21, 22}) learns(station, "core10");
+         learns(23, "Ethernet1", NUD_NOARP);
+         learns(24, "Ethernet1", NUD_REACHABLE, NTF_EXT_LEARNED);
+       },
+       "Ethernet1 1 2 23 24, core10 20 21 22, full"},
+      {"a known one comes from another port",
+       [&] { learns(4, "Ethernet2"), settle(), learns(4, "Ethernet1"); },
+       "Ethernet1 1 2 4 23 24, core10 20 21 22, full"},
+      {"and goes on to the next", [&] { learns(4, "Ethernet2"); },
+       "Ethernet1 1 2 23 24, Ethernet2 4, core10 20 21 22, full"},
+      {"a refused one goes, another comes",
+       [&] { forgets(3), learns(5, "Ethernet1"), learns(6, "Ethernet1"); },
+       "Ethernet1 1 2 23 24, Ethernet2 4, core10 20 21 22, full"},
+      {"one goes: read again, not at once", [&] { forgets(1); },
+       "Ethernet1 2 23 24, Ethernet2 4, core10 20 21 22, full"},
+      {"but soon", [&] { passes(2); }, "Ethernet1 2 5 23 24, Ethernet2 4, core10 20 21 22, full"},
+      {"the limit is raised", [&] { limitIs(3), passes(4); },
+       "Ethernet1 2 5 6 23 24, Ethernet2 4, core10 20 21 22, "},
+      {"full again, and then it is a tunnel port",
+       [&] {
+         learns(7, "Ethernet1"), settle();
+         EXPECT_THAT(known(), testing::EndsWith("full"));
+         rig->vlanIs(10, "vlan10", {"core10", "Ethernet1"}), settle(), passes(2);
+       },
+       "Ethernet1 2 5 6 7 23 24, Ethernet2 4, core10 20 21 22, "},
+  };
+  for (const auto& item : cases) {
+    SCOPED_TRACE(item.what);
+    item.happens();
+    settle();
+    EXPECT_EQ(known(), item.known);
+  }
+}
+
+// A table of which far more is on one port than there is room for is not read to its end; and still what is
+// known of it is right afterwards, whatever notifications were lost.
+TEST_F(FullPortTest, IsNotReadToItsEnd) {
+  for (int station = 100; station < 10000; ++station) learns(station, "Ethernet1");
+  learns(1, "Ethernet2");
+  learns(2, "core10");
+  starts();
+  EXPECT_EQ(known(), "Ethernet2 1, core10 2, full");
+  EXPECT_EQ(rig->macs().size(), 4u);
+  EXPECT_EQ(kernel.in().dumps(Table::macs), 3) << "all, and the two other ports";
+  kernel.in().loses();
+  forgets(100);
+  learns(3, "Ethernet2");
+  kernel.in().overrun();
+  settle();
+  EXPECT_EQ(known(), "Ethernet2 1 3, core10 2, full");
+  const auto isThere = [&](int station) {
+    return std::ranges::any_of(rig->macs(),
+                               [&](const auto& line) { return line.find(mac(station)) != line.npos; });
+  };
+  EXPECT_FALSE(isThere(100)) << "it went unheard";
+  EXPECT_TRUE(isThere(101)) << "it was first";
+  const int dumps = kernel.in().dumps(Table::macs);
+  for (int i = 0; i < 3; ++i) passes(300);
+  EXPECT_EQ(rig->macs().size(), 5u) << "another one instead";
+  EXPECT_EQ(kernel.in().dumps(Table::macs), dumps + 1) << "without room nothing is read again";
+}
+
 // Seconds of CPU that a start with so many VLANs takes.
 double costOfStart(std::uint32_t vlans) {
   FakeKernel kernel;

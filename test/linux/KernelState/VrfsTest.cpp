@@ -44,7 +44,7 @@ TEST_F(VrfsTest, ActiveOnlyOnceDevicesArePublished) {
   EXPECT_EQ(seen, "active:1 inactive:1 ");
   EXPECT_THAT(rig->devices("red"), IsEmpty());
   EXPECT_EQ(rig->ip("Vlan10"), "");
-  EXPECT_EQ(kernel.openSources(), 1);  // nothing keeps the namespace alive
+  EXPECT_EQ(kernel.openSources(), 2);  // nothing keeps the namespace alive
 }
 
 // Whoever has something open in the old one must be able to let go of it first.
@@ -98,7 +98,7 @@ TEST_F(VrfsTest, NamespaceReplacedUnderItsName) {
   EXPECT_EQ(rig->ip("Vlan10"), "red ");
   EXPECT_THAT(rig->neighbours(), IsEmpty());
   EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red active red"));
-  EXPECT_EQ(kernel.openSources(), 2);
+  EXPECT_EQ(kernel.openSources(), 3);
 }
 
 // Descriptors are exhausted, for one.
@@ -213,7 +213,7 @@ TEST_F(VrfsTest, ConfigurationAndNamespacesInAnyOrder) {
   expectEach(events, shown);
   EXPECT_THAT(rig->vrfs(), ElementsAre("default active default"));
   EXPECT_THAT(rig->ids(), ElementsAre("0 default"));
-  EXPECT_EQ(kernel.openSources(), 1);
+  EXPECT_EQ(kernel.openSources(), 2);
 }
 
 // The default namespace has the interfaces of VLANs 20 and 30 with one and the same network, and the VRF
