@@ -1,9 +1,9 @@
 #include "host/HealthSm.h"
 
 #include <algorithm>
-#include <charconv>
 
 #include "Lanix/IntfId.h"
+#include "Statedb/Path.h"
 #include "Switch/Event.h"
 #include "host/StatePaths.h"
 
@@ -20,6 +20,22 @@ constexpr double kSettleSeconds = 0.1;
 constexpr const char* kReporter = "agent-host";
 constexpr std::string_view kVlanPrefix = "VLAN ";
 
+constexpr std::string_view kVrfPrefix = "VRF ";
+
+// What a change of a collection or attribute concerns, wherever it is followed. What is not here concerns at
+// most the verdict.
+enum class Concerns { vlan, vlanOfInterface, vlanOfProblem, allVlans, vrfs };
+const std::map<std::string_view, Concerns> kConcerns = {
+    {"vlan", Concerns::vlan},
+    {"vlanId", Concerns::vlan},
+    {"vlanToDot1q", Concerns::vlan},
+    {"ipIntfStatus", Concerns::vlanOfInterface},
+    {"problem", Concerns::vlanOfProblem},
+    {"runnable", Concerns::allVlans},
+    {"mplsConfigured", Concerns::allVlans},
+    {"vrf", Concerns::vrfs},
+};
+
 // Of the subject "VLAN 10, tunnel port core10": 10, and the rest "tunnel port core10".
 Bridging::VlanIdOrNone vlanOf(std::string_view subject, std::string_view& rest) {
   if (!subject.starts_with(kVlanPrefix)) return {};
@@ -32,6 +48,9 @@ Bridging::VlanIdOrNone vlanOf(std::string_view subject, std::string_view& rest) 
 }
 
 std::string interfaceName(Bridging::VlanId vlanId) { return "vlan" + vlanId.toStrep(); }
+std::string interfaceSubject(Bridging::VlanId vlanId) {
+  return std::string(kVlanPrefix) + vlanId.toStrep() + ", interface";
+}
 
 }  // namespace
 
@@ -50,6 +69,8 @@ HealthSm::HealthSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
       })),
       startEnds_(scheduler->loop(), "health", [this] {
         health_->startingIs(false);
+        allVlansChanged();
+        vrfsChanged_ = true;
         scheduleWalk();
       }) {
   follow(config_, Switch::kConfigPath, Switch::kConfigType);
@@ -61,6 +82,8 @@ HealthSm::HealthSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler,
   follow(vrfs_, "ip/vrf/status/local", "Ip::AllVrfStatusLocal");
   health_->startingIs(true);
   startEnds_.after(kStartSeconds);
+  for (const auto& [key, problem] : reported_->problemCollection()) handleProblem(key);
+  allVlansChanged();
   scheduleWalk();
 }
 
@@ -77,29 +100,73 @@ void HealthSm::follow(Mox::Ptr<E>& entity, const char* path, const char* type) {
   entity = Mox::dynamicPtrCast<E>(*tree_->mount(path, type, "r"));
   watches_.push_back(
       std::make_unique<Statedb::TreeWatch>(entity, tree_->entityType(path)->shape,
-                                           [this](const Statedb::Change&) { scheduleWalk(kSettleSeconds); }));
+                                           [this](const Statedb::Change& change) { handleChange(change); }));
 }
 
 bool HealthSm::loaded(const char* plugin) const { return std::ranges::count(config_->agents(), plugin) != 0; }
 
+// --- What changed ----------------------------------------------------------------------------------------
+
+void HealthSm::handleChange(const Statedb::Change& change) {
+  scheduleWalk(kSettleSeconds);
+  const std::vector<std::string> parts = Statedb::memberPathParts(change.memberPath);
+  const auto found = kConcerns.find(parts[0]);
+  if (found == kConcerns.end()) return;
+  const std::string key = parts.size() > 1 ? parts[1] : change.key ? *change.key : std::string();
+  const auto vlanIs = [this](std::string_view number) {
+    if (const auto vlanId = Bridging::VlanId::fromStrep(number)) changedVlans_.insert(*vlanId);
+  };
+  switch (found->second) {
+    case Concerns::vlan:
+      return vlanIs(key);
+    case Concerns::vlanOfInterface:
+      if (const auto intf = Lanix::IntfId::fromName(key); intf.isVlan())
+        vlanIs(std::to_string(intf.vlanNumber()));
+      return;
+    case Concerns::vlanOfProblem:
+      return handleProblem(key);
+    case Concerns::allVlans:
+      return allVlansChanged();
+    case Concerns::vrfs:
+      vrfsChanged_ = true;
+      return;
+  }
+}
+
+void HealthSm::handleProblem(const Mox::String& key) {
+  std::string_view rest;
+  const auto vlanId = vlanOf(std::string_view(key).substr(key.find(' ') + 1), rest);
+  if (!vlanId) return;
+  const Bridging::VlanId changed(vlanId.value());
+  changedVlans_.insert(changed);
+  if (reported_->problemHas(key)) {
+    wrong_[changed].insert(key);
+  } else if (const auto found = wrong_.find(changed); found != wrong_.end()) {
+    found->second.erase(key);
+    if (found->second.empty()) wrong_.erase(found);
+  }
+}
+
+void HealthSm::allVlansChanged() {
+  for (const auto& [vlanId, vlan] : config_->vlanCollection()) changedVlans_.insert(vlanId);
+}
+
 // --- The walk --------------------------------------------------------------------------------------------
 
 bool HealthSm::walkStartedNotification() {
-  next_ = {};
-  looked_.clear();
-  wrong_.clear();
-  tellVrfs();
-  if (!health_->starting()) {
-    for (const auto& [key, problem] : reported_->problemCollection()) {
-      std::string_view rest;
-      const Bridging::VlanIdOrNone vlanId = vlanOf(problem->subject(), rest);
-      if (!vlanId) continue;
-      wrong_.try_emplace(Bridging::VlanId(vlanId.value()),
-                         std::string(rest) + (rest.empty() ? "" : ": ") + problem->problem());
-    }
+  const double now = scheduler()->loop().now();
+  for (; !absent_.empty() && absent_.front().first <= now; absent_.pop_front()) {
+    const Bridging::VlanIdOrNone vlanId = absent_.front().second;
+    if (vlanId)
+      changedVlans_.insert(Bridging::VlanId(vlanId.value()));
+    else
+      vrfsChanged_ = true;
   }
-  lookForVrfs();
-  missingIs("EVPN", !evpn_->mplsConfigured() && !config_->vlanCollection().empty(),
+  if (std::exchange(vrfsChanged_, false)) {
+    tellVrfs();
+    lookForVrfs();
+  }
+  missingIs("EVPN", !evpn_->mplsConfigured() && !config_->vlanCollection().empty(), {},
             "EVPN over MPLS is not configured: requests are flooded as without suppression",
             R"(configure it, or say so by hand: arpsup set evpn/status '{"mplsConfigured": true}')");
   return true;
@@ -107,34 +174,21 @@ bool HealthSm::walkStartedNotification() {
 
 Orb::WalkRet HealthSm::walk() {
   Orb::WalkRet ret;
-  const auto& vlans = config_->vlanCollection();
-  for (auto at = next_ ? vlans.lowerBound(Bridging::VlanId(next_.value())) : vlans.begin(); at != vlans.end();
-       ++at) {
+  while (!changedVlans_.empty()) {
     if (ret.processed != 0 && mustYield()) {
-      next_ = at->first;
       ret.moreWork = true;
       return ret;
     }
-    lookForInterface(at->first, *at->second);
-    judgeVlan(at->first, *at->second);
+    const Bridging::VlanId vlanId = *changedVlans_.begin();
+    changedVlans_.erase(changedVlans_.begin());
+    lookAt(vlanId);
     ++ret.processed;
   }
   return ret;
 }
 
 void HealthSm::walkFinishedNotification() {
-  std::vector<Bridging::VlanId> gone;
-  for (const auto& [vlanId, vlan] : health_->vlanCollection())
-    if (!config_->vlanHas(vlanId)) gone.push_back(vlanId);
-  for (const Bridging::VlanId vlanId : gone) health_->vlanDel(vlanId);
-  for (auto at = missingSince_.begin(); at != missingSince_.end();) {
-    if (looked_.contains(at->first)) {
-      ++at;
-    } else {
-      problems_.problemDel(at->first);
-      at = missingSince_.erase(at);
-    }
-  }
+  if (!absent_.empty()) scheduleWalk(absent_.front().first - scheduler()->loop().now());
   Verdict verdict = Verdict::good;
   if (!health_->starting()) {
     if (forwarding_->failingOpen()) verdict = Verdict::failed;
@@ -159,6 +213,16 @@ void HealthSm::tellVrfs() {
 }
 
 // --- VLANs -----------------------------------------------------------------------------------------------
+
+void HealthSm::lookAt(Bridging::VlanId vlanId) {
+  if (const auto vlan = config_->vlan(vlanId)) {
+    lookForInterface(vlanId, *vlan);
+    judgeVlan(vlanId, *vlan);
+  } else {
+    missingDel(interfaceSubject(vlanId));
+    health_->vlanDel(vlanId);
+  }
+}
 
 void HealthSm::judgeVlan(Bridging::VlanId vlanId, const Switch::VlanConfig& config) {
   const auto row = health_->vlanIs(vlanId);
@@ -194,8 +258,12 @@ VlanState HealthSm::stateOf(Bridging::VlanId vlanId, const Switch::VlanConfig& c
                 forwarding && !forwarding->reason().empty() ? forwarding->reason()
                                                             : "its forwarding is being made");
   }
-  if (const auto wrong = wrong_.find(vlanId); wrong != wrong_.end())
-    return is(VlanState::degraded, wrong->second);
+  if (const auto wrong = wrong_.find(vlanId); wrong != wrong_.end() && !health_->starting()) {
+    const auto problem = reported_->problem(*wrong->second.begin());
+    std::string_view rest;
+    static_cast<void>(vlanOf(problem->subject(), rest));
+    return is(VlanState::degraded, std::string(rest) + (rest.empty() ? "" : ": ") + problem->problem());
+  }
   if (!status_->runnable()) return is(VlanState::waiting, "suppression does not run yet");
   if (status_->vlanId(vlanId)) return VlanState::active;
   return is(VlanState::waiting, evpn_->vlanToDot1qHas(vlanId)
@@ -211,38 +279,46 @@ void HealthSm::lookForVrfs() {
     const auto state = vrfs_->vrf(name);
     const bool isDevice = !vrf->device().empty();
     missingIs(
-        "VRF " + name, !state || state->state() != Ip::VrfState::active,
+        std::string(kVrfPrefix) + name, !state || state->state() != Ip::VrfState::active, {},
         isDevice ? "there is no VRF device " + vrf->device() + ": its VLANs have no layer 3"
                  : "there is no network namespace " + vrf->networkNamespace() + ": its VLANs have no layer 3",
         isDevice ? "ip link add " + vrf->device() + " type vrf table NUMBER, and set it up"
                  : "ip netns add " + vrf->networkNamespace());
   }
+  std::vector<std::string> gone;
+  for (auto at = missingSince_.lower_bound(std::string(kVrfPrefix));
+       at != missingSince_.end() && at->first.starts_with(kVrfPrefix); ++at)
+    if (!config_->vrfHas(at->first.substr(kVrfPrefix.size()))) gone.push_back(at->first);
+  for (const std::string& subject : gone) missingDel(subject);
 }
 
 void HealthSm::lookForInterface(Bridging::VlanId vlanId, const Switch::VlanConfig& config) {
-  if (!loaded(kKernelState) || !config.suppression()) return;
   const std::string where = config.vrf().empty() ? "" : " in VRF " + config.vrf();
   const std::string name = interfaceName(vlanId);
   missingIs(
-      std::string(kVlanPrefix) + vlanId.toStrep() + ", interface",
-      !ip_->ipIntfStatusHas(Lanix::IntfId::fromName("Vlan" + vlanId.toStrep())),
+      interfaceSubject(vlanId),
+      loaded(kKernelState) && config.suppression() &&
+          !ip_->ipIntfStatusHas(Lanix::IntfId::fromName("Vlan" + vlanId.toStrep())),
+      vlanId,
       "there is no interface " + name + where + ": the VLAN has no layer 3, and its requests are flooded",
       "make it, or give it this name or its place back: a bridge " + name + ", the end " + name +
           " of a veth pair whose other end is a port of the bridge, or an 802.1Q device " + name);
 }
 
-void HealthSm::missingIs(const std::string& subject, bool missing, const std::string& problem,
-                         const std::string& advice) {
-  looked_.insert(subject);
-  if (!missing) {
-    missingSince_.erase(subject);
-    return problems_.problemDel(subject);
-  }
+void HealthSm::missingIs(const std::string& subject, bool missing, Bridging::VlanIdOrNone vlanId,
+                         const std::string& problem, const std::string& advice) {
+  if (!missing) return missingDel(subject);
   const double now = scheduler()->loop().now();
-  const double since = missingSince_.try_emplace(subject, now).first->second;
-  if (health_->starting()) return;  // looked for again when the start is over
-  if (now < since + kAbsentSeconds) return scheduleWalk(since + kAbsentSeconds - now);
-  problems_.problemIs(subject, problem, advice);
+  const auto [since, isNew] = missingSince_.try_emplace(subject, now);
+  if (isNew) absent_.emplace_back(now + kAbsentSeconds, vlanId);
+  // While the host starts nothing is a problem; everything is looked at again when the start is over.
+  if (!health_->starting() && now >= since->second + kAbsentSeconds)
+    problems_.problemIs(subject, problem, advice);
+}
+
+void HealthSm::missingDel(const std::string& subject) {
+  missingSince_.erase(subject);
+  problems_.problemDel(subject);
 }
 
 // --- As JSON ---------------------------------------------------------------------------------------------

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Evpn/Status.h"
@@ -22,7 +24,7 @@
 namespace Host {
 
 // Judges how the switch is, from what its plug-ins publish and report, and publishes that at "switch/health".
-// It looks again when any of it changes, and otherwise rests.
+// It looks again at what changed, VLAN by VLAN, and otherwise rests.
 //
 // Reports itself what no plug-in can know alone: a configured VRF that is not there, a configured VLAN
 // without an interface, EVPN that is not configured, and an event loop that is held up. For a time after its
@@ -48,14 +50,20 @@ class HealthSm final : public Orb::WalkSmBase {
   bool allowWalkRestarts() const override { return true; }
 
   bool loaded(const char* plugin) const;
+  void handleChange(const Statedb::Change& change);
+  void handleProblem(const Mox::String& key);
+  void allVlansChanged();
+  void lookAt(Bridging::VlanId vlanId);
   void judgeVlan(Bridging::VlanId vlanId, const Switch::VlanConfig& config);
   Switch::VlanState stateOf(Bridging::VlanId vlanId, const Switch::VlanConfig& config,
                             std::string& reason) const;
   void lookForVrfs();
   void tellVrfs();
   void lookForInterface(Bridging::VlanId vlanId, const Switch::VlanConfig& config);
-  void missingIs(const std::string& subject, bool missing, const std::string& problem,
-                 const std::string& advice);
+  // `vlanId`: the VLAN to look at again when it has been missing for long enough; none: the VRFs.
+  void missingIs(const std::string& subject, bool missing, Bridging::VlanIdOrNone vlanId,
+                 const std::string& problem, const std::string& advice);
+  void missingDel(const std::string& subject);
 
   const Mox::Ptr<Statedb::EntityManager> tree_;
   std::vector<std::unique_ptr<Statedb::TreeWatch>> watches_;
@@ -71,10 +79,13 @@ class HealthSm final : public Orb::WalkSmBase {
   Switch::PassingProblem slow_;
   Orb::EventLoop::HookHandle turnEnds_;
   Orb::Timer startEnds_;
-  Bridging::VlanIdOrNone next_;                    // of the walk in hand
-  std::map<Bridging::VlanId, std::string> wrong_;  // what is reported of a VLAN
-  std::map<std::string, double> missingSince_;     // by subject
-  std::set<std::string> looked_;                   // those subjects, in the walk in hand
+  // What the walk to come, or in hand, has to look at.
+  std::set<Bridging::VlanId> changedVlans_;
+  bool vrfsChanged_ = true;
+  std::map<Bridging::VlanId, std::set<Mox::String>> wrong_;  // the keys of what is reported of a VLAN
+  std::map<std::string, double> missingSince_;               // by subject
+  // When what is missing has been for long enough, in this order, and what is to be looked at then.
+  std::deque<std::pair<double, Bridging::VlanIdOrNone>> absent_;
   std::map<std::string, Ip::VrfState> toldVrfs_;
 };
 

@@ -79,10 +79,12 @@ TEST_F(HealthTest, SaysWhatIsWrongUntilItIsMended) {
   };
   const auto vlan = [](const json& members) { return json{{"vlan", {{"10", members}}}}; };
   const auto problem = [](const char* subject, bool stops) {
-    return json{
-        {"problem", {{"x", {{"plugin", "P"}, {"subject", subject}, {"problem", "torn"}, {"stops", stops}}}}}};
+    const json torn = {{"plugin", "P"}, {"subject", subject}, {"problem", "torn"}, {"stops", stops}};
+    return json{{"problem", {{std::string("P ") + subject, torn}}}};
   };
-  const json noProblem = {{"problem", {{"x", nullptr}}}};
+  const auto noProblem = [](const char* subject) {
+    return json{{"problem", {{std::string("P ") + subject, nullptr}}}};
+  };
   const Row rows[] = {
       {"evpn/status",
        {{"mplsConfigured", false}},
@@ -114,11 +116,14 @@ TEST_F(HealthTest, SaysWhatIsWrongUntilItIsMended) {
        "flooded",
        {{"ipIntfStatus", {{"Vlan10", {{"vrfName", "red"}}}}}}},
       {"switch/problems", problem("VLAN 10, tunnel port core11", false),
-       "degraded degraded P VLAN 10, tunnel port core11", "tunnel port core11: torn", noProblem},
+       "degraded degraded P VLAN 10, tunnel port core11", "tunnel port core11: torn",
+       noProblem("VLAN 10, tunnel port core11")},
       {"switch/config", vlan({{"suppression", false}}), "good off",
        "\"suppression\" of the configuration is false", vlan({{"suppression", true}})},
-      {"switch/problems", problem("VLAN 100", false), "degraded active P VLAN 100", "", noProblem},
-      {"switch/problems", problem("all VLANs", true), "failed active P all VLANs", "", noProblem},
+      {"switch/problems", problem("VLAN 100", false), "degraded active P VLAN 100", "",
+       noProblem("VLAN 100")},
+      {"switch/problems", problem("all VLANs", true), "failed active P all VLANs", "",
+       noProblem("all VLANs")},
   };
   for (const Row& row : rows) {
     is(row.path, row.broken);
@@ -174,11 +179,11 @@ TEST_F(HealthTest, ALoopThatIsHeldUpIsAProblemForAMinute) {
 TEST_F(HealthTest, WhatIsNotThereYetIsNoProblem) {
   is("ip/status", {{"ipIntfStatus", {{"Vlan10", nullptr}}}});
   is("switch/forwarding", {{"vlan", {{"10", {{"ready", false}, {"missing", {"core11"}}}}}}});
-  is("switch/problems", {{"problem", {{"x", {{"plugin", "P"}, {"subject", "VLAN 10"}}}}}});
+  is("switch/problems", {{"problem", {{"P VLAN 10", {{"plugin", "P"}, {"subject", "VLAN 10"}}}}}});
   settle(Host::HealthSm::kStartSeconds - 2);
   EXPECT_EQ(summary(), "good waiting");
   // Away for less than what counts, later on.
-  is("switch/problems", {{"problem", {{"x", nullptr}}}});
+  is("switch/problems", {{"problem", {{"P VLAN 10", nullptr}}}});
   is("ip/status", {{"ipIntfStatus", {{"Vlan10", {{"vrfName", "red"}}}}}});
   settle(2);
   is("ip/status", {{"ipIntfStatus", {{"Vlan10", nullptr}}}});
@@ -188,11 +193,17 @@ TEST_F(HealthTest, WhatIsNotThereYetIsNoProblem) {
       "accessPorts": ["Ethernet1"], "tunnelPorts": ["core10", "core11"], "missing": ["core11"], "vrf": "red",
       "reason": "its forwarding is being made"}])"));
   // It rests.
+  is("ip/vrf/status/local", {{"vrf", {{"red", {{"state", "inactive"}}}}}});
   settle(Host::HealthSm::kAbsentSeconds);
-  EXPECT_EQ(summary(), "degraded degraded agent-host VLAN 10, interface");
+  settle(Host::HealthSm::kAbsentSeconds);
+  EXPECT_EQ(summary(), "degraded degraded agent-host VLAN 10, interface agent-host VRF red");
   settle();
   EXPECT_FALSE(host_.loop.step());
   EXPECT_FALSE(health_->walkScheduled());
+  // Neither is there any more to be missed.
+  is("switch/config", {{"vlan", {{"10", nullptr}}}, {"vrf", {{"red", nullptr}}}});
+  settle();
+  EXPECT_EQ(health(), json::parse(R"({"health": "good", "problems": [], "vlans": []})"));
 }
 
 }  // namespace
