@@ -8,10 +8,7 @@
 //
 // Needs root.
 
-#include <linux/if_link.h>
 #include <linux/rtnetlink.h>
-#include <linux/veth.h>
-#include <net/if.h>
 
 #include <chrono>
 #include <cstdio>
@@ -25,99 +22,19 @@
 
 #include "Daemon.h"
 #include "Netlink/Socket.h"
-#include "lab/Lab.h"
+#include "lab/ManyVlans.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using Bench::Daemon;
-using Netlink::Message;
 
 constexpr double kTargetTurn = 10e-3;  // seconds
 constexpr double kTargetStop = 2;
 // A bridge tells of each port once more when the port's forward delay, 15 s, is over after it came up.
 constexpr auto kSettle = std::chrono::seconds(18);
-constexpr std::uint32_t kGroup = 2;  // all of the network's devices, so that they go together
 
 double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
-
-std::string bridgeName(unsigned vlan) { return "vlan" + std::to_string(vlan); }
-std::string accessName(unsigned vlan) { return "Ethernet" + std::to_string(vlan); }
-std::string tunnelName(unsigned vlan) { return "core" + std::to_string(vlan); }
-
-void requestAll(std::vector<Message> messages) {
-  Netlink::Socket socket(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = 10'000});
-  socket.batch(messages, [](std::size_t at, const Netlink::Result<>& result) {
-    if (!result)
-      throw std::runtime_error("making the network, request " + std::to_string(at) + ": " + result.error());
-  });
-}
-
-Message upMessage(const std::string& device) {
-  ifinfomsg header{};
-  header.ifi_flags = header.ifi_change = IFF_UP;
-  return std::move(Message(RTM_NEWLINK).header(header).string(IFLA_IFNAME, device));
-}
-
-void networkIs(unsigned vlans, const Lab::Namespace& outside) {
-  std::vector<Message> bridges;
-  std::vector<Message> ports;
-  std::vector<Message> far;
-  for (unsigned vlan = 1; vlan <= vlans; ++vlan) {
-    Message bridge(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
-    ifinfomsg up{};
-    up.ifi_flags = up.ifi_change = IFF_UP;
-    bridge.header(up)
-        .string(IFLA_IFNAME, bridgeName(vlan))
-        .u32(IFLA_GROUP, kGroup)
-        .nest(IFLA_LINKINFO, [](Message& info) {
-          info.string(IFLA_INFO_KIND, "bridge").nest(IFLA_INFO_DATA, [](Message& data) {
-            data.u8(IFLA_BR_MCAST_SNOOPING, 0);
-          });
-        });
-    bridges.push_back(std::move(bridge));
-  }
-  requestAll(std::move(bridges));
-  for (unsigned vlan = 1; vlan <= vlans; ++vlan) {
-    const std::uint32_t master = Lab::ifIndex(bridgeName(vlan));
-    for (const std::string& name : {accessName(vlan), tunnelName(vlan)}) {
-      Message port(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
-      port.header(ifinfomsg{}).string(IFLA_IFNAME, name).u32(IFLA_MASTER, master).u32(IFLA_GROUP, kGroup);
-      ports.push_back(std::move(port.nest(IFLA_LINKINFO, [&](Message& info) {
-        info.string(IFLA_INFO_KIND, "veth").nest(IFLA_INFO_DATA, [&](Message& data) {
-          data.nest(VETH_INFO_PEER, [&](Message& peer) {
-            peer.header(ifinfomsg{})
-                .string(IFLA_IFNAME, "f-" + name)
-                .u32(IFLA_NET_NS_FD, static_cast<std::uint32_t>(outside.fd()));
-          });
-        });
-      })));
-      ports.push_back(upMessage(name));
-      far.push_back(upMessage("f-" + name));
-    }
-  }
-  requestAll(std::move(ports));
-  const Lab::Entered entered(outside);
-  requestAll(std::move(far));
-}
-
-// Left to the kernel, it would take them one by one with the namespace, and keep all others waiting.
-void networkDel() {
-  requestAll({std::move(Message(RTM_DELLINK).header(ifinfomsg{}).u32(IFLA_GROUP, kGroup))});
-}
-
-std::string configuration(unsigned vlans) {
-  std::string list;
-  std::string tags;
-  for (unsigned vlan = 1; vlan <= vlans; ++vlan) {
-    const std::string id = std::to_string(vlan);
-    list += (vlan == 1 ? "\"" : ",\"") + id + "\":{\"bridge\":\"" + bridgeName(vlan) +
-            "\",\"tunnelPorts\":[\"" + tunnelName(vlan) + "\"]}";
-    tags += (vlan == 1 ? "" : ",") + ("\"" + id + "\":" + id);
-  }
-  return "\"vlans\":{" + list + "},\"state\":{\"evpn/status\":{\"mplsConfigured\":true,\"vlanToDot1q\":{" +
-         tags + "}}}";
-}
 
 std::size_t count(const std::string& text, const std::string& what) {
   std::size_t found = 0;
@@ -146,9 +63,9 @@ void bench(unsigned vlans, double restSeconds) {
   const Lab::Namespace inside;
   const Lab::Namespace outside;
   const Lab::Entered entered(inside);
-  networkIs(vlans, outside);
+  const Lab::ManyVlans network(vlans, outside);
   const auto begin = Clock::now();
-  Daemon daemon(configuration(vlans));
+  Daemon daemon(network.configuration());
   const auto ready = [&] {
     return count(daemon.asked({"--json", "show", "switch/forwarding"}), "\"ready\":true") == vlans;
   };
@@ -181,7 +98,6 @@ void bench(unsigned vlans, double restSeconds) {
   const auto stop = Clock::now();
   daemon.stop();
   const double stopSeconds = since(stop);
-  networkDel();
 
   std::printf("%5u  %7.2f s  %6.2f s  %9.2f ms%s  %6zu  %8.3f %%  %8.1f  %6.2f s%s\n", vlans, startSeconds,
               startCpu, turn * 1e3, turn > kTargetTurn ? "!" : " ", notifications,

@@ -279,32 +279,6 @@ TEST_P(WholeSwitch, WhatIsRemovedComesBack) {
   expectSuppression();
 }
 
-class OwnBridge : public WholeSwitch {};
-
-TEST_P(OwnBridge, SaysWhyAVlanIsNotTrappedAndWhenItIsAgain) {
-  start();
-  const auto forwarding = [&](const json& wanted) {
-    return switch_.state("switch/forwarding", "/vlan/10/reason", wanted);
-  };
-  linkDel("vlan10");
-  EXPECT_EQ(forwarding("there is no bridge vlan10"), "there is no bridge vlan10");
-  const char* problem = "/problem/SoftForward VLAN 10/problem";
-  const json flooded = "requests are flooded as without suppression: there is no bridge vlan10";
-  EXPECT_EQ(switch_.state("switch/problems", problem, flooded), flooded);
-  EXPECT_TRUE(
-      switch_.daemon().readUntil("SoftForward: VLAN 10: requests are flooded as without suppression: there "
-                                 "is no bridge vlan10; make it, "
-                                 "or correct \"bridge\" of the VLAN in the configuration\n"))
-      << switch_.daemon().error;
-  bridgeIs("vlan10");
-  for (const char* port : {"Ethernet1", "Ethernet2", "core10"}) portIs(port, "vlan10");
-  EXPECT_EQ(forwarding(""), "");
-  EXPECT_TRUE(switch_.daemon().readUntil("SoftForward: VLAN 10: good again\n")) << switch_.daemon().error;
-  EXPECT_EQ(switch_.state("switch/problems", "/problem/SoftForward VLAN 10, tunnel port core11/problem",
-                          "it is no port of bridge vlan10"),
-            "it is no port of bridge vlan10");
-}
-
 TEST_P(WholeSwitch, TakesOverAfterAKill) {
   start();
   expectSuppression();
@@ -321,7 +295,6 @@ TEST_P(WholeSwitch, TakesOverAfterAKill) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, WholeSwitch, testing::ValuesIn(kLayouts), nameOf);
-INSTANTIATE_TEST_SUITE_P(Layouts, OwnBridge, testing::Values(kLayouts[0]), nameOf);
 
 }  // namespace
 }  // namespace Lab

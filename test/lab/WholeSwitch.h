@@ -174,13 +174,12 @@ class WholeSwitch : public testing::TestWithParam<Layout> {
                   {"state", {{"evpn/status", {{"mplsConfigured", true}}}}}};
   std::optional<PacketSocket> host1_, host2_, far_, far2_, far20_;  // far: the ends of tunnels
   std::uint8_t sentinels_ = 0;
+  std::map<std::string, Namespace> vrfs_;  // those that are namespaces
 
  private:
   // Makes the VLAN and its interface with an address, and remembers the configuration of both, with a remote
   // binding of the host 99 there.
   Vlan vlanIs(std::uint16_t id, Placed placed, const std::string& vrf, int vrfId, const Strings& tunnelPorts);
-
-  std::map<std::string, Namespace> vrfs_;  // those that are namespaces
 };
 
 }  // namespace Lab
