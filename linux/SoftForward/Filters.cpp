@@ -189,6 +189,17 @@ Mox::Result<> Filters::detach(const Hook& hook) {
   const auto result = requests_.request(deletion(hook));
   if (!result && !isAbsent(result)) return named(hook, "detaching the program", result);
   placeIs(hook, Place());
+  return qdiscDel(hook);
+}
+
+Mox::Result<> Filters::qdiscDel(const Hook& hook) {
+  if (!devices_[hook.ifIndex].ownQdisc) return {};
+  const auto empty = isEmpty(hook.ifIndex);
+  if (!empty && !isAbsent(empty.failure())) return empty.failure();
+  if (empty && !*empty) return {};
+  const auto removed = requests_.request(qdiscRequest(RTM_DELQDISC, 0, hook.ifIndex));
+  if (!removed && !isAbsent(removed)) return named(hook, "removing the clsact qdisc", removed);
+  forget(hook.ifIndex);
   return {};
 }
 

@@ -11,8 +11,8 @@
 // the notifications from then on.
 //
 // The clsact qdisc is made where there is none. Which ones were is noted in the names of the filters (they end
-// with kOwnQdisc), so that it is known after a restart too: such a one goes when everything of ours is removed,
-// unless others have put filters behind it meanwhile.
+// with kOwnQdisc), so that it is known after a restart too: such a one goes with the last filter behind it, and
+// stays where others have put theirs there meanwhile.
 //
 // Formats: <linux/pkt_sched.h>, <linux/pkt_cls.h>.
 
@@ -92,6 +92,7 @@ class Filters {
   Netlink::IfIndex applyQdisc(const Netlink::Received& message);
   Mox::Result<Place> place(const Hook& hook);
   void placeIs(const Hook& hook, Place place);
+  Mox::Result<> qdiscDel(const Hook& hook);
   Mox::Result<bool> isEmpty(Netlink::IfIndex ifIndex);
 
   Netlink::Socket& requests_;

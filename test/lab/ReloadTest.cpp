@@ -85,6 +85,8 @@ TEST_P(Reload, ConcernsNobodyElse) {
   EXPECT_EQ(switch_.shown({"show", kBindings})["remoteBinding"].count(remote20), 0u);
   EXPECT_EQ(switch_.state("switch/forwarding", "/vlan/20", json()), json());
   expectHeardBy({"core20", "core21"});
+  for (const std::string port : {"core20", "core21", "Ethernet3"})
+    EXPECT_THAT(run("tc qdisc show dev " + port), testing::Not(testing::HasSubstr("clsact"))) << port;
   expectSuppression();
 }
 
