@@ -38,6 +38,7 @@ Mounted MountGroup::mountIs(const std::string& path, const std::string& typeName
   if (!manager_) return Mox::Failure{path + ": the process is ending"};
   Mounted mounted = manager_->mount(path, typeName, descriptor);
   mounted_.push_back(mounted ? *mounted : nullptr);
+  paths_.push_back(manager_->normal(path));
   return mounted;
 }
 
@@ -56,7 +57,8 @@ void MountGroup::update() {
           return table->writer() || (table->view() && table->view()->attached());
         });
       });
-  readyIs(attached);
+  readyIs(attached && std::none_of(paths_.begin(), paths_.end(),
+                                   [this](const std::string& path) { return manager_->heldBack(path); }));
 }
 
 // --- EntityManager ---------------------------------------------------------------------------------------
@@ -187,6 +189,11 @@ void EntityManager::handleReadable() {
     }
   }
   if (!pending_.empty()) drainTask_.schedule();
+}
+
+void EntityManager::heldBackIs(const std::string& path, bool heldBack) {
+  heldBack ? void(heldBack_.insert(normal(path))) : void(heldBack_.erase(normal(path)));
+  updateGroups();
 }
 
 // By index: whoever hears that a group is ready may make another.

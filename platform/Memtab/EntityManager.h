@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,7 +41,7 @@ using Mounted = Mox::Result<Mox::Ptr<Memtab::Entity>>;
 
 // Mounts that belong together. Ready while every table of the closed group is attached, that is, exists; a
 // writer that restarts does not end that, a table that is removed does. A group with a refused mount is never
-// ready.
+// ready, nor is one with a table that its writer in this process holds back.
 class MountGroup final : public Mox::Entity {
  public:
   explicit MountGroup(EntityManager& manager) : manager_(&manager) {}
@@ -55,6 +56,7 @@ class MountGroup final : public Mox::Entity {
 
   EntityManager* manager_;  // null once the manager has gone
   std::vector<Mox::Ptr<Memtab::Entity>> mounted_;
+  std::vector<std::string> paths_;
   bool closed_ = false;
 };
 
@@ -81,6 +83,11 @@ class EntityManager final : public Mox::Referenced {
   // with a good result when one has gone in again. Without a handler both are reported.
   using RoomHandler = std::function<void(const std::string& path, const Mox::Result<>& room)>;
   void roomHandlerIs(RoomHandler handler) { roomHandler_ = std::move(handler); }
+
+  // While the path is held back no group that mounts it is ready: its writer has begun and does not know yet
+  // what belongs into the table. The path need not be mounted.
+  void heldBackIs(const std::string& path, bool heldBack);
+  bool heldBack(const std::string& path) const { return heldBack_.contains(path); }
 
   // Null when nobody mounted the path.
   Mox::Ptr<Memtab::Entity> entity(std::string_view path) const;
@@ -124,6 +131,7 @@ class EntityManager final : public Mox::Referenced {
   std::map<TableView*, TableBase*> tables_;
   std::deque<TableBase*> pending_;  // have news, in the order in which they are drained
   std::vector<Mox::Ptr<MountGroup>> groups_;
+  std::set<std::string> heldBack_;
   Mox::Ptr<Orb::FileDescriptor> descriptor_;
   std::unique_ptr<class DescriptorWatch> descriptorWatch_;
   Orb::Task drainTask_;
