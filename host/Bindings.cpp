@@ -4,25 +4,18 @@
 #include <cctype>
 
 #include "Statedb/Json.h"
+#include "Suppression/RemoteAddress.h"
 
 namespace Host {
 
 namespace {
 
+using ArpSuppression::isLoopback;
+using ArpSuppression::isOneHost;
 using Lanix::EthAddr;
 using Lanix::IpGenAddr;
 
 constexpr std::string_view kLocalMultihomed = "localMultihomed";
-
-bool isOneHost(const IpGenAddr& ip) {
-  return ip && !ip.isUnspecified() && !ip.isMulticast() && !(ip.isIpv4() && ip.ipv4().value() == 0xffffffff);
-}
-
-// 127.0.0.0/8 (RFC 1122) and ::1 (RFC 4291).
-bool isLoopback(const IpGenAddr& ip) {
-  static const IpGenAddr v6 = *IpGenAddr::fromStrep("::1");
-  return ip.isIpv4() ? ip.ipv4().bytes()[0] == 127 : ip == v6;
-}
 
 std::string_view nextPart(std::string_view& line) {
   const std::size_t end = line.find(' ');

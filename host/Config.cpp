@@ -29,6 +29,7 @@ constexpr int kMaxTraceLevel = 9;
 constexpr std::uint32_t kMaxRefreshSeconds = 86400;
 constexpr std::uint32_t kMaxPolicer = 1000000;
 constexpr std::uint32_t kMaxFailOpenSeconds = 60;
+constexpr std::uint8_t kMaxProtocol = 255;
 constexpr std::uint32_t kMaxLimit = std::uint32_t{1} << 24;
 // The members of "arpSuppression/limits".
 constexpr const char* kLimits[] = {"localBindingsPerPort", "localBindings", "requestRecords",
@@ -36,7 +37,8 @@ constexpr const char* kLimits[] = {"localBindingsPerPort", "localBindings", "req
 constexpr const char* kDevice = "a kernel device name of at most 15 bytes";
 constexpr const char* kAbsolute = "an absolute path";
 // Every handle that a line of text is written under.
-constexpr const char* kTraceHandles[] = {kArpService, kArpSuppression, kKernelState, "Memtab", "Orb"};
+constexpr const char* kTraceHandles[] = {kArpService, kArpSuppression, kKernelState,
+                                         "Memtab",    "Netlink",       "Orb"};
 
 bool isAbsolute(const std::string& path) {
   return path.starts_with('/') && path.size() <= kMaxPathBytes && path.find('\0') == std::string::npos;
@@ -92,6 +94,7 @@ class FileReader {
   ConfigReader::Read limits();
   ConfigReader::Read policer(Switch::Policer& to);
   void readSoftForward(const std::string& key, const json& value);
+  void readEvpn(const std::string& key, const json& value);
   void checkVlanVrfs();
   void checkLimits();
   void checkAgents();
@@ -121,6 +124,7 @@ void FileReader::readAll() {
        {"vrfs", vrfs()},
        {"vlans", vlans()},
        {"softForward", [this](const auto& key, const json& value) { readSoftForward(key, value); }},
+       {"evpn", [this](const auto& key, const json& value) { readEvpn(key, value); }},
        {"bindings", bindings()},
        {"neverAnswer", neverAnswer()},
        {"limits", limits()},
@@ -258,8 +262,32 @@ void FileReader::readSoftForward(const std::string& key, const json& value) {
   ports(key + ".ports", ownOfPorts);
 }
 
+void FileReader::readEvpn(const std::string& key, const json& value) {
+  EvpnSettings& to = config_.evpn;
+  const auto feed = [&](const std::string& at, const json& name) {
+    const auto known = Statedb::scalarToValue<Switch::EvpnFeed>(name);
+    if (!known) return reader_.isNot(at, name, Statedb::allowedFor<Switch::EvpnFeed>());
+    to.feed = *known;
+  };
+  const auto protocols = [&](const std::string& at, const json& list) {
+    to.protocols.clear();
+    reader_.list("a list of protocols of neighbours, 1 to 255",
+                 [&](const auto& place, const auto&, const json& number) {
+                   std::uint8_t protocol = 0;
+                   reader_.number<std::uint8_t>(protocol, 1, kMaxProtocol)(place, number);
+                   if (std::ranges::count(to.protocols, protocol) != 0)
+                     return reader_.fail(place, describe(number) + " is there twice");
+                   to.protocols.push_back(protocol);
+                 })(at, list);
+    if (list.is_array() && list.empty()) reader_.fail(at, "is empty: no neighbour would be of the feed");
+  };
+  reader_.object(key, value, {{"feed", feed}, {"protocols", protocols}});
+}
+
 // What means nothing with these plug-ins would be believed to be in force.
 void FileReader::checkAgents() {
+  if (content_.contains("evpn") && !config_.has(kKernelEvpn))
+    reader_.fail("evpn", "does nothing without the agent KernelEvpn; name it in \"agents\"");
   if (config_.has(kSoftForward)) {
     if (config_.hardware)
       reader_.fail("hardware", "true does not go with the agent SoftForward, whose traps nobody would read");
@@ -363,6 +391,9 @@ std::vector<std::string> remarks(const Config& config) {
   if (config.agents.empty()) return {"no plug-in is named in \"agents\": nothing is suppressed"};
   const bool followsVlans = config.has(kKernelState) || config.has(kSoftForward);
   if (config.vlans.empty() && followsVlans) return {"no VLAN is named in \"vlans\": nothing is suppressed"};
+  if (config.has(kKernelEvpn) && config.evpn.feed == Switch::EvpnFeed::none)
+    return {
+        "the agent KernelEvpn is named, but no \"evpn.feed\": there are no remote bindings but \"bindings\""};
   return {};
 }
 

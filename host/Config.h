@@ -35,6 +35,11 @@ struct SoftForwardSettings {
   std::uint32_t failOpenSeconds = 3;
 };
 
+struct EvpnSettings {
+  Switch::EvpnFeed feed = Switch::EvpnFeed::none;
+  std::vector<std::uint8_t> protocols{Switch::EvpnConfig::kZebra, Switch::EvpnConfig::kBgp};
+};
+
 // The configuration file, checked as a whole. JSON; comments (// and /* */) are allowed.
 //
 //   runDirectory            absolute path; default /run/arp-suppression
@@ -50,6 +55,9 @@ struct SoftForwardSettings {
 //                           default 600), ports (by kernel device: policer, by default the one of all ports),
 //                           failOpenSeconds (1 to 60, default 3: how long after the agent's last sign of life
 //                           everything is flooded)
+//   evpn                    with KernelEvpn only: feed ("kernel": remote bindings are the neighbours that a routing
+//                           daemon writes into the kernel; default "none"), protocols (list of 1 to 255, default
+//                           11 and 186: whose neighbours these are)
 //   state                   by path: what merges into that state before any plug-in starts
 //   bindings                list of remote bindings: vlan, ip, mac, and localMultihomed (default false)
 //   neverAnswer             list of IPv4 networks; requests of hosts for their addresses are flooded
@@ -69,8 +77,9 @@ struct Config {
   std::map<std::string, VrfSettings> vrfs;
   std::map<std::uint16_t, VlanSettings> vlans;
   SoftForwardSettings softForward;
+  EvpnSettings evpn;
   nlohmann::json state = nlohmann::json::object();  // every path is known, settable, and its content is good
-  std::map<ArpSuppression::RemoteBindingKey, ArpSuppression::RemoteBinding> bindings;
+  Switch::RemoteBindings bindings;
   std::set<ArpSuppression::Ip4Network> neverAnswer;
   std::map<std::string, std::uint32_t> limits;  // those that are given, by name
   std::string featureDirectory;

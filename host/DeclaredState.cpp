@@ -65,11 +65,19 @@ json declaredState(const Config& config) {
     names["0"] = L3::VrfName::kDefault;
     for (const auto& [name, vrf] : config.vrfs) names[std::to_string(vrf.id)] = name;
   }
+  if (config.evpn.feed == Switch::EvpnFeed::kernel) {
+    json& evpn = all["evpn/status"];
+    evpn["mplsConfigured"] = true;
+    evpn["vlanToDot1q"] = json::object();
+    for (const auto& [vlanId, vlan] : config.vlans) evpn["vlanToDot1q"][std::to_string(vlanId)] = vlanId;
+  }
   // A path may be named in more than one way ("bridging/config" and "bridging/config/").
   for (auto item = config.state.begin(); item != config.state.end(); ++item)
     all[std::string(Statedb::normalPath(item.key()))].merge_patch(item.value());
-  for (const auto& [key, binding] : config.bindings)
+  for (const auto& [key, binding] : config.bindings) {
+    if (config.has(kKernelEvpn)) break;  // it writes them itself
     all[kRemoteBindingPath]["remoteBinding"][Mox::toStrep(key)] = Statedb::valueToJson(binding);
+  }
   for (const ArpSuppression::Ip4Network& network : config.neverAnswer)
     all[ArpSuppression::kNeverAnswerPath]["prefix"][network.toStrep()] = true;
   for (const auto& [name, limit] : config.limits) all[ArpSuppression::kLimitsPath][name] = limit;

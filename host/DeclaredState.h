@@ -7,7 +7,8 @@ namespace Host {
 struct Config;
 
 // What a configuration says about state that the host writes, by path without a trailing slash: its `state`,
-// its `bindings`, `neverAnswer` and `limits`, and the VRF ids while no plug-in writes them. Without nulls.
+// beneath that what follows for "evpn/status" from a feed of routes, its `neverAnswer` and `limits`, and, while
+// no plug-in writes them, its `bindings` and the VRF ids. Without nulls.
 nlohmann::json declaredState(const Config& config);
 
 // What brings the state that the first declares to what the second does, to be merged one after the other: in

@@ -129,6 +129,16 @@ void State::switchConfigIs(const Config& config) {
   softForward->policerIs(config.softForward.policer);
   softForward->failOpenSecondsIs(config.softForward.failOpenSeconds);
   for (const auto& [port, policer] : policers) softForward->portPolicerIs(port, policer);
+  const Mox::Ptr<Switch::EvpnConfig> evpn = to->evpn();
+  evpn->feedIs(config.evpn.feed);
+  evpn->protocolsIs(config.evpn.protocols);
+  // The table of remote bindings is KernelEvpn's then.
+  const Mox::Ptr<const Switch::EvpnConfig::Bindings> known = evpn->bindings();
+  if (config.has(kKernelEvpn) && !(known ? known->all == config.bindings : config.bindings.empty())) {
+    const auto bindings = Mox::make<Switch::EvpnConfig::Bindings>();
+    bindings->all = config.bindings;
+    evpn->bindingsIs(Mox::Ptr<const Switch::EvpnConfig::Bindings>(bindings));
+  }
   to->agentsIs(config.agents);
   to->neighborRefreshSecondsIs(config.neighborRefreshSeconds);
 }
@@ -329,7 +339,10 @@ Mox::Result<Mox::Ptr<Memtab::Entity>> State::writableTable(const StatePath& stat
 }
 
 Mox::Result<Mox::Ptr<ArpSuppression::RemoteBindingConfig>> State::remoteBindings() const {
-  const auto table = writableTable(*findStatePath(kRemoteBindingPath));
+  const StatePath state = *findStatePath(kRemoteBindingPath);
+  if (const auto allowed = settable(state, plugins_); !allowed)
+    return Mox::Failure{state.path + ": " + allowed.error()};
+  const auto table = writableTable(state);
   if (!table) return table.failure();
   return Mox::dynamicPtrCast<ArpSuppression::RemoteBindingConfig>(*table);
 }

@@ -38,7 +38,7 @@ const std::vector<StatePath>& statePaths() {
       {"arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus", sharedMemory, byPlugin, kArpSuppression, false},
       {ArpSuppression::kLimitsPath, ArpSuppression::kLimitsType, tree, byHost, nullptr, false},
       {ArpSuppression::kNeverAnswerPath, ArpSuppression::kNeverAnswerType, tree, byHost, nullptr, false},
-      {kRemoteBindingPath, "ArpSuppression::RemoteBindingConfig", sharedMemory, byHost, nullptr, false},
+      {kRemoteBindingPath, "ArpSuppression::RemoteBindingConfig", sharedMemory, byPlugin, kKernelEvpn, false},
       {"arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", tree, byPlugin, kArpSuppression, true},
       {"bridging/config", "Bridging::Config", tree, byHost, nullptr, false},
       {"bridging/status", "Memtab::Bridging::Status", sharedMemory, byPlugin, kKernelState, false},
@@ -94,9 +94,13 @@ Mox::Result<> settable(const StatePath& state, const std::vector<std::string>& l
                             : "cannot be set; it says what the plug-ins found"};
   }
   if (!writtenByPlugin(state, loadedPlugins)) return {};
-  return Mox::Failure{"cannot be set while the plug-in " + std::string(state.writer) +
-                      " is loaded, which writes it; take it out of \"agents\" in the configuration file to "
-                      "set it by hand"};
+  const std::string loaded =
+      "cannot be set while the plug-in " + std::string(state.writer) + " is loaded, which writes it; ";
+  if (state.path == kRemoteBindingPath) {
+    return Mox::Failure{loaded +
+                        "name bindings of your own in \"bindings\" of the configuration file, and reload"};
+  }
+  return Mox::Failure{loaded + "take it out of \"agents\" in the configuration file to set it by hand"};
 }
 
 }  // namespace Host

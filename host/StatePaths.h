@@ -14,10 +14,12 @@ namespace Host {
 // The plug-ins that a configuration may load, in the order in which they start, whatever order it names them
 // in. They end in reverse: what the agent takes back when it stops must still reach the kernel.
 inline constexpr const char* kKernelState = "KernelState";
+inline constexpr const char* kKernelEvpn = "KernelEvpn";
 inline constexpr const char* kArpService = "ArpService";
 inline constexpr const char* kSoftForward = "SoftForward";
 inline constexpr const char* kArpSuppression = "ArpSuppression";
-inline constexpr const char* kPlugins[] = {kKernelState, kArpService, kSoftForward, kArpSuppression};
+inline constexpr const char* kPlugins[] = {kKernelState, kKernelEvpn, kArpService, kSoftForward,
+                                           kArpSuppression};
 
 // Paths that the host itself writes, and the collection of VRF ids.
 inline constexpr const char* kVrfIdPath = "vrf/vrfIdMapStatus";

@@ -53,6 +53,17 @@ TEST(State, beginsWithWhatTheConfigurationSays) {
   EXPECT_EQ(host.reports, "");
 }
 
+TEST(State, leavesRemoteBindingsToKernelEvpn) {
+  RunDir runDir;
+  HostState host(runDir, {{"agents", {"KernelEvpn"}},
+                          {"bindings", {{{"vlan", 10}, {"ip", "10.0.0.9"}, {"mac", "02:00:00:00:00:09"}}}}});
+  EXPECT_THAT(host.apply({{kRemote, {{"remoteBinding", nullptr}}}}), HasSubstr("in \"bindings\" of the"));
+  EXPECT_FALSE(host.state->remoteBindings());
+  const auto evpn = host.state->tree()->entityOf<Switch::Config>(Switch::kConfigPath)->evpn();
+  ASSERT_TRUE(evpn->bindings());
+  EXPECT_EQ(evpn->bindings()->all.size(), 1u);
+}
+
 TEST(State, mergesTablesLikeTheTree) {
   RunDir runDir;
   HostState host(runDir);

@@ -44,7 +44,10 @@ AgentRig::AgentRig(const Orb::Clock& clock, const Memtab::Directory& directory)
   EXPECT_TRUE(tree_->entityIs(ArpSuppression::kLimitsPath, ArpSuppression::kLimitsType));
 }
 
-AgentRig::~AgentRig() { agent_ = nullptr; }
+AgentRig::~AgentRig() {
+  other_ = nullptr;
+  agent_ = nullptr;
+}
 
 void AgentRig::vrfIs(const std::string& name, Vrf::VrfIdMap::VrfId id, const std::string& netNs,
                      const std::string& device) {
@@ -66,6 +69,13 @@ void AgentRig::start() {
   agent_ = Mox::make<KernelStateAgent>("KernelState");
   agent_->hostIs(*this);
   agent_->doInit();
+}
+
+void AgentRig::start(const Mox::Ptr<Plugin::AgentBase>& agent) {
+  other_ = agent;
+  if (!other_) return;
+  other_->hostIs(*this);
+  other_->doInit();
 }
 
 bool AgentRig::settle() {

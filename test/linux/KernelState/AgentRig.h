@@ -21,6 +21,8 @@ class AgentRig final : public Plugin::AgentHost {
   void vlanIs(std::uint16_t vlanId, const std::string& bridge,
               const std::vector<std::string>& tunnelPorts = {}, const std::string& vrf = "");
   void start();
+  // Another plug-in, in this one's place or beside it; null ends it.
+  void start(const Mox::Ptr<Plugin::AgentBase>& agent);
 
   template <class E>
   Mox::Ptr<E> at(const std::string& path) const {
@@ -63,6 +65,7 @@ class AgentRig final : public Plugin::AgentHost {
   Mox::Ptr<Memtab::EntityManager> tables_;
   Mox::Ptr<Switch::Config> config_;
   Mox::Ptr<KernelStateAgent> agent_;
+  Mox::Ptr<Plugin::AgentBase> other_;
 };
 
 // A directory of shared-memory tables that goes with the object.
