@@ -98,14 +98,19 @@ std::vector<Netlink::Message> neighbours(std::size_t count, std::size_t first = 
   return messages;
 }
 
+// A switch's namespace, which the thread is in, and its shared memory.
+struct Place {
+  const Lab::Namespace leaf;
+  const Lab::Entered entered{leaf};
+  Lanix::Namespaces namespaces;
+  const Lanix::Replaced<Lanix::Namespaces> replaced{namespaces};
+  const KernelState::ScratchTables tables;
+};
+
 // So many VLANs, a bridge each: what coming up costs, being at rest, and one device that comes and goes.
 void vlans(std::size_t count) {
-  const Lab::Namespace leaf;
-  const Lab::Entered entered(leaf);
-  Lanix::Namespaces namespaces;
-  const Lanix::Replaced<Lanix::Namespaces> replaced(namespaces);
-  const KernelState::ScratchTables tables;
-  AgentRig rig(Orb::EventLoop::realClock(), tables.directory());
+  const Place place;
+  AgentRig rig(Orb::EventLoop::realClock(), place.tables.directory());
   for (std::size_t i = 0; i < count; ++i) {
     const std::string bridge = "vlan" + std::to_string(i + 2);
     Lab::bridgeIs(bridge);
@@ -133,12 +138,8 @@ void vrfs(std::size_t count) {
   getrlimit(RLIMIT_NOFILE, &files);
   files.rlim_cur = files.rlim_max;
   setrlimit(RLIMIT_NOFILE, &files);
-  const Lab::Namespace leaf;
-  const Lab::Entered entered(leaf);
-  Lanix::Namespaces namespaces;
-  const Lanix::Replaced<Lanix::Namespaces> replaced(namespaces);
-  const KernelState::ScratchTables tables;
-  AgentRig rig(Orb::EventLoop::realClock(), tables.directory());
+  const Place place;
+  AgentRig rig(Orb::EventLoop::realClock(), place.tables.directory());
   std::vector<std::unique_ptr<Lab::Namespace>> all;
   for (std::size_t i = 0; i < count; ++i) {
     all.push_back(std::make_unique<Lab::Namespace>("vrf" + std::to_string(i)));
@@ -164,10 +165,7 @@ int main(int argc, char** argv) {
   for (const std::size_t count : {1U, 1000U, 4000U}) vlans(count);
   vrfs(500);
   const std::string redName = "red-" + std::to_string(getpid());
-  const Lab::Namespace leaf;
-  const Lab::Entered entered(leaf);
-  Lanix::Namespaces namespaces;
-  const Lanix::Replaced<Lanix::Namespaces> replaced(namespaces);
+  const Place place;
   const Lab::Namespace red("red");
   const Lab::Namespace host;
   Lab::bridgeIs("vlan10");
@@ -195,9 +193,8 @@ int main(int argc, char** argv) {
   std::printf("%-44s %7.3f s CPU   (%zu and %zu messages)\n", "reading both tables, nothing else", bare,
               readNeighbours, readMacs);
 
-  const KernelState::ScratchTables tables;
   const auto make = [&] {
-    auto rig = std::make_unique<AgentRig>(Orb::EventLoop::realClock(), tables.directory());
+    auto rig = std::make_unique<AgentRig>(Orb::EventLoop::realClock(), place.tables.directory());
     rig->vrfIs("red", 5, redName);
     rig->vlanIs(10, "vlan10");
     rig->at<ArpSuppression::Limits>(ArpSuppression::kLimitsPath)
