@@ -535,19 +535,5 @@ TEST_F(ArpInput, anErrorInAWalkCostsTheEntryThatMetIt) {
   EXPECT_EQ(std::exchange(rig.errors, ""), "ArpInputConfigSm: raised by the test\n");
 }
 
-TEST_F(ArpInput, aHundredThousandStaleEntriesGoInSlices) {
-  const auto red = output()->vrfIs("red");
-  constexpr std::uint32_t kStale = 100000;
-  for (std::uint32_t i = 0; i < kStale; ++i)
-    red->ipv4Is(Lanix::IpAddr(0x0b000000u + i), {mac(kMac2), intf("Vlan10"), 0, false});
-  rig.remoteBinding(10, "11.0.0.77", kMac2);
-  int asked = 0;
-  rig.tasks().mustYieldForTestIs([&asked] { return ++asked % 1000 == 0; });
-  start();
-  EXPECT_THAT(entries(), ElementsAre("red 11.0.0.77 Vlan10 02:00:00:00:00:02 0"));
-  EXPECT_EQ(rig.counter(ArpSuppressionCounterId::arpInputDeleted), kStale - 1);
-  EXPECT_GE(asked, static_cast<int>(kStale));
-}
-
 }  // namespace
 }  // namespace ArpSuppression

@@ -77,22 +77,6 @@ TEST(LocalBindingRecord, station_stays_until_its_last_address_goes) {
   EXPECT_EQ(t.bindingsOf("blue"), 1u);
 }
 
-TEST(LocalBindingRecord, binding_without_a_vrf_is_stored_and_counted_like_any_other) {
-  Tables t;
-  const auto key = t.in(nullptr, "10.0.0.1");
-  const auto binding = t.local->createLocalBinding(key, kA);
-  EXPECT_EQ(t.local->binding(key), binding);
-  EXPECT_EQ(t.bindingsOf(nullptr), 1u);
-  EXPECT_EQ(binding->toStrep(), "<<NULL;10.0.0.1;>;<vlanId=10 macAddress=02:00:00:00:00:0a>;dynSt=no >");
-  t.local->createLocalBinding(t.in(nullptr, "10.0.0.2"), kA)->arpStatusHasDynamicEntryIs(true);
-  EXPECT_THAT(t.local->binding(t.in(nullptr, "10.0.0.2"))->toStrep(), testing::EndsWith(";dynSt=yes >"));
-  t.local->deleteLocalBinding(binding);
-  EXPECT_EQ(t.bindingsOf(nullptr), 1u);
-  t.local->deleteLocalBinding(t.local->binding(t.in(nullptr, "10.0.0.2")));
-  EXPECT_FALSE(t.local->vrfReferenceCountHas(nullptr));
-  EXPECT_EQ(t.status->vrfInfos(), 2u);
-}
-
 TEST(LocalBindingRecord, replacing_the_only_binding_of_a_vrf_never_lets_the_vrf_go) {
   Tables t;
   const auto green = t.status->vrfInfoIs("green");

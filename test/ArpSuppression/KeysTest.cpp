@@ -39,18 +39,6 @@ TEST(VrfIpAddress, only_ipv6_link_local_addresses_are_scoped_to_the_interface) {
   }
 }
 
-TEST(VrfIpAddress, vrf_counts_by_identity_not_by_name) {
-  const Vlans vlans;
-  const auto before = VrfIpAddress::fromVlanL3Info(*vlans.vlan10, ip("10.0.0.1"));
-  vlans.status->vlanL3InfoDel(Vlan(10));
-  vlans.status->vrfInfoDel("red");
-  const auto newRed = vlans.status->vrfInfoIs("red");
-  const auto after =
-      VrfIpAddress::fromVlanL3Info(*vlans.status->vlanL3InfoIs(newRed, Vlan(10)), ip("10.0.0.1"));
-  EXPECT_FALSE(before == after);
-  EXPECT_EQ(before.toStrep(), after.toStrep());
-}
-
 TEST(VrfIpAddress, from_arp_key) {
   const Vlans vlans;
   const struct {

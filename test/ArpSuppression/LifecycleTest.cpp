@@ -55,22 +55,6 @@ TEST(Lifecycle, suppression_runs_while_evpn_is_configured_each_time_with_empty_t
   EXPECT_EQ(rig.errors, "");
 }
 
-TEST(Lifecycle, test_switch_runs_it_whatever_is_configured) {
-  Rig rig;
-  rig.evpn()->mplsConfiguredIs(false);
-  rig.start();
-  rig.rootSm()->runnableForTestIs(true);
-  rig.settle();
-  expectRunning(rig);
-  const auto root = rig.root();
-  rig.rootSm()->runnableForTestIs(true);
-  rig.evpn()->mplsConfiguredIs(true);
-  rig.rootSm()->runnableForTestIs(false);
-  EXPECT_EQ(rig.root(), root) << "running all the time";
-  rig.evpn()->mplsConfiguredIs(false);
-  expectStopped(rig);
-}
-
 // What an earlier run left, and what is configured.
 TEST(Lifecycle, start_over_what_a_killed_run_left) {
   for (const bool configured : {false, true}) {
@@ -269,17 +253,6 @@ std::size_t linesOf(const std::string& text, const std::string& line) {
   std::size_t count = 0;
   for (std::size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) ++count;
   return count;
-}
-
-TEST(Lifecycle, dump_of_a_stopped_agent) {
-  Rig rig;
-  rig.evpn()->mplsConfiguredIs(false);
-  rig.start();
-  const std::string dump = rig.command("showTechSupport");
-  EXPECT_THAT(dump, testing::StartsWith("ArpSuppressionRootSm\n  NULL\n  NULL\n"));
-  EXPECT_EQ(linesOf(dump, "  NULL\n"), 9u) << "the tables and each reactor";
-  EXPECT_THAT(dump, HasSubstr("\n  tasks: "));
-  EXPECT_THAT(dump, HasSubstr("\ncounter #63\n"));
 }
 
 TEST(Lifecycle, dump_of_a_running_agent_shows_shared_objects_once) {

@@ -66,55 +66,5 @@ TEST(LocalRequest, ageing_that_an_error_ended_goes_on_with_the_next_request) {
   EXPECT_THAT(recorded(rig), IsEmpty());
 }
 
-TEST(LocalRequest, an_entry_is_in_line_once_wherever_it_is_taken_from) {
-  LocalRequestRecord record;
-  const auto key = [](int host) {
-    return RemoteBindingKey{Vlan(10), ip(("10.0.0." + std::to_string(host)).c_str())};
-  };
-  for (int host : {1, 2, 3, 4}) record.recordLocalRequest(key(host), host);
-  record.recordLocalRequest(key(1), 5);
-  EXPECT_TRUE(record.entryDel(key(3)));
-  EXPECT_FALSE(record.entryDel(key(3)));
-  record.recordLocalRequest(key(3), 6);
-  ASSERT_EQ(record.oldest()->remoteBindingKey, key(1)) << "as of its first request";
-  record.entryRequeue();
-  std::vector<double> times;
-  for (; record.oldest(); record.entryDel(RemoteBindingKey(record.oldest()->remoteBindingKey)))
-    times.push_back(record.oldest()->lastRequestTime);
-  EXPECT_THAT(times, ElementsAre(2, 4, 5, 6));
-}
-
-TEST(LocalRequest, lifetime_may_change_and_a_stop_leaves_the_record_to_its_end) {
-  Rig rig;
-  rig.start();
-  const auto trap = rig.root()->receivedRequestTrap;
-  const auto record = Mox::make<LocalRequestRecord>();
-  const auto sm =
-      Mox::make<LocalRequestRecordSm>(rig.tasks().scheduler(), Ptr<const MessageTrap>(trap), record);
-  rig.trap(Trapped{});
-  sm->entryLifetimeIs(60);
-  rig.settle();
-  rig.clock.advance(59);
-  rig.settle();
-  EXPECT_EQ(record->entrys(), 1u);
-  rig.clock.advance(1);
-  rig.settle();
-  EXPECT_EQ(record->entrys(), 0u);
-
-  const auto ofRun = rig.root()->localRequestRecord;
-  EXPECT_EQ(ofRun->entrys(), 1u);
-  rig.evpn()->mplsConfiguredIs(false);
-  rig.clock.advance(180);
-  rig.settle();
-  EXPECT_EQ(ofRun->entrys(), 0u) << "ages on";
-  rig.evpn()->mplsConfiguredIs(true);
-  rig.settle();
-  rig.trap(Trapped{});
-  EXPECT_EQ(ofRun->entrys(), 0u);
-  EXPECT_EQ(rig.root()->localRequestRecord->entrys(), 1u);
-  rig.trap(Trapped{.targetIp = "10.0.0.98"});
-  EXPECT_EQ(rig.errors, "");
-}
-
 }  // namespace
 }  // namespace ArpSuppression

@@ -24,21 +24,6 @@ struct Queue {
   Mox::Notifiee<MessageQueue> watch{queue};
 };
 
-TEST(MessageQueue, full_queue_gives_up_its_oldest_message) {
-  const auto queue = messageQueueFactory();
-  std::vector<Message> messages;
-  for (unsigned i = 0; i <= 500; ++i) messages.push_back(message(i));
-  for (unsigned i = 0; i < 500; ++i) ASSERT_FALSE(queue->enqueueMessage(messages[i])) << i;
-  EXPECT_TRUE(queue->enqueueMessage(messages[500]));
-  EXPECT_EQ(queue->messages(), 500u);
-  EXPECT_EQ(queue->messageFront(), messages[1]);
-  EXPECT_EQ(queue->messageBack(), messages[500]);
-  for (unsigned i = 1; i <= 500; ++i) ASSERT_EQ(queue->messageDeq(), messages[i]) << i;
-  EXPECT_EQ(queue->messageDeq(), nullptr);
-  EXPECT_EQ(queue->messageFront(), nullptr);
-  EXPECT_EQ(queue->messageBack(), nullptr);
-}
-
 TEST(MessageQueue, overfull_queue_keeps_its_length_until_the_consumer_shortens_it) {
   const auto queue = messageQueueFactory();
   for (unsigned i = 0; i < 400; ++i) queue->enqueueMessage(message(i));
@@ -103,28 +88,6 @@ TEST(MessageQueue, changes_carry_the_index_and_only_additions_are_in_the_queue) 
   q.queue->queueLimitCurrentIs(1);
   q.queue->enqueueMessage(message());
   EXPECT_THAT(q.takeChanges(), ElementsAre(Change(5, false), Change(6, true)));
-}
-
-TEST(MessageQueue, message_of_an_index_is_replaced_in_place_or_appended) {
-  Queue q;
-  const Message first = message(1), second = message(2), other = message(3);
-  q.queue->messageEnq(first);
-  q.queue->messageEnq(second);
-  q.takeChanges();
-  q.queue->messageIs(0, other);
-  q.queue->messageIs(0, other);
-  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(0, true))) << "the same message again changes nothing";
-  EXPECT_EQ(q.queue->messageFront(), other);
-  EXPECT_EQ(q.queue->messageBack(), second);
-
-  q.queue->messageIs(9, first);
-  q.queue->messageEnq(message());
-  q.queue->messageDel(0);
-  q.queue->messageIs(0, other);
-  q.queue->messageEnq(message());
-  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(9, true), Change(10, true), Change(0, false),
-                                           Change(0, true), Change(11, true)))
-      << "an index that comes back does not draw those behind it along";
 }
 
 TEST(MessageQueue, indices_wrap_and_the_order_stays_that_of_arrival) {

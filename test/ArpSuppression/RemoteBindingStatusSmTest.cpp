@@ -196,18 +196,6 @@ TEST(RemoteBindingStatusSm, bindings_follow_their_vlan) {
   EXPECT_EQ(r.status->macToIps(), 1u);
 }
 
-TEST(RemoteBindingStatusSm, station_of_a_host_that_moved_with_its_vlan_does_not_come_back) {
-  Reactor r;
-  r.vlan(10, "red");
-  r.rig.remoteBinding(10, "10.0.0.1", kMac1);
-  r.settle();
-  r.vlan(10, "blue");
-  r.rig.remoteBinding(10, "10.0.0.1", kMac2);
-  r.settle();
-  EXPECT_EQ(r.stations("blue", "10.0.0.1"), "10/2");
-  EXPECT_EQ(r.stations("red", "10.0.0.1"), "");
-}
-
 TEST(RemoteBindingStatusSm, population_is_complete_after_the_whole_table_and_vlan_changes_start_again) {
   Reactor r;
   r.vlan(10, "red");
@@ -341,26 +329,6 @@ TEST(RemoteBindingStatusSm, keys_that_are_none_are_passed_over) {
   for (const auto& key : bad) table->remoteBindingDel(key);
   r.settle();
   EXPECT_EQ(r.sm->knownBindings(), 1u);
-}
-
-TEST(RemoteBindingStatusSm, count_of_a_vlan_is_range_checked) {
-  Reactor r;
-  const auto refused = [&](auto&& change) {
-    try {
-      change();
-      return std::string("accepted");
-    } catch (const Mox::RangeError& error) {
-      return std::string(error.what());
-    }
-  };
-  const char* text = "ArpSuppressionStatusSm::vlanBindingCount < 0 or >= 0x7FFFFFFF not allowed";
-  EXPECT_EQ(r.sm->vlanBindingCountInc(Vlan(10), 3), 3);
-  EXPECT_EQ(r.sm->vlanBindingCountDec(Vlan(10), 1), 2);
-  EXPECT_EQ(refused([&] { r.sm->setVlanBindingCount(Vlan(10), 0); }), "accepted");
-  EXPECT_EQ(refused([&] { r.sm->setVlanBindingCount(Vlan(10), 0x7FFFFFFE); }), "accepted");
-  EXPECT_EQ(refused([&] { r.sm->vlanBindingCountInc(Vlan(10), 1); }), text);
-  EXPECT_EQ(refused([&] { r.sm->setVlanBindingCount(Vlan(10), -1); }), text);
-  EXPECT_EQ(refused([&] { r.sm->vlanBindingCountDec(Vlan(11), 1); }), text);
 }
 
 }  // namespace

@@ -209,25 +209,6 @@ TEST(Status, end_takes_back_what_was_published) {
   }
 }
 
-TEST(Status, vlan_that_joins_while_its_interface_is_active_is_published_and_stays_so) {
-  Rig rig;
-  rig.vlanInterface(20, "red", 8);
-  rig.vlanInterface(30, "blue", 9);
-  rig.vrf("blue", 6);
-  rig.start();
-  ASSERT_THAT(rig.publishedVlans(), ElementsAre(10));
-  rig.evpn()->vlanToDot1qIs(Vlan(20), 20);
-  EXPECT_THAT(rig.publishedVlans(), ElementsAre(10, 20)) << "the VRF is served already: at once";
-  rig.evpn()->vlanToDot1qIs(Vlan(30), 30);
-  rig.settle();
-  EXPECT_THAT(rig.publishedVlans(), ElementsAre(10, 20, 30)) << "the first VLAN of its VRF";
-  rig.evpn()->vlanToDot1qDel(Vlan(20));
-  EXPECT_THAT(rig.publishedVlans(), ElementsAre(10, 30));
-  rig.settle();
-  EXPECT_THAT(rig.publishedVlans(), ElementsAre(10, 30));
-  EXPECT_FALSE(rig.root()->vlanL3InfoStatus->vlanL3InfoHas(Vlan(20)));
-}
-
 TEST(StatusDeathTest, broken_inputs_end_the_process) {
   const auto broken = [](const char* expression) {
     return brokenInvariant("ArpSuppression/ArpSuppressionStatusSm", expression);

@@ -97,53 +97,6 @@ TEST_F(Follows, vrf_status_and_id) {
   finds("red 70", true, "another namespace, with an index of its own");
 }
 
-TEST_F(Follows, interface_and_device) {
-  rig.device("red", "vlan10", 0);
-  rig.start();
-  finds("red 0", false, "start without a device");
-  rig.device("red", "vlan10", 8);
-  rig.device("red", "vlan100", 9);
-  finds("red 8", true, "device comes");
-  rig.device("red", "vlan10", 0);
-  rig.device("red", "vlan10", 9);
-  finds("red 9", true, "made again with another index");
-  rig.device("red", "vlan10", 0);
-  finds("red 0", false, "device goes");
-  rig.device("red", "vlan10", 7);
-  finds("red 7", true, "device comes back");
-  interfaceOf(rig, 10)->vrfNameIs("blue");
-  finds("blue 0", false, "moves in place to a VRF that is not there");
-  rig.device("blue", "vlan10", 71);
-  rig.vrf("blue", 6);
-  finds("blue 71", true, "the VRF comes");
-  interfaceOf(rig, 10)->vrfNameIs("");
-  finds("", false, "to no VRF");
-  interfaceOf(rig, 10)->vrfNameIs("red");
-  finds("red 7", true, "and back");
-  rig.noVlanInterface(10);
-  finds("", false, "interface goes");
-  rig.vlanInterface(10, "blue", 71);
-  finds("blue 71", true, "interface comes back elsewhere");
-  rig.evpn()->vlanToDot1qDel(Vlan(10));
-  finds("", false, "EVPN leaves the VLAN");
-}
-
-TEST_F(Follows, default_vrf_with_and_without_a_status_of_its_own) {
-  rig.vlanInterface(10, "default", 72);
-  rig.start();
-  finds("default 72", true, "made up");
-  rig.vrf("default", 0, Ip::VrfState::inactive);
-  finds("default 0", false, "a real one, inactive");
-  rig.vrf("default", 0);
-  finds("default 72", true, "active");
-  rig.noVrf("default");
-  finds("default 72", true, "made up again");
-  vrfId(rig, 0, nullptr);
-  finds("default 0", false, "without an id even the made-up one does not count");
-  vrfId(rig, 0, "default");
-  finds("default 72", true, "with its id again");
-}
-
 TEST_F(Follows, namespace_that_cannot_be_entered_leaves_the_vrf_unusable) {
   rig.namespaces.loses("red");
   rig.start();

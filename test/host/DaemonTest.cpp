@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include "Memtab/Table.h"
-#include "Suppression/Counter.h"
 #include "host/Plugins.h"
 #include "test/host/Programs.h"
 
@@ -222,29 +221,6 @@ TEST_F(Programs, startAfterAKill) {
   daemonIs();
   EXPECT_THAT(daemon->error, HasSubstr("the state store is damaged"));
   EXPECT_EQ(arpsup({"show"}).status, 0);
-}
-
-TEST_F(Programs, runTheAgent) {
-  daemonIs({{"agents", {"ArpSuppression"}},
-            {"state", {{"bridging/config", {{"bridgeMacAddr", "02:00:00:00:be:ef"}}}}}});
-  json status = json::parse(arpsup({"status", "--json"}).output);
-  EXPECT_EQ(status["runnable"], false);
-  EXPECT_EQ(status["activeVlans"], json::array());
-  EXPECT_THAT(arpsup({"status"}).output, HasSubstr("activeVlans:    none\n"));
-  const json counters = json::parse(arpsup({"counters", "--json"}).output);
-  EXPECT_EQ(counters.size(), std::size_t{ArpSuppression::kCounters});
-  EXPECT_EQ(counters["8"], json({{"name", "replyRemote"}, {"value", 0}}));
-  EXPECT_EQ(arpsup({"counters", "--json", "--nonzero"}).output, "{}\n");
-  EXPECT_EQ(arpsup({"set", "evpn/status", R"({"mplsConfigured": true, "vlanToDot1q": {"10": 10}})"}).status,
-            0);
-  status = json::parse(arpsup({"status", "--json"}).output);
-  EXPECT_EQ(status["runnable"], true);
-  EXPECT_EQ(shown("arpSuppression/status")["runnable"], true);
-  EXPECT_EQ(shown("arp/input/config/arpSuppression")["source"], 110);
-  EXPECT_EQ(arpsup({"set", "interface/status/all", R"({"intfStatus": {"Ethernet1": {}}})"}).status, 0);
-  EXPECT_THAT(arpsup({"tech-support"}).output, HasSubstr("ArpSuppressionRootSm"));
-  daemon->signal(SIGINT);
-  EXPECT_EQ(daemon->wait(), 0) << daemon->error;
 }
 
 TEST_F(Programs, takeUpTheirConfigurationAgain) {

@@ -67,10 +67,6 @@ TEST_F(AgentOnly, WorksOnInputsSetByHand) {
   }
   ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
 
-  const auto changed = [](Frame frame, std::size_t at, unsigned value) {
-    frame.at(at) = static_cast<std::byte>(value);
-    return frame;
-  };
   const Frame good = trapped(requestFor(kRemoteIp));
   const Frame unknown = trapped(requestFor({10, 0, 0, 120}));
   const Frame announcement = trapped(arpFrame({2, kHost, kHostIp, kHost, kHostIp}));
@@ -104,12 +100,6 @@ TEST_F(AgentOnly, WorksOnInputsSetByHand) {
        "noReplyUnknownSourcePort=1 replyRemote=1 trappedRequest=1"},
       {"cut in the trap header", Frame(good.begin(), good.begin() + 27), std::nullopt, false,
        "trapMalformed=1"},
-      {"cut in ARP", Frame(good.begin(), good.end() - 1), std::nullopt, false, "trapMalformed=1"},
-      {"VLAN beyond 4094", trapped(requestFor(kRemoteIp), 0x1000A), std::nullopt, false, "trapMalformed=1"},
-      {"IPv6 inside", changed(good, 28, 0x86), std::nullopt, false, "trapMalformed=1"},
-      {"VLAN without suppression", trapped(requestFor(kRemoteIp), 20), std::nullopt, false,
-       "trapVlanNotEnabled=1"},
-      {"reverse request", changed(good, 37, 3), std::nullopt, false, "trapNotRequestOrReply=1"},
   };
   for (const auto& test : cases) {
     SCOPED_TRACE(test.name);
@@ -129,38 +119,6 @@ TEST_F(AgentOnly, WorksOnInputsSetByHand) {
   // A host that answers on another socket gets nothing: what is not a trapped frame is not looked at.
   snoop_->send(requestFor(kRemoteIp));
   EXPECT_EQ(outcomeOf(good).counters, "replyRemote=1 trappedRequest=1");
-}
-
-TEST_F(AgentOnly, FollowsItsInputs) {
-  switch_.start(config());
-  ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
-  const json inputs = this->inputs();
-  const json red = inputs.at("ip/vrf/status/local");
-  const struct {
-    const char* path;
-    json change;
-    json wanted;
-  } steps[] = {
-      {"evpn/status", evpn({20}), runningOn({10, 20})},
-      {"ip/vrf/status/local",
-       {{"vrf", {{"red", {{"state", "inactive"}}}}}},
-       runningOn({10})},  // it has a remote binding
-      {"ip/vrf/status/local", red, runningOn({10, 20})},
-      {"ip/status", {{"ipIntfStatus", {{"Vlan20", nullptr}}}}, runningOn({10})},
-      {"kni/ns/default/status",
-       {{"interface", {{"arpsnoop", nullptr}}}},
-       {{"runnable", true}, {"activeVlans", {10}}, {"trapSocket", "closed"}, {"reinjectSocket", "open"}}},
-      {"kni/ns/default/status", inputs.at("kni/ns/default/status"), runningOn({10})},
-      {"evpn/status", {{"mplsConfigured", false}}, notRunning()},
-      {"evpn/status", {{"mplsConfigured", true}}, runningOn({10})},
-  };
-  for (const auto& step : steps) {
-    SCOPED_TRACE(step.path + step.change.dump());
-    switch_.set(step.path, step.change);
-    EXPECT_EQ(switch_.status(step.wanted), step.wanted);
-  }
-  expectAnswered();
-  switch_.stop();
 }
 
 // A burst waits while the agent does something else, what is too much for that is counted, and a device that
@@ -191,35 +149,6 @@ TEST_F(AgentOnly, LosesNoFrameUnseen) {
   const Frame unknown = trapped(requestFor({10, 0, 0, 120}));
   snoop_->send(unknown);
   EXPECT_TRUE(inject_->receiveUntil(unknown)) << "the first flood after that";
-}
-
-// The device of the VLAN's interface comes later than what is known of it.
-TEST_F(AgentOnly, LearnsFromRepliesToTheSharedMac) {
-  constexpr Mac kShared{0, 0, 0x5e, 0, 1, 1};
-  json config = this->config();
-  config["state"]["routing/fhrp/vrMacStatus"] = {{"vgwVirtualMac", "00:00:5e:00:01:01"}};
-  switch_.start(config);
-  ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
-  vethIs("to-vlan10", "vlan10", red_);
-  PacketSocket host("to-vlan10");
-  const Frame reply = arpFrame({2, kHost, kHostIp, kShared, {10, 0, 0, 1}}, kShared);
-  const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
-  while (switch_.counters()["vgwReplyAccepted"] == 0 && std::chrono::steady_clock::now() < deadline)
-    host.send(reply);
-  EXPECT_EQ(switch_.status({{"localBindings", 1}}), json({{"localBindings", 1}}));
-
-  Frame padded = reply;
-  padded.resize(60);
-  host.send(padded);
-  host.send(arpFrame({1, kHost, kHostIp, {}, {10, 0, 0, 1}}));
-  host.send(arpFrame({2, kHost, kHostIp, kRemote, {10, 0, 0, 1}}, kRemote));
-  while (switch_.counters()["vgwReplyNotVirtualMac"] == 0 && std::chrono::steady_clock::now() < deadline) {
-  }
-  Counters after = switch_.counters();
-  for (const char* one : {"vgwReplyExtraData", "vgwReplyNotReply", "vgwReplyNotVirtualMac"})
-    EXPECT_EQ(after[one], 1) << one;
-  EXPECT_EQ(after["localBindingCreated"], 1);
-  switch_.stop();
 }
 
 // A million bindings come in by the control socket, and then all of them once more as an agent that starts

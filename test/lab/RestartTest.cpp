@@ -12,7 +12,6 @@ namespace {
 
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 class Restart : public AgentSwitch {
  protected:
@@ -23,42 +22,8 @@ class Restart : public AgentSwitch {
     switch_.kill();
   }
 
-  json configWith(const json& evpnStatus) const {
-    json config = this->config();
-    config["state"]["evpn/status"] = evpnStatus;
-    return config;
-  }
   Memtab::Directory tables() const { return Memtab::Directory::forRunDir(switch_.runDirectory()); }
 };
-
-TEST_F(Restart, GoesOnAfterAKill) {
-  switch_.start(config());
-  ASSERT_EQ(switch_.status(runningOn({10})), runningOn({10}));
-  expectAnswered();
-  EXPECT_EQ(difference({}, switch_.counters()), "replyRemote=1 trappedRequest=1") << "counted anew";
-  switch_.kill();
-  // What is published is what holds now, not what held at the end.
-  json config = configWith(evpn({20}));
-  config["state"].erase("arpSuppression/remoteBindingConfig/evpn");  // it would keep VLAN 10
-  switch_.start(config);
-  EXPECT_EQ(switch_.status(runningOn({20})), runningOn({20}));
-  EXPECT_EQ(switch_.shown({"show", "arpSuppression/status"}),
-            json({{"runnable", true}, {"vlanId", {{"20", true}}}}));
-}
-
-TEST_F(Restart, TakesBackWhatWasPublishedWhenEvpnIsGone) {
-  const json nothing = {{"runnable", false}, {"vlanId", json::object()}};
-  switch_.start(configWith(evpn({10}, false)));
-  EXPECT_EQ(switch_.status(notRunning()), notRunning());
-  EXPECT_EQ(switch_.shown({"show", "arpSuppression/status"}), nothing);
-  EXPECT_EQ(switch_.shown({"show", "arp/input/config/arpSuppression"})["vrf"], json::object());
-  switch_.stop();
-  switch_.start(configWith(json::object()));
-  EXPECT_EQ(switch_.status(notRunning()), notRunning());
-  switch_.set("evpn/status", evpn({10}));
-  EXPECT_EQ(switch_.status(runningOn({10})), runningOn({10}));
-  expectAnswered();
-}
 
 // Nobody would take it back: VLANs would be trapped for an agent that is not there.
 TEST_F(Restart, ForgetsWhatWasPublishedByAnAgentThatIsNotLoadedAnyMore) {

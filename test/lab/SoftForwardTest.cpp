@@ -279,21 +279,6 @@ TEST_P(WholeSwitch, WhatIsRemovedComesBack) {
   expectSuppression();
 }
 
-TEST_P(WholeSwitch, TakesOverAfterAKill) {
-  start();
-  expectSuppression();
-  const int filters = filtersOf("Ethernet1") + filtersOf("core10");
-  const std::uint32_t arpsnoop = ifIndex("arpsnoop");
-  switch_.kill();
-  EXPECT_EQ(ifIndex("arpsnoop"), arpsnoop);
-  start();
-  expectSuppression();
-  EXPECT_EQ(filtersOf("Ethernet1") + filtersOf("core10"), filters);
-  const Texts made = devices();
-  switch_.stop();
-  for (const std::string& device : made) EXPECT_EQ(ifIndex(device), 0U) << device;
-}
-
 INSTANTIATE_TEST_SUITE_P(Layouts, WholeSwitch, testing::ValuesIn(kLayouts), nameOf);
 
 }  // namespace

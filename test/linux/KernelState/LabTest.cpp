@@ -19,7 +19,6 @@
 namespace KernelState {
 namespace {
 
-using testing::ElementsAre;
 
 // Messages that the kernel could not deliver to netlink sockets of the namespace that the thread is in.
 std::uint64_t lostNotifications() {
@@ -162,30 +161,6 @@ TEST_F(LabTest, DescriptorsExhausted) {
   expectVrf("and can be looked at again", "active");
   red = nullptr;
   expectVrf("now it has gone", "inactive");
-}
-
-TEST_F(LabTest, DevicesInAnyOrder) {
-  redComes();
-  expectIp("there", "red ");
-  const auto device = [&](const std::string& name) {
-    std::string line;
-    inRed([&] { line = name + " " + std::to_string(Lab::ifIndex(name)); });
-    return line;
-  };
-  std::vector<std::string> told;
-  Mox::Notifiee<KernelNetInfo::Status> watch(rig->at<KernelNetInfo::Status>("kni/ns/" + redName + "/status"));
-  watch.on(KernelNetInfo::Status::interfaceChanged, [&](const Mox::String& name) {
-    told.push_back(name + (watch->interfaceHas(name) ? " is" : " gone"));
-  });
-  Lab::linkDel("v10");
-  deviceComes();
-  expect("made again", std::vector<std::string>{"lo 1", device("vlan10")},
-         [&] { return rig->devices(redName); });
-  EXPECT_THAT(told, ElementsAre("vlan10 gone", "vlan10 is"));
-  inRed([] { addressIs("vlan10", "10.0.0.1/24"), renameLink("vlan10", "eth0"); });
-  expectIp("renamed away", "default ");
-  inRed([] { renameLink("eth0", "vlan10"); });
-  expectIp("renamed back", "red 10.0.0.1/24");
 }
 
 TEST_F(LabTest, NeighboursAndMacs) {

@@ -127,31 +127,6 @@ TEST_F(NeighboursTest, ChangesBetweenOverrunAndEmptySocketAreFound) {
   }
 }
 
-TEST_F(NeighboursTest, NotificationCountsMoreThanOlderTable) {
-  auto& red = kernel.in("red");
-  for (const char* ip : {"10.0.0.1", "10.0.0.2", "10.0.0.3", "10.0.0.4", "10.0.0.5"})
-    red.addNeighbour("vlan10", ip);
-  starts();
-  // The table is made now, and read to its end after all of the following.
-  rig->taskSchedulerRoot()->mustYieldForTestIs([] { return true; });
-  red.overrun();
-  for (int slices = 0; red.dumps(Table::neighbours) < 2; rig->loop().step(0)) ASSERT_LT(++slices, 1000);
-  red.holdsDumps(true);
-  for (int i = 0; i < 100; ++i) rig->loop().step(0);
-  red.delNeighbour("vlan10", "10.0.0.5");
-  red.addNeighbour("vlan10", "10.0.0.4", {"02:00:00:00:00:04", NUD_STALE, 0, {}});
-  red.addNeighbour("vlan10", "10.0.0.1", {"02:00:00:00:00:04", NUD_STALE, 0, {}});
-  red.addNeighbour("vlan10", "10.0.0.6");
-  for (int i = 0; i < 100; ++i) rig->loop().step(0);
-  red.holdsDumps(false);
-  settle();
-  EXPECT_THAT(rig->neighbours(), ElementsAre("5 10.0.0.1 Vlan10 02:00:00:00:00:04 false 0",
-                                             "5 10.0.0.2 Vlan10 02:00:00:00:00:01 false 0",
-                                             "5 10.0.0.3 Vlan10 02:00:00:00:00:01 false 0",
-                                             "5 10.0.0.4 Vlan10 02:00:00:00:00:04 false 0",
-                                             "5 10.0.0.6 Vlan10 02:00:00:00:00:01 false 0"));
-}
-
 TEST_F(NeighboursTest, TableThatWasDisturbedOrRefusedIsReadAgain) {
   auto& red = kernel.in("red");
   for (const char* ip : {"10.0.0.1", "10.0.0.2", "10.0.0.3"}) red.addNeighbour("vlan10", ip);

@@ -128,10 +128,9 @@ class FakeKernel::Source final : public RouteSource {
 
   DumpSlice dumpSlice(const Handler& handler) override {
     DumpSlice slice;
-    if (of_->hold_ && at_ != 0) return slice;
     for (std::size_t i = 0; i < kMessagesPerSlice && at_ < dump_.size(); ++i, ++at_, ++slice.messages)
       handler(Received(dump_[at_].data()));
-    if (at_ < dump_.size() || (of_->hold_ && slice.messages != 0)) return slice;
+    if (at_ < dump_.size()) return slice;
     slice.done = true;
     dumping_ = false;
     if (of_->disturbed_[table_] > 0) {

@@ -84,8 +84,6 @@ class FakeKernel final : public KernelAccess {
     // The next `count` dumps of a table say that a change disturbed them, or fail.
     void disturbs(Table table, int count) { disturbed_[table] = count; }
     void refuses(Table table, int error) { refused_[table] = error; }
-    // Dumps started from here on stay where they are, with the first messages handed out, until released.
-    void holdsDumps(bool hold) { hold_ = hold; }
     // Any message at all, as a notification.
     void tell(const Message& message);
     int dumps(Table table) const { return dumps_.contains(table) ? dumps_.at(table) : 0; }
@@ -128,7 +126,6 @@ class FakeKernel final : public KernelAccess {
     std::map<Table, int> refused_;
     std::map<Table, int> dumps_;
     bool losing_ = false;
-    bool hold_ = false;
   };
 
   FakeKernel();

@@ -33,44 +33,6 @@ TEST(ByteCursor, ReadsUpToTheEndAndNotBeyond) {
   EXPECT_FALSE(cursor.read<std::uint8_t>());
 }
 
-TEST(ByteWriter, StopsAtTheEnd) {
-  Frame bytes(5, std::byte{0x55});
-  ByteWriter writer(bytes);
-  EXPECT_TRUE(writer.write(Be32(0x01020304)).good());
-  EXPECT_FALSE(writer.write(Be16(0xffff)).good());
-  EXPECT_FALSE(writer.write(std::uint8_t{1}).good());  // it would fit, but not in its place
-  EXPECT_EQ(writer.position(), 4u);
-  EXPECT_EQ(bytes, frameOf({1, 2, 3, 4, 0x55}));
-}
-
-TEST(Wire, AnArpReplyByteByByte) {
-  const EthAddr host(EthAddr::Bytes{2, 0, 0, 0, 0, 1});
-  const EthAddr owner(EthAddr::Bytes{2, 0, 0, 0, 0, 2});
-  ArpIp4 arp;
-  arp.operation = ArpIp4::kReply;
-  arp.senderMac = owner;
-  arp.senderIp = IpAddr(0x0a000002u);
-  arp.targetMac = host;
-  arp.targetIp = IpAddr(0x0a000001u);
-  Frame frame(46);
-  ByteWriter writer(frame);
-  writer.write(EthHdr{host, owner, kEtherTypeDot1q}).write(Dot1qTag{10, kEtherTypeArp}).write(arp);
-  EXPECT_TRUE(writer.good());
-  EXPECT_EQ(writer.remaining(), 0u);
-  EXPECT_EQ(frame, frameOf({2, 0, 0, 0, 0, 1, 2, 0, 0, 0,  0, 2, 0x81, 0, 0, 10, 8, 6, 0, 1,  8, 0, 6,
-                            4, 0, 2, 2, 0, 0, 0, 0, 2, 10, 0, 0, 2,    2, 0, 0,  0, 0, 1, 10, 0, 0, 1}));
-}
-
-TEST(Wire, TrapHeaderOffsets) {
-  Frame frame(sizeof(TrapHeader) + 2);
-  TrapHeader header;
-  header.vlanId = 10;
-  header.ifIndex = 0x01020304;
-  ByteWriter(frame).write(header).write(Be16(kEtherTypeArp));
-  EXPECT_EQ(frame, frameOf({0, 0, 0, 0, 0,  0, 0, 0, 0, 0, 0, 0, 0x81, 0x35, 0,
-                            0, 0, 0, 0, 10, 1, 2, 3, 4, 0, 0, 0, 0,    8,    6}));
-}
-
 TEST(Pkt, SizesAndContent) {
   PktManager& manager = PktManager::global();
   for (const std::size_t size :

@@ -18,7 +18,6 @@
 namespace Lanix {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::SizeIs;
 using TestSupport::FakeDevice;
@@ -40,24 +39,6 @@ class RawTxPamTest : public ::testing::Test {
   FakeDevice& fabric_ = sockets_.device(7);
   Mox::Ptr<RawTxPam> pam_ = Mox::make<RawTxPam>("RawTxPam");
 };
-
-TEST_F(RawTxPamTest, SendsOnceEnabled) {
-  const auto pkt = pktOf(frameOf({1, 2, 3}));
-  EXPECT_FALSE(pam_->send(7, pkt));
-  EXPECT_EQ(errno, ENOTCONN);
-  pam_->ethProtocolIs(kEtherTypeAll);
-  EXPECT_TRUE(pam_->enabledIs(true));
-  EXPECT_TRUE(pam_->enabledIs(true));
-  EXPECT_EQ(sockets_.openSockets(), 1);
-  EXPECT_TRUE(pam_->send(7, pkt));
-  EXPECT_THAT(fabric_.sent(), ElementsAre(frameOf({1, 2, 3})));
-  EXPECT_EQ(fabric_.receives(frameOfType(kEtherTypeArp, 1)), 0);  // it listens to nothing
-  EXPECT_TRUE(pam_->enabledIs(false));
-  EXPECT_EQ(sockets_.openSockets(), 0);
-  EXPECT_TRUE(pam_->enabledIs(true));
-  pam_ = nullptr;
-  EXPECT_EQ(sockets_.openSockets(), 0);
-}
 
 TEST_F(RawTxPamTest, RefusalsAreKept) {
   sockets_.fails(FakePacketSockets::Call::open, EPERM);
@@ -100,11 +81,6 @@ class EthDevPamTest : public ::testing::Test {
     while (loop_.step(0)) {
     }
   }
-  int drain() {
-    int frames = 0;
-    while (pam_->rxPkt()) ++frames;
-    return frames;
-  }
 
   TestSupport::FakeNamespaces namespaces_;
   FakePacketSockets sockets_;
@@ -112,32 +88,6 @@ class EthDevPamTest : public ::testing::Test {
   Orb::EventLoop loop_;
   Mox::Ptr<EthDevPam> pam_;
 };
-
-TEST_F(EthDevPamTest, ReceivesItsProtocolAndNotifiesOnEdges) {
-  int notified = 0;
-  Mox::Notifiee<EthDevPam> watch(pam_);
-  watch.on(EthDevPam::readableCountChanged, [&] { ++notified; });
-  EXPECT_TRUE(pam_->enabledIs(true));
-  EXPECT_EQ(namespaces_.inside(), kDefaultNamespace);
-  settle();
-  EXPECT_EQ(notified, 0);
-  EXPECT_FALSE(pam_->rxPkt());
-
-  EXPECT_EQ(vlan10_.receives(frameOfType(kEtherTypeIpv4, 1)), 0);
-  EXPECT_EQ(vlan10_.receives(frameOfType(kEtherTypeArp, 2)), 1);
-  EXPECT_EQ(vlan10_.receives(frameOfType(kEtherTypeArp, 3)), 1);
-  settle();
-  EXPECT_EQ(notified, 1);
-  const auto first = pam_->rxPkt();
-  ASSERT_TRUE(first);
-  EXPECT_TRUE(std::ranges::equal(first->headData(), frameOfType(kEtherTypeArp, 2)));
-  EXPECT_EQ(drain(), 1);
-  settle();
-  EXPECT_EQ(notified, 1);
-  vlan10_.receives(frameOfType(kEtherTypeArp, 4));
-  settle();
-  EXPECT_EQ(notified, 2);
-}
 
 TEST_F(EthDevPamTest, EnablingSaysWhatIsMissingAndCanBeTriedAgain) {
   namespaces_.loses("red");

@@ -224,49 +224,6 @@ TEST_F(TableTest, AWalkResumesAtAKey) {
   }
 }
 
-// The keys that networks have differ in few bits, and not in random ones; whatever the seed, they must spread
-// over the buckets as random keys do: at five keys a bucket of eight, about three in a hundred find their
-// home full.
-TEST_F(TableTest, HashesOfRealisticKeysSpread) {
-  constexpr std::uint32_t kKeys = 50000, kHomes = kKeys / 5;
-  struct Case {
-    const char* name;
-    std::uint32_t words;
-    void (*fill)(std::uint32_t* key, std::uint32_t i);
-  };
-  const Case cases[] = {
-      {"one VLAN, IPv4 in network order", 2,
-       [](std::uint32_t* key, std::uint32_t i) { key[0] = 10, key[1] = __builtin_bswap32(0x0a000000 + i); }},
-      {"many VLANs, few hosts", 2,
-       [](std::uint32_t* key, std::uint32_t i) { key[0] = i % 1000, key[1] = 0x0a000000 + i / 1000; }},
-      {"MAC of one maker", 3,
-       [](std::uint32_t* key, std::uint32_t i) { key[0] = 0x1c7300, key[2] = i << 8; }},
-      {"names", 4, [](std::uint32_t* key, std::uint32_t i) { key[0] = 0x6e616c56, key[1] = i; }},
-      {"IPv6 of one prefix", 5,
-       [](std::uint32_t* key, std::uint32_t i) { key[1] = 0x80fe, key[4] = __builtin_bswap32(i); }},
-      {"IPv4 in an IPv6 key", 5,
-       [](std::uint32_t* key, std::uint32_t i) { key[0] = i % 100, key[1] = __builtin_bswap32(i / 100); }},
-  };
-  std::mt19937_64 random(1);
-  for (int round = 0; round < 20; ++round) {
-    const Mox::HashSeed seed(random());
-    for (const Case& test : cases) {
-      std::vector<std::uint32_t> homes(kHomes);
-      for (std::uint32_t i = 0; i < kKeys; ++i) {
-        std::uint32_t key[5] = {};
-        test.fill(key, i);
-        ++homes[homeOf(Mox::hashWords(key, test.words, seed), kHomes)];
-      }
-      std::uint64_t displaced = 0, carried = 0;
-      for (const std::uint32_t count : homes) {
-        carried = std::max<std::uint64_t>(carried + count, kBucketSlots) - kBucketSlots;
-        displaced += carried;
-      }
-      EXPECT_LT(displaced, kKeys / 20) << test.name << ", round " << round;
-    }
-  }
-}
-
 // Keys whose hash is among the greatest, so that they all want the last bucket.
 TEST_F(TableTest, ACrowdAtTheEndOfTheTable) {
   constexpr std::uint64_t kSeed = 7;

@@ -278,19 +278,4 @@ TEST_F(Descriptors, refused_descriptor_raises_an_error_that_names_it_and_does_no
   EXPECT_THAT(taken(), ElementsAre("good"));
 }
 
-TEST_F(Descriptors, may_outlive_the_loop) {
-  auto loop = std::make_unique<Orb::EventLoop>(clock_);
-  auto descriptor = Mox::make<Orb::FileDescriptor>(*loop, "late");
-  const int fd = eventfd(0, EFD_CLOEXEC);
-  descriptor->descriptorIs(fd);
-  descriptor->notifyOnReadableIs(true);
-  Timer timer(*loop, "late", [] {});
-  timer.after(1);
-  loop = nullptr;
-  timer.cancel();
-  EXPECT_FALSE(timer.scheduled());
-  descriptor->descriptorIs(-1);
-  close(fd);
-}
-
 }  // namespace

@@ -129,14 +129,6 @@ TEST_F(RingTest, TimesFollowAClockThatWasSetAfterwards) {
   EXPECT_EQ(years(pathOf("other.tl")), as);
 }
 
-TEST_F(RingTest, LongTextsAreCutToTheLargestRecord) {
-  const std::string file = Tracelet::initialize({.fileName = "Unit.tl", .maxRecordBytes = 128});
-  const std::string longText(1000, 'x');
-  TRACELET_RECORD("a={} b={} c={}", longText, 7, longText);
-  EXPECT_THAT(linesOf(file), ElementsAre(EndsWith(" a=" + std::string(40, 'x') +
-                                                  "... b=7 c=" + std::string(40, 'x') + "...")));
-}
-
 TEST_F(RingTest, EachLevelKeepsItsNewestRecordsInOrder) {
   const std::string file = Tracelet::initialize({.fileName = "Unit.tl"});
   TRACELET_RECORD_AT(0, "first");
