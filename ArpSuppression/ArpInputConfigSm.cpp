@@ -21,6 +21,7 @@ constexpr char kTakeOver[] = "neighbours of an earlier run";
 using Counter = ArpSuppressionCounterId;
 using Arp::ArpEntryInput;
 using Arp::ArpInputVrfConfig;
+using Arp::kArpTypeAsked;
 using Arp::kArpTypeLocal;
 using Arp::kArpTypeRemote;
 using Installation = KernelDynamicEntryInstallation;
@@ -76,7 +77,8 @@ ArpInputConfigSm::ArpInputConfigSm(
     Ptr<LocalBindingRecord> localBindingRecord, Ptr<const RemoteBindingStatus> remoteBindingStatus,
     Ptr<const ArpInputConfigTrigger> arpInputConfigTrigger, Ptr<const VlanL3InfoStatus> vlanL3InfoStatus,
     Ptr<const Arp::Table::Status> arpStatus, Ptr<Arp::ArpInputConfig> arpInputConfig,
-    Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus, Ptr<const Switch::Readiness> readiness)
+    Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus, Ptr<const Switch::Readiness> readiness,
+    Ptr<const Arp::Confirmation> confirmation)
     : WalkSmBase(std::move(scheduler), "ArpInputConfigSm"),
       l2VpnConfig_(std::move(l2VpnConfig)),
       localBindingRecord_(std::move(localBindingRecord)),
@@ -85,6 +87,7 @@ ArpInputConfigSm::ArpInputConfigSm(
       vlanL3InfoStatus_(std::move(vlanL3InfoStatus)),
       arpStatus_(arpStatus),
       readiness_(std::move(readiness)),
+      confirmation_(std::move(confirmation)),
       arpStatusHelper_(std::move(arpStatus)),
       arpInputConfig_(std::move(arpInputConfig)),
       arpSuppressionCounterStatus_(std::move(arpSuppressionCounterStatus)),
@@ -108,6 +111,7 @@ ArpInputConfigSm::ArpInputConfigSm(
   arpStatus_.on(Arp::Table::Status::arpEntryChanged,
                 [this](const Arp::Table::ArpKey& arpKey) { handleArpStatus(arpKey); });
   readiness_.on(Switch::Readiness::awaitedChanged, [this] { handleReadiness(); });
+  confirmation_.on(Arp::Confirmation::vlanChanged, [this] { reevaluate(); });
   handleInitialized();
 }
 
@@ -175,15 +179,19 @@ void ArpInputConfigSm::handleArpStatus(const Arp::Table::ArpKey& arpKey) {
                          << ArpStatusHelper::text(entry) << " arpStatusEntryExists=" << yesNo(exists));
   // A binding goes with the dynamic entry that the kernel once had for it. The record tells this reactor of
   // that, which decides the key anew: nothing follows.
+  const auto withdraw = [&](const char* why) {
+    const auto [vlanId, macAddress] = localBinding->vlanIdMacAddress();
+    localBindingRecord_->deleteLocalBinding(localBinding);
+    Switch::bindingEvent(Switch::EventKind::withdrawn,
+                         {.vlanId = vlanId, .ip = key.ipAddress, .mac = macAddress, .text = why});
+  };
   if (exists && !entry.isStatic) {
     localBinding->arpStatusHasDynamicEntryIs(true);
     deleteEntry(key);
+    if (entry.mac == localBinding->vlanIdMacAddress().macAddress) localBinding->confirmedIs();
+    if (!localBinding->confirmed()) withdraw("another station answered for it");
   } else if (localBinding->arpStatusHasDynamicEntry()) {
-    const auto [vlanId, macAddress] = localBinding->vlanIdMacAddress();
-    localBindingRecord_->deleteLocalBinding(localBinding);
-    Switch::bindingEvent(
-        Switch::EventKind::withdrawn,
-        {.vlanId = vlanId, .ip = key.ipAddress, .mac = macAddress, .text = "the kernel's neighbour is gone"});
+    withdraw("the kernel's neighbour is gone");
   } else if (!exists) {
     updateVrfIpAddress(key, false);
   } else if (entry.arpType != Arp::Table::kArpTypeOwn) {
@@ -243,10 +251,12 @@ bool ArpInputConfigSm::updateWithLocalBinding(const VrfIpAddress& key) {
   const bool exists = !(entry == Arp::Table::ArpEntry());
   if (exists && (!entry.isStatic || entry.arpType > Arp::Table::kArpTypeOwn)) {
     if (!entry.isStatic) localBinding->arpStatusHasDynamicEntryIs(true);
+    if (!entry.isStatic && entry.mac == station.macAddress) localBinding->confirmedIs();
     deleteEntry(key);  // the kernel's own entry serves the key
     return true;
   }
-  return updateEntry(kArpTypeLocal, key, false, station, false);
+  const bool ask = !localBinding->confirmed() && confirmation_ && confirmation_->vlanHas(station.vlanId);
+  return updateEntry(ask ? kArpTypeAsked : kArpTypeLocal, key, false, station, false);
 }
 
 bool ArpInputConfigSm::updateWithRemoteBinding(const VrfIpAddress& key, const RemoteBindingPtr& remote,
@@ -299,10 +309,10 @@ bool ArpInputConfigSm::updateEntry(std::uint8_t arpType, const VrfIpAddress& key
     removeEntries(*config, key, wanted.intf);
     config->ipv6Is({key.ipAddress.ipv6(), wanted.intf}, wanted);
   }
-  const bool local = arpType == kArpTypeLocal;
+  const bool local = arpType != kArpTypeRemote;
   const KernelInstaller::Request written{key, vlanIdMacAddress, info->kniIntfIfIndex(), dynamicOrPermanent,
                                          entries != 0};
-  if (local) {
+  if (arpType == kArpTypeLocal) {
     installer_.add(written);
   } else {
     traceUpdated(written, Installation::kernelDynamicEntryInstallationNotAttempted);

@@ -4,6 +4,7 @@
 #include <compare>
 #include <cstdint>
 
+#include "Arp/Confirmation.h"
 #include "Arp/InputConfig.h"
 #include "Arp/Table.h"
 #include "ArpSuppression/ArpInputConfigTrigger.h"
@@ -66,6 +67,8 @@ class ArpInputConfigVlanL3InfoSm final : public Mox::Entity {
 //
 //   a local binding    an entry of ARP type 1, until the kernel has a neighbour of its own for the address,
 //                      with which the binding then goes
+//   one that is not    an entry of ARP type 2, where the VLAN's neighbours are advertised to other switches
+//   confirmed          (Arp::Confirmation); the kernel's own neighbour, which the answer makes, confirms it
 //   a remote binding   an entry of ARP type 0; with selective installation only where there is one already
 //   nothing            none; but a host on a segment that this switch shares, whose remote binding has just
 //                      gone, is written once more as a dynamic entry (ARP type 1), for the kernel to refresh
@@ -96,7 +99,8 @@ class ArpInputConfigSm final : public Orb::WalkSmBase {
                    Ptr<const VlanL3InfoStatus> vlanL3InfoStatus, Ptr<const Arp::Table::Status> arpStatus,
                    Ptr<Arp::ArpInputConfig> arpInputConfig,
                    Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus,
-                   Ptr<const Switch::Readiness> readiness);
+                   Ptr<const Switch::Readiness> readiness,
+                   Ptr<const Arp::Confirmation> confirmation = nullptr);
   ~ArpInputConfigSm() override;
 
   // Remote bindings of hosts on a shared segment, by their first station; remembered for when they go.
@@ -177,6 +181,7 @@ class ArpInputConfigSm final : public Orb::WalkSmBase {
   Mox::Notifiee<const VlanL3InfoStatus> vlanL3InfoStatus_;
   Mox::Notifiee<const Arp::Table::Status> arpStatus_;
   Mox::Notifiee<const Switch::Readiness> readiness_;
+  Mox::Notifiee<const Arp::Confirmation> confirmation_;
   ArpStatusHelper arpStatusHelper_;
   Ptr<Arp::ArpInputConfig> arpInputConfig_;
   Ptr<ArpSuppressionCounterStatus> arpSuppressionCounterStatus_;

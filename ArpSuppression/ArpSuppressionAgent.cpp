@@ -70,6 +70,7 @@ void ArpSuppressionAgent::doInit() {
   group->mountIs(kVrfStatusLocalPath, "Ip::AllVrfStatusLocal", "r");
   group->mountIs("routing/l2vpn/config", "Routing::L2Vpn::Config", "r");
   group->mountIs(kArpInputConfigPath, "Arp::ArpInputConfig", "wS");
+  group->mountIs(Arp::kConfirmationPath, Arp::kConfirmationType, "r");
   group->mountIs(kLimitsPath, kLimitsType, "r");
   group->mountIs(kNeverAnswerPath, kNeverAnswerType, "r");
   group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "r");  // for `explain`
@@ -254,6 +255,7 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
   using ConstStatus = Ptr<const ArpSuppressionStatus>;
   using ConstDevices = Ptr<const Interface::DeviceIntfStatusDir>;
   const auto limits = m.entityManager->entityOf<const Limits>(kLimitsPath);
+  const auto confirmation = m.entityManager->entityOf<const Arp::Confirmation>(Arp::kConfirmationPath);
 
   arpSuppressionStatusSm_.is(scheduler, m.evpnStatus, ConstRemoteBindings(r.remoteBindingStatus),
                              ConstVlanL3Info(r.vlanL3InfoStatus), m.arpSuppressionStatus, r.enabledVlans);
@@ -264,11 +266,11 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
                    m.allIntfStatusLocalDir, r.deviceIntfStatusDir, r.vlanL3InfoStatus, m.entityManager);
   remoteBindingStatusSm_.is(scheduler, m.remoteBindingConfig, m.remoteBindingConfigMountGroup,
                             r.vlanL3InfoStatus, r.remoteBindingStatus, limits, m.arpSuppressionCounterStatus);
-  arpInputConfigSm_.is(scheduler, m.l2VpnConfig, r.localBindingRecord,
-                       ConstRemoteBindings(r.remoteBindingStatus),
-                       Ptr<const ArpInputConfigTrigger>(r.arpInputConfigTrigger),
-                       ConstVlanL3Info(r.vlanL3InfoStatus), m.arpStatus, m.arpInputConfig,
-                       m.arpSuppressionCounterStatus, Ptr<const Switch::Readiness>(m.readiness));
+  arpInputConfigSm_.is(
+      scheduler, m.l2VpnConfig, r.localBindingRecord, ConstRemoteBindings(r.remoteBindingStatus),
+      Ptr<const ArpInputConfigTrigger>(r.arpInputConfigTrigger), ConstVlanL3Info(r.vlanL3InfoStatus),
+      m.arpStatus, m.arpInputConfig, m.arpSuppressionCounterStatus, Ptr<const Switch::Readiness>(m.readiness),
+      confirmation);
   arpSuppressionSm_.is(r.receivedRequestTrap, r.reinjectMessageQueue, m.arpSuppressionCounterStatus,
                        r.localRequestRecord, m.remoteBindingConfig, r.vlanL3InfoStatus, m.arpStatus,
                        m.bridgingConfig, m.bridgingStatus, m.evpnStatus, m.fhrpVrMacStatus, m.vrfNameToIdMap,
@@ -279,7 +281,7 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
                          m.bridgingStatus, m.arpSuppressionCounterStatus, r.vlanL3InfoStatus,
                          ConstRemoteBindings(r.remoteBindingStatus), m.arpStatus, m.fhrpVrMacStatus,
                          Ptr<const Arp::ArpInputConfig>(m.arpInputConfig), r.localBindingRecord, m.evpnStatus,
-                         r.arpInputConfigTrigger, limits);
+                         r.arpInputConfigTrigger, limits, confirmation);
   if (isPhysicalHardware_) {
     messageReinjectSm_.is<MessageReinjectSmPhysical>(scheduler, r.vlanL3InfoStatus, r.reinjectMessageQueue,
                                                      m.arpSuppressionCounterStatus, m.evpnStatus,

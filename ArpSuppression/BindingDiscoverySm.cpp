@@ -13,6 +13,7 @@ namespace ArpSuppression {
 namespace {
 
 constexpr char kSource[] = "ArpSuppression/BindingDiscoverySm";
+constexpr unsigned kSilenceLevel = 3;
 
 using Id = ArpSuppressionCounterId;
 
@@ -32,7 +33,7 @@ BindingDiscoverySm::BindingDiscoverySm(
     Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
     const Ptr<const Arp::ArpInputConfig>& /*arpInputConfig*/, Ptr<LocalBindingRecord> localBindingRecord,
     Ptr<const Evpn::EvpnStatus> evpnStatus, Ptr<ArpInputConfigTrigger> arpInputConfigTrigger,
-    const Ptr<const Limits>& limits)
+    const Ptr<const Limits>& limits, Ptr<const Arp::Confirmation> confirmation)
     : taskSchedulerRoot_(std::move(taskSchedulerRoot)),
       receivedRequestTrap_(std::move(receivedRequestTrap)),
       bridgingConfig_(std::move(bridgingConfig)),
@@ -44,6 +45,9 @@ BindingDiscoverySm::BindingDiscoverySm(
       localBindingRecord_(std::move(localBindingRecord)),
       evpnStatus_(std::move(evpnStatus)),
       arpInputConfigTrigger_(std::move(arpInputConfigTrigger)),
+      confirmation_(std::move(confirmation)),
+      silenceTask_(taskSchedulerRoot_->scheduler(), "BindingDiscoverySm silence", kSilenceLevel,
+                   [this] { handleSilence(); }),
       loop_(taskSchedulerRoot_->loop()),
       room_(loop_, limits ? limits : Mox::make<Limits>(), localBindingRecord_, arpSuppressionCounterStatus_),
       conflicts_(loop_, vlanL3InfoStatus_.notifier(), remoteBindingStatus_.notifier(), localBindingRecord_,
@@ -58,6 +62,10 @@ BindingDiscoverySm::BindingDiscoverySm(
                           [this] { handleRemoteBinding(); });
   fhrpVrMacStatus_.on(Routing::Fhrp::VirtualRouterMacStatus::vgwVirtualMacChanged,
                       [this] { handleVgwVirtualMac(); });
+  confirmation_.on(Arp::Confirmation::silentChanged, [this](const Arp::HostAddress& address) {
+    silent_.push_back(address);
+    silenceTask_.schedule();
+  });
   handleInitialized();
 }
 
@@ -94,6 +102,7 @@ void BindingDiscoverySm::createLocalBinding(Bridging::VlanId vlanId, const Lanix
   if (existing && existing->vlanIdMacAddress() == vlanIdMacAddress) {
     count(Id::localBindingAlreadyPresent);
     existing->heardAt(loop_.now());
+    if (bindingDiscoveryEvent) existing->confirmedIs();
     arpInputConfigTrigger_->event(vrfIpAddress, false);
     return;
   }
@@ -104,7 +113,9 @@ void BindingDiscoverySm::createLocalBinding(Bridging::VlanId vlanId, const Lanix
   }
   const auto before = existing ? std::optional(existing->vlanIdMacAddress()) : std::nullopt;
   const Lanix::IntfId portBefore = before ? localBindingRecord_->portOf(*before) : Lanix::IntfId();
-  const Ptr<LocalBinding> created = localBindingRecord_->createLocalBinding(vrfIpAddress, vlanIdMacAddress);
+  const bool confirmed = bindingDiscoveryEvent || !confirmation_ || !confirmation_->vlanHas(vlanId);
+  const Ptr<LocalBinding> created =
+      localBindingRecord_->createLocalBinding(vrfIpAddress, vlanIdMacAddress, confirmed);
   if (port) localBindingRecord_->portIs(vlanIdMacAddress, port);
   const auto now = static_cast<std::uint32_t>(loop_.now());
   created->historyIs({now, now, existing ? existing->history().moves + 1 : 0});
@@ -215,6 +226,20 @@ void BindingDiscoverySm::processRemoteMac(const VlanIdMacAddress& vlanIdMacAddre
   }
   MOX_ASSERT(kSource, "!localBindingRecord()->macToIpHas( vlanIdMacAddress )",
              !localBindingRecord_->macToIpHas(vlanIdMacAddress));
+}
+
+// It may have answered after all by now.
+void BindingDiscoverySm::handleSilence() {
+  for (const Arp::HostAddress& silent : std::exchange(silent_, {})) {
+    const Ptr<const VlanL3Info> vlanL3Info = vlanL3InfoStatus_->vlanL3Info(silent.vlanId);
+    if (!vlanL3Info || !confirmation_->silentHas(silent)) continue;
+    const Ptr<LocalBinding> localBinding =
+        localBindingRecord_->binding(VrfIpAddress::fromVlanL3Info(*vlanL3Info, silent.address));
+    TRACE8("vlanId=" << silent.vlanId << " ipAddress=" << silent.address << " localBinding=" << localBinding);
+    if (localBinding && !localBinding->confirmed() &&
+        localBinding->vlanIdMacAddress().vlanId == silent.vlanId)
+      deleteLocalBinding(localBinding, "its station moved here and did not answer for it");
+  }
 }
 
 void BindingDiscoverySm::handleRemoteBinding() {

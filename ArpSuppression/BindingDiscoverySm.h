@@ -1,7 +1,9 @@
 #pragma once
 
 #include <map>
+#include <vector>
 
+#include "Arp/Confirmation.h"
 #include "Arp/InputConfig.h"
 #include "Arp/Table.h"
 #include "ArpSuppression/ArpInputConfigTrigger.h"
@@ -27,6 +29,9 @@ namespace ArpSuppression {
 // advertises. It follows changes only: MAC table entries and advertisements that were there before it have no
 // effect. The MAC table's ids of forwarding databases (FID) are taken for VLAN ids.
 //
+// Where the kernel's neighbours are advertised to other switches, an address that a station brings along is asked
+// for (Arp::Confirmation), and its binding goes when nobody answers.
+//
 // What cannot be a host's binding is counted and traced, and changes nothing.
 class BindingDiscoverySm final : public Mox::Entity {
  public:
@@ -40,7 +45,7 @@ class BindingDiscoverySm final : public Mox::Entity {
       Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
       const Ptr<const Arp::ArpInputConfig>& arpInputConfig, Ptr<LocalBindingRecord> localBindingRecord,
       Ptr<const Evpn::EvpnStatus> evpnStatus, Ptr<ArpInputConfigTrigger> arpInputConfigTrigger,
-      const Ptr<const Limits>& limits = nullptr);
+      const Ptr<const Limits>& limits = nullptr, Ptr<const Arp::Confirmation> confirmation = nullptr);
 
   // Learns a binding. One that is there with the same station is not made anew; its kernel neighbour is
   // decided again. A new address is refused where there is no room for it, on the port that the MAC table has
@@ -71,6 +76,7 @@ class BindingDiscoverySm final : public Mox::Entity {
   void handleVlanL3Info(Bridging::VlanId vlanId);
   void handleRemoteBinding();
   void handleVgwVirtualMac();
+  void handleSilence();
 
   void processLocalMac(const VlanIdMacAddress& vlanIdMacAddress, const Lanix::IntfId& intfId);
   void processRemoteMac(const VlanIdMacAddress& vlanIdMacAddress);
@@ -92,6 +98,9 @@ class BindingDiscoverySm final : public Mox::Entity {
   Ptr<LocalBindingRecord> localBindingRecord_;
   Ptr<const Evpn::EvpnStatus> evpnStatus_;
   Ptr<ArpInputConfigTrigger> arpInputConfigTrigger_;
+  Mox::Notifiee<const Arp::Confirmation> confirmation_;
+  std::vector<Arp::HostAddress> silent_;  // to be looked at
+  Orb::Task silenceTask_;
   Orb::EventLoop& loop_;
   LocalBindingRoom room_;
   ConflictWatch conflicts_;

@@ -244,7 +244,8 @@ class FindCommand final : public Plugin::AgentCommandCallback {
       Orb::JsonObject shown = begun("local", vlanId.value(), key.ipAddress.toStrep(), mac);
       if (const Mox::String port = tables.interfaceOf(vlanId, mac); !port.empty())
         shown.add("interface", port);
-      shown.add("vrf", Tables::nameOf(key.vrfInfo)).add("source", "ARP");
+      shown.add("vrf", Tables::nameOf(key.vrfInfo))
+          .add("source", binding.confirmed() ? "ARP" : "moved here with its MAC, being asked for");
       list.add(tables.addHistory(shown, binding));
     });
     tables.remote(filter, [&](const RemoteBindingKey& key, const RemoteBinding& binding) {

@@ -37,14 +37,15 @@ LocalBindingRecord::~LocalBindingRecord() {
 }
 
 Ptr<LocalBinding> LocalBindingRecord::createLocalBinding(const VrfIpAddress& vrfIpAddress,
-                                                         const VlanIdMacAddress& vlanIdMacAddress) {
+                                                         const VlanIdMacAddress& vlanIdMacAddress,
+                                                         bool confirmed) {
   // Counted before anything is removed: replacing the only binding of a VRF must not let the VRF go.
   referenceVrf(vrfIpAddress.vrfInfo);
   const Ptr<LocalBinding> existing = binding(vrfIpAddress);
   TRACE8("vrfIpAddress=" << vrfIpAddress << " vlanIdMacAddress=" << vlanIdMacAddress
                          << " existingBinding=" << existing);
   if (existing) deleteLocalBinding(existing);
-  const Ptr<LocalBinding> created = bindingIs(vrfIpAddress, vlanIdMacAddress);
+  const Ptr<LocalBinding> created = bindingIs(vrfIpAddress, vlanIdMacAddress, confirmed);
   const Ptr<LocalMacToIp> ofMac = macToIpIs(vlanIdMacAddress);
   ofMac->bindingIs(created);
   countAtPort(ofMac->port(), 1, 0);

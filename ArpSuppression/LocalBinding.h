@@ -11,13 +11,18 @@ namespace ArpSuppression {
 // One address of a host that is attached to this switch. Made by the record only.
 class LocalBinding final : public Mox::Entity {
  public:
-  LocalBinding(VrfIpAddress vrfIpAddress, VlanIdMacAddress vlanIdMacAddress)
-      : vrfIpAddress_(std::move(vrfIpAddress)), vlanIdMacAddress_(vlanIdMacAddress) {}
+  LocalBinding(VrfIpAddress vrfIpAddress, VlanIdMacAddress vlanIdMacAddress, bool confirmed = true)
+      : vrfIpAddress_(std::move(vrfIpAddress)), vlanIdMacAddress_(vlanIdMacAddress), confirmed_(confirmed) {}
   const VrfIpAddress& vrfIpAddress() const { return vrfIpAddress_; }
   const VlanIdMacAddress& vlanIdMacAddress() const { return vlanIdMacAddress_; }
 
   // The kernel has a dynamic neighbour for the address as well.
   MOX_ATTRIBUTE(bool, arpStatusHasDynamicEntry, false)
+
+  // The station was heard with the address, on this switch. False: it had the address on another switch, and is
+  // asked for it.
+  bool confirmed() const { return confirmed_; }
+  void confirmedIs() { confirmed_ = true; }
 
   // For people: when the address got this station, when that was heard last, and how often the address had
   // changed its station before. In whole seconds on the event loop's clock.
@@ -37,6 +42,7 @@ class LocalBinding final : public Mox::Entity {
  private:
   VrfIpAddress vrfIpAddress_;
   VlanIdMacAddress vlanIdMacAddress_;
+  bool confirmed_;
   History history_;
 };
 
@@ -76,7 +82,7 @@ class LocalBindingRecord final : public VrfUseTracker {
 
   // Replaces a binding of the same address, one to the same station too: watchers see it go and come.
   Ptr<LocalBinding> createLocalBinding(const VrfIpAddress& vrfIpAddress,
-                                       const VlanIdMacAddress& vlanIdMacAddress);
+                                       const VlanIdMacAddress& vlanIdMacAddress, bool confirmed = true);
   // The binding must be the record's.
   void deleteLocalBinding(const Ptr<LocalBinding>& binding);
 

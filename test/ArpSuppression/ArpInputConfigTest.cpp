@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <functional>
 
 #include "ArpSuppression/Problems.h"
 #include "Lanix/NetlinkSocket.h"
@@ -517,6 +518,89 @@ TEST_F(ArpInput, reevaluationInTheMiddleOfAWalkBeginsAgain) {
     rig.settle();
     EXPECT_EQ(entries(), all);
   }
+}
+
+// A station with a remote binding moves here, on a VLAN whose neighbours are advertised to other switches.
+TEST_F(ArpInput, whatMovesHereIsAskedForWhereNeighboursAreAdvertised) {
+  const auto confirmation = rig.state<Arp::Confirmation>(Arp::kConfirmationPath);
+  const Arp::HostAddress asked{Vlan(10), ip("10.0.0.5")};
+  confirmation->vlanIs(Vlan(10));
+  start();
+  const auto moved = [&](std::uint32_t vlan = 10) {
+    rig.fdb(static_cast<Bridging::Fid>(vlan), kMac1, Bridging::EntryType::learnedDynamic, "Ethernet1");
+    rig.settle();
+  };
+  const std::string entry = "red 10.0.0.5 Vlan10 02:00:00:00:00:01 ";
+  const struct {
+    const char* what;
+    std::function<void()> happens;
+    std::size_t bindings;
+    Lines entries;
+    std::uint64_t installed;  // in the kernel, straight
+  } cases[] = {
+      {"nothing yet", [] {}, 1, {entry + "2"}, 0},
+      {"the MAC is heard of again", [&] { moved(); }, 1, {entry + "2"}, 0},
+      {"nobody answers", [&] { confirmation->silentIs(asked); }, 0, {}, 0},
+      {"an address of another VLAN is silent",
+       [&] {
+         confirmation->silentIs({Vlan(20), asked.address});
+       },
+       1,
+       {entry + "2"},
+       0},
+      {"silent for a moment",
+       [&] { confirmation->silentIs(asked), confirmation->silentDel(asked); },
+       1,
+       {entry + "2"},
+       0},
+      {"its own request",
+       [&] { rig.trap(Trapped{.senderMac = kMac1, .senderIp = "10.0.0.5"}); },
+       1,
+       {entry + "1"},
+       1},
+      {"silent after its own request",
+       [&] { rig.trap(Trapped{.senderMac = kMac1, .senderIp = "10.0.0.5"}), confirmation->silentIs(asked); },
+       1,
+       {entry + "1"},
+       1},
+      {"it answers", [&] { rig.neighbour("10.0.0.5", kMac1); }, 1, {}, 0},
+      {"it answers, and goes later",
+       [&] {
+         rig.neighbour("10.0.0.5", kMac1), rig.settle();
+         kernel()->arpEntryDel({5, asked.address, intf("Vlan10"), {}});
+       },
+       0,
+       {},
+       0},
+      {"another station answers", [&] { rig.neighbour("10.0.0.5", kMac2); }, 0, {}, 0},
+      {"neighbours are not advertised any more",
+       [&] { confirmation->vlanDel(Vlan(10)); },
+       1,
+       {entry + "1"},
+       1},
+  };
+  for (const auto& item : cases) {
+    SCOPED_TRACE(item.what);
+    const auto installs = [&] { return rig.counter(ArpSuppressionCounterId::kernelInstallSuccess); };
+    const std::uint64_t before = installs();
+    remote(10, "10.0.0.5", kMac1);
+    moved();
+    noRemote(10, "10.0.0.5");
+    item.happens();
+    rig.settle();
+    EXPECT_EQ(rig.root()->localBindingRecord->bindings(), item.bindings);
+    EXPECT_EQ(entries(), item.entries);
+    EXPECT_EQ(installs() - before, item.installed);
+    rig.table<Memtab::Bridging::Status>("bridging/status")->fdbDel({10, mac(kMac1)});
+    kernel()->arpEntryDel({5, asked.address, intf("Vlan10"), {}});
+    confirmation->silentDelAll();
+    rig.settle();
+    ASSERT_EQ(rig.root()->localBindingRecord->bindings(), 0u);
+  }
+  // On a VLAN whose neighbours stay on this switch it is believed at once.
+  remote(20, "10.0.20.5", kMac1);
+  moved(20);
+  EXPECT_THAT(entries(), ElementsAre("red 10.0.20.5 Vlan20 02:00:00:00:00:01 1"));
 }
 
 TEST_F(ArpInput, anErrorInAWalkCostsTheEntryThatMetIt) {

@@ -105,6 +105,7 @@ Rig::Rig(std::unique_ptr<Statedb::Store> store, const Orb::Clock* given)
            {"ip/vrf/status/local", "Ip::AllVrfStatusLocal"},
            {"arp/input/config/arpSuppression", "Arp::ArpInputConfig"},
            {"interface/status/all", "Interface::AllIntfStatusDir"},
+           {Arp::kConfirmationPath, Arp::kConfirmationType},
            {kLimitsPath, kLimitsType},
            {kNeverAnswerPath, kNeverAnswerType},
            {Switch::kForwardingPath, Switch::kForwardingType},
