@@ -173,6 +173,7 @@ class Datapath {
   // One VLAN.
   Standing lookVlan(std::uint16_t id, Vlan& vlan);
   void lookTrunk(std::uint16_t id, Vlan& vlan, const Netlink::Link& bridge, Standing& standing);
+  void suppressedTwice(const Vlan& vlan, const Netlink::Link& bridge, Standing& standing) const;
   void lookPlain(std::uint16_t id, Vlan& vlan, const Netlink::Link& bridge, Standing& standing);
   std::string whyNotServed(std::uint16_t id, const Vlan& vlan, std::string& advice) const;
   bool isTunnelPort(const std::string& device) const;

@@ -60,11 +60,25 @@ Standing Datapath::lookVlan(std::uint16_t id, Vlan& vlan) {
   } else {
     lookPlain(id, vlan, bridge, standing);
   }
+  suppressedTwice(vlan, bridge, standing);
   if (!shared_.ready) standing.because(shared_.reason, shared_.passing);
   if (!standing.check(trappedIs(id, vlan, vlan.active && standing.reason.empty())))
     static_cast<void>(trappedIs(id, vlan, false));
   standing.ready = standing.reason.empty();
   return standing;
+}
+
+// A port that several VLANs share is told of once: it is the port's own setting.
+void Datapath::suppressedTwice(const Vlan& vlan, const Netlink::Link& bridge, Standing& standing) const {
+  for (const std::string& name : vlan.wanted.tunnelPorts) {
+    const Netlink::Link* link = links_.find(name);
+    if (link == nullptr || link->master != bridge.index || !link->port || !link->port->neighSuppress)
+      continue;
+    standing.complaints.push_back(
+        {"tunnel port " + name,
+         "the bridge answers for the hosts behind it too (neigh_suppress): who asks for one gets two answers",
+         "bridge link set dev " + name + " neigh_suppress off"});
+  }
 }
 
 void Datapath::lookPlain(std::uint16_t id, Vlan& vlan, const Netlink::Link& bridge, Standing& standing) {

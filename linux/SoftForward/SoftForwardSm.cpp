@@ -1,6 +1,7 @@
 #include "SoftForward/SoftForwardSm.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace SoftForward {
 
@@ -268,9 +269,12 @@ void SoftForwardSm::report(std::uint16_t id, const Standing& standing, bool main
     now.insert(subject);  // not over yet
   }
   for (const Complaint& complaint : standing.complaints) is(complaint);
-  for (const std::string& before : reported_[id])
-    if (!now.contains(before)) problems_.problemDel(before);
-  reported_[id] = std::move(now);
+  const std::set<std::string> last = std::exchange(reported_[id], std::move(now));
+  for (const std::string& before : last) {
+    const bool lasts = std::ranges::any_of(
+        reported_, [&](const auto& reported) { return reported.second.contains(before); });
+    if (!lasts) problems_.problemDel(before);
+  }
 }
 
 void SoftForwardSm::dumpState(Orb::DumpContext& context, int indent) const {
