@@ -33,19 +33,21 @@ constexpr unsigned kUpdateLevel = 3;
 ArpServiceRootSm::ArpServiceRootSm(Ptr<const Switch::Config> config,
                                    Ptr<const Arp::ArpInputConfig> arpInputConfig,
                                    Ptr<const Ip::AllVrfStatusLocal> vrfStatusLocal,
-                                   Ptr<Arp::ServiceStatus> status, Ptr<Switch::Problems> problems,
-                                   const NamespaceSm::Settings& settings,
+                                   Ptr<Arp::ServiceStatus> status, Ptr<Arp::Confirmation> confirmation,
+                                   Ptr<Switch::Problems> problems, const NamespaceSm::Settings& settings,
                                    const Ptr<Orb::TaskScheduler>& scheduler)
     : config_(std::move(config), [this] { updateTask_.schedule(); }),
       arpInputConfig_(std::move(arpInputConfig)),
       vrfStatusLocal_(std::move(vrfStatusLocal)),
       status_(std::move(status)),
+      confirmation_(std::move(confirmation)),
       problems_(std::move(problems), "ArpService"),
       settings_(settings),
       scheduler_(scheduler),
       updateTask_(scheduler, "ArpService VRFs", kUpdateLevel, [this] { update(); }) {
   vrfStatusLocal_.on(Ip::AllVrfStatusLocal::vrfChanged, [this](const Mox::String& name) { follow(name); });
   status_->vrfDelAll();
+  confirmation_->silentDelAll();
   for (const auto& [name, vrf] : vrfStatusLocal_->vrfCollection()) follow(name);
   update();
 }
@@ -80,10 +82,15 @@ void ArpServiceRootSm::update() {
     }
   }
   std::erase_if(namespaces_, [&](const auto& served) { return !wanted.contains(served.first); });
+  const Feed feed = config_ ? Feed::of(*config_.operator->()) : Feed();
   for (auto& [netNs, places] : wanted) {
     Ptr<NamespaceSm>& served = namespaces_[netNs];
-    if (!served)
-      served = Mox::make<NamespaceSm>(netNs, arpInputConfig_, status_, problems_, settings_, scheduler_);
+    if (!served) {
+      served = Mox::make<NamespaceSm>(netNs, arpInputConfig_, status_, confirmation_, problems_,
+                                      idleHostProblems_, settings_, scheduler_);
+    }
+    if (netNs == Lanix::kDefaultNamespace) places.feed = feed;
+    served->hasFeedIs(!feed.bridges.empty());
     served->placesAre(std::move(places));
     if (config_) served->refreshSecondsIs(config_->neighborRefreshSeconds());
   }
@@ -105,6 +112,7 @@ void ArpServiceAgent::doInit() {
   group->mountIs(kInputPath, "Arp::ArpInputConfig", "r");
   group->mountIs(kVrfStatusLocalPath, "Ip::AllVrfStatusLocal", "r");
   group->mountIs(kStatusPath, "Arp::ServiceStatus", "wc");
+  group->mountIs(Arp::kConfirmationPath, Arp::kConfirmationType, "wc");
   localEntitiesCreatedIs(true);
   group->doClose(false, "ArpService", 0.0);
 }
@@ -117,12 +125,13 @@ void ArpServiceAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   const auto input = tree->entityOf<Arp::ArpInputConfig>(kInputPath);
   const auto vrfs = tree->entityOf<Ip::AllVrfStatusLocal>(kVrfStatusLocalPath);
   const auto status = tree->entityOf<Arp::ServiceStatus>(kStatusPath);
-  if (!switchConfig || !input || !vrfs || !status) {
+  const auto confirmation = tree->entityOf<Arp::Confirmation>(Arp::kConfirmationPath);
+  if (!switchConfig || !input || !vrfs || !status || !confirmation) {
     ARP_SERVICE_TRACE(0, "ArpService does not run: " << kInputPath << ", " << kVrfStatusLocalPath << " or "
                                                      << kStatusPath << " has an entity of another type");
     return;
   }
-  rootSm_ = Mox::make<ArpServiceRootSm>(switchConfig, input, vrfs, status,
+  rootSm_ = Mox::make<ArpServiceRootSm>(switchConfig, input, vrfs, status, confirmation,
                                         tree->entityOf<Switch::Problems>(Switch::kProblemsPath),
                                         NamespaceSm::Settings(), taskSchedulerRoot()->scheduler());
 }

@@ -13,11 +13,11 @@ namespace ArpService {
 // Has a NamespaceSm for each network namespace that has a VRF of the switch.
 class ArpServiceRootSm final : public Mox::Entity {
  public:
-  // `config` says which VRFs have a device, and when neighbours are probed.
+  // `config` says which VRFs have a device, when neighbours are probed, and whether there is a feed.
   ArpServiceRootSm(Ptr<const Switch::Config> config, Ptr<const Arp::ArpInputConfig> arpInputConfig,
                    Ptr<const Ip::AllVrfStatusLocal> vrfStatusLocal, Ptr<Arp::ServiceStatus> status,
-                   Ptr<Switch::Problems> problems, const NamespaceSm::Settings& settings,
-                   const Ptr<Orb::TaskScheduler>& scheduler);
+                   Ptr<Arp::Confirmation> confirmation, Ptr<Switch::Problems> problems,
+                   const NamespaceSm::Settings& settings, const Ptr<Orb::TaskScheduler>& scheduler);
 
  private:
   void update();
@@ -27,7 +27,9 @@ class ArpServiceRootSm final : public Mox::Entity {
   Ptr<const Arp::ArpInputConfig> arpInputConfig_;
   Mox::Notifiee<const Ip::AllVrfStatusLocal> vrfStatusLocal_;
   Ptr<Arp::ServiceStatus> status_;
+  Ptr<Arp::Confirmation> confirmation_;
   Switch::ProblemReporter problems_;
+  IdleHostProblems idleHostProblems_{problems_};
   const NamespaceSm::Settings settings_;
   Ptr<Orb::TaskScheduler> scheduler_;
   std::map<Mox::String, std::unique_ptr<Mox::Notifiee<const Ip::VrfStatusLocal>>> vrfs_;

@@ -2,6 +2,7 @@
 
 #include <linux/rtnetlink.h>
 
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -27,13 +28,47 @@ void Devices::handleMessage(const Netlink::Received& message) {
   if (!isThere) return;
   told_.insert(link->index);
   if (link->kind == "vrf") vrfDeviceIs(link->index, link->name);
+  if (link->kind == "bridge") bridgeIs(*link);
   if (!now) return;
   Device& device = devices_[link->index];
   device.intf = now;
+  const auto what = [](const Netlink::Link& a) { return std::tie(a.kind, a.vlanId, a.peer); };
+  if (!device.isFeedDevice || what(device.link) != what(*link)) feedDevicesKnown_ = false;
+  device.link = *link;
   const IfIndex above = link->masterKind == "vrf" ? link->master : 0;
   const bool moved = above != device.vrfDevice;
   if (moved) device.vrfDeviceBefore = std::exchange(device.vrfDevice, above);
   if (std::exchange(indices_[now], link->index) != link->index || moved) come_(now);
+}
+
+void Devices::bridgeIs(const Netlink::Link& link) {
+  Netlink::Link& known = bridges_[link.index];
+  if (known.name == link.name && known.filtersVlans == link.filtersVlans) return;
+  known = link;
+  feedDevicesKnown_ = false;
+}
+
+std::optional<bool> Devices::findFeedDevices(const Feed& feed) {
+  if (std::exchange(feedDevicesKnown_, true)) return std::nullopt;
+  std::map<std::string, const Netlink::Link*> bridges;
+  for (const auto& [ifIndex, link] : bridges_) bridges[link.name] = &link;
+  bool isOther = false;
+  for (auto& [ifIndex, device] : devices_) {
+    const Bridging::VlanId vlanId(device.intf.vlanNumber());
+    const auto vlan = feed.bridges.find(vlanId);
+    const auto bridge = vlan == feed.bridges.end() ? bridges.end() : bridges.find(vlan->second);
+    const bool is =
+        bridge != bridges.end() &&
+        Netlink::isFeedDevice(device.link, *bridge->second, static_cast<std::uint16_t>(vlanId.value()));
+    isOther = isOther || (device.isFeedDevice && *device.isFeedDevice != is);
+    device.isFeedDevice = is;
+  }
+  return isOther;
+}
+
+bool Devices::isFeedDevice(IfIndex ifIndex) const {
+  const Device* const device = find(ifIndex);
+  return device && device->isFeedDevice.value_or(false);
 }
 
 // It may come to be known after what is below it, and its name may change.
@@ -52,6 +87,9 @@ void Devices::readEnd() {
   for (const auto& [ifIndex, name] : vrfDevices_) {
     if (!told_.contains(ifIndex)) gone.push_back(ifIndex);
   }
+  for (const auto& [ifIndex, link] : bridges_) {
+    if (!told_.contains(ifIndex)) gone.push_back(ifIndex);
+  }
   for (const IfIndex ifIndex : gone) linkDel(ifIndex);
 }
 
@@ -59,14 +97,18 @@ void Devices::clear() {
   indices_.clear();
   devices_.clear();
   vrfDevices_.clear();
+  bridges_.clear();
+  feedDevicesKnown_ = false;
 }
 
 // Another device may have the interface's name by now.
 void Devices::linkDel(IfIndex ifIndex) {
   told_.erase(ifIndex);
   vrfDevices_.erase(ifIndex);
+  if (bridges_.erase(ifIndex) != 0) feedDevicesKnown_ = false;
   const auto known = devices_.extract(ifIndex);
   if (!known) return;
+  if (known.mapped().isFeedDevice.value_or(false)) feedDevicesKnown_ = false;
   if (const auto at = indices_.find(known.mapped().intf); at != indices_.end() && at->second == ifIndex)
     indices_.erase(at);
 }

@@ -2,10 +2,12 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
 
+#include "ArpService/Feed.h"
 #include "Lanix/IntfId.h"
 #include "Netlink/Route.h"
 
@@ -38,12 +40,21 @@ class Devices {
   std::string vrfDeviceBefore(IfIndex ifIndex) const;
   void forEach(const std::function<void(const Lanix::IntfId&)>& visit) const;
 
+  // Finds out which VLAN interfaces are feed devices; nothing: that cannot have changed since the last time.
+  // True: one that was known then is what it was not.
+  std::optional<bool> findFeedDevices(const Feed& feed);
+  // As it was found out last.
+  bool isFeedDevice(IfIndex ifIndex) const;
+
  private:
   struct Device {
     Lanix::IntfId intf;
+    Netlink::Link link;
+    std::optional<bool> isFeedDevice;  // nothing: not found out yet
     IfIndex vrfDevice = 0;
     IfIndex vrfDeviceBefore = 0;
   };
+  void bridgeIs(const Netlink::Link& link);
   void vrfDeviceIs(IfIndex ifIndex, const std::string& name);
   void linkDel(IfIndex ifIndex);
   const Device* find(IfIndex ifIndex) const;
@@ -53,6 +64,8 @@ class Devices {
   std::map<Lanix::IntfId, IfIndex> indices_;
   std::unordered_map<IfIndex, Device> devices_;
   std::unordered_map<IfIndex, std::string> vrfDevices_;  // names
+  std::unordered_map<IfIndex, Netlink::Link> bridges_;
+  bool feedDevicesKnown_ = false;
   std::set<IfIndex> told_;
 };
 

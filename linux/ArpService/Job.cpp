@@ -1,5 +1,6 @@
 #include "ArpService/Job.h"
 
+#include <linux/neighbour.h>
 #include <linux/netlink.h>
 
 #include <cerrno>
@@ -23,14 +24,16 @@ void exchange(Netlink::Socket& socket, const std::vector<Job*>& jobs, Request re
 
 }  // namespace
 
+bool Job::isSilent() const { return asked && (actual.state & NUD_FAILED) != 0; }
+
 void bringInStep(Netlink::Socket& socket, std::span<Job> jobs) {
   std::vector<Job*> create;
   std::vector<Job*> look;
   std::vector<Job*> change;
-  for (Job& job : jobs) (job.wanted ? create : look).push_back(&job);
+  for (Job& job : jobs) (job.wish.kind == Wish::Kind::nothing ? look : create).push_back(&job);
   exchange(
       socket, create,
-      [](const Job& job) { return writeRequest(job.ifIndex, job.address, *job.wanted, NLM_F_EXCL); },
+      [](const Job& job) { return writeRequest(job.ifIndex, job.address, job.wish, NLM_F_EXCL); },
       [&](Job& job, const Mox::Result<>& result) {
         if (result.number() == EEXIST) {
           look.push_back(&job);
@@ -44,15 +47,16 @@ void bringInStep(Netlink::Socket& socket, std::span<Job> jobs) {
       [&](Job& job, const Mox::Result<>& result) {
         if (!result && result.number() != ENOENT) {
           job.result = result;
-        } else if (judge(job.wanted, job.actual) != Verdict::leave) {
+        } else if (!job.isSilent() && judge(job.wish, job.actual) != Verdict::leave) {
           change.push_back(&job);
         }
       });
   exchange(
       socket, change,
       [](const Job& job) {
-        return job.wanted ? writeRequest(job.ifIndex, job.address, *job.wanted, NLM_F_REPLACE)
-                          : removeRequest(job.ifIndex, job.address);
+        return judge(job.wish, job.actual) == Verdict::remove
+                   ? removeRequest(job.ifIndex, job.address)
+                   : writeRequest(job.ifIndex, job.address, job.wish, NLM_F_REPLACE);
       },
       [](Job& job, const Mox::Result<>& result) {
         if (!result && result.number() != ENOENT) job.result = result;

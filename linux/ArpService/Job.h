@@ -10,9 +10,13 @@ namespace ArpService {
 struct Job {
   IfIndex ifIndex = 0;
   Lanix::IpGenAddr address;
-  const Arp::ArpEntryInput* wanted = nullptr;  // null: nothing; refers to the configuration
-  Netlink::Neighbour actual;                   // as the kernel had it, if it had to be asked
-  Mox::Result<> result;                        // whether it is in step now
+  Wish wish;
+  bool asked = false;  // it was had ask for the address already: that it failed to have an answer stands
+  Netlink::Neighbour actual;  // as the kernel had it, if it had to be asked
+  Mox::Result<> result;       // whether it is in step now
+
+  // Nobody answered.
+  bool isSilent() const;
 };
 
 // Brings up to a batch of neighbours in step with at most three exchanges. What is not there is written with

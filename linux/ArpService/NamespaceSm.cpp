@@ -1,5 +1,6 @@
 #include "ArpService/NamespaceSm.h"
 
+#include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
@@ -13,7 +14,6 @@ namespace {
 // What happens in the kernel is more urgent than the rounds that find what was missed.
 constexpr unsigned kReceiveLevel = 2;
 constexpr unsigned kRoundLevel = 3;
-constexpr std::size_t kProbesPerRound = 1024;
 constexpr std::size_t kMessagesPerCall = 64;
 constexpr int kNotificationBuffer = 4 << 20;
 // rtnetlink answers from within the send, so this passes only when something is broken.
@@ -21,7 +21,6 @@ constexpr int kAnswerMilliseconds = 100;
 constexpr double kNextRound = 0.02;  // seconds, after one that is still under way
 constexpr double kFirstRetry = 1;
 constexpr double kLastRetry = 60;
-constexpr double kMoreProbes = 1;
 constexpr double kLongestPeriod = 3600;
 // At the end. 100,000 neighbours take less than a second, and some on a busy machine; what ends a daemon that
 // does not end itself waits longer than this.
@@ -29,33 +28,33 @@ constexpr double kLastWords = 20;
 
 }  // namespace
 
-struct NamespaceSm::Sockets {
-  explicit Sockets(Netlink::Kernel* kernel)
-      : notifications(NETLINK_ROUTE, {.receiveBuffer = kNotificationBuffer}, kernel),
-        requests(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = kAnswerMilliseconds}, kernel),
-        dumps(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = kAnswerMilliseconds}, kernel) {}
-  Netlink::Socket notifications;
-  Netlink::Socket requests;
-  Netlink::Socket dumps;
-};
+NamespaceSm::Sockets::Sockets(Netlink::Kernel* kernel)
+    : notifications(NETLINK_ROUTE, {.receiveBuffer = kNotificationBuffer}, kernel),
+      requests(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = kAnswerMilliseconds}, kernel),
+      dumps(NETLINK_ROUTE, {.receiveTimeoutMilliseconds = kAnswerMilliseconds}, kernel) {}
 
 NamespaceSm::NamespaceSm(const Lanix::NamespaceName& name, Ptr<const Arp::ArpInputConfig> arpInputConfig,
-                         Ptr<Arp::ServiceStatus> status, Switch::ProblemReporter& problems,
+                         Ptr<Arp::ServiceStatus> status, Ptr<Arp::Confirmation> confirmation,
+                         Switch::ProblemReporter& problems, IdleHostProblems& idleHostProblems,
                          const Settings& settings, const Ptr<Orb::TaskScheduler>& scheduler)
     : WalkSmBase(scheduler, "ArpService neighbours of " + name),
       kernel_(settings.kernel),
       arpInputConfig_(std::move(arpInputConfig)),
       status_(std::move(status)),
+      confirmation_(std::move(confirmation)),
       problems_(problems),
+      idleHostProblems_(idleHostProblems),
       name_(name),
       descriptor_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), "ArpService " + name)),
       readable_(descriptor_),
       devices_([this](const Lanix::IntfId& intf) { handleInterface(intf); }),
       round_(
-          devices_, vrfs_, [this](const Netlink::Neighbour& actual) { compare(actual); },
+          devices_, vrfs_, [this](const Netlink::NeighbourTable& table) { idleHosts_.handleTable(table); },
+          [this](const Netlink::Neighbour& actual) { compare(actual); },
           [this](const char* doing, const Mox::Failure& failure) { refuse(doing, failure); }),
       receiveTask_(scheduler, "ArpService changes of " + name, kReceiveLevel, [this] { handleReadable(); }),
-      roundTask_(scheduler, "ArpService round of " + name, kRoundLevel, [this] { handleRound(); }) {
+      roundTask_(scheduler, "ArpService round of " + name, kRoundLevel, [this] { handleRound(); }),
+      probeTask_(scheduler, "ArpService probes of " + name, kRoundLevel, [this] { probe(); }) {
   arpInputConfig_.on(Arp::ArpInputConfig::vrfChanged, [this](const Mox::String& vrf) {
     if (const auto at = vrfs_.find(vrf); at != vrfs_.end()) handleConfig(*at->second);
   });
@@ -70,17 +69,23 @@ NamespaceSm::~NamespaceSm() {
   while (sockets_ && clock.now() < end && step()) {
   }
   close();
+  if (name_ == Lanix::kDefaultNamespace) confirmation_->vlanDelAll();
+  idleHostProblems_.gone(idleHosts_);
   for (const auto& [name, vrf] : vrfs_) problems_.problemDel(subject(*vrf));
 }
 
 void NamespaceSm::refreshSecondsIs(double seconds) {
-  if (std::exchange(refreshSeconds_, seconds) > seconds) roundTask_.schedule();
+  const double before = idleHosts_.period();
+  idleHosts_.refreshSecondsIs(seconds);
+  if (idleHosts_.period() < before) roundTask_.schedule();
 }
 
 // --- The VRFs and their namespace ------------------------------------------------------------------------
 
 void NamespaceSm::placesAre(Places places) {
   if (places == places_) return;
+  // What is wanted of every key may be another thing now.
+  if (places.feed != places_.feed) reopen_ = true;
   places_ = std::move(places);
   if (own_.notifier() != places_.own) {
     own_.notifierIs(places_.own);
@@ -161,7 +166,9 @@ void NamespaceSm::close() {
   round_.reset();
   sockets_ = nullptr;
   devices_.clear();
-  stale_.clear();
+  probeTask_.cancel();
+  idleHosts_.roundBegins();
+  for (const Key& key : std::exchange(asked_, {})) confirmation_->silentDel(key.host());
   for (const auto& [name, vrf] : vrfs_) vrf->queue.unsettleAll();
 }
 
@@ -185,17 +192,26 @@ void NamespaceSm::handleReadable() {
 }
 
 void NamespaceSm::handleMessage(const Netlink::Received& message) {
-  if (message.type() == RTM_NEWLINK || message.type() == RTM_DELLINK) return devices_.handleMessage(message);
-  if (message.type() != RTM_DELNEIGH) return;
-  const auto gone = Netlink::readNeighbour(message);
-  const Lanix::IntfId intf = gone && !gone->isMacEntry() ? devices_.intf(gone->ifIndex) : Lanix::IntfId();
-  if (!intf) return;
+  if (message.type() == RTM_NEWLINK || message.type() == RTM_DELLINK) {
+    devices_.handleMessage(message);
+    return scheduleWalk();
+  }
+  const bool isGone = message.type() == RTM_DELNEIGH;
+  if (!isGone && asked_.empty()) return;
+  const auto neighbour = Netlink::readNeighbour(message);
+  if (!neighbour || neighbour->isMacEntry()) return;
+  const IfIndex ifIndex = neighbour->ifIndex;
+  const Key key{neighbour->address, devices_.intf(ifIndex)};
+  if (!key.intf) return;
   // The kernel tells that an interface moved before it drops its neighbours.
-  Vrf* const now = vrfOf(gone->ifIndex);
-  Vrf* const before = vrfBelow(devices_.vrfDeviceBefore(gone->ifIndex));
+  Vrf* const now = vrfOf(ifIndex);
+  Vrf* const before = vrfBelow(devices_.vrfDeviceBefore(ifIndex));
   for (Vrf* const vrf : {now, before == now ? nullptr : before}) {
-    const Arp::ArpEntryInput* const entry = vrf ? vrf->wanted({gone->address, intf}) : nullptr;
-    if (entry && !entry->dynamic) enqueue(*vrf, {gone->address, intf});
+    if (!vrf) continue;
+    const Wish::Kind kind = wish(vrf->wanted(key), key, ifIndex).kind;
+    const bool concerned = isGone ? kind == Wish::Kind::permanent || kind == Wish::Kind::answered
+                                  : (neighbour->state & NUD_INCOMPLETE) == 0 && asked_.contains(key);
+    if (concerned) enqueue(*vrf, key);
   }
 }
 
@@ -245,6 +261,7 @@ Orb::WalkRet NamespaceSm::walk() {
   do {
     ++ret.processed;
     if (reopen_) follow();
+    lookForFeedDevices();
     if (!step()) break;
     ret.moreWork = true;
   } while (!mustYield());
@@ -262,10 +279,6 @@ bool NamespaceSm::step() {
       return true;
     }
   }
-  if (round_.idle() && !stale_.empty()) {
-    probe();
-    return true;
-  }
   return round_.step();
 }
 
@@ -274,6 +287,11 @@ bool NamespaceSm::step() {
 void NamespaceSm::walkFinishedNotification() {
   if (!sockets_ && !reopen_) return;
   const bool ended = round_.takeEnded();
+  if (ended) {
+    idleHosts_.roundEnds();
+    idleHostProblems_.tell(idleHosts_);
+    if (!idleHosts_.empty()) probeTask_.schedule();
+  }
   const bool tried = std::exchange(openFailed_, false) || ended;
   if (std::exchange(refused_, false)) {
     if (tried || retryDelay_ == 0) retryDelay_ = std::clamp(retryDelay_ * 2, kFirstRetry, kLastRetry);
@@ -283,7 +301,7 @@ void NamespaceSm::walkFinishedNotification() {
   for (const auto& [name, vrf] : vrfs_) {
     if (!std::exchange(vrf->refused, false) && tried) noProblem(*vrf);
   }
-  const double period = std::clamp(refreshSeconds_ / 4, kFirstRetry, kLongestPeriod);
+  const double period = std::clamp(idleHosts_.period(), kFirstRetry, kLongestPeriod);
   roundTask_.schedule(retryDelay_ > 0 ? std::min(retryDelay_, period) : period);
 }
 
@@ -291,70 +309,8 @@ void NamespaceSm::handleRound() {
   scheduleWalk();
   if (!sockets_) return;
   if (!round_.idle()) return roundTask_.schedule(kNextRound);
+  idleHosts_.roundBegins();
   round_.start(sockets_->dumps);
-}
-
-void NamespaceSm::compare(const Netlink::Neighbour& actual) {
-  const Lanix::IntfId intf = devices_.intf(actual.ifIndex);
-  Vrf* const vrf = intf ? vrfOf(actual.ifIndex) : nullptr;
-  if (!vrf) return;
-  const Key key{actual.address, intf};
-  const Arp::ArpEntryInput* const want = vrf->wanted(key);
-  if (judge(want, actual) != Verdict::leave) return vrf->queue.add(key);
-  if (isStale(actual) && actual.confirmedAgo >= refreshSeconds_) {
-    if (stale_.size() < kProbesPerRound) {
-      stale_.push_back(actual);
-    } else {
-      roundTask_.schedule(kMoreProbes);
-    }
-  }
-  if (want) vrf->queue.settle(key, want);
-}
-
-void NamespaceSm::probe() {
-  const std::size_t count = std::min(stale_.size(), Netlink::Socket::kBatch);
-  const auto first = stale_.end() - static_cast<std::ptrdiff_t>(count);
-  std::vector<Netlink::Message> messages;
-  for (auto at = first; at != stale_.end(); ++at) messages.push_back(probeRequest(at->ifIndex, at->address));
-  // One that has gone meanwhile is refused, which is as well.
-  sockets_->requests.batch(messages, [&](std::size_t i, const Mox::Result<>& result) {
-    Vrf* const vrf = vrfOf((first + static_cast<std::ptrdiff_t>(i))->ifIndex);
-    if (vrf && result) vrf->status->probesIs(vrf->status->probes() + 1);
-  });
-  stale_.erase(first, stale_.end());
-}
-
-// A key whose interface is not there, or in another VRF, is parked, unless nothing is wanted for it.
-void NamespaceSm::program() {
-  std::vector<std::pair<Vrf*, Key>> keys;
-  std::vector<Job> jobs;
-  for (const auto& [name, vrf] : vrfs_) {
-    while (jobs.size() < Netlink::Socket::kBatch && !vrf->queue.empty()) {
-      const Key key = vrf->queue.take();
-      const Arp::ArpEntryInput* const want = vrf->wanted(key);
-      if (const IfIndex ifIndex = devices_.ifIndex(key.intf); ifIndex != 0 && vrfOf(ifIndex) == vrf.get()) {
-        keys.emplace_back(vrf.get(), key);
-        jobs.push_back({ifIndex, key.address, want, {}, {}});
-      } else if (want) {
-        vrf->queue.park(key);
-      } else {
-        vrf->queue.settle(key, nullptr);
-      }
-    }
-  }
-  bringInStep(sockets_->requests, jobs);
-  for (std::size_t i = 0; i < jobs.size(); ++i) {
-    const Job& job = jobs[i];
-    auto& [vrf, key] = keys[i];
-    const bool deviceGone = job.result.number() == ENODEV;
-    if (job.result || (deviceGone && !job.wanted)) {
-      vrf->queue.settle(key, job.wanted);
-    } else if (deviceGone) {  // the kernel will tell
-      vrf->queue.park(key);
-    } else {
-      refuse(*vrf, key.intf.toStrep() + ", neighbour " + job.address.toStrep(), job.result.failure());
-    }
-  }
 }
 
 // --- What is told ----------------------------------------------------------------------------------------

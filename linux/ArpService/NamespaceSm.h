@@ -5,8 +5,11 @@
 #include <set>
 #include <vector>
 
+#include "Arp/Confirmation.h"
 #include "Arp/ServiceStatus.h"
 #include "ArpService/Devices.h"
+#include "ArpService/Feed.h"
+#include "ArpService/IdleHosts.h"
 #include "ArpService/Job.h"
 #include "ArpService/Round.h"
 #include "ArpService/Vrf.h"
@@ -24,6 +27,7 @@ struct Places {
   Ptr<const Ip::VrfStatusLocal> own;
   std::map<Mox::String, Mox::String> devices;  // VRF devices, and their VRFs
   std::set<Mox::String> vrfs;                  // all of them
+  Feed feed;                                   // of these
   friend bool operator==(const Places&, const Places&) = default;
 };
 
@@ -35,7 +39,13 @@ struct Places {
 //   - permanent ones of this system that the configuration does not hold go; dynamic ones are left to the
 //     kernel's ageing once they were given to it, and nobody else's are touched;
 //   - one that is right already is not written again, so that who watches the kernel sees nothing;
-//   - stale neighbours, whoever has them, are probed after a while, and go if nobody answers.
+//   - stale neighbours, whoever has them, are probed after a while, and go if nobody answers (IdleHosts.h);
+//   - an address that is to be confirmed is asked for, and it is told when nobody answers.
+//
+// On a feed device a routing daemon writes the hosts of other switches, and tells these of all others that it
+// finds there. So nothing is written there for a host of another switch that is not the operator's own; that
+// follows from the configuration alone, whatever comes first. What is of a local host is never permanent there:
+// it goes with the host.
 //
 // An interface that is put below a VRF device, or taken out from there, loses all its neighbours to the
 // kernel: those of the VRF that it left wait for it to come back.
@@ -53,7 +63,8 @@ class NamespaceSm final : public Orb::WalkSmBase {
     Netlink::Kernel* kernel = nullptr;
   };
   NamespaceSm(const Lanix::NamespaceName& name, Ptr<const Arp::ArpInputConfig> arpInputConfig,
-              Ptr<Arp::ServiceStatus> status, Switch::ProblemReporter& problems, const Settings& settings,
+              Ptr<Arp::ServiceStatus> status, Ptr<Arp::Confirmation> confirmation,
+              Switch::ProblemReporter& problems, IdleHostProblems& idleHostProblems, const Settings& settings,
               const Ptr<Orb::TaskScheduler>& scheduler);
   // Removes what the configuration gave up last: there is no later turn for that. The rest stays.
   ~NamespaceSm() override;
@@ -61,9 +72,16 @@ class NamespaceSm final : public Orb::WalkSmBase {
   void placesAre(Places places);
   // When a stale neighbour is probed: since the last proof of its address.
   void refreshSecondsIs(double seconds);
+  // See IdleHosts: in whichever namespace.
+  void hasFeedIs(bool hasFeed) { idleHosts_.hasFeedIs(hasFeed); }
 
  private:
-  struct Sockets;
+  struct Sockets {
+    explicit Sockets(Netlink::Kernel* kernel);
+    Netlink::Socket notifications;
+    Netlink::Socket requests;
+    Netlink::Socket dumps;
+  };
 
   Orb::WalkRet walk() override;
   void walkFinishedNotification() override;
@@ -81,6 +99,10 @@ class NamespaceSm final : public Orb::WalkSmBase {
   void handleRound();
   void compare(const Netlink::Neighbour& actual);
   void enqueue(Vrf& vrf, const Key& key);
+  void lookForFeedDevices();
+  Wish wish(const Arp::ArpEntryInput* entry, const Key& key, IfIndex ifIndex) const;
+  void handleAsked(const Key& key, const Job& job);
+  void handleDone(Vrf& vrf, const Key& key, const Job& job);
   bool unparkStep();
   bool queuesEmpty() const;
   void probe();
@@ -96,11 +118,12 @@ class NamespaceSm final : public Orb::WalkSmBase {
   Vrf* vrfOf(IfIndex ifIndex) const { return vrfBelow(devices_.vrfDevice(ifIndex)); }
   static Mox::String subject(const Vrf& vrf) { return "VRF " + vrf.name; }
 
-  double refreshSeconds_ = 240;
   Netlink::Kernel* kernel_;
   Mox::Notifiee<const Arp::ArpInputConfig> arpInputConfig_;
   Ptr<Arp::ServiceStatus> status_;
+  Ptr<Arp::Confirmation> confirmation_;
   Switch::ProblemReporter& problems_;
+  IdleHostProblems& idleHostProblems_;
   const Lanix::NamespaceName name_;
   Places places_;
   Mox::Notifiee<const Ip::VrfStatusLocal> own_;
@@ -112,12 +135,14 @@ class NamespaceSm final : public Orb::WalkSmBase {
   Mox::Notifiee<Orb::FileDescriptor> readable_;
   Devices devices_;
   Round round_;
-  std::vector<Netlink::Neighbour> stale_;  // to be probed
-  bool refused_ = false;                   // something of any VRF, in this walk
-  bool openFailed_ = false;                // in this walk
-  double retryDelay_ = 0;                  // of the next round; 0: nothing was refused in the last one
+  IdleHosts idleHosts_;
+  std::set<Key> asked_;      // the kernel was had ask for them, and what it found is not known
+  bool refused_ = false;     // something of any VRF, in this walk
+  bool openFailed_ = false;  // in this walk
+  double retryDelay_ = 0;    // of the next round; 0: nothing was refused in the last one
   Orb::Task receiveTask_;
   Orb::Task roundTask_;
+  Orb::Task probeTask_;
 };
 
 }  // namespace ArpService

@@ -36,18 +36,24 @@ bool isStale(const Netlink::Neighbour& neighbour) {
   return (neighbour.state & NUD_STALE) != 0 && !neighbour.isForeign();
 }
 
-Verdict judge(const Arp::ArpEntryInput* wanted, const Netlink::Neighbour& actual) {
+Verdict judge(const Wish& wish, const Netlink::Neighbour& actual) {
+  using Kind = Wish::Kind;
   const bool own = isOwnStatic(actual);
-  if (!wanted) return own ? Verdict::remove : Verdict::leave;
+  if (wish.kind == Kind::nothing) return own ? Verdict::remove : Verdict::leave;
   // An operator's, or another program's.
   if (!own && (actual.isStatic() || actual.isForeign())) return Verdict::leave;
-  const bool same = actual.mac == wanted->mac;
-  if (own) return same && !wanted->dynamic ? Verdict::leave : Verdict::write;
+  const bool same = actual.mac == wish.mac;
+  if (wish.kind == Kind::answered) {
+    if (own) return Verdict::remove;
+    const bool underWay = (actual.state & NUD_INCOMPLETE) != 0;
+    return underWay || actual.isResolved() ? Verdict::leave : Verdict::write;
+  }
+  if (own) return same && wish.kind == Kind::permanent ? Verdict::leave : Verdict::write;
   if (!actual.isResolved()) return Verdict::write;
-  if (wanted->dynamic) return same ? Verdict::leave : Verdict::write;
   // What the kernel resolved by itself serves a local host better: it notices when the host goes. The agent
   // takes its entry back when it sees that.
-  return wanted->arpType == Arp::kArpTypeLocal ? Verdict::leave : Verdict::write;
+  if (wish.yields) return Verdict::leave;
+  return same && wish.kind == Kind::reachable ? Verdict::leave : Verdict::write;
 }
 
 Message lookRequest(IfIndex ifIndex, const Lanix::IpGenAddr& address) {
@@ -58,12 +64,14 @@ Message removeRequest(IfIndex ifIndex, const Lanix::IpGenAddr& address) {
   return request(RTM_DELNEIGH, 0, ifIndex, address);
 }
 
-Message writeRequest(IfIndex ifIndex, const Lanix::IpGenAddr& address, const Arp::ArpEntryInput& wanted,
+Message writeRequest(IfIndex ifIndex, const Lanix::IpGenAddr& address, const Wish& wish,
                      std::uint16_t flags) {
-  Message message = request(RTM_NEWNEIGH, static_cast<std::uint16_t>(NLM_F_CREATE | flags), ifIndex, address,
-                            wanted.dynamic ? NUD_REACHABLE : NUD_PERMANENT);
-  message.bytes(NDA_LLADDR, std::as_bytes(std::span(wanted.mac.bytes())))
-      .u8(NDA_PROTOCOL, Arp::Table::kArpTypeOwn);
+  const auto all = static_cast<std::uint16_t>(NLM_F_CREATE | flags);
+  const bool asks = wish.kind == Wish::Kind::answered;
+  const std::uint16_t state = asks ? 0 : wish.kind == Wish::Kind::reachable ? NUD_REACHABLE : NUD_PERMANENT;
+  Message message = request(RTM_NEWNEIGH, all, ifIndex, address, state, asks ? NTF_USE : 0);
+  if (!asks) message.bytes(NDA_LLADDR, std::as_bytes(std::span(wish.mac.bytes())));
+  message.u8(NDA_PROTOCOL, Arp::Table::kArpTypeOwn);
   return message;
 }
 

@@ -16,6 +16,11 @@ void Queue::add(const Key& key) {
   if (!std::exchange(record.waiting, true)) waiting_.push_back(key);
 }
 
+void Queue::addFound(const Key& key) {
+  add(key);
+  records_[key].found = true;
+}
+
 void Queue::addUnsettled(const Key& key) {
   if (const auto at = records_.find(key); at == records_.end() || !isSettled(at->second)) add(key);
 }
@@ -27,27 +32,30 @@ void Queue::addAddress(const Lanix::IpGenAddr& address) {
     add(at->first);
 }
 
-Key Queue::take() {
+Queue::Taken Queue::take() {
   const Key key = waiting_.front();
   waiting_.pop_front();
   Record& record = records_[key];
   record.waiting = false;
   record.round = round_;
-  return key;
+  return {key, record.given, std::exchange(record.found, false)};
 }
 
-void Queue::settle(const Key& key, const Arp::ArpEntryInput* want) {
-  const auto at = records_.try_emplace(key).first;
-  Record& record = at->second;
+void Queue::settle(const Key& key, bool given) {
+  Record& record = records_[key];
   if (record.waiting) return;
-  settled_ -= isSettled(record) ? 1 : 0;
-  if (!want) {
-    records_.erase(at);
-    if (const auto parked = parked_.find(key.intf); parked != parked_.end()) parked->second.erase(key);
-    return;
-  }
-  ++settled_;
-  record = {false, true, want->dynamic, round_};
+  settled_ += isSettled(record) ? 0 : 1;
+  record.settled = true;
+  record.given = given;
+  record.round = round_;
+}
+
+void Queue::forget(const Key& key) {
+  const auto at = records_.find(key);
+  if (at == records_.end() || at->second.waiting) return;
+  settled_ -= isSettled(at->second) ? 1 : 0;
+  records_.erase(at);
+  if (const auto parked = parked_.find(key.intf); parked != parked_.end()) parked->second.erase(key);
 }
 
 void Queue::unpark(const Lanix::IntfId& intf) {
@@ -73,7 +81,7 @@ bool Queue::rescan(std::optional<Key>& bookmark, std::size_t max,
   auto at = bookmark ? records_.lower_bound(*bookmark) : records_.begin();
   for (; max != 0 && at != records_.end(); --max, ++at) {
     const auto& [key, record] = *at;
-    const bool given = isSettled(record) && record.dynamic;
+    const bool given = isSettled(record) && record.given;
     if ((record.round != round_ && !given) || gone(key)) add(key);
   }
   bookmark.reset();

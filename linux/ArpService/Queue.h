@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 
+#include "Arp/Confirmation.h"
 #include "Arp/InputConfig.h"
 #include "Lanix/IntfId.h"
 #include "Lanix/IpGenAddr.h"
@@ -17,6 +18,7 @@ namespace ArpService {
 struct Key {
   Lanix::IpGenAddr address;
   Lanix::IntfId intf;
+  Arp::HostAddress host() const { return {Bridging::VlanId(intf.vlanNumber()), address}; }
   friend auto operator<=>(const Key&, const Key&) = default;
 };
 
@@ -28,16 +30,25 @@ class Queue {
  public:
   bool empty() const { return waiting_.empty(); }
   void add(const Key& key);
+  // The kernel was found to have something else for it.
+  void addFound(const Key& key);
   // But not if it is settled.
   void addUnsettled(const Key& key);
   // Every known key of that address: it may have moved to another interface.
   void addAddress(const Lanix::IpGenAddr& address);
+  struct Taken {
+    Key key;
+    bool given;  // as it was settled last
+    bool found;  // see addFound
+  };
   // The one that has waited longest, which counts as dealt with in this round. Only when not empty.
-  Key take();
+  Taken take();
 
-  // Nothing is left to be done for it; `want` is what the configuration holds (null: nothing, and the key is
-  // forgotten). Does nothing when it is to be looked at again.
-  void settle(const Key& key, const Arp::ArpEntryInput* want);
+  // Nothing is left to be done for a key that the configuration holds. What is `given` needs not be in the
+  // kernel from then on. Does nothing when it is to be looked at again.
+  void settle(const Key& key, bool given);
+  // Likewise for one that the configuration does not hold.
+  void forget(const Key& key);
   std::size_t settled() const { return settled_; }
   // Nothing can be done for it before its interface is there.
   void park(const Key& key) { parked_[key.intf].insert(key); }
@@ -50,15 +61,16 @@ class Queue {
 
   void roundBegins() { ++round_; }
   // Looks at up to `max` keys from the bookmark on (nothing: the beginning) and moves it; true while there
-  // are more. Adds those that the round has not come across, except dynamic ones that were given to the
-  // kernel once, and those for which `gone` says that the configuration does not hold them.
+  // are more. Adds those that the round has not come across, except what was given to the kernel once, and
+  // those for which `gone` says that the configuration does not hold them.
   bool rescan(std::optional<Key>& bookmark, std::size_t max, const std::function<bool(const Key&)>& gone);
 
  private:
   struct Record {
     bool waiting = false;
     bool settled = false;     // see isSettled
-    bool dynamic = false;     // as it was settled
+    bool given = false;       // as it was settled
+    bool found = false;       // see addFound
     std::uint32_t round = 0;  // in which it was last dealt with
   };
   // And that for the namespace that is served now.

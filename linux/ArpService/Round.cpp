@@ -29,8 +29,12 @@ const Arp::ArpEntryInput* Vrf::wanted(const Key& key) const {
   return entry && entry->intf == key.intf ? entry : nullptr;
 }
 
-Round::Round(Devices& devices, Vrfs& vrfs, Compare compare, Refused refused)
-    : devices_(devices), vrfs_(vrfs), compare_(std::move(compare)), refused_(std::move(refused)) {}
+Round::Round(Devices& devices, Vrfs& vrfs, Table table, Compare compare, Refused refused)
+    : devices_(devices),
+      vrfs_(vrfs),
+      table_(std::move(table)),
+      compare_(std::move(compare)),
+      refused_(std::move(refused)) {}
 
 void Round::reset() {
   const auto reading = vrfs_.find(vrf_);
@@ -45,8 +49,8 @@ void Round::start(Netlink::Socket& socket) {
   socket_ = &socket;
   for (const auto& [name, vrf] : vrfs_) vrf->queue.roundBegins();
   if (std::exchange(devicesKnown_, true)) {
-    stage_ = Stage::neighbours;
-    return ask(Netlink::neighbourDump(AF_UNSPEC));
+    stage_ = Stage::tables;
+    return ask(Netlink::neighbourTableDump());
   }
   stage_ = Stage::devices;
   devices_.readBegin();
@@ -74,6 +78,14 @@ bool Round::step() {
     case Stage::devices:
       if (!read([this](const Netlink::Received& message) { devices_.handleMessage(message); })) break;
       devices_.readEnd();
+      stage_ = Stage::tables;
+      ask(Netlink::neighbourTableDump());
+      break;
+    case Stage::tables:
+      if (!read([this](const Netlink::Received& message) {
+            if (const auto table = Netlink::readNeighbourTable(message)) table_(*table);
+          }))
+        break;
       stage_ = Stage::neighbours;
       ask(Netlink::neighbourDump(AF_UNSPEC));
       break;

@@ -12,14 +12,15 @@
 namespace ArpService {
 
 // Compares the kernel with the configuration of all VRFs of one namespace, in steps of one datagram or a few
-// dozen entries: reads the devices and then the neighbours, each of which goes to `compare`, and puts into
-// each VRF's queue what nobody has dealt with by then. Events say which keys to look at between the rounds; a
+// dozen entries: reads the devices, how neighbours are kept, which goes to `table`, and then the neighbours, each
+// of which goes to `compare`, and puts into each VRF's queue what nobody has dealt with by then. Events say which keys to look at between the rounds; a
 // round finds the keys whose event was missed.
 class Round {
  public:
+  using Table = std::function<void(const Netlink::NeighbourTable&)>;
   using Compare = std::function<void(const Netlink::Neighbour&)>;
   using Refused = std::function<void(const char* doing, const Mox::Failure& failure)>;
-  Round(Devices& devices, Vrfs& vrfs, Compare compare, Refused refused);
+  Round(Devices& devices, Vrfs& vrfs, Table table, Compare compare, Refused refused);
 
   // A VRF's configuration is new: it is read, and what it no longer holds is found.
   void configurationIsNew() { newOnes_ = true; }
@@ -31,6 +32,7 @@ class Round {
   // On a socket for dumps that outlives the round. Only when idle.
   void start(Netlink::Socket& socket);
   bool idle() const { return stage_ == Stage::idle; }
+  bool readsDevices() const { return stage_ == Stage::devices; }
   // The kernel's neighbours were read once since `reset`. Before that, what is to be written is not known:
   // most of it may be there.
   bool compared() const { return compared_; }
@@ -40,7 +42,7 @@ class Round {
   bool takeEnded() { return std::exchange(ended_, false); }
 
  private:
-  enum class Stage : std::uint8_t { idle, devices, neighbours, ipv4, ipv6, entries };
+  enum class Stage : std::uint8_t { idle, devices, tables, neighbours, ipv4, ipv6, entries };
   void ask(const Netlink::Message& request);
   // True when the dump has come to its end.
   bool read(const Netlink::Handler& handler);
@@ -53,6 +55,7 @@ class Round {
 
   Devices& devices_;
   Vrfs& vrfs_;
+  const Table table_;
   const Compare compare_;
   const Refused refused_;
   Netlink::Socket* socket_ = nullptr;

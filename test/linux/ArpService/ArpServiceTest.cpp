@@ -35,6 +35,7 @@ std::string line(const Netlink::Neighbour& neighbour) {
                             : (neighbour.state & NUD_REACHABLE) != 0  ? "reachable"
                             : (neighbour.state & NUD_FAILED) != 0     ? "failed"
                             : (neighbour.state & NUD_INCOMPLETE) != 0 ? "incomplete"
+                            : (neighbour.state & NUD_NOARP) != 0      ? "zebra's"
                                                                       : "stale";
   return neighbour.address.toStrep() + " " + neighbour.mac.toStrep() + " " + state + " " +
          std::to_string(neighbour.protocol);
@@ -48,7 +49,7 @@ Lines neighbours(const std::string& device) {
       Netlink::neighbourDump(AF_UNSPEC),
       [&](const Netlink::Received& message) {
         const auto neighbour = Netlink::readNeighbour(message);
-        if (neighbour && neighbour->ifIndex == Lab::ifIndex(device) && (neighbour->state & NUD_NOARP) == 0)
+        if (neighbour && neighbour->ifIndex == Lab::ifIndex(device) && !neighbour->address.isMulticast())
           lines.push_back(line(*neighbour));
       },
       [&] { lines.clear(); });
@@ -179,6 +180,144 @@ TEST_F(ArpServiceTest, WhatIsFoundAtStart) {
   rig->root = nullptr;
   rig->start();
   again();
+}
+
+// As zebra writes a host of another switch, and as it takes it back.
+void zebraHas(const std::string& ip, const std::string& mac = kMac1) {
+  Lab::run("ip neigh replace " + ip + " lladdr " + mac + " dev vlan10 nud noarp extern_learn proto zebra");
+}
+void zebraHasNot(const std::string& ip) { Lab::run("ip neigh del " + ip + " dev vlan10"); }
+
+TEST_F(ArpServiceTest, ARoutingDaemonsHostsAreItsOwn) {
+  struct Case {
+    const char* what;
+    std::uint16_t
+        state;  // of the kernel's neighbour of protocol 110, which has kMac1; NUD_NOARP: zebra's; 0: none
+    std::optional<Arp::ArpEntryInput> wanted;
+    const char* bound;      // the operator's binding
+    const char* beside;     // what the kernel has then
+    const char* withdrawn;  // and when zebra has nothing any more
+    const char* without;    // and without a feed
+  };
+  const auto remote = ServiceRig::entry(kMac1, "Vlan10");
+  const auto local = ServiceRig::entry(kMac1, "Vlan10", Arp::kArpTypeLocal);
+  const std::vector<Case> cases = {
+      {"zebra's", NUD_NOARP, remote, nullptr, "zebra's 11", "", "permanent 110"},
+      {"not in the kernel yet", 0, remote, nullptr, "", "", "permanent 110"},
+      {"ours of before", NUD_PERMANENT, remote, nullptr, "", "", "permanent 110"},
+      {"ours, and not wanted", NUD_PERMANENT, {}, nullptr, "", "", ""},
+      {"zebra's, and not wanted", NUD_NOARP, {}, nullptr, "zebra's 11", "", ""},
+      {"the operator's", 0, remote, kMac1, "permanent 110", "permanent 110", "permanent 110"},
+      {"both's", NUD_NOARP, remote, kMac1, "zebra's 11", "permanent 110", "permanent 110"},
+      {"moved from what the operator says", 0, remote, kMac2, "", "", "permanent 110"},
+      {"a local host", 0, local, nullptr, "reachable 110", "reachable 110", "reachable 110"},
+      {"a local host of before", NUD_PERMANENT, local, nullptr, "reachable 110", "reachable 110",
+       "reachable 110"},
+      {"a local host that zebra has", NUD_NOARP, local, nullptr, "zebra's 11", "", "permanent 110"},
+  };
+  const auto ipOf = [](std::size_t i) { return "10.0.0." + std::to_string(10 + i); };
+  const auto lines = [&](const char* Case::*expected) {
+    Lines result;
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+      if (*(cases[i].*expected)) result.push_back(ipOf(i) + " " + kMac1 + " " + cases[i].*expected);
+    }
+    return result;
+  };
+  const auto bindings = Mox::make<Switch::EvpnConfig::Bindings>();
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const Case& item = cases[i];
+    if (item.state == NUD_NOARP) zebraHas(ipOf(i));
+    if (item.state == NUD_PERMANENT) kernelHas(ipOf(i), kMac1, item.state, 110);
+    if (item.wanted) configIs(ipOf(i), *item.wanted);
+    if (item.bound)
+      bindings->all[{Bridging::VlanId(10), ServiceRig::ip(ipOf(i))}] = {
+          Lanix::EthAddr::fromStrep(item.bound).value()};
+  }
+  const auto red10 = rig->input->vrfIs("red");
+  red10->ipv4Is(ServiceRig::ip("10.0.0.9"), remote);
+  rig->config->vlanIs(Bridging::VlanId(10))->bridgeIs("vlan10");
+  rig->config->evpn()->bindingsIs(bindings);
+  rig->config->evpn()->feedIs(Switch::EvpnFeed::kernel);
+  Monitor monitor;
+  rig->start();
+  expect("vlan10", lines(&Case::beside), "at start");
+  EXPECT_TRUE(rig->confirmation->vlanHas(Bridging::VlanId(10)));
+  EXPECT_EQ(rig->status->vrf("default")->pending(), 0U);
+  expect("vlan10", lines(&Case::beside), "whatever rounds find");
+  EXPECT_THAT(inRed([] { return neighbours("vlan10"); }),
+              ElementsAre("10.0.0.9 02:00:00:00:00:01 permanent 110"))
+      << "in another namespace";
+
+  monitor.told();
+  for (std::size_t i = 0; i < cases.size(); ++i)
+    if (cases[i].state == NUD_NOARP) zebraHasNot(ipOf(i));
+  expect("vlan10", lines(&Case::withdrawn), "zebra withdraws all");
+  // The order of the two is nobody's to choose: what zebra has is never written over, nor taken away.
+  for (int i = 0; i < 20; ++i) {
+    zebraHas("10.0.0.10"), rig->settle(), zebraHasNot("10.0.0.10"), rig->settle();
+    config->ipv4Del(ServiceRig::ip("10.0.0.10")), rig->settle();
+    zebraHas("10.0.0.10"), configIs("10.0.0.10", remote), rig->settle();
+    config->ipv4Del(ServiceRig::ip("10.0.0.10")), zebraHasNot("10.0.0.10"), configIs("10.0.0.10", remote);
+    rig->settle();
+  }
+  for (const std::string& told : monitor.told())
+    EXPECT_FALSE(told.starts_with("10.0.0.10 ") && told.ends_with("110")) << told;
+
+  rig->config->evpn()->feedIs(Switch::EvpnFeed::none);
+  expect("vlan10", lines(&Case::without), "without a feed");
+  EXPECT_EQ(rig->confirmation->vlans(), 0U);
+  rig->config->evpn()->feedIs(Switch::EvpnFeed::kernel);
+  for (std::size_t i = 0; i < cases.size(); ++i)
+    if (cases[i].state == NUD_NOARP) zebraHas(ipOf(i));
+  expect("vlan10", lines(&Case::beside), "with one again, which wrote over ours");
+}
+
+// In a namespace with hosts behind its interface; the service does not mind which.
+TEST_F(ArpServiceTest, AsksForWhatIsToBeConfirmed) {
+  KernelState::addressIs("v10", "10.0.0.2/24");
+  const std::string host = Lanix::EthAddr(Lab::macOf("v10")).toStrep();
+  config = rig->input->vrfIs("red");
+  const auto asked = ServiceRig::entry(host.c_str(), "Vlan10", Arp::kArpTypeAsked);
+  inRed([&] {
+    std::ofstream("/proc/sys/net/ipv4/neigh/vlan10/retrans_time_ms") << 20;
+    KernelState::addressIs("vlan10", "10.0.0.1/24");
+    zebraHas("10.0.0.3"), zebraHas("10.0.0.4"), zebraHas("10.0.0.5");
+  });
+  for (const char* ip : {"10.0.0.2", "10.0.0.3", "10.0.0.4", "10.0.0.6"}) configIs(ip, asked);
+  Monitor monitor;
+  rig->start();
+  const auto silent = [&](const char* ip) {
+    return rig->confirmation->silentHas({Bridging::VlanId(10), ServiceRig::ip(ip)});
+  };
+  const auto expectInRed = [&](const Lines& expected, const char* what) {
+    Lines now;
+    rig->becomes([&] {
+      now = inRed([] { return neighbours("vlan10"); });
+      return now == expected;
+    });
+    rig->settle();
+    EXPECT_EQ(now, expected) << what;
+  };
+  const std::string answered = "10.0.0.2 " + host + " reachable 110";
+  const std::string failed = " 00:00:00:00:00:00 failed 110";
+  EXPECT_TRUE(rig->becomes([&] { return silent("10.0.0.6"); }));
+  expectInRed({answered, "10.0.0.3 02:00:00:00:00:01 zebra's 11", "10.0.0.4 02:00:00:00:00:01 zebra's 11",
+               "10.0.0.5 02:00:00:00:00:01 zebra's 11", "10.0.0.6" + failed},
+              "where zebra has nothing");
+  EXPECT_EQ(rig->confirmation->silents(), 1U);
+
+  inRed([&] { zebraHasNot("10.0.0.4"); });
+  EXPECT_TRUE(rig->becomes([&] { return silent("10.0.0.4"); })) << "asked once zebra's has gone";
+  EXPECT_FALSE(silent("10.0.0.3"));
+  config->ipv4Del(ServiceRig::ip("10.0.0.6"));
+  rig->settle();
+  EXPECT_FALSE(silent("10.0.0.6")) << "nobody wants to know any more";
+  // It answers late, and by a word of its own.
+  inRed([&] { request(neighbourMessage("vlan10", "10.0.0.4", kMac1, NUD_REACHABLE)); });
+  EXPECT_TRUE(rig->becomes([&] { return !silent("10.0.0.4"); }));
+  configIs("10.0.0.3", ServiceRig::entry(host.c_str(), "Vlan10", Arp::kArpTypeLocal));
+  rig->settle();
+  EXPECT_EQ(inRed([] { return neighbours("vlan10"); })[1], "10.0.0.3 02:00:00:00:00:01 zebra's 11");
 }
 
 TEST_F(ArpServiceTest, FollowsTheConfiguration) {
@@ -375,7 +514,7 @@ TEST_F(ArpServiceTest, ADeviceCostsWorkForItsOwnEntries) {
   const auto status = rig->status->vrf("default");
   EXPECT_TRUE(rig->becomes([&] { return status->programmed() == 100; }));
   rig->settle();
-  EXPECT_EQ(std::exchange(kernel.dumps, 0), 4) << "devices and neighbours of two VRFs";
+  EXPECT_EQ(std::exchange(kernel.dumps, 0), 6) << "devices, parameters and neighbours of two VRFs";
   Lab::bridgeIs("vlan30");
   EXPECT_TRUE(rig->becomes([&] { return status->programmed() == 200; }));
   Lab::linkDel("vlan30");

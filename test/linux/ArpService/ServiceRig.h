@@ -30,9 +30,10 @@ class ServiceRig {
     return {Lanix::EthAddr::fromStrep(mac).value(), Lanix::IntfId::fromName(intf), arpType, dynamic};
   }
   void start() {
-    root = Mox::make<ArpServiceRootSm>(
-        Ptr<const Switch::Config>(config), Ptr<const Arp::ArpInputConfig>(input),
-        Ptr<const Ip::AllVrfStatusLocal>(vrfs), status, problems, settings_, tasks->scheduler());
+    root =
+        Mox::make<ArpServiceRootSm>(Ptr<const Switch::Config>(config), Ptr<const Arp::ArpInputConfig>(input),
+                                    Ptr<const Ip::AllVrfStatusLocal>(vrfs), status, confirmation, problems,
+                                    settings_, tasks->scheduler());
   }
   // Runs the loop until it holds. False: it never did.
   bool becomes(const std::function<bool()>& condition) {
@@ -60,6 +61,7 @@ class ServiceRig {
   Ptr<Arp::ArpInputConfig> input = Mox::make<Arp::ArpInputConfig>();
   Ptr<Ip::AllVrfStatusLocal> vrfs = Mox::make<Ip::AllVrfStatusLocal>();
   Ptr<Arp::ServiceStatus> status = Mox::make<Arp::ServiceStatus>();
+  Ptr<Arp::Confirmation> confirmation = Mox::make<Arp::Confirmation>();
   Ptr<Switch::Problems> problems = Mox::make<Switch::Problems>();
   Ptr<ArpServiceRootSm> root;
 
