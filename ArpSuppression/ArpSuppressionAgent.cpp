@@ -6,6 +6,7 @@
 #include "ArpSuppression/Problems.h"
 #include "ArpSuppression/Trace.h"
 #include "Mox/Assert.h"
+#include "Suppression/BindingOrigin.h"
 #include "Suppression/Limits.h"
 #include "Switch/Forwarding.h"
 #include "Tracelet/Tracelet.h"
@@ -71,6 +72,7 @@ void ArpSuppressionAgent::doInit() {
   group->mountIs("routing/l2vpn/config", "Routing::L2Vpn::Config", "r");
   group->mountIs(kArpInputConfigPath, "Arp::ArpInputConfig", "wS");
   group->mountIs(Arp::kConfirmationPath, Arp::kConfirmationType, "r");
+  group->mountIs(kBindingOriginPath, kBindingOriginType, "r");  // for `find`
   group->mountIs(kLimitsPath, kLimitsType, "r");
   group->mountIs(kNeverAnswerPath, kNeverAnswerType, "r");
   group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "r");  // for `explain`

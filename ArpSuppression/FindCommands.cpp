@@ -10,6 +10,7 @@
 #include "ArpSuppression/ArpSuppressionAgent.h"
 #include "Orb/DumpContext.h"
 #include "Orb/JsonObject.h"
+#include "Suppression/BindingOrigin.h"
 
 namespace ArpSuppression {
 
@@ -152,6 +153,10 @@ class Tables {
     const auto now = static_cast<std::uint32_t>(rootSm_.arpInputConfigSm()->scheduler()->loop().now());
     return shown.add("ageSeconds", now - since).add("lastSeenSeconds", now - heard).add("moves", moves);
   }
+  std::optional<BindingOrigin::Origin> originOf(const RemoteBindingKey& key) const {
+    const auto origin = mounts_.entityManager->entityOf<BindingOrigin>(kBindingOriginPath);
+    return origin ? origin->of(key) : std::nullopt;
+  }
   static Mox::String nameOf(const Ptr<VrfInfo>& vrf) { return vrf ? vrf->vrfName() : Mox::String(); }
 
  private:
@@ -249,9 +254,14 @@ class FindCommand final : public Plugin::AgentCommandCallback {
       list.add(tables.addHistory(shown, binding));
     });
     tables.remote(filter, [&](const RemoteBindingKey& key, const RemoteBinding& binding) {
-      list.add(begun("remote", key.vlanId.value(), key.ipAddress.toStrep(), binding.macAddress)
-                   .add("vrf", tables.vrfOf(key.vlanId))
-                   .add("source", "EVPN, or by hand"));
+      Orb::JsonObject shown =
+          begun("remote", key.vlanId.value(), key.ipAddress.toStrep(), binding.macAddress);
+      shown.add("vrf", tables.vrfOf(key.vlanId));
+      if (const auto origin = tables.originOf(key)) {
+        list.add(shown.add("source", origin->writer).add("ageSeconds", origin->ageSeconds));
+      } else {
+        list.add(shown.add("source", binding.source == BindingSource::feed ? "EVPN" : "by hand"));
+      }
     });
     tables.neighbours(filter, [&](Bridging::VlanId vlanId, const Arp::Table::ArpKey& key,
                                   const Arp::Table::ArpEntry& entry) {

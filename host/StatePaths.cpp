@@ -4,6 +4,7 @@
 
 #include "Arp/Confirmation.h"
 #include "Statedb/Path.h"
+#include "Suppression/BindingOrigin.h"
 #include "Suppression/Limits.h"
 #include "Suppression/NeverAnswer.h"
 #include "Switch/Config.h"
@@ -38,6 +39,7 @@ const std::vector<StatePath>& statePaths() {
       {"arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus", sharedMemory, byPlugin, kArpSuppression, false},
       {ArpSuppression::kLimitsPath, ArpSuppression::kLimitsType, tree, byHost, nullptr, false},
       {ArpSuppression::kNeverAnswerPath, ArpSuppression::kNeverAnswerType, tree, byHost, nullptr, false},
+      {ArpSuppression::kBindingOriginPath, ArpSuppression::kBindingOriginType, tree, byPlugin, kKernelEvpn, false},
       {kRemoteBindingPath, "ArpSuppression::RemoteBindingConfig", sharedMemory, byPlugin, kKernelEvpn, false},
       {"arpSuppression/status", "ArpSuppression::ArpSuppressionStatus", tree, byPlugin, kArpSuppression, true},
       {"bridging/config", "Bridging::Config", tree, byHost, nullptr, false},

@@ -11,6 +11,7 @@
 #include "Ip/Status.h"
 #include "KernelNetInfo/Status.h"
 #include "Routing/Status.h"
+#include "Suppression/BindingOrigin.h"
 #include "Suppression/Counter.h"
 #include "Suppression/Limits.h"
 #include "Suppression/NeverAnswer.h"
@@ -31,6 +32,7 @@ namespace Model {
 template <class Visit>
 void forEachStateType(Visit&& visit) {
   visit.template operator()<ArpSuppression::ArpSuppressionStatus>("ArpSuppression::ArpSuppressionStatus");
+  visit.template operator()<ArpSuppression::BindingOrigin>(ArpSuppression::kBindingOriginType);
   visit.template operator()<ArpSuppression::Limits>(ArpSuppression::kLimitsType);
   visit.template operator()<ArpSuppression::NeverAnswer>(ArpSuppression::kNeverAnswerType);
   visit.template operator()<Arp::ArpInputConfig>("Arp::ArpInputConfig");

@@ -122,12 +122,13 @@ int findHost(const CommonOptions& options, const std::string& address) {
   const auto client = Client::connect(options.runDirectory);
   if (!client) return fail(client.failure());
   if (const auto sent = (*client)->send(Statedb::jsonText(request)); !sent) return fail(sent.failure());
-  Table table({"VLAN", "IP", "MAC", "TABLE", "INTERFACE", "VRF", "SOURCE"});
+  Table table({"VLAN", "IP", "MAC", "TABLE", "INTERFACE", "VRF", "SOURCE", "AGE"});
   std::string list;
   const auto received = receiveBindings(**client, [&](const json& host) {
     if (options.json) list += (list.empty() ? "" : ",\n") + Statedb::jsonText(host);
     return table.row({text(host, "vlan"), text(host, "ip"), text(host, "mac"), text(host, "table"),
-                      text(host, "interface"), text(host, "vrf"), text(host, "source")});
+                      text(host, "interface"), text(host, "vrf"), text(host, "source"),
+                      text(host, "ageSeconds")});
   });
   if (!received) return fail(received.failure());
   if (options.json && !print("[\n" + list + (list.empty() ? "]\n" : "\n]\n"))) return kRefused;

@@ -1,4 +1,5 @@
 #include "Rig.h"
+#include "Suppression/BindingOrigin.h"
 
 namespace ArpSuppression {
 namespace {
@@ -61,6 +62,15 @@ TEST(Find, hosts_are_found_in_every_table_by_either_address) {
     const std::string answer = rig.command(test.command, test.arguments);
     EXPECT_EQ(hosts(answer), test.hosts) << answer;
   }
+  rig.state<BindingOrigin>(kBindingOriginPath)->askIs([](const RemoteBindingKey& key) {
+    const bool asked = key == RemoteBindingKey{Vlan(10), ip("10.0.0.4")};
+    return asked ? std::optional(BindingOrigin::Origin{"zebra", 7}) : std::nullopt;
+  });
+  EXPECT_THAT(
+      rig.command("find", {kOtherMac}),
+      testing::AllOf(HasSubstr(R"("source":"zebra","ageSeconds":7)"),
+                     HasSubstr(R"("10.0.0.30","mac":"02:00:00:00:00:64","table":"remote","vrf":"red",)"
+                               R"("source":"by hand"})")));
   // Heard on two ports in turn, the latest time 5 s ago.
   for (const char* sender : {kHostMac, kOtherMac, kOtherMac}) {
     rig.trap(Trapped{.senderMac = sender, .senderIp = "10.0.0.40"});

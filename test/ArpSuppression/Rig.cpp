@@ -106,6 +106,7 @@ Rig::Rig(std::unique_ptr<Statedb::Store> store, const Orb::Clock* given)
            {"arp/input/config/arpSuppression", "Arp::ArpInputConfig"},
            {"interface/status/all", "Interface::AllIntfStatusDir"},
            {Arp::kConfirmationPath, Arp::kConfirmationType},
+           {kBindingOriginPath, kBindingOriginType},
            {kLimitsPath, kLimitsType},
            {kNeverAnswerPath, kNeverAnswerType},
            {Switch::kForwardingPath, Switch::kForwardingType},
