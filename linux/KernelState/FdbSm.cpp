@@ -26,7 +26,7 @@ FdbSm::FdbSm(Ptr<const NamespaceState> state, Ptr<const Switch::Config> config,
       bridgingConfig_(std::move(bridgingConfig)),
       state_(std::move(state)),
       bridgingStatus_(std::move(bridgingStatus)),
-      room_(std::move(limits), problems, [this] { reading_.handleRoom(); }),
+      room_(std::move(limits), problems, filter_, [this] { reading_.handleRoom(); }),
       reading_(state_.notifier(), room_, scheduler,
                [this] {
                  if (read_) read_();
@@ -66,7 +66,10 @@ void FdbSm::handleEntry(const Netlink::Neighbour& neighbour, bool gone, Word wor
   }
   Record* record = mirror_.said(key, word);
   if (!record) return;
-  if (record->port == 0) onDevice_.add(key.bridge);
+  if (record->port == 0) {
+    onDevice_.add(key.bridge);
+    filter_.know(key.mac);
+  }
   update(key, *record, *entry);
 }
 
@@ -82,6 +85,7 @@ void FdbSm::update(const Key& key, Record& record, const MacEntry& entry) {
 }
 
 void FdbSm::reconcileBegin(bool everything) {
+  filter_.openIs(true);
   mirror_.reconcileBegin(everything);
   reading_.begin(everything);
 }
@@ -92,7 +96,10 @@ bool FdbSm::sweep(const Ask& ask) {
       [&](const Key& key, Record& record) {
         return reading_.isCut(record.port) && isThere(key, record, ask);
       });
-  if (!more) reading_.end();
+  if (!more) {
+    reading_.end();
+    filter_.openIs(false);
+  }
   return more;
 }
 

@@ -45,6 +45,7 @@ class FdbSm final : public Orb::WalkSmBase {
   // A reading of everything, or of what there was no room for.
   void reconcileBegin(bool everything);
   FdbReading& reading() { return reading_; }
+  const Netlink::MacFilter& filter() const { return filter_; }
   // `ask` gets something of the kernel.
   using Ask = std::function<Mox::Result<>(Netlink::Message, const Netlink::Handler&)>;
   bool sweep(const Ask& ask);
@@ -107,6 +108,7 @@ class FdbSm final : public Orb::WalkSmBase {
   Mirror<Key, Record> mirror_;
   Tally onDevice_;  // as bridge and as port
   std::function<void()> read_;
+  Netlink::MacFilter filter_;
   PortRoom room_;
   FdbReading reading_;
   // What the configuration says: the VLANs, in order, by their bridge's name, and those that a device is a

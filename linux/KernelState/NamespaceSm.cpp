@@ -48,6 +48,7 @@ Mox::Result<> NamespaceSm::open() {
   if (macFeed_) {
     auto macSource = kernel.open(state_->name(), kMacTables);
     if (!macSource) return macSource.failure();
+    (*macSource)->filterIs(fdb_->filter());
     macFeed_->openIs(std::move(*macSource));
   }
   broken_ = false;

@@ -3,9 +3,10 @@
 namespace KernelState {
 
 PortRoom::PortRoom(Ptr<const ArpSuppression::Limits> limits, Switch::ProblemReporter& problems,
-                   std::function<void()> changed)
+                   Netlink::MacFilter& filter, std::function<void()> changed)
     : limits_(limits ? std::move(limits) : Mox::make<const ArpSuppression::Limits>()),
       problems_(problems),
+      filter_(filter),
       changed_(std::move(changed)) {
   limits_.on(ArpSuppression::Limits::macTablePerPortChanged, [this] {
     if (!full_.empty()) changed_();
@@ -27,6 +28,7 @@ bool PortRoom::has(IfIndex port) const {
 void PortRoom::refuse(IfIndex port, const Mox::String& name) {
   const auto [full, isNew] = full_.try_emplace(port, "MAC table of port " + name);
   if (!isNew) return;
+  filter_.fullIs(port, true);
   problems_.problemIs(full->second,
                       "its bridge has learned as many addresses there as limits.macTablePerPort of the "
                       "configuration allows: hosts with further ones are not known to be there",
@@ -37,7 +39,9 @@ void PortRoom::refuse(IfIndex port, const Mox::String& name) {
 
 void PortRoom::accept(IfIndex port) {
   const auto full = full_.extract(port);
-  if (full) problems_.problemDel(full.mapped());
+  if (!full) return;
+  filter_.fullIs(port, false);
+  problems_.problemDel(full.mapped());
 }
 
 std::vector<IfIndex> PortRoom::full() const {

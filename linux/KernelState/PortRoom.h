@@ -9,6 +9,7 @@
 
 #include "KernelState/Tables.h"
 #include "Mox/Notifiee.h"
+#include "Netlink/MacFilter.h"
 #include "Suppression/Limits.h"
 #include "Switch/ProblemReporter.h"
 
@@ -22,7 +23,7 @@ class PortRoom {
   // `changed` is called when a port that refused entries may have room. All but `limits`, which may be null,
   // outlive the object.
   PortRoom(Ptr<const ArpSuppression::Limits> limits, Switch::ProblemReporter& problems,
-           std::function<void()> changed);
+           Netlink::MacFilter& filter, std::function<void()> changed);
   PortRoom(const PortRoom&) = delete;
   PortRoom& operator=(const PortRoom&) = delete;
 
@@ -41,6 +42,7 @@ class PortRoom {
  private:
   Mox::Notifiee<const ArpSuppression::Limits> limits_;
   Switch::ProblemReporter& problems_;
+  Netlink::MacFilter& filter_;  // knows which ports are full
   std::function<void()> changed_;
   std::unordered_map<IfIndex, std::uint32_t> kept_;
   std::map<IfIndex, Mox::String> full_;  // those that refused entries, with the problem's subject

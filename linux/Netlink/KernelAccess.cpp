@@ -7,6 +7,7 @@
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <sys/inotify.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -118,6 +119,13 @@ class NetlinkSource final : public RouteSource {
     if (!guard) return Mox::Failure{guard.error(), errno};
     dumps_.emplace(NETLINK_ROUTE, kDumpOptions);
     return dumps_->opened();
+  }
+  void filterIs(const MacFilter& filter) override {
+    const int program = filter.program();
+    Mox::Result<> result = filter.good();
+    if (result && setsockopt(notifications_.fd(), SOL_SOCKET, SO_ATTACH_BPF, &program, sizeof program) != 0)
+      result = Mox::Failure{std::strerror(errno), errno};
+    if (!result) NETLINK_TRACE(1, "MAC tables are not filtered in the kernel: " << result.error());
   }
   Mox::Result<> get(Message request, const Handler& handler) override {
     return dumps_->get(std::move(request), handler);

@@ -7,6 +7,7 @@
 
 #include "Lanix/NamespaceName.h"
 #include "Lanix/Seam.h"
+#include "Netlink/MacFilter.h"
 #include "Netlink/Route.h"
 #include "Netlink/Socket.h"
 
@@ -41,6 +42,8 @@ class RouteSource {
   virtual DumpSlice dumpSlice(const Handler& handler) = 0;
   // Gives up the dump that is being read. After a failure the source is of no use.
   virtual Mox::Result<> dumpEnd() = 0;
+  // Of a source of MAC tables only: what the filter drops is not heard of. The filter may go before it.
+  virtual void filterIs(const MacFilter& /*filter*/) {}
   // Asks for one thing; while no dump is being read.
   virtual Mox::Result<> get(Message request, const Handler& handler) = 0;
 };

@@ -19,7 +19,6 @@
 namespace KernelState {
 namespace {
 
-
 // Messages that the kernel could not deliver to netlink sockets of the namespace that the thread is in.
 std::uint64_t lostNotifications() {
   std::ifstream sockets("/proc/thread-self/net/netlink");
@@ -216,6 +215,38 @@ TEST_F(LabTest, NeighboursAndMacs) {
   expect("port gone", std::vector<std::string>(), [&] { return rig->macs(); });
   Lab::linkDel("v10");
   expectNeighbours("device gone", {});
+}
+
+// What has no room is dropped in the kernel, and nothing else is.
+TEST_F(LabTest, FullPort) {
+  Lab::bridgeIs("vlan10");
+  const Lab::Namespace far;
+  for (const std::string port : {"Ethernet1", "Ethernet2"}) {
+    Lab::vethIs(port, "far-" + port, far);
+    Lab::portIs(port, "vlan10");
+  }
+  rig->at<ArpSuppression::Limits>(ArpSuppression::kLimitsPath)->macTablePerPortIs(2);
+  const auto mac = [](int station) { return "02:00:00:00:01:0" + std::to_string(station); };
+  const auto learns = [&](const char* port, int station, std::uint16_t state = NUD_REACHABLE) {
+    request(macMessage(port, mac(station), state));
+  };
+  for (const int station : {1, 2, 3}) {
+    learns("Ethernet1", station);
+    if (station < 3) expectMac("room", mac(station), "learnedDynamic Ethernet1");
+  }
+  learns("Ethernet2", 4);
+  expectMac("another port", mac(4), "learnedDynamic Ethernet2");
+  EXPECT_EQ(macEntry(mac(3)), "");
+  learns("Ethernet1", 4);
+  expectMac("known, comes to the full port", mac(4), "learnedDynamic Ethernet1");
+  learns("Ethernet1", 5);
+  learns("Ethernet1", 6, NUD_NOARP);
+  expectMac("by hand", mac(6), "static Ethernet1");
+  EXPECT_EQ(macEntry(mac(5)), "");
+  learns("Ethernet2", 1);
+  learns("Ethernet2", 2);
+  expect("room for one", 1, [&] { return !macEntry(mac(3)).empty() + !macEntry(mac(5)).empty(); });
+  EXPECT_EQ(macEntry(mac(2)), "learnedDynamic Ethernet2");
 }
 
 // VLANs 20 and 30 of one bridge, with 802.1Q interfaces below a VRF device each, which have one address.
