@@ -3,26 +3,11 @@
 namespace ArpSuppression {
 namespace {
 
-using Change = std::pair<std::uint32_t, bool>;  // the index, and whether it is in the queue now
-using Message = Ptr<const TrappedMessage>;
-
-Message message(unsigned number = 0) {
+Ptr<const TrappedMessage> message(unsigned number = 0) {
   const Lanix::IpGenAddr target(Lanix::IpAddr(0x0a000000 + number));
   return trappedMessageFactory(Vlan(10), TrappedMessage::MessageType::request, {nullptr, "eth1", 7},
                                ip("10.0.0.10"), mac("02:00:00:00:00:0a"), target, nullptr);
 }
-
-struct Queue {
-  Queue() {
-    watch.on(MessageQueue::messageChanged,
-             [this](std::uint32_t index) { changes.emplace_back(index, queue->messageHas(index)); });
-  }
-  std::vector<Change> takeChanges() { return std::exchange(changes, {}); }
-
-  Ptr<MessageQueue> queue = messageQueueFactory();
-  std::vector<Change> changes;
-  Mox::Notifiee<MessageQueue> watch{queue};
-};
 
 TEST(MessageQueue, overfull_queue_keeps_its_length_until_the_consumer_shortens_it) {
   const auto queue = messageQueueFactory();
@@ -62,46 +47,6 @@ TEST(MessageQueue, limit_is_twice_what_a_run_took_within_its_bounds) {
     queue->updateQueueLimit(c.processed);
     EXPECT_EQ(changes, c.limit == 500 ? 0 : 1);
   }
-}
-
-TEST(MessageQueue, changes_carry_the_index_and_only_additions_are_in_the_queue) {
-  Queue q;
-  q.queue->messageEnq(message());
-  q.queue->messageEnq(message());
-  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(0, true), Change(1, true)));
-  q.queue->messageDeq();
-  q.queue->messageDeq();
-  q.queue->messageDeq();
-  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(0, false), Change(1, false)));
-
-  q.queue->messageEnq(message());
-  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(2, true))) << "indices of an emptied queue";
-  EXPECT_TRUE(q.queue->messageDel(2));
-  EXPECT_FALSE(q.queue->messageDel(2));
-  q.queue->messageEnq(message());
-  q.queue->messageEnq(message());
-  q.queue->messageDelAll();
-  q.queue->messageEnq(message());
-  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(2, false), Change(3, true), Change(4, true),
-                                           Change(3, false), Change(4, false), Change(5, true)));
-
-  q.queue->queueLimitCurrentIs(1);
-  q.queue->enqueueMessage(message());
-  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(5, false), Change(6, true)));
-}
-
-TEST(MessageQueue, indices_wrap_and_the_order_stays_that_of_arrival) {
-  Queue q;
-  const Message last = message(1), first = message(2), second = message(3);
-  q.queue->messageIs(0xFFFFFFFF, last);
-  q.queue->messageEnq(first);
-  q.queue->messageEnq(second);
-  EXPECT_THAT(q.takeChanges(), ElementsAre(Change(0xFFFFFFFF, true), Change(0, true), Change(1, true)));
-  EXPECT_EQ(q.queue->messageDeq(), last);
-  EXPECT_EQ(q.queue->messageDeq(), first);
-  EXPECT_EQ(q.queue->messageDeq(), second);
-  q.queue->messageEnq(last);
-  EXPECT_TRUE(q.queue->messageHas(2));
 }
 
 }  // namespace

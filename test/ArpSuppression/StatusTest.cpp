@@ -130,24 +130,6 @@ TEST(Status, what_was_published_before_stays_until_the_second_walk) {
   }
 }
 
-TEST(Status, changes_count_while_the_remote_bindings_are_awaited) {
-  Reactor r;
-  r.start();
-  r.settle();
-  r.inEvpn(10);
-  r.usable(10, true);
-  r.remote->vlanIdIs(Vlan(20));
-  EXPECT_THAT(r.publishedVlans(), ElementsAre(10, 20));
-  r.evpn->vlanToDot1qDel(Vlan(10));
-  EXPECT_THAT(r.enabledVlans(), ElementsAre(20));
-  EXPECT_THAT(r.publishedVlans(), ElementsAre(10, 20));
-  r.settle();
-  EXPECT_EQ(r.sm->initializationStage(), Stage::waitForRemoteBindingStatus);
-  r.remote->initialPopulationCompleteIs(true);
-  r.settle();
-  EXPECT_THAT(r.publishedVlans(), ElementsAre(20));
-}
-
 TEST(Status, population_may_be_complete_at_any_time_of_the_first_walk) {
   for (int turns = 0; turns < 8; ++turns) {
     SCOPED_TRACE(turns);
@@ -207,17 +189,6 @@ TEST(Status, end_takes_back_what_was_published) {
     r.inEvpn(20);
     EXPECT_THAT(r.enabledVlans(), ElementsAre(10)) << "nobody watches any more";
   }
-}
-
-TEST(StatusDeathTest, broken_inputs_end_the_process) {
-  const auto broken = [](const char* expression) {
-    return brokenInvariant("ArpSuppression/ArpSuppressionStatusSm", expression);
-  };
-  Reactor r;
-  r.remote->vlanIdIs(Vlan(10));
-  EXPECT_DEATH(r.start(), broken("0 == remoteBindingStatus()->vlanIds()"));
-  r.evpn = nullptr;
-  EXPECT_DEATH(r.start(), broken("evpnStatus() && remoteBindingStatus() && vlanL3InfoStatus()"));
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <regex>
 
 #include "host/ControlAddress.h"
-#include "host/ControlServer.h"
 #include "host/arpsup/Output.h"
 #include "host/arpsup/PrettyJson.h"
 #include "test/host/Programs.h"
@@ -208,62 +207,6 @@ TEST_F(Programs, saysHowManyBindingsAreInWhenThereIsNoRoomForMore) {
       "agent-host table arpSuppression/remoteBindingConfig/evpn"));
   daemon.reset();
   umount2("/dev/shm", MNT_DETACH);
-}
-
-// What agents answer to, as people and scripts get it.
-TEST(Arpsup, showsAgentAnswers) {
-  struct Command final : Plugin::AgentCommandCallback {
-    explicit Command(const char* name) : AgentCommandCallback("", name) {}
-    void handleCommand(int descriptor, const std::vector<Mox::String>& arguments) override {
-      std::string answer;
-      if (commandName() == "explain") {
-        answer =
-            R"({"vlan":10,"action":"reply","mac":"02:00:00:00:00:09","counter":{"id":8,"name":"replyRemote"},"summary":"answered",)"
-            R"("facts":[{"fact":"a","value":true,"text":"first"},{"fact":"b","value":"x","text":"second"}]})";
-        if (arguments.size() == 3) answer = "{\"facts\":[1]}";
-      } else {
-        for (int i = 0; arguments.size() == 1 && i < 5000; ++i) {
-          answer += std::string(i == 0 ? "" : ",\n") + R"({"vrf":"red","ip":"10.0.0.)" + std::to_string(i) +
-                    R"(","vlan":10,"mac":"02:00:00:00:00:01","interface":"Ethernet1","dynamic":)" +
-                    (i % 2 == 0 ? "true}" : "false}");
-        }
-        answer = "[\n" + answer + "\n]\n";
-      }
-      EXPECT_EQ(write(descriptor, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
-    }
-  };
-  struct Agent final : Plugin::AgentBase {
-    Agent() : AgentBase("Fake") {
-      for (const char* name : {"bindings", "explain"}) agentCommandCallbackIs(Mox::make<Command>(name));
-    }
-    void doInit() override {}
-    void doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Statedb::EntityManager>&) override {}
-  };
-  RunDir runDir;
-  HostState host{runDir};
-  Host::ControlCommands::Agents agents{Mox::make<Agent>()};
-  Host::ControlServer server(host.scheduler(), *host.state, agents);
-  ASSERT_EQ(server.listen(runDir.path()).error(), "");
-  const auto arpsup = [&](Strings arguments) {
-    arguments.insert(arguments.begin(), {ARPSUP, "--run-dir", runDir.path()});
-    return run(arguments, {}, [&] { host.settle(); });
-  };
-  const Result table = arpsup({"bindings", "local"});
-  EXPECT_EQ(table.status, 0) << table.error;
-  EXPECT_THAT(
-      table.output,
-      testing::StartsWith("VLAN  IP          MAC                VRF  INTERFACE  KERNEL NEIGHBOUR\n"
-                          "10    10.0.0.0    02:00:00:00:00:01  red  Ethernet1  dynamic\n"
-                          "10    10.0.0.1    02:00:00:00:00:01  red  Ethernet1  permanent, or not yet\n"));
-  EXPECT_EQ(std::count(table.output.begin(), table.output.end(), '\n'), 5001);
-  EXPECT_EQ(json::parse(arpsup({"bindings", "local", "--json"}).output, nullptr, false).size(), 5000u);
-  EXPECT_EQ(arpsup({"bindings", "remote", "--vlan", "10"}).output, "no remote bindings with vlan 10\n");
-  EXPECT_EQ(arpsup({"explain", "10", "10.0.0.1"}).output,
-            "reply with 02:00:00:00:00:09: answered\n  1. first\n  2. second\nSuch a request counts as "
-            "replyRemote.\n");
-  EXPECT_EQ(json::parse(arpsup({"--json", "explain", "10", "10.0.0.1"}).output)["counter"]["id"], 8);
-  EXPECT_THAT(arpsup({"explain", "10", "10.0.0.1", "--from", "02:00:00:00:00:01"}).error,
-              HasSubstr("the answer to explain cannot be read"));
 }
 
 }  // namespace

@@ -10,34 +10,6 @@ namespace {
 
 class TableTest : public Scratch {};
 
-template <std::size_t K, std::size_t V>
-void fillAndCompare(const Directory& directory) {
-  using KeyBytes = std::array<std::uint8_t, K>;
-  using ValueBytes = std::array<std::uint8_t, V>;
-  const std::string table = "sizes/" + std::to_string(K) + '-' + std::to_string(V);
-  const auto opened = TableWriter<KeyBytes, ValueBytes>::open(directory, table, {});
-  ASSERT_TRUE(opened) << opened.error();
-  const auto& writer = *opened;
-  std::mt19937 random(static_cast<unsigned>(K * 1000 + V));
-  std::map<KeyBytes, ValueBytes> model;
-  for (int i = 0; i < 3000; ++i) {
-    KeyBytes key;
-    for (auto& byte : key) byte = static_cast<std::uint8_t>(random() % 4);
-    for (auto& byte : model[key]) byte = static_cast<std::uint8_t>(random());
-    writer->entryIs(key, model[key]);
-  }
-  TableReader<KeyBytes, ValueBytes> reader(directory, table);
-  EXPECT_EQ(reader.size(), model.size());
-  for (const auto& [key, value] : model) ASSERT_EQ(reader.lookup(key), value) << table;
-}
-
-TEST_F(TableTest, SizesThatAreNoMultipleOfAWord) {
-  fillAndCompare<1, 1>(directory);
-  fillAndCompare<6, 7>(directory);
-  fillAndCompare<17, 13>(directory);
-  fillAndCompare<64, 256>(directory);
-}
-
 // Two types that differ in the name of a member only.
 template <bool kOther>
 struct Plain {
@@ -238,26 +210,6 @@ TEST_F(TableTest, ACrowdAtTheEndOfTheTable) {
   for (const Key& key : keys) ASSERT_EQ(reader.lookup(key), valueOf(key, 1));
   EXPECT_EQ(entries(reader, 1).size(), keys.size());
   EXPECT_GT(writer->core().segment().fixed().generation, 0U) << "the crowd was meant not to fit";
-}
-
-TEST_F(TableTest, SizeInMemory) {
-  auto writer = open();
-  std::uint64_t generation = 0;
-  for (std::uint32_t i = 0; i < 200000; ++i) {
-    put(*writer, i, i + 1);
-    const Segment& segment = writer->core().segment();
-    if (segment.fixed().generation == generation) continue;
-    generation = segment.fixed().generation;
-    if (i > 20000) {
-      EXPECT_LE(static_cast<double>(segment.bytes()) / (i + 1), 64) << i << " entries";
-    }
-  }
-  EXPECT_GT(generation, 10U);
-  const std::size_t full = writer->core().bytes();
-  for (std::uint32_t i = 0; i < 200000; ++i) writer->entryDel(keyOf(i));
-  while (writer->core().growStep(1000)) {
-  }
-  EXPECT_LT(writer->core().bytes(), full / 4) << "a table that has been emptied gives its memory back";
 }
 
 TEST_F(TableTest, ReconciliationDeletesWhatWasNotSaidAgain) {
