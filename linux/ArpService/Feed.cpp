@@ -1,11 +1,14 @@
 #include "ArpService/Feed.h"
 
+#include <algorithm>
+
 namespace ArpService {
 
 Feed Feed::of(const Switch::Config& config) {
   Feed feed;
   const auto& evpn = *config.evpn();
-  if (evpn.feed() != Switch::EvpnFeed::kernel) return feed;
+  const bool isRead = std::ranges::count(config.agents(), "KernelEvpn") != 0;
+  if (evpn.feed() != Switch::EvpnFeed::kernel || !isRead) return feed;
   for (const auto& [vlanId, vlan] : config.vlanCollection()) feed.bridges.emplace(vlanId, vlan->bridge());
   feed.bindings = evpn.bindings();
   return feed;

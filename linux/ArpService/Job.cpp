@@ -43,7 +43,7 @@ void bringInStep(Netlink::Socket& socket, std::span<Job> jobs) {
       });
   // One that has gone in between is like one that never was.
   exchange(
-      socket, look, [](const Job& job) { return lookRequest(job.ifIndex, job.address); },
+      socket, look, [](const Job& job) { return Netlink::neighbourGet(job.ifIndex, job.address); },
       [&](Job& job, const Mox::Result<>& result) {
         if (!result && result.number() != ENOENT) {
           job.result = result;

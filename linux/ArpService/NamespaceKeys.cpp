@@ -35,7 +35,7 @@ void NamespaceSm::probe() {
   if (!sockets_) return;
   const std::vector<IdleHosts::Host> hosts = idleHosts_.take();
   std::vector<Netlink::Message> messages;
-  for (const auto& host : hosts) messages.push_back(lookRequest(host.ifIndex, host.address));
+  for (const auto& host : hosts) messages.push_back(Netlink::neighbourGet(host.ifIndex, host.address));
   std::vector<Netlink::Neighbour> stale;
   sockets_->requests.batch(
       messages, [](std::size_t, const Mox::Result<>&) {},

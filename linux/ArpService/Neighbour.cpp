@@ -56,10 +56,6 @@ Verdict judge(const Wish& wish, const Netlink::Neighbour& actual) {
   return same && wish.kind == Kind::reachable ? Verdict::leave : Verdict::write;
 }
 
-Message lookRequest(IfIndex ifIndex, const Lanix::IpGenAddr& address) {
-  return request(RTM_GETNEIGH, 0, ifIndex, address);
-}
-
 Message removeRequest(IfIndex ifIndex, const Lanix::IpGenAddr& address) {
   return request(RTM_DELNEIGH, 0, ifIndex, address);
 }

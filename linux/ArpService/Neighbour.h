@@ -37,7 +37,6 @@ bool isStale(const Netlink::Neighbour& neighbour);
 enum class Verdict : std::uint8_t { leave, write, remove };
 Verdict judge(const Wish& wish, const Netlink::Neighbour& actual);
 
-Netlink::Message lookRequest(IfIndex ifIndex, const Lanix::IpGenAddr& address);
 Netlink::Message removeRequest(IfIndex ifIndex, const Lanix::IpGenAddr& address);
 // `flags` of NLM_F_EXCL (refused when there is one) and NLM_F_REPLACE.
 Netlink::Message writeRequest(IfIndex ifIndex, const Lanix::IpGenAddr& address, const Wish& wish,

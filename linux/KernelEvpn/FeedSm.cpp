@@ -345,4 +345,24 @@ void FeedSm::tellProblems() {
       "see which switch advertises it: vtysh -c \"show evpn arp-cache vni all\"");
 }
 
+std::optional<ArpSuppression::BindingOrigin::Origin> FeedSm::originOf(const RemoteBindingKey& key) const {
+  const auto device = devices_.deviceOf(static_cast<std::uint16_t>(key.vlanId.value()));
+  if (device == 0 || !neighbours_.find({device, key.ipAddress})) return std::nullopt;
+  std::optional<ArpSuppression::BindingOrigin::Origin> origin;
+  // A socket for this one question: who asks may be a copy of the process, without the others.
+  Netlink::Socket socket(NETLINK_ROUTE);
+  const auto asked =
+      socket.get(Netlink::neighbourGet(device, key.ipAddress), [&](const Netlink::Received& message) {
+        const auto neighbour = Netlink::readNeighbour(message);
+        if (!neighbour || !isRoute(*neighbour)) return;
+        const std::uint8_t protocol = neighbour->protocol;
+        const Mox::String writer = protocol == Switch::EvpnConfig::kZebra ? "zebra"
+                                   : protocol == Switch::EvpnConfig::kBgp
+                                       ? "bgp"
+                                       : "protocol " + std::to_string(protocol);
+        origin = {writer, static_cast<std::uint32_t>(neighbour->confirmedAgo)};
+      });
+  return asked ? origin : std::nullopt;
+}
+
 }  // namespace KernelEvpn

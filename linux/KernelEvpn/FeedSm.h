@@ -12,6 +12,7 @@
 #include "Mox/Notifiee.h"
 #include "Netlink/RouteFeed.h"
 #include "Orb/WalkSm.h"
+#include "Suppression/BindingOrigin.h"
 #include "Suppression/RemoteBindingConfig.h"
 #include "Switch/ConfigWatch.h"
 #include "Switch/ProblemReporter.h"
@@ -51,6 +52,9 @@ class FeedSm final : public Orb::WalkSmBase, private Netlink::RouteFeedClient {
 
   // May come later than this.
   void ipStatusIs(Ptr<const Ip::Status> ipStatus);
+
+  // Who wrote a binding of the feed, and how long ago, as the kernel says when it is asked here.
+  std::optional<ArpSuppression::BindingOrigin::Origin> originOf(const RemoteBindingKey& key) const;
 
  private:
   enum class Stage : std::uint8_t { neighbours, bindings, former, sweep, over };

@@ -12,12 +12,17 @@ Ptr<Plugin::AgentBase> kernelEvpnAgentFactory(const Mox::String& name) {
   return Mox::make<KernelEvpnAgent>(name);
 }
 
+KernelEvpnAgent::~KernelEvpnAgent() {
+  if (origin_) origin_->askIs({});
+}
+
 void KernelEvpnAgent::doInit() {
   host().sharedMemory()->heldBackIs(kRemoteBindingPath, true);
   const Ptr<Statedb::MountGroup> group = host().mountGroup(*this);
   group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
   group->mountIs(Switch::kProblemsPath, Switch::kProblemsType, "wc");
   group->mountIs(Switch::kReadinessPath, Switch::kReadinessType, "wc");
+  group->mountIs(ArpSuppression::kBindingOriginPath, ArpSuppression::kBindingOriginType, "wc");
   localEntitiesCreatedIs(true);
   group->doClose(false, "KernelEvpn", 0.0);
 }
@@ -33,6 +38,8 @@ void KernelEvpnAgent::doMountsComplete(Statedb::MountStatus /*status*/,
       tree->entityOf<Switch::Readiness>(Switch::kReadinessPath),
       [tables] { tables->heldBackIs(kRemoteBindingPath, false); }};
   feedSm_ = Mox::make<FeedSm>(std::move(inputs), *problems_, taskSchedulerRoot()->scheduler());
+  origin_ = tree->entityOf<ArpSuppression::BindingOrigin>(ArpSuppression::kBindingOriginPath);
+  if (origin_) origin_->askIs([this](const RemoteBindingKey& key) { return feedSm_->originOf(key); });
   // Whoever publishes the addresses may come later.
   tree_.notifierIs(tree);
   tree_.on(Statedb::EntityManager::entityChanged, [this](const std::string& path) {

@@ -15,6 +15,7 @@ namespace KernelEvpn {
 class KernelEvpnAgent final : public Plugin::AgentBase {
  public:
   explicit KernelEvpnAgent(Mox::String name) : AgentBase(std::move(name)) {}
+  ~KernelEvpnAgent() override;
 
   void doInit() override;
   void doMountsComplete(Statedb::MountStatus status, const Ptr<Statedb::EntityManager>& tree) override;
@@ -23,6 +24,7 @@ class KernelEvpnAgent final : public Plugin::AgentBase {
   Mox::Notifiee<Statedb::EntityManager> tree_;
   std::optional<Switch::ProblemReporter> problems_;
   Ptr<FeedSm> feedSm_;
+  Ptr<ArpSuppression::BindingOrigin> origin_;
 };
 
 Ptr<Plugin::AgentBase> kernelEvpnAgentFactory(const Mox::String& name);

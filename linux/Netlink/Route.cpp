@@ -271,6 +271,16 @@ Message neighbourDump(std::uint8_t family) {
   return std::move(Message(RTM_GETNEIGH).header(header));
 }
 
+Message neighbourGet(IfIndex ifIndex, const Lanix::IpGenAddr& address) {
+  ndmsg header{};
+  header.ndm_family = address.isIpv4() ? AF_INET : AF_INET6;
+  header.ndm_ifindex = static_cast<int>(ifIndex);
+  const auto bytes = address.bytes();
+  Message message(RTM_GETNEIGH);
+  message.header(header).bytes(NDA_DST, std::as_bytes(std::span(bytes)).first(address.isIpv4() ? 4 : 16));
+  return message;
+}
+
 Message macDump(IfIndex port) {
   ndmsg header{};
   header.ndm_family = AF_BRIDGE;

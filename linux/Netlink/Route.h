@@ -135,6 +135,8 @@ Message dumpRequest(Table table);
 Message linkDump();
 Message bridgeVlansDump(IfIndex ifIndex);
 Message neighbourDump(std::uint8_t family);
+// One neighbour.
+Message neighbourGet(IfIndex ifIndex, const Lanix::IpGenAddr& address);
 // The entries of one port in the MAC table of its bridge, and one entry of a bridge's.
 Message macDump(IfIndex port);
 Message macGet(IfIndex bridge, const Lanix::EthAddr& mac, std::uint16_t vlan);

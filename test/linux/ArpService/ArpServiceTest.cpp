@@ -236,6 +236,7 @@ TEST_F(ArpServiceTest, ARoutingDaemonsHostsAreItsOwn) {
   const auto red10 = rig->input->vrfIs("red");
   red10->ipv4Is(ServiceRig::ip("10.0.0.9"), remote);
   rig->config->vlanIs(Bridging::VlanId(10))->bridgeIs("vlan10");
+  rig->config->agentsIs({"KernelEvpn", "ArpService"});
   rig->config->evpn()->bindingsIs(bindings);
   rig->config->evpn()->feedIs(Switch::EvpnFeed::kernel);
   Monitor monitor;
