@@ -159,6 +159,20 @@ TEST_F(Programs, monitorAndTrace) {
   EXPECT_THAT(all.output, testing::ContainsRegex("\n== agent-host, process [0-9]+, ended\n.*\n.*"));
   EXPECT_THAT(all.output, HasSubstr("vlanId=77"));
   EXPECT_THAT(all.error, HasSubstr("/Other-1.tl: too short for a trace file; it is left out\n"));
+
+  // Somebody without rights gets one line, however many rings there are.
+  std::filesystem::permissions(folder.path(), std::filesystem::perms(0755));
+  const auto asNobody = [&](const char* command) {
+    return run({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", ARPSUP, "--run-dir",
+                runDirectory, command});
+  };
+  if (geteuid() != 0 || asNobody("--version").status != 0) return;  // whom we cannot be, or who is kept out
+  EXPECT_EQ(asNobody("trace").error, "arpsup: " + runDirectory +
+                                         ": 2 trace rings cannot be read: permission denied; run it as root, "
+                                         "or as a member of the group arpsup\n");
+  EXPECT_EQ(asNobody("status").error,
+            "arpsup: " + runDirectory +
+                "/control: permission denied; run it as root or as a member of the group arpsup\n");
 }
 
 // A daemon that hangs is given up, whether or not it has accepted the connection.
@@ -203,8 +217,14 @@ TEST_F(Programs, saysHowManyBindingsAreInWhenThereIsNoRoomForMore) {
       << loaded.error;
   EXPECT_EQ(shown("arpSuppression/remoteBindingConfig/evpn")["remoteBinding"].size(),
             std::stoul(counts[1]) + std::stoul(counts[2]));
-  EXPECT_TRUE(shown("switch/problems")["problem"].contains(
-      "agent-host table arpSuppression/remoteBindingConfig/evpn"));
+  const auto refused = [&] {
+    return shown("switch/problems")["problem"].contains(
+        "agent-host table arpSuppression/remoteBindingConfig/evpn");
+  };
+  EXPECT_TRUE(refused());
+  EXPECT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", MS_REMOUNT, "size=16m"), 0);
+  EXPECT_EQ(arpsup({"remote", "add", "10", "10.9.9.9", "02:00:00:00:00:01"}).status, 0);
+  EXPECT_FALSE(refused());
   daemon.reset();
   umount2("/dev/shm", MNT_DETACH);
 }
