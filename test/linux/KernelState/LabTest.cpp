@@ -227,10 +227,12 @@ TEST_F(LabTest, FullPort) {
   }
   rig->at<ArpSuppression::Limits>(ArpSuppression::kLimitsPath)->macTablePerPortIs(2);
   const auto mac = [](int station) { return "02:00:00:00:01:0" + std::to_string(station); };
-  const auto learns = [&](const char* port, int station, std::uint16_t state = NUD_REACHABLE) {
-    request(macMessage(port, mac(station), state));
+  const auto learns = [&](const std::string& port, std::uint8_t station) {
+    const Lab::Entered there(far);
+    Lab::PacketSocket("far-" + port)
+        .send(Lab::plainFrame({2, 0, 0, 0, 1, station}, Lab::kBroadcast, 0x88B5, 0));
   };
-  for (const int station : {1, 2, 3}) {
+  for (std::uint8_t station = 1; station <= 3; ++station) {
     learns("Ethernet1", station);
     if (station < 3) expectMac("room", mac(station), "learnedDynamic Ethernet1");
   }
@@ -240,7 +242,7 @@ TEST_F(LabTest, FullPort) {
   learns("Ethernet1", 4);
   expectMac("known, comes to the full port", mac(4), "learnedDynamic Ethernet1");
   learns("Ethernet1", 5);
-  learns("Ethernet1", 6, NUD_NOARP);
+  request(macMessage("Ethernet1", mac(6), NUD_NOARP));
   expectMac("by hand", mac(6), "static Ethernet1");
   EXPECT_EQ(macEntry(mac(5)), "");
   learns("Ethernet2", 1);
