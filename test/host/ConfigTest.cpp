@@ -64,7 +64,7 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
   } cases[] = {
       {"{\n\"agents\": [}", "line 2, column "},
       {"", "line 1, column "},
-      {"[]", "agent.json: a list is not an object of agents, bindings, featureDirectory"},
+      {"[]", "agent.json: a list is not an object of agents, bindings, evpn, featureDirectory"},
       {R"({"colour": 1})", "agent.json: colour: unknown key; allowed here: agents, "},
       {R"({"agents": [], "agents": []})", "\"agents\" stands twice"},
       {R"({"runDirectory": "run"})", "runDirectory: \"run\" is not an absolute path"},
