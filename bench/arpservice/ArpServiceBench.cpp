@@ -57,7 +57,8 @@ void bare(std::size_t entries) {
   for (const bool install : {true, false}) {
     std::vector<Netlink::Message> messages;
     for (std::size_t i = 0; i < entries; ++i) {
-      messages.push_back(install ? ArpService::writeRequest(index, address(i), entry(i), NLM_F_EXCL)
+      const ArpService::Wish wish{ArpService::Wish::Kind::permanent, entry(i).mac};
+      messages.push_back(install ? ArpService::writeRequest(index, address(i), wish, NLM_F_EXCL)
                                  : ArpService::removeRequest(index, address(i)));
     }
     std::size_t refused = 0;
