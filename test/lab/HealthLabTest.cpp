@@ -179,32 +179,23 @@ TEST(HealthOfMany, IsThatOfTheVlanConcerned) {
   ASSERT_EQ(before.summary, "good");
   const json good = before.health;
   ASSERT_EQ(good["vlans"].size(), vlans);
-  const double kAtOnce = 2.0 * patienceFactor();  // a fraction of that where the machine has time
-  constexpr double kAbsent = 2;  // for so long an interface may be missing while it is made anew
-  const struct {
-    Stumble stumble;
-    double seconds;  // until it is told
-  } rows[] = {
-      {{"degraded; VLAN 50 degraded; SoftForward VLAN 50, tunnel port core50", "there is no such device",
-        [] { run(renamed("core50", "core9999")); }, [] { run(renamed("core9999", "core50")); }},
-       0},
-      {{"degraded; VLAN 50 degraded; SoftForward VLAN 50; agent-host VLAN 50, interface",
-        "there is no bridge vlan50", [] { run(renamed("vlan50", "gone")); },
-        [] { run(renamed("gone", "vlan50")); }},
-       kAbsent},
-      {{"degraded; VLAN 50 degraded; SoftForward VLAN 50, port Ethernet50", "is taken by the filter",
-        [&] { unseen(its, taken("Ethernet50")); },
-        [] { run("tc filter del dev Ethernet50 ingress pref 135"); }},
-       0},
+  const Stumble rows[] = {
+      {"degraded; VLAN 50 degraded; SoftForward VLAN 50, tunnel port core50", "there is no such device",
+       [] { run(renamed("core50", "core9999")); }, [] { run(renamed("core9999", "core50")); }},
+      {"degraded; VLAN 50 degraded; SoftForward VLAN 50; agent-host VLAN 50, interface",
+       "there is no bridge vlan50", [] { run(renamed("vlan50", "gone")); },
+       [] { run(renamed("gone", "vlan50")); }},
+      {"degraded; VLAN 50 degraded; SoftForward VLAN 50, port Ethernet50", "is taken by the filter",
+       [&] { unseen(its, taken("Ethernet50")); },
+       [] { run("tc filter del dev Ethernet50 ingress pref 135"); }},
   };
-  for (const auto& [row, seconds] : rows) {
+  for (const Stumble& row : rows) {
     SCOPED_TRACE(row.summary);
     row.doBreak();
     const auto begin = Clock::now();
     Shown broken = healthOf(its, row.summary);
     const double took = std::chrono::duration<double>(Clock::now() - begin).count();
     EXPECT_EQ(broken.summary, row.summary);
-    EXPECT_LE(took, seconds + kAtOnce);
     EXPECT_THAT(broken.text, testing::HasSubstr(row.text));
     json& ofVlan50 = broken.health["vlans"][49];
     ofVlan50 = good["vlans"][49];
