@@ -428,5 +428,39 @@ TEST_F(SocketTest, NotificationsReportOverruns) {
   EXPECT_FALSE(socket_.receive(collect_).result);
 }
 
+// The real kernel, which every user may ask.
+TEST(RealSocket, FindsTheLoopback) {
+  static constexpr Policy kLink[] = {{IFLA_IFNAME, Kind::string, 1, IFNAMSIZ}, {IFLA_MTU, Kind::u32}};
+  Socket socket(NETLINK_ROUTE);
+  ASSERT_TRUE(socket.opened());
+  bool found = false;
+  const auto look = [&](const Received& message) {
+    ASSERT_EQ(message.type(), RTM_NEWLINK);
+    ASSERT_TRUE(message.header<ifinfomsg>().has_value());
+    const Attributes link(message.attributes(sizeof(ifinfomsg)), kLink);
+    ASSERT_FALSE(link.malformed()) << link.error();
+    if (link.string(IFLA_IFNAME) == "lo") found = link.u32(IFLA_MTU).value_or(0) > 0;
+  };
+  const auto named = [](const char* name) {
+    return std::move(Message(RTM_GETLINK).header(ifinfomsg{}).string(IFLA_IFNAME, name));
+  };
+  EXPECT_TRUE(socket.get(named("lo"), look));
+  EXPECT_TRUE(found);
+  found = false;
+  EXPECT_TRUE(socket.dump(Message(RTM_GETLINK).header(ifinfomsg{}), look, [] {}));
+  EXPECT_TRUE(found);
+
+  EXPECT_EQ(socket.get(named("no-such-dev"), look).number(), ENODEV);
+  Socket listener(NETLINK_ROUTE);
+  EXPECT_TRUE(listener.join(RTNLGRP_LINK));
+  EXPECT_FALSE(listener.join(100000));
+  EXPECT_TRUE(listener.receive(look).result);
+
+  Socket unknown(31);
+  ASSERT_FALSE(unknown.opened());
+  EXPECT_EQ(unknown.request(Message(RTM_GETLINK)).number(), EPROTONOSUPPORT);
+  EXPECT_EQ(unknown.fd(), -1);
+}
+
 }  // namespace
 }  // namespace Netlink
