@@ -62,7 +62,7 @@ void readTables(const Netlink::Received& message) {
     Fuzz::check(!neighbour->address.isMulticast() && !entry->mac.isZero(), "a neighbour with both addresses",
                 neighbour->address.toStrep());
   Fuzz::check(neighbour->ifIndex != 0 && neighbour->confirmedAgo >= 0 &&
-                  ArpService::judge(nullptr, *neighbour) != ArpService::Verdict::write,
+                  ArpService::judge({}, *neighbour) != ArpService::Verdict::write,
               "a neighbour", neighbour->address.toStrep());
 }
 

@@ -112,5 +112,52 @@ TEST_F(KernelFollow, VrfsAndVlanInterfacesComeAndGo) {
   switch_.stop();
 }
 
+// The kernel drops what was below a VRF device that goes into the default VRF: nothing works there until it
+// is placed anew, or the configuration says where it belongs.
+TEST_F(KernelFollow, VrfDevicesComeAndGo) {
+  try {
+    run("ip link add red up type vrf table 5");
+  } catch (const Unsupported& lacking) {
+    GTEST_SKIP() << lacking.what();
+  }
+  KernelState::renameLink("br10", "vlan10");
+  KernelState::addressIs("vlan10", "10.0.0.1/24");
+  for (const bool configured : {false, true}) {
+    SCOPED_TRACE(configured);
+    run("ip link set vlan10 master red");
+    json vlan = {{"bridge", "vlan10"}};
+    if (configured) vlan["vrf"] = "red";
+    switch_.start({{"agents", {"KernelState", "ArpService", "SoftForward", "ArpSuppression"}},
+                   {"vrfs", {{"red", {{"id", 5}, {"device", "red"}}}}},
+                   {"vlans", {{"10", vlan}}},
+                   {"state",
+                    {{"evpn/status", {{"mplsConfigured", true}, {"vlanToDot1q", {{"10", 10}}}}},
+                     {"arpSuppression/remoteBindingConfig/evpn",
+                      {{"remoteBinding", {{"10 10.0.0.99", {{"mac", "02:00:00:00:00:99"}}}}}}}}}});
+    const auto expectNeighbour = [&](bool there) {
+      const json wanted = there ? json("02:00:00:00:00:99") : json();
+      EXPECT_EQ(switch_.state("arp/status", "/arpEntry/5 10.0.0.99 Vlan10/mac", wanted), wanted);
+    };
+    expectRed("active");
+    expectVlan10("/vrfName", "red");
+    expectNeighbour(true);
+    run("ip link del red");
+    expectRed("inactive");
+    expectVlan10("", nullptr);
+    expectNeighbour(false);
+    run("ip link add red up type vrf table 5");
+    expectRed("active");
+    run("ip link set vlan10 master red");
+    expectVlan10("/vrfName", "red");
+    expectVlan10("/activeAddr", "10.0.0.1/24");
+    expectVlans({10});
+    expectNeighbour(true);
+    run("ip link set vlan10 nomaster");
+    expectVlan10("/vrfName", configured ? json() : json("default"));
+    expectNeighbour(false);
+    switch_.stop();
+  }
+}
+
 }  // namespace
 }  // namespace Lab

@@ -69,6 +69,70 @@ TEST_P(Trunks, HostsOnATrunkAreHostsOfTheirVlans) {
   switch_.stop();
 }
 
+TEST_P(Trunks, APortMayChangeItsPvidUnderTraffic) {
+  startBoth();
+  for (const bool to20 : {true, false}) {
+    const auto burst = [&] {
+      for (std::uint8_t i = 0; i < 100; ++i) host1_->send(request({10, 0, 13, i}));
+    };
+    burst();
+    run(std::string("bridge vlan add dev Ethernet1 pvid untagged vid ") + (to20 ? "20" : "10"));
+    burst();
+    run(std::string("bridge vlan del dev Ethernet1 vid ") + (to20 ? "10" : "20"));
+    burst();
+    expectAnswer(*host1_, kHost1, kHost1Ip, to20 ? kRemote20 : kRemote);
+  }
+  quiet();
+  expectSuppression();
+}
+
+TEST_P(Trunks, APortLeavesAVlanAndComesBack) {
+  start();
+  expectAnswer(*host2_, kHost2, kHost2Ip, kRemote);
+  const char* ports[] = {"Ethernet2", "core10"};
+  for (const char* port : ports) run(std::string("bridge vlan del vid 10 dev ") + port);
+  EXPECT_TRUE(answerTo(*host2_, kHost2, kHost2Ip).empty());
+  const auto floods = [&](PacketSocket& far) {
+    const Frame flooded = request({10, 0, 13, ++sentinels_});
+    host1_->send(flooded);
+    const auto heard = far.receive(kPatience / 20);
+    return heard && *heard == flooded;
+  };
+  EXPECT_FALSE(floods(*far_));
+  while (far2_->receive(std::chrono::milliseconds(0))) {
+  }
+  EXPECT_TRUE(floods(*far2_));
+  for (const char* port : ports) run(std::string("bridge vlan add vid 10 dev ") + port);
+  expectAnswer(*host2_, kHost2, kHost2Ip, kRemote);
+  EXPECT_TRUE(eventually([&] { return floods(*far_); }));
+  quiet();
+  expectSuppression();
+}
+
+class Tags : public Trunks {};
+
+// Also where the bridge does not look at tags.
+TEST_P(Tags, FramesOfOtherVlansPassUntouched) {
+  if (GetParam().filtering) {
+    for (const char* port : {"Ethernet2", "core10"}) run(std::string("bridge vlan add vid 30 dev ") + port);
+  }
+  start();
+  PacketSocket host = beside("Ethernet2");
+  PacketSocket far = beside("core10");
+  const Frame all[] = {request(kRemoteIp), arpFrame({2, kHost1, kHost1Ip, kHost1, kHost1Ip}),
+                       plainFrame(kHost1, kBroadcast, 0x0800, 0x45)};
+  const Counters before = switch_.counters();
+  for (const Frame& untagged : all) {
+    const Frame frame = tagged(untagged, 0xA01E);  // VLAN 30, priority 5
+    SCOPED_TRACE(hex(frame));
+    for (auto& [from, to] : {std::pair(&host, &far), {&far, &host}}) {
+      from->send(frame);
+      EXPECT_THAT(hexOf(to->receiveUntil(frame)), IsEmpty());
+    }
+  }
+  EXPECT_EQ(difference(before, switch_.counters()), "");
+}
+
 class Stacked : public Trunks {};
 
 // Plain bridges on trunks, bonds and teams.
@@ -120,6 +184,7 @@ TEST_P(Stacked, DevicesOnDevicesArePorts) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, Trunks, testing::Values(kLayouts[3], kLayouts[5]), nameOf);
+INSTANTIATE_TEST_SUITE_P(Layouts, Tags, testing::ValuesIn(kLayouts), nameOf);
 INSTANTIATE_TEST_SUITE_P(Layouts, Stacked, testing::Values(kLayouts[0]), nameOf);
 
 }  // namespace
