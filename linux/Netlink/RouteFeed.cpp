@@ -36,8 +36,7 @@ RouteFeed::RouteFeed(const Mox::Ptr<Orb::TaskScheduler>& scheduler, RouteFeedCli
       patient_(patient),
       descriptor_(Mox::make<Orb::FileDescriptor>(scheduler->loop(), plugin + " changes of " + name)),
       readable_(descriptor_),
-      receiveTask_(scheduler, plugin + " changes of " + name, patient ? kPatientLevel : kReceiveLevel,
-                   [this] { receive(); }) {
+      receiveTask_(scheduler, plugin + " changes of " + name, kReceiveLevel, [this] { receive(); }) {
   readable_.on(Orb::FileDescriptor::readableCountChanged, [this] { receiveTask_.schedule(); });
   descriptor_->notifyOnReadableIs(true);
 }
