@@ -356,8 +356,9 @@ TEST_P(Bindings, OfAStormOfSendersHoldUpNobodyAndLeaveNothing) {
     std::uint64_t size = 0;
     std::ifstream("/proc/" + std::to_string(switch_.daemon().pid()) + "/statm") >> size >> pages;
   }
-  EXPECT_LE(resident[2], resident[1] + 256) << "pages";
-  EXPECT_LE(longestAnswer_, slow ? 2 : 0.05) << "seconds";
+  // The sanitizer's allocator keeps some more now and then, and finds what is lost by itself; and it is slow.
+  EXPECT_LE(resident[2], resident[1] + (options ? 1024 : 256)) << "pages";
+  EXPECT_LE(longestAnswer_, slow ? 2 : options ? 0.25 : 0.05) << "seconds";
   switch_.stop();
 }
 
