@@ -197,7 +197,7 @@ void RouteFeed::receive() {
                               kMessagesPerCall);
     lost_ = lost_ || result.overrun;
     if (!result.result) return broken("receiving changes: ", result.result);
-  } while (result.more && !patient_ && !scheduler()->root().mustYield());
+  } while (result.more && !scheduler()->root().mustYield());
   if (result.more) {
     receiveTask_.schedule();
   } else if (std::exchange(lost_, false)) {

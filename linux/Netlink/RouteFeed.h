@@ -55,9 +55,9 @@ class RouteFeed final : private Orb::WalkSmBase {
  public:
   enum class State : std::uint8_t { closed, open, closing };
 
-  // Works in the name of that plug-in, on the tables of the namespace of that name. A patient feed takes
-  // changes in short slices, reads tables when the loop has nothing else to do, and when notifications are
-  // dropped again and again it reads some seconds later.
+  // Works in the name of that plug-in, on the tables of the namespace of that name. A patient feed reads
+  // tables when the loop has nothing else to do, and when notifications are dropped again and again it reads
+  // some seconds later.
   RouteFeed(const Mox::Ptr<Orb::TaskScheduler>& scheduler, RouteFeedClient& client, const std::string& plugin,
             const std::string& name, std::vector<Table> tables, bool patient = false);
   ~RouteFeed() override;
