@@ -334,7 +334,8 @@ void ArpInputConfigSm::handleInstalled(const KernelInstaller::Request& request, 
   if (const int number = result.number(); number == ENOBUFS || number == ENOMEM || number == ENOSPC) {
     tableFull_.happened("the kernel's neighbour table is full: it does not get all hosts of this switch",
                         Mox::String("raise net.") + (request.key.ipAddress.isIpv4() ? "ipv4" : "ipv6") +
-                            ".neigh.default.gc_thresh3, and gc_thresh2 with it, by sysctl");
+                            ".neigh.default.gc_thresh3, and gc_thresh2 with it, by sysctl",
+                        Switch::Origin::perhapsStorm);
   }
   if (!result)
     TRACELET_RECORD("kernel neighbour refused ipAddress={} errno={}", request.key.ipAddress, result.number());

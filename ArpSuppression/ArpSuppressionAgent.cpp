@@ -75,7 +75,10 @@ void ArpSuppressionAgent::doInit() {
   group->mountIs(kBindingOriginPath, kBindingOriginType, "r");  // for `find`
   group->mountIs(kLimitsPath, kLimitsType, "r");
   group->mountIs(kNeverAnswerPath, kNeverAnswerType, "r");
+  group->mountIs(Switch::kConfigPath, Switch::kConfigType, "r");
   group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "r");  // for `explain`
+  group->mountIs(kDataPlaneAnswersPath, kDataPlaneAnswersType, "r");
+  group->mountIs(kAnswerVlansPath, kAnswerVlansType, "wc");
   group->mountIs(Switch::kReadinessPath, Switch::kReadinessType, "wc");
   createLocalEntity("AllIntfStatusDir", "Interface::AllIntfStatusDir", "interface/status/all");
   createLocalEntity("AllIntfStatusLocalDir", "Interface::AllIntfStatusLocalDir", kIntfStatusLocalPath);
@@ -97,6 +100,7 @@ void ArpSuppressionAgent::doMountsComplete(Statedb::MountStatus /*status*/,
   required(tables->mount("arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus",
                          MountDescriptor::writer({{"counter", kCounters}}, kCounterDoorbellDelay)));
   required(tables->mount("bridging/status", "Memtab::Bridging::Status", MountDescriptor::reader()));
+  if (!isPhysicalHardware()) required(tables->mount(kAnswerPath, kAnswerType, MountDescriptor::writer()));
   const Ptr<MoxSharedMem::MountGroup> remoteBindingGroup = tables->mountGroup();
   required(remoteBindingGroup->mountIs(kRemoteBindingPath, "ArpSuppression::RemoteBindingConfig",
                                        MountDescriptor::reader()));
@@ -125,7 +129,8 @@ void ArpSuppressionAgent::doMountsComplete(Statedb::MountStatus /*status*/,
       tree->entityOf<Interface::AllIntfStatusDir>("interface/status/all"),
       tree->entityOf<Interface::AllIntfStatusLocalDir>(kIntfStatusLocalPath),
       tree->entityOf<Routing::L2Vpn::Config>("routing/l2vpn/config"),
-      tree->entityOf<Switch::Readiness>(Switch::kReadinessPath)));
+      tree->entityOf<Switch::Readiness>(Switch::kReadinessPath),
+      tables->entityOf<AnswerStatus>(kAnswerPath)));
   problemsAre(tree->entityOf<Switch::Problems>(Switch::kProblemsPath));
   rootSmIs(mounts_, isPhysicalHardware(), taskSchedulerRoot());
   for (const auto& command : makeAgentCommands(rootSm(), activityManager())) agentCommandCallbackIs(command);
@@ -149,7 +154,8 @@ ArpSuppressionMounts::ArpSuppressionMounts(
     Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus, Ptr<Arp::ArpInputConfig> arpInputConfig,
     Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir,
     Ptr<const Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir,
-    Ptr<const Routing::L2Vpn::Config> l2VpnConfig, Ptr<Switch::Readiness> readiness)
+    Ptr<const Routing::L2Vpn::Config> l2VpnConfig, Ptr<Switch::Readiness> readiness,
+    Ptr<AnswerStatus> answerStatus)
     : entityManager(std::move(entityManager)),
       remoteBindingConfig(std::move(remoteBindingConfig)),
       remoteBindingConfigMountGroup(std::move(remoteBindingConfigMountGroup)),
@@ -169,7 +175,8 @@ ArpSuppressionMounts::ArpSuppressionMounts(
       allIntfStatusDir(std::move(allIntfStatusDir)),
       allIntfStatusLocalDir(std::move(allIntfStatusLocalDir)),
       l2VpnConfig(std::move(l2VpnConfig)),
-      readiness(std::move(readiness)) {}
+      readiness(std::move(readiness)),
+      answerStatus(std::move(answerStatus)) {}
 
 // --- The run-time state ----------------------------------------------------------------------------------
 
@@ -203,6 +210,10 @@ ArpSuppressionRootSm::ArpSuppressionRootSm(Ptr<ArpSuppressionMounts> mounts, boo
       taskSchedulerRoot_(std::move(taskSchedulerRoot)) {
   if (mounts_ && mounts_->readiness) ReadinessSm::notRunning(*mounts_->readiness);
   handleInitialized();
+  if (mounts_ && mounts_->answerStatus) {
+    answerCounterSm_.is(mounts_->entityManager->entityOf<const DataPlaneAnswers>(kDataPlaneAnswersPath),
+                        mounts_->arpSuppressionCounterStatus);
+  }
   handleRunnable();
   evpnStatus_.on(Evpn::EvpnStatus::mplsConfiguredChanged, [this] { handleRunnable(); });
   if (mounts_) evpnStatus_.notifierIs(mounts_->evpnStatus);
@@ -279,6 +290,24 @@ void ArpSuppressionRootSm::arpSuppressionStart() {
                        r.arpInputConfigTrigger,
                        m.entityManager->entityOf<const NeverAnswer>(kNeverAnswerPath),
                        ConstRemoteBindings(r.remoteBindingStatus));
+  if (m.answerStatus) {
+    answerSm_.is(
+        scheduler,
+        AnswerSm::Inputs{.arpSuppressionSm = arpSuppressionSm(),
+                         .arpSuppressionStatus = m.arpSuppressionStatus,
+                         .remoteBindingConfig = m.remoteBindingConfig,
+                         .remoteBindingStatus = r.remoteBindingStatus,
+                         .remoteBindingStatusSm = remoteBindingStatusSm(),
+                         .vlanL3InfoStatus = r.vlanL3InfoStatus,
+                         .arpStatus = m.arpStatus,
+                         .bridgingConfig = m.bridgingConfig,
+                         .bridgingStatus = m.bridgingStatus,
+                         .evpnStatus = m.evpnStatus,
+                         .neverAnswer = m.entityManager->entityOf<const NeverAnswer>(kNeverAnswerPath),
+                         .config = m.entityManager->entityOf<const Switch::Config>(Switch::kConfigPath)},
+        AnswerSm::Outputs{.answerStatus = m.answerStatus,
+                          .answerVlans = m.entityManager->entityOf<AnswerVlans>(kAnswerVlansPath)});
+  }
   bindingDiscoverySm_.is(taskSchedulerRoot_, Ptr<const MessageTrap>(r.receivedRequestTrap), m.bridgingConfig,
                          m.bridgingStatus, m.arpSuppressionCounterStatus, r.vlanL3InfoStatus,
                          ConstRemoteBindings(r.remoteBindingStatus), m.arpStatus, m.fhrpVrMacStatus,
@@ -312,6 +341,7 @@ void ArpSuppressionRootSm::dropReactors() {
   messageTrapSm_.del();
   messageReinjectSm_.del();
   bindingDiscoverySm_.del();
+  answerSm_.del();
   arpSuppressionSm_.del();
   vlanL3InfoSm_.del();
   arpSuppressionStatusSm_.del();
@@ -340,6 +370,7 @@ void ArpSuppressionRootSm::dumpState(Orb::DumpContext& context, int indent) cons
   context.child(indent + 2, remoteBindingStatusSm_.child(), "RemoteBindingStatusSm");
   context.child(indent + 2, arpInputConfigSm_.child(), "ArpInputConfigSm");
   context.child(indent + 2, arpSuppressionSm_.child(), "ArpSuppressionSm");
+  context.child(indent + 2, answerSm_.child(), "AnswerSm");
   context.child(indent + 2, bindingDiscoverySm_.child(), "BindingDiscoverySm");
   context.child(indent + 2, messageReinjectSm_.child(), "MessageReinjectSm");
   context.child(indent + 2, messageTrapSm_.child(), "MessageTrapSm");

@@ -2,6 +2,8 @@
 
 #include "Arp/InputConfig.h"
 #include "Arp/Table.h"
+#include "ArpSuppression/AnswerCounterSm.h"
+#include "ArpSuppression/AnswerSm.h"
 #include "ArpSuppression/ArpInputConfigSm.h"
 #include "ArpSuppression/ArpInputConfigTrigger.h"
 #include "ArpSuppression/ArpSuppressionSm.h"
@@ -53,7 +55,8 @@ struct ArpSuppressionMounts final : public Mox::Referenced {
       Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
       Ptr<Arp::ArpInputConfig> arpInputConfig, Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir,
       Ptr<const Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir,
-      Ptr<const Routing::L2Vpn::Config> l2VpnConfig, Ptr<Switch::Readiness> readiness);
+      Ptr<const Routing::L2Vpn::Config> l2VpnConfig, Ptr<Switch::Readiness> readiness,
+      Ptr<AnswerStatus> answerStatus);
 
   const Ptr<Statedb::EntityManager> entityManager;
   const Ptr<const RemoteBindingConfig> remoteBindingConfig;
@@ -75,6 +78,7 @@ struct ArpSuppressionMounts final : public Mox::Referenced {
   const Ptr<const Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir;
   const Ptr<const Routing::L2Vpn::Config> l2VpnConfig;
   const Ptr<Switch::Readiness> readiness;
+  const Ptr<AnswerStatus> answerStatus;  // null where a chip forwards
 
   Mox::String toStrep() const { return "<ArpSuppressionMounts>"; }
 };
@@ -113,6 +117,7 @@ class ArpSuppressionRootSm final : public Mox::Entity {
   const Ptr<ArpSuppressionRoot>& root() const { return root_; }
   const Ptr<ArpInputConfigSm>& arpInputConfigSm() const { return arpInputConfigSm_.child(); }
   const Ptr<ArpSuppressionSm>& arpSuppressionSm() const { return arpSuppressionSm_.child(); }
+  const Ptr<AnswerSm>& answerSm() const { return answerSm_.child(); }
   const Ptr<BindingDiscoverySm>& bindingDiscoverySm() const { return bindingDiscoverySm_.child(); }
   const Ptr<RemoteBindingStatusSm>& remoteBindingStatusSm() const { return remoteBindingStatusSm_.child(); }
   const Ptr<MessageTrapSm>& messageTrapSm() const { return messageTrapSm_.child(); }
@@ -140,6 +145,9 @@ class ArpSuppressionRootSm final : public Mox::Entity {
   Ptr<Orb::TaskSchedulerRoot> taskSchedulerRoot_;
   Mox::Notifiee<const Evpn::EvpnStatus> evpnStatus_;
   bool runnableForTest_ = false;
+  // Where forwarding is software's, also while suppression does not run: what the data plane did until a stop
+  // is told after it.
+  Mox::Owner<AnswerCounterSm> answerCounterSm_;
   Ptr<ArpSuppressionRoot> root_;
   Mox::Owner<ArpSuppressionStatusSm> arpSuppressionStatusSm_;
   Mox::Owner<LocalRequestRecordSm> localRequestRecordSm_;  // a stop leaves it to the next start
@@ -147,6 +155,7 @@ class ArpSuppressionRootSm final : public Mox::Entity {
   Mox::Owner<RemoteBindingStatusSm> remoteBindingStatusSm_;
   Mox::Owner<ArpInputConfigSm> arpInputConfigSm_;
   Mox::Owner<ArpSuppressionSm> arpSuppressionSm_;
+  Mox::Owner<AnswerSm> answerSm_;  // only where forwarding is software's
   Mox::Owner<BindingDiscoverySm> bindingDiscoverySm_;
   Mox::Owner<MessageReinjectSmBase> messageReinjectSm_;
   Mox::Owner<MessageTrapSm> messageTrapSm_;

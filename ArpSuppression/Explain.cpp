@@ -1,6 +1,11 @@
 #include "ArpSuppression/Explain.h"
 
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
 #include "Orb/JsonObject.h"
+#include "Switch/Config.h"
 #include "Switch/Forwarding.h"
 
 namespace ArpSuppression {
@@ -143,6 +148,7 @@ class Explanation {
       }
       result_.add("mac", outcome.macAddress.toStrep());
     }
+    if (mounts_.answerStatus) tellOfDataPlane(outcome, facts);
     if (!cannotSend(outcome)) concluded(Mox::toStrep(outcome.action()), outcome.summary(), outcome.toldBy());
   }
 
@@ -197,6 +203,33 @@ class Explanation {
     }
     fact("connectionType", Mox::toStrep(facts.connectionType), textOf(facts.connectionType));
     fact("localArpReq", facts.localArpReq, facts.localArpReq ? "the switch itself asks" : "a host asks");
+  }
+
+  // Whether the request is answered before it reaches the agent, as soon as the agent has seen its sender.
+  void tellOfDataPlane(const Outcome& outcome, const Sm::Facts& facts) {
+    const auto& tree = *mounts_.entityManager;
+    const auto config = tree.entityOf<Switch::Config>(Switch::kConfigPath);
+    const auto vlan = config ? config->vlan(vlanId_) : nullptr;
+    const auto vlans = tree.entityOf<AnswerVlans>(kAnswerVlansPath);
+    const auto dataPlane = tree.entityOf<DataPlaneAnswers>(kDataPlaneAnswersPath);
+    const Mox::String port = sourcePort_.toStrep();
+    const std::pair<bool, Mox::String> obstacles[] = {
+        {facts.localArpReq, "what the switch itself asks is the agent's to see"},
+        {outcome.kind != Outcome::Kind::answered, "nobody here answers it"},
+        {config && !config->softForward()->answers().enabled,
+         "\"softForward.answers.enabled\" of the configuration is false"},
+        {vlan && !vlan->answers(), "\"answers\" of the VLAN is false in the configuration"},
+        {config && config->softForward()->portWithoutAnswersHas(port),
+         "\"answers\" of " + port + " is false in the configuration"},
+        {!vlans || !vlans->vlanIdHas(vlanId_), "the VLAN's answers are being brought up to date"},
+        {!mounts_.answerStatus->answer({vlanId_, {}, ipAddress_.ipv4()}),
+         "the table of answers does not hold it"},
+        {!dataPlane || !dataPlane->holding(), "the forwarding programs answer nothing now"}};
+    const auto* const obstacle = std::ranges::find_if(obstacles, [](const auto& one) { return one.first; });
+    const bool answers = obstacle == std::end(obstacles);
+    fact("dataPlane", answers,
+         answers ? "the data plane answers whoever the agent has seen ask lately"
+                 : "it goes to the agent: " + obstacle->second);
   }
 
   const ArpSuppressionRootSm& rootSm_;

@@ -22,14 +22,15 @@ bool LocalBindingRoom::forOneMore(const Lanix::IntfId& port) {
   if (noneInAll) {
     inAll_.happened(
         "there are as many local hosts as limits.localBindings of the configuration allows: no further ones "
-        "are "
-        "learned, nor made neighbours of the switch",
-        "find out where they come from; where they are right, raise that limit and reload");
+        "are learned, nor made neighbours of the switch",
+        "find out where they come from; where they are right, raise that limit and reload",
+        Switch::Origin::perhapsStorm);
   } else {
     ofPort(port).happened(
         "there are as many hosts as limits.localBindingsPerPort of the configuration allows: no further ones "
         "are learned, nor made neighbours of the switch",
-        "find out who sends with that many addresses; where they are right, raise that limit and reload");
+        "find out who sends with that many addresses; where they are right, raise that limit and reload",
+        Switch::Origin::perhapsStorm);
   }
   return false;
 }

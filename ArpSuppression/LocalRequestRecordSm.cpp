@@ -44,9 +44,9 @@ void LocalRequestRecordSm::handleTrappedRequest() {
     arpSuppressionCounterStatus_->increment(ArpSuppressionCounterId::requestRecordRefused);
   full_.happened(
       "as many addresses are recorded that hosts asked for as limits.requestRecords of the configuration "
-      "allows: "
-      "further ones are answered or flooded as ever, and not recorded",
-      "find out who asks for that many addresses; where that is right, raise that limit and reload");
+      "allows: further ones are answered or flooded as ever, and not recorded",
+      "find out who asks for that many addresses; where that is right, raise that limit and reload",
+      Switch::Origin::perhapsStorm);
 }
 
 Orb::WalkRet LocalRequestRecordSm::walk() {

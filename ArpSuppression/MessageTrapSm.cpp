@@ -140,7 +140,8 @@ void MessageTrapSm::countDropped() {
   TRACELET_RECORD("trapped frames dropped intfId={} dropped={}", interfaceName(), dropped);
   arpSuppressionCounterStatus_->increment(Id::trapDropped, dropped);
   lost_.happened("requests are lost: more come than are read",
-                 "find who sends that many; the counter trapDropped has how many were lost");
+                 "find who sends that many; the counter trapDropped has how many were lost",
+                 Switch::Origin::perhapsStorm);
 }
 
 // Only looks at what a good untagged or tagged request has in its place; the checks come when it is its turn.

@@ -133,7 +133,6 @@ bool RemoteBindingStatusSm::apply(const RemoteBindingKey& key) {
 void RemoteBindingStatusSm::addMac(const RemoteBindingKey& key, const RemoteBinding& now, bool macChanged,
                                    bool newKey) {
   const VlanIdMacAddress mac{key.vlanId, now.macAddress};
-  knownBindingIs(key, now);
   if (macChanged) {
     const Ptr<RemoteMacToIp> macToIp = remoteBindingStatus_->macToIpIs(mac);
     TRACE8("add macToIp newVlanIdMacAddress=" << shortForm(mac) << " ipAddress=" << key.ipAddress);
@@ -162,6 +161,7 @@ void RemoteBindingStatusSm::addMac(const RemoteBindingKey& key, const RemoteBind
     TRACELET_RECORD("add vlanId={}", key.vlanId.value());
     remoteBindingStatus_->vlanIdIs(key.vlanId);
   }
+  knownBindingIs(key, now);  // last: who hears of it finds it in the status
 }
 
 void RemoteBindingStatusSm::deleteMac(const RemoteBindingKey& key, const Lanix::EthAddr& oldMac,

@@ -29,6 +29,8 @@ constexpr int kMaxTraceLevel = 9;
 constexpr std::uint32_t kMaxRefreshSeconds = 86400;
 constexpr std::uint32_t kMaxPolicer = 1000000;
 constexpr std::uint32_t kMaxFailOpenSeconds = 60;
+constexpr std::uint32_t kMaxAnswers = 1'048'576;
+constexpr std::uint32_t kMaxAnswerRefreshSeconds = 3600;
 constexpr std::uint8_t kMaxProtocol = 255;
 constexpr std::uint32_t kMaxLimit = std::uint32_t{1} << 24;
 // The members of "arpSuppression/limits".
@@ -93,6 +95,7 @@ class FileReader {
   ConfigReader::Read neverAnswer();
   ConfigReader::Read limits();
   ConfigReader::Read policer(Switch::Policer& to);
+  ConfigReader::Read answers(Switch::Answers& to);
   void readSoftForward(const std::string& key, const json& value);
   void readEvpn(const std::string& key, const json& value);
   void checkVlanVrfs();
@@ -221,7 +224,8 @@ void FileReader::readVlan(const std::string& key, const std::string& name, const
                  {{"bridge", reader_.string(vlan.bridge, isDeviceName, kDevice)},
                   {"tunnelPorts", reader_.strings(vlan.tunnelPorts, isDeviceName, kDevice)},
                   {"vrf", reader_.string(vlan.vrf, isPrintable, "the name of a VRF")},
-                  {"suppression", reader_.boolean(vlan.suppression)}});
+                  {"suppression", reader_.boolean(vlan.suppression)},
+                  {"answers", reader_.boolean(vlan.answers)}});
 }
 
 void FileReader::checkVlanVrfs() {
@@ -244,19 +248,33 @@ ConfigReader::Read FileReader::policer(Switch::Policer& to) {
   };
 }
 
+ConfigReader::Read FileReader::answers(Switch::Answers& to) {
+  return [this, &to](const std::string& key, const json& value) {
+    const char* const hint = "; \"enabled\": false switches answers off";
+    reader_.object(key, value,
+                   {{"enabled", reader_.boolean(to.enabled)},
+                    {"maxEntries", reader_.number<std::uint32_t>(to.maxEntries, 1, kMaxAnswers, hint)},
+                    {"refreshSeconds",
+                     reader_.number<std::uint32_t>(to.refreshSeconds, 1, kMaxAnswerRefreshSeconds, hint)}});
+  };
+}
+
 void FileReader::readSoftForward(const std::string& key, const json& value) {
   SoftForwardSettings& to = config_.softForward;
   const ConfigReader::Read ports = reader_.each(
       "an object of ports by kernel device", [&](const auto& at, const auto& name, const json& port) {
         if (!isDeviceName(name)) return reader_.isNot(key + ".ports", name, kDevice);
         Switch::Policer& own = to.portPolicers.emplace(name, to.policer).first->second;
-        reader_.object(at, port, {{"policer", policer(own)}});
+        bool answered = true;
+        reader_.object(at, port, {{"policer", policer(own)}, {"answers", reader_.boolean(answered)}});
+        if (!answered) to.portsWithoutAnswers.insert(name);
       });
   json ownOfPorts = json::object();
   reader_.object(
       key, value,
       {{"policer", policer(to.policer)},
        {"failOpenSeconds", reader_.number<std::uint32_t>(to.failOpenSeconds, 1, kMaxFailOpenSeconds)},
+       {"answers", answers(to.answers)},
        {"ports", [&](const auto&, const json& given) { ownOfPorts = given; }}});
   // Last: what a port leaves out is as for all ports.
   ports(key + ".ports", ownOfPorts);
@@ -296,8 +314,9 @@ void FileReader::checkAgents() {
   const std::string without = "does nothing without the agent SoftForward; name it in \"agents\"";
   if (content_.contains("softForward")) reader_.fail("softForward", without);
   for (const auto& [vlanId, vlan] : config_.vlans) {
-    if (!vlan.suppression)
-      reader_.fail("vlans." + std::to_string(vlanId) + ".suppression", "false " + without);
+    const std::string key = "vlans." + std::to_string(vlanId);
+    if (!vlan.suppression) reader_.fail(key + ".suppression", "false " + without);
+    if (!vlan.answers) reader_.fail(key + ".answers", "false " + without);
   }
 }
 

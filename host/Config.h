@@ -27,12 +27,15 @@ struct VlanSettings {
   std::vector<std::string> tunnelPorts;
   std::string vrf;  // "": whichever its interface is in
   bool suppression = true;
+  bool answers = true;
 };
 
 struct SoftForwardSettings {
   Switch::Policer policer;
   std::map<std::string, Switch::Policer> portPolicers;  // by kernel device; complete
   std::uint32_t failOpenSeconds = 3;
+  Switch::Answers answers;
+  std::set<std::string> portsWithoutAnswers;  // kernel devices
 };
 
 struct EvpnSettings {
@@ -49,12 +52,15 @@ struct EvpnSettings {
 //                           device), each unique; "default" needs no entry
 //   vlans                   by VLAN id: bridge (a kernel device; default vlanN), tunnelPorts (list of kernel
 //                           devices; default none), vrf (the VRF that its interface must be in, "default" or
-//                           one of vrfs; default whichever it is in), suppression (default true; false, with
-//                           SoftForward only: the VLAN is left alone)
+//                           one of vrfs; default whichever it is in); with SoftForward only: suppression
+//                           (default true; false: the VLAN is left alone), answers (default true; false: none
+//                           of its requests is answered in the data plane)
 //   softForward             with SoftForward only: policer of each port (perSecond and burst, 1 to 1000000,
-//                           default 600), ports (by kernel device: policer, by default the one of all ports),
-//                           failOpenSeconds (1 to 60, default 3: how long after the agent's last sign of life
-//                           everything is flooded)
+//                           default 600), ports (by kernel device: policer, by default the one of all ports;
+//                           answers, default true, as a VLAN's), failOpenSeconds (1 to 60, default 3: how
+//                           long after the agent's last sign of life everything is flooded), answers in the
+//                           data plane (enabled, default true; maxEntries, 1 to 1048576, the default;
+//                           refreshSeconds, 1 to 3600, default 30)
 //   evpn                    with KernelEvpn only: feed ("kernel": remote bindings are the neighbours that a routing
 //                           daemon writes into the kernel; default "none"), protocols (list of 1 to 255, default
 //                           11 and 186: whose neighbours these are)

@@ -52,14 +52,15 @@ class ConfigReader {
   // A list of different ones.
   Read strings(std::vector<std::string>& to, Allowed allowed, const std::string& what);
   Read boolean(bool& to);
+  // `hint` stands behind what is allowed.
   template <class Number>
-  Read number(Number& to, Number least, Number most) {
-    return [this, &to, least, most](const std::string& key, const Json& value) {
+  Read number(Number& to, Number least, Number most, const char* hint = "") {
+    return [this, &to, least, most, hint](const std::string& key, const Json& value) {
       const std::optional<Number> number = Statedb::scalarToValue<Number>(value);
       if (number && *number >= least && *number <= most) {
         to = *number;
       } else {
-        isNot(key, value, "a number from " + std::to_string(least) + " to " + std::to_string(most));
+        isNot(key, value, "a number from " + std::to_string(least) + " to " + std::to_string(most) + hint);
       }
     };
   }

@@ -1,5 +1,6 @@
 #include "host/DeclaredState.h"
 
+#include <algorithm>
 #include <string>
 
 #include "L3/VrfName.h"
@@ -46,19 +47,7 @@ json changedOf(const json& before, const json& now) {
   return changed;
 }
 
-}  // namespace
-
-StateDifference difference(const json& before, const json& now) {
-  StateDifference difference;
-  for (auto path = before.begin(); path != before.end(); ++path) {
-    json gone = goneOf(*path, now.value(path.key(), json::object()), false);
-    if (!gone.empty()) difference.gone[path.key()] = std::move(gone);
-  }
-  difference.changed = changedOf(before, now);
-  return difference;
-}
-
-json declaredState(const Config& config) {
+json declared(const Config& config, const Switch::RemoteBindings& bindings) {
   json all = json::object();
   if (!config.has(kKernelState)) {
     json& names = all[kVrfIdPath][kVrfIdToName];
@@ -74,7 +63,7 @@ json declaredState(const Config& config) {
   // A path may be named in more than one way ("bridging/config" and "bridging/config/").
   for (auto item = config.state.begin(); item != config.state.end(); ++item)
     all[std::string(Statedb::normalPath(item.key()))].merge_patch(item.value());
-  for (const auto& [key, binding] : config.bindings) {
+  for (const auto& [key, binding] : bindings) {
     if (config.has(kKernelEvpn)) break;  // it writes them itself
     all[kRemoteBindingPath]["remoteBinding"][Mox::toStrep(key)] = Statedb::valueToJson(binding);
   }
@@ -82,6 +71,40 @@ json declaredState(const Config& config) {
     all[ArpSuppression::kNeverAnswerPath]["prefix"][network.toStrep()] = true;
   for (const auto& [name, limit] : config.limits) all[ArpSuppression::kLimitsPath][name] = limit;
   return all;
+}
+
+}  // namespace
+
+StateDifference difference(const json& before, const json& now) {
+  StateDifference difference;
+  for (auto path = before.begin(); path != before.end(); ++path) {
+    json gone = goneOf(*path, now.value(path.key(), json::object()), false);
+    if (!gone.empty()) difference.gone[path.key()] = std::move(gone);
+  }
+  difference.changed = changedOf(before, now);
+  return difference;
+}
+
+json declaredState(const Config& config) { return declared(config, config.bindings); }
+
+StateDifference difference(const Config& before, const Config& now) {
+  // What `state` says of a binding is beneath those: then all of them count.
+  const auto inState = [](const Config& config) {
+    return std::ranges::any_of(config.state.items(), [](const auto& item) {
+      return Statedb::normalPath(item.key()) == kRemoteBindingPath;
+    });
+  };
+  if (inState(before) || inState(now)) return difference(declaredState(before), declaredState(now));
+  const auto others = [](const Switch::RemoteBindings& all, const Switch::RemoteBindings& known) {
+    Switch::RemoteBindings others;
+    for (const auto& binding : all) {
+      const auto same = known.find(binding.first);
+      if (same == known.end() || same->second != binding.second) others.insert(others.end(), binding);
+    }
+    return others;
+  };
+  return difference(declared(before, others(before.bindings, now.bindings)),
+                    declared(now, others(now.bindings, before.bindings)));
 }
 
 }  // namespace Host

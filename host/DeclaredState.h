@@ -18,5 +18,7 @@ struct StateDifference {
   nlohmann::json changed = nlohmann::json::object();
 };
 StateDifference difference(const nlohmann::json& before, const nlohmann::json& now);
+// Of what two configurations declare. `bindings` that both have alike, of which there may be many, cost a look-up each.
+StateDifference difference(const Config& before, const Config& now);
 
 }  // namespace Host

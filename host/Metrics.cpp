@@ -110,6 +110,25 @@ void addAgent(const MetricsSources& sources, std::string& text) {
       .add(numberAt(status, "uptimeSeconds"));
 }
 
+void addFeed(const MetricsSources& sources, std::string& text) {
+  const json feed = answerOf(sources, "feed", {});
+  if (!feed.is_object() || feed.value("source", "") != "kernel") return;
+  Family(text, "feed_ready", "gauge", "Whether the neighbours of the routing daemon were read once.")
+      .add(numberAt(feed, "ready"));
+  Family(text, "feed_entries", "gauge", "Addresses that the feed has for the VLANs, by family.")
+      .add("family", "ipv4", numberAt(feed, "ipv4"))
+      .add("family", "ipv6", numberAt(feed, "ipv6"));
+  Family(text, "feed_refused_entries", "gauge", "Addresses of the feed that no other switch can have.")
+      .add(numberAt(feed, "refused"));
+  Family(text, "feed_readings_total", "counter", "How often all neighbours were read, or should have been.")
+      .add(numberAt(feed, "readings"));
+  Family(text, "feed_overruns_total", "counter", "How often the kernel dropped changes of neighbours.")
+      .add(numberAt(feed, "overruns"));
+  if (feed.value("readingAgeSeconds", json()).is_number())
+    Family(text, "feed_reading_age_seconds", "gauge", "Since all neighbours were last read.")
+        .add(numberAt(feed, "readingAgeSeconds"));
+}
+
 void addHealth(const MetricsSources& sources, std::string& text) {
   const auto health = sources.state.tree()->entityOf<Switch::Health>(Switch::kHealthPath);
   const auto problems = sources.state.tree()->entityOf<Switch::Problems>(Switch::kProblemsPath);
@@ -127,6 +146,21 @@ void addHealth(const MetricsSources& sources, std::string& text) {
     vlans.add("state", moxEnumNames(Switch::VlanState())[state], states[state]);
 }
 
+// Of a data plane that answers.
+void addAnswers(const json& answers, std::string& text) {
+  if (!answers.is_object()) return;
+  Family(text, "answers", "gauge", "Answers in the data plane, and those that it had no room for.")
+      .add("state", "held", numberAt(answers, "held"))
+      .add("state", "refused", numberAt(answers, "refused"));
+  Family(text, "answers_given_total", "counter", "Requests that the data plane answered.")
+      .add(numberAt(answers, "hits"));
+  const json shown = answers.value("shown", json());
+  if (!shown.is_object()) return;
+  Family reasons(text, "requests_shown_total", "counter", "Requests that went to the agent, by reason.");
+  for (const auto& [reason, count] : shown.items())
+    if (count.is_number()) reasons.add("reason", reason, count.get<double>());
+}
+
 void addForwarding(const MetricsSources& sources, std::string& text) {
   const json shown = answerOf(sources, "forwarding", {"counters"});
   if (!shown.is_object()) return;
@@ -142,6 +176,7 @@ void addForwarding(const MetricsSources& sources, std::string& text) {
       "Frames by what the forwarding programs did with them; policed: refused by a port's policer.");
   for (const auto& [name, count] : counters->items())
     if (count.is_number()) frames.add("action", name, count.get<double>());
+  addAnswers(shown.value("answers", json()), text);
 }
 
 void addProcess(const MetricsSources& sources, std::string& text) {
@@ -181,7 +216,8 @@ TurnTimes::TurnTimes(Orb::EventLoop& loop)
 
 std::string metricsText(const MetricsSources& sources) {
   std::string text;
-  for (const auto add : {addHealth, addAgent, addForwarding, addCounters, addProcess}) add(sources, text);
+  for (const auto add : {addHealth, addAgent, addFeed, addForwarding, addCounters, addProcess})
+    add(sources, text);
   return text;
 }
 

@@ -128,8 +128,7 @@ class TreeChanges final : public Feed {
     newsIs();
     if (lost_) return;
     bool& hasGone = changed_[{change.memberPath, change.key ? *change.key : std::string()}];
-    hasGone = hasGone || (change.member.kind == Mox::MemberKind::children &&
-                          !change.member.child(change.entity, *change.key));
+    hasGone = hasGone || (change.member.hasChildren() && !change.member.child(change.entity, *change.key));
     if (changed_.size() <= kKeptChanges) return;
     changed_.clear();
     lost_ = true;
@@ -138,19 +137,19 @@ class TreeChanges final : public Feed {
   // A child that was replaced has to go from the reader's picture first: a patch would keep its old members.
   void put(const Name& name, bool hadGone, json& replaced, json& change) const {
     const std::vector<std::string> parts = Statedb::memberPathParts(name.first);
-    std::vector<std::pair<std::string, std::string>> way;
+    Way way;
     const Statedb::Shape* shape = &type_->shape;
     Mox::Ptr<Mox::Entity> entity = entity_;
     json value;
     for (std::size_t i = 0; i + 1 < parts.size() && entity; i += 2) {
       const MemberType* member = shape->find(parts[i]);
-      way.emplace_back(parts[i], parts[i + 1]);
+      way.emplace_back(member, parts[i + 1]);
       entity = member->child(*entity, parts[i + 1]);
       shape = &member->childShape();
     }
     if (entity) {
       const MemberType* member = shape->find(parts.back());
-      if (member->kind == Mox::MemberKind::children) {
+      if (member->hasChildren()) {
         if (const auto child = member->child(*entity, name.second))
           value = member->childShape().toJson(*child);
       } else {
@@ -160,15 +159,19 @@ class TreeChanges final : public Feed {
         at(change, way)[parts.back()] = std::move(value);
         return;
       }
-      way.emplace_back(parts.back(), name.second);
+      way.emplace_back(member, name.second);
     }
     if (hadGone && !value.is_null()) at(replaced, way) = nullptr;
     at(change, way) = std::move(value);
   }
 
-  static json& at(json& change, const std::vector<std::pair<std::string, std::string>>& way) {
+  using Way = std::vector<std::pair<const MemberType*, std::string>>;
+  static json& at(json& change, const Way& way) {
     json* place = &change;
-    for (const auto& [member, key] : way) place = &(*place)[member][key];
+    for (const auto& [member, key] : way) {
+      place = &(*place)[member->name];
+      if (member->kind != Mox::MemberKind::child) place = &(*place)[key];
+    }
     return *place;
   }
 

@@ -120,12 +120,20 @@ void State::switchConfigIs(const Config& config) {
     entity->tunnelPortsIs(vlan.tunnelPorts);
     entity->vrfIs(vlan.vrf);
     entity->suppressionIs(vlan.suppression);
+    entity->answersIs(vlan.answers);
   }
   const Mox::Ptr<Switch::SoftForwardConfig> softForward = to->softForward();
   const auto& policers = config.softForward.portPolicers;
   deleteOthers(
       softForward->portPolicerCollection(), [&](const auto& port) { return policers.contains(port); },
       [&](const auto& port) { softForward->portPolicerDel(port); });
+  const auto& unanswered = config.softForward.portsWithoutAnswers;
+  deleteOthers(
+      softForward->portWithoutAnswersCollection(),
+      [&](const auto& port) { return unanswered.contains(port); },
+      [&](const auto& port) { softForward->portWithoutAnswersDel(port); });
+  for (const auto& port : unanswered) softForward->portWithoutAnswersIs(port);
+  softForward->answersIs(config.softForward.answers);
   softForward->policerIs(config.softForward.policer);
   softForward->failOpenSecondsIs(config.softForward.failOpenSeconds);
   for (const auto& [port, policer] : policers) softForward->portPolicerIs(port, policer);
@@ -308,7 +316,7 @@ class State::Reconfigure final : public StateChange {
 };
 
 Mox::Result<std::unique_ptr<StateChange>> State::reconfigure(const Config& before, const Config& now) {
-  StateDifference parts = difference(declaredState(before), declaredState(now));
+  StateDifference parts = difference(before, now);
   auto gone = change(std::move(parts.gone), &byHand_);
   if (!gone) return gone;
   auto changed = change(std::move(parts.changed), nullptr);

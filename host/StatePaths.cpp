@@ -4,7 +4,9 @@
 
 #include "Arp/Confirmation.h"
 #include "Statedb/Path.h"
+#include "Suppression/Answer.h"
 #include "Suppression/BindingOrigin.h"
+#include "Suppression/DataPlaneAnswers.h"
 #include "Suppression/Limits.h"
 #include "Suppression/NeverAnswer.h"
 #include "Switch/Config.h"
@@ -36,6 +38,8 @@ const std::vector<StatePath>& statePaths() {
       {Arp::kConfirmationPath, Arp::kConfirmationType, tree, byPlugin, kArpService, false},
       {"arp/service/status", "Arp::ServiceStatus", tree, byPlugin, kArpService, false},
       {"arp/status", "Arp::Table::Status", sharedMemory, byPlugin, kKernelState, false},
+      {ArpSuppression::kAnswerPath, ArpSuppression::kAnswerType, sharedMemory, byPlugin, kArpSuppression, false},
+      {ArpSuppression::kAnswerVlansPath, ArpSuppression::kAnswerVlansType, tree, byPlugin, kArpSuppression, false},
       {"arpSuppression/counter", "ArpSuppression::ArpSuppressionCounterStatus", sharedMemory, byPlugin, kArpSuppression, false},
       {ArpSuppression::kLimitsPath, ArpSuppression::kLimitsType, tree, byHost, nullptr, false},
       {ArpSuppression::kNeverAnswerPath, ArpSuppression::kNeverAnswerType, tree, byHost, nullptr, false},
@@ -52,6 +56,7 @@ const std::vector<StatePath>& statePaths() {
       {"ip/vrf/status/local", "Ip::AllVrfStatusLocal", tree, byPlugin, kKernelState, false},
       {"routing/fhrp/vrMacStatus", "Routing::Fhrp::VirtualRouterMacStatus", tree, byHost, nullptr, false},
       {"routing/l2vpn/config", "Routing::L2Vpn::Config", tree, byHost, nullptr, false},
+      {ArpSuppression::kDataPlaneAnswersPath, ArpSuppression::kDataPlaneAnswersType, tree, byPlugin, kSoftForward, false},
       {Switch::kConfigPath, Switch::kConfigType, tree, fixed, nullptr, false},
       {Switch::kForwardingPath, Switch::kForwardingType, tree, byPlugin, kSoftForward, false},
       {Switch::kHealthPath, Switch::kHealthType, tree, fixed, nullptr, false},

@@ -54,6 +54,11 @@ class TreeDump final : public Dump {
     if constexpr (M::kind == Mox::MemberKind::attribute) {
       text += Statedb::jsonText(Statedb::valueToJson<typename M::Value>(member.get(*entity_)));
       --left;
+    } else if constexpr (M::kind == Mox::MemberKind::child) {
+      if (!inMember_) child_ = std::make_unique<Child<typename M::Value>>(member.get(*entity_).child);
+      inMember_ = true;
+      if (!finishChild(left, text)) return;
+      wasChild_ = false;
     } else {
       if (!inMember_) text += '{';
       first_ = first_ || !inMember_;

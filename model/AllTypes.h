@@ -11,8 +11,10 @@
 #include "Ip/Status.h"
 #include "KernelNetInfo/Status.h"
 #include "Routing/Status.h"
+#include "Suppression/Answer.h"
 #include "Suppression/BindingOrigin.h"
 #include "Suppression/Counter.h"
+#include "Suppression/DataPlaneAnswers.h"
 #include "Suppression/Limits.h"
 #include "Suppression/NeverAnswer.h"
 #include "Suppression/RemoteBindingConfig.h"
@@ -31,8 +33,10 @@ namespace Model {
 // for each.
 template <class Visit>
 void forEachStateType(Visit&& visit) {
+  visit.template operator()<ArpSuppression::AnswerVlans>(ArpSuppression::kAnswerVlansType);
   visit.template operator()<ArpSuppression::ArpSuppressionStatus>("ArpSuppression::ArpSuppressionStatus");
   visit.template operator()<ArpSuppression::BindingOrigin>(ArpSuppression::kBindingOriginType);
+  visit.template operator()<ArpSuppression::DataPlaneAnswers>(ArpSuppression::kDataPlaneAnswersType);
   visit.template operator()<ArpSuppression::Limits>(ArpSuppression::kLimitsType);
   visit.template operator()<ArpSuppression::NeverAnswer>(ArpSuppression::kNeverAnswerType);
   visit.template operator()<Arp::ArpInputConfig>("Arp::ArpInputConfig");
@@ -58,6 +62,7 @@ void forEachStateType(Visit&& visit) {
 
 template <class Visit>
 void forEachTableType(Visit&& visit) {
+  visit.template operator()<ArpSuppression::AnswerStatus>(ArpSuppression::kAnswerType);
   visit.template operator()<ArpSuppression::ArpSuppressionCounterStatus>(
       "ArpSuppression::ArpSuppressionCounterStatus");
   visit.template operator()<ArpSuppression::RemoteBindingConfig>("ArpSuppression::RemoteBindingConfig");

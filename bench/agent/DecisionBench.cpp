@@ -30,12 +30,11 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "AllTypes.h"
 #include "ArpSuppression/Rig.h"
 #include "Lanix/Wire.h"
 #include "Statedb/LmdbStore.h"
-#include "Statedb/Register.h"
 #include "Targets.h"
+#include "support/StateTypes.h"
 
 namespace {
 
@@ -176,7 +175,7 @@ double longestSlice(const std::string& statistics, std::string& task) {
 // What the next run of the program does before its first turn, and what a VRF costs that goes away whole.
 void restart(std::uint32_t bindings, const Directory& directory) {
   Statedb::TypeRegistry types;
-  Model::forEachStateType([&]<class E>(const char* name) { types.registerType<E>(name); });
+  TestSupport::registerStateTypes(types);
   double start = cpuSeconds();
   const auto tree = Mox::make<Statedb::EntityManager>(
       types, [](auto call) { call(); }, directory.store());

@@ -1,12 +1,18 @@
 // A storm on one port, and what the other ports notice of it: a host asks for a remote one, again and again,
-// while another port's host sends requests in the name of invented hosts. Done twice on the same network,
-// without the daemon (the bridge floods all of it, the remote host answers for itself) and with it (the switch
-// answers). Prints how long the host waited for its answers, how many there were, and what the storm cost the
-// daemon.
+// while another port's host sends requests in the name of invented hosts. Both without the daemon (the bridge
+// floods all of it, the remote host answers for itself) and with it (the switch answers), by turns and in
+// several rounds, each on a network of its own. Prints, as medians over the rounds, how long the host waited
+// for its answers, and what the storm cost the daemon.
 //
-//   StormBench [SECONDS [REQUESTS_A_SECOND]]
+//   StormBench [ROUNDS [SECONDS [REQUESTS_A_SECOND]]]
 //
-// By default 30 s of 100,000 requests a second. Needs root.
+// By default 3 rounds of 30 s each way, of 100,000 requests a second; in shorter ones the burst that the policer
+// lets through at once weighs more. Needs root, and two processors: the storm has one to itself, as that of a
+// network card whose interrupts go there, and everything else the other. All of it runs ahead of what else the
+// machine does.
+
+#include <pthread.h>
+#include <sched.h>
 
 #include <algorithm>
 #include <atomic>
@@ -31,12 +37,21 @@ using Lab::Frame;
 
 constexpr Lab::Mac kHost{0x02, 0, 0, 0, 0, 0x12}, kRemote{0x02, 0, 0, 0, 0, 0x99};
 constexpr Lab::Ip kHostIp{10, 0, 10, 12}, kRemoteIp{10, 0, 10, 99};
-constexpr auto kBetween = std::chrono::milliseconds(5);  // less than the port's own policer lets pass
+constexpr auto kBetween = std::chrono::milliseconds(2);  // less than the port's own policer lets pass
 constexpr auto kAnswerPatience = std::chrono::milliseconds(500);
 constexpr double kTargetRatio = 1.2;
+constexpr double kQuietSeconds = 1;
 constexpr int kBurst = 50;
+constexpr int kStormProcessor = 0, kOtherProcessor = 1;
 
 double passed(Clock::time_point since) { return Seconds(Clock::now() - since).count(); }
+
+void runOn(int processor) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(processor, &set);
+  pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+}
 
 // In the name of hosts whose addresses nobody else has. At its rate, in bursts; what the machine cannot send in
 // time is not made up for.
@@ -44,6 +59,7 @@ class Storm {
  public:
   Storm(Lab::PacketSocket& socket, double perSecond)
       : thread_([this, &socket, perSecond] {
+          runOn(kStormProcessor);
           const auto begin = Clock::now();
           for (auto next = begin; !over_;
                next += std::chrono::nanoseconds(static_cast<long>(1e9 * kBurst / perSecond))) {
@@ -118,15 +134,36 @@ Waited asks(Lab::PacketSocket& host, Lab::PacketSocket* stormy, double seconds, 
   return waited;
 }
 
-void print(const char* what, const Waited& waited) {
-  std::printf("%-34s %9.0f/s   %zu of %zu answered   p50 %7.3f ms   p99 %7.3f ms   longest %7.3f ms\n", what,
-              waited.storm, waited.seconds.size(), waited.asked, waited.at(0.5) * 1e3, waited.at(0.99) * 1e3,
-              waited.at(1) * 1e3);
-  std::fflush(stdout);
+double median(std::vector<double> values) {
+  std::ranges::sort(values);
+  return values.empty() ? 0 : values[values.size() / 2];
 }
 
-// A bridge with a port for the storm, one for the host, and one to the overlay. Each round has its own: a bridge
-// remembers every sender of a storm.
+// What came of one way, a value a round.
+struct Way {
+  const char* name;
+  std::vector<double> p50{}, p99{}, longest{}, storm{}, cpu{}, memory{};
+  std::size_t asked = 0, answered = 0;
+
+  void add(const Waited& waited) {
+    p50.push_back(waited.at(0.5));
+    p99.push_back(waited.at(0.99));
+    longest.push_back(waited.at(1));
+    storm.push_back(waited.storm);
+    asked += waited.asked;
+    answered += waited.seconds.size();
+  }
+  void print() const {
+    std::printf(
+        "%-24s %7.0f/s   %zu of %zu answered   p50 %.3f   p99 %.3f (%.3f to %.3f)   longest %.1f ms\n", name,
+        median(storm), answered, asked, median(p50) * 1e3, median(p99) * 1e3, std::ranges::min(p99) * 1e3,
+        std::ranges::max(p99) * 1e3, std::ranges::max(longest) * 1e3);
+    std::fflush(stdout);
+  }
+};
+
+// A bridge with a port for the storm, one for the host, and one to the overlay. A bridge remembers every sender of
+// a storm; here it has forgotten them when this is gone.
 struct Network {
   Network() {
     Lab::bridgeIs("vlan10");
@@ -142,22 +179,26 @@ struct Network {
     far->onlyFramesFrom(kHost);
     remote.emplace(*far);
   }
+  ~Network() { Lab::linkDel("vlan10"); }
   Lab::Namespace inside, outside;
   Lab::Entered entered{inside};
   std::optional<Lab::PacketSocket> stormy, host, far;
   std::optional<Remote> remote;
 };
 
-Waited flooded(double seconds, double perSecond) {
+struct Ways {
+  Way quietFlooded{"no suppression, quiet"}, flooded{"no suppression, storm"};
+  Way quietAnswered{"suppression, quiet"}, answered{"suppression, storm"};
+  std::string log;  // of the last daemon
+};
+
+void floodedRound(Ways& ways, double seconds, double perSecond) {
   Network network;
-  print("no suppression, quiet", asks(*network.host, nullptr, 3, 0));
-  const Waited waited = asks(*network.host, &*network.stormy, seconds, perSecond);
-  print("no suppression, storm", waited);
-  return waited;
+  ways.quietFlooded.add(asks(*network.host, nullptr, kQuietSeconds, 0));
+  ways.flooded.add(asks(*network.host, &*network.stormy, seconds, perSecond));
 }
 
-void bench(double seconds, double perSecond) {
-  const Waited without = flooded(seconds, perSecond);
+void answeredRound(Ways& ways, double seconds, double perSecond) {
   Network network;
   Bench::Daemon daemon(R"("vlans":{"10":{"tunnelPorts":["core10"]}},"state":{
       "evpn/status":{"mplsConfigured":true,"vlanToDot1q":{"10":10}},
@@ -166,31 +207,51 @@ void bench(double seconds, double perSecond) {
     network.host->send(arpFrame({1, kHost, kHostIp, {}, kRemoteIp}));
     return daemon.asked({"counters", "--nonzero"}).find("replyRemote") != std::string::npos;
   });
-  print("suppression, quiet", asks(*network.host, nullptr, 3, 0));
-  const Bench::Daemon::Usage before = daemon.usage();
-  const Waited suppressed = asks(*network.host, &*network.stormy, seconds, perSecond);
-  const Bench::Daemon::Usage after = daemon.usage();
-  print("suppression, storm", suppressed);
-  const double ratio = without.at(0.99) > 0 ? suppressed.at(0.99) / without.at(0.99) : 0;
+  ways.quietAnswered.add(asks(*network.host, nullptr, kQuietSeconds, 0));
+  const Bench::Usage before = daemon.usage();
+  ways.answered.add(asks(*network.host, &*network.stormy, seconds, perSecond));
+  const Bench::Usage after = daemon.usage();
+  ways.answered.cpu.push_back((after.cpu - before.cpu) / seconds);
+  ways.answered.memory.push_back(static_cast<double>(after.resident - before.resident));
+  ways.log = daemon.log();
+  daemon.stop();
+}
+
+void bench(unsigned rounds, double seconds, double perSecond) {
+  Bench::aheadOfOthers();
+  runOn(kOtherProcessor);  // and what it starts
+  Ways ways;
+  for (unsigned round = 0; round < rounds; ++round) {
+    for (const bool first : {true, false})
+      (first == (round % 2 == 0) ? floodedRound : answeredRound)(ways, seconds, perSecond);
+    std::printf("round %u: p99 %.3f and %.3f ms\n", round + 1, ways.flooded.p99.back() * 1e3,
+                ways.answered.p99.back() * 1e3);
+    std::fflush(stdout);
+  }
+  std::printf("medians of %u rounds:\n", rounds);
+  for (const Way* way : {&ways.quietFlooded, &ways.quietAnswered, &ways.flooded, &ways.answered})
+    way->print();
+  const double reference = median(ways.flooded.p99);
   std::printf(
       "p99 of the other port with suppression against without: %.2f (wanted: at most %.1f, and every request "
-      "answered)\nthe daemon took %.1f%% of a processor and %ld KiB more memory; its log:\n%s",
-      ratio, kTargetRatio, (after.cpu - before.cpu) / seconds * 100, after.resident - before.resident,
-      daemon.log().c_str());
-  daemon.stop();
+      "answered)\nthe daemon took %.1f%% of a processor and %.0f KiB more memory; its log:\n%s",
+      reference > 0 ? median(ways.answered.p99) / reference : 0, kTargetRatio,
+      median(ways.answered.cpu) * 100, median(ways.answered.memory), ways.log.c_str());
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const double seconds = argc > 1 ? std::strtod(argv[1], nullptr) : 30;
-  const double perSecond = argc > 2 ? std::strtod(argv[2], nullptr) : 100'000;
-  if (!(seconds > 0 && seconds <= 600 && perSecond >= 1)) {
-    std::fprintf(stderr, "StormBench: SECONDS from above 0 to 600, REQUESTS_A_SECOND from 1\n");
+  const unsigned long rounds = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 3;
+  const double seconds = argc > 2 ? std::strtod(argv[2], nullptr) : 30;
+  const double perSecond = argc > 3 ? std::strtod(argv[3], nullptr) : 100'000;
+  if (rounds < 1 || rounds > 100 || !(seconds > 0 && seconds <= 600 && perSecond >= 1)) {
+    std::fprintf(stderr,
+                 "StormBench: ROUNDS from 1 to 100, SECONDS from above 0 to 600, REQUESTS_A_SECOND from 1\n");
     return 2;
   }
   try {
-    bench(seconds, perSecond);
+    bench(static_cast<unsigned>(rounds), seconds, perSecond);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "StormBench: %s\n", error.what());
     return 1;

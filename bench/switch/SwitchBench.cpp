@@ -16,7 +16,6 @@
 #include <map>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -42,23 +41,6 @@ std::size_t count(const std::string& text, const std::string& what) {
   return found;
 }
 
-// In seconds, and the tasks whose longest run is above 1 ms, of what "arpsup tech-support" prints.
-double longestTurn(const std::string& report, std::string& tasks) {
-  constexpr std::string_view kTurn = "longest turn: ";
-  double longest = 0;
-  std::string line;
-  for (std::size_t at = 0; at < report.size(); at += line.size() + 1) {
-    line = report.substr(at, report.find('\n', at) - at);
-    if (const std::size_t turn = line.find(kTurn); turn != std::string::npos)
-      longest = std::strtod(line.c_str() + turn + kTurn.size(), nullptr);
-    const std::size_t run = line.find(" longest=");
-    if (run == std::string::npos) continue;
-    if (std::strtod(line.c_str() + run + 9, nullptr) > 1e-3)
-      tasks += "    " + line.substr(line.find_first_not_of(' ')) + "\n";
-  }
-  return longest;
-}
-
 void bench(unsigned vlans, double restSeconds) {
   const Lab::Namespace inside;
   const Lab::Namespace outside;
@@ -74,15 +56,15 @@ void bench(unsigned vlans, double restSeconds) {
   const double startCpu = daemon.usage().cpu;
   std::this_thread::sleep_for(kSettle);
   std::string tasks;
-  const double turn = longestTurn(daemon.asked({"tech-support"}), tasks);
+  const double turn = daemon.longestTurn(tasks);
 
   Netlink::Socket monitor(NETLINK_ROUTE, {.receiveBuffer = 8 << 20});
   for (const unsigned group : {RTNLGRP_LINK, RTNLGRP_TC, RTNLGRP_NEIGH, RTNLGRP_IPV4_IFADDR})
     if (const auto joined = monitor.join(group); !joined) throw std::runtime_error(joined.error());
-  const Daemon::Usage before = daemon.usage();
+  const Bench::Usage before = daemon.usage();
   const auto restBegin = Clock::now();
   std::this_thread::sleep_for(std::chrono::duration<double>(restSeconds));
-  const Daemon::Usage after = daemon.usage();
+  const Bench::Usage after = daemon.usage();
   const double rested = since(restBegin);
   std::size_t notifications = 0;
   std::map<std::pair<int, int>, std::size_t> kinds;  // by message type and family

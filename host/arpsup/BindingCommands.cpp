@@ -1,3 +1,5 @@
+#include <algorithm>
+#include <cstdint>
 #include <vector>
 
 #include "Bridging/VlanId.h"
@@ -22,6 +24,21 @@ std::string text(const Json& object, const char* key) {
   const auto value = object.find(key);
   if (value == object.end() || value->is_null()) return {};
   return value->is_string() ? value->template get<std::string>() : textOf(*value);
+}
+
+// "7s", "3m 34s", "5h 2m", "41d 3h"; "" where the key is not there.
+std::string span(const json& object, const char* key) {
+  const auto value = object.find(key);
+  if (value == object.end() || !value->is_number()) return {};
+  const auto seconds = static_cast<std::int64_t>(std::clamp(value->get<double>(), 0.0, 1e12));
+  const auto parts = [](std::int64_t all, std::int64_t unit, const char* large, const char* small) {
+    return std::to_string(all / unit) + large + " " + std::to_string(all % unit) + small;
+  };
+  constexpr std::int64_t kMinute = 60, kHour = 60 * kMinute, kDay = 24 * kHour;
+  if (seconds < kMinute) return std::to_string(seconds) + "s";
+  if (seconds < kHour) return parts(seconds, kMinute, "m", "s");
+  if (seconds < kDay) return parts(seconds / kMinute, kHour / kMinute, "h", "m");
+  return parts(seconds / kHour, kDay / kHour, "d", "h");
 }
 
 template <class Value>
@@ -122,13 +139,13 @@ int findHost(const CommonOptions& options, const std::string& address) {
   const auto client = Client::connect(options.runDirectory);
   if (!client) return fail(client.failure());
   if (const auto sent = (*client)->send(Statedb::jsonText(request)); !sent) return fail(sent.failure());
-  Table table({"VLAN", "IP", "MAC", "TABLE", "INTERFACE", "VRF", "SOURCE", "AGE"});
+  Table table({"VLAN", "IP", "MAC", "TABLE", "INTERFACE", "VRF", "SOURCE", "AGE", "LAST SEEN", "MOVES"});
   std::string list;
   const auto received = receiveBindings(**client, [&](const json& host) {
     if (options.json) list += (list.empty() ? "" : ",\n") + Statedb::jsonText(host);
     return table.row({text(host, "vlan"), text(host, "ip"), text(host, "mac"), text(host, "table"),
                       text(host, "interface"), text(host, "vrf"), text(host, "source"),
-                      text(host, "ageSeconds")});
+                      span(host, "ageSeconds"), span(host, "lastSeenSeconds"), text(host, "moves")});
   });
   if (!received) return fail(received.failure());
   if (options.json && !print("[\n" + list + (list.empty() ? "]\n" : "\n]\n"))) return kRefused;

@@ -59,7 +59,7 @@ inline constexpr auto kCounterTexts = std::to_array<const char*>({
     "a frame could not be handed back",
     "a frame could not be flooded: the VLAN has no label for that yet",
     "requests lost in the receive queue, because more came than were read",
-    "reserved",
+    "answered in the data plane, for the agent: each counts as what the agent would have done as well",
     "an address was claimed by two at a time, or by a host here and another switch",
     "reserved",
     "reserved",

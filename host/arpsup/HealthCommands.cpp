@@ -86,6 +86,18 @@ std::string tunnelPorts(const ordered_json& vlan) {
   return listText(ports);
 }
 
+// "kernel (protocols 11, 186), 2 IPv4 and 0 IPv6 addresses, 0 refused; read 3 s ago"
+std::string feedText(const ordered_json& feed) {
+  const auto shown = [&](const char* key) { return textOf(feed.value(key, ordered_json())); };
+  std::string text = stringAt(feed, "source");
+  if (text == "none") return text;
+  text += " (protocols " + forPeople(listAt(feed, "protocols")) + "), " + shown("ipv4") + " IPv4 and " +
+          shown("ipv6") + " IPv6 addresses, " + shown("refused") + " refused; ";
+  if (!feed.value("ready", false)) return text + "not read yet";
+  text += "read " + shown("readingAgeSeconds") + " s ago";
+  return shown("overruns") == "0" ? text : text + ", " + shown("overruns") + " overruns";
+}
+
 bool printVlans(const ordered_json& vlans) {
   Table table({"VLAN", "STATE", "BRIDGE", "ACCESS PORTS", "TUNNEL PORTS", "VRF", "LOCAL", "REMOTE", "WHY"});
   for (const ordered_json& vlan : vlans) {
@@ -122,6 +134,9 @@ int showStatus(const CommonOptions& options) {
   if (const int status = requestHealth(options, shown)) return status;
   ordered_json agent;
   if (const int status = requestObject(options, "status", json::array(), agent)) return status;
+  ordered_json feed;
+  if (const int status = requestObject(options, "feed", json::array(), feed)) return status;
+  if (!feed.empty()) agent["feed"] = options.json ? feed : ordered_json(feedText(feed));
   const ordered_json counts = agent.value("vlanBindings", ordered_json::object());
   agent.erase("vlanBindings");
   if (shown["vlans"].is_array()) {

@@ -112,7 +112,8 @@ void IdleHostProblems::update(bool isIpv4) {
                       "the kernel keeps more neighbours than " + sysctl + " allows, " +
                           std::to_string(advice->threshold) +
                           ", and drops idle ones: they are asked more often, so that it does not",
-                      "sysctl -w " + sysctl + "=" + std::to_string(advice->wanted));
+                      "sysctl -w " + sysctl + "=" + std::to_string(advice->wanted),
+                      Switch::ProblemReporter::Left::some, Switch::Origin::perhapsStorm);
 }
 
 }  // namespace ArpService

@@ -45,6 +45,8 @@ class IdleHosts {
 
   void roundBegins();
   void handleTable(const Netlink::NeighbourTable& table);
+  // There is one from now on, which the last round did not see: the next must not come too late for it.
+  void hostIs(bool isIpv4) { families_[isIpv4 ? 0 : 1].hasHosts = true; }
   // Of a neighbour on an interface that matters.
   void handleNeighbour(const Netlink::Neighbour& neighbour);
   void roundEnds();
@@ -65,7 +67,7 @@ class IdleHosts {
     std::uint32_t threshold = UINT32_MAX;
     double staleSeconds = 0;
     std::unordered_map<Netlink::IfIndex, double> devices;  // that have another time
-    bool hasHosts = false;                                 // that can be idle, in this round
+    bool hasHosts = false;                                 // that can be idle, since this round began
     bool crowded = false;                                  // at the end of the last round
     std::optional<Advice> advice;
   };

@@ -1,8 +1,19 @@
 #include "ArpService/NamespaceSm.h"
 
+#include <cerrno>
+#include <string>
+
 // What NamespaceSm wants of each key, and what it does about it.
 
 namespace ArpService {
+namespace {
+
+// Over by the first round after it, which finds what was refused.
+constexpr double kFullSeconds = 0.9;
+
+std::string textOf(const Key& key) { return key.intf.toStrep() + ", neighbour " + key.address.toStrep(); }
+
+}  // namespace
 
 Wish NamespaceSm::wish(const Arp::ArpEntryInput* entry, const Key& key, IfIndex ifIndex) const {
   using Kind = Wish::Kind;
@@ -70,8 +81,11 @@ void NamespaceSm::program() {
         vrf->queue.park(key);
       } else if (!isThere || (job.wish.kind == Wish::Kind::nothing && !found && (entry || given))) {
         handleDone(*vrf, key, job);
+      } else if (job.wish.isAged() && scheduler()->loop().now() < fullUntil(key)) {
+        refuse(*vrf, textOf(key), Mox::Failure{"", ENOBUFS});
       } else {
-        job.asked = asked_.contains(key);
+        const auto asked = asked_.find(key);
+        job.asked = asked != asked_.end() && asked->second;
         keys.emplace_back(vrf.get(), key);
         jobs.push_back(job);
       }
@@ -84,9 +98,13 @@ void NamespaceSm::program() {
 void NamespaceSm::handleDone(Vrf& vrf, const Key& key, const Job& job) {
   const Arp::ArpEntryInput* const entry = vrf.wanted(key);
   const bool deviceGone = job.result.number() == ENODEV;
-  if (!job.result && !deviceGone)
-    return refuse(vrf, key.intf.toStrep() + ", neighbour " + job.address.toStrep(), job.result.failure());
+  if (!job.result && !deviceGone) {
+    if (job.wish.isAged() && isFull(job.result.failure()))
+      fullUntil(key) = scheduler()->loop().now() + kFullSeconds;
+    return refuse(vrf, textOf(key), job.result.failure());
+  }
   handleAsked(key, job);
+  if (job.wish.isAged()) idleHosts_.hostIs(job.address.isIpv4());
   if (!entry) {
     vrf.queue.forget(key);
   } else if (deviceGone) {  // the kernel will tell
@@ -96,16 +114,27 @@ void NamespaceSm::handleDone(Vrf& vrf, const Key& key, const Job& job) {
   }
 }
 
-// What is asked for is told of as silent until it is not configured so any more, or somebody answers after all.
+// What is asked for is told of as silent until it is configured anew, or somebody answers after all.
 void NamespaceSm::handleAsked(const Key& key, const Job& job) {
   const bool askable = job.wish.kind == Wish::Kind::answered && job.result && !job.actual.isStatic() &&
                        !job.actual.isForeign() && !job.actual.isResolved();
   if (askable) {
-    asked_.insert(key);
-    if (job.isSilent()) confirmation_->silentIs(key.host());
+    asked_[key] = true;
+    if (!job.isSilent()) {
+      confirmation_->silentDel(key.host());
+    } else {
+      confirmation_->silentIs(key.host());
+    }
   } else if (asked_.erase(key) != 0) {
     confirmation_->silentDel(key.host());
   }
+}
+
+// That nobody answered for an address says nothing once it is configured anew.
+void NamespaceSm::askAnew(const Lanix::IpGenAddr& address) {
+  for (auto at = asked_.lower_bound(Queue::firstOf(address));
+       at != asked_.end() && at->first.address == address; ++at)
+    at->second = false;
 }
 
 // Keys of an interface that has become a feed device, or ceased to be one, are all to be dealt with anew.

@@ -152,6 +152,9 @@ Mox::Result<> NamespaceSm::open() {
   for (const Netlink::Socket* socket : {&sockets_->notifications, &sockets_->requests, &sockets_->dumps}) {
     if (!socket->opened()) return Netlink::describe("opening netlink", socket->opened());
   }
+  if (const auto filtered = sockets_->notifications.neighboursAre(Netlink::Socket::Neighbours::addresses);
+      !filtered)
+    return Netlink::describe("opening netlink", filtered);
   for (const unsigned group : {RTNLGRP_LINK, RTNLGRP_NEIGH}) {
     if (const auto joined = sockets_->notifications.join(group); !joined)
       return Netlink::describe("opening netlink", joined);
@@ -168,7 +171,7 @@ void NamespaceSm::close() {
   devices_.clear();
   probeTask_.cancel();
   idleHosts_.roundBegins();
-  for (const Key& key : std::exchange(asked_, {})) confirmation_->silentDel(key.host());
+  for (const auto& [key, once] : std::exchange(asked_, {})) confirmation_->silentDel(key.host());
   for (const auto& [name, vrf] : vrfs_) vrf->queue.unsettleAll();
 }
 
@@ -232,6 +235,7 @@ void NamespaceSm::handleConfig(Vrf& vrf) {
 }
 
 void NamespaceSm::handleAddress(Vrf& vrf, const Lanix::IpGenAddr& address) {
+  askAnew(address);
   vrf.queue.addAddress(address);
   if (address.isIpv4()) {
     if (const auto* entry = vrf.config->ipv4Collection().find(address.ipv4()))
@@ -324,11 +328,13 @@ void NamespaceSm::refuse(Vrf& vrf, const std::string& what, const Mox::Failure& 
   refused_ = vrf.refused = true;
   vrf.status->refusalsIs(vrf.status->refusals() + 1);
   if (!vrf.status->problem().empty()) return;  // told once, not for each neighbour
-  const bool full = failure.number == ENOBUFS || failure.number == ENOMEM || failure.number == ENOSPC;
+  const bool full = isFull(failure);
   const char* const seeLimit = "see net.ipv4.neigh.default.gc_thresh3";
   const std::string problem = what + ": " + (full ? "the kernel's neighbour table is full" : failure.text);
   vrf.status->problemIs(full ? problem + "; " + seeLimit : problem);
-  problems_.problemIs(subject(vrf), problem + "; tried again", full ? seeLimit : "");
+  problems_.problemIs(subject(vrf), problem + "; tried again", full ? seeLimit : "",
+                      Switch::ProblemReporter::Left::some,
+                      full ? Switch::Origin::perhapsStorm : Switch::Origin::itself);
 }
 
 void NamespaceSm::noProblem(Vrf& vrf) {

@@ -102,11 +102,13 @@ class NamespaceSm final : public Orb::WalkSmBase {
   void lookForFeedDevices();
   Wish wish(const Arp::ArpEntryInput* entry, const Key& key, IfIndex ifIndex) const;
   void handleAsked(const Key& key, const Job& job);
+  void askAnew(const Lanix::IpGenAddr& address);
   void handleDone(Vrf& vrf, const Key& key, const Job& job);
   bool unparkStep();
   bool queuesEmpty() const;
   void probe();
   void program();
+  double& fullUntil(const Key& key) { return key.address.isIpv4() ? full4_ : full6_; }
   // All of them, or one VRF's; what concerns all is reported as the namespace's own VRF's.
   void refuse(const std::string& what, const Mox::Failure& failure);
   void refuse(Vrf& vrf, const std::string& what, const Mox::Failure& failure);
@@ -136,10 +138,15 @@ class NamespaceSm final : public Orb::WalkSmBase {
   Devices devices_;
   Round round_;
   IdleHosts idleHosts_;
-  std::set<Key> asked_;      // the kernel was had ask for them, and what it found is not known
+  // The kernel was had ask for them, and had no answer that is known; false: since they were configured anew.
+  std::map<Key, bool> asked_;
   bool refused_ = false;     // something of any VRF, in this walk
   bool openFailed_ = false;  // in this walk
-  double retryDelay_ = 0;    // of the next round; 0: nothing was refused in the last one
+  // Until then the kernel, which had no room for neighbours that it ages, is asked for no more of that family:
+  // each refusal costs it a pass over its table.
+  double full4_ = 0;
+  double full6_ = 0;
+  double retryDelay_ = 0;  // of the next round; 0: nothing was refused in the last one
   Orb::Task receiveTask_;
   Orb::Task roundTask_;
   Orb::Task probeTask_;

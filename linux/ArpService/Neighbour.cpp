@@ -4,6 +4,7 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "Arp/Table.h"
@@ -27,6 +28,10 @@ Message request(std::uint16_t type, std::uint16_t flags, IfIndex ifIndex, const 
 }
 
 }  // namespace
+
+bool isFull(const Mox::Failure& failure) {
+  return failure.number == ENOBUFS || failure.number == ENOMEM || failure.number == ENOSPC;
+}
 
 bool isOwnStatic(const Netlink::Neighbour& neighbour) {
   return (neighbour.state & NUD_PERMANENT) != 0 && neighbour.protocol == Arp::Table::kArpTypeOwn;

@@ -24,10 +24,14 @@ struct Wish {
   // What the kernel resolved by itself serves as well, whatever it is.
   bool yields = false;
 
+  // It takes of the room that the kernel has for neighbours that are not permanent.
+  bool isAged() const { return kind == Kind::reachable || kind == Kind::answered; }
   // It needs not be there once it was dealt with.
   bool isGiven() const { return kind == Kind::nothing || kind == Kind::reachable; }
 };
 
+// The kernel refused a neighbour for want of room.
+bool isFull(const Mox::Failure& failure);
 // Permanent, and written by this system.
 bool isOwnStatic(const Netlink::Neighbour& neighbour);
 // The kernel resolved it once, and does nothing about it.

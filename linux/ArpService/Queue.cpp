@@ -26,9 +26,11 @@ void Queue::addUnsettled(const Key& key) {
 }
 
 // No interface's name sorts before "!".
+Key Queue::firstOf(const Lanix::IpGenAddr& address) { return {address, Lanix::IntfId::fromName("!")}; }
+
 void Queue::addAddress(const Lanix::IpGenAddr& address) {
-  for (auto at = records_.lower_bound({address, Lanix::IntfId::fromName("!")});
-       at != records_.end() && at->first.address == address; ++at)
+  for (auto at = records_.lower_bound(firstOf(address)); at != records_.end() && at->first.address == address;
+       ++at)
     add(at->first);
 }
 

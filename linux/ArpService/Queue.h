@@ -34,6 +34,8 @@ class Queue {
   void addFound(const Key& key);
   // But not if it is settled.
   void addUnsettled(const Key& key);
+  // No key of that address sorts before it.
+  static Key firstOf(const Lanix::IpGenAddr& address);
   // Every known key of that address: it may have moved to another interface.
   void addAddress(const Lanix::IpGenAddr& address);
   struct Taken {

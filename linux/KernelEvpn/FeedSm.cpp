@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Lanix/NamespaceName.h"
+#include "Orb/JsonObject.h"
 #include "Suppression/RemoteAddress.h"
 
 namespace KernelEvpn {
@@ -162,10 +163,7 @@ void FeedSm::handleNeighbour(const Netlink::Neighbour& neighbour, bool gone, Wor
   const Key key{neighbour.ifIndex, neighbour.address};
   if (gone || !isRoute(neighbour)) {
     if (word == Word::dump) return;  // the sweep removes what is not said
-    std::optional<Record> known;
-    if (const Record* record = neighbours_.find(key)) known = *record;
-    neighbours_.gone(key);
-    if (known) forget(key, *known);
+    if (const auto known = neighbours_.gone(key)) forget(key, *known);
     return;
   }
   Record* const record = neighbours_.said(key, word);
@@ -190,7 +188,9 @@ bool FeedSm::handleSweep(Table table) {
 void FeedSm::handleTableRead(Table) {}
 
 void FeedSm::handleRound(bool complete) {
+  ++readings_;
   if (!complete) return;
+  lastReading_ = scheduler()->loop().now();
   complete_ = true;
   problems_.problemDel(kFeedSubject);
   if (!swept_) scheduleWalk();
@@ -274,11 +274,17 @@ void FeedSm::publish(const Key& key, Record& record) {
   const std::uint16_t vlanId = devices_.vlanOf(key.ifIndex);
   const std::uint16_t before = std::exchange(record.vlan, vlanId);
   if (before != 0 && before != vlanId) decide(before, key.address);
-  if (vlanId != 0) decide(vlanId, key.address);
+  hold(key, record, vlanId != 0 && decide(vlanId, key.address));
 }
 
-void FeedSm::forget(const Key& key, const Record& record) {
+void FeedSm::hold(const Key& key, Record& record, bool held) {
+  if (std::exchange(record.held, held) == held) return;
+  held_[key.address.isIpv4() ? 0 : 1] += held ? std::size_t{1} : ~std::size_t{0};
+}
+
+void FeedSm::forget(const Key& key, Record record) {
   onDevice_.remove(key.ifIndex);
+  hold(key, record, false);
   if (record.vlan != 0) decide(record.vlan, key.address);
 }
 
@@ -292,7 +298,7 @@ RemoteBinding FeedSm::wanted(std::uint16_t vlanId, const Lanix::IpGenAddr& addre
   return at == bindings_->all.end() ? RemoteBinding() : at->second;
 }
 
-void FeedSm::decide(std::uint16_t vlanId, const Lanix::IpGenAddr& address) {
+bool FeedSm::decide(std::uint16_t vlanId, const Lanix::IpGenAddr& address) {
   const RemoteBindingKey key = keyOf(vlanId, address);
   RemoteBinding binding = wanted(vlanId, address);
   const bool refused = binding && refuses(key);
@@ -300,12 +306,14 @@ void FeedSm::decide(std::uint16_t vlanId, const Lanix::IpGenAddr& address) {
   if (refused ? refused_.insert(key).second : refused_.erase(key) != 0) problemTask_.schedule(kSettle);
   auto& collection = table_->remoteBindingCollection();
   // Before everything was read, what an earlier run left may be the feed's word.
-  if (!complete_ && binding.source != BindingSource::feed && collection.entry(key)) return;
+  if (!complete_ && binding.source != BindingSource::feed && collection.entry(key)) return false;
   if (!binding) {
     collection.del(key);
   } else if (collection.set(key, binding) == Memtab::Written::kFull) {
     retryTask_.schedule(Netlink::kRoomRetry);
+    return false;
   }
+  return binding && binding.source == BindingSource::feed;
 }
 
 bool FeedSm::refuses(const RemoteBindingKey& key) {
@@ -343,6 +351,25 @@ void FeedSm::tellProblems() {
           ": no other switch can have the address, which is this switch's own or of no single "
           "host; it is not taken over",
       "see which switch advertises it: vtysh -c \"show evpn arp-cache vni all\"");
+}
+
+Mox::String FeedSm::status() const {
+  Mox::String protocols;
+  for (const std::uint8_t protocol : protocols_)
+    protocols += (protocols.empty() ? "" : ",") + std::to_string(protocol);
+  const double now = scheduler()->loop().now();
+  return Orb::JsonObject()
+      .add("source", reading_ ? "kernel" : "none")
+      .json("protocols", "[" + protocols + "]")
+      .add("ready", swept_)
+      .add("ipv4", held_[0])
+      .add("ipv6", held_[1])
+      .add("refused", refused_.size())
+      .add("readings", readings_)
+      .add("overruns", feed_.losses())
+      .json("readingAgeSeconds",
+            lastReading_ ? std::to_string(static_cast<std::uint64_t>(now - *lastReading_)) : "null")
+      .text();
 }
 
 std::optional<ArpSuppression::BindingOrigin::Origin> FeedSm::originOf(const RemoteBindingKey& key) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <map>
 #include <memory>
 #include <optional>
@@ -53,21 +54,22 @@ class FeedSm final : public Orb::WalkSmBase, private Netlink::RouteFeedClient {
   // May come later than this.
   void ipStatusIs(Ptr<const Ip::Status> ipStatus);
 
+  // How the feed is, for `arpsup status` and metrics: {"source": "kernel" or "none", "protocols": [11, 186],
+  // "ready": whether everything was read once, "ipv4", "ipv6": addresses that are taken, "refused": those that
+  // are not, "readings": of all neighbours, "overruns": times that the kernel dropped notifications,
+  // "readingAgeSeconds": since the last reading that was whole; null: there was none}.
+  Mox::String status() const;
   // Who wrote a binding of the feed, and how long ago, as the kernel says when it is asked here.
   std::optional<ArpSuppression::BindingOrigin::Origin> originOf(const RemoteBindingKey& key) const;
 
  private:
   enum class Stage : std::uint8_t { neighbours, bindings, former, sweep, over };
-  struct Key {
-    IfIndex ifIndex = 0;
-    Lanix::IpGenAddr address;
-    friend auto operator<=>(const Key&, const Key&) = default;
-    std::uint64_t hash(std::uint64_t seed) const { return Mox::hashMix(ifIndex, address.hash(seed)); }
-  };
+  using Key = Netlink::OnDevice<Lanix::IpGenAddr>;
   struct Record {
     Lanix::EthAddr mac;         // zero: a new record
     std::uint8_t protocol = 0;  // who wrote the neighbour
     std::uint16_t vlan = 0;     // decided for this one; 0: for none
+    bool held = false;          // and taken
   };
   using Bindings = Ptr<const Switch::EvpnConfig::Bindings>;
 
@@ -94,8 +96,10 @@ class FeedSm final : public Orb::WalkSmBase, private Netlink::RouteFeedClient {
   void followAddresses(const Lanix::IntfId& intf);
   void handleAddresses();
   void publish(const Key& key, Record& record);
-  void forget(const Key& key, const Record& record);
-  void decide(std::uint16_t vlanId, const Lanix::IpGenAddr& address);
+  void forget(const Key& key, Record record);
+  // Whether the key has the feed's binding now.
+  bool decide(std::uint16_t vlanId, const Lanix::IpGenAddr& address);
+  void hold(const Key& key, Record& record, bool held);
   RemoteBinding wanted(std::uint16_t vlanId, const Lanix::IpGenAddr& address);
   bool refuses(const RemoteBindingKey& key);
   void tellProblems();
@@ -117,6 +121,9 @@ class FeedSm final : public Orb::WalkSmBase, private Netlink::RouteFeedClient {
   Bindings bindings_;
   std::vector<Bindings> former_;  // what the configuration said before
   std::set<RemoteBindingKey> refused_;
+  std::array<std::size_t, 2> held_{};  // of IPv4, of IPv6
+  std::uint64_t readings_ = 0;
+  std::optional<double> lastReading_;  // that was whole
 
   Stage stage_ = Stage::over;
   std::optional<Key> bookmark_;

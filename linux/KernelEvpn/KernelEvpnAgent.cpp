@@ -1,10 +1,24 @@
 #include "KernelEvpn/KernelEvpnAgent.h"
 
+#include "Orb/DumpContext.h"
+
 namespace KernelEvpn {
 namespace {
 
 constexpr char kRemoteBindingPath[] = "arpSuppression/remoteBindingConfig/evpn";
 constexpr char kIpStatusPath[] = "ip/status";
+
+class FeedCommand final : public Plugin::AgentCommandCallback {
+ public:
+  explicit FeedCommand(Ptr<const FeedSm> feedSm)
+      : AgentCommandCallback("", "feed"), feedSm_(std::move(feedSm)) {}
+  void handleCommand(int descriptor, const std::vector<Mox::String>& /*arguments*/) override {
+    Orb::DumpContext(descriptor).line(0, feedSm_->status());
+  }
+
+ private:
+  Ptr<const FeedSm> feedSm_;
+};
 
 }  // namespace
 
@@ -13,6 +27,7 @@ Ptr<Plugin::AgentBase> kernelEvpnAgentFactory(const Mox::String& name) {
 }
 
 KernelEvpnAgent::~KernelEvpnAgent() {
+  agentCommandCallbackDelAll();  // which hold the reactor
   if (origin_) origin_->askIs({});
 }
 
@@ -38,6 +53,7 @@ void KernelEvpnAgent::doMountsComplete(Statedb::MountStatus /*status*/,
       tree->entityOf<Switch::Readiness>(Switch::kReadinessPath),
       [tables] { tables->heldBackIs(kRemoteBindingPath, false); }};
   feedSm_ = Mox::make<FeedSm>(std::move(inputs), *problems_, taskSchedulerRoot()->scheduler());
+  agentCommandCallbackIs(Mox::make<FeedCommand>(feedSm_));
   origin_ = tree->entityOf<ArpSuppression::BindingOrigin>(ArpSuppression::kBindingOriginPath);
   if (origin_) origin_->askIs([this](const RemoteBindingKey& key) { return feedSm_->originOf(key); });
   // Whoever publishes the addresses may come later.

@@ -5,7 +5,7 @@
 namespace KernelState {
 namespace {
 
-// So many more entries than there is room for, and the port is not read to its end.
+// So many more entries than there is room for, or so many of a tunnel port, and it is not read to its end.
 constexpr std::size_t kTooMany = 4096;
 constexpr double kFirstDelay = 1;  // seconds
 constexpr double kLastDelay = 60;
@@ -29,6 +29,7 @@ void FdbReading::begin(bool everything) {
   ports_ = everything ? std::vector<IfIndex>() : room_.open();
   looked_ = {ports_.begin(), ports_.end()};
   refused_.clear();
+  heard_.clear();
   cut_.clear();
 }
 
@@ -43,15 +44,19 @@ std::optional<Netlink::Message> FdbReading::next() {
 void FdbReading::refuse(IfIndex port) { ++refused_[port]; }
 
 bool FdbReading::enough() {
-  const auto full = std::ranges::find_if(refused_, [this](const auto& port) {
-    return port.second > (everything_ ? kTooMany : 0) && !cut_.contains(port.first);
-  });
-  if (full == refused_.end()) return false;
+  const auto over = [this](const std::map<IfIndex, std::size_t>& entries, std::size_t most) {
+    const auto at = std::ranges::find_if(
+        entries, [&](const auto& port) { return port.second > most && !cut_.contains(port.first); });
+    return at == entries.end() ? IfIndex{0} : at->first;
+  };
+  IfIndex port = over(refused_, everything_ ? kTooMany : 0);
+  if (port == 0) port = over(heard_, kTooMany);
+  if (port == 0) return false;
   const bool first = everything_ && cut_.empty();
-  cut_.insert(full->first);
+  cut_.insert(port);
   if (first) {
-    for (const auto& [port, link] : state_->linkCollection())
-      if (link.bridge != 0 && port != full->first) ports_.push_back(port);
+    for (const auto& [other, link] : state_->linkCollection())
+      if (link.bridge != 0 && other != port) ports_.push_back(other);
   }
   return true;
 }

@@ -19,6 +19,7 @@ namespace KernelState {
 // The kernel tells of one port after the other, and makes each datagram by passing over the whole table of
 // the bridge. So when a port has far more entries than there is room for, its reading is cut short, and the
 // other ports are asked for one by one: a storm of invented senders costs a few datagrams and not thousands.
+// Likewise of a tunnel port with many entries: that a station is not here is known without them.
 //
 // Ports that refused entries are read again when they have room: after a second, and up to a minute later
 // while there is not room enough.
@@ -34,6 +35,8 @@ class FdbReading {
   std::optional<Netlink::Message> next();
   // An entry that was read had no room.
   void refuse(IfIndex port);
+  // An entry of a tunnel port was read.
+  void hear(IfIndex tunnelPort) { ++heard_[tunnelPort]; }
   // Whether the rest of what was asked for is not wanted.
   bool enough();
   // Everything that was asked for has been read.
@@ -53,6 +56,7 @@ class FdbReading {
   std::vector<IfIndex> ports_;  // still to be asked for, one by one
   std::set<IfIndex> looked_;    // those that were, when not everything is read
   std::map<IfIndex, std::size_t> refused_;
+  std::map<IfIndex, std::size_t> heard_;
   std::set<IfIndex> cut_;
   double delay_;
   Orb::Task task_;

@@ -53,10 +53,7 @@ void FdbSm::handleEntry(const Netlink::Neighbour& neighbour, bool gone, Word wor
   const Key key{entry->bridge, entry->vlan, entry->mac};
   if (gone || entry->kind == MacEntry::Kind::own) {
     if (word == Word::dump) return;  // the sweep removes what is not said
-    std::optional<Record> known;
-    if (const Record* record = mirror_.find(key)) known = *record;
-    mirror_.gone(key);
-    if (known) forget(key, *known);
+    if (const auto known = mirror_.gone(key)) forget(key, *known);
     return;
   }
   if (!room_.has(entry->port) && isBounded(vlanOf(key), entry->kind, entry->port) && !mirror_.find(key)) {
@@ -64,6 +61,7 @@ void FdbSm::handleEntry(const Netlink::Neighbour& neighbour, bool gone, Word wor
     if (word == Word::dump) reading_.refuse(entry->port);
     return;
   }
+  if (word == Word::dump && isTunnelPort(vlanOf(key), entry->port)) reading_.hear(entry->port);
   Record* record = mirror_.said(key, word);
   if (!record) return;
   if (record->port == 0) {
@@ -197,14 +195,18 @@ void FdbSm::derive() {
 }
 
 // What a bridge learns of a host's own frames. Those behind a tunnel port are as many as the overlay has.
-bool FdbSm::isBounded(const Vlan* vlan, MacEntry::Kind kind, IfIndex port) const {
-  return kind == MacEntry::Kind::learned && !(vlan && vlan->tunnelPorts.contains(port));
+bool FdbSm::isBounded(const Vlan* vlan, MacEntry::Kind kind, IfIndex port) {
+  return kind == MacEntry::Kind::learned && !isTunnelPort(vlan, port);
 }
 
 void FdbSm::count(const Vlan* vlan, Record& record) {
   const bool counted = isBounded(vlan, record.kind, record.port);
   if (std::exchange(record.counted, counted) == counted) return;
   counted ? room_.add(record.port) : room_.remove(record.port);
+  // It was a tunnel port when only some of its entries were read.
+  if (!counted || !reading_.isCut(record.port)) return;
+  room_.refuse(record.port, state_->link(record.port).name);
+  reading_.handleRoom();
 }
 
 bool FdbSm::walkStartedNotification() {
@@ -245,8 +247,8 @@ void FdbSm::publish(const Key& key, Record& record) {
   }
   if (wanted == kNoFid) return;
   record.fid = wanted;
-  const bool onTunnelPort = vlan->tunnelPorts.contains(record.port);
-  const Memtab::Bridging::MemtabFdbStatus entry{entryTypeOf(record.kind, onTunnelPort), intf};
+  const Memtab::Bridging::MemtabFdbStatus entry{entryTypeOf(record.kind, isTunnelPort(vlan, record.port)),
+                                                intf};
   if (bridgingStatus_ && bridgingStatus_->fdbIs({wanted, key.mac}, entry) == Memtab::Written::kFull)
     retryTask_.schedule(kRoomRetry);
 }

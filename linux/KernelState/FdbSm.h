@@ -92,7 +92,10 @@ class FdbSm final : public Orb::WalkSmBase {
   template <class Visit>
   void eachVlan(const Device& bridge, Visit visit);
   Vlan* vlanOf(const Key& key) const;
-  bool isBounded(const Vlan* vlan, MacEntry::Kind kind, IfIndex port) const;
+  static bool isTunnelPort(const Vlan* vlan, IfIndex port) {
+    return vlan && vlan->tunnelPorts.contains(port);
+  }
+  static bool isBounded(const Vlan* vlan, MacEntry::Kind kind, IfIndex port);
   void count(const Vlan* vlan, Record& record);
   void update(const Key& key, Record& record, const MacEntry& entry);
   bool isThere(const Key& key, Record& record, const Ask& ask);

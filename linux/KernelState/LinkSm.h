@@ -48,12 +48,7 @@ class AddressSm final : public Mox::Entity {
   void handleTableRead();
 
  private:
-  struct Key {
-    IfIndex ifIndex = 0;
-    Lanix::IpGenPrefix address;
-    friend auto operator<=>(const Key&, const Key&) = default;
-    std::uint64_t hash(std::uint64_t seed) const { return Mox::hashMix(ifIndex, address.hash(seed)); }
-  };
+  using Key = Netlink::OnDevice<Lanix::IpGenPrefix>;
   struct Record {
     bool secondary = false;
   };

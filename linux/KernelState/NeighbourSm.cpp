@@ -55,10 +55,7 @@ void NeighbourSm::handleNeighbour(const Netlink::Neighbour& neighbour, bool gone
   const auto entry = gone ? std::nullopt : entryOf(neighbour);
   if (!entry) {
     if (word == Word::dump) return;  // the sweep removes what is not said
-    std::optional<Record> known;
-    if (const Record* record = mirror_.find(key)) known = *record;
-    mirror_.gone(key);
-    if (known) forget(key, *known);
+    if (auto known = mirror_.gone(key)) forget(key, *known);
     return;
   }
   Record* record = mirror_.said(key, word);

@@ -53,12 +53,7 @@ class NeighbourSm final : public Orb::WalkSmBase {
   bool claim(const Arp::Table::ArpKey& key);
 
  private:
-  struct Key {
-    IfIndex ifIndex = 0;
-    Lanix::IpGenAddr address;
-    friend auto operator<=>(const Key&, const Key&) = default;
-    std::uint64_t hash(std::uint64_t seed) const { return Mox::hashMix(ifIndex, address.hash(seed)); }
-  };
+  using Key = Netlink::OnDevice<Lanix::IpGenAddr>;
   struct Record {
     Arp::Table::ArpEntry entry;
     // Published under these; without an interface: not published.

@@ -34,7 +34,8 @@ void PortRoom::refuse(IfIndex port, const Mox::String& name) {
                       "configuration allows: hosts with further ones are not known to be there",
                       "find out who sends with that many; have the bridge itself learn no more "
                       "(ip link set BRIDGE type bridge fdb_max_learned NUMBER, where the kernel has it); "
-                      "where they are right, raise that limit and reload");
+                      "where they are right, raise that limit and reload",
+                      Switch::ProblemReporter::Left::some, Switch::Origin::perhapsStorm);
 }
 
 void PortRoom::accept(IfIndex port) {

@@ -1,10 +1,7 @@
 #include "Netlink/KernelAccess.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <linux/filter.h>
 #include <linux/magic.h>
-#include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
@@ -15,9 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
-#include <limits>
 #include <optional>
 #include <utility>
 
@@ -37,21 +32,6 @@ constexpr int kNotificationBuffer = 8 << 20;
 // The kernel makes a dump's next datagram when one is read, so this passes only when something is broken.
 constexpr Options kDumpOptions{.receiveTimeoutMilliseconds = 100};
 constexpr unsigned kGroups[] = {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_NEIGH, RTNLGRP_NEIGH};  // by Table
-
-// Of messages about neighbours, passes those about entries of MAC tables, or just the others.
-std::vector<sock_filter> neighbourFilter(bool macs) {
-  constexpr auto kPass = std::numeric_limits<std::uint32_t>::max();
-  return {
-      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offsetof(nlmsghdr, nlmsg_type)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWNEIGH), 1, 0),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELNEIGH), 0, 2),
-      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, sizeof(nlmsghdr) + offsetof(ndmsg, ndm_family)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_BRIDGE, static_cast<std::uint8_t>(!macs),
-               static_cast<std::uint8_t>(macs)),
-      BPF_STMT(BPF_RET | BPF_K, kPass),
-      BPF_STMT(BPF_RET | BPF_K, 0),
-  };
-}
 
 KernelAccess* replaced_ = nullptr;
 
@@ -92,11 +72,13 @@ class NetlinkSource final : public RouteSource {
 
   Mox::Result<> prepare(const std::vector<Table>& tables) {
     if (!notifications_.opened()) return notifications_.opened();
-    // Neighbours and MAC tables are told in one group: who wants one of them does not hear of the other.
     const bool neighbours = std::ranges::count(tables, Table::neighbours) != 0;
     const bool macs = std::ranges::count(tables, Table::macs) != 0;
     if (neighbours != macs) {
-      if (auto filtered = notifications_.filterIs(neighbourFilter(macs)); !filtered) return filtered;
+      if (auto filtered =
+              notifications_.neighboursAre(macs ? Socket::Neighbours::macs : Socket::Neighbours::addresses);
+          !filtered)
+        return filtered;
     }
     if (!dumps_->opened()) return dumps_->opened();
     for (const Table table : tables) {

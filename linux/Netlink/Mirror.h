@@ -17,6 +17,15 @@ inline constexpr double kRoomRetry = 30;
 // Where a message comes from: a change as it happens, or the reading of a whole table.
 enum class Word : std::uint8_t { notification, dump };
 
+// The key of what devices have: a neighbour's address, or the prefix of one of their own.
+template <class Address>
+struct OnDevice {
+  std::uint32_t ifIndex = 0;
+  Address address;
+  friend auto operator<=>(const OnDevice&, const OnDevice&) = default;
+  std::uint64_t hash(std::uint64_t seed) const { return Mox::hashMix(ifIndex, address.hash(seed)); }
+};
+
 // How many of a table's entries are on each device.
 class Tally {
  public:
@@ -68,22 +77,23 @@ class Mirror {
   }
   const Record* find(const Key& key) const { return const_cast<Mirror*>(this)->find(key); }
 
-  // A notification says that the entry has gone.
-  void gone(const Key& key) {
-    if (Slot* slot = slots_.find(key)) {
-      if (slot->present) --present_;
-      if (!reconciling_) {
-        slots_.take(key);
-        return;
-      }
-    } else if (!reconciling_) {
-      return;
-    }
+  // A notification says that the entry has gone. Returns its record, if there was one, which is no longer found.
+  std::optional<Record> gone(const Key& key) {
     Slot* slot = slots_.find(key);
+    std::optional<Record> before;
+    if (slot && slot->present) {
+      before = std::move(slot->record);
+      --present_;
+    }
+    if (!reconciling_) {
+      if (slot) slots_.take(key);
+      return before;
+    }
     if (!slot) slot = &slots_.insert(key, Slot{});
     *slot = Slot{};
     slot->generation = generation_;
     slot->told = true;
+    return before;
   }
 
   // Looks at up to `max` entries and removes those that nobody spoke of, telling gone(key, record) of each

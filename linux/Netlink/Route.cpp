@@ -42,11 +42,13 @@ constexpr Policy kVlanPolicy[] = {{IFLA_VLAN_ID, Kind::u16}};
 constexpr Policy kVxlanPolicy[] = {{IFLA_VXLAN_COLLECT_METADATA, Kind::u8}};
 constexpr Policy kVlanEntryPolicy[] = {
     {BRIDGE_VLANDB_ENTRY_INFO, Kind::bytes, sizeof(bridge_vlan_info), sizeof(bridge_vlan_info)},
-    {BRIDGE_VLANDB_ENTRY_RANGE, Kind::u16}};
+    {BRIDGE_VLANDB_ENTRY_RANGE, Kind::u16},
+    {BRIDGE_VLANDB_ENTRY_STATE, Kind::u8}};
 constexpr Policy kPortPolicy[] = {
     {IFLA_BRPORT_STATE, Kind::u8},         {IFLA_BRPORT_LEARNING, Kind::u8},
     {IFLA_BRPORT_UNICAST_FLOOD, Kind::u8}, {IFLA_BRPORT_MCAST_FLOOD, Kind::u8},
-    {IFLA_BRPORT_BCAST_FLOOD, Kind::u8},   {IFLA_BRPORT_NEIGH_SUPPRESS, Kind::u8}};
+    {IFLA_BRPORT_BCAST_FLOOD, Kind::u8},   {IFLA_BRPORT_NEIGH_SUPPRESS, Kind::u8},
+    {IFLA_BRPORT_LOCKED, Kind::u8}};
 constexpr Policy kAddressPolicy[] = {
     {IFA_ADDRESS, Kind::bytes, 4, 4}, {IFA_LOCAL, Kind::bytes, 4, 4}, {IFA_FLAGS, Kind::u32}};
 constexpr Policy kNeighbourPolicy[] = {
@@ -75,7 +77,8 @@ std::optional<BridgePort> portOf(const Attributes& attributes) {
                     isSet(IFLA_BRPORT_UNICAST_FLOOD),
                     isSet(IFLA_BRPORT_MCAST_FLOOD),
                     isSet(IFLA_BRPORT_BCAST_FLOOD),
-                    isSet(IFLA_BRPORT_NEIGH_SUPPRESS)};
+                    isSet(IFLA_BRPORT_NEIGH_SUPPRESS),
+                    isSet(IFLA_BRPORT_LOCKED)};
 }
 
 }  // namespace
@@ -217,6 +220,8 @@ std::optional<BridgeVlans> readBridgeVlans(const Received& message) {
                          if (!bytes) return;
                          bridge_vlan_info info;
                          std::memcpy(&info, bytes->data(), sizeof info);
+                         // Without a state it is the port's.
+                         const auto state = entry.u8(BRIDGE_VLANDB_ENTRY_STATE).value_or(BR_STATE_FORWARDING);
                          const std::uint16_t last = entry.u16(BRIDGE_VLANDB_ENTRY_RANGE).value_or(info.vid);
                          sound = sound && info.vid >= 1 && info.vid <= last && last <= kHighest;
                          if (!sound) return;
@@ -224,6 +229,7 @@ std::optional<BridgeVlans> readBridgeVlans(const Received& message) {
                          for (std::size_t vid = info.vid; vid <= last; ++vid) {
                            vlans.carried.set(vid);
                            if ((info.flags & BRIDGE_VLAN_INFO_UNTAGGED) != 0) vlans.untagged.set(vid);
+                           if (state != BR_STATE_FORWARDING) vlans.blocked.set(vid);
                          }
                        });
   if (!whole || !sound) return std::nullopt;

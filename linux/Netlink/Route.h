@@ -29,6 +29,7 @@ struct BridgePort {
   bool multicastFlood = false;
   bool broadcastFlood = false;
   bool neighSuppress = false;  // the bridge itself answers for the hosts behind the port
+  bool locked = false;         // frames of stations that the bridge was not told of are dropped
   friend bool operator==(const BridgePort&, const BridgePort&) = default;
 };
 
@@ -114,9 +115,10 @@ using VlanIds = std::bitset<4096>;
 // The VLANs that a bridge's port carries, or the bridge itself.
 struct BridgeVlans {
   IfIndex ifIndex = 0;     // the port; the bridge, for what it carries itself
-  VlanIds carried;         // 1 to 4094
-  VlanIds untagged;        // of these, what leaves without a tag
+  VlanIds carried{};       // 1 to 4094
+  VlanIds untagged{};      // of these, what leaves without a tag
   std::uint16_t pvid = 0;  // whose frames come without a tag; 0: none are taken
+  VlanIds blocked{};       // of these, what a spanning tree of their own keeps from being forwarded
   friend bool operator==(const BridgeVlans&, const BridgeVlans&) = default;
 };
 // RTM_NEWVLAN and RTM_DELVLAN: what the message tells, which is the whole of it only in the messages of a

@@ -42,7 +42,15 @@ RouteFeed::RouteFeed(const Mox::Ptr<Orb::TaskScheduler>& scheduler, RouteFeedCli
 }
 
 // The descriptor may be held by the loop for the rest of a turn; the socket behind it closes now.
-RouteFeed::~RouteFeed() { sourceIs(nullptr); }
+RouteFeed::~RouteFeed() {
+  outdatedIs(false);
+  sourceIs(nullptr);
+}
+
+void RouteFeed::outdatedIs(bool outdated) {
+  if (std::exchange(outdated_, outdated) == outdated) return;
+  outdated ? ++outdatedFeeds_ : --outdatedFeeds_;
+}
 
 void RouteFeed::sourceIs(std::unique_ptr<RouteSource> source) {
   descriptor_->descriptorIs(-1);
@@ -74,6 +82,7 @@ void RouteFeed::readAgain() {
 void RouteFeed::closeIs() {
   if (state_ != State::open) return;
   sourceIs(nullptr);
+  outdatedIs(false);
   state_ = State::closing;
   disturbed_ = 0;
   table_ = 0;
@@ -179,6 +188,7 @@ void RouteFeed::walkFinishedNotification() {
   }
   if (state_ == State::closed) return;
   everything_ = again_ || !complete_;
+  if (!everything_) outdatedIs(false);
   if (again_) scheduleWalk(lossDelay_);
   if (again_ && lossDelay_ == 0) return;
   read_ = !everything_;
@@ -196,6 +206,8 @@ void RouteFeed::receive() {
     result = source_->receive([this](const Received& message) { deliver(message, Word::notification); },
                               kMessagesPerCall);
     lost_ = lost_ || result.overrun;
+    losses_ += result.overrun ? 1 : 0;
+    if (result.overrun) outdatedIs(true);
     if (!result.result) return broken("receiving changes: ", result.result);
   } while (result.more && !scheduler()->root().mustYield());
   if (result.more) {
@@ -212,6 +224,7 @@ void RouteFeed::receive() {
 }
 
 void RouteFeed::broken(const std::string& doing, const Mox::Result<>& result) {
+  outdatedIs(true);
   client_.handleFailure(doing + result.error());
   client_.handleBroken();
 }

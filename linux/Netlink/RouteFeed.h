@@ -69,6 +69,12 @@ class RouteFeed final : private Orb::WalkSmBase {
   // Whether a round that begins is to find everything that was missed; otherwise readAgain asked for it.
   bool everything() const { return everything_; }
 
+  // How many feeds of this process may have missed a change and have not read everything again yet.
+  static std::size_t outdated() { return outdatedFeeds_; }
+
+  // How often the kernel has dropped notifications.
+  std::uint64_t losses() const { return losses_; }
+
   // In state closed, or open (for new sockets of the same namespace).
   void openIs(std::unique_ptr<RouteSource> source);
   // Gives the sockets up at once, empties the tables in slices, and is closed then.
@@ -96,6 +102,7 @@ class RouteFeed final : private Orb::WalkSmBase {
   void fail(const std::string& doing, const Mox::Failure& failure);
   void receive();
   void sourceIs(std::unique_ptr<RouteSource> source);
+  void outdatedIs(bool outdated);
 
   RouteFeedClient& client_;
   const std::string name_;
@@ -116,6 +123,9 @@ class RouteFeed final : private Orb::WalkSmBase {
   unsigned disturbed_ = 0;  // readings of the present table that changes disturbed
   bool everything_ = true;  // is to be found by the round that goes on or comes
   std::optional<bool> read_;
+  std::uint64_t losses_ = 0;
+  bool outdated_ = false;
+  static inline std::size_t outdatedFeeds_ = 0;
   double retryDelay_ = 0;
   double lossDelay_ = 0;
   double lossTime_ = -std::numeric_limits<double>::infinity();

@@ -1,13 +1,20 @@
 #include "Netlink/Socket.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/neighbour.h>
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <iterator>
+#include <limits>
 #include <memory>
 #include <type_traits>
 
@@ -150,9 +157,21 @@ Result<> Socket::join(unsigned group) {
   return {};
 }
 
-Result<> Socket::filterIs(std::vector<sock_filter> program) {
+Result<> Socket::neighboursAre(Neighbours wanted) {
   if (!opened_) return opened_;
-  const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
+  constexpr auto kPass = std::numeric_limits<std::uint32_t>::max();
+  const bool macs = wanted == Neighbours::macs;
+  sock_filter program[] = {
+      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offsetof(nlmsghdr, nlmsg_type)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_NEWNEIGH), 1, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htons(RTM_DELNEIGH), 0, 2),
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, sizeof(nlmsghdr) + offsetof(ndmsg, ndm_family)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_BRIDGE, static_cast<std::uint8_t>(!macs),
+               static_cast<std::uint8_t>(macs)),
+      BPF_STMT(BPF_RET | BPF_K, kPass),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+  };
+  const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
   if (setsockopt(fd_, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0) return failureOf(errno);
   return {};
 }

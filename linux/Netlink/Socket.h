@@ -13,8 +13,6 @@
 //
 // Nothing here throws. The descriptor is close-on-exec and non-blocking. Not thread-safe.
 
-#include <linux/filter.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -126,8 +124,10 @@ class Socket {
   // Joins the multicast group of that number (RTNLGRP_LINK ...).
   Result<> join(unsigned group);
 
-  // Lets only what the program passes (socket(7), SO_ATTACH_FILTER) wait to be received; before join.
-  Result<> filterIs(std::vector<sock_filter> program);
+  // Neighbours and MAC tables are told in one group (RTNLGRP_NEIGH). Lets only one of them wait to be received,
+  // so that who wants one is not woken for the other; before join.
+  enum class Neighbours : bool { addresses, macs };
+  Result<> neighboursAre(Neighbours wanted);
 
   // Sends and waits for the acknowledgement.
   Result<> request(Message message);

@@ -41,7 +41,7 @@ Datapath::Datapath(Programs& programs, Looked looked)
       trunks_(links_, filters_, pairs_, programs_,
               {[this](const std::string& bridge) { return vlansNaming(bridge, true); },
                [this](const std::string& device) { return vlansNaming(device, false); },
-               [this](const std::string& device) { return policerOf_(device); },
+               [this](const std::string& device) { return termsOf_(device); },
                [this](std::uint16_t id) { dirty_.insert(id); }}) {}
 
 Mox::Result<> Datapath::open() {
@@ -126,10 +126,20 @@ void Datapath::sharedAddressIs(const Lanix::EthAddr& address) {
   trunks_.sharedAddressIs(address);
 }
 
-void Datapath::policersAre(PolicerOf policerOf) {
-  policerOf_ = std::move(policerOf);
+void Datapath::portTermsAre(TermsOf termsOf) {
+  termsOf_ = std::move(termsOf);
   allVlansDirty();
   trunks_.allChanged();
+}
+
+void Datapath::answerTermsAre(const AnswerTerms& terms) {
+  answerTerms_ = terms;
+  dirty_.insert(kShared);
+}
+
+Netlink::IfIndex Datapath::deviceIndex(const std::string& name) const {
+  const Netlink::Link* link = links_.find(name);
+  return link ? link->index : 0;
 }
 
 std::string Datapath::deviceName(Netlink::IfIndex ifIndex) const {
@@ -232,6 +242,7 @@ void Datapath::linkChanged(const Netlink::Link& link, LinkTable::Change change) 
   }
   ownedChanged(link);
   namedChanged(link.name);
+  deviceChanged_(link.name);
   // A port of a bridge that filters VLANs concerns those that name it only.
   if (const Netlink::Link* bridge = links_.find(link.master); bridge != nullptr && !Trunks::isServed(*bridge))
     namedChanged(bridge->name);
@@ -355,6 +366,7 @@ Standing Datapath::lookShared() {
   const Netlink::IfIndex trapPeer = standing.ready && inner != nullptr ? inner->index : 0;
   auto written = programs_.trapPeerIs(trapPeer);
   if (written) written = programs_.passedAddressIs(passedAddress_);
+  if (written) written = programs_.answerTermsAre(answerTerms_);
   if (!written) {
     standing.ready = false;
     standing.refused = true;

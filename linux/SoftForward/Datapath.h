@@ -88,10 +88,15 @@ class Datapath {
   // Frames to this address are for the VLANs' interfaces. Zero: there is none.
   void sharedAddressIs(const Lanix::EthAddr& address);
 
-  // What of an access port goes to the agent, by its name; asked again for all ports. Before the first call,
-  // and for what the switch itself asks: all.
-  using PolicerOf = std::function<Policer(const std::string& device)>;
-  void policersAre(PolicerOf policerOf);
+  // How an access port is treated, by its name; asked again for all ports. Before the first call, and for
+  // what the switch itself asks: all goes to the agent.
+  using TermsOf = std::function<PortTerms(const std::string& device)>;
+  void portTermsAre(TermsOf termsOf);
+  // Whom the programs answer.
+  void answerTermsAre(const AnswerTerms& terms);
+  // Called when a device comes, goes, or has another name or index.
+  using DeviceChanged = std::function<void(const std::string& device)>;
+  void deviceChangedIs(DeviceChanged deviceChanged) { deviceChanged_ = std::move(deviceChanged); }
 
   // The VLAN's interface is not its bridge but in another namespace; or it is its bridge. Independent of
   // vlanIs().
@@ -125,6 +130,10 @@ class Datapath {
     bool passes;
   };
   std::vector<PairState> pairStates() const;
+  // Whether all that the kernel told was heard, or everything was read since.
+  bool reconciled() const { return reading_ == Reading::done; }
+  // 0 when there is none of that name.
+  Netlink::IfIndex deviceIndex(const std::string& name) const;
   // "" when there is none (any more).
   std::string deviceName(Netlink::IfIndex ifIndex) const;
 
@@ -132,7 +141,7 @@ class Datapath {
   struct Port {
     std::uint16_t vlan;
     PortRole role;
-    Policer policer;
+    PortTerms terms;
   };
   using Ports = std::map<Netlink::IfIndex, PortRole>;
   struct Vlan {
@@ -205,7 +214,8 @@ class Datapath {
   std::map<std::string, std::set<std::uint16_t>> names_;  // VLANs by their bridges' and tunnel ports' names
   std::map<Netlink::IfIndex, Port> ports_;                // in the programs' map
   bool ownTrapped_ = false;
-  PolicerOf policerOf_ = [](const std::string&) { return Policer(); };
+  TermsOf termsOf_ = [](const std::string&) { return PortTerms(); };
+  DeviceChanged deviceChanged_ = [](const std::string&) {};
   Lanix::EthAddr sharedAddress_;
 
   Reading reading_ = Reading::links;
@@ -218,6 +228,7 @@ class Datapath {
   std::vector<Netlink::IfIndex> stale_;
   Standing shared_;  // as last found
   Lanix::EthAddr passedAddress_;
+  AnswerTerms answerTerms_;
 };
 
 }  // namespace SoftForward

@@ -260,14 +260,16 @@ Mox::Result<> Datapath::portIs(const Netlink::Link& link, std::uint16_t id, Port
   const Hook hook{link.index, access ? Direction::ingress : Direction::egress, link.name};
   const auto known = ports_.find(link.index);
   const bool fresh = known == ports_.end() || known->second.vlan != id || known->second.role != role;
-  const Policer policer = access ? policerOf_(link.name) : Policer();
-  const bool policed = !fresh && known->second.policer == policer;
+  PortTerms terms = access ? termsOf_(link.name) : PortTerms();
+  terms.answers = terms.answers && forwards(link);
+  const bool told = !fresh && known->second.terms == terms;
   if (fresh) {
     if (auto gone = portDel(link.index); !gone) return gone;
   }
-  if (!policed) {
-    if (auto written = programs_.portIs(link.index, id, role, policer); !written) return written;
-    ports_[link.index] = {id, role, policer};
+  if (!told) {
+    const auto written = programs_.portIs(link.index, id, role, terms.policer, terms.answers);
+    if (!written) return written;
+    ports_[link.index] = {id, role, terms};
     vlans_[id].ports.insert(link.index);
   }
   if (auto attached = filters_.attachedIs(hook, programs_.loaded(program)); !attached) return attached;

@@ -1,6 +1,7 @@
 #include "SoftForward/Heartbeat.h"
 
 #include <cstdio>
+#include <limits>
 #include <utility>
 
 #include "SoftForward/Shared.h"
@@ -15,9 +16,11 @@ constexpr double kNanoseconds = 1e9;
 
 }  // namespace
 
-Heartbeat::Heartbeat(Orb::EventLoop& loop, Programs& programs, std::function<void()> beaten)
+Heartbeat::Heartbeat(Orb::EventLoop& loop, Programs& programs, std::function<void()> late,
+                     std::function<void()> beaten)
     : loop_(loop),
       programs_(programs),
+      late_(std::move(late)),
       beaten_(std::move(beaten)),
       timer_(loop, "SoftForward heartbeat", [this] { beat(); }) {}
 
@@ -33,6 +36,7 @@ void Heartbeat::beatingIs(bool beating) {
   beating_ = beating;
   if (beating) {
     last_ = loop_.clock().now();
+    until_ = std::numeric_limits<double>::infinity();  // the first is not late
     return beat();
   }
   timer_.cancel();
@@ -51,17 +55,20 @@ void Heartbeat::expire() {
 
 void Heartbeat::beat() {
   const double now = loop_.clock().now();
-  programs_.trustedUntilIs(static_cast<std::uint64_t>((now + seconds_) * kNanoseconds));
-  timer_.after(seconds_ / kBeats);
+  const double flooded = now - until_;
   const double silence = now - last_;
+  if (flooded > 0) late_();
+  until_ = now + seconds_;
+  programs_.trustedUntilIs(static_cast<std::uint64_t>(until_ * kNanoseconds));
+  timer_.after(seconds_ / kBeats);
   last_ = now;
   beaten_();
-  if (silence <= seconds_) return;
+  if (flooded <= 0) return;
   char line[160];
   std::snprintf(
       line, sizeof line,
       "SoftForward: the agent-host did nothing for %.1f s, and requests were flooded for %.1f s of it",
-      silence, silence - seconds_);
+      silence, flooded);
   Tracelet::writeLine(line, Tracelet::Priority::warning);
   TRACELET_RECORD("late heartbeat after {} s", silence);
 }

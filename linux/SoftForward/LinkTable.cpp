@@ -1,5 +1,6 @@
 #include "SoftForward/LinkTable.h"
 
+#include <linux/if_bridge.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
@@ -21,6 +22,10 @@ bool isSame(const Netlink::Link& a, const Netlink::Link& b) {
 }
 
 }  // namespace
+
+bool forwards(const Netlink::Link& port) {
+  return port.port && port.port->state == BR_STATE_FORWARDING && !port.port->locked;
+}
 
 const Netlink::Link* LinkTable::find(Netlink::IfIndex index) const {
   const auto found = links_.find(index);

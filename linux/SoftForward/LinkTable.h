@@ -12,6 +12,9 @@
 
 namespace SoftForward {
 
+// Whether the bridge takes what hosts behind its port send, and sends them what is for them.
+bool forwards(const Netlink::Link& port);
+
 class LinkTable {
  public:
   enum class Change : std::uint8_t { became, gone };

@@ -21,11 +21,11 @@ void PolicerWatch::look(double now) {
       const std::string name = datapath_.deviceName(ifIndex);
       if (!port.subject.empty() || name.empty()) continue;
       port.subject = "port " + name;
-      problems_.problemIs(
-          port.subject,
-          "policer active: requests and replies beyond its rate are flooded as without "
-          "suppression",
-          "find who sends them, or raise the port's policer (softForward.ports." + name + ")");
+      problems_.problemIs(port.subject,
+                          "policer active: requests and replies beyond its rate are flooded as without "
+                          "suppression",
+                          "find who sends them, or raise the port's policer (softForward.ports." + name + ")",
+                          Switch::ProblemReporter::Left::some, Switch::Origin::storm);
     }
   }
   for (auto& [ifIndex, port] : ports_) {

@@ -14,6 +14,7 @@
 #include <span>
 
 #include "Mox/Assert.h"
+#include "Mox/Hash.h"
 #include "SoftForward.skel.h"
 #include "SoftForward/Shared.h"
 
@@ -57,11 +58,14 @@ std::optional<Value> get(const bpf_map* map, std::uint32_t key) {
   return value;
 }
 
-SoftForwardPolicer bucket(const Policer& policer) {
+// With the tokens that there were, if it was the same before.
+SoftForwardPolicer bucket(const Policer& policer, const SoftForwardPolicer& before) {
   constexpr std::uint64_t kSecond = 1'000'000'000;
   if (policer.perSecond == 0) return {};
   const std::uint64_t interval = kSecond / policer.perSecond;
-  return {interval, (policer.burst - 1) * interval, 0};
+  const std::uint64_t tolerance = (policer.burst - 1) * interval;
+  const bool same = before.interval == interval && before.tolerance == tolerance;
+  return {interval, tolerance, same ? before.full : 0};
 }
 
 const bpf_program* programOf(const SoftForwardBpf& bpf, Program program) {
@@ -87,6 +91,7 @@ int erase(const bpf_map* map, std::uint32_t key) {
 
 struct Programs::Skeleton {
   SoftForwardBpf* bpf = nullptr;
+  std::optional<SoftForwardSettings> settings;  // as written
   ~Skeleton() { SoftForwardBpf::destroy(bpf); }
 };
 
@@ -122,6 +127,7 @@ Mox::Result<> Programs::load() {
     ids_[i] = info.id;
   }
   skeleton_ = std::move(skeleton);
+  id_ = std::max<std::uint64_t>(Mox::randomWord(), 1);
   return {};
 }
 
@@ -134,7 +140,8 @@ LoadedProgram Programs::loaded(Program program) const {
 void Programs::trustedUntilIs(std::uint64_t nanoseconds) {
   if (skeleton_ == nullptr) return;
   const volatile __u64& value = skeleton_->bpf->bss->trusted_until;
-  __atomic_store_n(const_cast<__u64*>(&value), nanoseconds, __ATOMIC_RELAXED);
+  // What answers held before this is no longer seen by who trusts it.
+  __atomic_store_n(const_cast<__u64*>(&value), nanoseconds, __ATOMIC_RELEASE);
 }
 
 Mox::Result<> Programs::trapPeerIs(std::uint32_t ifIndex) {
@@ -147,19 +154,34 @@ Mox::Result<> Programs::passedAddressIs(const Lanix::EthAddr& address) {
   return settingsPut();
 }
 
+Mox::Result<> Programs::answerTermsAre(const AnswerTerms& terms) {
+  answerTerms_ = terms;
+  return settingsPut();
+}
+
 Mox::Result<> Programs::settingsPut() {
-  SoftForwardSettings value{trapPeer_, {}, !passedAddress_.isZero()};
+  SoftForwardSettings value{trapPeer_, {}, !passedAddress_.isZero(), {}, answerTerms_.refresh};
   std::ranges::copy(passedAddress_.bytes(), value.ownAddress);
-  return failed("settings", "trap peer " + std::to_string(trapPeer_),
-                put(skeleton_->bpf->maps.settings, 0, value));
+  for (std::size_t i = 0; i < answerTerms_.own.size(); ++i)
+    std::ranges::copy(answerTerms_.own[i].bytes(), value.switchAddress[i]);
+  std::optional<SoftForwardSettings>& settings = skeleton_->settings;
+  if (settings && std::memcmp(&*settings, &value, sizeof value) == 0) return {};
+  const int result = put(skeleton_->bpf->maps.settings, 0, value);
+  settings.reset();
+  if (result >= 0) settings = value;
+  return failed("settings", "trap peer " + std::to_string(trapPeer_), result);
 }
 
 Mox::Result<> Programs::portIs(std::uint32_t ifIndex, std::uint16_t vlan, PortRole role,
-                               const Policer& policer) {
+                               const Policer& policer, bool answers) {
   constexpr SoftForwardRole kRoles[] = {SOFT_FORWARD_ROLE_ACCESS, SOFT_FORWARD_ROLE_TUNNEL,
                                         SOFT_FORWARD_ROLE_OWN};
-  const SoftForwardPort value{
-      bucket(policer), vlan, static_cast<__u8>(kRoles[static_cast<std::size_t>(role)]), {}};
+  const auto before = get<SoftForwardPort>(skeleton_->bpf->maps.ports, ifIndex).value_or(SoftForwardPort());
+  const SoftForwardPort value{bucket(policer, before.policer),
+                              vlan,
+                              static_cast<__u8>(kRoles[static_cast<std::size_t>(role)]),
+                              answers,
+                              {}};
   return failed("ports", portKey(ifIndex), put(skeleton_->bpf->maps.ports, ifIndex, value));
 }
 
@@ -171,17 +193,21 @@ Mox::Result<> Programs::portDel(std::uint32_t ifIndex) {
 
 Mox::Result<> Programs::trunkIs(std::uint32_t ifIndex, const Trunk& trunk) {
   SoftForwardTrunk value{};
-  value.policer = bucket(trunk.policer);
+  const auto before = get<SoftForwardTrunk>(skeleton_->bpf->maps.trunks, ifIndex);
+  value.policer = bucket(trunk.policer, before ? before->policer : SoftForwardPolicer());
   words(trunk.trapped, value.trapped);
   words(trunk.tunnel, value.tunnel);
+  words(trunk.tagged, value.tagged);
+  words(trunk.answers, value.answers);
   value.pvid = trunk.pvid;
   value.own = trunk.own ? 1 : 0;
-  trunkCountersDel(ifIndex, value);
+  if (before) trunkCountersDel(ifIndex, *before, value);
   return failed("trunks", portKey(ifIndex), put(skeleton_->bpf->maps.trunks, ifIndex, value));
 }
 
 Mox::Result<> Programs::trunkDel(std::uint32_t ifIndex) {
-  trunkCountersDel(ifIndex, {});
+  if (const auto before = get<SoftForwardTrunk>(skeleton_->bpf->maps.trunks, ifIndex))
+    trunkCountersDel(ifIndex, *before, {});
   return failed("trunks", portKey(ifIndex), erase(skeleton_->bpf->maps.trunks, ifIndex));
 }
 
@@ -191,11 +217,10 @@ void Programs::portCountersDel(std::uint32_t ifIndex, std::uint16_t vlan) {
 }
 
 // Of the VLANs that the trunk is no longer one of.
-void Programs::trunkCountersDel(std::uint32_t ifIndex, const SoftForwardTrunk& now) {
-  const auto before = get<SoftForwardTrunk>(skeleton_->bpf->maps.trunks, ifIndex);
-  if (!before) return;
+void Programs::trunkCountersDel(std::uint32_t ifIndex, const SoftForwardTrunk& before,
+                                const SoftForwardTrunk& now) {
   for (std::size_t i = 0; i < SOFT_FORWARD_VLAN_WORDS; ++i) {
-    const std::bitset<64> gone((before->trapped[i] | before->tunnel[i]) & ~(now.trapped[i] | now.tunnel[i]));
+    const std::bitset<64> gone((before.trapped[i] | before.tunnel[i]) & ~(now.trapped[i] | now.tunnel[i]));
     for (std::size_t bit = gone._Find_first(); bit < gone.size(); bit = gone._Find_next(bit))
       portCountersDel(ifIndex, static_cast<std::uint16_t>(64 * i + bit));
   }
@@ -205,6 +230,51 @@ Mox::Result<> Programs::activeVlanIs(std::uint16_t vlan, bool active) {
   const bpf_map* map = skeleton_->bpf->maps.active_vlans;
   return failed("active_vlans", vlanKey(vlan),
                 active ? put(map, vlan, SoftForwardActiveVlan{1, 0}) : erase(map, vlan));
+}
+
+void Programs::answersHoldIs(std::uint16_t vlan, bool hold) {
+  if (skeleton_ == nullptr) return;
+  const volatile __u8& value = skeleton_->bpf->bss->answers_hold[vlan & SOFT_FORWARD_VLAN_MASK];
+  __atomic_store_n(const_cast<__u8*>(&value), hold, __ATOMIC_RELAXED);
+}
+
+// Those that go come first, since they make room.
+Mox::Result<> Programs::answersAre(std::span<const PlacedAnswer> answers, AnswersRefused& refused) {
+  const int map = bpf_map__fd(skeleton_->bpf->maps.answers);
+  std::vector<SoftForwardAnswerKey> keys;
+  std::vector<SoftForwardAnswer> values;
+  std::vector<std::size_t> positions;
+  const auto erase = [&](const SoftForwardAnswerKey& key) {
+    const int result = bpf_map_delete_elem(map, &key);
+    return failed("answers", vlanKey(key.vlan), result == -ENOENT ? 0 : result);
+  };
+  for (std::size_t i = 0; i < answers.size(); ++i) {
+    const PlacedAnswer& answer = answers[i];
+    SoftForwardAnswerKey key{{}, answer.vlan, 0};
+    std::ranges::copy(answer.ipAddress.bytes(), key.address);
+    if (answer.macAddress.isZero()) {
+      if (const auto gone = erase(key); !gone) return gone;
+      continue;
+    }
+    const int counter = SOFT_FORWARD_ANSWERED_REMOTE + static_cast<int>(answer.kind);
+    SoftForwardAnswer value{{}, static_cast<__u8>(counter), 0, answer.owner};
+    std::ranges::copy(answer.macAddress.bytes(), value.address);
+    keys.push_back(key);
+    values.push_back(value);
+    positions.push_back(i);
+  }
+  for (std::size_t done = 0; done < keys.size(); ++done) {
+    const auto left = static_cast<__u32>(keys.size() - done);
+    __u32 count = left;
+    const int result = bpf_map_update_batch(map, &keys[done], &values[done], &count, nullptr);
+    if (result == 0) break;
+    // The kernel says how many it took, unless it did not come to take any.
+    if (count < left) done += count;
+    if (const auto gone = erase(keys[done]); !gone) return gone;
+    refused.at.push_back(positions[done]);
+    if (result != -E2BIG) refused.why = failed("answers", vlanKey(keys[done].vlan), result);
+  }
+  return {};
 }
 
 Mox::Result<> Programs::vlanPathsIs(std::uint16_t vlan, const VlanPaths& paths) {
@@ -243,7 +313,12 @@ Statistics Programs::statistics() const {
           .injected = sums[SOFT_FORWARD_INJECTED],
           .injectSendFailed = sums[SOFT_FORWARD_INJECT_SEND_FAILED],
           .replied = sums[SOFT_FORWARD_REPLIED],
-          .unexpected = sums[SOFT_FORWARD_UNEXPECTED]};
+          .unexpected = sums[SOFT_FORWARD_UNEXPECTED],
+          .answered = {sums[SOFT_FORWARD_ANSWERED_REMOTE], sums[SOFT_FORWARD_ANSWERED_DF],
+                       sums[SOFT_FORWARD_ANSWERED_NON_DF]},
+          .shownNoAnswer = sums[SOFT_FORWARD_SHOWN_NO_ANSWER],
+          .shownSender = sums[SOFT_FORWARD_SHOWN_SENDER],
+          .shownOther = sums[SOFT_FORWARD_SHOWN_OTHER]};
 }
 
 std::uint64_t Programs::policedInAll() const {
@@ -268,7 +343,7 @@ std::vector<PortStatistics> Programs::portStatistics() const {
     if (!more && result != -ENOENT) break;  // ENOENT: these are the last
     for (std::uint32_t i = 0; i < count; ++i)
       all.push_back({keys[i].ifIndex, static_cast<std::uint16_t>(keys[i].vlan), values[i].trapped,
-                     values[i].policed, values[i].tunnelDropped});
+                     values[i].policed, values[i].tunnelDropped, values[i].answered});
   }
   return all;
 }

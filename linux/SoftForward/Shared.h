@@ -44,6 +44,8 @@
 #define SOFT_FORWARD_MAX_TRUNKS 4096
 #define SOFT_FORWARD_MAX_PORT_VLANS 65536
 #define SOFT_FORWARD_VLAN_WORDS 64  // of 64 bits: one for each VLAN
+#define SOFT_FORWARD_MAX_ANSWERS 1048576
+#define SOFT_FORWARD_MAX_SHOWN 131072  // as many as there are local bindings by default
 
 enum SoftForwardRole {
   SOFT_FORWARD_ROLE_ACCESS = 1,
@@ -64,8 +66,9 @@ struct SoftForwardPolicer {
 struct SoftForwardPort {
   struct SoftForwardPolicer policer;
   __u16 vlan;
-  __u8 role;  // SoftForwardRole
-  __u8 zero[5];
+  __u8 role;     // SoftForwardRole
+  __u8 answers;  // 1: frames without any tag are answered here
+  __u8 zero[4];
 };
 
 // Map "trunks": what a port of a bridge that filters VLANs is, by interface index (__u32); it is not in
@@ -76,6 +79,8 @@ struct SoftForwardTrunk {
   struct SoftForwardPolicer policer;       // of all its VLANs together
   __u64 trapped[SOFT_FORWARD_VLAN_WORDS];  // VLANs of which the port is an access port; that the bridge sends
   __u64 tunnel[SOFT_FORWARD_VLAN_WORDS];   // VLANs of which the port is a tunnel port
+  __u64 tagged[SOFT_FORWARD_VLAN_WORDS];   // VLANs whose frames leave the port with a tag
+  __u64 answers[SOFT_FORWARD_VLAN_WORDS];  // VLANs answered here, if a frame comes as the answer leaves
   __u16 pvid;                              // 0: none
   __u8 own;                                // 1: the bridge itself, as far as it sends
   __u8 zero[5];
@@ -86,6 +91,37 @@ struct SoftForwardTrunk {
 struct SoftForwardActiveVlan {
   __u32 active;  // 1
   __u32 zero;
+};
+
+// Map "answers": what a host that asks for an address is answered. An entry that is not there costs nothing
+// but time: the agent decides.
+struct SoftForwardAnswerKey {
+  __u8 address[4];
+  __u16 vlan;
+  __u16 zero;
+};
+struct SoftForwardAnswer {
+  __u8 address[6];
+  __u8 counter;  // SoftForwardCounter
+  __u8 zero;
+  __u32 owner;  // interface index of the port that the owner is on, which gets no such answer; 0: none
+};
+
+// Maps "shown_stations" and "shown_addresses": who asked lately, as the agent was shown. Of each station and
+// of each address what was shown last; what is not there any more is shown again.
+struct SoftForwardStation {
+  __u8 address[6];
+  __u16 vlan;
+};
+struct SoftForwardSender {
+  __u8 address[4];
+  __u16 vlan;
+  __u16 zero;
+};
+struct SoftForwardShown {
+  __u64 at;  // by the kernel's monotonic clock
+  __u8 station[6];
+  __u16 zero;
 };
 
 // Map "vlan_paths": where frames of the agent go, by VLAN (__u32).
@@ -103,6 +139,9 @@ struct SoftForwardSettings {
   __u32 trapPeer;      // interface index of the inner end of "arpsnoop"; 0: nothing is trapped
   __u8 ownAddress[6];  // the address of the switch's VLAN interfaces
   __u16 ownPasses;     // 1: frames from that address are not trapped, whatever port they come from
+  // Senders that are never answered here: the switch itself, by its own address and by the one it shares.
+  __u8 switchAddress[2][6];
+  __u64 refresh;  // nanoseconds for which a sender that was shown is answered here; 0: nobody is
 };
 
 // Map "port_counters": frames by port and VLAN, of those that had any.
@@ -114,6 +153,7 @@ struct SoftForwardPortCounters {
   __u64 trapped;        // copied to the agent
   __u64 policed;        // refused by the policer
   __u64 tunnelDropped;  // kept from this tunnel port
+  __u64 answered;       // answered here
 };
 
 // Map "counters", one per-CPU __u64 each.
@@ -127,6 +167,14 @@ enum SoftForwardCounter {
   SOFT_FORWARD_INJECT_SEND_FAILED,  // a tunnel port did not take such a frame
   SOFT_FORWARD_REPLIED,             // frames of "fabric" that were handed to their VLAN's bridge
   SOFT_FORWARD_UNEXPECTED,          // frames on the pairs that belong to none of the above: dropped
+  // Requests answered here, by the agent's counter of such answers.
+  SOFT_FORWARD_ANSWERED_REMOTE,
+  SOFT_FORWARD_ANSWERED_DF,
+  SOFT_FORWARD_ANSWERED_NON_DF,
+  // Requests copied to the agent while there are answers, and why.
+  SOFT_FORWARD_SHOWN_NO_ANSWER,  // there is none for the address
+  SOFT_FORWARD_SHOWN_SENDER,     // the sender has not asked lately, or otherwise
+  SOFT_FORWARD_SHOWN_OTHER,      // sender, port or tag are answered by the agent only
   SOFT_FORWARD_COUNTERS,
 };
 
@@ -139,8 +187,11 @@ struct SoftForwardInjectMeta {
 #ifdef __cplusplus
 static_assert(sizeof(SoftForwardPort) == 32);
 static_assert(sizeof(SoftForwardActiveVlan) == 8);
-static_assert(sizeof(SoftForwardTrunk) == 24 + 2 * 512 + 8);
+static_assert(sizeof(SoftForwardAnswerKey) == 8 && sizeof(SoftForwardAnswer) == 12);
+static_assert(sizeof(SoftForwardStation) == 8 && sizeof(SoftForwardSender) == 8 &&
+              sizeof(SoftForwardShown) == 16);
+static_assert(sizeof(SoftForwardTrunk) == 24 + 4 * 512 + 8);
 static_assert(sizeof(SoftForwardVlanPaths) == 20 + 4 * SOFT_FORWARD_MAX_TUNNEL_PORTS);
-static_assert(sizeof(SoftForwardSettings) == 12);
+static_assert(sizeof(SoftForwardSettings) == 32);
 static_assert(sizeof(SoftForwardInjectMeta) == 8);
 #endif

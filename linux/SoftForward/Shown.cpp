@@ -69,13 +69,23 @@ void SoftForwardSm::show(Orb::DumpContext& answer, bool devices) const {
                      .add("role", kRoles[static_cast<std::size_t>(port.role)])
                      .add("trapped", port.frames.trapped)
                      .add("policed", port.frames.policed)
-                     .add("answered", 0)  // in the data plane: nothing is
+                     .add("answered", port.frames.answered)
                      .add("droppedAtTunnel", port.frames.tunnelDropped);
                }));
     shown.json("pairs", list(datapath_.pairStates(), [](const Datapath::PairState& pair) {
                  return Orb::JsonObject().add("device", pair.device).add("passes", pair.passes);
                }));
   }
+  Orb::JsonObject answers;
+  answers.add("held", answerMirror_ ? answerMirror_->held() : 0)
+      .add("refused", answerMirror_ ? answerMirror_->refused() : 0)
+      .add("hits", counts.answered[0] + counts.answered[1] + counts.answered[2])
+      .json("shown", Orb::JsonObject()
+                         .add("noAnswer", counts.shownNoAnswer)
+                         .add("sender", counts.shownSender)
+                         .add("other", counts.shownOther)
+                         .text());
+  shown.json("answers", answers.text());
   shown.json("counters", counters.text());
   answer.line(0, shown.text());
 }

@@ -1,5 +1,7 @@
 #include "SoftForward/SoftForwardAgent.h"
 
+#include "Memtab/EntityManager.h"
+
 namespace SoftForward {
 
 namespace {
@@ -39,6 +41,7 @@ void SoftForwardAgent::doInit() {
   group->mountIs(Switch::kForwardingPath, Switch::kForwardingType, "wc");
   group->mountIs(Switch::kVlanInterfacesPath, Switch::kVlanInterfacesType, "r");
   group->mountIs(Switch::kReadinessPath, Switch::kReadinessType, "wc");
+  group->mountIs(ArpSuppression::kDataPlaneAnswersPath, ArpSuppression::kDataPlaneAnswersType, "wc");
   group->mountIs(kBridgingConfigPath, "Bridging::Config", "r");
   group->mountIs(kVrMacPath, "Routing::Fhrp::VirtualRouterMacStatus", "r");
   localEntitiesCreatedIs(true);
@@ -65,11 +68,23 @@ void SoftForwardAgent::doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Sta
   const auto status = found(Mox::dynamicPtrCast<const ArpSuppression::ArpSuppressionStatus>(required(
                                 tree->mount(kStatusPath, "ArpSuppression::ArpSuppressionStatus", "r"))),
                             kStatusPath);
+  const auto answerVlans = found(
+      Mox::dynamicPtrCast<const ArpSuppression::AnswerVlans>(
+          required(tree->mount(ArpSuppression::kAnswerVlansPath, ArpSuppression::kAnswerVlansType, "r"))),
+      ArpSuppression::kAnswerVlansPath);
+  const auto answerStatus = found(
+      Mox::dynamicPtrCast<const ArpSuppression::AnswerStatus>(
+          required(host().sharedMemory()->mount(ArpSuppression::kAnswerPath, ArpSuppression::kAnswerType,
+                                                Memtab::MountDescriptor::urgentReader()))),
+      ArpSuppression::kAnswerPath);
   softForwardSm_ = Mox::make<SoftForwardSm>(
       taskSchedulerRoot()->scheduler(), programs_, switchConfig, status,
       tree->entityOf<const Bridging::Config>(kBridgingConfigPath),
       tree->entityOf<const Routing::Fhrp::VirtualRouterMacStatus>(kVrMacPath),
       tree->entityOf<const Switch::VlanInterfaces>(Switch::kVlanInterfacesPath), readiness, forwarding,
+      SoftForwardSm::Answering{
+          answerStatus, answerVlans,
+          tree->entityOf<ArpSuppression::DataPlaneAnswers>(ArpSuppression::kDataPlaneAnswersPath)},
       tree->entityOf<Switch::Problems>(Switch::kProblemsPath));
   agentCommandCallbackIs(Mox::make<ForwardingCommand>(softForwardSm_));
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "Netlink/RouteFeed.h"
+
 namespace SoftForward {
 
 namespace {
@@ -25,6 +27,7 @@ constexpr char kKernelState[] = "KernelState";
 constexpr double kFailingSeconds = 10;
 constexpr char kFailingOpen[] = "failing open";
 constexpr char kAllVlans[] = "all VLANs";
+constexpr char kAnswers[] = "answers in the data plane";
 
 }  // namespace
 
@@ -35,7 +38,8 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
                              Mox::Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
                              Mox::Ptr<const Switch::VlanInterfaces> vlanInterfaces,
                              Mox::Ptr<const Switch::Readiness> readiness,
-                             Mox::Ptr<Switch::Forwarding> forwarding, Mox::Ptr<Switch::Problems> problems)
+                             Mox::Ptr<Switch::Forwarding> forwarding, Answering answering,
+                             Mox::Ptr<Switch::Problems> problems)
     : WalkSmBase(scheduler, "SoftForward", kLevel),
       switchConfig_(std::move(switchConfig), [this] { followConfig_.schedule(); }),
       arpSuppressionStatus_(std::move(arpSuppressionStatus)),
@@ -44,12 +48,19 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
       vlanInterfaces_(std::move(vlanInterfaces)),
       readiness_(std::move(readiness)),
       forwarding_(std::move(forwarding)),
+      answering_(std::move(answering)),
       problems_(std::move(problems), "SoftForward"),
       ownTrapped_(std::ranges::count(switchConfig_->agents(), kArpService) != 0),
+      programs_(programs),
       datapath_(programs, [this](std::uint16_t id, const Standing& standing) { handleLooked(id, standing); }),
       policerWatch_(programs, datapath_, problems_),
-      heartbeat_(scheduler->loop(), programs,
-                 [this] { policerWatch_.look(this->scheduler()->loop().clock().now()); }),
+      heartbeat_(
+          scheduler->loop(), programs,
+          [this] {
+            if (answerMirror_) answerMirror_->withhold();
+          },
+          [this] { policerWatch_.look(this->scheduler()->loop().clock().now()); }),
+      answerTally_(scheduler->loop(), programs, answering_.dataPlaneAnswers),
       again_(scheduler, "SoftForward again", kLevel,
              [this] {
                datapath_.againIs();
@@ -70,6 +81,9 @@ SoftForwardSm::SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Prog
   }
   readiness_.on(Switch::Readiness::awaitedChanged, [this] { handleReadiness(); });
   datapath_.ownTrappedIs(ownTrapped_);
+  datapath_.deviceChangedIs([this](const std::string& device) {
+    if (answerMirror_) answerMirror_->handleDevice(device);
+  });
   handleAddresses();
   followConfig();
   open();  // here at first: loading the programs takes longer than a turn of the loop may
@@ -80,6 +94,7 @@ SoftForwardSm::~SoftForwardSm() {
   for (auto* descriptor : {&descriptor_, &vlanDescriptor_})
     if (*descriptor) (*descriptor)->descriptorIs(-1);
   heartbeat_.beatingIs(false);
+  answerMirror_.reset();
   if (open_) problems_.check("removing the devices and programs", datapath_.close());
   forwarding_->vlanDelAll();
   forwarding_->failingOpenIs(false);
@@ -93,6 +108,17 @@ bool SoftForwardSm::open() {
     return false;
   }
   followReadiness_.schedule();
+  answerTally_.count();
+  if (answering_.answerStatus && answering_.answerVlans) {
+    answerMirror_.emplace(
+        scheduler(), programs_, answering_.answerStatus, answering_.answerVlans,
+        AnswerMirror::Surroundings{
+            [this](const std::string& device) { return datapath_.deviceIndex(device); },
+            [this] { return datapath_.reconciled() && Netlink::RouteFeed::outdated() == 0; },
+            [this](const Mox::Result<>& written) { problems_.check(kAnswers, written); },
+            [this] { followHolding(); }});
+    followAnswers();
+  }
   const auto follow = [this](Mox::Notifiee<Orb::FileDescriptor>& notifiee, int number, auto handler) {
     const auto descriptor = Mox::make<Orb::FileDescriptor>(scheduler()->loop(), "SoftForward");
     descriptor->descriptorIs(number);
@@ -143,10 +169,11 @@ void SoftForwardSm::followConfig() {
   wanted_ = std::move(wanted);
   for (const auto& [vlanId, active] : arpSuppressionStatus_->vlanIdCollection()) handleVlanId(vlanId);
   heartbeat_.secondsIs(switchConfig_->softForward()->failOpenSeconds());
-  datapath_.policersAre([settings = switchConfig_->softForward()](const std::string& device) {
+  datapath_.portTermsAre([settings = switchConfig_->softForward()](const std::string& device) {
     const Switch::Policer policer = settings->policerOf(device);
-    return Policer{policer.perSecond, policer.burst};
+    return PortTerms{{policer.perSecond, policer.burst}, !settings->portWithoutAnswersHas(device)};
   });
+  followAnswers();
   scheduleWalk();
 }
 
@@ -176,7 +203,27 @@ void SoftForwardSm::handleAddresses() {
   const bool passed = !ownTrapped_ && bridgingConfig_;
   datapath_.passedAddressIs(passed ? bridgingConfig_->bridgeMacAddr() : Lanix::EthAddr());
   datapath_.sharedAddressIs(fhrpVrMacStatus_ ? fhrpVrMacStatus_->vgwVirtualMac() : Lanix::EthAddr());
+  followAnswers();
   scheduleWalk();
+}
+
+void SoftForwardSm::followAnswers() {
+  constexpr std::uint64_t kNanoseconds = 1'000'000'000;
+  const Switch::Answers answers = switchConfig_->softForward()->answers();
+  datapath_.answerTermsAre({answers.enabled ? answers.refreshSeconds * kNanoseconds : 0,
+                            {bridgingConfig_ ? bridgingConfig_->bridgeMacAddr() : Lanix::EthAddr(),
+                             fhrpVrMacStatus_ ? fhrpVrMacStatus_->vgwVirtualMac() : Lanix::EthAddr()}});
+  if (!answerMirror_) return;
+  Netlink::VlanIds excluded;
+  if (!answers.enabled) excluded.set();
+  for (const auto& [vlanId, vlan] : switchConfig_->vlanCollection())
+    if (!vlan->answers()) excluded.set(vlanId.value());
+  answerMirror_->excludedIs(excluded);
+  answerMirror_->roomIs(answers.enabled ? answers.maxEntries : 0);
+}
+
+void SoftForwardSm::followHolding() {
+  answerTally_.holdingIs(answerMirror_ && answerMirror_->holding().any() && heartbeat_.beating());
 }
 
 void SoftForwardSm::handleVlanId(Bridging::VlanId vlanId) {
@@ -201,12 +248,14 @@ Mox::String SoftForwardSm::awaited() const {
 // Who may not be relied on any more is not, also when the loop does not turn again: at the end.
 void SoftForwardSm::handleReadiness() {
   if (!awaited().empty()) heartbeat_.beatingIs(false);
+  followHolding();
   followReadiness_.schedule();
 }
 
 void SoftForwardSm::followReadiness() {
   const Mox::String awaited = this->awaited();
   heartbeat_.beatingIs(open_ && awaited.empty());
+  followHolding();
   const bool wanted = std::ranges::any_of(forwarding_->vlanCollection(), [&](const auto& vlan) {
     const auto configured = switchConfig_->vlan(vlan.first);
     return configured && configured->suppression() && arpSuppressionStatus_->vlanId(vlan.first);

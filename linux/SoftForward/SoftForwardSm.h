@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -10,9 +11,13 @@
 #include "Orb/FileDescriptor.h"
 #include "Orb/WalkSm.h"
 #include "Routing/Status.h"
+#include "SoftForward/AnswerMirror.h"
+#include "SoftForward/AnswerTally.h"
 #include "SoftForward/Datapath.h"
 #include "SoftForward/Heartbeat.h"
 #include "SoftForward/PolicerWatch.h"
+#include "Suppression/Answer.h"
+#include "Suppression/DataPlaneAnswers.h"
 #include "Suppression/Status.h"
 #include "Switch/ConfigWatch.h"
 #include "Switch/Forwarding.h"
@@ -34,6 +39,8 @@ namespace SoftForward {
 // VLANs' interfaces: a bridge floods what is for an address that it does not know, and hands none of it to
 // its own device.
 //
+// Requests that the agent would answer are answered by the programs themselves where that is configured.
+//
 // Frames are trapped only while the agent is there for them: while the plug-ins that make answers do all of
 // their work and the event loop turns (see Heartbeat). Otherwise everything is flooded, which is published.
 //
@@ -43,6 +50,13 @@ namespace SoftForward {
 // wrong is reported once, and tried again every few seconds where the kernel refused.
 class SoftForwardSm final : public Orb::WalkSmBase {
  public:
+  // What the agent would answer, and what becomes of it here. Without the first two nothing is answered.
+  struct Answering {
+    Mox::Ptr<const ArpSuppression::AnswerStatus> answerStatus;
+    Mox::Ptr<const ArpSuppression::AnswerVlans> answerVlans;
+    Mox::Ptr<ArpSuppression::DataPlaneAnswers> dataPlaneAnswers;
+  };
+
   // `programs` are loaded here unless they are already; they outlive the reactor. `problems` may be null.
   SoftForwardSm(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Programs& programs,
                 Mox::Ptr<const Switch::Config> switchConfig,
@@ -51,12 +65,15 @@ class SoftForwardSm final : public Orb::WalkSmBase {
                 Mox::Ptr<const Routing::Fhrp::VirtualRouterMacStatus> fhrpVrMacStatus,
                 Mox::Ptr<const Switch::VlanInterfaces> vlanInterfaces,
                 Mox::Ptr<const Switch::Readiness> readiness, Mox::Ptr<Switch::Forwarding> forwarding,
-                Mox::Ptr<Switch::Problems> problems);
+                Answering answering, Mox::Ptr<Switch::Problems> problems);
   // Detaches everything and removes the devices that it made.
   ~SoftForwardSm() override;
 
   // Nothing more is trapped, for good, and when the last that was has come to the agent.
-  void endBegins() { heartbeat_.expire(); }
+  void endBegins() {
+    heartbeat_.expire();
+    followHolding();
+  }
   bool finished() const { return heartbeat_.expired(); }
 
   void dumpState(Orb::DumpContext& context, int indent) const;
@@ -71,6 +88,8 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   void followVlans();
   void followConfig();
   void handleAddresses();
+  void followAnswers();
+  void followHolding();
   void handleReadiness();
   void followReadiness();
   Mox::String awaited() const;
@@ -87,12 +106,16 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   Mox::Notifiee<const Switch::VlanInterfaces> vlanInterfaces_;
   Mox::Notifiee<const Switch::Readiness> readiness_;
   Mox::Ptr<Switch::Forwarding> forwarding_;
+  const Answering answering_;
   Switch::ProblemReporter problems_;
   const bool ownTrapped_;
   bool open_ = false;
+  Programs& programs_;
   Datapath datapath_;
   PolicerWatch policerWatch_;
   Heartbeat heartbeat_;
+  AnswerTally answerTally_;
+  std::optional<AnswerMirror> answerMirror_;       // while the programs are loaded
   std::map<Bridging::VlanId, VlanWanted> wanted_;  // as the configuration was last
   Mox::Notifiee<Orb::FileDescriptor> descriptor_;
   Mox::Notifiee<Orb::FileDescriptor> vlanDescriptor_;

@@ -82,9 +82,22 @@ void Trunks::allChanged() {
   for (const auto& [index, port] : ports_) dirtyPorts_.insert(index);
 }
 
+// Until its VLANs are read again, it is not known which of them leave the port with a tag.
+void Trunks::answersOff(IfIndex index) {
+  const auto port = ports_.find(index);
+  if (port == ports_.end() || !port->second.trunk || port->second.trunk->answers.none()) return;
+  Trunk off = *port->second.trunk;
+  off.answers.reset();
+  if (programs_.trunkIs(index, off)) port->second.trunk = off;
+}
+
 bool Trunks::receive() {
   return tables_.receive([this](IfIndex ifIndex) {
-    if (ifIndex == 0) return allChanged();
+    if (ifIndex == 0) {
+      for (const auto& [index, port] : ports_) answersOff(index);
+      return allChanged();
+    }
+    answersOff(ifIndex);
     if (const Link* link = links_.find(ifIndex)) linkChanged(*link);
   });
 }
@@ -138,8 +151,7 @@ void Trunks::lookPort(IfIndex index) {
   if (table) port.vlans = **table;
   port.tunnel = own ? VlanIds() : configuration_.tunnelVlansOf(link->name) & bridge.vlans;
 
-  Trunk trunk = trunkOf(port, bridge, own);
-  if (!own && trunk.trapped.any()) trunk.policer = configuration_.policerOf(link->name);
+  const Trunk trunk = trunkOf(port, bridge, *link);
   const bool any = trunk.trapped.any() || trunk.tunnel.any();
   if (any && port.trunk != trunk) {
     const auto written = programs_.trunkIs(index, trunk);
@@ -164,12 +176,17 @@ void Trunks::lookPort(IfIndex index) {
   portChanged(before, port, bridge, index);
 }
 
-Trunk Trunks::trunkOf(const Port& port, const Bridge& bridge, bool own) const {
+Trunk Trunks::trunkOf(const Port& port, const Bridge& bridge, const Link& link) const {
   Trunk trunk;
-  trunk.own = own;
+  const bool own = trunk.own = bridges_.contains(link.index);
   if (!own || ownTrapped_) trunk.trapped = port.vlans.carried & bridge.vlans & ~port.tunnel;
   trunk.tunnel = port.vlans.carried & port.tunnel;
   if (trunk.trapped[port.vlans.pvid]) trunk.pvid = port.vlans.pvid;
+  if (own || trunk.trapped.none()) return trunk;
+  const PortTerms terms = configuration_.termsOf(link.name);
+  trunk.policer = terms.policer;
+  trunk.tagged = trunk.trapped & ~port.vlans.untagged;
+  if (terms.answers && port.read && forwards(link)) trunk.answers = trunk.trapped & ~port.vlans.blocked;
   return trunk;
 }
 

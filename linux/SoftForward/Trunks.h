@@ -31,7 +31,7 @@ class Trunks {
   struct Configuration {
     std::function<Netlink::VlanIds(const std::string& bridge)> vlansOf;
     std::function<Netlink::VlanIds(const std::string& device)> tunnelVlansOf;
-    std::function<Policer(const std::string& device)> policerOf;
+    std::function<PortTerms(const std::string& device)> termsOf;
     std::function<void(std::uint16_t vlan)> vlanChanged;
   };
 
@@ -105,7 +105,8 @@ class Trunks {
   bool wayInVlansAre(const Netlink::Link& port, Bridge& bridge);
   Mox::Result<> sharedAddressBack(Netlink::IfIndex bridge);
   void sharedAddressIn(const Netlink::Link& link, Bridge& bridge);
-  Trunk trunkOf(const Port& port, const Bridge& bridge, bool own) const;
+  Trunk trunkOf(const Port& port, const Bridge& bridge, const Netlink::Link& link) const;
+  void answersOff(Netlink::IfIndex index);
   Mox::Result<> hookIs(const Hook& hook, std::optional<Program> program);
   void portChanged(const Port& before, const Port& now, Bridge& bridge, Netlink::IfIndex index);
   static Netlink::VlanIds trappedOf(const Port& port);

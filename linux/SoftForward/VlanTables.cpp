@@ -53,6 +53,7 @@ Mox::Result<const Netlink::BridgeVlans*> VlanTables::of(Netlink::IfIndex ifIndex
         if (!part || part->ifIndex != ifIndex) return;
         all.carried |= part->carried;
         all.untagged |= part->untagged;
+        all.blocked |= part->blocked;
         if (part->pvid != 0) all.pvid = part->pvid;
       },
       [&] { all = {}; });
@@ -60,8 +61,9 @@ Mox::Result<const Netlink::BridgeVlans*> VlanTables::of(Netlink::IfIndex ifIndex
   const bool none = dumped.number() == ENODEV || dumped.number() == EINVAL;
   if (!dumped && !none) return Netlink::describe("reading its VLANs", dumped).failure();
   if (malformed) return Mox::Failure{"reading its VLANs: the kernel's answer makes no sense", EPROTO};
+  if (none) all = {};
   all.ifIndex = ifIndex;
-  return &(tables_[ifIndex] = none ? Netlink::BridgeVlans{ifIndex, {}, {}, 0} : all);
+  return &(tables_[ifIndex] = all);
 }
 
 }  // namespace SoftForward

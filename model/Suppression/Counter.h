@@ -62,7 +62,7 @@ namespace ArpSuppression {
   X(reinjectWriteFailed)                \
   X(reinjectNoImetLabel)                \
   X(trapDropped)                        \
-  X(reserved53)                         \
+  X(answeredInDataPlane)                \
   X(addressConflict)                    \
   X(reserved55)                         \
   X(reserved56)                         \

@@ -49,7 +49,9 @@ class VlanConfig final : public Mox::Entity {
   MOX_ATTRIBUTE(Mox::String, vrf)
   // false: SoftForward leaves the VLAN alone, and its requests are flooded as without suppression.
   MOX_ATTRIBUTE(bool, suppression, true)
-  MOX_MEMBERS(bridge, tunnelPorts, vrf, suppression)
+  // false: each of its requests goes to the agent, none is answered in the data plane.
+  MOX_ATTRIBUTE(bool, answers, true)
+  MOX_MEMBERS(bridge, tunnelPorts, vrf, suppression, answers)
 
  private:
   Bridging::VlanId vlanId_;
@@ -67,6 +69,22 @@ struct Policer {
   friend bool operator==(const Policer&, const Policer&) = default;
 };
 
+// Answers in the data plane: SoftForward's programs answer what the agent would answer.
+struct Answers {
+  bool enabled = true;
+  // How many there is room for; the agent answers the others itself.
+  std::uint32_t maxEntries = 1'048'576;
+  // How many seconds a host that asked is answered before the agent has to see it again.
+  std::uint32_t refreshSeconds = 30;
+
+  static constexpr auto moxFields() {
+    return std::tuple(Mox::Field("enabled", &Answers::enabled),
+                      Mox::Field("maxEntries", &Answers::maxEntries),
+                      Mox::Field("refreshSeconds", &Answers::refreshSeconds));
+  }
+  friend bool operator==(const Answers&, const Answers&) = default;
+};
+
 // How SoftForward's programs treat ports.
 class SoftForwardConfig final : public Mox::Entity {
  public:
@@ -75,7 +93,10 @@ class SoftForwardConfig final : public Mox::Entity {
   MOX_MAP(Mox::String, Policer, portPolicer)
   // How many seconds after the agent's last sign of life everything is flooded.
   MOX_ATTRIBUTE(std::uint32_t, failOpenSeconds, 3)
-  MOX_MEMBERS(policer, portPolicer, failOpenSeconds)
+  MOX_ATTRIBUTE(Answers, answers)
+  // Ports, by kernel name, on which each request goes to the agent.
+  MOX_SET(Mox::String, portWithoutAnswers)
+  MOX_MEMBERS(policer, portPolicer, failOpenSeconds, answers, portWithoutAnswers)
 
   Policer policerOf(const Mox::String& port) const {
     return portPolicerHas(port) ? portPolicer(port) : policer();
@@ -125,17 +146,9 @@ class Config final : public Mox::Entity {
   MOX_ATTRIBUTE(std::vector<Mox::String>, agents)
   // How old the last proof of a kernel neighbour's address may become before the kernel is asked to probe it.
   MOX_ATTRIBUTE(std::uint32_t, neighborRefreshSeconds, 240)
-  MOX_MEMBERS(vrf, vlan, agents, neighborRefreshSeconds)
-
-  // Never null, always the same.
-  const Mox::Ptr<SoftForwardConfig>& softForward() { return softForward_; }
-  Mox::Ptr<const SoftForwardConfig> softForward() const { return softForward_; }
-  const Mox::Ptr<EvpnConfig>& evpn() { return evpn_; }
-  Mox::Ptr<const EvpnConfig> evpn() const { return evpn_; }
-
- private:
-  const Mox::Ptr<SoftForwardConfig> softForward_ = Mox::make<SoftForwardConfig>();
-  const Mox::Ptr<EvpnConfig> evpn_ = Mox::make<EvpnConfig>();
+  MOX_CHILD(SoftForwardConfig, softForward)
+  MOX_CHILD(EvpnConfig, evpn)
+  MOX_MEMBERS(vrf, vlan, agents, neighborRefreshSeconds, softForward, evpn)
 };
 
 inline constexpr const char* kConfigPath = "switch/config";

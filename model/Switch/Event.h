@@ -65,14 +65,35 @@ void bindingEvent(EventKind kind, const BindingEvent& binding);
 void vlanEvent(Bridging::VlanId vlanId, std::string_view state, std::string_view reason);
 void vrfEvent(std::string_view vrf, std::string_view state);
 void healthEvent(std::string_view verdict);
-// Of the kinds `problem` and `problemOver`.
-void problemEvent(EventKind kind, std::string_view plugin, std::string_view subject,
-                  std::string_view problem = {});
 
-// Whoever writes events into the log besides, but those of problems, which the ProblemReporter writes itself.
-// The text is made when it is asked for, and in the call only.
+// What a problem comes of. A storm is more frames from a port than its hosts have reason to send; what else it
+// brings about is no news by itself.
+enum class Origin : std::uint8_t { itself, storm, perhapsStorm };
+
+struct ProblemEvent {
+  std::string_view plugin;
+  std::string_view subject;  // ends with "port NAME" when it is about one
+  std::string_view problem = {};
+  std::string_view advice = {};
+  Tracelet::Priority priority = Tracelet::Priority::warning;
+  Origin origin = Origin::itself;
+};
+
+// Of the kinds `problem` and `problemOver`.
+void problemEvent(EventKind kind, const ProblemEvent& problem);
+
+// What is in the log of an event, apart from its text, which is made when it is asked for, and in the call only.
 using EventText = std::function<std::string()>;
-using EventListener = std::function<void(EventKind kind, Tracelet::Priority priority, const EventText& text)>;
+struct EventLine {
+  EventKind kind;
+  Tracelet::Priority priority;
+  const EventText& text;
+  std::string_view port = {};     // that it happened on, where that is known
+  std::string_view problem = {};  // the subject
+  Origin origin = Origin::itself;
+};
+// Whoever writes events into the log. Without one, the problems among them are written at once, and no others.
+using EventListener = std::function<void(const EventLine& line)>;
 void eventListenerIs(EventListener listener);
 
 }  // namespace Switch

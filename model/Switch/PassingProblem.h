@@ -31,8 +31,8 @@ class PassingProblem {
   bool on() const { return problems_.has(subject_); }
 
   // A text without numbers that change: each new text is a line in the log.
-  void happened(const Mox::String& problem, const Mox::String& advice = {}) {
-    happened([&] { problems_.problemIs(subject_, problem, advice); });
+  void happened(const Mox::String& problem, const Mox::String& advice = {}, Origin origin = Origin::itself) {
+    happened([&] { problems_.problemIs(subject_, problem, advice, ProblemReporter::Left::some, origin); });
   }
   // `report` makes the texts, and hands them to the reporter, only when it is time to.
   template <class Report>

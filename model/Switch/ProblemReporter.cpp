@@ -2,21 +2,18 @@
 
 #include <ctime>
 
-#include "Switch/Event.h"
-#include "Tracelet/Trace.h"
-
 namespace Switch {
 
 ProblemReporter::ProblemReporter(Mox::Ptr<Problems> problems, Mox::String plugin)
     : problems_(problems ? std::move(problems) : Mox::make<Problems>()), plugin_(std::move(plugin)) {}
 
 ProblemReporter::~ProblemReporter() {
-  for (const Mox::String& subject : reported_) problems_->problemDel(plugin_ + " " + subject);
+  for (const auto& [subject, origin] : reported_) problems_->problemDel(plugin_ + " " + subject);
 }
 
 void ProblemReporter::problemIs(const Mox::String& subject, const Mox::String& problem,
-                                const Mox::String& advice, Left left) {
-  const bool added = reported_.insert(subject).second;
+                                const Mox::String& advice, Left left, Origin origin) {
+  const bool added = reported_.emplace(subject, origin).second;
   const Mox::Ptr<Problem> entry = problems_->problemIs(plugin_ + " " + subject);
   if (!added && entry->problem() == problem && entry->advice() == advice) return;
   entry->pluginIs(plugin_);
@@ -25,16 +22,17 @@ void ProblemReporter::problemIs(const Mox::String& subject, const Mox::String& p
   entry->adviceIs(advice);
   entry->stopsIs(left == Left::nothing);
   if (added) entry->sinceIs(static_cast<std::uint64_t>(std::time(nullptr)));
-  Tracelet::writeLine(plugin_ + ": " + subject + ": " + problem + (advice.empty() ? "" : "; " + advice),
-                      left == Left::nothing ? Tracelet::Priority::error : Tracelet::Priority::warning);
-  problemEvent(EventKind::problem, plugin_, subject, problem);
+  problemEvent(EventKind::problem,
+               {plugin_, subject, problem, advice,
+                left == Left::nothing ? Tracelet::Priority::error : Tracelet::Priority::warning, origin});
 }
 
 void ProblemReporter::problemDel(const Mox::String& subject) {
-  if (reported_.erase(subject) == 0) return;
+  const auto reported = reported_.extract(subject);
+  if (!reported) return;
   problems_->problemDel(plugin_ + " " + subject);
-  Tracelet::writeLine(plugin_ + ": " + subject + ": good again");
-  problemEvent(EventKind::problemOver, plugin_, subject);
+  problemEvent(EventKind::problemOver,
+               {plugin_, subject, {}, {}, Tracelet::Priority::notice, reported.mapped()});
 }
 
 bool ProblemReporter::check(const Mox::String& subject, const Mox::Result<>& result,

@@ -1,15 +1,16 @@
 #pragma once
 
-#include <set>
+#include <map>
 
 #include "Mox/Result.h"
+#include "Switch/Event.h"
 #include "Switch/Problems.h"
 
 namespace Switch {
 
 // A plug-in's own problems. Each is in the table from when it is reported until it is over, and stands in the
-// log with one line when it begins, one when its text changes, and one when it is over. Dropping the reporter
-// takes its problems out of the table.
+// log with one line when it begins, one when its text changes, and one when it is over, unless it comes of a
+// storm that the log has already. Dropping the reporter takes its problems out of the table.
 class ProblemReporter {
  public:
   // `problems` may be null: then there is only the log.
@@ -22,7 +23,7 @@ class ProblemReporter {
   enum class Left : bool { nothing, some };
   // Does nothing when just that is reported already.
   void problemIs(const Mox::String& subject, const Mox::String& problem, const Mox::String& advice = {},
-                 Left left = Left::some);
+                 Left left = Left::some, Origin origin = Origin::itself);
   // Does nothing when there is no problem with the subject.
   void problemDel(const Mox::String& subject);
   // Reports the failure, or that there is none any more. Returns whether there is none.
@@ -35,7 +36,7 @@ class ProblemReporter {
  private:
   Mox::Ptr<Problems> problems_;
   Mox::String plugin_;
-  std::set<Mox::String> reported_;
+  std::map<Mox::String, Origin> reported_;  // by subject
 };
 
 }  // namespace Switch

@@ -82,6 +82,11 @@ bool ChangeFeed::rereadStep(std::size_t& room, const KeyCallback& callback) {
   return false;
 }
 
+bool ChangeFeed::isCurrent() {
+  if (reread_ || view_.segment() != segment_ || !view_.left_.empty()) return false;
+  return !segment_ || position_ == segment_->head();
+}
+
 bool ChangeFeed::drain(std::size_t maxKeys, const KeyCallback& callback) {
   std::size_t room = std::max<std::size_t>(maxKeys, 1);
   for (;;) {

@@ -42,6 +42,9 @@ class ChangeFeed {
   // is nothing to report.
   bool drain(std::size_t maxKeys, const KeyCallback& callback);
 
+  // Whether every change until now has been reported.
+  bool isCurrent();
+
   // Times that the feed has fallen behind and re-read the table.
   std::uint64_t overruns() const { return overruns_; }
 

@@ -117,6 +117,8 @@ class Collection final : public TableBase {
     while (visit(cursor, 256, callback)) {
     }
   }
+  // Whether every change until now, the last write included, was told as an event.
+  bool isCurrent() const { return !reader_ || reader_->isCurrent(); }
   std::uint64_t size() const { return reader_ ? reader_->size() : writer_ ? writer_->size() : 0; }
 
   // Throws Mox::Error when not mounted for writing, as del does.

@@ -13,6 +13,7 @@ namespace {
 
 constexpr std::size_t kKeysPerDrain = 64;
 constexpr unsigned kDrainLevel = 2;
+constexpr unsigned kMostUrgent = 0;
 
 Tracelet::Handle& traceHandle() {
   static Tracelet::Handle handle("Memtab");
@@ -80,7 +81,8 @@ EntityManager::EntityManager(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSched
       directory_(std::move(directory)),
       report_(std::move(report)),
       descriptor_(Mox::make<Orb::FileDescriptor>(loop, "Memtab")),
-      drainTask_(scheduler, "Memtab", kDrainLevel, [this] { drain(); }),
+      news_{{}, {scheduler, "Memtab", kDrainLevel, [this] { drain(news_); }}},
+      urgentNews_{{}, {scheduler, "Memtab, urgent", kMostUrgent, [this] { drain(urgentNews_); }}},
       hook_(loop.endOfTurn([this] { endOfTurn(); })) {
   descriptorWatch_ = std::make_unique<DescriptorWatch>(descriptor_, [this] { handleReadable(); });
   if (watcher_.descriptor() >= 0) {
@@ -143,6 +145,7 @@ Mounted EntityManager::mount(const std::string& given, const std::string& typeNa
     } else {
       table->readerIs(directory_, name, watcher_);
       tables_[table->view()] = table;
+      if (descriptor.urgent) urgent_.insert(table);
     }
   }
   // News of before the mount is waiting at the watcher.
@@ -183,12 +186,12 @@ void EntityManager::handleReadable() {
   watcher_.handleReadable();
   while (TableView* view = watcher_.next()) {
     const auto table = tables_.find(view);
-    if (table != tables_.end() &&
-        std::find(pending_.begin(), pending_.end(), table->second) == pending_.end()) {
-      pending_.push_back(table->second);
-    }
+    if (table == tables_.end()) continue;
+    News& news = urgent_.contains(table->second) ? urgentNews_ : news_;
+    if (std::find(news.tables.begin(), news.tables.end(), table->second) == news.tables.end())
+      news.tables.push_back(table->second);
+    news.task.schedule();
   }
-  if (!pending_.empty()) drainTask_.schedule();
 }
 
 void EntityManager::heldBackIs(const std::string& path, bool heldBack) {
@@ -201,22 +204,22 @@ void EntityManager::updateGroups() {
   for (std::size_t i = 0; i < groups_.size(); ++i) Mox::Ptr(groups_[i])->update();
 }
 
-void EntityManager::drain() {
+void EntityManager::drain(News& news) {
   // Whatever is left, also when a watcher raises an error, comes in a later turn.
   struct Rest {
     ~Rest() {
-      if (!manager.pending_.empty()) manager.drainTask_.schedule();
+      if (!news.tables.empty()) news.task.schedule();
     }
-    EntityManager& manager;
-  } rest{*this};
+    News& news;
+  } rest{news};
   updateGroups();
-  while (!pending_.empty()) {
+  while (!news.tables.empty()) {
     // In turn, so that a table that changes all the time holds up no other.
-    TableBase* const table = pending_.front();
-    pending_.pop_front();
-    pending_.push_back(table);
-    if (!table->drain(kKeysPerDrain)) std::erase(pending_, table);
-    if (drainTask_.scheduler()->root().mustYield()) return;
+    TableBase* const table = news.tables.front();
+    news.tables.pop_front();
+    news.tables.push_back(table);
+    if (!table->drain(kKeysPerDrain)) std::erase(news.tables, table);
+    if (news.task.scheduler()->root().mustYield()) return;
   }
 }
 

@@ -30,10 +30,13 @@ struct MountDescriptor {
   std::vector<CollectionSize> collections;
   // Writers: readers of other processes are told of changes at the end of the turn, or after so many seconds.
   double doorbellDelay = 0;
+  // Readers: hear of changes before all others.
+  bool urgent = false;
 
   static MountDescriptor reader() { return {}; }
+  static MountDescriptor urgentReader() { return {Kind::reader, {}, 0, true}; }
   static MountDescriptor writer(std::vector<CollectionSize> collections = {}, double doorbellDelay = 0) {
-    return {Kind::writer, std::move(collections), doorbellDelay};
+    return {Kind::writer, std::move(collections), doorbellDelay, false};
   }
 };
 
@@ -113,10 +116,14 @@ class EntityManager final : public Mox::Referenced {
     std::unique_ptr<Orb::Timer> doorbell;
   };
   using Slots = std::map<std::string, Slot, std::less<>>;
+  struct News {
+    std::deque<TableBase*> tables;  // in the order in which they are drained
+    Orb::Task task;
+  };
 
   void handleReadable();
   void updateGroups();
-  void drain();
+  void drain(News& news);
   void endOfTurn();
   static void flush(Slot& slot);
   std::string normal(std::string_view path) const;
@@ -129,12 +136,13 @@ class EntityManager final : public Mox::Referenced {
   Watcher watcher_;
   Slots slots_;
   std::map<TableView*, TableBase*> tables_;
-  std::deque<TableBase*> pending_;  // have news, in the order in which they are drained
+  std::set<const TableBase*> urgent_;
   std::vector<Mox::Ptr<MountGroup>> groups_;
   std::set<std::string> heldBack_;
   Mox::Ptr<Orb::FileDescriptor> descriptor_;
   std::unique_ptr<class DescriptorWatch> descriptorWatch_;
-  Orb::Task drainTask_;
+  News news_;
+  News urgentNews_;
   Orb::EventLoop::HookHandle hook_;
 };
 

@@ -119,6 +119,8 @@ class TableReader {
     if (!feed_) return false;
     return feed_->drain(maxKeys, [&](const std::uint32_t* key) { callback(fromWords<Key>(key)); });
   }
+  // See ChangeFeed. True if not watching.
+  bool isCurrent() { return !feed_ || feed_->isCurrent(); }
   std::uint64_t overruns() const { return feed_ ? feed_->overruns() : 0; }
 
   // What Watcher::next() returns when this table has news.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <type_traits>
 #include <utility>
 
@@ -19,6 +20,7 @@
 //   MOX_CHILDREN(Key, Child, x)          x(key) → Ptr<Child>, null when absent
 //                                        xIs(key, args...) finds, or makes Child(key, args...)
 //   MOX_HASH_CHILDREN(Key, Child, keyOf, x)   the same, in hash order; keyOf: the child's reader of its key
+//   MOX_CHILD(Child, x)                  x() → Ptr<Child>, never null and always the same
 //
 // Every collection has xHas(key), xDel(key), xDelAll(), the count xs(), and xCollection() to iterate. xIs on
 // an equal value does nothing. xDel returns what was removed (a child) or whether anything was (otherwise).
@@ -32,7 +34,7 @@
 
 namespace Mox {
 
-enum class MemberKind { attribute, map, set, children };
+enum class MemberKind { attribute, map, set, children, child };
 
 // What forEachMember hands out. The functions take the entity first:
 //   attribute: get(e), set(e, value)
@@ -40,6 +42,7 @@ enum class MemberKind { attribute, map, set, children };
 //   map:       set(e, key, value)
 //   set:       set(e, key)
 //   children:  set(e, key) → Ptr<Child>
+//   child:     the same; it is the one member of a container, under the key "", and stays when it is deleted
 template <MemberKind K, class KeyT, class ValueT, class Get, class Set, class Del>
 struct Member {
   static constexpr MemberKind kind = K;
@@ -56,6 +59,18 @@ template <MemberKind K, class Key, class Value, class Get, class Set, class Del>
 constexpr auto member(const char* name, Get get, Set set, Del del) {
   return Member<K, Key, Value, Get, Set, Del>{name, get, set, del};
 }
+
+// A container of one child.
+template <class Child>
+struct OneChild {
+  const Ptr<Child> child = make<Child>();
+  const Ptr<Child>* begin() const { return &child; }
+  const Ptr<Child>* end() const { return begin() + 1; }
+  const Ptr<Child>* find(const std::string& key) const { return key.empty() ? begin() : nullptr; }
+  std::size_t size() const { return 1; }
+  static std::string keyOf(const Ptr<Child>&) { return {}; }
+  static const Ptr<Child>& valueOf(const Ptr<Child>& element) { return element; }
+};
 
 template <class E, class Visitor>
 void forEachMember(Visitor&& visitor) {
@@ -212,6 +227,18 @@ void requireSameInstance(const char* name, const Child& child, const Args&... ar
   };                                                                                            \
   using x##Container = ::Mox::HashChildren<Key, ::Mox::Ptr<Child>, x##KeyOf>;                   \
   MOX_CHILDREN_COMMON(Key, Child, x##Container, x)
+
+#define MOX_CHILD(Child, x)                                                                   \
+ private:                                                                                     \
+  const ::Mox::OneChild<Child> x##_{};                                                        \
+                                                                                              \
+ public:                                                                                      \
+  const ::Mox::Ptr<Child>& x() const { return x##_.child; }                                   \
+  static constexpr auto x##Member() {                                                         \
+    return ::Mox::member<::Mox::MemberKind::child, std::string, Child>(                       \
+        #x, [](const auto& e) -> const ::Mox::OneChild<Child>& { return e.x##_; },            \
+        [](auto& e, const std::string&) { return e.x(); }, [](auto&, const std::string&) {}); \
+  }
 
 #define MOX_PARENS ()
 #define MOX_EXPAND(...) MOX_EXPAND2(MOX_EXPAND2(MOX_EXPAND2(__VA_ARGS__)))

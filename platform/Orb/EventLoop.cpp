@@ -77,7 +77,7 @@ double EventLoop::waitFor(double maxWait) const {
 }
 
 bool EventLoop::step(double maxWait) {
-  const double wait = waitFor(maxWait);
+  const double wait = idleCalls_.empty() ? waitFor(maxWait) : 0;
   // This turn's work is what there is now; what its dispatches add waits for a later turn.
   const std::uint64_t timersBefore = timerSequence_;
   const std::vector<std::function<void()>> calls = std::exchange(posts_, {});
@@ -86,6 +86,12 @@ bool EventLoop::step(double maxWait) {
   dispatched |= dispatchTimers(timersBefore);
   dispatched |= dispatchPosts(calls);
   for (std::size_t i = 0; i < sources_.size(); ++i) dispatched |= sources_[i]->runTurn();
+  if (!dispatched && !idleCalls_.empty()) {
+    const std::function<void()> call = idleCalls_.back()->call_;  // may destroy its owner
+    idleCalls_.pop_back();
+    dispatch("idle call", call);
+    dispatched = true;
+  }
   if (dispatched) {
     for (auto& hook : hooks_) dispatch("end of turn", hook);
     longestTurn_ = std::max(longestTurn_, clock_.now() - now_);
@@ -150,6 +156,11 @@ EventLoop::HookHandle EventLoop::endOfTurn(std::function<void()> hook) {
 
 void EventLoop::workSourceIs(WorkSource* source) { sources_.push_back(source); }
 void EventLoop::workSourceDel(WorkSource* source) { std::erase(sources_, source); }
+
+void IdleCall::schedule() {
+  cancel();
+  loop_.idleCalls_.push_back(this);
+}
 
 void Timer::after(double seconds) {
   cancel();

@@ -14,6 +14,7 @@
 namespace Orb {
 
 class FileDescriptor;
+class IdleCall;
 class Timer;
 
 // Something that has work for a turn besides descriptors and timers: the task scheduler.
@@ -91,6 +92,7 @@ class EventLoop {
 
  private:
   friend class FileDescriptor;
+  friend class IdleCall;
   friend class Timer;
   using TimerKey = std::pair<double, std::uint64_t>;
 
@@ -111,6 +113,7 @@ class EventLoop {
   std::map<TimerKey, Timer*> timers_;
   std::uint64_t timerSequence_ = 0;
   std::vector<std::function<void()>> posts_;
+  std::vector<IdleCall*> idleCalls_;
   std::vector<WorkSource*> sources_;
   Hooks hooks_;
   ErrorHandler errorHandler_;
@@ -133,6 +136,24 @@ class EventLoop::HookHandle {
  private:
   EventLoop* loop_ = nullptr;
   Hooks::iterator at_;
+};
+
+// Runs once, when a turn has found nothing to do: whatever came or was scheduled before that is dealt with,
+// but for what has an appointment later. Destroying it cancels it.
+class IdleCall {
+ public:
+  IdleCall(EventLoop& loop, std::function<void()> call) : loop_(loop), call_(std::move(call)) {}
+  IdleCall(const IdleCall&) = delete;
+  IdleCall& operator=(const IdleCall&) = delete;
+  ~IdleCall() { cancel(); }
+
+  void schedule();
+  void cancel() { std::erase(loop_.idleCalls_, this); }
+
+ private:
+  friend class EventLoop;
+  EventLoop& loop_;
+  std::function<void()> call_;
 };
 
 // One shot in the future. Destroying it cancels it, also from inside its own call.

@@ -20,7 +20,7 @@ Mox::Result<> checkEntity(const Shape& shape, const Mox::Entity* existing, const
 Mox::Result<> checkEntry(const MemberType& member, const Mox::Entity* existing, const std::string& key,
                          const nlohmann::json& value) {
   auto checked = member.check(key, value);
-  if (!checked || member.kind != Mox::MemberKind::children || value.is_null()) return checked;
+  if (!checked || !member.hasChildren() || value.is_null()) return checked;
   const Mox::Ptr<Mox::Entity> child = existing ? member.child(*existing, key) : nullptr;
   if (!child && !member.makesChildren())
     return Mox::Failure{": does not exist and cannot be made by its key alone"};
@@ -30,6 +30,8 @@ Mox::Result<> checkEntry(const MemberType& member, const Mox::Entity* existing, 
 Mox::Result<> checkMember(const MemberType& member, const Mox::Entity* existing,
                           const nlohmann::json& value) {
   if (!member.isCollection()) return member.check({}, value);
+  if (member.kind == Mox::MemberKind::child)
+    return checkEntity(member.childShape(), existing ? member.child(*existing, {}).get() : nullptr, value);
   if (value.is_null()) return {};
   if (!value.is_object())
     return Mox::Failure{": " + describe(value) + " is not an object by key, or null to delete all"};
@@ -59,6 +61,8 @@ class Applier {
       const nlohmann::json& value = item.value();
       if (!member.isCollection()) {
         merge(entity, member, {}, value, fresh);
+      } else if (member.kind == Mox::MemberKind::child) {
+        collectionMember(entity, member, {}, value);
       } else if (value.is_null()) {
         guarded([&] { member.eraseAll(entity); });
       } else {
@@ -75,7 +79,7 @@ class Applier {
  private:
   void collectionMember(Mox::Entity& entity, const MemberType& member, const std::string& key,
                         const nlohmann::json& value) {
-    if (member.kind != Mox::MemberKind::children) {
+    if (!member.hasChildren()) {
       merge(entity, member, key, value, nullptr);
     } else if (value.is_null()) {
       guarded([&] { member.erase(entity, key); });

@@ -59,11 +59,11 @@ Mox::Result<> Persistence::loadPair(const std::string& key, const std::string* v
     const MemberType* member = shape->find(parts[i]);
     const std::size_t left = parts.size() - i;
     if (!member || (member->isCollection() ? left < 2 : left != 1)) break;
-    if (left <= 2 && (left == 1 || member->kind != Mox::MemberKind::children)) {
+    if (left <= 2 && (left == 1 || !member->hasChildren())) {
       const std::string memberKey = left == 2 ? parts[i + 1] : std::string();
       return within(member->name, member->merge(*entity, memberKey, json, fresh.get()));
     }
-    if (member->kind != Mox::MemberKind::children) break;
+    if (!member->hasChildren()) break;
     if (left == 2) {
       if (!value) {
         member->erase(*entity, parts[i + 1]);
@@ -98,7 +98,7 @@ void Persistence::handleOutsideChange(const std::string& key, const std::optiona
 void Persistence::handleChange(const Change& change) {
   const std::string key = change.key ? change.memberPath + "/" + escapedKey(*change.key) : change.memberPath;
   const bool fromOutside = outsideKey_ && *outsideKey_ == key;
-  if (change.member.kind != Mox::MemberKind::children) {
+  if (!change.member.hasChildren()) {
     const nlohmann::json value = change.value();
     // What came from the store is not written back; what a watcher made of it is.
     if (fromOutside && value == (*outsideValue_ ? jsonOf(**outsideValue_) : nlohmann::json())) return;
@@ -136,7 +136,7 @@ void Persistence::writeContent(const std::string& prefix, const Shape& shape, co
       store_.write(path_, keyPrefix + escapedKey(key), jsonText(value));
     });
     member->forEachChild(entity, [&](const std::string& key, const Mox::Entity& child) {
-      store_.write(path_, keyPrefix + escapedKey(key), "{}");
+      if (member->kind != Mox::MemberKind::child) store_.write(path_, keyPrefix + escapedKey(key), "{}");
       writeContent(keyPrefix + escapedKey(key) + "/", member->childShape(), child,
                    member->freshChild(key).get());
     });

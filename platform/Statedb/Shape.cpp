@@ -36,7 +36,7 @@ nlohmann::json Shape::toJson(const Mox::Entity& entity) const {
     member->forEachValue(
         entity, [&](const std::string& key, nlohmann::json value) { place[key] = std::move(value); });
     member->forEachChild(entity, [&](const std::string& key, const Mox::Entity& child) {
-      place[key] = member->childShape().toJson(child);
+      (member->kind == Mox::MemberKind::child ? place : place[key]) = member->childShape().toJson(child);
     });
   }
   return object;

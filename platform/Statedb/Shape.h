@@ -32,7 +32,9 @@ class MemberType {
   const std::string name;
   const Mox::MemberKind kind;
   const Mox::EventId event;
+  // A single child is the one of a collection, under the key "".
   bool isCollection() const { return kind != Mox::MemberKind::attribute; }
+  bool hasChildren() const { return kind == Mox::MemberKind::children || kind == Mox::MemberKind::child; }
 
   // The key that a notification of this collection carries.
   virtual std::string keyOf(const void* payload) const = 0;
@@ -82,7 +84,7 @@ class Shape {
   // Names of all members, for messages: "a, b, c".
   std::string names() const;
 
-  // Every member; collections are objects by key, children recursively.
+  // Every member; collections are objects by key, children recursively. A single child is an object itself.
   nlohmann::json toJson(const Mox::Entity& entity) const;
 
  private:

@@ -24,7 +24,7 @@ class TypedMember final : public MemberType {
   using Key = typename M::Key;
   using Value = typename M::Value;
   static constexpr bool kAttribute = M::kind == Kind::attribute;
-  static constexpr bool kChildren = M::kind == Kind::children;
+  static constexpr bool kChildren = M::kind == Kind::children || M::kind == Kind::child;
 
  public:
   explicit TypedMember(const M& member) : MemberType(member.name, M::kind, member.event()), member_(member) {}
@@ -147,7 +147,9 @@ class TypedMember final : public MemberType {
   }
 
   Mox::Ptr<Mox::Entity> freshChild(std::string_view keyText) const override {
-    if constexpr (kChildren && std::is_constructible_v<Value, const Key&>) {
+    if constexpr (M::kind == Kind::child) {
+      return Mox::make<Value>();
+    } else if constexpr (kChildren && std::is_constructible_v<Value, const Key&>) {
       if (const auto key = textToValue<Key>(keyText)) return Mox::make<Value>(*key);
     }
     return {};

@@ -8,7 +8,7 @@
 namespace Statedb {
 
 nlohmann::json Change::value() const {
-  if (member.kind != Mox::MemberKind::children) return member.value(entity, key ? *key : std::string());
+  if (!member.hasChildren()) return member.value(entity, key ? *key : std::string());
   const Mox::Ptr<Mox::Entity> child = member.child(entity, *key);
   return child ? member.childShape().toJson(*child) : nlohmann::json();
 }
@@ -65,7 +65,7 @@ class TreeWatch::Node {
     const MemberType* member = shape_.findEvent(event);
     if (!member) return;
     const std::string key = member->keyOf(payload);
-    if (member->kind == Mox::MemberKind::children) follow(*member, key, member->child(*entity_, key));
+    if (member->hasChildren()) follow(*member, key, member->child(*entity_, key));
     std::string path;
     appendPath(path);
     path += member->name;

@@ -12,7 +12,8 @@ namespace Statedb {
 
 // One change of a member somewhere below a watched entity. Valid during the callback.
 struct Change {
-  std::string memberPath;    // "runnable", "vlanId", "vrf/red/ipv4" (keys escaped as in Statedb/Path.h)
+  std::string
+      memberPath;  // "runnable", "vlanId", "vrf/red/ipv4" (keys escaped as in Statedb/Path.h), "one//on"
   const MemberType& member;  // the last of them
   const std::string* key;    // null for an attribute
   const Mox::Entity& entity;

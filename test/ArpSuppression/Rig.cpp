@@ -7,11 +7,13 @@
 #include <cstring>
 #include <filesystem>
 
-#include "AllTypes.h"
 #include "Lanix/Wire.h"
-#include "Statedb/Register.h"
+#include "Suppression/BindingOrigin.h"
+#include "Switch/Config.h"
+#include "Switch/Forwarding.h"
 #include "Switch/Problems.h"
 #include "Tracelet/Tracelet.h"
+#include "support/StateTypes.h"
 
 namespace ArpSuppression {
 
@@ -91,7 +93,7 @@ Rig::Rig(std::unique_ptr<Statedb::Store> store, const Orb::Clock* given)
   namespaces.has("red");
   namespaces.has("blue");
   netlinkSockets.namespacesAre(namespaces);
-  Model::forEachStateType([this]<class E>(const char* name) { types_.registerType<E>(name); });
+  TestSupport::registerStateTypes(types_);
   tree_ = Mox::make<Statedb::EntityManager>(
       types_, [this](auto call) { loop_.post(std::move(call)); }, std::move(store));
   tree_->persist("arpSuppression/status");
@@ -109,13 +111,15 @@ Rig::Rig(std::unique_ptr<Statedb::Store> store, const Orb::Clock* given)
            {kBindingOriginPath, kBindingOriginType},
            {kLimitsPath, kLimitsType},
            {kNeverAnswerPath, kNeverAnswerType},
+           {kDataPlaneAnswersPath, kDataPlaneAnswersType},
+           {Switch::kConfigPath, Switch::kConfigType},
            {Switch::kForwardingPath, Switch::kForwardingType},
            {Switch::kProblemsPath, Switch::kProblemsType}}) {
     EXPECT_TRUE(tree_->entityIs(path, type));
   }
   tables_ =
       Mox::make<Memtab::EntityManager>(loop_, scheduler_->scheduler(), Memtab::Directory(uniquePrefix()));
-  Model::forEachTableType([this]<class E>(const char* name) { tables_->registerType<E>(name); });
+  TestSupport::registerTableTypes(*tables_);
   for (const auto& [path, type] : std::initializer_list<std::pair<const char*, const char*>>{
            {"vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status"},
            {"arp/status", "Arp::Table::Status"},

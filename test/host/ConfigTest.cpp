@@ -22,8 +22,9 @@ TEST(Config, takesEveryKeyAndComments) {
       "vrfs": {"red": {"id": 5, "networkNamespace": "red"}, "blue": {"id": 16777214, "networkNamespace": "b"},
                "green": {"id": 7, "device": "b"}},
       "vlans": {"10": {"bridge": "vlan10", "tunnelPorts": ["core10", "core11"]}, "4094": {"bridge": "br0"},
-                "20": {"bridge": "br0", "vrf": "green", "suppression": false}, "30": {"vrf": "default"}},
-      "softForward": {"ports": {"Ethernet1": {"policer": {"perSecond": 5000}}, "Ethernet2": {}},
+                "20": {"bridge": "br0", "vrf": "green", "suppression": false}, "30": {"vrf": "default", "answers": false}},
+      "softForward": {"ports": {"Ethernet1": {"policer": {"perSecond": 5000}}, "Ethernet2": {"answers": false}},
+                      "answers": {"maxEntries": 1048576, "refreshSeconds": 3600},
                       "policer": {"perSecond": 1000000, "burst": 1}, "failOpenSeconds": 60},
       "state": {"bridging/config/": {"bridgeMacAddr": "02:00:00:00:be:ef", "vidToFidMap": {"10": 110}},
                 "bridging/status": {"fdb": {"10 02:00:00:00:00:01": {"entryType": "static", "intf": "Ethernet1"}}},
@@ -46,6 +47,10 @@ TEST(Config, takesEveryKeyAndComments) {
   EXPECT_EQ(ports.at("Ethernet1"), (Switch::Policer{5000, 1}));  // what it leaves out is as for all ports
   EXPECT_EQ(ports.at("Ethernet2"), (Switch::Policer{1000000, 1}));
   EXPECT_EQ(config.softForward.failOpenSeconds, 60u);
+  EXPECT_TRUE(config.vlans.at(20).answers);
+  EXPECT_FALSE(config.vlans.at(30).answers);
+  EXPECT_EQ(config.softForward.answers, (Switch::Answers{true, 1048576, 3600}));
+  EXPECT_THAT(config.softForward.portsWithoutAnswers, testing::ElementsAre("Ethernet2"));
   EXPECT_THAT(config.vlans.at(10).tunnelPorts, testing::ElementsAre("core10", "core11"));
   EXPECT_THAT(config.vlans.at(4094).tunnelPorts, testing::IsEmpty());
   EXPECT_EQ(config.state.size(), 3u);
@@ -110,8 +115,18 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
       {R"({"vlans": {"10": {"suppression": false}}})",
        "vlans.10.suppression: false does nothing without the agent SoftForward"},
       {R"({"softForward": {}})", "softForward: does nothing without the agent SoftForward"},
-      {R"({"agents": ["SoftForward"], "softForward": {"answers": {}}})",
-       "softForward.answers: unknown key; allowed here: failOpenSeconds, policer, ports"},
+      {R"({"vlans": {"10": {"answers": false}}})",
+       "vlans.10.answers: false does nothing without the agent SoftForward"},
+      {R"({"agents": ["SoftForward"], "softForward": {"answer": {}}})",
+       "softForward.answer: unknown key; allowed here: answers, failOpenSeconds, policer, ports"},
+      {R"({"agents": ["SoftForward"], "softForward": {"answers": false}})",
+       "softForward.answers: false is not an object of enabled, maxEntries, refreshSeconds"},
+      {R"({"agents": ["SoftForward"], "softForward": {"answers": {"maxEntries": 1048577}}})",
+       "softForward.answers.maxEntries: 1048577 is not a number from 1 to 1048576"},
+      {R"({"agents": ["SoftForward"], "softForward": {"answers": {"refreshSeconds": 0}}})",
+       "refreshSeconds: 0 is not a number from 1 to 3600; \"enabled\": false switches answers off"},
+      {R"({"agents": ["SoftForward"], "softForward": {"ports": {"e1": {"answers": 0}}}})",
+       "softForward.ports.e1.answers: 0 is not true or false"},
       {R"({"agents": ["SoftForward"], "softForward": {"failOpenSeconds": 61}})",
        "failOpenSeconds: 61 is not a number from 1 to 60"},
       {R"({"agents": ["SoftForward"], "softForward": {"policer": {"burst": 0}}})",

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "Memtab/Table.h"
+#include "host/LockFile.h"
 #include "host/Plugins.h"
 #include "test/host/Programs.h"
 
@@ -163,6 +164,16 @@ TEST_F(Programs, doNotStartOnWhatIsWrong) {
     refuses({{"runDirectory", folder.path() + "/other"}},
             "another agent-host serves this network namespace: " + process + ", run directory " +
                 runDirectory + "; stop it");
+    // Where others could keep an agent-host from starting: in a /run of the test's own.
+    for (const std::string make :
+         {"mkdir -m 0722", "mkdir -m 0700 -p $0 && chown 1", "ln -s /tmp", "touch"}) {
+      const Result foreign =
+          run({"/usr/bin/unshare", "-m", "/bin/sh", "-c",
+               "mount -t tmpfs tmpfs /run && " + make + R"( $0 && exec "$@")", Host::kNamespaceLocks,
+               AGENT_HOST, "--config", configFile({{"runDirectory", folder.path() + "/other"}})});
+      EXPECT_EQ(foreign.status, 1) << make;
+      EXPECT_THAT(foreign.error, HasSubstr("it is not a directory of root alone; remove it")) << make;
+    }
   }
   EXPECT_EQ(arpsup({"show"}).status, 0) << "the first one goes on";
 }

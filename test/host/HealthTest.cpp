@@ -166,6 +166,62 @@ TEST_F(HealthTest, ChangesStandInTheLogButNotWithoutEnd) {
   Tracelet::textSinkIs({});
 }
 
+TEST_F(HealthTest, AStormHasOneLineWhenItBeginsAndOneWhenItIsOver) {
+  using enum Switch::Origin;
+  std::vector<std::string> lines;
+  Tracelet::textSinkIs([&](std::string_view line) { lines.emplace_back(line); });
+  {
+    const Host::EventLog log(host_.loop);
+    Switch::ProblemReporter problems(host_.state->tree()->entityOf<Switch::Problems>(Switch::kProblemsPath),
+                                     "P");
+    settle(Host::HealthSm::kStartSeconds);
+    const auto told = [&] { return std::exchange(lines, {}); };
+    const auto hostIs = [](Switch::EventKind kind, const char* port) {
+      Switch::bindingEvent(kind, {Switch::EventTable::local, Bridging::VlanId(10), {}, {}, port});
+    };
+    const auto problemIs = [&](const char* subject, Switch::Origin origin) {
+      problems.problemIs(subject, "full", {}, Switch::ProblemReporter::Left::some, origin);
+    };
+    // What it brings about may come before it is noticed, and last longer.
+    for (unsigned i = 0; i < 2 * Host::EventLog::kLines; ++i) hostIs(Switch::EventKind::learned, "Ethernet1");
+    problemIs("MAC table of port Ethernet1", perhapsStorm);
+    settle();
+    problemIs("port Ethernet1", storm);
+    problemIs("neighbours", perhapsStorm);
+    for (int i = 0; i < 3; ++i) {
+      hostIs(Switch::EventKind::learned, "Ethernet1");
+      settle(Host::EventLog::kWindowSeconds);
+    }
+    EXPECT_EQ(summary(), "degraded active P MAC table of port Ethernet1 P neighbours P port Ethernet1");
+    EXPECT_THAT(told(), testing::ElementsAre("P: port Ethernet1: full"));
+    problemIs("pairs", itself);
+    problemIs("MAC table of port Ethernet2", perhapsStorm);
+    hostIs(Switch::EventKind::learned, "Ethernet2");
+    settle(Host::EventLog::kStormNoticedSeconds);
+    EXPECT_THAT(told(), testing::ElementsAre("P: pairs: full", "P: MAC table of port Ethernet2: full",
+                                             HasSubstr("local binding learned")));
+    problems.problemDel("port Ethernet1");
+    settle(Host::EventLog::kStormNoticedSeconds);
+    problems.problemDel("pairs");
+    problems.problemDel("MAC table of port Ethernet2");
+    for (const char* subject : {"neighbours", "MAC table of port Ethernet1"}) problems.problemDel(subject);
+    hostIs(Switch::EventKind::withdrawn, "Ethernet1");
+    settle();
+    EXPECT_EQ(summary(), "good active");
+    settle(Host::EventLog::kStormForgottenSeconds);
+    EXPECT_THAT(told(), testing::ElementsAre("P: port Ethernet1: good again", "P: pairs: good again",
+                                             "P: MAC table of port Ethernet2: good again"));
+    // Without a storm each has its own, and the verdict too.
+    problemIs("MAC table of port Ethernet1", perhapsStorm);
+    settle();
+    hostIs(Switch::EventKind::withdrawn, "Ethernet1");
+    settle(Host::EventLog::kStormNoticedSeconds);
+    EXPECT_THAT(told(), testing::UnorderedElementsAre(HasSubstr("MAC table of port"), HasSubstr("withdrawn"),
+                                                      "agent-host: health is degraded"));
+  }
+  Tracelet::textSinkIs({});
+}
+
 TEST_F(HealthTest, ALoopThatIsHeldUpIsAProblemForAMinute) {
   settle(Host::HealthSm::kStartSeconds);
   host_.loop.post([this] { clock_.advance(Host::HealthSm::kLongTurnSeconds + 0.1); });

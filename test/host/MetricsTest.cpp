@@ -16,6 +16,28 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
+// Answers commands as the plug-ins do that know of the routing daemon and of the ports.
+struct Telling final : Plugin::AgentBase {
+  struct Command final : Plugin::AgentCommandCallback {
+    Command(const char* name, json said) : AgentCommandCallback("", name), text(said.dump()) {}
+    void handleCommand(int descriptor, const std::vector<Mox::String>& /*arguments*/) override {
+      EXPECT_EQ(write(descriptor, text.data(), text.size()), std::ssize(text));
+    }
+    const std::string text;
+  };
+  Telling() : AgentBase("Telling") {
+    agentCommandCallbackIs(Mox::make<Command>(
+        "feed", json{{"source", "kernel"}, {"ready", true}, {"ipv6", 2}, {"readingAgeSeconds", 1.5}}));
+    const json shown = {{"noAnswer", 1}, {"sender", 2}, {"other", 3}};
+    agentCommandCallbackIs(Mox::make<Command>(
+        "forwarding", json{{"heartbeatAgeMs", 5},
+                           {"counters", {{"trapped", 6}}},
+                           {"answers", {{"held", 7}, {"refused", 8}, {"hits", 9}, {"shown", shown}}}}));
+  }
+  void doInit() override {}
+  void doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Statedb::EntityManager>&) override {}
+};
+
 class MetricsTest : public testing::Test {
  protected:
   int connected() {
@@ -52,7 +74,7 @@ class MetricsTest : public testing::Test {
   HostState host_{runDir_, json::object(), nullptr, clock_};
   const Host::EventLog events_{host_.loop};
   const Host::TurnTimes turns_{host_.loop};
-  const Host::ControlCommands::Agents agents_{};
+  const Host::ControlCommands::Agents agents_{Mox::make<Telling>()};
   const std::string file_ = runDir_.path() + "/metrics";
   Host::MetricsServer server_{host_.scheduler(), host_.state->problems(), file_, [this] {
                                 return Host::metricsText({*host_.state, agents_, events_, turns_});
@@ -120,7 +142,11 @@ TEST_F(MetricsTest, TextIsOfTheFormat) {
     }
   }
   EXPECT_TRUE(described.contains("arp_suppression_loop_turn_seconds"));
-  EXPECT_THAT(answer, HasSubstr("arp_suppression_loop_turn_seconds_bucket{le=\"+Inf\"} "));
+  for (const char* line :
+       {"loop_turn_seconds_bucket{le=\"+Inf\"} ", "answers{state=\"refused\"} 8\n", "answers_given_total 9\n",
+        "requests_shown_total{reason=\"sender\"} 2\n", "forwarding_frames_total{action=\"trapped\"} 6\n",
+        "feed_entries{family=\"ipv6\"} 2\n", "feed_reading_age_seconds 1.5\n"})
+    EXPECT_THAT(answer, HasSubstr(std::string("\narp_suppression_") + line));
 }
 
 }  // namespace

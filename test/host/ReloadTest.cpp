@@ -69,9 +69,9 @@ TEST(Reload, carriesOutWhatIsDifferent) {
        R"({"vlans": {"10": {}, "20": {"bridge": "br0", "tunnelPorts": ["a"], "vrf": "default"}, "30": {}}})",
        "{}", R"({"vlans": {"10": {}, "20": {"tunnelPorts": ["b", "a"]}, "40": {"vrf": "default"}}})",
        "switch/config", "vlan",
-       R"({"10": {"bridge": "vlan10", "tunnelPorts": [], "vrf": "", "suppression": true},
-           "20": {"bridge": "vlan20", "tunnelPorts": ["b", "a"], "vrf": "", "suppression": true},
-           "40": {"bridge": "vlan40", "tunnelPorts": [], "vrf": "default", "suppression": true}})"},
+       R"({"10": {"bridge": "vlan10", "tunnelPorts": [], "vrf": "", "suppression": true, "answers": true},
+           "20": {"bridge": "vlan20", "tunnelPorts": ["b", "a"], "vrf": "", "suppression": true, "answers": true},
+           "40": {"bridge": "vlan40", "tunnelPorts": [], "vrf": "default", "suppression": true, "answers": true}})"},
       {"VRFs too",
        R"({"vrfs": {"red": {"id": 5, "networkNamespace": "r"}, "blue": {"id": 6, "device": "b"}}})", "{}",
        R"({"vrfs": {"red": {"id": 6, "device": "b"}, "green": {"id": 5, "networkNamespace": "r"}}})",
@@ -118,6 +118,20 @@ TEST(Reload, carriesOutWhatIsDifferent) {
            "10 10.0.0.9": {"mac": "02:00:00:00:00:09", "localMultihomed": false},
            "10 2001:db8::1": {"mac": "02:00:00:00:00:03", "localMultihomed": false},
            "11 2001:db8::2": {"mac": "02:00:00:00:00:04", "localMultihomed": false}})"},
+      {"bindings alone: one alike that is otherwise by hand, one that changes, one that goes and one that "
+       "comes",
+       R"({"bindings": [{"vlan": 10, "ip": "10.0.0.1", "mac": "02:00:00:00:00:01"},
+                        {"vlan": 10, "ip": "10.0.0.2", "mac": "02:00:00:00:00:02"},
+                        {"vlan": 10, "ip": "10.0.0.3", "mac": "02:00:00:00:00:03"}]})",
+       R"({"arpSuppression/remoteBindingConfig/evpn":
+             {"remoteBinding": {"10 10.0.0.1": {"mac": "02:00:00:00:00:09"}}}})",
+       R"({"bindings": [{"vlan": 10, "ip": "10.0.0.1", "mac": "02:00:00:00:00:01"},
+                        {"vlan": 10, "ip": "10.0.0.2", "mac": "02:00:00:00:00:22"},
+                        {"vlan": 10, "ip": "10.0.0.4", "mac": "02:00:00:00:00:04"}]})",
+       kRemote, "remoteBinding",
+       R"({"10 10.0.0.1": {"mac": "02:00:00:00:00:09", "localMultihomed": false},
+           "10 10.0.0.2": {"mac": "02:00:00:00:00:22", "localMultihomed": false},
+           "10 10.0.0.4": {"mac": "02:00:00:00:00:04", "localMultihomed": false}})"},
       {"the VLANs of a feed, beneath what is said of them",
        R"({"agents": ["KernelEvpn"], "evpn": {"feed": "kernel"}, "vlans": {"10": {}, "20": {}}})", "{}",
        R"({"agents": ["KernelEvpn"], "evpn": {"feed": "kernel"}, "vlans": {"20": {}, "30": {}},
@@ -147,16 +161,23 @@ TEST(Reload, followsWhatIsOfNoPath) {
   Running running(
       {{"agents", {"SoftForward"}},
        {"trace", {{"Orb", 5}, {"Memtab", 5}}},
-       {"softForward", {{"ports", {{"e1", {{"policer", {{"burst", 7}}}}}, {"e2", json::object()}}}}}});
+       {"softForward",
+        {{"ports", {{"e1", {{"policer", {{"burst", 7}}}, {"answers", false}}}, {"e2", json::object()}}}}}});
   Tracelet::levelIs("Orb", 5);
-  EXPECT_EQ(running.reload(R"({"agents": ["SoftForward"], "trace": {"Memtab": 3}, "vlans": {"10": {}},
-                               "softForward": {"failOpenSeconds": 9, "policer": {"burst": 8}, "ports": {"e2": {}}}})"),
+  EXPECT_EQ(running.reload(
+                R"({"agents": ["SoftForward"], "trace": {"Memtab": 3}, "vlans": {"10": {"answers": false}},
+                               "softForward": {"failOpenSeconds": 9, "policer": {"burst": 8}, "answers": {"enabled": false},
+                                               "ports": {"e2": {"answers": false}}}})"),
             "");
-  const auto softForward =
-      running.host().state->tree()->entityOf<Switch::Config>(Switch::kConfigPath)->softForward();
+  const auto config = running.host().state->tree()->entityOf<Switch::Config>(Switch::kConfigPath);
+  const auto softForward = config->softForward();
   EXPECT_EQ(softForward->failOpenSeconds(), 9u);
   EXPECT_EQ(softForward->portPolicers(), 1u);
   EXPECT_EQ(softForward->policerOf("e1").burst, 8u);
+  EXPECT_FALSE(softForward->answers().enabled);
+  EXPECT_FALSE(softForward->portWithoutAnswersHas("e1"));
+  EXPECT_TRUE(softForward->portWithoutAnswersHas("e2"));
+  EXPECT_FALSE(config->vlan(Bridging::VlanId(10))->answers());
   EXPECT_EQ(Tracelet::level("Orb"), 0);
   EXPECT_EQ(Tracelet::level("Memtab"), 3);
   EXPECT_THAT(running.log, testing::EndsWith("/config.json is in force\n"));

@@ -301,6 +301,18 @@ PacketSocket::PacketSocket(const std::string& device, std::uint16_t ethertype) {
   }
 }
 
+PacketSocket PacketSocket::sentOn(const std::string& device) {
+  PacketSocket socket(device);
+  const int off = 0;
+  if (setsockopt(socket.fd_, SOL_PACKET, PACKET_IGNORE_OUTGOING, &off, sizeof off) != 0)
+    failErrno("a packet socket on what " + device + " sends");
+  constexpr std::uint32_t kType = static_cast<std::uint32_t>(SKF_AD_OFF + SKF_AD_PKTTYPE);
+  socket.filterIs({BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kType),
+                   BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_OUTGOING, 0, 1),
+                   BPF_STMT(BPF_RET | BPF_K, 0xFFFF), BPF_STMT(BPF_RET | BPF_K, 0)});
+  return socket;
+}
+
 PacketSocket::~PacketSocket() { close(fd_); }
 
 void PacketSocket::onlyFramesWith(std::uint32_t offset, const Mac& address) {
@@ -309,11 +321,14 @@ void PacketSocket::onlyFramesWith(std::uint32_t offset, const Mac& address) {
     for (std::size_t i = from; i < from + count; ++i) value = value << 8 | address[i];
     return value;
   };
-  std::array<sock_filter, 6> code{
+  filterIs(
       {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offset), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, bytes(0, 4), 0, 3),
        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offset + 4), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, bytes(4, 2), 0, 1),
-       BPF_STMT(BPF_RET | BPF_K, 0xFFFF), BPF_STMT(BPF_RET | BPF_K, 0)}};
-  const sock_fprog program{code.size(), code.data()};
+       BPF_STMT(BPF_RET | BPF_K, 0xFFFF), BPF_STMT(BPF_RET | BPF_K, 0)});
+}
+
+void PacketSocket::filterIs(std::vector<sock_filter> code) {
+  const sock_fprog program{static_cast<unsigned short>(code.size()), code.data()};
   if (setsockopt(fd_, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0)
     failErrno("filtering a packet socket");
 }
@@ -357,9 +372,10 @@ std::optional<Frame> PacketSocket::receive(std::chrono::milliseconds patience) {
   return vlan_ ? tagged(frame, 0) : frame;
 }
 
-std::optional<std::vector<Frame>> PacketSocket::receiveUntil(const Frame& last) {
+std::optional<std::vector<Frame>> PacketSocket::receiveUntil(const Frame& last,
+                                                             std::chrono::milliseconds patience) {
   std::vector<Frame> before;
-  while (auto frame = receive()) {
+  while (auto frame = receive(patience)) {
     if (*frame == last) return before;
     before.push_back(std::move(*frame));
   }

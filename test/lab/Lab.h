@@ -11,6 +11,8 @@
 // sending, and what has not arrived before a frame that was sent later was not delivered at all. That is how
 // "nothing arrives" is tested without waiting.
 
+#include <linux/filter.h>
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -104,6 +106,8 @@ class PacketSocket {
  public:
   // In the namespace that the calling thread is in. `ethertype` 0: all.
   explicit PacketSocket(const std::string& device, std::uint16_t ethertype = 0);
+  // Of what is sent on the device, and of nothing else, whatever becomes of it.
+  static PacketSocket sentOn(const std::string& device);
   ~PacketSocket();
   PacketSocket(PacketSocket&& from) noexcept : fd_(std::exchange(from.fd_, -1)), vlan_(from.vlan_) {}
   PacketSocket(const PacketSocket&) = delete;
@@ -121,10 +125,12 @@ class PacketSocket {
   // The next frame; std::nullopt when none came in time. The tag that the kernel took off is put back.
   std::optional<Frame> receive(std::chrono::milliseconds patience = kPatience);
   // What arrived before `last` did, which must be on its way already; std::nullopt when it never came.
-  std::optional<std::vector<Frame>> receiveUntil(const Frame& last);
+  std::optional<std::vector<Frame>> receiveUntil(const Frame& last,
+                                                 std::chrono::milliseconds patience = kPatience);
 
  private:
   void onlyFramesWith(std::uint32_t offset, const Mac& address);
+  void filterIs(std::vector<sock_filter> code);
 
   int fd_ = -1;
   std::optional<std::uint16_t> vlan_;

@@ -60,12 +60,13 @@ void addressDel(const std::string& device, const std::string& prefix) {
 }
 
 Message neighbourMessage(const std::string& device, const std::string& ip, const std::string& mac,
-                         std::uint16_t state, std::uint8_t protocol) {
+                         std::uint16_t state, std::uint8_t protocol, std::uint8_t flags) {
   const auto address = Lanix::IpAddr::fromStrep(ip).value();
   ndmsg header{};
   header.ndm_family = AF_INET;
   header.ndm_ifindex = static_cast<int>(Lab::ifIndex(device));
   header.ndm_state = state;
+  header.ndm_flags = flags;
   Message message(RTM_NEWNEIGH, NLM_F_CREATE | NLM_F_REPLACE);
   message.header(header).bytes(NDA_DST, std::as_bytes(std::span(address.bytes())));
   putMac(message, mac);

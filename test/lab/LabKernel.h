@@ -14,7 +14,7 @@ void addressIs(const std::string& device, const std::string& prefix);
 void addressDel(const std::string& device, const std::string& prefix);
 // `state` of linux/neighbour.h; `protocol` 0: none.
 Netlink::Message neighbourMessage(const std::string& device, const std::string& ip, const std::string& mac,
-                                  std::uint16_t state, std::uint8_t protocol = 0);
+                                  std::uint16_t state, std::uint8_t protocol = 0, std::uint8_t flags = 0);
 // An entry in the MAC table of the bridge above the port.
 Netlink::Message macMessage(const std::string& port, const std::string& mac, std::uint16_t state,
                             std::uint8_t flags = 0);

@@ -3,7 +3,8 @@
 // The forwarding programs. Frames are read with bpf_skb_load_bytes into the stack, so that a frame is never
 // linearised or otherwise touched by a program that lets it pass.
 //
-//   access_ingress  tc ingress of access ports       ARP goes to the agent as a copy, and on marked
+//   access_ingress  tc ingress of access ports       ARP goes to the agent as a copy, and on marked; or it is
+//                                                    answered here (Answer.h)
 //   own_egress      tc egress of the bridge device   the same for what the switch sends itself
 //   tunnel_egress   tc egress of tunnel ports        what was marked does not leave
 //   trap_egress     tc egress of the trap peer       puts the trap header into the copy
@@ -39,7 +40,10 @@ struct ArpFrame {
   __u8 hardwareLength;
   __u8 protocolLength;
   __be16 operation;
-  __u8 addresses[20];
+  __u8 senderMac[ETH_ALEN];
+  __u8 senderIp[4];
+  __u8 targetMac[ETH_ALEN];
+  __u8 targetIp[4];
 } __attribute__((packed));
 _Static_assert(sizeof(struct ArpFrame) == ETH_HLEN + ARP_LENGTH, "an Ethernet header and an ARP packet");
 
@@ -114,6 +118,10 @@ struct {
 // forwarded as if there were no agent.
 volatile __u64 trusted_until;
 
+// By VLAN: 1 while what the map "answers" has of it holds. The loader writes it, so that all of a VLAN's
+// answers are void at once.
+volatile __u8 answers_hold[SOFT_FORWARD_MAX_VLANS];
+
 // How many frames policers refused, for the loader to see at a glance whether any did.
 volatile __u64 policed_in_all;
 
@@ -134,10 +142,10 @@ static __always_inline struct SoftForwardPortCounters* countersOf(__u32 ifIndex,
   return bpf_map_lookup_elem(&port_counters, &key);
 }
 
-#define COUNT_AT(ifIndex, vlan, member)                                             \
-  do {                                                                              \
-    struct SoftForwardPortCounters* const at = countersOf(ifIndex, vlan);           \
-    if (at) __sync_fetch_and_add(&at->member, 1);                                   \
+#define COUNT_AT(ifIndex, vlan, member)                                   \
+  do {                                                                    \
+    struct SoftForwardPortCounters* const at = countersOf(ifIndex, vlan); \
+    if (at) __sync_fetch_and_add(&at->member, 1);                         \
   } while (0)
 
 // Takes a token; whether there was one. Other CPUs may take theirs at the same time.
@@ -183,9 +191,10 @@ static __always_inline bool holds(const __u64* set, __u32 vlan) {
 }
 
 // The VLAN of a frame on a device with that role; 0: none of ours, or one that the device does not carry.
-// Where it is one of ours, `policer` is the device's.
+// Where it is one of ours, `policer` is the device's, and `inPlace` says whether an answer may leave by the
+// port just as the frame came: with the same tag, or without one.
 static __always_inline __u32 vlanOf(const struct __sk_buff* skb, __u8 role,
-                                    struct SoftForwardPolicer** policer) {
+                                    struct SoftForwardPolicer** policer, bool* inPlace) {
   // The kernel took a tag off the frame and keeps it beside. What it keeps is stale unless it says so.
   __u32 tag = 0;
   if (skb->vlan_present) {
@@ -196,14 +205,19 @@ static __always_inline __u32 vlanOf(const struct __sk_buff* skb, __u8 role,
   struct SoftForwardPort* port = bpf_map_lookup_elem(&ports, &ifIndex);
   if (port) {
     *policer = &port->policer;
+    *inPlace = port->answers && !skb->vlan_present;
     return port->role == role && tag == 0 ? port->vlan : 0;
   }
   struct SoftForwardTrunk* trunk = bpf_map_lookup_elem(&trunks, &ifIndex);
   if (!trunk || trunk->own != (role == SOFT_FORWARD_ROLE_OWN)) return 0;
   *policer = &trunk->policer;
   const __u32 vlan = tag ? tag : trunk->pvid;
+  *inPlace = holds(trunk->answers, vlan) && holds(trunk->tagged, vlan) == (tag != 0) &&
+             (tag != 0) == skb->vlan_present;
   return holds(trunk->trapped, vlan) ? vlan : 0;
 }
+
+#include "Answer.h"
 
 static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
   if (skb->protocol != bpf_htons(ETH_P_ARP)) return TC_ACT_UNSPEC;
@@ -213,7 +227,8 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
   if (!isBroadcast(frame.destination) || !isIpv4Arp(&frame)) return TC_ACT_UNSPEC;
 
   struct SoftForwardPolicer* policer = 0;
-  __u32 vlan = vlanOf(skb, role, &policer);
+  bool inPlace = false;
+  __u32 vlan = vlanOf(skb, role, &policer, &inPlace);
   if (vlan == 0 || !policer) return TC_ACT_UNSPEC;
   const struct SoftForwardActiveVlan* activeVlan = bpf_map_lookup_elem(&active_vlans, &vlan);
   if (!activeVlan || !activeVlan->active) return TC_ACT_UNSPEC;
@@ -225,7 +240,20 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
     count(SOFT_FORWARD_FAILED_OPEN);
     return TC_ACT_UNSPEC;
   }
+  __u32 why = SOFT_FORWARD_COUNTERS;
+  struct SoftForwardAnswer* answer = 0;
+  if (role == SOFT_FORWARD_ROLE_ACCESS && answers_hold[vlan & SOFT_FORWARD_VLAN_MASK])
+    answer = answerOf(skb, &frame, vlan, inPlace, setting, &why);
+  if (answer && why == SOFT_FORWARD_COUNTERS) {
+    const int sent = reply(skb, &frame, vlan, answer);
+    if (sent >= 0) return sent;
+  }
   if (!takesToken(policer)) {
+    // Somebody asks for more than a port may show, and the answer is known all the same.
+    if (answer) {
+      const int sent = reply(skb, &frame, vlan, answer);
+      if (sent >= 0) return sent;
+    }
     count(SOFT_FORWARD_POLICED);
     COUNT_AT(skb->ifindex, vlan, policed);
     __sync_fetch_and_add(&policed_in_all, 1);
@@ -243,6 +271,8 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
   }
   count(SOFT_FORWARD_TRAPPED);
   COUNT_AT(skb->ifindex, vlan, trapped);
+  if (why != SOFT_FORWARD_COUNTERS) count(why);
+  if (role == SOFT_FORWARD_ROLE_ACCESS && setting->refresh != 0) shown(skb, &frame, vlan);
   return TC_ACT_UNSPEC;
 }
 

@@ -184,9 +184,11 @@ TEST_F(ArpServiceTest, WhatIsFoundAtStart) {
 
 // As zebra writes a host of another switch, and as it takes it back.
 void zebraHas(const std::string& ip, const std::string& mac = kMac1) {
-  Lab::run("ip neigh replace " + ip + " lladdr " + mac + " dev vlan10 nud noarp extern_learn proto zebra");
+  request(neighbourMessage("vlan10", ip, mac, NUD_NOARP, 11, NTF_EXT_LEARNED));
 }
-void zebraHasNot(const std::string& ip) { Lab::run("ip neigh del " + ip + " dev vlan10"); }
+void zebraHasNot(const std::string& ip) {
+  request(removeRequest(Lab::ifIndex("vlan10"), ServiceRig::ip(ip)));
+}
 
 TEST_F(ArpServiceTest, ARoutingDaemonsHostsAreItsOwn) {
   struct Case {
@@ -239,6 +241,8 @@ TEST_F(ArpServiceTest, ARoutingDaemonsHostsAreItsOwn) {
   rig->config->agentsIs({"KernelEvpn", "ArpService"});
   rig->config->evpn()->bindingsIs(bindings);
   rig->config->evpn()->feedIs(Switch::EvpnFeed::kernel);
+  // What is reachable stays so, however slow the machine is.
+  std::ofstream("/proc/sys/net/ipv4/neigh/vlan10/base_reachable_time_ms") << 3'600'000;
   Monitor monitor;
   rig->start();
   expect("vlan10", lines(&Case::beside), "at start");
@@ -310,9 +314,23 @@ TEST_F(ArpServiceTest, AsksForWhatIsToBeConfirmed) {
   inRed([&] { zebraHasNot("10.0.0.4"); });
   EXPECT_TRUE(rig->becomes([&] { return silent("10.0.0.4"); })) << "asked once zebra's has gone";
   EXPECT_FALSE(silent("10.0.0.3"));
-  config->ipv4Del(ServiceRig::ip("10.0.0.6"));
+  int words = 0;
+  Mox::Notifiee<const Arp::Confirmation> told(rig->confirmation);
+  told.on(Arp::Confirmation::silentChanged, [&](const Arp::HostAddress&) { ++words; });
+  config->ipv4Del(ServiceRig::ip("10.0.0.6")), configIs("10.0.0.6", asked);
+  EXPECT_TRUE(rig->becomes([&] { return words == 2; }))
+      << "wanted again at once: asked again, and told again";
+  EXPECT_TRUE(silent("10.0.0.6"));
+  configIs("10.0.0.6", ServiceRig::entry(host.c_str(), "Vlan10", Arp::kArpTypeLocal, true));
+  EXPECT_TRUE(rig->becomes([&] {
+    return inRed([] { return neighbours("vlan10").back(); }).ends_with("reachable 110");
+  })) << "it was heard of otherwise";
+  EXPECT_FALSE(silent("10.0.0.6"));
+  configIs("10.0.0.7", asked);
+  EXPECT_TRUE(rig->becomes([&] { return silent("10.0.0.7"); }));
+  config->ipv4Del(ServiceRig::ip("10.0.0.7"));
   rig->settle();
-  EXPECT_FALSE(silent("10.0.0.6")) << "nobody wants to know any more";
+  EXPECT_FALSE(silent("10.0.0.7")) << "nobody wants to know any more";
   // It answers late, and by a word of its own.
   inRed([&] { request(neighbourMessage("vlan10", "10.0.0.4", kMac1, NUD_REACHABLE)); });
   EXPECT_TRUE(rig->becomes([&] { return !silent("10.0.0.4"); }));
@@ -498,10 +516,12 @@ class FullKernel final : public Netlink::Kernel {
     std::memcpy(&header, bytes.data(), sizeof header);
     dumps += (header.nlmsg_flags & NLM_F_DUMP) == NLM_F_DUMP ? 1 : 0;
     if (!full || header.nlmsg_type != RTM_NEWNEIGH) return Netlink::Kernel::send(descriptor, bytes);
+    ++refused;
     errno = ENOBUFS;
     return -1;
   }
   bool full = true;
+  int refused = 0;  // requests, of many neighbours each
   int dumps = 0;
 };
 
@@ -550,6 +570,26 @@ TEST_F(ArpServiceTest, RefusedEntriesAreReportedAndTriedAgain) {
   EXPECT_EQ(rig->status->vrf("default")->problem(), "");
   EXPECT_EQ(rig->problems->problems(), 0U);
   EXPECT_EQ(neighbours("vlan10").size() + neighbours("vlan20").size(), 200U);
+}
+
+// Not each neighbour that the kernel is to age costs it a pass over its full table.
+TEST_F(ArpServiceTest, AFullTableIsLeftAloneForAWhile) {
+  FullKernel kernel;
+  rigIs({&kernel});
+  rig->start();
+  rig->settle();
+  for (int i = 1; i <= 200; ++i)
+    configIs("10.0.0." + std::to_string(i), ServiceRig::entry(kMac1, "Vlan10", 0, true));
+  const auto status = rig->status->vrf("default");
+  EXPECT_TRUE(rig->becomes([&] { return status->refusals() == 200; }));
+  EXPECT_EQ(std::exchange(kernel.refused, 0), 1);
+  EXPECT_TRUE(rig->problems->problem("ArpService VRF default"));
+  configIs("10.0.0.201", ServiceRig::entry(kMac1, "Vlan10", 0, true));
+  rig->settle();
+  EXPECT_EQ(kernel.refused, 0);
+  kernel.full = false;
+  rig->clock.ahead += 1;
+  EXPECT_TRUE(rig->becomes([&] { return status->programmed() == 201; }));
 }
 
 TEST_F(ArpServiceTest, StaleNeighboursAreProbed) {

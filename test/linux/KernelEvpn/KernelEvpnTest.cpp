@@ -3,6 +3,7 @@
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "Switch/Problems.h"
 #include "linux/KernelState/Fixture.h"
@@ -37,7 +38,9 @@ class Feed : public testing::Test {
     rig->vlanIs(20, "br0");
     rig->config()->evpn()->feedIs(feed);
     bindingsAre(configured);
-    rig->start(kernelEvpnAgentFactory("KernelEvpn"));
+    const auto started = kernelEvpnAgentFactory("KernelEvpn");
+    rig->start(started);
+    agent = started.get();
     group = rig->sharedMemory()->mountGroup();
     ASSERT_TRUE(
         group->mountIs(kPath, "ArpSuppression::RemoteBindingConfig", Memtab::MountDescriptor::reader()));
@@ -76,11 +79,25 @@ class Feed : public testing::Test {
     return subjects;
   }
 
+  // What the feed says of itself, but for its protocols and its name.
+  std::string status() const {
+    char path[] = "/tmp/feed-XXXXXX";
+    const int file = mkstemp(path);
+    unlink(path);
+    agent->agentCommand("", "feed")->handleCommand(file, {});
+    char text[512] = {};
+    EXPECT_GT(pread(file, text, sizeof text - 1, 0), 0);
+    close(file);
+    const std::string all = text;
+    return all.substr(all.find("\"ready\""), all.rfind('}') - all.find("\"ready\""));
+  }
+
   Netlink::FakeKernel kernel;
   Orb::ManualClock clock;
   KernelState::ScratchTables tables;
   Switch::RemoteBindings configured;
   std::unique_ptr<AgentRig> rig;
+  Plugin::AgentBase* agent = nullptr;  // the rig has it
   Mox::Ptr<Memtab::MountGroup> group;
 };
 
@@ -104,6 +121,8 @@ TEST_F(Feed, takesWhatTheRoutingDaemonKnowsOfConfiguredVlans) {
   clock.advance(2);
   settle();
   EXPECT_THAT(problems(), ElementsAre("addresses of the feed"));
+  EXPECT_EQ(status(),
+            R"("ready":true,"ipv4":2,"ipv6":1,"refused":2,"readings":1,"overruns":0,"readingAgeSeconds":2)");
   // A move is one write; withdrawn in two ways.
   kernel.in().addNeighbour("vlan10", "10.0.0.1", route("11"));
   kernel.in().delNeighbour("vlan10", "127.0.0.1");
@@ -219,6 +238,8 @@ TEST_F(Feed, isReadAgainWhenNotificationsWereLost) {
   kernel.in().disturbs(Netlink::Table::neighbours, 1);
   settle();
   EXPECT_THAT(bindings(), ElementsAre("10 10.0.0.2 02", "10 10.0.0.3 03"));
+  EXPECT_EQ(status(),
+            R"("ready":true,"ipv4":2,"ipv6":0,"refused":0,"readings":2,"overruns":1,"readingAgeSeconds":0)");
 }
 
 // What is there may be the feed's word, and what is not there yet may come.
@@ -234,6 +255,7 @@ TEST_F(Feed, waitsForTheFirstReadingBeforeItTakesAnythingAway) {
   starts();
   EXPECT_THAT(bindings(), ElementsAre("10 10.0.0.1 01", "10 10.0.0.2 02", "10 10.0.0.4 bb people"));
   EXPECT_FALSE(group->ready());
+  EXPECT_THAT(status(), testing::AllOf(testing::StartsWith("\"ready\":false"), testing::EndsWith(":null")));
   EXPECT_THAT(problems(), ElementsAre("feed"));
   clock.advance(2);
   settle();

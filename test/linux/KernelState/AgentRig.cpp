@@ -1,11 +1,11 @@
 #include "AgentRig.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 
-#include "AllTypes.h"
-#include "Statedb/Register.h"
+#include "support/StateTypes.h"
 
 namespace KernelState {
 namespace {
@@ -33,11 +33,11 @@ std::vector<std::string> entries(ForEach forEach) {
 
 AgentRig::AgentRig(const Orb::Clock& clock, const Memtab::Directory& directory)
     : loop_(clock), tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop_)) {
-  Model::forEachStateType([this]<class E>(const char* name) { types_.registerType<E>(name); });
+  TestSupport::registerStateTypes(types_);
   tree_ = Mox::make<Statedb::EntityManager>(
       types_, [this](std::function<void()> call) { loop_.post(std::move(call)); });
   tables_ = Mox::make<Memtab::EntityManager>(loop_, tasks_->scheduler(), directory);
-  Model::forEachTableType([this]<class E>(const char* name) { tables_->registerType<E>(name); });
+  TestSupport::registerTableTypes(*tables_);
   config_ = Mox::dynamicPtrCast<Switch::Config>(*tree_->entityIs(Switch::kConfigPath, Switch::kConfigType));
   vrfIs("default", 0, "default");
   EXPECT_TRUE(tree_->entityIs("bridging/config", "Bridging::Config"));

@@ -321,6 +321,23 @@ TEST_F(FullPortTest, IsNotReadToItsEnd) {
   EXPECT_EQ(kernel.in().dumps(Table::macs), dumps + 1) << "without room nothing is read again";
 }
 
+// A tunnel port's are as many as the overlay has hosts: where the others are is what matters.
+TEST_F(FullPortTest, TunnelPortIsNotReadToItsEnd) {
+  for (int station = 100; station < 10000; ++station) learns(station, "core10");
+  learns(1, "Ethernet1");
+  starts();
+  EXPECT_EQ(known(), "Ethernet1 1, ");
+  EXPECT_LT(rig->macs().size(), 6000u);
+  learns(2, "core10");
+  settle();
+  EXPECT_EQ(known(), "Ethernet1 1, core10 2, ");
+  limitIs(20000);
+  rig->vlanIs(10, "vlan10", {});
+  settle(), passes(2);
+  EXPECT_EQ(known(), "Ethernet1 1, core10 2, ");
+  EXPECT_EQ(rig->macs().size(), 9902u) << "its hosts are this switch's own now";
+}
+
 // Seconds of CPU that a start with so many VLANs takes.
 double costOfStart(std::uint32_t vlans) {
   FakeKernel kernel;

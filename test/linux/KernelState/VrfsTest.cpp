@@ -127,6 +127,8 @@ TEST_F(VrfsTest, RefusedIsNotGone) {
     passes(10);
     stands("when that is over");
     EXPECT_EQ(problems->problems(), 0u);
+    EXPECT_THAT(reports.lines,
+                testing::Contains(testing::HasSubstr("network namespace red: good again")).Times(1));
   }
   // What an earlier run left is not given up before its namespace could be looked at.
   kernel.refusesNames(EMFILE);

@@ -108,7 +108,8 @@ TEST(Route, ReadsDevicesTheirPeersAndPorts) {
   const auto port = [](Message& attributes) {
     attributes.u8(IFLA_BRPORT_STATE, BR_STATE_LEARNING)
         .u8(IFLA_BRPORT_LEARNING, 1)
-        .u8(IFLA_BRPORT_BCAST_FLOOD, 1);
+        .u8(IFLA_BRPORT_BCAST_FLOOD, 1)
+        .u8(IFLA_BRPORT_LOCKED, 1);
   };
   const auto device = [](std::uint8_t family, int index) {
     Message message(RTM_NEWLINK);
@@ -132,7 +133,7 @@ TEST(Route, ReadsDevicesTheirPeersAndPorts) {
     });
     return message;
   };
-  const BridgePort learning{BR_STATE_LEARNING, true, false, false, true};
+  const BridgePort learning{BR_STATE_LEARNING, true, false, false, true, false, true};
 
   const auto ofBridge = readLink(Received(veth("bridge").data()));
   ASSERT_TRUE(ofBridge);
@@ -178,6 +179,7 @@ TEST(Route, ReadsTheVlansOfABridgesPort) {
     std::uint16_t flags;
     std::uint16_t first;
     std::uint16_t last;  // 0: no range
+    int state = -1;      // -1: not said
   };
   const auto told = [](const std::vector<Entry>& entries, std::size_t infoSize = sizeof(bridge_vlan_info)) {
     Message message(RTM_NEWVLAN);
@@ -190,16 +192,19 @@ TEST(Route, ReadsTheVlansOfABridgesPort) {
         const bridge_vlan_info info{entry.flags, entry.first};
         inside.bytes(BRIDGE_VLANDB_ENTRY_INFO, std::as_bytes(std::span(&info, 1)).first(infoSize));
         if (entry.last != 0) inside.u16(BRIDGE_VLANDB_ENTRY_RANGE, entry.last);
+        if (entry.state >= 0) inside.u8(BRIDGE_VLANDB_ENTRY_STATE, static_cast<std::uint8_t>(entry.state));
       });
     }
     return readBridgeVlans(Received(message.data()));
   };
   constexpr std::uint16_t kPvidUntagged = BRIDGE_VLAN_INFO_PVID | BRIDGE_VLAN_INFO_UNTAGGED;
-  const auto vlans = told({{kPvidUntagged, 5, 0}, {0, 10, 12}, {0, 4094, 0}});
+  const auto vlans =
+      told({{kPvidUntagged, 5, 0}, {0, 10, 12, BR_STATE_LEARNING}, {0, 4094, 0, BR_STATE_FORWARDING}});
   ASSERT_TRUE(vlans);
   BridgeVlans expected{7, {}, {}, 5};
   for (const std::size_t vid : {5U, 10U, 11U, 12U, 4094U}) expected.carried.set(vid);
   expected.untagged.set(5);
+  for (const std::size_t vid : {10U, 11U, 12U}) expected.blocked.set(vid);
   EXPECT_EQ(*vlans, expected);
   EXPECT_TRUE(told({}));
 

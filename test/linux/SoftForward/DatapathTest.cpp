@@ -1,6 +1,7 @@
 // What becomes of frames.
 
 #include "linux/SoftForward/DatapathRig.h"
+#include "linux/SoftForward/Maps.h"
 
 namespace SoftForward {
 namespace {
@@ -202,6 +203,28 @@ TEST_F(DatapathTest, TheBridgeKeepsItsAddressAndMtu) {
   start();
   EXPECT_EQ(Lab::macOf("vlan10"), mac);
   EXPECT_EQ(Lab::mtuOf("vlan10"), 4000U);
+}
+
+// Hosts are answered at a port only while the bridge would take their request and give them the reply.
+TEST_F(DatapathTest, WhichPortsAnswer) {
+  start();
+  datapath_->portTermsAre([](const std::string&) { return PortTerms{{1000, 1000}, true}; });
+  const auto answers = [&](const char* device) {
+    settle();
+    return Map(*programs_, "ports").at<SoftForwardPort>(Lab::ifIndex(device)).answers == 1;
+  };
+  EXPECT_TRUE(answers("access1"));
+  EXPECT_FALSE(answers("tunnel1"));
+  for (const auto& [off, on] : {std::pair("locked on", "locked off"), std::pair("state 1", "state 3")}) {
+    SCOPED_TRACE(off);
+    Lab::run(std::string("bridge link set dev access1 ") + off);
+    EXPECT_FALSE(answers("access1"));
+    EXPECT_TRUE(answers("access2"));
+    Lab::run(std::string("bridge link set dev access1 ") + on);
+    EXPECT_TRUE(answers("access1"));
+  }
+  datapath_->portTermsAre([](const std::string& device) { return PortTerms{{}, device != "access1"}; });
+  EXPECT_FALSE(answers("access1"));
 }
 
 TEST_F(DatapathTest, PortsComeAndGo) {

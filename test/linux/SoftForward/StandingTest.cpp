@@ -6,6 +6,7 @@
 #include <array>
 
 #include "linux/SoftForward/DatapathRig.h"
+#include "linux/SoftForward/Maps.h"
 
 namespace SoftForward {
 namespace {
@@ -230,22 +231,7 @@ TEST_F(StandingTest, AtRestItWritesNothing) {
 // The kernel takes nothing any more for a map that is frozen.
 TEST_F(StandingTest, WhatAMapRefusesIsReportedAndTriedAgain) {
   start();
-  std::array<std::uint32_t, 8> maps{};
-  bpf_prog_info info{};
-  info.nr_map_ids = maps.size();
-  info.map_ids = reinterpret_cast<std::uintptr_t>(maps.data());
-  std::uint32_t size = sizeof info;
-  ASSERT_EQ(bpf_obj_get_info_by_fd(programs_->loaded(Program::accessIngress).descriptor, &info, &size), 0);
-  for (std::uint32_t i = 0; i < info.nr_map_ids; ++i) {
-    bpf_map_info map{};
-    size = sizeof map;
-    const int descriptor = bpf_map_get_fd_by_id(maps.at(i));
-    ASSERT_EQ(bpf_obj_get_info_by_fd(descriptor, &map, &size), 0);
-    if (map.name == std::string("active_vlans")) {
-      ASSERT_EQ(bpf_map_freeze(descriptor), 0);
-    }
-    close(descriptor);
-  }
+  ASSERT_EQ(bpf_map_freeze(Map(*programs_, "active_vlans").descriptor()), 0);
   datapath_->activeVlanIs(kVlan, false);
   await(false);
   EXPECT_THAT(standings_[kVlan].reason, HasSubstr("Operation not permitted"));

@@ -160,6 +160,53 @@ TEST_F(TrunksTest, TheTagOrThePortsPvidIsTheVlan) {
   EXPECT_EQ(datapath_->statistics().unexpected, 0U);
 }
 
+// A port answers what comes as the answer would leave, and nothing while its VLANs are not known.
+TEST_F(TrunksTest, AnswersWithTheTagOfTheRequest) {
+  startTrunks();
+  datapath_->portTermsAre([](const std::string&) { return PortTerms{{}, true}; });
+  datapath_->answerTermsAre({3'600'000'000'000, {}});
+  settle();
+  for (const std::uint16_t vlan : kBoth) {
+    const PlacedAnswer answer{vlan, Lanix::IpAddr(kRemoteIp), Lanix::EthAddr(kRemote)};
+    AnswersRefused refused;
+    ASSERT_TRUE(programs_->answersAre({&answer, 1}, refused));
+    programs_->answersHoldIs(vlan, true);
+  }
+  const Lab::Frame frame = request(kHost1, kIp1);
+  const Lab::Frame reply = Lab::arpFrame({2, kRemote, kRemoteIp, kHost1, kIp1}, kHost1);
+  // The second request is answered at the port, and goes no further.
+  const auto isAnswered = [&](Lab::PacketSocket& from, std::uint16_t tag, bool wanted, const char* what) {
+    SCOPED_TRACE(what);
+    for (int time = 0; time < 2; ++time) from.send(on(frame, tag));
+    const auto next = from.receive(wanted ? Lab::kPatience : std::chrono::milliseconds(100));
+    EXPECT_EQ(next ? Lab::hex(*next) : "nothing", wanted ? Lab::hex(on(reply, tag)) : "nothing");
+    for (Lab::PacketSocket* socket : {&*snoop_, &*access_, &*trunk_}) {
+      while (socket->receive(std::chrono::milliseconds(0))) {
+      }
+    }
+  };
+  const auto settled = [&](const char* command) {
+    Lab::run(command);
+    while (datapath_->followVlans()) {
+    }
+    settle();
+  };
+  isAnswered(*access_, 0, true, "the access port's VLAN");
+  isAnswered(*trunk_, 20, true, "a VLAN with its tag");
+  isAnswered(*access_, 10, false, "a tag where answers leave without");
+  settled("bridge vlan add vid 20 dev trunk untagged");
+  isAnswered(*trunk_, 20, false, "a tag of a VLAN that leaves without now");
+  settled("bridge vlan add vid 20 dev trunk");
+  isAnswered(*trunk_, 20, true, "and with it again");
+  settled("bridge link set dev trunk locked on");
+  isAnswered(*trunk_, 20, false, "a locked port");
+  settled("bridge link set dev trunk locked off");
+  settled("bridge vlan set vid 20 dev trunk state blocking");
+  isAnswered(*trunk_, 20, false, "a VLAN that its spanning tree blocks");
+  settled("bridge vlan set vid 20 dev trunk state forwarding");
+  isAnswered(*trunk_, 20, true, "and forwards again");
+}
+
 TEST_F(TrunksTest, WhatTheAgentSendsIsTaggedAsEachPortWantsIt) {
   startTrunks();
   Lab::PacketSocket inject("arpinject", 0x8135);

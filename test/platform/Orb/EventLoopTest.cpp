@@ -82,6 +82,21 @@ TEST_F(Loop, hooks_run_in_order_after_turns_that_did_something_until_their_handl
   EXPECT_THAT(taken(), ElementsAre("third"));
 }
 
+TEST_F(Loop, idle_calls_wait_for_a_turn_without_work_but_not_for_later_appointments) {
+  Orb::IdleCall call(loop_, [&] { hear("idle"); });
+  auto hook = loop_.endOfTurn([&] { hear("end of turn"); });
+  Timer later(loop_, "later", [&] { hear("later"); });
+  later.after(1);
+  loop_.post([&] { loop_.post([&] { hear("posted"); }); });
+  call.schedule();
+  call.schedule();
+  for (int turn = 0; turn < 4; ++turn) loop_.step();
+  EXPECT_THAT(taken(), ElementsAre("end of turn", "posted", "end of turn", "idle", "end of turn"));
+  call.schedule();
+  call.cancel();
+  EXPECT_FALSE(loop_.step());
+}
+
 TEST_F(Loop, tells_the_longest_turn_without_its_wait) {
   const auto turn = [&](double call, double hook) {
     auto handle = loop_.endOfTurn([&] { clock_.advance(hook); });

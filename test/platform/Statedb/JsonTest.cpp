@@ -10,7 +10,7 @@ TEST(Json, EveryKindOfMemberRoundTrips) {
   const auto config = Mox::make<Config>();
   const std::string text =
       R"({"addresses":["0.1","2.3"],"enabled":false,"entry":{"dynamic":true,"mac":"7.8","type":255},
-    "fid":{"10":110},"label":1000,"level":-128,"peer":{},"vlan":{"0":true,"7":true},"vrf":{"":{"ipv4":{},"ipv6":{},"state":"red"},
+    "fid":{"10":110},"label":1000,"level":-128,"one":{"on":true},"peer":{},"vlan":{"0":true,"7":true},"vrf":{"":{"ipv4":{},"ipv6":{},"state":"red"},
     "a/b%":{"ipv4":{"1.2":{"dynamic":false,"mac":"0.9","type":1}},"ipv6":{"5.6 eth0":{"dynamic":false,"mac":"0.0","type":0}},
     "state":"green"}}})";
   merge(config, text);
@@ -50,10 +50,12 @@ TEST(Json, RefusalsNamePathKeyValueAndWhatIsAllowed) {
       {R"({"vrf":{"red":{"ipv6":{"1.1":{}}}}})", R"(test: vrf["red"].ipv6["1.1"]: the key is not "IP INTF")"},
       {R"({"vrf":{"red":true}})", R"(test: vrf["red"]: true is not an object of state, ipv4, ipv6)"},
       {R"({"peer":{"1.1":{}}})", R"(test: peer["1.1"]: does not exist and cannot be made by its key alone)"},
+      {R"({"one":null})", R"(test: one: null is not an object of on)"},
+      {R"({"one":{"":{}}})", R"(test: one: unknown key ""; allowed: on)"},
       {R"({"owner":null})",
-       R"(test: unknown key "owner"; allowed: enabled, level, label, entry, addresses, fid, vlan, vrf, peer)"},
+       R"(test: unknown key "owner"; allowed: enabled, level, label, entry, addresses, fid, vlan, vrf, peer, one)"},
       {"[]",
-       "test: a list is not an object of enabled, level, label, entry, addresses, fid, vlan, vrf, peer"},
+       "test: a list is not an object of enabled, level, label, entry, addresses, fid, vlan, vrf, peer, one"},
   };
   const auto config = Mox::make<Config>();
   const json before = configType().toJson(*config);

@@ -73,19 +73,21 @@ TEST_F(PersistenceTest, EachChangeIsOnePair) {
   c->fidIs(11, 111);
   c->fidDel(11);
   c->vlanIs(Label(7));
+  c->one()->onIs(true);
   const auto vrf = c->vrfIs("a/b");
   vrf->ipv4Is(Address(1), Entry{});
   vrf->ipv6Is({Address(1), "eth0"}, Entry{});
   const Content expected{{"level", "5"},
                          {"fid/10", "110"},
                          {"vlan/7", "true"},
+                         {"one//on", "true"},
                          {"vrf/a%2Fb", "{}"},
                          {"vrf/a%2Fb/ipv4/0.1", R"({"dynamic":false,"mac":"0.0","type":0})"},
                          {"vrf/a%2Fb/ipv6/0.1 eth0", R"({"dynamic":false,"mac":"0.0","type":0})"}};
   EXPECT_EQ(stored(), expected);
   c->vrfDel("a/b");
   vrf->stateIs(Color::red);
-  EXPECT_EQ(stored(), (Content{{"level", "5"}, {"fid/10", "110"}, {"vlan/7", "true"}}));
+  EXPECT_EQ(stored(), (Content{{"level", "5"}, {"fid/10", "110"}, {"vlan/7", "true"}, {"one//on", "true"}}));
 }
 
 TEST_F(PersistenceTest, TheNextProcessFindsWhatTheLastOneLeft) {
@@ -93,7 +95,9 @@ TEST_F(PersistenceTest, TheNextProcessFindsWhatTheLastOneLeft) {
   {
     const auto manager = process();
     const auto c = config(manager);
-    merge(c, R"({"enabled":false,"entry":{"type":3},"addresses":["1.1"],"fid":{"1":1},"vlan":{"9":true},
+    merge(
+        c,
+        R"({"enabled":false,"entry":{"type":3},"addresses":["1.1"],"fid":{"1":1},"vlan":{"9":true},"one":{"on":true},
       "vrf":{"":{"state":"red"},"a/b%":{"ipv4":{"1.1":{"type":1}}},"gone":{"ipv4":{"1.1":{}}},"again":{"state":"red"}}})");
     c->vrfDel("gone");
     c->vrfDel("again");

@@ -106,6 +106,12 @@ class Peer final : public Mox::Entity {
   std::string name_;
 };
 
+class Other final : public Mox::Entity {
+ public:
+  MOX_ATTRIBUTE(bool, on, false)
+  MOX_MEMBERS(on)
+};
+
 class Config final : public Mox::Entity {
  public:
   MOX_ATTRIBUTE(bool, enabled, true)
@@ -118,13 +124,8 @@ class Config final : public Mox::Entity {
   MOX_SET(Label, vlan)
   MOX_CHILDREN(std::string, Vrf, vrf)
   MOX_HASH_CHILDREN(Address, Peer, key, peer)
-  MOX_MEMBERS(enabled, level, label, entry, addresses, owner, fid, vlan, vrf, peer)
-};
-
-class Other final : public Mox::Entity {
- public:
-  MOX_ATTRIBUTE(bool, on, false)
-  MOX_MEMBERS(on)
+  MOX_CHILD(Other, one)
+  MOX_MEMBERS(enabled, level, label, entry, addresses, owner, fid, vlan, vrf, peer, one)
 };
 
 inline Statedb::TypeRegistry& registry() {

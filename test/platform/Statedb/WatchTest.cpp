@@ -50,7 +50,8 @@ TEST_F(WatchTest, ReportsMembersByKeyAndFollowsChildren) {
   config_->vlanIs(Label(7));
   config_->ownerIs(config_);
   config_->ownerIs(nullptr);
-  EXPECT_THAT(heard(), ElementsAre("level=4", "fid[10]=110", "fid[10]=null", "vlan[7]=true"));
+  config_->one()->onIs(true);
+  EXPECT_THAT(heard(), ElementsAre("level=4", "fid[10]=110", "fid[10]=null", "vlan[7]=true", "one//on=true"));
 
   old->stateIs(Color::red);
   const auto fresh = config_->vrfIs("a/b");
