@@ -123,10 +123,10 @@ class PacketSocket {
   void send(std::span<const std::byte> frame);
   bool trySend(std::span<const std::byte> frame);  // false when the kernel refused it
   // The next frame; std::nullopt when none came in time. The tag that the kernel took off is put back.
-  std::optional<Frame> receive(std::chrono::milliseconds patience = kPatience);
+  std::optional<Frame> receive(std::chrono::milliseconds patience = 4 * kPatience);
   // What arrived before `last` did, which must be on its way already; std::nullopt when it never came.
   std::optional<std::vector<Frame>> receiveUntil(const Frame& last,
-                                                 std::chrono::milliseconds patience = kPatience);
+                                                 std::chrono::milliseconds patience = 4 * kPatience);
 
  private:
   void onlyFramesWith(std::uint32_t offset, const Mac& address);

@@ -21,7 +21,7 @@ using nlohmann::json;
 using Strings = std::vector<std::string>;
 
 // For what a daemon must have done, on a busy machine too.
-inline const std::chrono::seconds kDaemonPatience{30 * patienceFactor()};
+inline const std::chrono::seconds kDaemonPatience{60 * patienceFactor()};
 
 // A child process in the namespace that the calling thread is in, whose output is read here. It is killed
 // with the object at the latest.
