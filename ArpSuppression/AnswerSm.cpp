@@ -16,25 +16,27 @@ constexpr std::size_t kKeysPerVisit = 16;
 // A host like any other asks: neither the switch itself, nor the owner, nor a probe or an announcement, on a
 // port that no station is on.
 ArpSuppressionSm::Request ordinaryRequest(const AnswerKey& key) {
-  const std::uint32_t target = key.ipAddress.value();
-  return {key.vlanId, Lanix::IpAddr(target == 1 ? 2U : 1U), Lanix::EthAddr::broadcast(), key.ipAddress,
-          Lanix::IntfId::fromName("/")};
+  const auto somebody = [&key](std::uint8_t last) -> Lanix::IpGenAddr {
+    if (key.ipAddress.isIpv4()) return Lanix::IpAddr(last);
+    return Lanix::Ip6Addr({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, last});
+  };
+  const Lanix::IpGenAddr first = somebody(1);
+  return {key.vlanId, key.ipAddress == first ? somebody(2) : first, Lanix::EthAddr::broadcast(),
+          key.ipAddress, Lanix::IntfId::fromName("/")};
 }
 
 // The address that a key is about; nothing when it is of no interest, or not sound: whoever writes a shared
 // table may write anything.
 std::optional<AnswerKey> addressOf(Bridging::VlanId vlanId, const Lanix::IpGenAddr& address) {
-  if (!vlanId.sound() || !address.isIpv4() || !address.sound()) return std::nullopt;
-  return AnswerKey{vlanId, {}, address.ipv4()};
-}
-std::optional<AnswerKey> addressOf(const RemoteBindingKey& key) {
-  return addressOf(key.vlanId, key.ipAddress);
+  if (!vlanId.sound() || !address || !address.sound()) return std::nullopt;
+  return AnswerKey{vlanId, address};
 }
 std::optional<AnswerKey> addressOf(const Arp::Table::ArpKey& key) {
   const std::uint32_t vlan = key.intfId.vlanNumber();
   if (!Bridging::VlanId::valid(vlan)) return std::nullopt;
   return addressOf(Bridging::VlanId(vlan), key.addr);
 }
+// Of a binding, or of an answer: one that is not sound is found, and deleted.
 std::optional<AnswerKey> addressOf(const AnswerKey& key) { return key; }
 
 }  // namespace
@@ -127,7 +129,7 @@ void AnswerSm::handleStation(const VlanIdMacAddress& station) {
     }
   }
   if (const auto known = neighboursOf_.find(station); known != neighboursOf_.end()) {
-    for (const Lanix::IpAddr& address : known->second.keys()) update({station.vlanId, {}, address});
+    for (const Lanix::IpGenAddr& address : known->second.keys()) update({station.vlanId, address});
   }
 }
 
@@ -170,12 +172,14 @@ void AnswerSm::handleFabric() {
 // Of a VLAN that has no answers any more the data plane is told as well, and uses none of them from then on.
 void AnswerSm::handleConfig() {
   if (!config_) return;
-  Vlans without;
+  Vlans without, withoutNd;
   if (!config_->softForward()->answers().enabled) without.set();
   for (const auto& [vlanId, vlan] : config_->vlanCollection()) {
     if (!vlan->answers()) without.set(vlanId.value());
+    if (!vlan->nd()) withoutNd.set(vlanId.value());
   }
-  const Vlans changed = without ^ std::exchange(without_, without);
+  const Vlans changed =
+      (without ^ std::exchange(without_, without)) | (withoutNd ^ std::exchange(withoutNd_, withoutNd));
   for (std::uint16_t vlan = Bridging::VlanId::kMin; vlan <= Bridging::VlanId::kMax; ++vlan) {
     if (changed[vlan]) outdated(Bridging::VlanId(vlan));
   }
@@ -188,15 +192,22 @@ Answer AnswerSm::answerOf(const ArpSuppressionSm::Request& request,
   if (!arpSuppressionStatus_->vlanId(request.vlanId)) return {};
   const Outcome outcome = arpSuppressionSm_->decide(request, facts);
   if (outcome.kind != Outcome::Kind::answered) return {};
-  return {outcome.macAddress, facts.fdbEntry.intf, static_cast<std::uint8_t>(*outcome.answerCounter)};
+  const ArpSuppressionCounterId counter =
+      request.targetIpAddress.isIpv6() ? ArpSuppressionCounterId::ndAnswered : *outcome.answerCounter;
+  return {outcome.macAddress, facts.fdbEntry.intf, static_cast<std::uint8_t>(counter),
+          request.targetIpAddress.isIpv6() && facts.router};
+}
+
+bool AnswerSm::isWithout(const AnswerKey& key) const {
+  return without_[key.vlanId.value()] || (key.ipAddress.isIpv6() && withoutNd_[key.vlanId.value()]);
 }
 
 void AnswerSm::update(const AnswerKey& key) {
-  if (!key.vlanId.sound() || key.padding != decltype(key.padding){}) {  // left by another writer of the table
-    answerStatus_->answerDel(key);
+  if (!key.vlanId.sound() || !key.ipAddress || !key.ipAddress.sound() || key.padding != 0) {
+    answerStatus_->answerDel(key);  // left by another writer of the table
     return;
   }
-  if (without_[key.vlanId.value()]) {
+  if (isWithout(key)) {
     neighbourIs(key, {});
     answerStatus_->answerDel(key);
     return;

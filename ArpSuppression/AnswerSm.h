@@ -24,14 +24,15 @@
 namespace ArpSuppression {
 
 // Keeps the table of answers: for each address the answer that an ordinary host on any port but the owner's
-// would get, as ArpSuppressionSm decides it.
+// would get, as ArpSuppressionSm decides it; for an IPv6 address as it would decide, were solicitations trapped.
 //
 // A change that names its addresses (a binding, a neighbour, a station of the MAC table, an address of the
 // switch) costs these, in the turn that tells of it. For any other (a VLAN's layer 3 or activity, its FID, an
 // Ethernet segment, the fabric device, what the operator excludes) the VLAN leaves AnswerVlans at once, and a
 // walk goes over all addresses and lets it in again: entries that are still right are not written again.
 //
-// A VLAN whose requests the configuration leaves to the agent has no entries, and stays out.
+// A VLAN whose requests the configuration leaves to the agent has no entries, and stays out; one whose
+// solicitations it lets pass has none of IPv6.
 class AnswerSm final : public Orb::WalkSmBase {
  public:
   struct Inputs {
@@ -88,6 +89,7 @@ class AnswerSm final : public Orb::WalkSmBase {
   void outdated(Bridging::VlanId vlanId);
   void allOutdated();
   void update(const AnswerKey& key);
+  bool isWithout(const AnswerKey& key) const;
   void neighbourIs(const AnswerKey& key, const Lanix::EthAddr& macAddress);
   Answer answerOf(const ArpSuppressionSm::Request& request, const ArpSuppressionSm::Facts& facts) const;
   template <class Collection>
@@ -117,11 +119,12 @@ class AnswerSm final : public Orb::WalkSmBase {
   // Addresses whose answer hangs on the kernel's neighbour, where no binding leads from the neighbour's
   // station to them: by address and by station.
   Mox::HashMap<AnswerKey, Lanix::EthAddr> neighbours_;
-  std::map<VlanIdMacAddress, Mox::SmallSet<Lanix::IpAddr>> neighboursOf_;
+  std::map<VlanIdMacAddress, Mox::SmallSet<Lanix::IpGenAddr>> neighboursOf_;
 
-  Vlans without_;   // answers, by the configuration
-  Vlans outdated_;  // to be walked
-  Vlans walking_;   // of the walk that is going on
+  Vlans without_;    // answers, by the configuration
+  Vlans withoutNd_;  // answers of IPv6
+  Vlans outdated_;   // to be walked
+  Vlans walking_;    // of the walk that is going on
   WalkStage walkStage_ = WalkStage::walkAnswerStatus;
   Memtab::Cursor bookmark_;  // in the table of the stage
 };

@@ -109,9 +109,9 @@ bool ArpSuppressionSm::localArpRequest(const Lanix::EthAddr& senderMacAddress) c
          senderMacAddress == fhrpVrMacStatus_->vgwVirtualMac();
 }
 
-Lanix::EthAddr ArpSuppressionSm::lookupLocalDynamicBinding(const Ptr<const VlanL3Info>& vlanL3Info,
-                                                           Bridging::VlanId vlanId,
-                                                           const Lanix::IpGenAddr& ipAddress) const {
+Arp::Table::ArpEntry ArpSuppressionSm::lookupLocalDynamicBinding(const Ptr<const VlanL3Info>& vlanL3Info,
+                                                                 Bridging::VlanId vlanId,
+                                                                 const Lanix::IpGenAddr& ipAddress) const {
   if (!vlanL3Info) {
     TRACE8("No vlanL3Info, HER vlanId=" << vlanId);
     return {};
@@ -119,7 +119,7 @@ Lanix::EthAddr ArpSuppressionSm::lookupLocalDynamicBinding(const Ptr<const VlanL
   const Arp::Table::ArpEntry entry = arpStatus_.lookup(ArpStatusHelper::keyOf(*vlanL3Info, ipAddress));
   TRACE8("vlanL3Info=" << vlanL3Info << " ipAddress=" << ipAddress
                        << " arpStatusEntry=" << ArpStatusHelper::text(entry));
-  return entry.mac;
+  return entry;
 }
 
 ArpSuppressionSm::MacConnectionType ArpSuppressionSm::getMacConnectionType(
@@ -148,7 +148,10 @@ ArpSuppressionSm::Facts ArpSuppressionSm::gather(const Request& request) const {
     facts.noRoom = true;
   }
   const Ptr<const VlanL3Info> vlanL3Info = vlanL3InfoStatus_->usableVlanL3Info(request.vlanId);
-  facts.localBindingMac = lookupLocalDynamicBinding(vlanL3Info, request.vlanId, request.targetIpAddress);
+  const Arp::Table::ArpEntry neighbour =
+      lookupLocalDynamicBinding(vlanL3Info, request.vlanId, request.targetIpAddress);
+  facts.localBindingMac = neighbour.mac;
+  facts.router = facts.remoteBinding ? facts.remoteBinding.router : neighbour.router;
   facts.localArpReq = localArpRequest(request.senderMacAddress);
   facts.bindingMac = facts.localBindingMac.isZero() ? facts.remoteBinding.macAddress : facts.localBindingMac;
   facts.fid = fidOf(request.vlanId);

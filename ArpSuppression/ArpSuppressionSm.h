@@ -39,7 +39,8 @@ class ArpSuppressionSm final : public Mox::Entity {
     localMultihomedNonDf,  // on a segment whose designated forwarder for the VLAN is a remote endpoint
   };
 
-  // A request, without the frame it came in.
+  // A request, without the frame it came in. Of IPv6, of which none is trapped, it stands for a neighbour
+  // solicitation: the decision on it is the same, and what is no reply means that the solicitation passes.
   struct Request {
     Bridging::VlanId vlanId;
     Lanix::IpGenAddr senderIpAddress;
@@ -52,8 +53,9 @@ class ArpSuppressionSm final : public Mox::Entity {
   struct Facts {
     RemoteBinding remoteBinding;
     Lanix::EthAddr localBindingMac;  // of the kernel's neighbour; zero: none
-    bool localArpReq = false;        // the switch itself asks
-    Lanix::EthAddr bindingMac;       // the local one if there is one, else the remote one
+    bool router = false;        // the owner is one, by the remote binding, else by the kernel's neighbour
+    bool localArpReq = false;   // the switch itself asks
+    Lanix::EthAddr bindingMac;  // the local one if there is one, else the remote one
     Bridging::Fid fid = 0;
     Memtab::Bridging::MemtabFdbStatus fdbEntry;  // of the binding MAC
     MacConnectionType connectionType = MacConnectionType::unknown;
@@ -97,8 +99,9 @@ class ArpSuppressionSm final : public Mox::Entity {
   void handleInBatch();
   void lookAhead(int round, Bridging::VlanId vlanId, const Lanix::IpGenAddr& targetIpAddress) const;
 
-  Lanix::EthAddr lookupLocalDynamicBinding(const Ptr<const VlanL3Info>& vlanL3Info, Bridging::VlanId vlanId,
-                                           const Lanix::IpGenAddr& ipAddress) const;
+  Arp::Table::ArpEntry lookupLocalDynamicBinding(const Ptr<const VlanL3Info>& vlanL3Info,
+                                                 Bridging::VlanId vlanId,
+                                                 const Lanix::IpGenAddr& ipAddress) const;
   MacConnectionType getMacConnectionType(Bridging::VlanId vlanId, const Lanix::EthAddr& mac,
                                          const Memtab::Bridging::MemtabFdbStatus& entry) const;
   // Of a request that has the answer `mac`.

@@ -61,13 +61,22 @@ class Explanation {
     const auto id = static_cast<std::uint32_t>(*counter);
     result_.json("counter", Orb::JsonObject().add("id", id).add("name", kCounterNames[id]).text());
   }
-  // A condition without which the agent never sees the request.
+  // A condition without which the agent never sees the request, and nothing is answered for it.
   bool needs(const char* name, bool holds, const char* text, const Mox::String& otherwise,
              const std::optional<Id>& counter = std::nullopt) {
     fact(name, holds, holds ? text : otherwise);
-    if (!holds) concluded("notTrapped", "the agent does not see the request: " + otherwise, counter);
-    return holds;
+    if (holds) return true;
+    if (isSolicitation()) {
+      passes(otherwise, std::nullopt);
+    } else {
+      concluded("notTrapped", "the agent does not see the request: " + otherwise, counter);
+    }
+    return false;
   }
+  void passes(const Mox::String& why, const std::optional<Id>& counter) {
+    concluded("pass", "the solicitation passes untouched: " + why, counter);
+  }
+  bool isSolicitation() const { return ipAddress_.isIpv6(); }
 
   bool trapped() {
     if (!needs("running", rootSm_.root() != nullptr, "suppression runs",
@@ -80,10 +89,7 @@ class Explanation {
                Id::trapVlanNotEnabled)) {
       return false;
     }
-    if (!needs("ipv4", ipAddress_.isIpv4(), "it is an ARP request",
-               "only ARP is trapped; IPv6 neighbour solicitations pass untouched")) {
-      return false;
-    }
+    if (isSolicitation()) return forwarded(vlan) && hasPort();
     const Ptr<MessageTrapSm>& trap = rootSm_.messageTrapSm();
     return forwarded(vlan) &&
            needs("trapSocket", trap && trap->socketOpen(), "the trap device is open",
@@ -141,6 +147,7 @@ class Explanation {
     const Sm::Facts facts = sm.gather(request);
     tell(facts);
     const Outcome outcome = sm.decide(request, facts);
+    if (isSolicitation()) return decidedOnSolicitation(outcome, facts);
     if (outcome.answerCounter) {
       if (!facts.localArpReq) {
         fact("fabricUsable", sm.fabricUsable(),
@@ -150,6 +157,23 @@ class Explanation {
     }
     if (mounts_.answerStatus) tellOfDataPlane(outcome, facts);
     if (!cannotSend(outcome)) concluded(Mox::toStrep(outcome.action()), outcome.summary(), outcome.toldBy());
+  }
+
+  // Nobody but the data plane answers it.
+  void decidedOnSolicitation(const Outcome& outcome, const Sm::Facts& facts) {
+    const Mox::String obstacle =
+        mounts_.answerStatus ? dataPlaneObstacle(outcome, facts) : "no data plane answers it here";
+    fact("dataPlane", obstacle.empty(),
+         obstacle.empty() ? "the data plane answers hosts that solicit its group" : "it passes: " + obstacle);
+    if (!obstacle.empty()) {
+      const bool nobody = outcome.kind != Outcome::Kind::answered;
+      return passes(nobody ? outcome.summary() : obstacle,
+                    answersHold() ? std::optional(Id::ndPassed) : std::nullopt);
+    }
+    result_.add("mac", outcome.macAddress.toStrep()).add("router", facts.router);
+    concluded(Mox::toStrep(Action::reply),
+              facts.router ? "the switch advertises the owner, a router" : "the switch advertises the owner",
+              Id::ndAnswered);
   }
 
   // Whether what was decided ends for want of a socket to send by.
@@ -202,11 +226,28 @@ class Explanation {
       fact("ownerPort", port, "the MAC table has the owner on " + port);
     }
     fact("connectionType", Mox::toStrep(facts.connectionType), textOf(facts.connectionType));
+    if (isSolicitation() && !facts.bindingMac.isZero())
+      fact("router", facts.router, facts.router ? "the owner is a router" : "the owner is no router");
     fact("localArpReq", facts.localArpReq, facts.localArpReq ? "the switch itself asks" : "a host asks");
   }
 
   // Whether the request is answered before it reaches the agent, as soon as the agent has seen its sender.
   void tellOfDataPlane(const Outcome& outcome, const Sm::Facts& facts) {
+    const Mox::String obstacle = dataPlaneObstacle(outcome, facts);
+    fact("dataPlane", obstacle.empty(),
+         obstacle.empty() ? "the data plane answers whoever the agent has seen ask lately"
+                          : "it goes to the agent: " + obstacle);
+  }
+
+  // Whether the data plane answers on the VLAN, and counts what it does not answer.
+  bool answersHold() const {
+    const auto vlans = mounts_.entityManager->entityOf<AnswerVlans>(kAnswerVlansPath);
+    const auto dataPlane = mounts_.entityManager->entityOf<DataPlaneAnswers>(kDataPlaneAnswersPath);
+    return vlans && vlans->vlanIdHas(vlanId_) && dataPlane && dataPlane->holding();
+  }
+
+  // Why the data plane does not answer; "": it does.
+  Mox::String dataPlaneObstacle(const Outcome& outcome, const Sm::Facts& facts) const {
     const auto& tree = *mounts_.entityManager;
     const auto config = tree.entityOf<Switch::Config>(Switch::kConfigPath);
     const auto vlan = config ? config->vlan(vlanId_) : nullptr;
@@ -214,22 +255,20 @@ class Explanation {
     const auto dataPlane = tree.entityOf<DataPlaneAnswers>(kDataPlaneAnswersPath);
     const Mox::String port = sourcePort_.toStrep();
     const std::pair<bool, Mox::String> obstacles[] = {
-        {facts.localArpReq, "what the switch itself asks is the agent's to see"},
+        {facts.localArpReq,
+         isSolicitation() ? "the switch itself asks" : "what the switch itself asks is the agent's to see"},
         {outcome.kind != Outcome::Kind::answered, "nobody here answers it"},
         {config && !config->softForward()->answers().enabled,
          "\"softForward.answers.enabled\" of the configuration is false"},
         {vlan && !vlan->answers(), "\"answers\" of the VLAN is false in the configuration"},
+        {isSolicitation() && vlan && !vlan->nd(), "\"nd\" of the VLAN is false in the configuration"},
         {config && config->softForward()->portWithoutAnswersHas(port),
          "\"answers\" of " + port + " is false in the configuration"},
         {!vlans || !vlans->vlanIdHas(vlanId_), "the VLAN's answers are being brought up to date"},
-        {!mounts_.answerStatus->answer({vlanId_, {}, ipAddress_.ipv4()}),
-         "the table of answers does not hold it"},
+        {!mounts_.answerStatus->answer({vlanId_, ipAddress_}), "the table of answers does not hold it"},
         {!dataPlane || !dataPlane->holding(), "the forwarding programs answer nothing now"}};
     const auto* const obstacle = std::ranges::find_if(obstacles, [](const auto& one) { return one.first; });
-    const bool answers = obstacle == std::end(obstacles);
-    fact("dataPlane", answers,
-         answers ? "the data plane answers whoever the agent has seen ask lately"
-                 : "it goes to the agent: " + obstacle->second);
+    return obstacle == std::end(obstacles) ? Mox::String() : obstacle->second;
   }
 
   const ArpSuppressionRootSm& rootSm_;

@@ -209,8 +209,11 @@ class BindingsCommand final : public Plugin::AgentCommandCallback {
     }
     if (arguments[0] == "local") return;
     tables.remote(filter, [&](const RemoteBindingKey& key, const RemoteBinding& binding) {
-      list.add(begun("remote", tables.vrfOf(key.vlanId), key.ipAddress, key.vlanId, binding.macAddress)
-                   .add("localMultihomed", binding.localMultihomed));
+      Orb::JsonObject shown =
+          begun("remote", tables.vrfOf(key.vlanId), key.ipAddress, key.vlanId, binding.macAddress);
+      shown.add("localMultihomed", binding.localMultihomed);
+      if (key.ipAddress.isIpv6()) shown.add("router", binding.router);
+      list.add(shown);
     });
   }
 
@@ -257,6 +260,7 @@ class FindCommand final : public Plugin::AgentCommandCallback {
       Orb::JsonObject shown =
           begun("remote", key.vlanId.value(), key.ipAddress.toStrep(), binding.macAddress);
       shown.add("vrf", tables.vrfOf(key.vlanId));
+      if (key.ipAddress.isIpv6()) shown.add("router", binding.router);
       if (const auto origin = tables.originOf(key)) {
         list.add(shown.add("source", origin->writer).add("ageSeconds", origin->ageSeconds));
       } else {

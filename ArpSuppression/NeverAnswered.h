@@ -9,7 +9,7 @@
 namespace ArpSuppression {
 
 // Whether hosts are never answered for an address. Each look-up costs one search of the networks for each
-// prefix length that is in use, and nothing is kept for it but how many networks have each length.
+// prefix length of its family that is in use, and nothing is kept for it but how many networks have each length.
 class NeverAnswered {
  public:
   // Null: there is no such address.
@@ -19,7 +19,8 @@ class NeverAnswered {
 
  private:
   Mox::Notifiee<const NeverAnswer> neverAnswer_;
-  std::array<std::uint32_t, Ip4Network::kMaxLength + 1> networks_{};  // by prefix length
+  using ByLength = std::array<std::uint32_t, IpNetwork::kMaxLength + 1>;
+  std::array<ByLength, 2> networks_{};  // of IPv4, of IPv6
 };
 
 }  // namespace ArpSuppression

@@ -15,7 +15,14 @@ using ArpSuppression::isOneHost;
 using Lanix::EthAddr;
 using Lanix::IpGenAddr;
 
-constexpr std::string_view kLocalMultihomed = "localMultihomed";
+constexpr std::pair<std::string_view, bool BindingFlags::*> kFlags[] = {
+    {"localMultihomed", &BindingFlags::localMultihomed}, {"router", &BindingFlags::router}};
+
+bool BindingFlags::*flagOf(std::string_view name) {
+  for (const auto& [known, flag] : kFlags)
+    if (known == name) return flag;
+  return nullptr;
+}
 
 std::string_view nextPart(std::string_view& line) {
   const std::size_t end = line.find(' ');
@@ -65,7 +72,7 @@ std::optional<EthAddr> parseMac(std::string_view text) {
 }
 
 Mox::Result<Binding> parseBinding(std::string_view vlan, std::string_view ip, std::string_view mac,
-                                  bool localMultihomed) {
+                                  BindingFlags flags) {
   const auto key = parseBindingKey(vlan, ip);
   if (!key) return key.failure();
   if (isLoopback(key->ipAddress))
@@ -75,7 +82,8 @@ Mox::Result<Binding> parseBinding(std::string_view vlan, std::string_view ip, st
     return Mox::Failure{"MAC " + quoted(mac) +
                         " is not the MAC address of one station, like 02:00:00:00:00:01"};
   }
-  return Binding{*key, {*address, localMultihomed}};
+  return Binding{*key,
+                 {.macAddress = *address, .localMultihomed = flags.localMultihomed, .router = flags.router}};
 }
 
 Mox::Result<Binding> parseBinding(const nlohmann::json& object) {
@@ -83,37 +91,39 @@ Mox::Result<Binding> parseBinding(const nlohmann::json& object) {
   std::string vlan;
   std::string ip;
   std::string mac;
-  bool localMultihomed = false;
+  BindingFlags flags;
   for (auto item = object.begin(); item != object.end(); ++item) {
     const nlohmann::json& value = item.value();
     bool good = false;
     if (item.key() == "vlan") {
       good = value.is_number_integer() || value.is_string();
       if (good) vlan = value.is_string() ? value.get<std::string>() : value.dump();
-    } else if (item.key() == "localMultihomed") {
+    } else if (const auto flag = flagOf(item.key())) {
       good = value.is_boolean();
-      if (good) localMultihomed = value.get<bool>();
+      if (good) flags.*flag = value.get<bool>();
     } else if (item.key() == "ip" || item.key() == "mac") {
       good = value.is_string();
       if (good) (item.key() == "ip" ? ip : mac) = value.get<std::string>();
     } else {
       return Mox::Failure{"unknown key " + Statedb::describe(item.key()) +
-                          "; allowed: vlan, ip, mac, localMultihomed"};
+                          "; allowed: vlan, ip, mac, localMultihomed, router"};
     }
     if (good) continue;
     return Mox::Failure{item.key() + " " + Statedb::describe(value) + " is not " +
-                        (item.key() == "vlan"              ? Bridging::VlanId::allowed()
-                         : item.key() == "localMultihomed" ? "true or false"
-                                                           : "a string")};
+                        (item.key() == "vlan" ? Bridging::VlanId::allowed()
+                         : flagOf(item.key()) ? "true or false"
+                                              : "a string")};
   }
-  return parseBinding(vlan, ip, mac, localMultihomed);
+  return parseBinding(vlan, ip, mac, flags);
 }
 
 std::string bindingLine(const Binding& binding) {
   std::string line = Mox::toStrep(binding.key);
   line += ' ';
   line += binding.value.macAddress.toStrep();
-  if (binding.value.localMultihomed) (line += ' ') += kLocalMultihomed;
+  const BindingFlags flags{binding.value.localMultihomed, binding.value.router};
+  for (const auto& [name, flag] : kFlags)
+    if (flags.*flag) (line += ' ') += name;
   return line;
 }
 
@@ -121,9 +131,14 @@ Mox::Result<Binding> parseBindingLine(std::string_view line) {
   const std::string_view vlan = nextPart(line);
   const std::string_view ip = nextPart(line);
   const std::string_view mac = nextPart(line);
-  if (!line.empty() && line != kLocalMultihomed)
-    return Mox::Failure{quoted(line) + " is not \"localMultihomed\" or nothing"};
-  return parseBinding(vlan, ip, mac, !line.empty());
+  BindingFlags flags;
+  while (!line.empty()) {
+    const std::string_view name = nextPart(line);
+    const auto flag = flagOf(name);
+    if (!flag) return Mox::Failure{quoted(name) + " is not \"localMultihomed\", \"router\" or nothing"};
+    flags.*flag = true;
+  }
+  return parseBinding(vlan, ip, mac, flags);
 }
 
 Mox::Result<ArpSuppression::RemoteBindingKey> parseBindingKeyLine(std::string_view line) {

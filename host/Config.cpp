@@ -225,7 +225,8 @@ void FileReader::readVlan(const std::string& key, const std::string& name, const
                   {"tunnelPorts", reader_.strings(vlan.tunnelPorts, isDeviceName, kDevice)},
                   {"vrf", reader_.string(vlan.vrf, isPrintable, "the name of a VRF")},
                   {"suppression", reader_.boolean(vlan.suppression)},
-                  {"answers", reader_.boolean(vlan.answers)}});
+                  {"answers", reader_.boolean(vlan.answers)},
+                  {"nd", reader_.boolean(vlan.nd)}});
 }
 
 void FileReader::checkVlanVrfs() {
@@ -317,6 +318,7 @@ void FileReader::checkAgents() {
     const std::string key = "vlans." + std::to_string(vlanId);
     if (!vlan.suppression) reader_.fail(key + ".suppression", "false " + without);
     if (!vlan.answers) reader_.fail(key + ".answers", "false " + without);
+    if (!vlan.nd) reader_.fail(key + ".nd", "false " + without);
   }
 }
 
@@ -332,10 +334,10 @@ ConfigReader::Read FileReader::bindings() {
 }
 
 ConfigReader::Read FileReader::neverAnswer() {
-  using ArpSuppression::Ip4Network;
-  return reader_.list("a list of IPv4 networks", [this](const auto& key, const auto&, const json& value) {
-    const auto network = Statedb::scalarToValue<Ip4Network>(value);
-    if (!network) return reader_.isNot(key, value, Ip4Network::allowed());
+  using ArpSuppression::IpNetwork;
+  return reader_.list("a list of networks", [this](const auto& key, const auto&, const json& value) {
+    const auto network = Statedb::scalarToValue<IpNetwork>(value);
+    if (!network) return reader_.isNot(key, value, IpNetwork::allowed());
     if (!config_.neverAnswer.insert(*network).second) reader_.fail(key, describe(value) + " is there twice");
   });
 }

@@ -28,6 +28,7 @@ struct VlanSettings {
   std::string vrf;  // "": whichever its interface is in
   bool suppression = true;
   bool answers = true;
+  bool nd = true;
 };
 
 struct SoftForwardSettings {
@@ -54,7 +55,8 @@ struct EvpnSettings {
 //                           devices; default none), vrf (the VRF that its interface must be in, "default" or
 //                           one of vrfs; default whichever it is in); with SoftForward only: suppression
 //                           (default true; false: the VLAN is left alone), answers (default true; false: none
-//                           of its requests is answered in the data plane)
+//                           of its requests is answered in the data plane), nd (default true; false: none of
+//                           its neighbour solicitations is answered)
 //   softForward             with SoftForward only: policer of each port (perSecond and burst, 1 to 1000000,
 //                           default 600), ports (by kernel device: policer, by default the one of all ports;
 //                           answers, default true, as a VLAN's), failOpenSeconds (1 to 60, default 3: how
@@ -65,8 +67,8 @@ struct EvpnSettings {
 //                           daemon writes into the kernel; default "none"), protocols (list of 1 to 255, default
 //                           11 and 186: whose neighbours these are)
 //   state                   by path: what merges into that state before any plug-in starts
-//   bindings                list of remote bindings: vlan, ip, mac, and localMultihomed (default false)
-//   neverAnswer             list of IPv4 networks; requests of hosts for their addresses are flooded
+//   bindings                list of remote bindings: vlan, ip, mac, localMultihomed and router (default false)
+//   neverAnswer             list of networks; requests of hosts for their addresses are flooded
 //   limits                  of what is kept at most, 1 to 16777216 each (Suppression/Limits.h):
 //                           localBindingsPerPort (default 4096), localBindings (131072), requestRecords
 //                           and remoteBindings (1048576 each), macTablePerPort (16384)
@@ -86,7 +88,7 @@ struct Config {
   EvpnSettings evpn;
   nlohmann::json state = nlohmann::json::object();  // every path is known, settable, and its content is good
   Switch::RemoteBindings bindings;
-  std::set<ArpSuppression::Ip4Network> neverAnswer;
+  std::set<ArpSuppression::IpNetwork> neverAnswer;
   std::map<std::string, std::uint32_t> limits;  // those that are given, by name
   std::string featureDirectory;
   std::map<std::string, int> trace;

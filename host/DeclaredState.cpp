@@ -67,7 +67,7 @@ json declared(const Config& config, const Switch::RemoteBindings& bindings) {
     if (config.has(kKernelEvpn)) break;  // it writes them itself
     all[kRemoteBindingPath]["remoteBinding"][Mox::toStrep(key)] = Statedb::valueToJson(binding);
   }
-  for (const ArpSuppression::Ip4Network& network : config.neverAnswer)
+  for (const ArpSuppression::IpNetwork& network : config.neverAnswer)
     all[ArpSuppression::kNeverAnswerPath]["prefix"][network.toStrep()] = true;
   for (const auto& [name, limit] : config.limits) all[ArpSuppression::kLimitsPath][name] = limit;
   return all;

@@ -152,8 +152,13 @@ void addAnswers(const json& answers, std::string& text) {
   Family(text, "answers", "gauge", "Answers in the data plane, and those that it had no room for.")
       .add("state", "held", numberAt(answers, "held"))
       .add("state", "refused", numberAt(answers, "refused"));
-  Family(text, "answers_given_total", "counter", "Requests that the data plane answered.")
+  Family(text, "answers_given_total", "counter", "Requests that the data plane answered, solicitations too.")
       .add(numberAt(answers, "hits"));
+  if (const json nd = answers.value("nd", json()); nd.is_object())
+    Family(text, "solicitations_total", "counter",
+           "Neighbour solicitations to a group, by what became of them.")
+        .add("outcome", "answered", numberAt(nd, "hits"))
+        .add("outcome", "passed", numberAt(nd, "passed"));
   const json shown = answers.value("shown", json());
   if (!shown.is_object()) return;
   Family reasons(text, "requests_shown_total", "counter", "Requests that went to the agent, by reason.");

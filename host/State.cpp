@@ -121,6 +121,7 @@ void State::switchConfigIs(const Config& config) {
     entity->vrfIs(vlan.vrf);
     entity->suppressionIs(vlan.suppression);
     entity->answersIs(vlan.answers);
+    entity->ndIs(vlan.nd);
   }
   const Mox::Ptr<Switch::SoftForwardConfig> softForward = to->softForward();
   const auto& policers = config.softForward.portPolicers;

@@ -50,7 +50,7 @@ int printBindingTable(const CommonOptions& options, const std::string& kind, con
                       const std::string& where) {
   const bool local = kind == "local";
   Table table(local ? std::vector<std::string>{"VLAN", "IP", "MAC", "VRF", "INTERFACE", "KERNEL NEIGHBOUR"}
-                    : std::vector<std::string>{"VLAN", "IP", "MAC", "VRF", "MULTIHOMED"});
+                    : std::vector<std::string>{"VLAN", "IP", "MAC", "VRF", "MULTIHOMED", "ROUTER"});
   const auto client = Client::connect(options.runDirectory);
   if (!client) return fail(client.failure());
   if (const auto sent = (*client)->send(Statedb::jsonText(request)); !sent) return fail(sent.failure());
@@ -62,6 +62,7 @@ int printBindingTable(const CommonOptions& options, const std::string& kind, con
       row.push_back(binding.value("dynamic", false) ? "dynamic" : "permanent, or not yet");
     } else {
       row.push_back(binding.value("localMultihomed", false) ? "here too" : "");
+      row.push_back(binding.value("router", false) ? "router" : "");
     }
     return table.row(std::move(row));
   });
@@ -158,13 +159,10 @@ int findHost(const CommonOptions& options, const std::string& address) {
 int explain(const CommonOptions& options, const std::string& vlan, const std::string& ip,
             const std::string& from) {
   const auto key = parseBindingKey(vlan, ip);
-  // ARP asks for no other addresses.
-  if (Bridging::VlanId::fromStrep(vlan) && !(key && key->ipAddress.isIpv4()))
-    return fail(kUsage, "IP " + Statedb::describe(ip) + " is not the IPv4 address of one host");
   if (!key) return fail(kUsage, key.error());
   json arguments = {vlan, ip};
   if (!from.empty()) {
-    const auto station = parseBinding(vlan, ip, from, false);
+    const auto station = parseBinding(vlan, ip, from);
     if (!station) return fail(kUsage, "--from: " + station.error());
     arguments.push_back(station->value.macAddress.toStrep());
   }
@@ -190,7 +188,8 @@ int explain(const CommonOptions& options, const std::string& vlan, const std::st
   }
   const auto counter = shown.find("counter");
   if (counter != shown.end() && counter->is_object()) {
-    lines += "Such a request counts as " + counter->value("name", std::string("?")) + ".\n";
+    lines += std::string(key->ipAddress.isIpv6() ? "Such a solicitation" : "Such a request") + " counts as " +
+             counter->value("name", std::string("?")) + ".\n";
   }
   return printed(lines);
 }

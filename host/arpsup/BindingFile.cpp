@@ -32,7 +32,7 @@ bool isHeading(std::string_view line) {
 }
 
 Mox::Result<Binding> parseCsv(std::string_view line) {
-  std::array<std::string_view, 4> fields{};
+  std::array<std::string_view, 5> fields{};
   std::size_t count = 0;
   for (bool more = true; more; ++count) {
     const std::size_t comma = line.find(',');
@@ -42,14 +42,19 @@ Mox::Result<Binding> parseCsv(std::string_view line) {
   }
   if (count < 3 || count > fields.size()) {
     return Mox::Failure{std::to_string(count) + (count == 1 ? " field is" : " fields are") +
-                        " not vlan,ip,mac or vlan,ip,mac,localMultihomed"};
+                        " not vlan,ip,mac[,localMultihomed[,router]]"};
   }
-  const bool localMultihomed = fields[3] == "true" || fields[3] == "1";
-  if (!localMultihomed && !fields[3].empty() && fields[3] != "false" && fields[3] != "0") {
-    return Mox::Failure{"localMultihomed " + Statedb::describe(std::string(fields[3])) +
-                        " is not true, false, 1, 0 or nothing"};
+  constexpr const char* kFlags[] = {"localMultihomed", "router"};
+  bool flags[2]{};
+  for (std::size_t i = 0; i < std::size(flags); ++i) {
+    const std::string_view flag = fields[3 + i];
+    flags[i] = flag == "true" || flag == "1";
+    if (!flags[i] && !flag.empty() && flag != "false" && flag != "0") {
+      return Mox::Failure{std::string(kFlags[i]) + " " + Statedb::describe(std::string(flag)) +
+                          " is not true, false, 1, 0 or nothing"};
+    }
   }
-  return parseBinding(fields[0], fields[1], fields[2], localMultihomed);
+  return parseBinding(fields[0], fields[1], fields[2], {flags[0], flags[1]});
 }
 
 Mox::Result<Binding> parseJsonLine(std::string_view line) {

@@ -11,10 +11,10 @@ namespace Host {
 
 // A file of remote bindings, read as a whole. Its first character that is not a blank says what it is:
 //
-//   {      JSON lines: {"vlan": 10, "ip": "10.0.0.1", "mac": "02:00:00:00:00:01", "localMultihomed": false};
-//          the last key may be left out
-//   other  CSV: vlan,ip,mac or vlan,ip,mac,localMultihomed (true, false, 1, 0 or nothing); a first line that
-//          begins with "vlan" is a heading; lines that begin with '#' are comments
+//   {      JSON lines: {"vlan": 10, "ip": "10.0.0.1", "mac": "02:00:00:00:00:01", "localMultihomed": false,
+//          "router": false}; the last two keys may be left out
+//   other  CSV: vlan,ip,mac[,localMultihomed[,router]] (true, false, 1, 0 or nothing); a first line that begins with
+//          "vlan" is a heading; lines that begin with '#' are comments
 //
 // Empty lines mean nothing in either.
 struct BindingFile {

@@ -216,12 +216,13 @@ void CommandLine::addChanging() {
        "  agent-host --check FILE    says it before"},
       [this] { return reload(options_); });
 
-  CLI::App* remote = command(app_, kChange,
-                             {"remote", "the hosts behind other switches that ARP is answered for",
-                              "  arpsup remote add 10 10.0.0.2 02:00:00:00:00:02\n"
-                              "  arpsup remote load hosts.csv\n"
-                              "  arpsup bindings remote                           what there is"},
-                             {});
+  CLI::App* remote = command(
+      app_, kChange,
+      {"remote", "the hosts behind other switches that ARP and neighbour solicitations are answered for",
+       "  arpsup remote add 10 10.0.0.2 02:00:00:00:00:02\n"
+       "  arpsup remote load hosts.csv\n"
+       "  arpsup bindings remote                           what there is"},
+      {});
   remote->require_subcommand(1);
   const auto addressOptions = [this](CLI::App* to) {
     argument(to, "VLAN", vlan_, "1 to 4094");
@@ -230,12 +231,14 @@ void CommandLine::addChanging() {
   CLI::App* add = command(*remote, nullptr,
                           {"add", "add a remote binding, or change it",
                            "  arpsup remote add 10 10.0.0.2 02:00:00:00:00:02\n"
-                           "  arpsup remote add 10 10.0.0.3 02:00:00:00:00:03 --local-multihomed"},
-                          [this] { return addRemote(options_, vlan_, ip_, mac_, localMultihomed_); });
+                           "  arpsup remote add 10 10.0.0.3 02:00:00:00:00:03 --local-multihomed\n"
+                           "  arpsup remote add 10 2001:db8::1 02:00:00:00:00:04 --router"},
+                          [this] { return addRemote(options_, vlan_, ip_, mac_, bindingFlags_); });
   addressOptions(add);
   argument(add, "MAC", mac_, "like 02:00:00:00:00:02");
-  add->add_flag("--local-multihomed", localMultihomed_,
+  add->add_flag("--local-multihomed", bindingFlags_.localMultihomed,
                 "the host is on an Ethernet segment of this switch as well");
+  add->add_flag("--router", bindingFlags_.router, "the host of this IPv6 address is a router");
   addressOptions(command(*remote, nullptr,
                          {"del", "delete a remote binding", "  arpsup remote del 10 10.0.0.2"},
                          [this] { return deleteRemote(options_, vlan_, ip_); }));
@@ -253,23 +256,27 @@ void CommandLine::addChanging() {
                             "  echo 10,10.0.0.2,02:00:00:00:00:02 | arpsup remote load -"},
                            [this] { return loadRemote(options_, file_, skipBad_); });
   argument(load, "FILE", file_,
-           "CSV vlan,ip,mac[,localMultihomed], or a JSON object a line "
+           "CSV vlan,ip,mac[,localMultihomed[,router]], or a JSON object a line "
            "{\"vlan\": 10, \"ip\": \"10.0.0.2\", \"mac\": \"02:00:00:00:00:02\"}; - is standard input");
   load->add_flag("--skip-bad", skipBad_, "load the other lines when some are bad");
 }
 
 void CommandLine::addAsking() {
-  CLI::App* explain =
-      command(app_, kAsk,
-              {"explain", "what would happen now to an ARP request, and why; nothing is sent or counted",
-               "  arpsup explain 10 10.0.10.99\n"
-               "    whether a host on VLAN 10 that asks for 10.0.10.99 gets a reply and with which MAC\n"
-               "    address, or the request is flooded or left alone, and the facts that decide, in order\n"
-               "  arpsup explain 10 10.0.10.99 --from 02:00:00:00:00:11\n"
-               "    the same when this station asks: the switch itself, for one, is never answered"},
-              [this] { return Host::explain(options_, vlan_, ip_, mac_); });
+  CLI::App* explain = command(
+      app_, kAsk,
+      {"explain",
+       "what would happen now to an ARP request or a neighbour solicitation, and why; nothing is sent "
+       "or counted",
+       "  arpsup explain 10 10.0.10.99\n"
+       "    whether a host on VLAN 10 that asks for 10.0.10.99 gets a reply and with which MAC\n"
+       "    address, or the request is flooded or left alone, and the facts that decide, in order\n"
+       "  arpsup explain 10 2001:db8:10::99\n"
+       "    whether a host that solicits this neighbour is answered, or the solicitation passes\n"
+       "  arpsup explain 10 10.0.10.99 --from 02:00:00:00:00:11\n"
+       "    the same when this station asks: the switch itself, for one, is never answered"},
+      [this] { return Host::explain(options_, vlan_, ip_, mac_); });
   argument(explain, "VLAN", vlan_, "1 to 4094");
-  argument(explain, "IP", ip_, "the IPv4 address that is asked for");
+  argument(explain, "IP", ip_, "the IPv4 or IPv6 address that is asked for");
   explain->add_option("--from", mac_, "the station that asks; otherwise any")->type_name("MAC");
 
   CLI::App* trace = command(

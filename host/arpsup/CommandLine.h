@@ -52,7 +52,7 @@ class CommandLine {
   bool describe_ = false;
   std::string ip_;
   std::string mac_;
-  bool localMultihomed_ = false;
+  BindingFlags bindingFlags_;
   bool skipBad_ = false;
   TraceOptions trace_;
   EventOptions events_;

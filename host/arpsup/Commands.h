@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "host/Bindings.h"
+
 // What `arpsup` does, a function a command; each returns the exit status and has written its output and
 // errors.
 
@@ -59,7 +61,7 @@ int applyFile(const CommonOptions& options, const std::string& file);
 int reload(const CommonOptions& options);
 
 int addRemote(const CommonOptions& options, const std::string& vlan, const std::string& ip,
-              const std::string& mac, bool localMultihomed);
+              const std::string& mac, BindingFlags flags);
 int deleteRemote(const CommonOptions& options, const std::string& vlan, const std::string& ip);
 int clearRemote(const CommonOptions& options);
 int loadRemote(const CommonOptions& options, const std::string& file, bool skipBad);

@@ -44,11 +44,13 @@ int showForwarding(const CommonOptions& options) {
     return kRefused;
   const ordered_json answers = shown.value("answers", ordered_json::object());
   const ordered_json asked = answers.value("shown", ordered_json::object());
+  const ordered_json nd = answers.value("nd", ordered_json::object());
   if (!print("answers:       " + forPeople(answers, "held") + " held, " + forPeople(answers, "refused") +
              " refused for want of room, " + forPeople(answers, "hits") + " requests answered\n" +
-             "to the agent:  " + forPeople(asked, "noAnswer") + " without an answer, " +
-             forPeople(asked, "sender") + " of senders not seen lately, " + forPeople(asked, "other") +
-             " for other reasons\n"))
+             "of IPv6:       " + forPeople(nd, "hits") + " solicitations answered, " +
+             forPeople(nd, "passed") + " passed\n" + "to the agent:  " + forPeople(asked, "noAnswer") +
+             " without an answer, " + forPeople(asked, "sender") + " of senders not seen lately, " +
+             forPeople(asked, "other") + " for other reasons\n"))
     return kRefused;
   const ordered_json ports = shown.value("ports", ordered_json::array());
   const ordered_json pairs = shown.value("pairs", ordered_json::array());

@@ -86,8 +86,8 @@ int sendBindings(const CommonOptions& options, const std::vector<Binding>& bindi
 }  // namespace
 
 int addRemote(const CommonOptions& options, const std::string& vlan, const std::string& ip,
-              const std::string& mac, bool localMultihomed) {
-  const auto binding = parseBinding(vlan, ip, mac, localMultihomed);
+              const std::string& mac, BindingFlags flags) {
+  const auto binding = parseBinding(vlan, ip, mac, flags);
   if (!binding) return fail(kUsage, binding.error());
   int status = kDone;
   change(options, {{"cmd", "remote"}, {"op", "add"}, {"bindings", bindingLine(*binding)}}, status);

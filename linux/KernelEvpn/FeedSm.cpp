@@ -171,6 +171,7 @@ void FeedSm::handleNeighbour(const Netlink::Neighbour& neighbour, bool gone, Wor
   if (record->mac.isZero()) onDevice_.add(key.ifIndex);  // a new one
   record->mac = neighbour.mac;
   record->protocol = neighbour.protocol;
+  record->router = key.address.isIpv6() && (neighbour.flags & NTF_ROUTER) != 0;
   publish(key, *record);
 }
 
@@ -292,7 +293,7 @@ RemoteBinding FeedSm::wanted(std::uint16_t vlanId, const Lanix::IpGenAddr& addre
   const IfIndex device = devices_.deviceOf(vlanId);
   const Record* const record = reading_ && device != 0 ? neighbours_.find({device, address}) : nullptr;
   if (record && std::ranges::count(protocols_, record->protocol) != 0)
-    return {record->mac, false, BindingSource::feed};
+    return {record->mac, false, BindingSource::feed, record->router};
   if (!bindings_) return {};
   const auto at = bindings_->all.find(keyOf(vlanId, address));
   return at == bindings_->all.end() ? RemoteBinding() : at->second;

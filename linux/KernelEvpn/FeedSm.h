@@ -68,6 +68,7 @@ class FeedSm final : public Orb::WalkSmBase, private Netlink::RouteFeedClient {
   struct Record {
     Lanix::EthAddr mac;         // zero: a new record
     std::uint8_t protocol = 0;  // who wrote the neighbour
+    bool router = false;        // of IPv6
     std::uint16_t vlan = 0;     // decided for this one; 0: for none
     bool held = false;          // and taken
   };

@@ -9,7 +9,8 @@ std::optional<Arp::Table::ArpEntry> entryOf(const Netlink::Neighbour& neighbour)
     return std::nullopt;
   const bool isStatic = neighbour.isStatic();
   if (neighbour.mac.isZero() || !(isStatic || neighbour.isResolved())) return std::nullopt;
-  Arp::Table::ArpEntry entry{neighbour.mac, isStatic, 0};
+  const bool router = neighbour.address.isIpv6() && (neighbour.flags & NTF_ROUTER) != 0;
+  Arp::Table::ArpEntry entry{neighbour.mac, isStatic, 0, router};
   if (isStatic) {
     const bool own = neighbour.protocol == Arp::Table::kArpTypeOwn;
     entry.arpType = own ? Arp::Table::kArpTypeOwn : Arp::Table::kArpTypeForeign;

@@ -20,6 +20,11 @@ void onceEach(std::vector<ArpSuppression::AnswerKey>& keys) {
   keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
 }
 
+// Whoever writes a shared table may write anything.
+bool isSound(const ArpSuppression::AnswerKey& key) {
+  return key.vlanId.sound() && key.ipAddress && key.ipAddress.sound() && key.padding == 0;
+}
+
 PlacedAnswer::Kind kindOf(std::uint8_t counter) {
   using Id = ArpSuppression::ArpSuppressionCounterId;
   using Kind = PlacedAnswer::Kind;
@@ -28,6 +33,8 @@ PlacedAnswer::Kind kindOf(std::uint8_t counter) {
       return Kind::multihomedDf;
     case Id::replyMultihomedNonDf:
       return Kind::multihomedNonDf;
+    case Id::ndAnswered:
+      return Kind::nd;
     default:
       return Kind::remote;
   }
@@ -55,7 +62,7 @@ AnswerMirror::AnswerMirror(const Mox::Ptr<Orb::TaskScheduler>& scheduler, Progra
             }),
       endOfTurn_(scheduler->loop().endOfTurn([this] { endOfTurn(); })) {
   answerStatus_.on(ArpSuppression::AnswerStatus::answerChanged, [this](const Key& key) {
-    if (key.vlanId.sound()) pending_.push_back(key);
+    if (isSound(key)) pending_.push_back(key);
   });
   answerVlans_.on(ArpSuppression::AnswerVlans::vlanIdChanged, [this](Bridging::VlanId vlanId) {
     wanted_[vlanId.value()] = answerVlans_->vlanIdHas(vlanId);
@@ -128,7 +135,7 @@ void AnswerMirror::read() {
     keys.reserve(kTogether);
     answers.reserve(kTogether);
     read_ = !answerStatus_->answerVisit(bookmark_, kTogether, [&](const Key& key, const auto& answer) {
-      if (!key.vlanId.sound()) return;
+      if (!isSound(key)) return;
       keys.push_back(key);
       answers.push_back(placed(key, answer));
     });
@@ -187,7 +194,7 @@ bool AnswerMirror::isFull() const { return answerStatus_->answers() > room_ + re
 
 // What the programs are to have of it.
 PlacedAnswer AnswerMirror::placed(const Key& key, const ArpSuppression::Answer& answer) {
-  PlacedAnswer placed{key.vlanId.value(), key.ipAddress, {}, kindOf(answer.counter), 0};
+  PlacedAnswer placed{key.vlanId.value(), key.ipAddress, {}, kindOf(answer.counter), 0, answer.router};
   const bool wanted = answer && room_ != 0;
   if (!wanted && refused_.erase(key) == 0) overfull_ = false;
   if (wanted && isFull()) refused_.insert(key);

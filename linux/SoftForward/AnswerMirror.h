@@ -27,7 +27,7 @@ namespace SoftForward {
 // carried over.
 //
 // What there is no room for is left out, and taken up when there is room: whoever asks for it is answered by
-// the agent. So is an answer whose owner's port is not there (any more): which port is not to be answered is
+// the agent, or, of IPv6, by the owner. There is one room for both families. So is an answer whose owner's port is not there (any more): which port is not to be answered is
 // not known.
 class AnswerMirror {
  public:

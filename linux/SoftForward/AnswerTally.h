@@ -6,7 +6,7 @@
 
 namespace SoftForward {
 
-// Publishes how many requests the programs have answered: every second while they answer, and once more when
+// Publishes how many requests the programs have answered, and solicitations passed: every second while they answer, and once more when
 // they do not any longer.
 class AnswerTally {
  public:

@@ -87,6 +87,53 @@ int erase(const bpf_map* map, std::uint32_t key) {
   return result == -ENOENT ? 0 : result;
 }
 
+SoftForwardAnswer valueOf(const PlacedAnswer& answer) {
+  const int counter = SOFT_FORWARD_ANSWERED_REMOTE + static_cast<int>(answer.kind);
+  SoftForwardAnswer value{{}, static_cast<__u8>(counter), answer.router, answer.owner};
+  std::ranges::copy(answer.macAddress.bytes(), value.address);
+  return value;
+}
+
+// Places those of the family whose addresses the map's keys have. Those that go come first, since they make
+// room.
+template <class Key>
+Mox::Result<> place(const bpf_map* of, Lanix::AddressFamily family, std::span<const PlacedAnswer> answers,
+                    AnswersRefused& refused) {
+  const int map = bpf_map__fd(of);
+  std::vector<Key> keys;
+  std::vector<SoftForwardAnswer> values;
+  std::vector<std::size_t> positions;
+  const auto erase = [&](const Key& key) {
+    const int result = bpf_map_delete_elem(map, &key);
+    return failed(bpf_map__name(of), vlanKey(key.vlan), result == -ENOENT ? 0 : result);
+  };
+  for (std::size_t i = 0; i < answers.size(); ++i) {
+    const PlacedAnswer& answer = answers[i];
+    if (answer.ipAddress.af() != family) continue;
+    Key key{{}, answer.vlan, 0};
+    std::copy_n(answer.ipAddress.bytes().begin(), sizeof key.address, key.address);
+    if (answer.macAddress.isZero()) {
+      if (const auto gone = erase(key); !gone) return gone;
+      continue;
+    }
+    keys.push_back(key);
+    values.push_back(valueOf(answer));
+    positions.push_back(i);
+  }
+  for (std::size_t done = 0; done < keys.size(); ++done) {
+    const auto left = static_cast<__u32>(keys.size() - done);
+    __u32 count = left;
+    const int result = bpf_map_update_batch(map, &keys[done], &values[done], &count, nullptr);
+    if (result == 0) break;
+    // The kernel says how many it took, unless it did not come to take any.
+    if (count < left) done += count;
+    if (const auto gone = erase(keys[done]); !gone) return gone;
+    refused.at.push_back(positions[done]);
+    if (result != -E2BIG) refused.why = failed(bpf_map__name(of), vlanKey(keys[done].vlan), result);
+  }
+  return {};
+}
+
 }  // namespace
 
 struct Programs::Skeleton {
@@ -238,43 +285,11 @@ void Programs::answersHoldIs(std::uint16_t vlan, bool hold) {
   __atomic_store_n(const_cast<__u8*>(&value), hold, __ATOMIC_RELAXED);
 }
 
-// Those that go come first, since they make room.
 Mox::Result<> Programs::answersAre(std::span<const PlacedAnswer> answers, AnswersRefused& refused) {
-  const int map = bpf_map__fd(skeleton_->bpf->maps.answers);
-  std::vector<SoftForwardAnswerKey> keys;
-  std::vector<SoftForwardAnswer> values;
-  std::vector<std::size_t> positions;
-  const auto erase = [&](const SoftForwardAnswerKey& key) {
-    const int result = bpf_map_delete_elem(map, &key);
-    return failed("answers", vlanKey(key.vlan), result == -ENOENT ? 0 : result);
-  };
-  for (std::size_t i = 0; i < answers.size(); ++i) {
-    const PlacedAnswer& answer = answers[i];
-    SoftForwardAnswerKey key{{}, answer.vlan, 0};
-    std::ranges::copy(answer.ipAddress.bytes(), key.address);
-    if (answer.macAddress.isZero()) {
-      if (const auto gone = erase(key); !gone) return gone;
-      continue;
-    }
-    const int counter = SOFT_FORWARD_ANSWERED_REMOTE + static_cast<int>(answer.kind);
-    SoftForwardAnswer value{{}, static_cast<__u8>(counter), 0, answer.owner};
-    std::ranges::copy(answer.macAddress.bytes(), value.address);
-    keys.push_back(key);
-    values.push_back(value);
-    positions.push_back(i);
-  }
-  for (std::size_t done = 0; done < keys.size(); ++done) {
-    const auto left = static_cast<__u32>(keys.size() - done);
-    __u32 count = left;
-    const int result = bpf_map_update_batch(map, &keys[done], &values[done], &count, nullptr);
-    if (result == 0) break;
-    // The kernel says how many it took, unless it did not come to take any.
-    if (count < left) done += count;
-    if (const auto gone = erase(keys[done]); !gone) return gone;
-    refused.at.push_back(positions[done]);
-    if (result != -E2BIG) refused.why = failed("answers", vlanKey(keys[done].vlan), result);
-  }
-  return {};
+  const auto& maps = skeleton_->bpf->maps;
+  auto placed = place<SoftForwardAnswerKey>(maps.answers, Lanix::AddressFamily::ipv4_, answers, refused);
+  if (!placed) return placed;
+  return place<SoftForwardNdAnswerKey>(maps.nd_answers, Lanix::AddressFamily::ipv6_, answers, refused);
 }
 
 Mox::Result<> Programs::vlanPathsIs(std::uint16_t vlan, const VlanPaths& paths) {
@@ -315,7 +330,8 @@ Statistics Programs::statistics() const {
           .replied = sums[SOFT_FORWARD_REPLIED],
           .unexpected = sums[SOFT_FORWARD_UNEXPECTED],
           .answered = {sums[SOFT_FORWARD_ANSWERED_REMOTE], sums[SOFT_FORWARD_ANSWERED_DF],
-                       sums[SOFT_FORWARD_ANSWERED_NON_DF]},
+                       sums[SOFT_FORWARD_ANSWERED_NON_DF], sums[SOFT_FORWARD_ND_ANSWERED]},
+          .ndPassed = sums[SOFT_FORWARD_ND_PASSED],
           .shownNoAnswer = sums[SOFT_FORWARD_SHOWN_NO_ANSWER],
           .shownSender = sums[SOFT_FORWARD_SHOWN_SENDER],
           .shownOther = sums[SOFT_FORWARD_SHOWN_OTHER]};

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "Lanix/EthAddr.h"
-#include "Lanix/IpAddr.h"
+#include "Lanix/IpGenAddr.h"
 #include "Mox/Result.h"
 #include "Netlink/Route.h"
 
@@ -72,11 +72,13 @@ struct Trunk {
 // What hosts of a VLAN that ask for the address are answered at their port; the zero MAC: nothing.
 struct PlacedAnswer {
   std::uint16_t vlan = 0;
-  Lanix::IpAddr ipAddress;
+  Lanix::IpGenAddr ipAddress;  // of either family
   Lanix::EthAddr macAddress;
-  // Why, which has a counter of its own: the owner is behind another switch, or on an Ethernet segment.
-  enum class Kind : std::uint8_t { remote, multihomedDf, multihomedNonDf } kind = Kind::remote;
+  // Why, which has a counter of its own: the owner is behind another switch, or on an Ethernet segment; nd of
+  // an IPv6 address.
+  enum class Kind : std::uint8_t { remote, multihomedDf, multihomedNonDf, nd } kind = Kind::remote;
   std::uint32_t owner = 0;  // interface index of the port that gets no such answer; 0: none
+  bool router = false;      // the owner is an IPv6 router
 };
 
 // What the kernel had no place for.
@@ -116,7 +118,8 @@ struct Statistics {
   std::uint64_t injectSendFailed = 0;  // sends that a tunnel port did not take, one for each port
   std::uint64_t replied = 0;           // of the agent, handed to a bridge
   std::uint64_t unexpected = 0;        // dropped on the pairs
-  std::array<std::uint64_t, 3> answered{};  // requests, at their ports, by PlacedAnswer::Kind
+  std::array<std::uint64_t, 4> answered{};  // requests, at their ports, by PlacedAnswer::Kind
+  std::uint64_t ndPassed = 0;  // solicitations to a group that were not, while their VLAN has answers
   // Requests copied to the agent while their VLAN has answers: for an address without one, of a sender that
   // did not ask so lately, and what is never answered at the port.
   std::uint64_t shownNoAnswer = 0;

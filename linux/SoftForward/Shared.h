@@ -43,9 +43,9 @@
 #define SOFT_FORWARD_MAX_PORTS 16384
 #define SOFT_FORWARD_MAX_TRUNKS 4096
 #define SOFT_FORWARD_MAX_PORT_VLANS 65536
-#define SOFT_FORWARD_VLAN_WORDS 64  // of 64 bits: one for each VLAN
-#define SOFT_FORWARD_MAX_ANSWERS 1048576
-#define SOFT_FORWARD_MAX_SHOWN 131072  // as many as there are local bindings by default
+#define SOFT_FORWARD_VLAN_WORDS 64        // of 64 bits: one for each VLAN
+#define SOFT_FORWARD_MAX_ANSWERS 1048576  // of each family
+#define SOFT_FORWARD_MAX_SHOWN 131072     // as many as there are local bindings by default
 
 enum SoftForwardRole {
   SOFT_FORWARD_ROLE_ACCESS = 1,
@@ -93,18 +93,24 @@ struct SoftForwardActiveVlan {
   __u32 zero;
 };
 
-// Map "answers": what a host that asks for an address is answered. An entry that is not there costs nothing
-// but time: the agent decides.
+// Maps "answers" (IPv4) and "nd_answers" (IPv6): what a host that asks for an address is answered. An entry
+// that is not there costs nothing but time: the agent decides on ARP, and the owner answers a neighbour
+// solicitation itself.
 struct SoftForwardAnswerKey {
   __u8 address[4];
+  __u16 vlan;
+  __u16 zero;
+};
+struct SoftForwardNdAnswerKey {
+  __u8 address[16];
   __u16 vlan;
   __u16 zero;
 };
 struct SoftForwardAnswer {
   __u8 address[6];
   __u8 counter;  // SoftForwardCounter
-  __u8 zero;
-  __u32 owner;  // interface index of the port that the owner is on, which gets no such answer; 0: none
+  __u8 router;   // 1: the owner is a router, as its advertisement says; 0 of IPv4
+  __u32 owner;   // interface index of the port that the owner is on, which gets no such answer; 0: none
 };
 
 // Maps "shown_stations" and "shown_addresses": who asked lately, as the agent was shown. Of each station and
@@ -171,6 +177,9 @@ enum SoftForwardCounter {
   SOFT_FORWARD_ANSWERED_REMOTE,
   SOFT_FORWARD_ANSWERED_DF,
   SOFT_FORWARD_ANSWERED_NON_DF,
+  SOFT_FORWARD_ND_ANSWERED,
+  // Neighbour solicitations to a group that were not answered here while the VLAN's answers hold: passed.
+  SOFT_FORWARD_ND_PASSED,
   // Requests copied to the agent while there are answers, and why.
   SOFT_FORWARD_SHOWN_NO_ANSWER,  // there is none for the address
   SOFT_FORWARD_SHOWN_SENDER,     // the sender has not asked lately, or otherwise
@@ -187,7 +196,8 @@ struct SoftForwardInjectMeta {
 #ifdef __cplusplus
 static_assert(sizeof(SoftForwardPort) == 32);
 static_assert(sizeof(SoftForwardActiveVlan) == 8);
-static_assert(sizeof(SoftForwardAnswerKey) == 8 && sizeof(SoftForwardAnswer) == 12);
+static_assert(sizeof(SoftForwardAnswerKey) == 8 && sizeof(SoftForwardNdAnswerKey) == 20 &&
+              sizeof(SoftForwardAnswer) == 12);
 static_assert(sizeof(SoftForwardStation) == 8 && sizeof(SoftForwardSender) == 8 &&
               sizeof(SoftForwardShown) == 16);
 static_assert(sizeof(SoftForwardTrunk) == 24 + 4 * 512 + 8);

@@ -3,6 +3,7 @@
 #include <net/if.h>
 
 #include <algorithm>
+#include <numeric>
 #include <tuple>
 
 #include "Orb/JsonObject.h"
@@ -79,7 +80,8 @@ void SoftForwardSm::show(Orb::DumpContext& answer, bool devices) const {
   Orb::JsonObject answers;
   answers.add("held", answerMirror_ ? answerMirror_->held() : 0)
       .add("refused", answerMirror_ ? answerMirror_->refused() : 0)
-      .add("hits", counts.answered[0] + counts.answered[1] + counts.answered[2])
+      .add("hits", std::accumulate(counts.answered.begin(), counts.answered.end(), std::uint64_t{0}))
+      .json("nd", Orb::JsonObject().add("hits", counts.answered[3]).add("passed", counts.ndPassed).text())
       .json("shown", Orb::JsonObject()
                          .add("noAnswer", counts.shownNoAnswer)
                          .add("sender", counts.shownSender)

@@ -37,6 +37,8 @@ struct ArpEntry {
   Lanix::EthAddr mac;
   bool isStatic = false;
   std::uint8_t arpType = 0;
+  // An IPv6 router, as the kernel heard it say. No part of the text form.
+  bool router = false;
 
   static constexpr auto moxFields() {
     return std::tuple(Mox::Field("mac", &ArpEntry::mac), Mox::Field("static", &ArpEntry::isStatic),

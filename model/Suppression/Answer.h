@@ -1,32 +1,20 @@
 #pragma once
 
-#include <array>
-#include <compare>
 #include <cstdint>
 #include <tuple>
 
 #include "Bridging/VlanId.h"
 #include "Lanix/EthAddr.h"
 #include "Lanix/IntfId.h"
-#include "Lanix/IpAddr.h"
 #include "Memtab/Entity.h"
 #include "Mox/Attribute.h"
 #include "Mox/Strep.h"
+#include "Suppression/RemoteBindingConfig.h"
 
 namespace ArpSuppression {
 
-// An IPv4 address of a VLAN.
-struct AnswerKey {
-  Bridging::VlanId vlanId;
-  std::array<std::uint8_t, 2> padding{};  // explicit: keys in shared memory are compared by their bytes
-  Lanix::IpAddr ipAddress;
-
-  static constexpr auto moxFields() {
-    return std::tuple(Mox::Field("vlan", &AnswerKey::vlanId), Mox::Field("ip", &AnswerKey::ipAddress));
-  }
-  friend auto operator<=>(const AnswerKey&, const AnswerKey&) = default;
-  std::uint64_t hash(std::uint64_t seed) const { return Mox::hashMix(ipAddress.hash(seed), vlanId.value()); }
-};
+// An address of a VLAN: IPv4, for which hosts ask by ARP, or IPv6, which they solicit.
+using AnswerKey = RemoteBindingKey;
 
 // What a host that asks for the address is answered. The zero MAC means that there is no answer.
 struct Answer {
@@ -35,17 +23,20 @@ struct Answer {
   Lanix::IntfId owner;
   // The id of the counter of such answers.
   std::uint8_t counter = 0;
+  // The owner is an IPv6 router.
+  bool router = false;
 
   static constexpr auto moxFields() {
     return std::tuple(Mox::Field("mac", &Answer::macAddress), Mox::Field("owner", &Answer::owner),
-                      Mox::Field("counter", &Answer::counter));
+                      Mox::Field("counter", &Answer::counter), Mox::Field("router", &Answer::router));
   }
   friend bool operator==(const Answer&, const Answer&) = default;
   explicit operator bool() const { return !macAddress.isZero(); }
 };
 
 // The requests that the agent would answer, for a data plane that can answer them itself: in shared memory at
-// "arpSuppression/answer". An entry holds only while its VLAN is in AnswerVlans.
+// "arpSuppression/answer". An entry holds only while its VLAN is in AnswerVlans. IPv6 addresses have no other
+// answer than this: the agent is not shown who solicits them.
 class AnswerStatus final : public Memtab::Entity {
  public:
   MEMTAB_COLLECTION(AnswerKey, Answer, answer)

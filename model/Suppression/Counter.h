@@ -64,8 +64,8 @@ namespace ArpSuppression {
   X(trapDropped)                        \
   X(answeredInDataPlane)                \
   X(addressConflict)                    \
-  X(reserved55)                         \
-  X(reserved56)                         \
+  X(ndAnswered)                         \
+  X(ndPassed)                           \
   X(reserved57)                         \
   X(reserved58)                         \
   X(reserved59)                         \

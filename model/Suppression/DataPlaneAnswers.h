@@ -8,7 +8,8 @@
 
 namespace ArpSuppression {
 
-// Requests that the data plane has answered, by the agent's reason for the answer. They only grow for as long
+// Requests that the data plane has answered, ARP's by the agent's reason for the answer; and neighbour
+// solicitations to a group that it let pass on VLANs whose answers hold. They only grow for as long
 // as `programs`, which says who counts, stays the same: a reading with one that was not seen before has its
 // sums from before the reader's time, and is where counting begins.
 struct AnswerSums {
@@ -16,12 +17,15 @@ struct AnswerSums {
   std::uint64_t remote = 0;
   std::uint64_t multihomedDf = 0;
   std::uint64_t multihomedNonDf = 0;
+  std::uint64_t ndAnswered = 0;
+  std::uint64_t ndPassed = 0;
 
   static constexpr auto moxFields() {
-    return std::tuple(Mox::Field("programs", &AnswerSums::programs),
-                      Mox::Field("remote", &AnswerSums::remote),
-                      Mox::Field("multihomedDf", &AnswerSums::multihomedDf),
-                      Mox::Field("multihomedNonDf", &AnswerSums::multihomedNonDf));
+    return std::tuple(
+        Mox::Field("programs", &AnswerSums::programs), Mox::Field("remote", &AnswerSums::remote),
+        Mox::Field("multihomedDf", &AnswerSums::multihomedDf),
+        Mox::Field("multihomedNonDf", &AnswerSums::multihomedNonDf),
+        Mox::Field("ndAnswered", &AnswerSums::ndAnswered), Mox::Field("ndPassed", &AnswerSums::ndPassed));
   }
   friend bool operator==(const AnswerSums&, const AnswerSums&) = default;
 };

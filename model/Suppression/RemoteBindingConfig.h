@@ -38,10 +38,13 @@ struct RemoteBinding {
   bool localMultihomed = false;
   // No part of the text form: whoever writes a binding as text is people.
   BindingSource source = BindingSource::people;
+  // The host is an IPv6 router, as its neighbour advertisements say.
+  bool router = false;
 
   static constexpr auto moxFields() {
     return std::tuple(Mox::Field("mac", &RemoteBinding::macAddress),
-                      Mox::Field("localMultihomed", &RemoteBinding::localMultihomed));
+                      Mox::Field("localMultihomed", &RemoteBinding::localMultihomed),
+                      Mox::Field("router", &RemoteBinding::router));
   }
   friend bool operator==(const RemoteBinding&, const RemoteBinding&) = default;
   explicit operator bool() const { return !macAddress.isZero(); }

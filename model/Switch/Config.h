@@ -51,7 +51,9 @@ class VlanConfig final : public Mox::Entity {
   MOX_ATTRIBUTE(bool, suppression, true)
   // false: each of its requests goes to the agent, none is answered in the data plane.
   MOX_ATTRIBUTE(bool, answers, true)
-  MOX_MEMBERS(bridge, tunnelPorts, vrf, suppression, answers)
+  // false: none of its neighbour solicitations is answered, as without suppression of IPv6.
+  MOX_ATTRIBUTE(bool, nd, true)
+  MOX_MEMBERS(bridge, tunnelPorts, vrf, suppression, answers, nd)
 
  private:
   Bridging::VlanId vlanId_;

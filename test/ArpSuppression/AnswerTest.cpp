@@ -10,16 +10,18 @@
 namespace ArpSuppression {
 namespace {
 
-using Answers = std::map<std::string, std::string>;  // "10 10.0.0.99" to "MAC port counter"
+using Answers = std::map<std::string, std::string>;  // "10 10.0.0.99" to "MAC port counter router"
 using Bridging::EntryType;
 
 constexpr std::uint16_t kVlans[] = {10, 20};
 const char* const kMacs[] = {"02:00:00:00:00:63", "02:00:00:00:00:64", "02:00:00:00:00:65"};
-const char* const kAddresses[] = {"10.0.0.1", "10.0.0.2", "10.0.0.98", "10.0.0.99"};
+const char* const kAddresses[] = {"10.0.0.1",    "10.0.0.98",    "10.0.0.99",
+                                  "2001:db8::1", "2001:db8::98", "2001:db8::99"};
 const char* const kPorts[] = {"Ethernet1", "Ethernet2"};
 
 std::string textOf(const Answer& answer) {
-  return answer.macAddress.toStrep() + " " + answer.owner.toStrep() + " " + std::to_string(answer.counter);
+  return answer.macAddress.toStrep() + " " + answer.owner.toStrep() + " " + std::to_string(answer.counter) +
+         (answer.router ? " router" : "");
 }
 
 // The table of answers of a rig, and what should be in it.
@@ -43,14 +45,19 @@ class Table {
     if (!rig_.root()) return all;
     for (const std::uint32_t vlan : kVlans) {
       for (const char* address : kAddresses) {
-        const ArpSuppressionSm::Request request{Vlan(vlan), ip("10.0.0.77"), mac("02:00:00:00:00:77"),
-                                                ip(address), intf("Ethernet7")};
+        const Lanix::IpGenAddr target = ip(address);
+        const ArpSuppressionSm::Request request{Vlan(vlan),
+                                                ip(target.isIpv4() ? "10.0.0.77" : "2001:db8::77"),
+                                                mac("02:00:00:00:00:77"), target, intf("Ethernet7")};
         const ArpSuppressionSm& requests = *rig_.rootSm()->arpSuppressionSm();
         const ArpSuppressionSm::Facts facts = requests.gather(request);
         const Outcome outcome = requests.decide(request, facts);
         if (!inUse(vlan) || outcome.action() != Action::reply) continue;
-        all[std::to_string(vlan) + " " + address] = textOf(
-            {outcome.macAddress, facts.fdbEntry.intf, static_cast<std::uint8_t>(*outcome.answerCounter)});
+        if (target.isIpv6() && !withNd(vlan)) continue;
+        const auto counter = target.isIpv4() ? *outcome.answerCounter : ArpSuppressionCounterId::ndAnswered;
+        all[std::to_string(vlan) + " " + address] =
+            textOf({outcome.macAddress, facts.fdbEntry.intf, static_cast<std::uint8_t>(counter),
+                    target.isIpv6() && facts.router});
       }
     }
     return all;
@@ -61,6 +68,10 @@ class Table {
     const auto ofVlan = config->vlan(Vlan(vlan));
     return rig_.published()->vlanId(Vlan(vlan)) && config->softForward()->answers().enabled &&
            (!ofVlan || ofVlan->answers());
+  }
+  bool withNd(std::uint32_t vlan) const {
+    const auto ofVlan = rig_.state<Switch::Config>(Switch::kConfigPath)->vlan(Vlan(vlan));
+    return !ofVlan || ofVlan->nd();
   }
   std::set<std::uint16_t> answering() const {
     std::set<std::uint16_t> vlans;
@@ -85,9 +96,19 @@ TEST(Answers, EqualTheDecisionWhateverChanges) {
     rig.start();
     const std::pair<const char*, std::function<void()>> changes[] = {
         {"binding", [&] { rig.remoteBinding(any(kVlans), any(kAddresses), any(kMacs), random() % 2); }},
-        {"binding", [&] { rig.remoteBinding(any(kVlans), any(kAddresses), any(kMacs), random() % 2); }},
+        {"binding that may be a router's",
+         [&] {
+           rig.table<RemoteBindingConfig>("arpSuppression/remoteBindingConfig/evpn")
+               ->remoteBindingIs({Vlan(any(kVlans)), ip(any(kAddresses))},
+                                 {mac(any(kMacs)), false, BindingSource::feed, random() % 2 == 0});
+         }},
         {"no binding", [&] { rig.noRemoteBinding(any(kVlans), any(kAddresses)); }},
-        {"neighbour", [&] { rig.neighbour(any(kAddresses), any(kMacs)); }},
+        {"neighbour",
+         [&] {
+           rig.table<Arp::Table::Status>("arp/status")
+               ->arpEntryIs({5, ip(any(kAddresses)), intf("Vlan10")},
+                            {mac(any(kMacs)), false, 0, random() % 2 == 0});
+         }},
         {"no neighbour",
          [&] {
            rig.table<Arp::Table::Status>("arp/status")->arpEntryDel({5, ip(any(kAddresses)), intf("Vlan10")});
@@ -127,7 +148,8 @@ TEST(Answers, EqualTheDecisionWhateverChanges) {
         {"excluded",
          [&] {
            const auto excluded = rig.state<NeverAnswer>(kNeverAnswerPath);
-           const Ip4Network network(ip(any(kAddresses)).ipv4(), 32);
+           const Lanix::IpGenAddr address = ip(any(kAddresses));
+           const IpNetwork network(address, address.isIpv4() ? 32 : 128);
            excluded->prefixHas(network) ? void(excluded->prefixDel(network)) : excluded->prefixIs(network);
          }},
         {"answers of a VLAN",
@@ -135,6 +157,11 @@ TEST(Answers, EqualTheDecisionWhateverChanges) {
            const auto config = rig.state<Switch::Config>(Switch::kConfigPath);
            const Vlan vlan(any(kVlans));
            random() % 3 ? config->vlanIs(vlan)->answersIs(random() % 2) : void(config->vlanDel(vlan));
+         }},
+        {"solicitations of a VLAN",
+         [&] {
+           const auto config = rig.state<Switch::Config>(Switch::kConfigPath);
+           config->vlanIs(Vlan(any(kVlans)))->ndIs(random() % 2);
          }},
         {"answers",
          [&] {
@@ -193,22 +220,23 @@ TEST(Answers, HoldOnlyAfterTheLastChange) {
     SCOPED_TRACE(std::to_string(turns) + " turns in between");
     excluded->prefixDelAll();
     rig.settle();
-    ASSERT_EQ(table.held().size(), 3u);  // the other address is the switch's own
-    excluded->prefixIs({ip("10.0.0.98").ipv4(), 32});
+    ASSERT_EQ(table.held().size(), 5u);  // the other address is the switch's own
+    excluded->prefixIs({ip("10.0.0.98"), 32});
     for (int turn = 0; turn < turns; ++turn) rig.eventLoop().step(0);
-    excluded->prefixIs({ip("10.0.0.99").ipv4(), 32});
+    excluded->prefixIs({ip("10.0.0.99"), 32});
     EXPECT_THAT(table.held(), IsEmpty());
     rig.settle();
-    EXPECT_EQ(table.held().size(), 1u);
+    EXPECT_EQ(table.held().size(), 3u);
   }
 }
 
-// VLANs without answers take no room.
+// VLANs without answers take no room, nor does IPv6 where it has none.
 TEST(Answers, AreOfVlansThatAreToHaveThem) {
   Rig rig;
   const auto config = rig.state<Switch::Config>(Switch::kConfigPath);
   config->vlanIs(Vlan(10))->answersIs(false);
   rig.remoteBinding(10, "10.0.0.99", kMacs[0]);
+  rig.remoteBinding(10, "2001:db8::99", kMacs[0]);
   rig.start();
   const auto entries = [&] {
     rig.settle();
@@ -216,6 +244,8 @@ TEST(Answers, AreOfVlansThatAreToHaveThem) {
   };
   EXPECT_EQ(entries(), 0u);
   config->vlan(Vlan(10))->answersIs(true);
+  EXPECT_EQ(entries(), 2u);
+  config->vlan(Vlan(10))->ndIs(false);
   EXPECT_EQ(entries(), 1u);
   config->softForward()->answersIs({.enabled = false});
   EXPECT_EQ(entries(), 0u);
@@ -239,6 +269,7 @@ TEST(Answers, OfTheDataPlaneCountAsTheAgentsOwn) {
       {"other programs", {8, 50, 0, 0}, ""},
       {"more of these", {8, 52, 0, 1}, "replyRemote=2 replyMultihomedNonDf=1 answeredInDataPlane=3"},
       {"those before", {7, 107, 103, 101}, "replyRemote=1 answeredInDataPlane=1"},
+      {"solicitations", {7, 107, 103, 101, 2, 3}, "ndAnswered=2 ndPassed=3"},
   };
   rig.takeCounters();
   for (const auto& reading : readings) {
@@ -248,7 +279,7 @@ TEST(Answers, OfTheDataPlaneCountAsTheAgentsOwn) {
   // What it did until suppression ended is told later.
   rig.evpn()->mplsConfiguredIs(false);
   rig.settle();
-  dataPlane->sumsIs({7, 110, 103, 101});
+  dataPlane->sumsIs({7, 110, 103, 101, 2, 3});
   EXPECT_EQ(rig.takeCounters(), "replyRemote=3 answeredInDataPlane=3");
 }
 
@@ -263,6 +294,7 @@ TEST(Answers, AreExplained) {
   softForward->answersIs({.enabled = false});
   softForward->portWithoutAnswersIs("Ethernet1");
   rig.start();
+  rig.remoteBinding(10, "2001:db8::99", kMacs[0]);
   const auto dataPlane = [&](const char* target, const char* from) {
     rig.settle();
     const std::string text = rig.command("explain", {"10", target, from});
@@ -275,14 +307,35 @@ TEST(Answers, AreExplained) {
   EXPECT_THAT(ofHost(), HasSubstr("enabled\\\" of the configuration is false"));
   softForward->answersIs({});
   EXPECT_THAT(ofHost(), HasSubstr("of the VLAN is false"));
+  config->vlan(Vlan(10))->answersIs(true);
+  config->vlan(Vlan(10))->ndIs(false);
+  EXPECT_THAT(dataPlane("2001:db8::99", kMacs[1]), HasSubstr("\\\"nd\\\" of the VLAN is false"));
   config->vlanDel(Vlan(10));
   EXPECT_THAT(ofHost(), HasSubstr("of Ethernet1 is false"));
   softForward->portWithoutAnswersDelAll();
   EXPECT_THAT(ofHost(), HasSubstr("the forwarding programs answer nothing now"));
   rig.state<DataPlaneAnswers>(kDataPlaneAnswersPath)->holdingIs(true);
   EXPECT_THAT(ofHost(), HasSubstr("\"value\":true"));
+  // Of a solicitation that is all there is.
+  const auto solicited = [&](const char* target, const char* from = kMacs[1]) {
+    rig.settle();
+    return rig.command("explain", {"10", target, from});
+  };
+  EXPECT_THAT(solicited("2001:db8::99"),
+              AllOf(HasSubstr("\"action\":\"reply\""), HasSubstr("\"mac\":\"02:00:00:00:00:63\""),
+                    HasSubstr("\"router\":false"), HasSubstr("\"name\":\"ndAnswered\"")));
+  EXPECT_THAT(solicited("2001:db8::98"),
+              AllOf(HasSubstr("\"action\":\"pass\""), HasSubstr("nothing says who has the address"),
+                    HasSubstr("\"name\":\"ndPassed\"")));
+  EXPECT_THAT(solicited("2001:db8::99", "02:00:00:00:be:ef"), HasSubstr("\"action\":\"pass\""));
+  rig.state<NeverAnswer>(kNeverAnswerPath)->prefixIs(*IpNetwork::fromStrep("2001:db8::/64"));
+  EXPECT_THAT(solicited("2001:db8::99"), AllOf(HasSubstr("\"action\":\"pass\""), HasSubstr("neverAnswer")));
+  rig.state<NeverAnswer>(kNeverAnswerPath)->prefixDelAll();
+  rig.settle();
   rig.state<AnswerVlans>(kAnswerVlansPath)->vlanIdDelAll();
   EXPECT_THAT(ofHost(), HasSubstr("being brought up to date"));
+  EXPECT_THAT(rig.command("explain", {"10", "2001:db8::99"}),
+              AllOf(HasSubstr("\"action\":\"pass\""), testing::Not(HasSubstr("ndPassed"))));
 }
 
 }  // namespace

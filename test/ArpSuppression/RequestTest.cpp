@@ -145,7 +145,7 @@ void setUp(Rig& rig, const Case& c) {
   // All but one of these have neither address.
   for (const char* network : {"10.0.0.0/26", "10.0.0.98/32", "10.0.0.0/31", "10.0.0.96/27", "10.0.1.0/24"})
     if (c.where == kExcluded)
-      rig.state<NeverAnswer>(kNeverAnswerPath)->prefixIs(*Ip4Network::fromStrep(network));
+      rig.state<NeverAnswer>(kNeverAnswerPath)->prefixIs(*IpNetwork::fromStrep(network));
   if (c.where == kNoFabric) rig.device("default", "fabric", 0);
   if (c.where == kNoInterface) rig.noVlanInterface(10);
 }
@@ -238,7 +238,7 @@ TEST(Request, explanations_of_what_is_never_trapped_and_of_nonsense) {
     const char* answer;
   } cases[] = {
       {{"20", "10.0.0.99"}, "VLAN 20: it is not in"},
-      {{"10", "fe80::1"}, "only ARP is trapped"},
+      {{"10", "fe80::1"}, "the solicitation passes untouched: nothing says who has the address"},
       {{"10", "10.0.0.99", kOtherMac}, "what comes from there is never trapped"},
       {{"10", "10.0.0.99"}, "on a segment that is attached here too"},
       {{"10"}, "explain takes"},

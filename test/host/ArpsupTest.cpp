@@ -61,7 +61,7 @@ TEST_F(Programs, tellWhatToDoNext) {
       {{"rem", "d", "10", "10.0.0.1"}, 1, "there is no remote binding"},
       {{"s"}, 2, "unknown command \"s\""},
       {{"bindings", "local"}, 1, "no plug-in that is ready answers \"bindings\"; loaded: none"},
-      {{"explain", "10", "fe80::1"}, 2, "IP \"fe80::1\" is not the IPv4 address of one host"},
+      {{"explain", "10", "ff02::1"}, 2, "IP \"ff02::1\" is not the IPv4 or IPv6 address of one host"},
       {{"status"}, 0, "runnable: +false\nactiveVlans: +none\n.*\nreason: +no plug-in that is ready answers"},
       {{"counters"}, 1, "there are no counters: the plug-in ArpSuppression is not loaded"},
       {{"show", "evpn/nothing"}, 1, "evpn/nothing: there is no such path; allowed: .*evpn/status"},

@@ -16,14 +16,16 @@ std::string linesOf(const Host::BindingFile& file) {
 TEST(BindingFile, readsCsvAndJsonLines) {
   const char* const expected =
       "10 10.0.0.1 02:00:00:00:00:01\n"
-      "4094 2001:db8::1 02:00:00:00:00:0a localMultihomed\n";
+      "4094 2001:db8::1 02:00:00:00:00:0a localMultihomed router\n";
   for (const char* text :
-       {"vlan,ip,mac,localMultihomed\r\n10,10.0.0.1,02:00:00:00:00:01,false\r\n\r\n4094, 2001:DB8::1 "
-        ",02:00:00:00:00:0A,1\r\n",
-        "# hosts\n10,10.0.0.1,02:00:00:00:00:01\n\"4094\",\"2001:db8::1\",\"0200.0000.000A\",\"true\"",
+       {"vlan,ip,mac,localMultihomed,router\r\n10,10.0.0.1,02:00:00:00:00:01,false\r\n\r\n4094, 2001:DB8::1 "
+        ",02:00:00:00:00:0A,1,1\r\n",
+        "# "
+        "hosts\n10,10.0.0.1,02:00:00:00:00:01\n\"4094\",\"2001:db8::1\",\"0200.0000.000A\",\"true\",\"true\"",
         "\n\n{\"vlan\":10,\"ip\":\"10.0.0.1\",\"mac\":\"02:00:00:00:00:01\"}\n"
         "  "
-        "{\"mac\":\"02-00-00-00-00-0A\",\"localMultihomed\":true,\"ip\":\"2001:db8::1\",\"vlan\":\"4094\"}"
+        "{\"mac\":\"02-00-00-00-00-0A\",\"localMultihomed\":true,\"router\":true,\"ip\":\"2001:db8::1\","
+        "\"vlan\":\"4094\"}"
         "\n"}) {
     const Host::BindingFile file = parseBindingFile(text);
     EXPECT_EQ(linesOf(file), expected) << text;
@@ -31,9 +33,13 @@ TEST(BindingFile, readsCsvAndJsonLines) {
   }
   EXPECT_EQ(parseBindingFile("").bindings.size(), 0u);
   // What is written is read back.
-  const auto binding = Host::parseBindingLine("4094 2001:db8::1 02:00:00:00:00:0a localMultihomed");
-  ASSERT_TRUE(binding) << binding.error();
-  EXPECT_EQ(Host::bindingLine(*binding), "4094 2001:db8::1 02:00:00:00:00:0a localMultihomed");
+  for (const char* flags : {"", " localMultihomed", " router", " localMultihomed router"}) {
+    const std::string line = std::string("4094 2001:db8::1 02:00:00:00:00:0a") + flags;
+    const auto binding = Host::parseBindingLine(line);
+    ASSERT_TRUE(binding) << binding.error();
+    EXPECT_EQ(Host::bindingLine(*binding), line);
+  }
+  EXPECT_FALSE(Host::parseBindingLine("4094 2001:db8::1 02:00:00:00:00:0a rooter"));
 }
 
 TEST(BindingFile, namesEachBadLine) {
@@ -56,7 +62,8 @@ TEST(BindingFile, namesEachBadLine) {
         {"10,10.0.0.1,02000000.0001", "MAC"},
         {"10,10.0.0.1", "2 fields are not vlan,ip,mac"},
         {"10", "1 field is not"},
-        {"10,10.0.0.1,02:00:00:00:00:01,true,x", "5 fields"},
+        {"10,10.0.0.1,02:00:00:00:00:01,true,true,x", "6 fields"},
+        {"10,10.0.0.1,02:00:00:00:00:01,true,x", "router \"x\" is not true, false"},
         {"10,10.0.0.1,02:00:00:00:00:01,yes", "localMultihomed \"yes\" is not true, false"}}},
       {"{\"vlan\":10,\"ip\":\"10.0.0.1\",\"mac\":\"02:00:00:00:00:01\"}\n\n\n",
        {{"{\"vlan\":10", "it is not a JSON object"},

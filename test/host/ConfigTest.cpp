@@ -22,7 +22,7 @@ TEST(Config, takesEveryKeyAndComments) {
       "vrfs": {"red": {"id": 5, "networkNamespace": "red"}, "blue": {"id": 16777214, "networkNamespace": "b"},
                "green": {"id": 7, "device": "b"}},
       "vlans": {"10": {"bridge": "vlan10", "tunnelPorts": ["core10", "core11"]}, "4094": {"bridge": "br0"},
-                "20": {"bridge": "br0", "vrf": "green", "suppression": false}, "30": {"vrf": "default", "answers": false}},
+                "20": {"bridge": "br0", "vrf": "green", "suppression": false}, "30": {"vrf": "default", "answers": false, "nd": false}},
       "softForward": {"ports": {"Ethernet1": {"policer": {"perSecond": 5000}}, "Ethernet2": {"answers": false}},
                       "answers": {"maxEntries": 1048576, "refreshSeconds": 3600},
                       "policer": {"perSecond": 1000000, "burst": 1}, "failOpenSeconds": 60},
@@ -49,6 +49,8 @@ TEST(Config, takesEveryKeyAndComments) {
   EXPECT_EQ(config.softForward.failOpenSeconds, 60u);
   EXPECT_TRUE(config.vlans.at(20).answers);
   EXPECT_FALSE(config.vlans.at(30).answers);
+  EXPECT_TRUE(config.vlans.at(20).nd);
+  EXPECT_FALSE(config.vlans.at(30).nd);
   EXPECT_EQ(config.softForward.answers, (Switch::Answers{true, 1048576, 3600}));
   EXPECT_THAT(config.softForward.portsWithoutAnswers, testing::ElementsAre("Ethernet2"));
   EXPECT_THAT(config.vlans.at(10).tunnelPorts, testing::ElementsAre("core10", "core11"));
@@ -117,6 +119,8 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
       {R"({"softForward": {}})", "softForward: does nothing without the agent SoftForward"},
       {R"({"vlans": {"10": {"answers": false}}})",
        "vlans.10.answers: false does nothing without the agent SoftForward"},
+      {R"({"vlans": {"10": {"nd": false}}})",
+       "vlans.10.nd: false does nothing without the agent SoftForward"},
       {R"({"agents": ["SoftForward"], "softForward": {"answer": {}}})",
        "softForward.answer: unknown key; allowed here: answers, failOpenSeconds, policer, ports"},
       {R"({"agents": ["SoftForward"], "softForward": {"answers": false}})",
@@ -145,7 +149,7 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
       {R"({"neighborRefreshSeconds": 0})", "neighborRefreshSeconds: 0 is not a number from 1 to 86400"},
       {R"({"neverAnswer": ["10.0.0.0/24", "10.0.0.0/24"]})",
        "neverAnswer[1]: \"10.0.0.0/24\" is there twice"},
-      {R"({"neverAnswer": ["10.0.0.250/24"]})", "neverAnswer[0]: \"10.0.0.250/24\" is not an IPv4 network"},
+      {R"({"neverAnswer": ["10.0.0.250/24"]})", "neverAnswer[0]: \"10.0.0.250/24\" is not a network like"},
       {R"({"metrics": {"listen": "10.0.0.1:9341"}})",
        "metrics.listen: \"10.0.0.1:9341\" is not a loopback address"},
       {R"({"metrics": {"listen": "[::1]:0"}})", "metrics.listen: \"[::1]:0\" is not"},
@@ -155,7 +159,7 @@ TEST(Config, refusesWithKeyValueAndWhatIsAllowed) {
             "mac": "02:00:00:00:00:01"}, {"vlan": 10, "ip": "10.0.0.2", "mac": "02:00:00:00:00:02"}]})",
        "limits.remoteBindings: 1 is less than the 2 \"bindings\""},
       {R"({"limits": {"bindings": 5}})", "limits.bindings: unknown key; allowed here: localBindings, "},
-      {R"({"neverAnswer": ["2001:db8::/64"]})", "neverAnswer[0]: \"2001:db8::/64\" is not"},
+      {R"({"neverAnswer": ["2001:db8::1/64"]})", "neverAnswer[0]: \"2001:db8::1/64\" is not"},
       {R"({"bindings": {}})", "bindings: an object is not a list of bindings"},
       {R"({"bindings": [7]})", "bindings[0]: it is not a JSON object"},
       {R"({"bindings": [{"vlan": 10, "ip": "127.0.0.1", "mac": "02:00:00:00:00:09"}]})",

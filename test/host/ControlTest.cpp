@@ -303,13 +303,15 @@ TEST_F(Control, chunksAreAllOrNothingAndCounted) {
   const auto remote = [&](const char* op, const std::string& lines) {
     return answerTo(json{{"cmd", "remote"}, {"op", op}, {"bindings", lines}}.dump() + "\n");
   };
-  EXPECT_EQ(remote("add", "10 10.0.0.1 02:00:00:00:00:01\n10 fe80::1 02:00:00:00:00:02 localMultihomed\n"),
-            "{\"changed\":2,\"ok\":true}\n");
+  EXPECT_EQ(
+      remote("add", "10 10.0.0.1 02:00:00:00:00:01\n10 fe80::1 02:00:00:00:00:02 localMultihomed router\n"),
+      "{\"changed\":2,\"ok\":true}\n");
   EXPECT_EQ(remote("add", "10 10.0.0.1 02:00:00:00:00:01"), "{\"changed\":0,\"ok\":true}\n");
   EXPECT_EQ(remote("add", ""), "{\"changed\":0,\"ok\":true}\n");
   EXPECT_EQ(remote("del", "10 10.0.0.1\n10 10.0.0.9"), "{\"changed\":1,\"ok\":true}\n");
-  EXPECT_EQ(host.show(kRemote)["remoteBinding"],
-            json({{"10 fe80::1", {{"mac", "02:00:00:00:00:02"}, {"localMultihomed", true}}}}));
+  EXPECT_EQ(
+      host.show(kRemote)["remoteBinding"],
+      json({{"10 fe80::1", {{"mac", "02:00:00:00:00:02"}, {"localMultihomed", true}, {"router", true}}}}));
   std::string many;
   for (std::size_t i = 0; i <= Host::kChunkBindings; ++i) many += "10 10.0.0.1 02:00:00:00:00:01\n";
   EXPECT_THAT(remote("add", many), HasSubstr("more than 512 bindings"));
@@ -446,7 +448,7 @@ TEST_F(Control, monitorTellsWhatChanged) {
   host.apply({{"evpn/status", gone}});
   EXPECT_EQ(changes({{"evpn/status", {{"segmentStatus", {{"Ethernet1", {{"esiLabel", 6}}}}}}}}),
             json::array({line("evpn/status", gone), line("evpn/status", made)}));
-  const json binding = {{"mac", "02:00:00:00:00:01"}, {"localMultihomed", false}};
+  const json binding = {{"mac", "02:00:00:00:00:01"}, {"localMultihomed", false}, {"router", false}};
   toldAsWritten(kRemote, {{"remoteBinding", {{"10 10.0.0.1", binding}}}});
   EXPECT_EQ(changes({{kRemote, {{"remoteBinding", nullptr}}}}),
             json::array({line(kRemote, {{"remoteBinding", {{"10 10.0.0.1", nullptr}}}})}));

@@ -94,10 +94,14 @@ TEST_F(Programs, remoteBindings) {
   constexpr const char* kPath = "arpSuppression/remoteBindingConfig/evpn";
   EXPECT_EQ(arpsup({"remote", "add", "10", "10.0.0.1", "02:00:00:00:00:01", "--local-multihomed"}).status, 0);
   EXPECT_EQ(arpsup({"remote", "add", "10", "2001:db8::1", "02:00:00:00:00:02"}).status, 0);
+  EXPECT_EQ(arpsup({"remote", "add", "10", "2001:db8::2", "02:00:00:00:00:03", "--router"}).status, 0);
   EXPECT_EQ(arpsup({"remote", "del", "10", "2001:db8::1"}).status, 0);
-  EXPECT_EQ(shown(kPath),
-            json({{"remoteBinding",
-                   {{"10 10.0.0.1", {{"mac", "02:00:00:00:00:01"}, {"localMultihomed", true}}}}}}));
+  EXPECT_EQ(
+      shown(kPath),
+      json({{"remoteBinding",
+             {{"10 10.0.0.1", {{"mac", "02:00:00:00:00:01"}, {"localMultihomed", true}, {"router", false}}},
+              {"10 2001:db8::2",
+               {{"mac", "02:00:00:00:00:03"}, {"localMultihomed", false}, {"router", true}}}}}}));
   EXPECT_EQ(arpsup({"remote", "clear"}).status, 0);
 
   std::string file = "vlan,ip,mac\n";

@@ -53,10 +53,12 @@ TEST(State, beginsWithWhatTheConfigurationSays) {
                       {"tunnelPorts", {"core10"}},
                       {"vrf", ""},
                       {"suppression", false},
-                      {"answers", true}}}}}}));
-  EXPECT_EQ(host.show(kRemote)["remoteBinding"],
-            json({{"10 10.0.0.8", {{"mac", "02:00:00:00:00:08"}, {"localMultihomed", false}}},
-                  {"10 10.0.0.9", {{"mac", "02:00:00:00:00:09"}, {"localMultihomed", false}}}}));
+                      {"answers", true},
+                      {"nd", true}}}}}}));
+  EXPECT_EQ(
+      host.show(kRemote)["remoteBinding"],
+      json({{"10 10.0.0.8", {{"mac", "02:00:00:00:00:08"}, {"localMultihomed", false}, {"router", false}}},
+            {"10 10.0.0.9", {{"mac", "02:00:00:00:00:09"}, {"localMultihomed", false}, {"router", false}}}}));
   EXPECT_EQ(host.show("arpSuppression/neverAnswer"), json({{"prefix", {{"10.0.0.0/30", true}}}}));
   EXPECT_EQ(host.show("ip/vrf/status/local"), json({{"vrf", json::object()}}));
   EXPECT_EQ(host.reports, "");
@@ -148,7 +150,8 @@ TEST(State, reconcilesTablesOfAnEarlierRun) {
       runDir, {{"state", {{kRemote, {{"remoteBinding", {{"10 10.0.0.2", {{"localMultihomed", true}}}}}}}}}});
   EXPECT_EQ(host.show(kRemote),
             json({{"remoteBinding",
-                   {{"10 10.0.0.2", {{"mac", "00:00:00:00:00:00"}, {"localMultihomed", true}}}}}}));
+                   {{"10 10.0.0.2",
+                     {{"mac", "00:00:00:00:00:00"}, {"localMultihomed", true}, {"router", false}}}}}}));
 }
 
 // A feed of its own may write an input. That the configuration has no effect there is a problem of the

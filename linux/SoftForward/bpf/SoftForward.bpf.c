@@ -4,7 +4,8 @@
 // linearised or otherwise touched by a program that lets it pass.
 //
 //   access_ingress  tc ingress of access ports       ARP goes to the agent as a copy, and on marked; or it is
-//                                                    answered here (Answer.h)
+//                                                    answered here (Answer.h); so are neighbour
+//                                                    solicitations, and go on otherwise (NdAnswer.h)
 //   own_egress      tc egress of the bridge device   the same for what the switch sends itself
 //   tunnel_egress   tc egress of tunnel ports        what was marked does not leave
 //   trap_egress     tc egress of the trap peer       puts the trap header into the copy
@@ -18,6 +19,7 @@
 
 #include <linux/bpf.h>
 #include <linux/if_ether.h>
+#include <linux/if_packet.h>
 #include <linux/pkt_cls.h>
 #include <stdbool.h>
 #include <stddef.h>
@@ -118,7 +120,7 @@ struct {
 // forwarded as if there were no agent.
 volatile __u64 trusted_until;
 
-// By VLAN: 1 while what the map "answers" has of it holds. The loader writes it, so that all of a VLAN's
+// By VLAN: 1 while what the maps of answers have of it holds. The loader writes it, so that all of a VLAN's
 // answers are void at once.
 volatile __u8 answers_hold[SOFT_FORWARD_MAX_VLANS];
 
@@ -217,7 +219,29 @@ static __always_inline __u32 vlanOf(const struct __sk_buff* skb, __u8 role,
   return holds(trunk->trapped, vlan) ? vlan : 0;
 }
 
+// Where a frame came from, if requests are trapped there.
+struct Place {
+  __u32 vlan;
+  bool inPlace;
+  struct SoftForwardPolicer* policer;
+  const struct SoftForwardSettings* setting;
+};
+
+static __always_inline bool isTrapping(const struct __sk_buff* skb, __u8 role, struct Place* place) {
+  place->policer = 0;
+  place->inPlace = false;
+  const __u32 vlan = vlanOf(skb, role, &place->policer, &place->inPlace);
+  place->vlan = vlan;
+  if (vlan == 0 || !place->policer) return false;
+  const struct SoftForwardActiveVlan* activeVlan = bpf_map_lookup_elem(&active_vlans, &vlan);
+  if (!activeVlan || !activeVlan->active) return false;
+  const __u32 zero = 0;
+  place->setting = bpf_map_lookup_elem(&settings, &zero);
+  return place->setting && place->setting->trapPeer;
+}
+
 #include "Answer.h"
+#include "NdAnswer.h"
 
 static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
   if (skb->protocol != bpf_htons(ETH_P_ARP)) return TC_ACT_UNSPEC;
@@ -226,15 +250,10 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
   if (bpf_skb_load_bytes(skb, 0, &frame, sizeof frame) < 0) return TC_ACT_UNSPEC;
   if (!isBroadcast(frame.destination) || !isIpv4Arp(&frame)) return TC_ACT_UNSPEC;
 
-  struct SoftForwardPolicer* policer = 0;
-  bool inPlace = false;
-  __u32 vlan = vlanOf(skb, role, &policer, &inPlace);
-  if (vlan == 0 || !policer) return TC_ACT_UNSPEC;
-  const struct SoftForwardActiveVlan* activeVlan = bpf_map_lookup_elem(&active_vlans, &vlan);
-  if (!activeVlan || !activeVlan->active) return TC_ACT_UNSPEC;
-  __u32 zero = 0;
-  const struct SoftForwardSettings* setting = bpf_map_lookup_elem(&settings, &zero);
-  if (!setting || !setting->trapPeer) return TC_ACT_UNSPEC;
+  struct Place place;
+  if (!isTrapping(skb, role, &place)) return TC_ACT_UNSPEC;
+  const __u32 vlan = place.vlan;
+  const struct SoftForwardSettings* setting = place.setting;
   if (setting->ownPasses && isSame(frame.source, setting->ownAddress)) return TC_ACT_UNSPEC;
   if (!isTrusted(0)) {
     count(SOFT_FORWARD_FAILED_OPEN);
@@ -243,12 +262,12 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
   __u32 why = SOFT_FORWARD_COUNTERS;
   struct SoftForwardAnswer* answer = 0;
   if (role == SOFT_FORWARD_ROLE_ACCESS && answers_hold[vlan & SOFT_FORWARD_VLAN_MASK])
-    answer = answerOf(skb, &frame, vlan, inPlace, setting, &why);
+    answer = answerOf(skb, &frame, vlan, place.inPlace, setting, &why);
   if (answer && why == SOFT_FORWARD_COUNTERS) {
     const int sent = reply(skb, &frame, vlan, answer);
     if (sent >= 0) return sent;
   }
-  if (!takesToken(policer)) {
+  if (!takesToken(place.policer)) {
     // Somebody asks for more than a port may show, and the answer is known all the same.
     if (answer) {
       const int sent = reply(skb, &frame, vlan, answer);
@@ -277,7 +296,10 @@ static __always_inline int trap(struct __sk_buff* skb, __u8 role) {
 }
 
 SEC("tc")
-int access_ingress(struct __sk_buff* skb) { return trap(skb, SOFT_FORWARD_ROLE_ACCESS); }
+int access_ingress(struct __sk_buff* skb) {
+  if (skb->protocol == bpf_htons(ETH_P_IPV6)) return solicited(skb);
+  return trap(skb, SOFT_FORWARD_ROLE_ACCESS);
+}
 
 SEC("tc")
 int own_egress(struct __sk_buff* skb) { return trap(skb, SOFT_FORWARD_ROLE_OWN); }

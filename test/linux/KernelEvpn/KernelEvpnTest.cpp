@@ -67,7 +67,7 @@ class Feed : public testing::Test {
     rig->table<RemoteBindingConfig>(kPath)->remoteBindingForEach([&](const auto& key, const auto& value) {
       const bool isFeed = value.source == ArpSuppression::BindingSource::feed;
       lines.push_back(Mox::toStrep(key) + " " + value.macAddress.toStrep().substr(kMac.size()) +
-                      (isFeed ? "" : " people"));
+                      (value.router ? " router" : "") + (isFeed ? "" : " people"));
     });
     std::ranges::sort(lines);
     return lines;
@@ -123,6 +123,14 @@ TEST_F(Feed, takesWhatTheRoutingDaemonKnowsOfConfiguredVlans) {
   EXPECT_THAT(problems(), ElementsAre("addresses of the feed"));
   EXPECT_EQ(status(),
             R"("ready":true,"ipv4":2,"ipv6":1,"refused":2,"readings":1,"overruns":0,"readingAgeSeconds":2)");
+  // A router is one, until it says otherwise, and only by IPv6.
+  for (const char* ip : {"10.0.0.1", "fe80::1"})
+    kernel.in().addNeighbour("vlan10", ip, {kMac + "01", NUD_NOARP, NTF_EXT_LEARNED | NTF_ROUTER, 11});
+  settle();
+  EXPECT_THAT(bindings(), ElementsAre("10 10.0.0.1 01", "10 fe80::1 01 router", "20 10.0.0.9 09"));
+  kernel.in().addNeighbour("vlan10", "fe80::1", route("01"));
+  settle();
+  EXPECT_THAT(bindings(), ElementsAre("10 10.0.0.1 01", "10 fe80::1 01", "20 10.0.0.9 09"));
   // A move is one write; withdrawn in two ways.
   kernel.in().addNeighbour("vlan10", "10.0.0.1", route("11"));
   kernel.in().delNeighbour("vlan10", "127.0.0.1");

@@ -51,6 +51,18 @@ TEST_F(NeighboursTest, StatesOfTheKernelBecomeEntries) {
       EXPECT_THAT(rig->neighbours(), IsEmpty());
     }
   }
+  // Who said that it is a router is one, as far as that is IPv6.
+  for (const std::uint8_t flags : std::initializer_list<std::uint8_t>{NTF_ROUTER, 0}) {
+    for (const char* ip : {"10.0.0.9", "fe80::9"})
+      red.addNeighbour("vlan10", ip, {mac, NUD_STALE, flags, {}});
+    settle();
+    rig->table<Arp::Table::Status>("arp/status")->arpEntryForEach([&](const auto& key, const auto& entry) {
+      EXPECT_EQ(entry.router, key.addr.isIpv6() && flags != 0) << key.addr.toStrep();
+    });
+    ASSERT_EQ(rig->neighbours().size(), 2u);
+  }
+  for (const char* ip : {"10.0.0.9", "fe80::9"}) red.delNeighbour("vlan10", ip);
+  settle();
   red.addNeighbour("vlan10", "224.0.0.22", {"01:00:5e:00:00:16", NUD_NOARP, 0, {}});
   settle();
   EXPECT_THAT(rig->neighbours(), IsEmpty());

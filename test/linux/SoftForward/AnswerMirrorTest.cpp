@@ -20,8 +20,9 @@ using ArpSuppression::AnswerStatus;
 
 class AnswerMirrorTest : public ProgramsRig {
  protected:
-  // An entry of the map by address and VLAN: MAC address, owner's interface index.
-  using Entries = std::map<std::pair<std::uint32_t, std::uint16_t>, std::pair<std::uint64_t, std::uint32_t>>;
+  // Entries of both maps by address and VLAN: MAC address, owner's interface index, whether it is a router.
+  using Entries =
+      std::map<std::pair<Lanix::IpGenAddr, std::uint16_t>, std::tuple<std::uint64_t, std::uint32_t, bool>>;
 
   void SetUp() override {
     ProgramsRig::SetUp();
@@ -37,6 +38,7 @@ class AnswerMirrorTest : public ProgramsRig {
                                    [this](const Mox::Result<>& written) { refusal_ = written.error(); },
                                    [this] { ++holdingChanges_; }});
     map_.emplace(programs_, "answers");
+    ndMap_.emplace(programs_, "nd_answers");
   }
   ~AnswerMirrorTest() override {
     mirror_.reset();
@@ -45,10 +47,14 @@ class AnswerMirrorTest : public ProgramsRig {
   }
 
   static AnswerKey key(std::uint16_t vlan, std::uint32_t host) {
-    return {Bridging::VlanId(vlan), {}, Lanix::IpAddr(0x0A000000U + host)};
+    return {Bridging::VlanId(vlan), Lanix::IpAddr(0x0A000000U + host)};
   }
-  static Answer answer(std::uint8_t mac, const char* owner = "") {
-    return {Lanix::EthAddr({2, 0, 0, 0, 0, mac}), Lanix::IntfId::fromName(owner), 8};
+  // Begins as the IPv4 address does.
+  static AnswerKey key6(std::uint16_t vlan, std::uint8_t host) {
+    return {Bridging::VlanId(vlan), Lanix::Ip6Addr({10, 0, 0, host})};
+  }
+  static Answer answer(std::uint8_t mac, const char* owner = "", bool router = false) {
+    return {Lanix::EthAddr({2, 0, 0, 0, 0, mac}), Lanix::IntfId::fromName(owner), 8, router};
   }
   static std::uint64_t number(const std::uint8_t* bytes, std::size_t size) {
     std::uint64_t number = 0;
@@ -56,14 +62,21 @@ class AnswerMirrorTest : public ProgramsRig {
     return number;
   }
 
+  template <class MapKey, class Address>
+  static void add(Entries& to, const Map& map) {
+    MapKey at{};
+    for (bool first = true; bpf_map_get_next_key(map.descriptor(), first ? nullptr : &at, &at) == 0;
+         first = false) {
+      const auto value = map.at<SoftForwardAnswer>(at);
+      typename Address::Bytes address;
+      std::ranges::copy(at.address, address.begin());
+      to[{Address(address), at.vlan}] = {number(value.address, 6), value.owner, value.router != 0};
+    }
+  }
   Entries inPrograms() const {
     Entries entries;
-    SoftForwardAnswerKey at{};
-    for (bool first = true; bpf_map_get_next_key(map_->descriptor(), first ? nullptr : &at, &at) == 0;
-         first = false) {
-      const auto value = map_->at<SoftForwardAnswer>(at);
-      entries[{number(at.address, 4), at.vlan}] = {number(value.address, 6), value.owner};
-    }
+    add<SoftForwardAnswerKey, Lanix::IpAddr>(entries, *map_);
+    add<SoftForwardNdAnswerKey, Lanix::Ip6Addr>(entries, *ndMap_);
     return entries;
   }
   // All of the table that could be there, were there room.
@@ -72,8 +85,8 @@ class AnswerMirrorTest : public ProgramsRig {
     answers_->answerForEach([&](const AnswerKey& key, const Answer& answer) {
       const std::uint32_t owner = answer.owner ? devices_[answer.owner.kernelName()] : 0;
       if (answer.owner && owner == 0) return;
-      entries[{key.ipAddress.value(), key.vlanId.value()}] = {number(answer.macAddress.bytes().data(), 6),
-                                                              owner};
+      entries[{key.ipAddress, key.vlanId.value()}] = {number(answer.macAddress.bytes().data(), 6), owner,
+                                                      answer.router};
     });
     return entries;
   }
@@ -98,7 +111,7 @@ class AnswerMirrorTest : public ProgramsRig {
   std::string refusal_;
   int holdingChanges_ = 0;
   std::optional<AnswerMirror> mirror_;
-  std::optional<Map> map_;
+  std::optional<Map> map_, ndMap_;
 };
 
 TEST_F(AnswerMirrorTest, TheProgramsHaveTheTableAfterWhateverChanged) {
@@ -111,10 +124,14 @@ TEST_F(AnswerMirrorTest, TheProgramsHaveTheTableAfterWhateverChanged) {
   bool wanted[4095]{};
   for (int round = 0; round < 400; ++round) {
     for (std::uint32_t changes = below(40); changes != 0; --changes) {
-      const AnswerKey address = key(kVlans[below(3)], below(30));
+      const std::uint16_t vlan = kVlans[below(3)];
+      const bool isIp6 = below(2) == 0;
+      const AnswerKey address =
+          isIp6 ? key6(vlan, static_cast<std::uint8_t>(below(15))) : key(vlan, below(15));
+      const bool router = isIp6 && below(2) == 0;
       below(3) == 0 ? void(answers_->answerDel(address))
-                    : void(answers_->answerIs(
-                          address, answer(static_cast<std::uint8_t>(below(3)) + 1, kOwners[below(4)])));
+                    : void(answers_->answerIs(address, answer(static_cast<std::uint8_t>(below(3)) + 1,
+                                                              kOwners[below(4)], router)));
     }
     const std::uint16_t vlan = kVlans[below(3)];
     switch (below(8)) {

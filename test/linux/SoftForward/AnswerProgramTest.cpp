@@ -77,7 +77,7 @@ TEST_F(AnswerProgramTest, ASenderThatWasShownIsAnsweredInEveryByte) {
   const Statistics statistics = programs_.statistics();
   EXPECT_EQ(statistics.trapped, 1U);
   EXPECT_EQ(statistics.shownSender, 1U);
-  EXPECT_EQ(statistics.answered, (std::array<std::uint64_t, 3>{2, 0, 1}));
+  EXPECT_EQ(statistics.answered, (std::array<std::uint64_t, 4>{2, 0, 1, 0}));
   ASSERT_EQ(programs_.portStatistics().size(), 1U);
   EXPECT_EQ(programs_.portStatistics()[0].answered, 3U);
 }

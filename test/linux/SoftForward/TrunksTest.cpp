@@ -1,5 +1,6 @@
 // Bridges that filter VLANs, on kernels that have them.
 
+#include "lab/Nd.h"
 #include "linux/SoftForward/DatapathRig.h"
 
 namespace SoftForward {
@@ -166,22 +167,28 @@ TEST_F(TrunksTest, AnswersWithTheTagOfTheRequest) {
   datapath_->portTermsAre([](const std::string&) { return PortTerms{{}, true}; });
   datapath_->answerTermsAre({3'600'000'000'000, {}});
   settle();
+  const Lab::Ip6 asker = Lab::ip6("2001:db8::1"), target = Lab::ip6("2001:db8::3");
   for (const std::uint16_t vlan : kBoth) {
-    const PlacedAnswer answer{vlan, Lanix::IpAddr(kRemoteIp), Lanix::EthAddr(kRemote)};
+    const PlacedAnswer answers[] = {
+        {vlan, Lanix::IpAddr(kRemoteIp), Lanix::EthAddr(kRemote)},
+        {vlan, Lanix::Ip6Addr(target), Lanix::EthAddr(kRemote), PlacedAnswer::Kind::nd}};
     AnswersRefused refused;
-    ASSERT_TRUE(programs_->answersAre({&answer, 1}, refused));
+    ASSERT_TRUE(programs_->answersAre(answers, refused));
     programs_->answersHoldIs(vlan, true);
   }
-  const Lab::Frame frame = request(kHost1, kIp1);
-  const Lab::Frame reply = Lab::arpFrame({2, kRemote, kRemoteIp, kHost1, kIp1}, kHost1);
-  // The second request is answered at the port, and goes no further.
+  const std::pair<Lab::Frame, Lab::Frame> exchanges[] = {
+      {request(kHost1, kIp1), Lab::arpFrame({2, kRemote, kRemoteIp, kHost1, kIp1}, kHost1)},
+      {Lab::solicitation(kHost1, asker, target), Lab::advertisement(kRemote, target, kHost1, asker, false)}};
+  // The second request is answered at the port, and goes no further; of solicitations the first already.
   const auto isAnswered = [&](Lab::PacketSocket& from, std::uint16_t tag, bool wanted, const char* what) {
     SCOPED_TRACE(what);
-    for (int time = 0; time < 2; ++time) from.send(on(frame, tag));
-    const auto next = from.receive(wanted ? Lab::kPatience : std::chrono::milliseconds(100));
-    EXPECT_EQ(next ? Lab::hex(*next) : "nothing", wanted ? Lab::hex(on(reply, tag)) : "nothing");
-    for (Lab::PacketSocket* socket : {&*snoop_, &*access_, &*trunk_}) {
-      while (socket->receive(std::chrono::milliseconds(0))) {
+    for (const auto& [frame, reply] : exchanges) {
+      for (int time = 0; time < 2; ++time) from.send(on(frame, tag));
+      const auto next = from.receive(wanted ? Lab::kPatience : std::chrono::milliseconds(100));
+      EXPECT_EQ(next ? Lab::hex(*next) : "nothing", wanted ? Lab::hex(on(reply, tag)) : "nothing");
+      for (Lab::PacketSocket* socket : {&*snoop_, &*access_, &*trunk_}) {
+        while (socket->receive(std::chrono::milliseconds(0))) {
+        }
       }
     }
   };
