@@ -20,12 +20,30 @@
 
 #include "Lanix/Wire.h"
 #include "lab/Lab.h"
+#include "lab/Nd.h"
 
 namespace Bench {
 namespace {
 
-constexpr std::size_t kArpSize = 42;  // with the Ethernet header
-constexpr std::size_t kSource = 6, kOperation = 20, kSenderMac = 22, kSenderIp = 28, kTargetIp = 38;
+// Where in a frame what is: of IPv6 addresses the last four bytes.
+struct Form {
+  std::uint16_t etherType;
+  std::size_t size, type, senderMac, senderIp, targetIp, answerMac, answerIp;
+  std::byte answer;  // the type of one
+};
+namespace Nd = Lab::Nd;
+constexpr std::size_t kLast = 12;  // of the four
+constexpr Form kArp = {ETH_P_ARP, 42, 21, 22, 28, 38, 22, 28, std::byte{2}};
+constexpr Form kNd = {ETH_P_IPV6,
+                      86,
+                      Nd::kType,
+                      Nd::kOptionAddress,
+                      Nd::kSourceIp + kLast,
+                      Nd::kTarget + kLast,
+                      Nd::kOptionAddress,
+                      Nd::kTarget + kLast,
+                      std::byte{136}};
+constexpr std::size_t kSource = 6, kGroupMac = 2;
 constexpr std::uint32_t kMaxOutstanding = 64;
 constexpr double kPatience = 0.1;                   // seconds after which a request counts as lost
 constexpr std::uint32_t kFirstRemote = 0x0a100000;  // 10.16.0.0
@@ -35,15 +53,15 @@ double now() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-using Buffer = std::array<std::byte, 64>;
+using Buffer = std::array<std::byte, 96>;
 
 class Port {
  public:
-  explicit Port(const std::string& device) : fd_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)) {
+  Port(const std::string& device, const Form& form) : fd_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)) {
     const int on = 1, buffer = 4 << 20;
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
-    address.sll_protocol = htons(ETH_P_ARP);
+    address.sll_protocol = htons(form.etherType);
     address.sll_ifindex = static_cast<int>(if_nametoindex(device.c_str()));
     if (fd_ < 0 || setsockopt(fd_, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof on) < 0 ||
         setsockopt(fd_, SOL_PACKET, PACKET_QDISC_BYPASS, &on, sizeof on) < 0 ||
@@ -54,7 +72,7 @@ class Port {
       throw std::runtime_error("a packet socket on " + device + ": " + why);
     }
     for (std::size_t i = 0; i < kMaxOutstanding; ++i) {
-      outVectors_[i] = {out_[i].data(), kArpSize};
+      outVectors_[i] = {out_[i].data(), form.size};
       inVectors_[i] = {in_[i].data(), in_[i].size()};
       outMessages_[i].msg_hdr.msg_iov = &outVectors_[i];
       inMessages_[i].msg_hdr.msg_iov = &inVectors_[i];
@@ -75,7 +93,7 @@ class Port {
       sent += static_cast<std::uint32_t>(std::max(done, 1));
     }
   }
-  // The ARP frames that wait, at most kMaxOutstanding; they stay until the next call.
+  // The frames that wait, at most kMaxOutstanding; they stay until the next call.
   std::span<const Buffer> receive() {
     const int got = recvmmsg(fd_, inMessages_.data(), kMaxOutstanding, MSG_DONTWAIT, nullptr);
     return std::span(in_).first(got > 0 ? static_cast<std::size_t>(got) : 0);
@@ -96,8 +114,16 @@ std::uint32_t wordAt(const Buffer& frame, std::size_t offset) {
 
 class Hosts {
  public:
-  Hosts(Port& port, const Asking& asking) : port_(port), asking_(asking) {
-    const Lab::Frame frame = Lab::arpFrame({});
+  Hosts(Port& port, const Form& form, const Asking& asking) : port_(port), form_(form), asking_(asking) {
+    Lab::Frame frame = Lab::arpFrame({});
+    if (asking.ip6) {
+      frame = Lab::solicitation({}, Lab::ip6("2001:db8:10::"), Lab::ip6("2001:db8:10::"));
+      // Of what is the same in all: the low words of group and target, and the addresses, are put in later.
+      std::fill_n(frame.begin() + Nd::kDestinationIp + kLast, 4, std::byte{0});
+      frame = Lab::summed(frame);
+      sum_ = 0xFFFF & ~(std::to_integer<std::uint32_t>(frame[Nd::kChecksum]) << 8 |
+                        std::to_integer<std::uint32_t>(frame[Nd::kChecksum + 1]));
+    }
     for (Buffer& buffer : port_.out()) std::ranges::copy(frame, buffer.begin());
   }
 
@@ -144,25 +170,39 @@ class Hosts {
       const std::array<std::byte, 6> mac = {std::byte{2}, std::byte{0},           std::byte{0},
                                             std::byte{1}, std::byte(sender >> 8), std::byte(sender & 255)};
       std::ranges::copy(mac, frame.begin() + kSource);
-      std::ranges::copy(mac, frame.begin() + kSenderMac);
-      std::memcpy(frame.data() + kSenderIp, &ip, sizeof ip);
-      std::memcpy(frame.data() + kTargetIp, &target, sizeof target);
+      std::memcpy(frame.data() + form_.senderMac, mac.data(), mac.size());
+      std::memcpy(frame.data() + form_.senderIp, &ip, sizeof ip);
+      std::memcpy(frame.data() + form_.targetIp, &target, sizeof target);
+      if (asking_.ip6) toGroup(frame, kFirstSender + sender, sender);
     }
     port_.send(count);
     outstanding_ += count;
+  }
+
+  // The group of the target that is asked for last, and the checksum.
+  void toGroup(Buffer& frame, std::uint32_t ip, std::uint32_t sender) const {
+    const std::uint32_t low = 0xFF000000U | lastTarget_;
+    const Lanix::Be32 group(low);
+    std::memcpy(frame.data() + kGroupMac, &group, sizeof group);
+    std::memcpy(frame.data() + Nd::kDestinationIp + kLast, &group, sizeof group);
+    std::uint32_t sum = sum_ + 0x0200 + 1 + sender;
+    for (const std::uint32_t word : {ip, low, lastTarget_}) sum += (word >> 16) + (word & 0xFFFF);
+    while (sum > 0xFFFF) sum = (sum & 0xFFFF) + (sum >> 16);
+    const Lanix::Be16 checksum(static_cast<std::uint16_t>(~sum));
+    std::memcpy(frame.data() + Nd::kChecksum, &checksum, sizeof checksum);
   }
 
   // How many of what is waited for came.
   std::uint32_t takeAnswers() {
     std::uint32_t got = 0;
     for (const Buffer& frame : port_.receive()) {
-      if (frame[kOperation + 1] != std::byte{2}) continue;  // the switch asks as well
-      const std::uint32_t address = wordAt(frame, kSenderIp);
+      if (frame[form_.type] != form_.answer) continue;  // the switch asks as well
+      const std::uint32_t address = wordAt(frame, form_.answerIp);
       const std::uint32_t remote = address - kFirstRemote;
       // One that was given up has been counted.
       if (outstanding_ == 0 || (asking_.outstanding == 1 && address != lastTarget_)) continue;
       Lanix::EthAddr::Bytes mac;
-      std::memcpy(mac.data(), frame.data() + kSenderMac, mac.size());
+      std::memcpy(mac.data(), frame.data() + form_.answerMac, mac.size());
       if (remote >= asking_.remoteHosts || remoteMac(remote).bytes() != mac) ++asked_.wrong;
       --outstanding_;
       ++answers_;
@@ -172,7 +212,9 @@ class Hosts {
   }
 
   Port& port_;
+  const Form& form_;
   Asking asking_;
+  std::uint32_t sum_ = 0;  // of what all solicitations share
   Asked asked_;
   std::minstd_rand random_{1};
   std::uint32_t next_ = 0, outstanding_ = 0, lastTarget_ = 0;
@@ -181,7 +223,13 @@ class Hosts {
 
 }  // namespace
 
-Lanix::IpAddr remoteIp(std::uint32_t i) { return Lanix::IpAddr(kFirstRemote + i); }
+Lanix::IpGenAddr remoteIp(std::uint32_t i, bool ip6) {
+  const Lanix::IpAddr last(kFirstRemote + i);
+  if (!ip6) return last;
+  Lanix::Ip6Addr::Bytes bytes = Lab::ip6("2001:db8:10::");
+  std::ranges::copy(last.bytes(), bytes.begin() + kLast);
+  return Lanix::Ip6Addr(bytes);
+}
 
 Lanix::EthAddr remoteMac(std::uint32_t i) {
   return Lanix::EthAddr({0x02, 0x10, static_cast<std::uint8_t>(i >> 24), static_cast<std::uint8_t>(i >> 16),
@@ -189,8 +237,9 @@ Lanix::EthAddr remoteMac(std::uint32_t i) {
 }
 
 Asked ask(const std::string& device, const Asking& asking) {
-  Port port(device);
-  return Hosts(port, asking).run();
+  const Form& form = asking.ip6 ? kNd : kArp;
+  Port port(device, form);
+  return Hosts(port, form, asking).run();
 }
 
 }  // namespace Bench

@@ -1,18 +1,19 @@
 #pragma once
 
-// Hosts at one port of a switch, who ask for remote hosts as fast as they are answered. Whatever answers them, each
+// Hosts at one port of a switch, who ask for remote hosts as fast as they are answered: by ARP, or by neighbour
+// solicitations. Whatever answers them, each
 // answer is looked at: that it is one, and the right one.
 
 #include <cstdint>
 #include <string>
 
 #include "Lanix/EthAddr.h"
-#include "Lanix/IpAddr.h"
+#include "Lanix/IpGenAddr.h"
 
 namespace Bench {
 
 // The remote hosts that the switches know; at most 2^20.
-Lanix::IpAddr remoteIp(std::uint32_t i);
+Lanix::IpGenAddr remoteIp(std::uint32_t i, bool ip6 = false);
 Lanix::EthAddr remoteMac(std::uint32_t i);
 
 struct Asked {
@@ -28,6 +29,7 @@ struct Asking {
   std::uint32_t senders = 1;      // that ask, by turns; at most 4,096
   std::uint32_t outstanding = 1;  // requests on their way at a time; at most 64
   double seconds = 1;
+  bool ip6 = false;  // by neighbour solicitations
 };
 
 // On the device, in the namespace that the calling thread is in, until the time is over. The thread never waits: it

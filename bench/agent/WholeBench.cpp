@@ -7,13 +7,15 @@
 //   - the kernel bridge's own neighbour suppression ("neigh_suppress"), with an externally learned neighbour and a MAC
 //     table entry on the vxlan device for each remote host.
 //
+// Hosts ask by ARP; then, of both switches anew, by neighbour solicitations ("nd"), which no agent sees.
+//
 //   split    the asking hosts' processor does the receive work of the switch
 //   all-in   the other one does it (receive packet steering), and runs the daemon: one processor does all the work
 //   of answering
 //
 //   WholeBench [ROUNDS [SECONDS [REMOTE_HOSTS...]]]
 //
-// By default 3 rounds of 1 s each with 1, 65,536 and 1,048,576 remote hosts, which takes about ten minutes; the
+// By default 3 rounds of 1 s each with 1, 65,536 and 1,048,576 remote hosts, which takes about a quarter of an hour; the
 // figures are medians over the rounds. "WholeBench 1 0.1 1000" is a look whether it works. Needs root and two
 // processors. It runs ahead of what else the machine does, and says how busy the machine was.
 
@@ -103,10 +105,14 @@ void requestAll(std::uint32_t count, const std::function<Netlink::Message(std::u
 // A switch with the MAC addresses of the remote hosts on its vxlan device, as a routing daemon writes them.
 class Network {
  public:
-  explicit Network(std::uint32_t remoteHosts) {
+  Network(std::uint32_t remoteHosts, bool ip6) : ip6_(ip6) {
     const Lab::Entered entered(inside);
     Lab::bridgeIs("vlan10");
     KernelState::addressIs("vlan10", "10.0.0.1/8");
+    if (ip6) {
+      std::ofstream("/proc/sys/net/ipv6/conf/vlan10/disable_ipv6") << 0;
+      Lab::run("ip -6 addr add 2001:db8:10::1/64 dev vlan10 nodad");
+    }
     Lab::vethIs("Ethernet1", "far-Ethernet1", outside);
     Lab::portIs("Ethernet1", "vlan10");
     Lab::run("ip link add vxlan10 type vxlan id 10 local 192.0.2.1 dstport 4789 nolearning");
@@ -119,8 +125,8 @@ class Network {
   // The bridge answers by itself.
   void suppressionIs(std::uint32_t remoteHosts) {
     const Lab::Entered entered(inside);
-    requestAll(remoteHosts, [](std::uint32_t i) {
-      return KernelState::neighbourMessage("vlan10", Bench::remoteIp(i).toStrep(),
+    requestAll(remoteHosts, [this](std::uint32_t i) {
+      return KernelState::neighbourMessage("vlan10", Bench::remoteIp(i, ip6_).toStrep(),
                                            Bench::remoteMac(i).toStrep(), NUD_NOARP, 0, NTF_EXT_LEARNED);
     });
     Lab::run("bridge link set dev vxlan10 neigh_suppress on");
@@ -138,7 +144,8 @@ class Network {
     umount(devices.c_str());
     if (!done) throw std::runtime_error("the receive work of Ethernet1 cannot be steered");
   }
-  Asked asked(const Asking& asking) const {
+  Asked asked(Asking asking) const {
+    asking.ip6 = ip6_;
     Asked result;
     std::exception_ptr failure;
     std::thread([&] {
@@ -154,7 +161,12 @@ class Network {
     return result;
   }
 
+  bool ip6() const { return ip6_; }
+
   Lab::Namespace inside, outside;
+
+ private:
+  const bool ip6_;
 };
 
 // The number behind the first `label` of a text; -1: there is none.
@@ -173,14 +185,15 @@ constexpr char kNoRoom[] = R"(,"softForward":{"answers":{"maxEntries":1}})";
 
 class Ours {
  public:
-  explicit Ours(Network& network) : entered_(network.inside), daemon_(std::string(kVlans) + kSlow) {}
+  explicit Ours(Network& network)
+      : entered_(network.inside), ip6_(network.ip6()), daemon_(std::string(kVlans) + kSlow) {}
 
   void remoteHostsAre(std::uint32_t count, const Folder& folder) {
     const std::string file = folder.path() + "/bindings.csv";
     {
       std::ofstream lines(file);
       for (std::uint32_t i = 0; i < count; ++i)
-        lines << "10," << Bench::remoteIp(i).toStrep() << "," << Bench::remoteMac(i).toStrep() << "\n";
+        lines << "10," << Bench::remoteIp(i, ip6_).toStrep() << "," << Bench::remoteMac(i).toStrep() << "\n";
     }
     daemon_.await("the VLAN is ready", [&] {
       return daemon_.asked({"--json", "show", "switch/forwarding"}).find("\"ready\":true") !=
@@ -242,6 +255,7 @@ class Ours {
   }
 
   Lab::Entered entered_;
+  const bool ip6_;
   Bench::Daemon daemon_;
 };
 
@@ -289,7 +303,7 @@ constexpr char kHead[] =
 
 void compare(const char* way, Network& our, Network& theirs, const Ours& ours, std::uint32_t remoteHosts,
              const Bounds& bounds, const Folder& folder) {
-  const bool quick = *way == 'q';
+  const bool quick = *way != 's';
   for (const bool allIn : {true, false}) {
     for (Network* network : {&our, &theirs}) network->steeringIs(folder, allIn);
     for (const std::uint32_t senders : kSenders) {
@@ -312,15 +326,15 @@ void compare(const char* way, Network& our, Network& theirs, const Ours& ours, s
   }
 }
 
-void bench(std::uint32_t remoteHosts, const Bounds& bounds) {
+void bench(std::uint32_t remoteHosts, bool ip6, const Bounds& bounds) {
   const Folder folder;
-  Network our(remoteHosts), theirs(remoteHosts);
+  Network our(remoteHosts, ip6), theirs(remoteHosts, ip6);
   theirs.suppressionIs(remoteHosts);
   Ours ours(our);
   ours.remoteHostsAre(remoteHosts, folder);
-  compare("slow", our, theirs, ours, remoteHosts, bounds, folder);
+  if (!ip6) compare("slow", our, theirs, ours, remoteHosts, bounds, folder);
   ours.answersAre(our, remoteHosts);
-  compare("quick", our, theirs, ours, remoteHosts, bounds, folder);
+  compare(ip6 ? "nd" : "quick", our, theirs, ours, remoteHosts, bounds, folder);
   ours.stop();
 }
 
@@ -356,9 +370,11 @@ int main(int argc, char** argv) {
     Bench::aheadOfOthers();
     runOn(kSwitchProcessor);  // and the daemon
     std::printf("the machine's load: %s\n%s\n", loadOfTheMachine().c_str(), kHead);
-    for (const std::uint32_t count : sizes) bench(count, bounds);
+    for (const bool ip6 : {false, true})
+      for (const std::uint32_t count : sizes) bench(count, ip6, bounds);
     std::printf(
-        "wanted of the quick way, all-in, with %u remote hosts (!: missed): %.1f times the bridge's rate, "
+        "wanted of the quick way and of nd, all-in, with %u remote hosts (!: missed): %.1f times the "
+        "bridge's rate, "
         "p50 at "
         "most %.1f times the bridge's; filled within %.0f s\nthe machine's load: %s\n",
         kMostRemoteHosts, kWantedRate, kWantedTime, kWantedFill, loadOfTheMachine().c_str());

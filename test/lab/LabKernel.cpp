@@ -3,6 +3,7 @@
 #include <linux/if_addr.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <stdexcept>
@@ -61,14 +62,15 @@ void addressDel(const std::string& device, const std::string& prefix) {
 
 Message neighbourMessage(const std::string& device, const std::string& ip, const std::string& mac,
                          std::uint16_t state, std::uint8_t protocol, std::uint8_t flags) {
-  const auto address = Lanix::IpAddr::fromStrep(ip).value();
+  const auto address = Lanix::IpGenAddr::fromStrep(ip).value();
+  const std::size_t size = address.isIpv4() ? sizeof(in_addr) : sizeof(in6_addr);
   ndmsg header{};
-  header.ndm_family = AF_INET;
+  header.ndm_family = address.isIpv4() ? AF_INET : AF_INET6;
   header.ndm_ifindex = static_cast<int>(Lab::ifIndex(device));
   header.ndm_state = state;
   header.ndm_flags = flags;
   Message message(RTM_NEWNEIGH, NLM_F_CREATE | NLM_F_REPLACE);
-  message.header(header).bytes(NDA_DST, std::as_bytes(std::span(address.bytes())));
+  message.header(header).bytes(NDA_DST, std::as_bytes(std::span(address.bytes())).first(size));
   putMac(message, mac);
   if (protocol != 0) message.u8(NDA_PROTOCOL, protocol);
   return message;
