@@ -24,6 +24,7 @@ namespace {
 // receive queue holds takes 0.2 s, and some seconds on a machine that is very slow.
 constexpr double kEndLookSeconds = 0.01;
 constexpr double kLongestEndSeconds = 5;
+constexpr unsigned kStartLevel = 0;
 
 sigset_t signalsToRead() {
   sigset_t set;
@@ -52,7 +53,7 @@ Daemon::Daemon(Orb::EventLoop& loop, std::string file, Config config, Report rep
       tasks_(Mox::make<Orb::TaskSchedulerRoot>(loop)),
       events_(loop),
       signals_(Mox::make<Orb::FileDescriptor>(loop, "signals")),
-      pluginStart_(loop, "plug-in start", [this] { startPlugins(); }),
+      pluginStart_(tasks_->scheduler(), "plug-in start", kStartLevel, [this] { loadOrStart(); }),
       endTimer_(loop, "end", [this] { handleEnd(); }),
       serviceManager_(loop) {
   signals_.on(Orb::FileDescriptor::readableCountChanged, [this] { handleSignal(); });
@@ -114,7 +115,7 @@ Mox::Result<> Daemon::start() {
           return metricsText({*state_, agents_, events_, *turns_});
         });
   }
-  pluginStart_.after(0);
+  pluginStart_.schedule();
   return {};
 }
 
@@ -146,6 +147,14 @@ void Daemon::handOver() {
   state_->flushAll();
   const auto written = state_->handOver(reload_->config(), runDirectory_->handOverFile());
   if (!written) report_("what was set by hand is not kept: " + written.error());
+}
+
+// Not before all is loaded: what is not there yet would count as gone. An end waits for the plug-ins, which know
+// what of an earlier run has to be taken back.
+void Daemon::loadOrStart() {
+  if (state_->loadAhead([this] { return tasks_->mustYield(); })) return pluginStart_.schedule();
+  signals_->notifyOnReadableIs(true);
+  startPlugins();
 }
 
 void Daemon::startPlugins() {
@@ -208,7 +217,6 @@ Mox::Result<> Daemon::watchSignals() {
   signalDescriptor_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
   if (signalDescriptor_ < 0) return Mox::Failure{std::string("signals: ") + std::strerror(errno), errno};
   signals_->descriptorIs(signalDescriptor_);
-  signals_->notifyOnReadableIs(true);
   return {};
 }
 

@@ -7,6 +7,7 @@
 
 #include "Mox/Notifiee.h"
 #include "Orb/FileDescriptor.h"
+#include "Orb/TaskScheduler.h"
 #include "Plugin/AgentBase.h"
 #include "host/Config.h"
 #include "host/ControlServer.h"
@@ -35,11 +36,11 @@ class Daemon final : public Plugin::AgentHost {
   ~Daemon() override;
 
   // From here on SIGTERM and SIGINT end the loop, SIGUSR2 hands over to the next start, and SIGHUP has the
-  // configuration file taken up again; they are blocked for the process. Whatever the end, nothing more is
-  // trapped before it, and what was trapped is dealt with.
+  // configuration file taken up again; they are blocked for the process, and wait until the plug-ins start.
+  // Whatever the end, nothing more is trapped before it, and what was trapped is dealt with.
   Mox::Result<> watchSignals();
-  // Does everything up to the first turn of the loop, in which the plug-ins start. When a plug-in is not
-  // there, or another agent-host is in the way, no state was created.
+  // Does everything up to the first turn of the loop. From there on what is stored is read, in slices, and then
+  // the plug-ins start. When a plug-in is not there, or another agent-host is in the way, no state was created.
   Mox::Result<> start();
   // Runs the loop until a signal ends it, and says so in the log once every plug-in has started. Refused when
   // one of them could not complete its start, whatever it met: the others would only look as if they worked.
@@ -57,6 +58,7 @@ class Daemon final : public Plugin::AgentHost {
   Mox::Ptr<Memtab::EntityManager> sharedMemory() override { return state_->tables(); }
   void createLocalEntity(const Mox::String& name, const Mox::String& type, const Mox::String& path) override;
 
+  void loadOrStart();
   void startPlugins();
   template <class Call>
   void startStep(Plugin::AgentBase& agent, const Call& call);
@@ -87,7 +89,7 @@ class Daemon final : public Plugin::AgentHost {
   std::unique_ptr<MetricsServer> metrics_;
   int signalDescriptor_ = -1;
   Mox::Notifiee<Orb::FileDescriptor> signals_;
-  Orb::Timer pluginStart_;
+  Orb::Task pluginStart_;
   End end_ = End::none;
   double endsAt_ = 0;      // at the latest
   bool finished_ = false;  // nothing was under way when last looked

@@ -375,6 +375,12 @@ Mox::Result<std::unique_ptr<Dump>> State::dump(std::string_view given) const {
                                                   : ": there is no such path; allowed: " + statePathNames())};
 }
 
+bool State::loadAhead(const std::function<bool()>& mustYield) {
+  return std::ranges::any_of(statePaths(), [&](const StatePath& state) {
+    return tree_->loadAhead(state.path, state.typeName, mustYield);
+  });
+}
+
 bool State::flush(std::size_t maxOperations) {
   const bool more = tree_->flush(maxOperations);
   problems_.check("state store", tree_->written(), "make room in the file system of the run directory");

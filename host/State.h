@@ -61,6 +61,9 @@ class State {
   // While the plug-ins run: what brings everything from what the first configuration says to what the second
   // says, of the same plug-ins. Refused when it cannot be carried out as a whole.
   Mox::Result<std::unique_ptr<StateChange>> reconfigure(const Config& before, const Config& now);
+  // Before the first plug-in starts: reads what an earlier run of them has left in the store, until `mustYield`
+  // says so; returns whether there is more. Nobody sees any of it before it is whole.
+  bool loadAhead(const std::function<bool()>& mustYield);
   // After every plug-in has asked for its mounts: creates, empty, what was mounted without being created and
   // that nobody owns.
   void createAbsent();

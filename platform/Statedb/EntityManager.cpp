@@ -56,16 +56,37 @@ Mox::Result<EntityManager::Slot*> EntityManager::slotIs(const std::string& given
   if (const auto fitting = fits(path, typeName); !fitting) return fitting.failure();
   const auto found = slots_.find(path);
   if (found != slots_.end()) return &found->second;
+  const auto ahead = ahead_.extract(path);
   Slot& slot = slots_[path];
-  slot.entity = type->make();
-  slot.type = type;
+  if (ahead && ahead.mapped().type == type) {
+    slot = ahead.mapped();
+  } else {
+    slot.entity = type->make();
+    slot.type = type;
+  }
   attach(path, slot);
   return &slot;
 }
 
 void EntityManager::attach(const std::string& path, Slot& slot) {
-  if (!store_ || slot.persistence || !persisted_.contains(path)) return;
-  slot.persistence = std::make_shared<Persistence>(slot.entity, *slot.type, path, *store_, report_);
+  if (!store_ || !persisted_.contains(path)) return;
+  if (!slot.persistence)
+    slot.persistence = std::make_shared<Persistence>(slot.entity, *slot.type, path, *store_, report_);
+  slot.persistence->load([] { return false; });
+}
+
+bool EntityManager::loadAhead(const std::string& givenPath, const std::string& typeName,
+                              const std::function<bool()>& mustYield) {
+  const std::string path(normalPath(givenPath));
+  const EntityType* type = types_.find(typeName);
+  if (!store_ || !type || !persisted_.contains(path) || slots_.contains(path)) return false;
+  Slot& slot = ahead_[path];
+  if (!slot.persistence) {
+    slot.entity = type->make();
+    slot.type = type;
+    slot.persistence = std::make_shared<Persistence>(slot.entity, *type, path, *store_, report_);
+  }
+  return slot.persistence->load(mustYield);
 }
 
 EntityManager::Made EntityManager::entityIs(const std::string& path, const std::string& typeName) {

@@ -68,6 +68,11 @@ class EntityManager final : public Mox::Entity {
   // written. Loading is done when the call that creates the entity returns. One that is there already is
   // loaded now: what is stored wins, and what the entity holds besides is written. Nothing without a store.
   void persist(const std::string& path);
+  // Loads what is kept of such a path before anybody creates its entity, until `mustYield` says so; returns
+  // whether there is more. The entity is not in the tree: who creates it finds it loaded, what was left
+  // included. Nothing to do for one that is there already.
+  bool loadAhead(const std::string& path, const std::string& typeName,
+                 const std::function<bool()>& mustYield);
   // Once an event-loop turn: see Store::flush.
   bool flush(std::size_t maxOperations = Store::kEverything) {
     return store_ && store_->flush(maxOperations);
@@ -101,6 +106,7 @@ class EntityManager final : public Mox::Entity {
   const Report report_;
   const std::unique_ptr<Store> store_;
   Slots slots_;
+  Slots ahead_;  // loaded before they are created
   std::set<std::string> persisted_;
   std::vector<Mount> requests_;
 };

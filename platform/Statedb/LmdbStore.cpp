@@ -131,32 +131,37 @@ void LmdbStore::closeDatabase() {
   lock_ = -1;
 }
 
-void LmdbStore::load(const std::string& path, const Visitor& visit) {
-  flush(kEverything);
+// A transaction a call: LMDB uses again what a write has freed, whoever might still read it.
+void LmdbStore::load(const std::string& path, const std::optional<std::string>& after, const Visitor& visit) {
   const std::string prefix = databaseKey(path, "");
-  // Nothing waits any more, unless the store cannot be written: then what waits comes in between.
-  Writes::const_iterator next = writes_.lower_bound(prefix);
-  const auto visitWaiting = [&](const std::string* before) {
-    for (; next != writes_.end() && next->first.starts_with(prefix); ++next) {
+  const std::string from = after ? databaseKey(path, *after) : prefix;
+  bool more = true;
+  // What waits comes in between.
+  Writes::const_iterator next = after ? writes_.upper_bound(from) : writes_.lower_bound(from);
+  const auto visitWaiting = [&](const std::string_view* before) {
+    for (; more && next != writes_.end() && next->first.starts_with(prefix); ++next) {
       if (before && next->first >= *before) return;
-      if (next->second) visit(std::string_view(next->first).substr(prefix.size()), *next->second);
+      if (next->second) more = visit(std::string_view(next->first).substr(prefix.size()), *next->second);
     }
   };
-  const auto erased = [&](const std::string& key) {
-    return std::any_of(erasures_.begin(), erasures_.end(), [&](const auto& e) { return key.starts_with(e); });
+  const auto overridden = [&](std::string_view key) {
+    return writes_.contains(key) ||
+           std::ranges::any_of(erasures_, [&](const auto& erased) { return key.starts_with(erased); });
   };
   MDB_txn* transaction = nullptr;
   MDB_cursor* cursor = nullptr;
   int error = mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &transaction);
   if (error == 0) error = mdb_cursor_open(transaction, database_, &cursor);
-  MDB_val key = valueOf(prefix);
+  MDB_val key = valueOf(from);
   MDB_val value{};
   if (error == 0) error = mdb_cursor_get(cursor, &key, &value, MDB_SET_RANGE);
-  while (error == 0 && textOf(key).starts_with(prefix)) {
-    const std::string stored(textOf(key));
-    visitWaiting(&stored);
-    if (!writes_.contains(stored) && !erased(stored)) visit(textOf(key).substr(prefix.size()), textOf(value));
-    error = mdb_cursor_get(cursor, &key, &value, MDB_NEXT);
+  while (more && error == 0 && textOf(key).starts_with(prefix)) {
+    const std::string_view stored = textOf(key);
+    if (!after || stored != from) {
+      visitWaiting(&stored);
+      if (more && !overridden(stored)) more = visit(stored.substr(prefix.size()), textOf(value));
+    }
+    if (more) error = mdb_cursor_get(cursor, &key, &value, MDB_NEXT);
   }
   visitWaiting(nullptr);
   if (error != 0 && error != MDB_NOTFOUND) report_(failure("reading", error).text);

@@ -32,7 +32,7 @@ class LmdbStore final : public Store {
   static Mox::Result<std::unique_ptr<LmdbStore>> open(const std::string& directory, Report report);
   ~LmdbStore() override;  // flushes
 
-  void load(const std::string& path, const Visitor& visit) override;
+  void load(const std::string& path, const std::optional<std::string>& after, const Visitor& visit) override;
   void write(const std::string& path, const std::string& key, std::string value) override;
   void erase(const std::string& path, const std::string& key) override;
   void erasePath(const std::string& path, const std::string& keyPrefix) override;
@@ -41,7 +41,7 @@ class LmdbStore final : public Store {
   const Mox::Result<>& written() const override { return written_; }
 
  private:
-  using Writes = std::map<std::string, std::optional<std::string>>;
+  using Writes = std::map<std::string, std::optional<std::string>, std::less<>>;
   struct Batch {
     std::size_t budget;
     std::set<std::string>::iterator erased;  // first that is not done

@@ -16,31 +16,37 @@ Persistence::Persistence(Mox::Ptr<Mox::Entity> entity, const EntityType& type, s
       type_(type),
       path_(std::move(path)),
       store_(store),
-      report_(std::move(report)) {
-  load();
+      report_(std::move(report)) {}
+
+bool Persistence::load(const std::function<bool()>& mustYield) {
+  if (watch_) return false;
+  bool more = false;
+  store_.load(path_, loadedTo_, [&](std::string_view key, std::string_view value) {
+    loadedTo_ = key;
+    take(*loadedTo_, std::string(value));
+    more = mustYield();
+    return !more;
+  });
+  if (more) return true;
+  if (dropped_ > kMaxReports)
+    report_(path_ + ": " + std::to_string(dropped_) + " stored members were dropped in all");
   watch_ = std::make_unique<TreeWatch>(entity_, type_.shape,
                                        [this](const Change& change) { handleChange(change); });
+  return false;
 }
 
-void Persistence::load() {
-  std::size_t dropped = 0;
-  store_.load(path_, [&](std::string_view keyView, std::string_view valueView) {
-    const std::string key(keyView);
-    const std::string value(valueView);
-    Mox::Result<> loaded;
-    try {
-      loaded = loadPair(key, &value);
-    } catch (const Mox::Error& error) {  // of a watcher: the value itself is in the entity
-      report_(path_ + ": stored member " + describe(key) + ": " + error.what());
-      return;
-    }
-    if (loaded) return;
-    store_.erase(path_, key);
-    if (dropped++ < kMaxReports)
-      report_(path_ + ": stored member " + describe(key) + " is dropped: " + loaded.error());
-  });
-  if (dropped > kMaxReports)
-    report_(path_ + ": " + std::to_string(dropped) + " stored members were dropped in all");
+void Persistence::take(const std::string& key, const std::string& value) {
+  Mox::Result<> loaded;
+  try {
+    loaded = loadPair(key, &value);
+  } catch (const Mox::Error& error) {  // of a watcher: the value itself is in the entity
+    report_(path_ + ": stored member " + describe(key) + ": " + error.what());
+    return;
+  }
+  if (loaded) return;
+  store_.erase(path_, key);
+  if (dropped_++ < kMaxReports)
+    report_(path_ + ": stored member " + describe(key) + " is dropped: " + loaded.error());
 }
 
 Mox::Result<> Persistence::loadPair(const std::string& key, const std::string* value) {

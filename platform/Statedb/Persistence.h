@@ -12,7 +12,7 @@
 
 namespace Statedb {
 
-// Keeps one entity in a store: loads it when made, then writes each change as it happens, one pair a changed
+// Keeps one entity in a store: `load` fills it, then each change is written as it happens, one pair a changed
 // attribute or member:
 //
 //   attribute                  "runnable" → its JSON
@@ -29,6 +29,10 @@ class Persistence {
   Persistence(Mox::Ptr<Mox::Entity> entity, const EntityType& type, std::string path, Store& store,
               Report report);
 
+  // Loads until `mustYield`, asked after each pair, says so; returns whether there is more. Changes are written
+  // once there is not.
+  bool load(const std::function<bool()>& mustYield);
+
   // A change of the store that somebody else made goes into the entity and is not written back.
   void handleOutsideChange(const std::string& key, const std::optional<std::string>& value);
 
@@ -38,7 +42,7 @@ class Persistence {
   void stop() { watch_.reset(); }
 
  private:
-  void load();
+  void take(const std::string& key, const std::string& value);
   // No value deletes.
   Mox::Result<> loadPair(const std::string& key, const std::string* value);
   void handleChange(const Change& change);
@@ -50,6 +54,8 @@ class Persistence {
   const std::string path_;
   Store& store_;
   const Report report_;
+  std::optional<std::string> loadedTo_;
+  std::size_t dropped_ = 0;
   // The outside change that is being taken over, while it is.
   const std::string* outsideKey_ = nullptr;
   const std::optional<std::string>* outsideValue_ = nullptr;

@@ -19,7 +19,8 @@ namespace Statedb {
 // tries again with the next flush; nothing throws.
 class Store {
  public:
-  using Visitor = std::function<void(std::string_view key, std::string_view value)>;
+  // Returns whether to go on.
+  using Visitor = std::function<bool(std::string_view key, std::string_view value)>;
   // An outside change: no value for a key that has gone.
   using Watch = std::function<void(const std::string& path, const std::string& key,
                                    const std::optional<std::string>& value)>;
@@ -27,9 +28,10 @@ class Store {
 
   virtual ~Store() = default;
 
-  // Every pair of the path in ascending order of the key's bytes, what waits to be flushed included. The
-  // visitor may write and erase; the views end with the call.
-  virtual void load(const std::string& path, const Visitor& visit) = 0;
+  // The pairs of the path in ascending order of the key's bytes, those behind `after` or all, what waits to be
+  // flushed included, until the visitor has enough. It may write and erase; the views end with the call.
+  virtual void load(const std::string& path, const std::optional<std::string>& after,
+                    const Visitor& visit) = 0;
 
   virtual void write(const std::string& path, const std::string& key, std::string value) = 0;
   virtual void erase(const std::string& path, const std::string& key) = 0;

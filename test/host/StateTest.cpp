@@ -206,7 +206,7 @@ TEST(State, keepsWhatAgentsPublishAndNothingElse) {
 TEST(State, reportsAStoreThatCannotBeWritten) {
   struct FullStore final : Statedb::Store {
     explicit FullStore(const Mox::Result<>& written) : written_(written) {}
-    void load(const std::string&, const Visitor&) override {}
+    void load(const std::string&, const std::optional<std::string>&, const Visitor&) override {}
     void write(const std::string&, const std::string&, std::string) override {}
     void erase(const std::string&, const std::string&) override {}
     void erasePath(const std::string&, const std::string&) override {}

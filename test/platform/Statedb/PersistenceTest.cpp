@@ -18,9 +18,10 @@ class MemoryStore final : public Statedb::Store {
  public:
   using Content = std::map<std::string, std::string>;
   explicit MemoryStore(std::map<std::string, Content>& paths, Watch& watch) : paths_(paths), watch_(watch) {}
-  void load(const std::string& path, const Visitor& visit) override {
+  void load(const std::string& path, const std::optional<std::string>& after, const Visitor& visit) override {
     const Content content = paths_[path];
-    for (const auto& [key, value] : content) visit(key, value);
+    for (auto at = after ? content.upper_bound(*after) : content.begin(); at != content.end(); ++at)
+      if (!visit(at->first, at->second)) return;
   }
   void write(const std::string& path, const std::string& key, std::string value) override {
     paths_[path][key] = std::move(value);
@@ -127,6 +128,48 @@ TEST_F(PersistenceTest, AnEntityThatIsThereAlreadyIsLoadedAndDeletedForGood) {
   EXPECT_EQ(stored(), Content{});
   c->levelIs(6);
   EXPECT_EQ(stored(), Content{});
+}
+
+// In slices, before anybody creates it; what is left when somebody does is loaded then.
+TEST_F(PersistenceTest, WhatIsLoadedAheadIsFoundWhole) {
+  json left;
+  {
+    const auto manager = process();
+    const auto c = config(manager);
+    for (std::uint16_t i = 0; i < 100; ++i) c->fidIs(i, i);
+    c->vrfIs("red")->ipv4Is(Address(1), Entry{});
+    left = configType().toJson(*c);
+  }
+  stored()[""] = "dropped";
+  const Content before = [&] {
+    Content content = stored();
+    content.erase("");
+    return content;
+  }();
+  const auto everyTime = [] { return true; };
+  for (const int slices : {1, 50, 1000}) {
+    messages_.clear();
+    stored()[""] = "dropped";
+    const auto manager = process();
+    EXPECT_FALSE(manager->loadAhead("elsewhere", "Test::Config", everyTime)) << "it is not kept";
+    EXPECT_FALSE(manager->loadAhead("test", "Test::Nothing", everyTime));
+    int done = 0;
+    while (done < slices && manager->loadAhead("test/", "Test::Config", everyTime)) ++done;
+    EXPECT_EQ(done, std::min(slices, 103)) << "each pair is a slice, one of which was dropped";
+    EXPECT_FALSE(manager->entity("test"));
+    EXPECT_THAT(manager->paths(), ElementsAre());
+    const auto c = config(manager);
+    EXPECT_FALSE(manager->loadAhead("test", "Test::Config", everyTime)) << "it is there";
+    EXPECT_EQ(configType().toJson(*c), left);
+    EXPECT_EQ(stored(), before);
+    EXPECT_THAT(messages_, ElementsAre(HasSubstr("is dropped")));
+    c->fidIs(1, 11);
+    EXPECT_EQ(stored()["fid/1"], "11") << "changes are written, and once";
+    c->fidIs(1, 1);
+  }
+  const auto manager = process();
+  EXPECT_TRUE(manager->loadAhead("test", "Test::Config", everyTime));
+  EXPECT_TRUE(manager->entityIs("test", "Test::Other")) << "another class is made all the same";
 }
 
 TEST_F(PersistenceTest, HostileContentIsDroppedAndTheRestLoads) {
