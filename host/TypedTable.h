@@ -55,7 +55,9 @@ class TableDump final : public Dump {
       const bool more = collection.visit(cursor_, maxEntries, [&](const auto& key, const auto& value) {
         if (!first_) text += ',';
         first_ = false;
-        text += Statedb::jsonText(Mox::toStrep(key)) + ":" + Statedb::jsonText(Statedb::valueToJson(value));
+        Statedb::appendJsonText(text, Mox::toStrep(key));
+        text += ':';
+        Statedb::appendValueText(text, value);
       });
       if (more) return;
       text += '}';

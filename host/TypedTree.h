@@ -52,7 +52,7 @@ class TreeDump final : public Dump {
   void walkMember(const M& member, std::size_t& left, std::string& text) {
     if (!inMember_) text += std::string(member_ == 0 ? "" : ",") + "\"" + member.name + "\":";
     if constexpr (M::kind == Mox::MemberKind::attribute) {
-      text += Statedb::jsonText(Statedb::valueToJson<typename M::Value>(member.get(*entity_)));
+      Statedb::appendValueText<typename M::Value>(text, member.get(*entity_));
       --left;
     } else if constexpr (M::kind == Mox::MemberKind::child) {
       if (!inMember_) child_ = std::make_unique<Child<typename M::Value>>(member.get(*entity_).child);
@@ -106,13 +106,14 @@ class TreeDump final : public Dump {
   void entry(const M&, const Key& key, const Value& value, std::size_t& left, std::string& text) {
     if (!first_) text += ',';
     first_ = false;
-    text += Statedb::jsonText(Mox::toStrep(key)) + ":";
+    Statedb::appendJsonText(text, Mox::toStrep(key));
+    text += ':';
     if constexpr (M::kind == Mox::MemberKind::children) {
       child_ = std::make_unique<Child<typename M::Value>>(value);
     } else if constexpr (M::kind == Mox::MemberKind::set) {
       text += "true";
     } else {
-      text += Statedb::jsonText(Statedb::valueToJson<typename M::Value>(value));
+      Statedb::appendValueText<typename M::Value>(text, value);
     }
     left -= left != 0 ? 1 : 0;
   }

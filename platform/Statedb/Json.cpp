@@ -10,6 +10,18 @@ std::string jsonText(const nlohmann::json& json) {
   return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
+void appendJsonText(std::string& text, std::string_view string) {
+  const bool plain =
+      std::ranges::all_of(string, [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
+  if (!plain) {
+    text += jsonText(std::string(string));
+    return;
+  }
+  text += '"';
+  text += string;
+  text += '"';
+}
+
 std::optional<nlohmann::json> jsonOf(std::string_view text) {
   nlohmann::json json = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
   if (json.is_discarded()) return std::nullopt;

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <charconv>
 #include <concepts>
 #include <cstdint>
 #include <limits>
@@ -34,6 +37,7 @@ namespace Statedb {
 
 // One line, without spaces; never throws.
 std::string jsonText(const nlohmann::json& json);
+void appendJsonText(std::string& text, std::string_view string);
 // Nothing when the text is not exactly one JSON value. Never throws.
 std::optional<nlohmann::json> jsonOf(std::string_view text);
 // How a message shows a value: scalars as they are, long strings cut, "a list", "an object".
@@ -130,6 +134,70 @@ nlohmann::json valueToJson(const T& value) {
     }
     return Mox::toStrep(value);
   }
+}
+
+// Appends jsonText(valueToJson(value)), without making the JSON value first.
+template <class T>
+void appendValueText(std::string& text, const T& value);
+
+template <class T, std::size_t I>
+void appendField(std::string& text, const T& value) {
+  const auto field = std::get<I>(T::moxFields());
+  appendJsonText(text, field.name);
+  text += ':';
+  appendValueText(text, value.*(field.member));
+}
+
+// A writer for each field, in the order of their names, which is that of JSON objects.
+template <class T>
+const auto& fieldWriters() {
+  static const auto sorted = []<std::size_t... I>(std::index_sequence<I...>) {
+    using Writer = std::pair<std::string_view, void (*)(std::string&, const T&)>;
+    std::array all{Writer{std::get<I>(T::moxFields()).name, &appendField<T, I>}...};
+    std::ranges::sort(all, {}, &Writer::first);
+    return all;
+  }
+  (std::make_index_sequence<std::tuple_size_v<decltype(T::moxFields())>>());
+  return sorted;
+}
+
+template <class T>
+void appendValueText(std::string& text, const T& value) {
+  if constexpr (std::same_as<T, bool>) {
+    text += value ? "true" : "false";
+  } else if constexpr (std::integral<T>) {
+    std::array<char, std::numeric_limits<T>::digits10 + 3> digits;
+    text.append(digits.data(), std::to_chars(digits.begin(), digits.end(), value).ptr);
+  } else if constexpr (std::is_arithmetic_v<T>) {
+    text += jsonText(value);
+  } else if constexpr (Mox::HasFields<T>) {
+    char before = '{';
+    for (const auto& writer : fieldWriters<T>()) {
+      text += std::exchange(before, ',');
+      writer.second(text, value);
+    }
+    text += '}';
+  } else if constexpr (ListValue<T>) {
+    text += '[';
+    const char* before = "";
+    for (const auto& element : value) {
+      text += std::exchange(before, ",");
+      appendValueText<typename T::value_type>(text, element);
+    }
+    text += ']';
+  } else {
+    if constexpr (HasNumber<T>) {
+      if (writtenAsNumber<T>()) return appendValueText(text, value.value());
+    }
+    appendJsonText(text, Mox::toStrep(value));
+  }
+}
+
+template <class T>
+std::string valueText(const T& value) {
+  std::string text;
+  appendValueText(text, value);
+  return text;
 }
 
 // The value of a text, also when the type's own parser or constructor raises a range error.

@@ -105,13 +105,14 @@ void Persistence::handleChange(const Change& change) {
   const std::string key = change.key ? change.memberPath + "/" + escapedKey(*change.key) : change.memberPath;
   const bool fromOutside = outsideKey_ && *outsideKey_ == key;
   if (!change.member.hasChildren()) {
-    const nlohmann::json value = change.value();
     // What came from the store is not written back; what a watcher made of it is.
-    if (fromOutside && value == (*outsideValue_ ? jsonOf(**outsideValue_) : nlohmann::json())) return;
-    if (value.is_null()) {
+    if (fromOutside && change.value() == (*outsideValue_ ? jsonOf(**outsideValue_) : nlohmann::json()))
+      return;
+    std::string text = change.member.text(change.entity, change.key ? *change.key : std::string());
+    if (text.empty()) {
       store_.erase(path_, key);
     } else {
-      store_.write(path_, key, jsonText(value));
+      store_.write(path_, key, std::move(text));
     }
     return;
   }

@@ -42,6 +42,8 @@ class MemberType {
   // An attribute's value (`key` is not looked at), or the value under a key: null when it is absent. A set's
   // value is true. Children have none here.
   virtual nlohmann::json value(const Mox::Entity& entity, std::string_view key) const = 0;
+  // That value's JSON text; empty when it is absent.
+  virtual std::string text(const Mox::Entity& entity, std::string_view key) const = 0;
   // Maps and sets, in their own order.
   virtual void forEachValue(
       const Mox::Entity& entity,

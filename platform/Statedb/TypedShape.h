@@ -38,14 +38,19 @@ class TypedMember final : public MemberType {
   }
 
   nlohmann::json value(const Mox::Entity& entity, std::string_view keyText) const override {
-    if constexpr (kAttribute) {
-      return valueToJson<Value>(member_.get(as(entity)));
-    } else if constexpr (!kChildren) {
-      if (const auto key = textToValue<Key>(keyText)) {
-        if (const Value* value = member_.get(as(entity)).find(*key)) return valueToJson<Value>(*value);
-      }
+    if constexpr (kChildren) {
+      return nullptr;
+    } else {
+      return withValue<nlohmann::json>(entity, keyText, valueToJson<Value>);
     }
-    return nullptr;
+  }
+
+  std::string text(const Mox::Entity& entity, std::string_view keyText) const override {
+    if constexpr (kChildren) {
+      return {};
+    } else {
+      return withValue<std::string>(entity, keyText, valueText<Value>);
+    }
   }
 
   void forEachValue(const Mox::Entity& entity,
@@ -167,6 +172,18 @@ class TypedMember final : public MemberType {
   }
 
  private:
+  // The result's default where there is none.
+  template <class Result, class Make>
+  Result withValue(const Mox::Entity& entity, std::string_view keyText, const Make& make) const {
+    if constexpr (kAttribute) {
+      return make(member_.get(as(entity)));
+    } else {
+      if (const auto key = textToValue<Key>(keyText)) {
+        if (const Value* value = member_.get(as(entity)).find(*key)) return make(*value);
+      }
+      return {};
+    }
+  }
   static const E& as(const Mox::Entity& entity) { return static_cast<const E&>(entity); }
   static E& as(Mox::Entity& entity) { return static_cast<E&>(entity); }
   // A key is text whatever its type is in JSON.

@@ -79,6 +79,29 @@ TEST(Json, LongAndBadTextsInMessagesAreBounded) {
   EXPECT_TRUE(Statedb::jsonOf(deep + std::string(100000, ']')));
 }
 
+TEST(Json, TheTextOfAValueIsThatOfItsJson) {
+  for (const std::string& text :
+       {std::string(), std::string("10.0.0.1"), std::string("a \"b\" \\ c"), std::string("a\nb"),
+        std::string("\x7f\x80\xff"), std::string("\xC3\xA4"), std::string("\0x", 2)})
+    EXPECT_EQ(Statedb::valueText(text), Statedb::jsonText(text));
+  for (const std::int64_t number : {INT64_MIN, std::int64_t{-1}, std::int64_t{0}, INT64_MAX})
+    EXPECT_EQ(Statedb::valueText(number), Statedb::jsonText(number));
+  EXPECT_EQ(Statedb::valueText(UINT64_MAX), Statedb::jsonText(UINT64_MAX));
+  EXPECT_EQ(Statedb::valueText(std::int8_t{-128}), "-128");
+  EXPECT_EQ(Statedb::valueText(0.25), "0.25");
+  const auto config = Mox::make<Config>();
+  merge(config,
+        R"({"enabled":false,"level":-7,"label":1000,"entry":{"mac":"1.1","type":5},"addresses":["1.1","1.2"],
+                    "fid":{"1":11},"vlan":{"7":true},"one":{"on":true},"vrf":{"red":{}}})");
+  for (const auto& member : configType().shape.members()) {
+    const std::string key = member->name == "fid" ? "1" : member->name == "vlan" ? "7" : "red";
+    const json value = member->value(*config, key);
+    EXPECT_EQ(member->text(*config, key), value.is_null() ? "" : Statedb::jsonText(value)) << member->name;
+    EXPECT_EQ(member->text(*config, "none"), member->isCollection() ? "" : Statedb::jsonText(value))
+        << member->name;
+  }
+}
+
 TEST(Json, ObjectsMergeArraysReplaceNullDeletes) {
   const char* const start =
       R"({"enabled":false,"level":7,"entry":{"mac":"1.1","type":5},"addresses":["1.1","1.2"],
