@@ -87,11 +87,12 @@ void AnswerMirror::excludedIs(const Netlink::VlanIds& excluded) {
 }
 
 void AnswerMirror::handleDevice(const std::string& device) {
-  const auto owner = of_.find(Lanix::IntfId::fromName(device));
-  if (owner == of_.end()) return;
+  const auto owner = std::ranges::find(owners_, Lanix::IntfId::fromName(device), &Owner::intfId);
+  if (owner == owners_.end() || owner->answers == 0) return;
   const std::uint32_t index = surroundings_.indexOf(device);
-  if (std::exchange(owner->second.index, index) == index) return;
-  pending_.insert(pending_.end(), owner->second.answers.begin(), owner->second.answers.end());
+  if (std::exchange(owner->index, index) == index) return;
+  for (const auto& [key, place] : ownerOf_)
+    if (&owners_[place] == &*owner) pending_.push_back(key);
 }
 
 void AnswerMirror::withhold() {
@@ -101,8 +102,8 @@ void AnswerMirror::withhold() {
 
 std::size_t AnswerMirror::held() const {
   std::size_t without = refused_.size();
-  for (const auto& [intfId, owner] : of_)
-    if (owner.index == 0) without += owner.answers.size();
+  for (const Owner& owner : owners_)
+    if (owner.index == 0) without += owner.answers;
   const std::size_t all = answerStatus_->answers();
   return room_ == 0 || all < without ? 0 : all - without;
 }
@@ -201,25 +202,28 @@ PlacedAnswer AnswerMirror::placed(const Key& key, const ArpSuppression::Answer& 
   const bool taken = wanted && !refused_.contains(key);
   ownerIs(key, taken ? answer.owner : Lanix::IntfId());
   if (!taken) return placed;
-  if (answer.owner) placed.owner = of_.at(answer.owner).index;
+  if (answer.owner) placed.owner = owners_[*ownerOf_.find(key)].index;
   if (!answer.owner || placed.owner != 0) placed.macAddress = answer.macAddress;
   return placed;
 }
 
 void AnswerMirror::ownerIs(const Key& key, const Lanix::IntfId& owner) {
-  const auto before = owners_.find(key);
-  if (before == owners_.end() ? !owner : before->second == owner) return;
-  if (before != owners_.end()) {
-    const auto of = of_.find(before->second);
-    of->second.answers.erase(key);
-    if (of->second.answers.empty()) of_.erase(of);
-    owners_.erase(before);
-  }
+  const std::uint32_t* const before = ownerOf_.find(key);
+  if (before ? owners_[*before].intfId == owner : !owner) return;
+  if (before) --owners_[ownerOf_.take(key)].answers;
   if (!owner) return;
-  owners_[key] = owner;
-  const auto of = of_.find(owner);
-  (of == of_.end() ? of_.emplace(owner, Owner{surroundings_.indexOf(owner.kernelName()), {}}).first : of)
-      ->second.answers.insert(key);
+  const std::uint32_t place = placeOf(owner);
+  ++owners_[place].answers;
+  ownerOf_.insert(key, place);
+}
+
+// Of one that has no answers yet nobody has told how its device changed.
+std::uint32_t AnswerMirror::placeOf(const Lanix::IntfId& owner) {
+  auto at = std::ranges::find(owners_, owner, &Owner::intfId);
+  if (at == owners_.end()) at = std::ranges::find(owners_, std::size_t{0}, &Owner::answers);
+  if (at == owners_.end()) at = owners_.insert(at, Owner{});
+  if (at->answers == 0) *at = {owner, surroundings_.indexOf(owner.kernelName()), 0};
+  return static_cast<std::uint32_t>(at - owners_.begin());
 }
 
 // Some of what was refused, if there is room now; or more than there is room for, which happens while the

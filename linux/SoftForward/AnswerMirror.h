@@ -1,12 +1,12 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "Memtab/Cursor.h"
+#include "Mox/HashTable.h"
 #include "Mox/Notifiee.h"
 #include "Mox/Result.h"
 #include "Netlink/Route.h"
@@ -68,9 +68,11 @@ class AnswerMirror {
 
  private:
   using Key = ArpSuppression::AnswerKey;
+  // A port here that owners of answers are on.
   struct Owner {
+    Lanix::IntfId intfId;
     std::uint32_t index;
-    std::set<Key> answers;
+    std::size_t answers;
   };
 
   void readAgain();
@@ -80,6 +82,7 @@ class AnswerMirror {
   void place(const std::vector<Key>& keys, const std::vector<PlacedAnswer>& answers);
   PlacedAnswer placed(const Key& key, const ArpSuppression::Answer& answer);
   void ownerIs(const Key& key, const Lanix::IntfId& owner);
+  std::uint32_t placeOf(const Lanix::IntfId& owner);
   bool isFull() const;
   void takeUp();
   void holdIs(std::size_t vlan, bool hold);
@@ -99,9 +102,9 @@ class AnswerMirror {
   bool overfull_ = false;     // the programs had no room though they should, until an answer goes
   std::vector<Key> pending_;  // to be looked up and carried over
   std::set<Key> refused_;
-  // Of the answers that have an owner on a port here.
-  std::map<Key, Lanix::IntfId> owners_;
-  std::map<Lanix::IntfId, Owner> of_;
+  std::vector<Owner> owners_;  // few; the place of one without answers is used again
+  // The answers that have an owner on a port here, behind tunnels perhaps all of them: its place.
+  Mox::HashMap<Key, std::uint32_t> ownerOf_;
   bool read_ = true;  // the whole table, since the room last changed
   Memtab::Cursor bookmark_;
   Orb::Task reading_;
