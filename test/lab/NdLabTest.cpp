@@ -96,7 +96,7 @@ TEST_P(Solicitations, AreAnsweredForRemoteHostsOnly) {
         {"one that is here", asks(local)},
         {"nobody", asks(nobody)},
         {"one that is about to take the address", duplicateDetection(kHost1, kRemoteIp6)},
-        {"another's hop limit", summed([this] {
+        {"another's hop limit", summed([] {
            Frame frame = asks(kRemoteIp6);
            frame[Nd::kHopLimit] = std::byte{64};
            return frame;
