@@ -91,8 +91,13 @@ void AnswerMirror::handleDevice(const std::string& device) {
   if (owner == owners_.end() || owner->answers == 0) return;
   const std::uint32_t index = surroundings_.indexOf(device);
   if (std::exchange(owner->index, index) == index) return;
-  for (const auto& [key, place] : ownerOf_)
-    if (&owners_[place] == &*owner) pending_.push_back(key);
+  owner->changed = true;
+  changing_ |= owner->vlans;
+  for (std::size_t vlan = 0; vlan < owner->vlans.size(); ++vlan)
+    if (owner->vlans[vlan]) holdIs(vlan, false);
+  looked_ = false;
+  lookedTo_.reset();
+  reading_.schedule();
 }
 
 void AnswerMirror::withhold() {
@@ -128,22 +133,47 @@ void AnswerMirror::readAgain() {
   reading_.schedule();
 }
 
-// The table from the bookmark on.
 void AnswerMirror::read() {
-  while (!read_ && !failed_) {
-    std::vector<Key> keys;
-    std::vector<PlacedAnswer> answers;
-    keys.reserve(kTogether);
-    answers.reserve(kTogether);
-    read_ = !answerStatus_->answerVisit(bookmark_, kTogether, [&](const Key& key, const auto& answer) {
-      if (!isSound(key)) return;
-      keys.push_back(key);
-      answers.push_back(placed(key, answer));
-    });
-    place(keys, answers);
+  while (!failed_ && !(read_ && looked_)) {
+    read_ ? lookSome() : readSome();
     if (reading_.scheduler()->root().mustYield()) break;
   }
-  if (!read_ && !failed_) reading_.schedule();
+  if (!failed_ && !(read_ && looked_)) reading_.schedule();
+}
+
+// The table from the bookmark on.
+void AnswerMirror::readSome() {
+  std::vector<Key> keys;
+  std::vector<PlacedAnswer> answers;
+  keys.reserve(kTogether);
+  answers.reserve(kTogether);
+  read_ = !answerStatus_->answerVisit(bookmark_, kTogether, [&](const Key& key, const auto& answer) {
+    if (!isSound(key)) return;
+    keys.push_back(key);
+    answers.push_back(placed(key, answer));
+  });
+  place(keys, answers);
+}
+
+// Answers of the ports that have changed, among those from the bookmark on.
+void AnswerMirror::lookSome() {
+  std::vector<Key> keys;
+  auto at = lookedTo_ ? ownerOf_.lowerBound(*lookedTo_) : ownerOf_.begin();
+  for (std::size_t seen = 0; at != ownerOf_.end() && seen < kTogether; ++at, ++seen)
+    if (owners_[at->value].changed) keys.push_back(at->key);
+  looked_ = at == ownerOf_.end();
+  if (!looked_) lookedTo_ = at->key;
+  carryOver(keys);
+  if (!looked_) return;
+  changing_.reset();
+  for (Owner& owner : owners_) owner.changed = false;
+}
+
+void AnswerMirror::carryOver(const std::vector<Key>& keys) {
+  std::vector<PlacedAnswer> answers;
+  answers.reserve(keys.size());
+  for (const Key& key : keys) answers.push_back(placed(key, answerStatus_->answer(key)));
+  place(keys, answers);
 }
 
 void AnswerMirror::endOfTurn() {
@@ -158,10 +188,7 @@ void AnswerMirror::settle() {
     std::vector<Key> keys(pending_.begin(), end);
     pending_.erase(pending_.begin(), end);
     onceEach(keys);
-    std::vector<PlacedAnswer> answers;
-    answers.reserve(keys.size());
-    for (const Key& key : keys) answers.push_back(placed(key, answerStatus_->answer(key)));
-    place(keys, answers);
+    carryOver(keys);
   }
   const bool reconciled = surroundings_.reconciled();
   if (!withheld_ && !reconciled) withhold();
@@ -170,7 +197,7 @@ void AnswerMirror::settle() {
   if (!pending_.empty() && !failed_) reading_.schedule();
   if (withheld_ || !read_ || !pending_.empty() || !answerStatus_->answerCollection().isCurrent()) return;
   takeUp();
-  const Netlink::VlanIds coming = wanted_ & ~excluded_ & ~holding_;
+  const Netlink::VlanIds coming = wanted_ & ~excluded_ & ~changing_ & ~holding_;
   for (std::size_t vlan = coming._Find_first(); vlan < coming.size(); vlan = coming._Find_next(vlan))
     holdIs(vlan, true);
 }
@@ -214,6 +241,7 @@ void AnswerMirror::ownerIs(const Key& key, const Lanix::IntfId& owner) {
   if (!owner) return;
   const std::uint32_t place = placeOf(owner);
   ++owners_[place].answers;
+  owners_[place].vlans.set(key.vlanId.value());
   ownerOf_.insert(key, place);
 }
 
@@ -222,7 +250,7 @@ std::uint32_t AnswerMirror::placeOf(const Lanix::IntfId& owner) {
   auto at = std::ranges::find(owners_, owner, &Owner::intfId);
   if (at == owners_.end()) at = std::ranges::find(owners_, std::size_t{0}, &Owner::answers);
   if (at == owners_.end()) at = owners_.insert(at, Owner{});
-  if (at->answers == 0) *at = {owner, surroundings_.indexOf(owner.kernelName()), 0};
+  if (at->answers == 0) *at = {owner, surroundings_.indexOf(owner.kernelName()), 0, false, {}};
   return static_cast<std::uint32_t>(at - owners_.begin());
 }
 

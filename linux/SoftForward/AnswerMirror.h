@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -27,8 +28,9 @@ namespace SoftForward {
 // carried over.
 //
 // What there is no room for is left out, and taken up when there is room: whoever asks for it is answered by
-// the agent, or, of IPv6, by the owner. There is one room for both families. So is an answer whose owner's port is not there (any more): which port is not to be answered is
-// not known.
+// the agent, or, of IPv6, by the owner. There is one room for both families. Left out is also an answer whose
+// owner's port is not there (any more): which port is not to be answered is not known. When a port comes, goes or
+// changes its index, the VLANs of its owners are void until their answers have been looked up, in slices.
 class AnswerMirror {
  public:
   struct Surroundings {
@@ -73,12 +75,17 @@ class AnswerMirror {
     Lanix::IntfId intfId;
     std::uint32_t index;
     std::size_t answers;
+    bool changed;            // its index has, since all answers were last gone through
+    Netlink::VlanIds vlans;  // in which it has had answers
   };
 
   void readAgain();
   void read();
+  void readSome();
+  void lookSome();
   void endOfTurn();
   void settle();
+  void carryOver(const std::vector<Key>& keys);
   void place(const std::vector<Key>& keys, const std::vector<PlacedAnswer>& answers);
   PlacedAnswer placed(const Key& key, const ArpSuppression::Answer& answer);
   void ownerIs(const Key& key, const Lanix::IntfId& owner);
@@ -107,6 +114,9 @@ class AnswerMirror {
   Mox::HashMap<Key, std::uint32_t> ownerOf_;
   bool read_ = true;  // the whole table, since the room last changed
   Memtab::Cursor bookmark_;
+  bool looked_ = true;  // at all that have an owner, since a port last changed
+  std::optional<Key> lookedTo_;
+  Netlink::VlanIds changing_;  // with owners on ports that have changed
   Orb::Task reading_;
   Orb::Task again_;
   Orb::IdleCall idle_;

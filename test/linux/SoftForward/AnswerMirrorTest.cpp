@@ -20,10 +20,6 @@ using ArpSuppression::AnswerStatus;
 
 class AnswerMirrorTest : public ProgramsRig {
  protected:
-  // Entries of both maps by address and VLAN: MAC address, owner's interface index, whether it is a router.
-  using Entries =
-      std::map<std::pair<Lanix::IpGenAddr, std::uint16_t>, std::tuple<std::uint64_t, std::uint32_t, bool>>;
-
   void SetUp() override {
     ProgramsRig::SetUp();
     tables_ = Mox::make<Memtab::EntityManager>(loop_, root_->scheduler(), directory_);
@@ -37,8 +33,6 @@ class AnswerMirrorTest : public ProgramsRig {
                                    [this] { return reconciled_; },
                                    [this](const Mox::Result<>& written) { refusal_ = written.error(); },
                                    [this] { ++holdingChanges_; }});
-    map_.emplace(programs_, "answers");
-    ndMap_.emplace(programs_, "nd_answers");
   }
   ~AnswerMirrorTest() override {
     mirror_.reset();
@@ -56,37 +50,13 @@ class AnswerMirrorTest : public ProgramsRig {
   static Answer answer(std::uint8_t mac, const char* owner = "", bool router = false) {
     return {Lanix::EthAddr({2, 0, 0, 0, 0, mac}), Lanix::IntfId::fromName(owner), 8, router};
   }
-  static std::uint64_t number(const std::uint8_t* bytes, std::size_t size) {
-    std::uint64_t number = 0;
-    for (std::size_t i = 0; i < size; ++i) number = number << 8 | bytes[i];
-    return number;
-  }
-
-  template <class MapKey, class Address>
-  static void add(Entries& to, const Map& map) {
-    MapKey at{};
-    for (bool first = true; bpf_map_get_next_key(map.descriptor(), first ? nullptr : &at, &at) == 0;
-         first = false) {
-      const auto value = map.at<SoftForwardAnswer>(at);
-      typename Address::Bytes address;
-      std::ranges::copy(at.address, address.begin());
-      to[{Address(address), at.vlan}] = {number(value.address, 6), value.owner, value.router != 0};
-    }
-  }
-  Entries inPrograms() const {
-    Entries entries;
-    add<SoftForwardAnswerKey, Lanix::IpAddr>(entries, *map_);
-    add<SoftForwardNdAnswerKey, Lanix::Ip6Addr>(entries, *ndMap_);
-    return entries;
-  }
   // All of the table that could be there, were there room.
-  Entries inTable() {
-    Entries entries;
+  AnswersInMaps inTable() {
+    AnswersInMaps entries;
     answers_->answerForEach([&](const AnswerKey& key, const Answer& answer) {
       const std::uint32_t owner = answer.owner ? devices_[answer.owner.kernelName()] : 0;
-      if (answer.owner && owner == 0) return;
-      entries[{key.ipAddress, key.vlanId.value()}] = {number(answer.macAddress.bytes().data(), 6), owner,
-                                                      answer.router};
+      if (!answer.owner || owner != 0)
+        entries[key] = {answer.macAddress, owner, SOFT_FORWARD_ANSWERED_REMOTE, answer.router};
     });
     return entries;
   }
@@ -111,7 +81,6 @@ class AnswerMirrorTest : public ProgramsRig {
   std::string refusal_;
   int holdingChanges_ = 0;
   std::optional<AnswerMirror> mirror_;
-  std::optional<Map> map_, ndMap_;
 };
 
 TEST_F(AnswerMirrorTest, TheProgramsHaveTheTableAfterWhateverChanged) {
@@ -158,7 +127,7 @@ TEST_F(AnswerMirrorTest, TheProgramsHaveTheTableAfterWhateverChanged) {
     if (below(3) != 0) continue;
     settle();
     SCOPED_TRACE("round " + std::to_string(round) + ", room for " + std::to_string(room));
-    const Entries table = inTable(), programs = inPrograms();
+    const AnswersInMaps table = inTable(), programs = answersIn(programs_);
     for (const std::uint16_t each : kVlans) ASSERT_EQ(holds(each), wanted[each]);
     const std::size_t all = answers_->answers();
     ASSERT_EQ(mirror_->refused(), room != 0 && all > room ? all - room : 0);
@@ -205,6 +174,33 @@ TEST_F(AnswerMirrorTest, WhatIsInDoubtIsVoid) {
   EXPECT_EQ(holdingChanges_, 4);
 }
 
+// The answers of a port that has changed are found in slices, and only its VLANs are void until they are.
+TEST_F(AnswerMirrorTest, APortWithManyAnswersIsLookedThroughInSlices) {
+  constexpr std::uint32_t kAnswers = 5000, kIndex = 7;
+  root_->mustYieldForTestIs([] { return true; });
+  mirror_->roomIs(2 * kAnswers);
+  devices_ = {{"port1", 1}, {"port2", 2}};
+  for (std::uint32_t host = 0; host < kAnswers; ++host) {
+    answers_->answerIs(key(10, host), answer(1, "port1"));
+    answers_->answerIs(key(20, host), answer(2, host % 2 == 0 ? "port2" : ""));
+  }
+  vlanIs(10, true);
+  vlanIs(20, true);
+  settle();
+  ASSERT_EQ(answersIn(programs_), inTable());
+  devices_["port1"] = kIndex;
+  mirror_->handleDevice("port1");
+  EXPECT_FALSE(holds(10));
+  int slices = 0;
+  for (; !holds(10); ++slices) {
+    ASSERT_TRUE(holds(20));
+    ASSERT_TRUE(loop_.step());
+  }
+  EXPECT_GE(slices, static_cast<int>(kAnswers / 1024));
+  EXPECT_EQ(answersIn(programs_), inTable());
+  EXPECT_TRUE(holds(20));
+}
+
 // Nothing is said to hold while the programs do not take what is written.
 TEST_F(AnswerMirrorTest, ARefusedWriteIsToldAndTriedAgain) {
   mirror_->roomIs(100);
@@ -212,7 +208,7 @@ TEST_F(AnswerMirrorTest, ARefusedWriteIsToldAndTriedAgain) {
   vlanIs(10, true);
   settle();
   ASSERT_TRUE(holds(10));
-  ASSERT_EQ(bpf_map_freeze(map_->descriptor()), 0);
+  ASSERT_EQ(bpf_map_freeze(Map(programs_, "answers").descriptor()), 0);
   answers_->answerDel(key(10, 1));
   settle();
   EXPECT_NE(refusal_.find("answers, VLAN 10"), std::string::npos) << refusal_;

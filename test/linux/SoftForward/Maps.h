@@ -5,10 +5,15 @@
 #include <linux/bpf.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <compare>
+#include <map>
 #include <string>
 
 #include "SoftForward/Programs.h"
+#include "SoftForward/Shared.h"
+#include "Suppression/Answer.h"
 
 namespace SoftForward {
 
@@ -48,5 +53,46 @@ class Map {
  private:
   int descriptor_ = -1;
 };
+
+// Answers in the maps of both families.
+struct AnswerInMap {
+  Lanix::EthAddr macAddress;
+  std::uint32_t owner = 0;  // interface index
+  std::uint8_t counter = SOFT_FORWARD_ANSWERED_REMOTE;
+  bool router = false;
+  friend auto operator<=>(const AnswerInMap&, const AnswerInMap&) = default;
+};
+using AnswersInMaps = std::map<ArpSuppression::AnswerKey, AnswerInMap>;
+
+template <class MapKey, class Address>
+void addAnswers(AnswersInMaps& to, const Map& map) {
+  MapKey at{};
+  for (bool first = true; bpf_map_get_next_key(map.descriptor(), first ? nullptr : &at, &at) == 0;
+       first = false) {
+    const auto value = map.at<SoftForwardAnswer>(at);
+    typename Address::Bytes address;
+    std::ranges::copy(at.address, address.begin());
+    Lanix::EthAddr::Bytes macAddress;
+    std::ranges::copy(value.address, macAddress.begin());
+    to[{Bridging::VlanId(at.vlan), Address(address)}] = {Lanix::EthAddr(macAddress), value.owner,
+                                                         value.counter, value.router != 0};
+  }
+}
+
+inline AnswersInMaps answersIn(const Programs& programs) {
+  AnswersInMaps answers;
+  addAnswers<SoftForwardAnswerKey, Lanix::IpAddr>(answers, Map(programs, "answers"));
+  addAnswers<SoftForwardNdAnswerKey, Lanix::Ip6Addr>(answers, Map(programs, "nd_answers"));
+  return answers;
+}
+
+// As a failed comparison shows it.
+inline void PrintTo(const AnswersInMaps& answers, std::ostream* stream) {
+  for (const auto& [key, answer] : answers) {
+    *stream << "\n  " << key.vlanId.toStrep() << " " << key.ipAddress.toStrep() << ": "
+            << answer.macAddress.toStrep() << " owner " << answer.owner << " counter " << +answer.counter
+            << (answer.router ? " router" : "");
+  }
+}
 
 }  // namespace SoftForward
