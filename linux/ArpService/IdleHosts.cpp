@@ -16,6 +16,7 @@ constexpr std::uint32_t kRaised = 1024;
 // In one gc_stale_time there are so many rounds, and a host is asked in the one in which it has been idle for
 // half of it or more: before three quarters have passed.
 constexpr double kRounds = 4;
+constexpr double kShareOfRounds = 0.01;
 constexpr std::uint32_t kHighestWanted = 1U << 30;
 
 }  // namespace
@@ -55,7 +56,8 @@ void IdleHosts::handleNeighbour(const Netlink::Neighbour& neighbour) {
     hosts_.push_back({neighbour.ifIndex, neighbour.address, idle});
 }
 
-void IdleHosts::roundEnds() {
+void IdleHosts::roundEnds(double took) {
+  roundSeconds_ = took;
   for (Family& family : families_) advise(family);
   std::ranges::sort(hosts_, {}, &Host::idle);
   const double batches = static_cast<double>(hosts_.size()) / kAtOnce;
@@ -73,7 +75,7 @@ void IdleHosts::advise(Family& family) {
 }
 
 double IdleHosts::period() const {
-  double seconds = refreshSeconds_ / kRounds;
+  double seconds = std::max(refreshSeconds_ / kRounds, roundSeconds_ / kShareOfRounds);
   for (const Family& family : families_) {
     if (!isUnsafe(family) || !family.hasHosts) continue;
     seconds = std::min(seconds, family.staleSeconds / kRounds);

@@ -21,7 +21,8 @@ namespace ArpService {
 // when it may soon be so, they are asked after half of that.
 //
 // Fed by the rounds, each of which tells how the table is kept and then of every neighbour. What a round found
-// is asked for in small batches until the next, those first that were idle longest.
+// is asked for in small batches until the next, those first that were idle longest. A round costs what the whole
+// table costs: where nothing is lost by it, the next one waits so long that rounds take a hundredth of the time.
 class IdleHosts {
  public:
   struct Host {
@@ -49,7 +50,8 @@ class IdleHosts {
   void hostIs(bool isIpv4) { families_[isIpv4 ? 0 : 1].hasHosts = true; }
   // Of a neighbour on an interface that matters.
   void handleNeighbour(const Netlink::Neighbour& neighbour);
-  void roundEnds();
+  // Its steps took so many seconds.
+  void roundEnds(double took);
 
   // Seconds from one round to the next.
   double period() const;
@@ -75,6 +77,7 @@ class IdleHosts {
   static void advise(Family& family);
 
   double refreshSeconds_ = 240;
+  double roundSeconds_ = 0;  // of the last one
   bool hasFeed_ = false;
   std::array<Family, 2> families_;
   std::vector<Host> hosts_;  // to be asked, those last that were idle longest

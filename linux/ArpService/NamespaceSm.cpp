@@ -283,7 +283,11 @@ bool NamespaceSm::step() {
       return true;
     }
   }
-  return round_.step();
+  const Orb::Clock& clock = scheduler()->loop().clock();
+  const double begin = clock.now();
+  const bool more = round_.step();
+  roundSeconds_ += clock.now() - begin;
+  return more;
 }
 
 // A refusal brings the next round forward: by a second at first, by twice as much after each round that was
@@ -292,7 +296,7 @@ void NamespaceSm::walkFinishedNotification() {
   if (!sockets_ && !reopen_) return;
   const bool ended = round_.takeEnded();
   if (ended) {
-    idleHosts_.roundEnds();
+    idleHosts_.roundEnds(roundSeconds_);
     idleHostProblems_.tell(idleHosts_);
     if (!idleHosts_.empty()) probeTask_.schedule();
   }
@@ -314,6 +318,7 @@ void NamespaceSm::handleRound() {
   if (!sockets_) return;
   if (!round_.idle()) return roundTask_.schedule(kNextRound);
   idleHosts_.roundBegins();
+  roundSeconds_ = 0;
   round_.start(sockets_->dumps);
 }
 

@@ -53,7 +53,7 @@ struct Places {
 // What is to be done with a key follows from the configuration and the kernel as they are when it is done;
 // events only put the key into the queue. Keys whose event was missed or whose request was refused, and what
 // an earlier run left, are found by rounds. There is one when the namespace's VRF becomes active, when the
-// kernel dropped notifications, soon after a refusal, and every quarter of the refresh time. A VLAN interface
+// kernel dropped notifications, soon after a refusal, and every quarter of the refresh time, or later when the table is very large (IdleHosts.h). A VLAN interface
 // that comes costs work for the entries that waited for it.
 //
 // Works in slices of one batch of requests or one datagram of a dump. The sockets keep the namespace alive.
@@ -137,6 +137,7 @@ class NamespaceSm final : public Orb::WalkSmBase {
   Mox::Notifiee<Orb::FileDescriptor> readable_;
   Devices devices_;
   Round round_;
+  double roundSeconds_ = 0;  // that its steps took
   IdleHosts idleHosts_;
   // The kernel was had ask for them, and had no answer that is known; false: since they were configured anew.
   std::map<Key, bool> asked_;

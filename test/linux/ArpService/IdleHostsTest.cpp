@@ -24,6 +24,7 @@ TEST(IdleHosts, AreAskedBeforeTheKernelDropsThem) {
     double confirmed, used;
     bool asked;
     double period;
+    double took = 0;  // the round
   } cases[] = {
       {"few neighbours", 10, 128, false, 0, 200, 200, false, 60},
       {"and after the refresh time", 10, 128, false, 0, 240, 0, true, 60},
@@ -35,6 +36,9 @@ TEST(IdleHosts, AreAskedBeforeTheKernelDropsThem) {
       {"a feed may bring many", 10, 128, true, 0, 30, 30, true, 15},
       {"a feed, and a threshold that was raised", 10, 65536, true, 0, 30, 30, false, 60},
       {"a threshold of none", 1, 0, false, 0, 30, 30, true, 15},
+      {"a round that is soon done", 10, 128, false, 0, 240, 240, true, 60, 0.6},
+      {"one that is not", 1000000, 1U << 22, false, 0, 240, 240, true, 400, 4},
+      {"one that is not, where hosts are lost", 1000000, 128, false, 0, 30, 30, true, 15, 4},
   };
   for (const auto& item : cases) {
     SCOPED_TRACE(item.what);
@@ -50,7 +54,7 @@ TEST(IdleHosts, AreAskedBeforeTheKernelDropsThem) {
     neighbour.confirmedAgo = item.confirmed;
     neighbour.usedAgo = item.used;
     hosts.handleNeighbour(neighbour);
-    hosts.roundEnds();
+    hosts.roundEnds(item.took);
     EXPECT_EQ(hosts.take().size(), item.asked ? 1U : 0U);
     EXPECT_EQ(hosts.period(), item.period);
   }
@@ -68,7 +72,7 @@ TEST(IdleHosts, AreSpreadAndReported) {
       neighbour.confirmedAgo = neighbour.usedAgo = 30 + i % 1000 * 0.02;
       hosts.handleNeighbour(neighbour);
     }
-    hosts.roundEnds();
+    hosts.roundEnds(0);
   };
   round(1000, 6400);
   EXPECT_NEAR(hosts.delay() * 100, hosts.period(), 0.01) << "a hundred batches until the next round";
