@@ -9,54 +9,59 @@ constexpr std::size_t kKeysPerStep = 64;
 
 }  // namespace
 
+Queue::Record& Queue::record(const Key& key) {
+  Record* const known = records_.find(key);
+  return known ? *known : records_.insert(key, {});
+}
+
 void Queue::add(const Key& key) {
-  Record& record = records_[key];
-  settled_ -= isSettled(record) ? 1 : 0;
-  record.settled = false;
-  if (!std::exchange(record.waiting, true)) waiting_.push_back(key);
+  Record& added = record(key);
+  settled_ -= isSettled(added) ? 1 : 0;
+  added.settled = false;
+  if (!std::exchange(added.waiting, true)) waiting_.push_back(key);
 }
 
 void Queue::addFound(const Key& key) {
   add(key);
-  records_[key].found = true;
+  record(key).found = true;
 }
 
 void Queue::addUnsettled(const Key& key) {
-  if (const auto at = records_.find(key); at == records_.end() || !isSettled(at->second)) add(key);
+  if (const Record* const known = records_.find(key); !known || !isSettled(*known)) add(key);
 }
 
 // No interface's name sorts before "!".
 Key Queue::firstOf(const Lanix::IpGenAddr& address) { return {address, Lanix::IntfId::fromName("!")}; }
 
 void Queue::addAddress(const Lanix::IpGenAddr& address) {
-  for (auto at = records_.lower_bound(firstOf(address)); at != records_.end() && at->first.address == address;
+  for (auto at = records_.lowerBound(firstOf(address)); at != records_.end() && at->key.address == address;
        ++at)
-    add(at->first);
+    add(at->key);
 }
 
 Queue::Taken Queue::take() {
   const Key key = waiting_.front();
   waiting_.pop_front();
-  Record& record = records_[key];
-  record.waiting = false;
-  record.round = round_;
-  return {key, record.given, std::exchange(record.found, false)};
+  Record& taken = record(key);
+  taken.waiting = false;
+  taken.round = round_;
+  return {key, taken.given, std::exchange(taken.found, false)};
 }
 
 void Queue::settle(const Key& key, bool given) {
-  Record& record = records_[key];
-  if (record.waiting) return;
-  settled_ += isSettled(record) ? 0 : 1;
-  record.settled = true;
-  record.given = given;
-  record.round = round_;
+  Record& settled = record(key);
+  if (settled.waiting) return;
+  settled_ += isSettled(settled) ? 0 : 1;
+  settled.settled = true;
+  settled.given = given;
+  settled.round = round_;
 }
 
 void Queue::forget(const Key& key) {
-  const auto at = records_.find(key);
-  if (at == records_.end() || at->second.waiting) return;
-  settled_ -= isSettled(at->second) ? 1 : 0;
-  records_.erase(at);
+  const Record* const known = records_.find(key);
+  if (!known || known->waiting) return;
+  settled_ -= isSettled(*known) ? 1 : 0;
+  records_.take(key);
   if (const auto parked = parked_.find(key.intf); parked != parked_.end()) parked->second.erase(key);
 }
 
@@ -80,14 +85,14 @@ void Queue::unsettleAll() {
 
 bool Queue::rescan(std::optional<Key>& bookmark, std::size_t max,
                    const std::function<bool(const Key&)>& gone) {
-  auto at = bookmark ? records_.lower_bound(*bookmark) : records_.begin();
+  auto at = bookmark ? records_.lowerBound(*bookmark) : records_.begin();
   for (; max != 0 && at != records_.end(); --max, ++at) {
     const auto& [key, record] = *at;
     const bool given = isSettled(record) && record.given;
     if ((record.round != round_ && !given) || gone(key)) add(key);
   }
   bookmark.reset();
-  if (at != records_.end()) bookmark = at->first;
+  if (at != records_.end()) bookmark = at->key;
   return bookmark.has_value();
 }
 

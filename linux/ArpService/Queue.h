@@ -11,6 +11,7 @@
 #include "Arp/InputConfig.h"
 #include "Lanix/IntfId.h"
 #include "Lanix/IpGenAddr.h"
+#include "Mox/HashTable.h"
 
 namespace ArpService {
 
@@ -19,6 +20,8 @@ struct Key {
   Lanix::IpGenAddr address;
   Lanix::IntfId intf;
   Arp::HostAddress host() const { return {Bridging::VlanId(intf.vlanNumber()), address}; }
+  // Those of one address lie together.
+  std::uint64_t hash(std::uint64_t state) const { return address.hash(state); }
   friend auto operator<=>(const Key&, const Key&) = default;
 };
 
@@ -78,7 +81,9 @@ class Queue {
   // And that for the namespace that is served now.
   bool isSettled(const Record& record) const { return record.settled && record.round >= firstRound_; }
 
-  std::map<Key, Record> records_;
+  Record& record(const Key& key);
+
+  Mox::HashMap<Key, Record> records_;
   std::deque<Key> waiting_;
   std::map<Lanix::IntfId, std::set<Key>> parked_;
   std::deque<std::set<Key>> returning_;  // parked until now, no set empty
