@@ -63,6 +63,8 @@ TEST(Lifecycle, start_over_what_a_killed_run_left) {
     EXPECT_TRUE(rig.tree().entityIs("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus"));
     rig.published()->runnableIs(true);
     for (const std::uint32_t vlan : {10u, 77u}) rig.published()->vlanIdIs(Vlan(vlan), true);
+    const auto output = rig.state<Arp::ArpInputConfig>("arp/input/config/arpSuppression");
+    output->vrfIs("red")->ipv4Is(ip("10.0.0.99").ipv4(), {mac(kHostMac), intf("Vlan10"), 0, false});
     rig.evpn()->mplsConfiguredIs(configured);
     std::vector<bool> runnable;
     Mox::Notifiee<ArpSuppressionStatus> watch(rig.published());
@@ -79,6 +81,7 @@ TEST(Lifecycle, start_over_what_a_killed_run_left) {
     } else {
       expectStopped(rig);
       EXPECT_THAT(runnable, ElementsAre(false));
+      EXPECT_EQ(output->vrfs(), 0u) << "its kernel neighbours too";
     }
     EXPECT_EQ(rig.errors, "");
   }

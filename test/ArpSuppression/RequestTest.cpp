@@ -318,8 +318,11 @@ TEST(Request, failed_sends_are_counted_and_harm_nothing) {
   rig.sockets.fails(TestSupport::FakePacketSockets::Call::send, ENOBUFS);
   rig.trap(Trapped{});
   EXPECT_EQ(rig.takeCounters(), "replyRemote=1 replySendFailed=1 trappedRequest=1");
-  rig.trap(Trapped{});
-  EXPECT_THAT(rig.replies(), SizeIs(1));
+  rig.sockets.fails(TestSupport::FakePacketSockets::Call::send, ENOBUFS);
+  for (int i = 0; i < 3; ++i) rig.sockets.device(Rig::kArpsnoop).receives(Trapped{}.frame());
+  rig.settle();
+  EXPECT_THAT(rig.replies(), SizeIs(2)) << "those behind the refused one of a batch";
+  EXPECT_EQ(rig.takeCounters(), "replyRemote=3 replySendFailed=1 trappedRequest=3");
 }
 
 TEST(Request, what_a_full_queue_gives_up_is_counted) {
@@ -384,6 +387,9 @@ TEST(Request, sockets_that_cannot_be_opened_are_problems_and_replies_are_tried_a
   rig.settle();
   EXPECT_EQ(subjects(), "VRF blue; ") << "what is absent cannot be refused";
   EXPECT_THAT(rig.command("explain", {"10", "10.0.0.98"}), HasSubstr("\\\"arpinject\\\" is missing or down"));
+  rig.device("default", "arpsnoop", 0);
+  rig.settle();
+  EXPECT_THAT(rig.command("explain", {"10", "10.0.0.99"}), HasSubstr("the trap device is missing or down"));
 }
 
 }  // namespace

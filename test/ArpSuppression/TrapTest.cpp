@@ -154,7 +154,9 @@ TEST(Trap, read_errors_end_the_walk_and_the_next_frame_starts_a_new_one) {
 TEST(Trap, socket_follows_its_device) {
   Rig rig;
   rig.remoteBinding(10, "10.0.0.99", kHostMac);
+  rig.sockets.otherDevicesReceive(Trapped{}.frame());
   rig.start();
+  EXPECT_THAT(rig.replies(), IsEmpty()) << "what came in on another device than the trap's";
   const int open = rig.sockets.openSockets();
   EXPECT_EQ(rig.sockets.device(Rig::kArpsnoop).bound(), 1);
   EXPECT_EQ(rig.sockets.device(Rig::kArpinject).receiveBuffer(), 0) << "it sends only";

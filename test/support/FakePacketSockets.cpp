@@ -95,11 +95,11 @@ bool FakePacketSockets::failing(Call call) {
   return true;
 }
 
-int FakePacketSockets::open(int, std::uint16_t) {
+int FakePacketSockets::open(int, std::uint16_t protocol) {
   if (failing(Call::open)) return -1;
   int pair[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) return -1;
-  sockets_[pair[0]] = {pair[1]};
+  sockets_[pair[0]] = {pair[1], 0, protocol};
   return pair[0];
 }
 
@@ -110,6 +110,7 @@ int FakePacketSockets::bind(int socket, std::uint32_t ifIndex, std::uint16_t pro
     errno = EBADF;
     return -1;
   }
+  if (!beforeBinding_.empty()) device(0).receives(beforeBinding_);
   at->second.ifIndex = ifIndex;
   at->second.protocol = protocol;
   if (device(ifIndex).full_) fill(socket);

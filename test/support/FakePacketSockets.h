@@ -57,6 +57,9 @@ class FakePacketSockets final : public Lanix::PacketSockets {
 
   // The device of a kernel index; it is there from the first mention on.
   FakeDevice& device(std::uint32_t ifIndex);
+  // The frame comes in on some other device whenever a socket is about to be bound: who was opened for its
+  // protocol already has it then.
+  void otherDevicesReceive(const Frame& frame) { beforeBinding_ = frame; }
   // The next `times` calls of a kind fail with this errno.
   void fails(Call call, int error, int times = 1) { failures_[call] = {error, times}; }
 
@@ -101,6 +104,7 @@ class FakePacketSockets final : public Lanix::PacketSockets {
   std::map<int, Socket> sockets_;
   std::map<std::uint32_t, std::unique_ptr<FakeDevice>> devices_;
   std::map<Call, Failure> failures_;
+  Frame beforeBinding_;
   int sendCalls_ = 0;
   Lanix::Replaced<Lanix::PacketSockets> replaced_;
 };

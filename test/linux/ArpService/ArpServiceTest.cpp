@@ -363,6 +363,11 @@ TEST_F(ArpServiceTest, FollowsTheConfiguration) {
 
   configIs("10.0.0.1", ServiceRig::entry(kMac2, "Vlan10", kLocal, true));
   expect("vlan10", {"10.0.0.1 02:00:00:00:00:02 reachable 110"});
+  request(removeRequest(Lab::ifIndex("vlan10"), ServiceRig::ip("10.0.0.1")));
+  expect("vlan10", {}, "a dynamic one that went stays gone");
+  config->ipv4Del(ServiceRig::ip("10.0.0.1"));
+  configIs("10.0.0.1", ServiceRig::entry(kMac2, "Vlan10", kLocal, true));
+  expect("vlan10", {"10.0.0.1 02:00:00:00:00:02 reachable 110"}, "configured anew");
   config->ipv4Del(ServiceRig::ip("10.0.0.1"));
   expect("vlan10", {"10.0.0.1 02:00:00:00:00:02 reachable 110"}, "left to the kernel's ageing");
 
@@ -508,9 +513,19 @@ TEST_F(ArpServiceTest, VrfDevices) {
   EXPECT_EQ(rig->problems->problems(), 0U);
 }
 
-// A kernel that may have no room for more neighbours, and counts how often all are asked for.
+// A kernel that may have no room for more neighbours, or for a change that it was to tell, and counts how often
+// all neighbours are asked for.
 class FullKernel final : public Netlink::Kernel {
  public:
+  std::int64_t receive(int descriptor, std::span<std::byte> buffer, bool& fromKernel) override {
+    const auto size = Netlink::Kernel::receive(descriptor, buffer, fromKernel);
+    nlmsghdr header;
+    std::memcpy(&header, buffer.data(), sizeof header);
+    if (size < 0 || !losing || header.nlmsg_type != RTM_DELNEIGH) return size;
+    losing = false;
+    errno = ENOBUFS;
+    return -1;
+  }
   std::int64_t send(int descriptor, Netlink::Bytes bytes) override {
     nlmsghdr header;
     std::memcpy(&header, bytes.data(), sizeof header);
@@ -521,6 +536,7 @@ class FullKernel final : public Netlink::Kernel {
     return -1;
   }
   bool full = true;
+  bool losing = false;
   int refused = 0;  // requests, of many neighbours each
   int dumps = 0;
 };
@@ -547,6 +563,21 @@ TEST_F(ArpServiceTest, ADeviceCostsWorkForItsOwnEntries) {
   EXPECT_EQ(neighbours("vlan30").size(), 99U);
   EXPECT_EQ(neighbours("vlan10").size(), 101U);
   EXPECT_EQ(kernel.dumps, 0);
+}
+
+TEST_F(ArpServiceTest, WhatChangedUnheardIsFoundAtOnce) {
+  FullKernel kernel;
+  kernel.full = false;
+  rigIs({&kernel});
+  configIs("10.0.0.1", ServiceRig::entry(kMac1, "Vlan10"));
+  rig->start();
+  const Lines there = {"10.0.0.1 02:00:00:00:00:01 permanent 110"};
+  expect("vlan10", there);
+  kernel.losing = true;
+  request(removeRequest(Lab::ifIndex("vlan10"), ServiceRig::ip("10.0.0.1")));
+  EXPECT_THAT(neighbours("vlan10"), IsEmpty());
+  expect("vlan10", there, "without waiting for the next round");
+  EXPECT_FALSE(kernel.losing);
 }
 
 TEST_F(ArpServiceTest, RefusedEntriesAreReportedAndTriedAgain) {

@@ -137,6 +137,18 @@ TEST_F(NeighboursTest, ChangesBetweenOverrunAndEmptySocketAreFound) {
     settle();
     EXPECT_EQ(rig->neighbours().size(), 1u + static_cast<unsigned>(turns));
   }
+  // A round that is under way does not make good what is lost of a table that it has behind it.
+  std::string before = "10.0.0.1/24";
+  for (int turns = 1; turns < 40; ++turns) {
+    red.overrun();
+    for (int i = 0; i < turns; ++i) rig->loop().step(0);
+    red.loses();
+    red.delAddress("vlan10", std::exchange(before, "10.0." + std::to_string(turns) + ".1/24"));
+    red.addAddress("vlan10", before);
+    red.overrun();
+    settle();
+    EXPECT_EQ(rig->ip("Vlan10"), "red " + before) << turns;
+  }
 }
 
 TEST_F(NeighboursTest, TableThatWasDisturbedOrRefusedIsReadAgain) {

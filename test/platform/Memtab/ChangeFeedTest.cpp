@@ -1,5 +1,8 @@
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 
+#include <fstream>
 #include <set>
 #include <vector>
 
@@ -148,6 +151,39 @@ TEST_F(ChangeFeedTest, TablesThatAppearGoAndAreReplaced) {
   auto expected = times(10, 40);
   for (std::uint32_t i = 20; i < 30; ++i) expected[keyOf(i)] = 2;
   EXPECT_EQ(told(), expected) << "every key of the old and every key of the new";
+}
+
+TEST_F(ChangeFeedTest, ARefusedOpenKeepsWhatIsHeld) {
+  auto writer = open({.capacity = 16});
+  put(*writer, 0, 10);
+  Reader reader(directory, kTable);
+  put(*writer, 10, 1000);  // moves to another segment several times
+  rlimit usual{};
+  getrlimit(RLIMIT_NOFILE, &usual);
+  const rlimit none{0, usual.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  reader.view().refresh();
+  EXPECT_EQ(reader.lookup(keyOf(1)), valueOf(keyOf(1), 0));
+  setrlimit(RLIMIT_NOFILE, &usual);
+  EXPECT_EQ(reader.size(), 1000U);
+}
+
+// The kernel drops what its queue has no room for, and says no more than that.
+TEST_F(ChangeFeedTest, AnOverflowIsNewsOfEveryTable) {
+  Watcher watcher;
+  auto writer = open();
+  Reader reader(directory, kTable, &watcher);
+  news(watcher);
+  int room = 0;
+  std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> room;
+  const std::string other = "/dev/shm/" + directory.prefix() + "-other";
+  for (int i = 0; i <= room / 2; ++i) {  // each time one event that it comes, and one that it goes
+    close(::open(other.c_str(), O_CREAT | O_CLOEXEC, 0600));
+    unlink(other.c_str());
+  }
+  put(*writer, 0, 5);
+  writer->core().flush();
+  EXPECT_EQ(news(watcher), std::set{&reader.view()});
 }
 
 TEST_F(ChangeFeedTest, TheDoorbellRingsOncePerFlushWithNews) {

@@ -254,5 +254,11 @@ TEST_F(TableTest, DeletingAllInSlicesLeavesWhatCameSince) {
   EXPECT_EQ(reader.size(), 0U);
 }
 
+TEST_F(TableTest, WhatComesAndGoesTakesTheSlotThatItHad) {
+  auto writer = open({.capacity = 16});
+  for (int i = 0; i < 100; ++i) put(*writer, 0, 1), writer->entryDel(keyOf(0));
+  EXPECT_EQ(writer->core().segment().fixed().generation, 0U) << "no need for another segment";
+}
+
 }  // namespace
 }  // namespace Memtab::Test

@@ -238,8 +238,7 @@ TEST_F(Walks, scheduling_from_inside_a_run_makes_another_walk_after_this_one) {
         bool once = true;
         const auto at = [&](const std::string& here) {
           if (here != where || !std::exchange(once, false)) return;
-          walk_->scheduleWalk(delay + 5);
-          walk_->scheduleWalk(delay);
+          for (const double more : {5, 0, 7}) walk_->scheduleWalk(delay + more);
         };
         walk_->inStart = [&] { at("start"); };
         walk_->inWalk = [&](int left) { at(left == 2 ? "first slice" : left == 0 ? "last slice" : ""); };
