@@ -298,8 +298,11 @@ void Datapath::look(std::uint16_t id) {
     if (known == vlans_.end()) return;
     standing = lookVlan(id, known->second);
     if (!known->second.configured) {
-      if (!known->second.active && known->second.interface.otherEnd == 0) vlans_.erase(known);
-      return;
+      // Nothing is wrong with it any more but what the kernel would not take out.
+      standing.ready = true;
+      standing.reason.clear();
+      if (!standing.refused && !known->second.active && known->second.interface.otherEnd == 0)
+        vlans_.erase(known);
     }
   }
   if (standing.passing || standing.refused) again_.insert(id);

@@ -293,6 +293,7 @@ void SoftForwardSm::handleLooked(std::uint16_t id, const Standing& standing) {
     report(id, standing, toReport);
     return;
   }
+  if (!wanted_.contains(Bridging::VlanId(id))) return report(id, standing, false);
   if (const auto vlan = forwarding_->vlan(Bridging::VlanId(id))) {
     vlan->reasonIs(standing.reason);
     vlan->accessPortsIs(standing.accessPorts);

@@ -242,6 +242,15 @@ TEST_F(StandingTest, WhatAMapRefusesIsReportedAndTriedAgain) {
   settle();
   EXPECT_EQ(looks_[kVlan], 1);
   EXPECT_TRUE(datapath_->againWanted());
+  datapath_->vlanDel(kVlan);
+  settle();
+  for (int tries = 0; tries < 2; ++tries) {
+    EXPECT_THAT(complaints(), HasSubstr("VLAN 10, taking it out: ")) << "tried " << tries << " times again";
+    EXPECT_TRUE(datapath_->againWanted());
+    standings_.clear();
+    datapath_->againIs();
+    settle();
+  }
   openDatapath();
   datapath_->vlanIs(kVlan, kWanted);
   awaitReady();
