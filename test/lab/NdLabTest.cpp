@@ -4,8 +4,8 @@
 #include <atomic>
 #include <thread>
 
+#include "lab/Listening.h"
 #include "lab/Nd.h"
-#include "lab/WholeSwitch.h"
 
 namespace Lab {
 namespace {
@@ -13,7 +13,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using testing::IsEmpty;
 
-class Solicitations : public WholeSwitch {
+class Solicitations : public Listening {
  protected:
   inline static const Ip6 kHost1Ip6 = ip6("2001:db8:10::11"), kRemoteIp6 = ip6("2001:db8:10::99"),
                           kOtherIp6 = ip6("2001:db8:10::98");
@@ -24,42 +24,8 @@ class Solicitations : public WholeSwitch {
     return advertisement(mac, target, kHost1, kHost1Ip6, router);
   }
   json& remoteBindings() { return config_["state"][kBindings]["remoteBinding"]; }
-  void remote(const Strings& change) const {
-    Strings command = {"remote"};
-    command.insert(command.end(), change.begin(), change.end());
-    const Result done = switch_.arpsup(command);
-    EXPECT_EQ(done.status, 0) << done.error;
-  }
-  void reload(const json& config) const {
-    const auto reload = switch_.reload(config);
-    EXPECT_EQ(reload->wait(), 0) << reload->error;
-  }
-
-  // What becomes of a frame of host 1: who heard it, or what host 1 was told.
-  struct Heard {
-    Texts host1, host2, far;
-    bool operator==(const Heard&) const = default;
-  };
-  friend void PrintTo(const Heard& heard, std::ostream* out) {
-    *out << "host 1: " << testing::PrintToString(heard.host1)
-         << ", host 2: " << testing::PrintToString(heard.host2)
-         << ", far end: " << testing::PrintToString(heard.far);
-  }
   static Heard passed(const Frame& frame) { return {{}, {hex(frame)}, {hex(frame)}}; }
-  Heard heard(const Frame& frame) {
-    quiet();
-    host1_->send(frame);
-    const Seen seen = quiet();
-    return {seen.host1, seen.host2, seen.far};
-  }
-  // Once it is so: forwarding follows in its own time.
-  void expectHeard(const char* scenario, const Frame& frame, const Heard& wanted) {
-    SCOPED_TRACE(scenario);
-    const auto deadline = Clock::now() + kDaemonPatience;
-    Heard last = heard(frame);
-    while (!(last == wanted) && Clock::now() < deadline) last = heard(frame);
-    EXPECT_EQ(last, wanted);
-  }
+
   // The counters, once they have all that the programs counted: that takes a second.
   Counters counted() const {
     const auto deadline = Clock::now() + kDaemonPatience;

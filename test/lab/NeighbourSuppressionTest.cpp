@@ -9,40 +9,16 @@
 // Equal is: a MAC alone is no answer, the answer does not depend on the remote host's being up, a request to
 // one station goes to that station, and VLANs are suppressed one by one.
 
-#include "lab/WholeSwitch.h"
+#include "lab/Listening.h"
 
 namespace Lab {
 namespace {
 
-class NeighbourSuppression : public WholeSwitch {
+class NeighbourSuppression : public Listening {
  protected:
-  struct Heard {
-    Texts host1, host2, far;
-    bool operator==(const Heard&) const = default;
-  };
-  friend void PrintTo(const Heard& heard, std::ostream* out) {
-    *out << "host 1: " << testing::PrintToString(heard.host1)
-         << ", host 2: " << testing::PrintToString(heard.host2)
-         << ", far end: " << testing::PrintToString(heard.far);
-  }
-
-  // Who hears what when host 1 sends the frame, once it is that: forwarding follows in its own time.
-  void expectHeard(const char* scenario, const Frame& frame, const Heard& wanted) {
-    SCOPED_TRACE(scenario);
-    const auto deadline = std::chrono::steady_clock::now() + kDaemonPatience;
-    Heard heard;
-    do {
-      quiet();
-      host1_->send(frame);
-      const Seen seen = quiet();
-      heard = {seen.host1, seen.host2, seen.far};
-    } while (!(heard == wanted) && std::chrono::steady_clock::now() < deadline);
-    EXPECT_EQ(heard, wanted);
-  }
   void reload(std::uint16_t vlan, bool suppression) {
     config_["vlans"][std::to_string(vlan)]["suppression"] = suppression;
-    const auto reload = switch_.reload(config_);
-    EXPECT_EQ(reload->wait(), 0) << reload->error;
+    Listening::reload(config_);
   }
 };
 
@@ -69,12 +45,6 @@ TEST_P(NeighbourSuppression, IsWhatTheBridgesOwnIs) {
   run("bridge fdb replace " + entry);
   expectHeard("on again, the MAC known", broadcast, flooded);
   expectHeard("the MAC known, to its station", unicast, toItsStation);
-  const auto remote = [&](const Strings& change) {
-    Strings command = {"remote"};
-    command.insert(command.end(), change.begin(), change.end());
-    const Result done = switch_.arpsup(command);
-    EXPECT_EQ(done.status, 0) << done.error;
-  };
   remote({"add", "10", "10.0.10.99", mac});
   // Nobody is up there: the far end answers in no scenario.
   expectHeard("MAC and address known", broadcast, answered);

@@ -2,64 +2,31 @@
 // program by the kernel, without a network.
 
 #include <gtest/gtest.h>
-#include <linux/pkt_cls.h>
 
 #include <functional>
 
-#include "ProgramsRig.h"
+#include "AnswersRig.h"
 #include "lab/Nd.h"
 
 namespace SoftForward {
 namespace {
 
-using Kind = PlacedAnswer::Kind;
-constexpr std::uint32_t kElsewhere = 4000;
-constexpr std::uint64_t kHour = 3'600'000'000'000;
-constexpr Lanix::EthAddr kOwner({2, 0, 0, 0, 0, 2}), kOwnAddress({2, 0, 0, 0, 0, 0xA}),
-    kSharedAddress({2, 0, 0, 0, 0, 0xB});
 constexpr Lab::Mac kHost{2, 0, 0, 0, 0, 1};
 
-class NdAnswerProgramTest : public ProgramsRig {
+class NdAnswerProgramTest : public AnswersRig {
  protected:
   void SetUp() override {
-    ProgramsRig::SetUp();
-    trapsOnLoopback();
-    refreshIs(kHour);
+    AnswersRig::SetUp();
     answerIs(kTarget, kOwner);
-    programs_.answersHoldIs(kVlan, true);
-    portIs(true);
-  }
-  void refreshIs(std::uint64_t refresh) {
-    ASSERT_TRUE(programs_.answerTermsAre({refresh, {kOwnAddress, kSharedAddress}}));
   }
   void answerIs(const Lab::Ip6& target, const Lanix::EthAddr& mac, std::uint32_t owner = kElsewhere,
                 bool router = false, std::uint16_t vlan = kVlan) {
-    const PlacedAnswer answer{vlan, Lanix::Ip6Addr(target), mac, Kind::nd, owner, router};
-    AnswersRefused refused;
-    const auto placed = programs_.answersAre({&answer, 1}, refused);
-    ASSERT_TRUE(placed) << placed.error();
-    EXPECT_TRUE(refused.at.empty());
-  }
-  void portIs(bool answers) {
-    ASSERT_TRUE(programs_.portIs(kLoopback, kVlan, PortRole::access, {}, answers));
-  }
-  static Netlink::VlanIds only(std::uint16_t vlan) { return Netlink::VlanIds().set(vlan); }
-  void trunkIs(const Netlink::VlanIds& answers, bool tagged) {
-    ASSERT_TRUE(programs_.portDel(kLoopback));
-    ASSERT_TRUE(programs_.trunkIs(
-        kLoopback, {only(kVlan), {}, kVlan, false, {}, tagged ? only(kVlan) : Netlink::VlanIds(), answers}));
-  }
-  void noTrunk() {
-    ASSERT_TRUE(programs_.trunkDel(kLoopback));
-    portIs(true);
-  }
-  bool answered(const Lab::Frame& frame) {
-    return run(Program::accessIngress, frame, 7).result == TC_ACT_REDIRECT;
+    placed({vlan, Lanix::Ip6Addr(target), mac, Kind::nd, owner, router});
   }
   // It goes on as it came, and nobody is shown it.
   void expectPassed(const Lab::Frame& frame, std::uint64_t counted) {
     const std::uint64_t before = programs_.statistics().ndPassed;
-    const Outcome outcome = run(Program::accessIngress, frame, 7);
+    const Outcome outcome = ask(frame);
     EXPECT_EQ(outcome.result, TC_ACT_UNSPEC);
     EXPECT_EQ(Lab::hex(outcome.frame), Lab::hex(frame));
     EXPECT_EQ(outcome.mark, 7U);
@@ -80,7 +47,7 @@ TEST_F(NdAnswerProgramTest, IsAnsweredInEveryByte) {
     answerIs(kTarget, kOwner, 0, router);
     const Lab::Frame wanted = Lab::advertisement(kOwner.bytes(), kTarget, kHost, kHostIp, router);
     for (const Lab::Frame& frame : {request_, flow, reserved}) {
-      const Outcome outcome = run(Program::accessIngress, frame, 7);
+      const Outcome outcome = ask(frame);
       EXPECT_EQ(outcome.result, TC_ACT_REDIRECT);
       EXPECT_EQ(outcome.mark, 7U);
       EXPECT_EQ(Lab::hex(outcome.frame), Lab::hex(wanted));
@@ -202,7 +169,7 @@ TEST_F(NdAnswerProgramTest, WhatIsMalformedPasses) {
 }
 
 TEST_F(NdAnswerProgramTest, WhereNothingIsAnswered) {
-  const auto hold = [this](bool holds) { programs_.answersHoldIs(kVlan, holds); };
+  const auto hold = [this](bool holds) { vlanAnswers(holds); };
   const struct {
     const char* what;
     std::function<void()> before, after;
