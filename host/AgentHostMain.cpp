@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "Tracelet/Text.h"
 #include "Tracelet/Trace.h"
 #include "host/CleanUp.h"
 #include "host/Daemon.h"
@@ -45,7 +46,9 @@ std::string timeText() {
 
 int cleanUpAll(const std::optional<Host::Config>& config) {
   bool said = true;
-  const auto removed = [&](const std::string& what) { said = std::puts(what.c_str()) >= 0 && said; };
+  const auto removed = [&](const std::string& what) {
+    said = std::puts(Tracelet::printable(what).c_str()) >= 0 && said;
+  };
   const bool done = Host::cleanUp(config, {removed, reportError});
   said = std::fflush(stdout) == 0 && said;
   if (!said) reportError("what was removed could not be written");

@@ -5,6 +5,7 @@
 
 #include "Statedb/Json.h"
 #include "Suppression/Limits.h"
+#include "Tracelet/Text.h"
 #include "host/AgentAnswer.h"
 #include "host/HealthSm.h"
 #include "host/JsonText.h"
@@ -112,7 +113,8 @@ class ReloadJob final : public ControlJob {
 
   Step step(std::string& output) override {
     if (!state_->over) return Step::waiting;
-    for (const std::string& problem : state_->problems) ControlCommands::appendText(output, problem + "\n");
+    for (const std::string& problem : state_->problems)
+      ControlCommands::appendText(output, Tracelet::printable(problem) + "\n");
     state_->problems.empty() ? ControlCommands::appendOk(output)
                              : ControlCommands::appendError(
                                    output, "the configuration before it stays in force; correct the file");
@@ -164,7 +166,7 @@ void ControlCommands::appendOk(std::string& output, json answer) {
 }
 
 void ControlCommands::appendError(std::string& output, const std::string& error) {
-  appendLine(output, {{"ok", false}, {"error", error}});
+  appendLine(output, {{"ok", false}, {"error", Tracelet::printable(error)}});
 }
 
 std::unique_ptr<ControlJob> ControlCommands::start(std::string_view line, uid_t user, std::string& output) {
@@ -344,7 +346,7 @@ std::unique_ptr<ControlJob> ControlCommands::agent(const json& request, uid_t us
       "no plug-in that is ready answers \"" + *name + "\"; loaded: " + (loaded.empty() ? "none" : loaded);
   // Both are asked for together, of every agent-host.
   if (*name == kStatusCommand) {
-    appendText(output, statusWithoutAgent(reason).dump());
+    appendText(output, textOf(statusWithoutAgent(reason)));
   } else if (*name == kFeedCommand) {
     appendText(output, "{}");
   } else {
@@ -375,7 +377,7 @@ std::unique_ptr<ControlJob> ControlCommands::health(std::string& output) {
     appendError(output, "the agent-host has only begun to start; ask again");
     return nullptr;
   }
-  appendText(output, healthJson(*health, *problems).dump());
+  appendText(output, textOf(healthJson(*health, *problems)));
   appendOk(output);
   return nullptr;
 }

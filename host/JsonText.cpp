@@ -8,6 +8,9 @@
 #include <cstring>
 #include <vector>
 
+#include "Orb/JsonObject.h"
+#include "Statedb/Json.h"
+
 namespace Host {
 
 bool nestsTooDeep(std::string_view text) {
@@ -95,9 +98,7 @@ class Builder final : public nlohmann::json_sax<nlohmann::json> {
     const auto [member, isNew] = open_.back()->emplace(name, nullptr);
     member_ = &*member;
     if (!isNew) {
-      error_ = "the key " +
-               nlohmann::json(name).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
-               " stands twice in one object";
+      error_ = "the key " + Statedb::jsonText(name) + " stands twice in one object";
     }
     return isNew;
   }
@@ -136,6 +137,10 @@ class Builder final : public nlohmann::json_sax<nlohmann::json> {
 };
 
 }  // namespace
+
+std::string textOf(const nlohmann::ordered_json& value) {
+  return Orb::withoutControls(value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+}
 
 Mox::Result<nlohmann::json> parseJson(std::string_view given, Comments comments) {
   std::string clean;

@@ -16,6 +16,9 @@ inline constexpr unsigned kMaxJsonDepth = 32;
 // recursion over the parsed value is ever deep; comments may make it see too much, never too little.
 bool nestsTooDeep(std::string_view text);
 
+// One line; nothing in the value can make this fail, nor reach a terminal that obeys it.
+std::string textOf(const nlohmann::ordered_json& value);
+
 enum class Comments { refused, allowed };
 
 // Refuses, and says what and where ("line 3, column 7: ..."), text that is not exactly one JSON value, nests

@@ -11,6 +11,7 @@
 #include "Switch/Forwarding.h"
 #include "Switch/Health.h"
 #include "Switch/Problems.h"
+#include "Tracelet/Text.h"
 #include "host/AgentAnswer.h"
 #include "host/StatePaths.h"
 #include "host/Version.h"
@@ -27,14 +28,10 @@ std::string number(double value) {
   return text;
 }
 
-// A label's value, which may come from a plug-in: quotes, backslashes and newlines are escaped.
+// A label's value, which may come from a plug-in. Who reads metrics takes nothing that is not UTF-8.
 std::string quoted(const std::string& value) {
   std::string text = "\"";
-  for (const char c : value) {
-    if (c == '\n') {
-      text += "\\n";
-      continue;
-    }
+  for (const char c : Tracelet::printable(value)) {
     if (c == '"' || c == '\\') text += '\\';
     text += c;
   }

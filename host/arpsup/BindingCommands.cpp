@@ -19,13 +19,6 @@ namespace {
 using nlohmann::json;
 using nlohmann::ordered_json;
 
-template <class Json>
-std::string text(const Json& object, const char* key) {
-  const auto value = object.find(key);
-  if (value == object.end() || value->is_null()) return {};
-  return value->is_string() ? value->template get<std::string>() : textOf(*value);
-}
-
 // "7s", "3m 34s", "5h 2m", "41d 3h"; "" where the key is not there.
 std::string span(const json& object, const char* key) {
   const auto value = object.find(key);
@@ -55,10 +48,10 @@ int printBindingTable(const CommonOptions& options, const std::string& kind, con
   if (!client) return fail(client.failure());
   if (const auto sent = (*client)->send(Statedb::jsonText(request)); !sent) return fail(sent.failure());
   const auto received = receiveBindings(**client, [&](const json& binding) {
-    std::vector<std::string> row = {text(binding, "vlan"), text(binding, "ip"), text(binding, "mac"),
-                                    text(binding, "vrf")};
+    std::vector<std::string> row = {forPeople(binding, "vlan"), forPeople(binding, "ip"),
+                                    forPeople(binding, "mac"), forPeople(binding, "vrf")};
     if (local) {
-      row.push_back(text(binding, "interface"));
+      row.push_back(forPeople(binding, "interface"));
       row.push_back(binding.value("dynamic", false) ? "dynamic" : "permanent, or not yet");
     } else {
       row.push_back(binding.value("localMultihomed", false) ? "here too" : "");
@@ -108,7 +101,7 @@ int showBindings(const CommonOptions& options, const std::string& kind, const Bi
     if (!value)
       fail(kUsage, std::string("--") + name + " " + Statedb::describe(given) + " is not " + allowed);
     if (value) arguments.push_back(std::string(name) + "=" + *value);
-    where += (where.empty() ? " with " : ", ") + std::string(name) + " " + given;
+    where += (where.empty() ? " with " : ", ") + std::string(name) + " " + Tracelet::printable(given);
     return value.has_value();
   };
   if (!add("vlan", filter.vlan, strepOf(Bridging::VlanId::fromStrep(filter.vlan)),
@@ -121,7 +114,7 @@ int showBindings(const CommonOptions& options, const std::string& kind, const Bi
     json whole = {table};
     whole.insert(whole.end(), arguments.begin(), arguments.end());
     const json request = {{"cmd", "agent"}, {"command", "bindings"}, {"args", whole}};
-    if (options.json) return requestStream(options, request, print);
+    if (options.json) return requestStream(options, request, printAnswer);
     return printBindingTable(options, table, request, where);
   };
   if (!kind.empty()) return show(kind);
@@ -144,9 +137,10 @@ int findHost(const CommonOptions& options, const std::string& address) {
   std::string list;
   const auto received = receiveBindings(**client, [&](const json& host) {
     if (options.json) list += (list.empty() ? "" : ",\n") + Statedb::jsonText(host);
-    return table.row({text(host, "vlan"), text(host, "ip"), text(host, "mac"), text(host, "table"),
-                      text(host, "interface"), text(host, "vrf"), text(host, "source"),
-                      span(host, "ageSeconds"), span(host, "lastSeenSeconds"), text(host, "moves")});
+    return table.row({forPeople(host, "vlan"), forPeople(host, "ip"), forPeople(host, "mac"),
+                      forPeople(host, "table"), forPeople(host, "interface"), forPeople(host, "vrf"),
+                      forPeople(host, "source"), span(host, "ageSeconds"), span(host, "lastSeenSeconds"),
+                      forPeople(host, "moves")});
   });
   if (!received) return fail(received.failure());
   if (options.json && !print("[\n" + list + (list.empty() ? "]\n" : "\n]\n"))) return kRefused;
@@ -173,23 +167,22 @@ int explain(const CommonOptions& options, const std::string& vlan, const std::st
   const auto facts = shown.find("facts");
   if (summary == shown.end() || !summary->is_string() || facts == shown.end() || !facts->is_array())
     return unreadable("explain");
-  const std::string action = text(shown, "action");
+  const std::string action = forPeople(shown, "action");
   // What a reply would have said matters only where there is one.
-  const std::string mac = action == "leave" ? "" : text(shown, "mac");
-  std::string lines =
-      action + (mac.empty() ? "" : " with " + mac) + ": " + summary->get<std::string>() + "\n";
+  const std::string mac = action == "leave" ? "" : forPeople(shown, "mac");
+  std::string lines = action + (mac.empty() ? "" : " with " + mac) + ": " + forPeople(*summary) + "\n";
   const std::size_t digits = std::to_string(facts->size()).size();
   std::size_t number = 0;
   for (const ordered_json& fact : *facts) {
     const std::string count = std::to_string(++number);
-    const auto told = fact.is_object() ? fact.find("text") : fact.end();
-    if (!fact.is_object() || told == fact.end() || !told->is_string()) return unreadable("explain");
-    lines += std::string(digits - count.size() + 2, ' ') + count + ". " + told->get<std::string>() + "\n";
+    const std::string told = forPeople(fact, "text");
+    if (told.empty()) return unreadable("explain");
+    lines += std::string(digits - count.size() + 2, ' ') + count + ". " + told + "\n";
   }
   const auto counter = shown.find("counter");
   if (counter != shown.end() && counter->is_object()) {
     lines += std::string(key->ipAddress.isIpv6() ? "Such a solicitation" : "Such a request") + " counts as " +
-             counter->value("name", std::string("?")) + ".\n";
+             forPeople(*counter, "name") + ".\n";
   }
   return printed(lines);
 }

@@ -108,13 +108,13 @@ int showState(const CommonOptions& options, const std::string& path) {
     if (const int status = request(options, {{"cmd", "paths"}}, nullptr, &answer)) return status;
     const json paths = answer.value("paths", json::array());
     std::string lines;
-    for (const json& element : paths) lines += element.is_string() ? element.get<std::string>() + "\n" : "";
+    for (const json& element : paths) lines += forPeople(element) + "\n";
     return printed(options.json ? Statedb::jsonText(paths) + "\n" : lines);
   }
   // A table may be large: JSON is passed on as it comes.
   PrettyJson pretty;
   const int status = requestStream(options, {{"cmd", "show"}, {"path", path}}, [&](std::string_view piece) {
-    return print(options.json ? std::string(piece) : pretty.next(piece));
+    return printAnswer(options.json ? std::string(piece) : pretty.next(piece));
   });
   return status == kDone ? printed("\n") : status;
 }
@@ -125,12 +125,12 @@ int monitor(const CommonOptions& options, const std::vector<std::string>& paths)
   if (!client) return fail(client.failure());
   (*client)->waitForEver();
   const auto sent = (*client)->send(Statedb::jsonText({{"cmd", "monitor"}, {"paths", paths}}));
-  return fail(sent ? (*client)->receive(print).failure() : sent.failure());
+  return fail(sent ? (*client)->receive(printAnswer).failure() : sent.failure());
 }
 
 int showTechSupport(const CommonOptions& options) {
   const json request = {{"cmd", "agent"}, {"command", "showTechSupport"}};
-  if (!options.json) return requestStream(options, request, print);
+  if (!options.json) return requestStream(options, request, printAnswer);
   bool begun = false;
   const int status = requestStream(options, request, [&](std::string_view piece) {
     const std::string quoted = Statedb::jsonText(std::string(piece));
@@ -166,7 +166,8 @@ int applyFile(const CommonOptions& options, const std::string& file) {
 }
 
 int reload(const CommonOptions& options) {
-  return requestStream(options, {{"cmd", "reload"}}, [](std::string_view problems) {
+  return requestStream(options, {{"cmd", "reload"}}, [](std::string_view text) {
+    const std::string problems = Tracelet::printableLines(text);
     return std::fwrite(problems.data(), 1, problems.size(), stderr) == problems.size();
   });
 }

@@ -2,6 +2,7 @@
 #include <numeric>
 #include <set>
 
+#include "Statedb/Json.h"
 #include "Switch/Config.h"
 #include "Switch/Event.h"
 #include "host/StatePaths.h"
@@ -66,7 +67,7 @@ std::set<std::string> addresses(const CommonOptions& options, const std::string&
     if (!vlan.empty()) arguments.push_back("vlan=" + vlan);
     const nlohmann::json request = {{"cmd", "agent"}, {"command", "bindings"}, {"args", arguments}};
     const auto client = Client::connect(options.runDirectory, kShellPatience);
-    if (!client || !(*client)->send(nlohmann::to_string(request))) return names;
+    if (!client || !(*client)->send(Statedb::jsonText(request))) return names;
     static_cast<void>(receiveBindings(**client, [&](const nlohmann::json& binding) {
       const std::string ip = binding.value("ip", std::string());
       if (ip.starts_with(beginning)) names.insert(ip);
@@ -176,7 +177,7 @@ int complete(const CLI::App& app, const CommonOptions& given, const std::vector<
   }
   std::string lines;
   for (const std::string& offer : offers) {
-    if (offer.starts_with(last)) lines += offer + "\n";
+    if (offer.starts_with(last)) lines += Tracelet::printable(offer) + "\n";
   }
   return printed(lines);
 }

@@ -9,12 +9,6 @@ namespace {
 using nlohmann::json;
 using nlohmann::ordered_json;
 
-std::string forPeople(const ordered_json& object, const char* key) {
-  const auto value = object.find(key);
-  if (value == object.end() || value->is_null()) return {};
-  return value->is_string() ? value->get<std::string>() : textOf(*value);
-}
-
 // The members of each object of a list, a row each.
 bool printList(const ordered_json& list, const std::vector<std::string>& heading,
                const std::vector<const char*>& keys) {

@@ -12,11 +12,6 @@ namespace {
 using nlohmann::json;
 using nlohmann::ordered_json;
 
-std::string stringAt(const ordered_json& object, const char* key) {
-  const auto value = object.is_object() ? object.find(key) : object.end();
-  return value != object.end() && value->is_string() ? value->get<std::string>() : std::string();
-}
-
 const ordered_json& listAt(const ordered_json& object, const char* key) {
   static const ordered_json none = ordered_json::array();
   const auto value = object.is_object() ? object.find(key) : object.end();
@@ -28,7 +23,7 @@ int requestHealth(const CommonOptions& options, ordered_json& health) {
   std::string text;
   if (const int status = request(options, {{"cmd", "health"}}, &text)) return status;
   health = ordered_json::parse(text, nullptr, false);
-  return stringAt(health, "health").empty() ? unreadable("health") : kDone;
+  return forPeople(health, "health").empty() ? unreadable("health") : kDone;
 }
 
 std::string verdictText(const std::string& verdict) {
@@ -51,9 +46,9 @@ std::string problemLines(const ordered_json& health) {
   std::string lines;
   for (const ordered_json& problem : listAt(health, "problems")) {
     if (!problem.is_object()) continue;
-    const std::string advice = stringAt(problem, "advice");
-    lines += coloured(Colour::red, stringAt(problem, "plugin") + ": " + stringAt(problem, "subject")) + ": " +
-             stringAt(problem, "problem") + " (since " + timeText(problem) + ")" +
+    const std::string advice = forPeople(problem, "advice");
+    lines += coloured(Colour::red, forPeople(problem, "plugin") + ": " + forPeople(problem, "subject")) +
+             ": " + forPeople(problem, "problem") + " (since " + timeText(problem) + ")" +
              (advice.empty() ? "" : "; " + advice) + "\n";
   }
   return lines;
@@ -63,17 +58,9 @@ std::string listText(const ordered_json& names) {
   constexpr std::size_t kShown = 6;
   std::string text;
   for (std::size_t i = 0; i < names.size() && i < kShown; ++i)
-    text += (i == 0 ? "" : " ") + (names[i].is_string() ? names[i].get<std::string>() : textOf(names[i]));
+    text += (i == 0 ? "" : " ") + forPeople(names[i]);
   if (names.size() > kShown) text += " and " + std::to_string(names.size() - kShown) + " more";
   return text;
-}
-
-std::string forPeople(const ordered_json& value) {
-  if (value.is_string()) return value.get<std::string>();
-  if (!value.is_array()) return textOf(value);
-  std::string list;
-  for (const auto& element : value) list += (list.empty() ? "" : ", ") + forPeople(element);
-  return list.empty() ? "none" : list;
 }
 
 // "core10, core11 (missing)"
@@ -89,7 +76,7 @@ std::string tunnelPorts(const ordered_json& vlan) {
 // "kernel (protocols 11, 186), 2 IPv4 and 0 IPv6 addresses, 0 refused; read 3 s ago"
 std::string feedText(const ordered_json& feed) {
   const auto shown = [&](const char* key) { return textOf(feed.value(key, ordered_json())); };
-  std::string text = stringAt(feed, "source");
+  std::string text = forPeople(feed, "source");
   if (text == "none") return text;
   text += " (protocols " + forPeople(listAt(feed, "protocols")) + "), " + shown("ipv4") + " IPv4 and " +
           shown("ipv6") + " IPv6 addresses, " + shown("refused") + " refused; ";
@@ -104,14 +91,14 @@ bool printVlans(const ordered_json& vlans) {
     if (!vlan.is_object()) continue;
     const ordered_json counts = vlan.value("bindings", ordered_json::object());
     const std::vector<std::string> row = {textOf(vlan.value("vlan", ordered_json())),
-                                          stringAt(vlan, "state"),
-                                          stringAt(vlan, "bridge"),
+                                          forPeople(vlan, "state"),
+                                          forPeople(vlan, "bridge"),
                                           listText(listAt(vlan, "accessPorts")),
                                           tunnelPorts(vlan),
-                                          stringAt(vlan, "vrf"),
+                                          forPeople(vlan, "vrf"),
                                           textOf(counts.value("local", ordered_json(0))),
                                           textOf(counts.value("remote", ordered_json(0))),
-                                          stringAt(vlan, "reason")};
+                                          forPeople(vlan, "reason")};
     if (!table.row(row)) return false;
   }
   return table.count() == 0 || (print("\n") && table.flush());
@@ -123,7 +110,7 @@ int showHealth(const CommonOptions& options) {
   constexpr int kGood = 0, kDegraded = 1, kFailed = 2;
   ordered_json health;
   if (requestHealth(options, health) != kDone) return kFailed;
-  const std::string verdict = stringAt(health, "health");
+  const std::string verdict = forPeople(health, "health");
   if (!print(options.json ? textOf(health) + "\n" : verdictText(verdict) + "\n" + problemLines(health)))
     return kFailed;
   return verdict == "good" ? kGood : verdict == "degraded" ? kDegraded : kFailed;
@@ -154,8 +141,8 @@ int showStatus(const CommonOptions& options) {
   const auto line = [&](const std::string& key, const std::string& value) {
     return key + ":" + std::string(width - key.size() + 1, ' ') + value + "\n";
   };
-  std::string lines = line("health", verdictText(stringAt(shown, "health"))) + problemLines(shown);
-  for (const auto& [key, value] : agent.items()) lines += line(key, forPeople(value));
+  std::string lines = line("health", verdictText(forPeople(shown, "health"))) + problemLines(shown);
+  for (const auto& [key, value] : agent.items()) lines += line(Tracelet::printable(key), forPeople(value));
   return print(lines) && printVlans(listAt(shown, "vlans")) ? kDone : kRefused;
 }
 

@@ -22,6 +22,8 @@ bool print(std::string_view text) {
   return false;
 }
 
+bool printAnswer(std::string_view text) { return print(Tracelet::printableLines(text)); }
+
 int printed(std::string_view text) { return print(text) ? kDone : kRefused; }
 
 std::string coloured(Colour colour, std::string_view text) {
@@ -37,7 +39,7 @@ std::string coloured(Colour colour, std::string_view text) {
 }
 
 int fail(int status, const std::string& text) {
-  if (!text.empty()) std::fprintf(stderr, "arpsup: %s\n", text.c_str());
+  if (!text.empty()) std::fprintf(stderr, "arpsup: %s\n", Tracelet::printable(text).c_str());
   return status;
 }
 
@@ -54,10 +56,6 @@ int unreadable(const char* command) {
 // Everything is written as soon as it is whole, so there is nothing to tidy up.
 void endsQuietly() {
   std::signal(SIGINT, [](int) { _exit(kDone); });
-}
-
-std::string textOf(const ordered_json& value) {
-  return value.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
 }
 
 int request(const CommonOptions& options, const json& request, std::string* text, json* answer) {

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "Tracelet/Text.h"
+#include "host/JsonText.h"
 #include "host/arpsup/Client.h"
 #include "host/arpsup/Commands.h"
 
@@ -12,16 +14,20 @@
 
 namespace Host {
 
-// To stdout at once; false when its reader has gone (a pipe into `head`), which ends a command quietly.
+// To stdout at once, as it is: what comes from outside was made printable. False when its reader has gone (a
+// pipe into `head`), which ends a command quietly.
 bool print(std::string_view text);
-// The same as an exit status.
+// What the daemon says, in printable lines.
+bool printAnswer(std::string_view text);
+// As `print`, as an exit status.
 int printed(std::string_view text);
 
 enum class Colour { dim, red, yellow, green };
 // In that colour where stdout is a terminal and NO_COLOR is not set.
 std::string coloured(Colour colour, std::string_view text);
 
-// Writes one line "arpsup: ..." to stderr, unless there is nothing to say; returns the status.
+// Writes one line "arpsup: ..." to stderr, what in it is not printable as \xNN, unless there is nothing to say;
+// returns the status.
 int fail(int status, const std::string& text);
 // With the status that the failure of a Client stands for.
 int fail(const Mox::Failure& failure);
@@ -30,8 +36,21 @@ int unreadable(const char* command);
 // From here on SIGINT ends the process with status 0: it is how a command that goes on for ever is ended.
 void endsQuietly();
 
-// One line; nothing in it can make this fail.
-std::string textOf(const nlohmann::ordered_json& value);
+// A value as people read it, printable: a text as it is, the elements of a list, anything else as JSON.
+template <class Json>
+std::string forPeople(const Json& value) {
+  if (value.is_string()) return Tracelet::printable(value.template get_ref<const std::string&>());
+  if (!value.is_array()) return textOf(value);
+  std::string list;
+  for (const auto& element : value) list += (list.empty() ? "" : ", ") + forPeople(element);
+  return list.empty() ? "none" : list;
+}
+// Of a member of an object; "" where there is none.
+template <class Json>
+std::string forPeople(const Json& object, const char* key) {
+  const auto value = object.is_object() ? object.find(key) : object.end();
+  return value == object.end() || value->is_null() ? std::string() : forPeople(*value);
+}
 
 // One request on a connection of its own. `text` becomes the content of the answer, `answer` its last line;
 // both may be null. Returns the exit status.

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "Tracelet/Text.h"
+
 namespace Orb {
 
 namespace {
@@ -27,7 +29,9 @@ void DumpContext::flush() {
 }
 
 void DumpContext::line(int indent, std::string_view text) {
-  text_.append(static_cast<std::size_t>(std::max(indent, 0)), ' ').append(text).push_back('\n');
+  text_.append(static_cast<std::size_t>(std::max(indent, 0)), ' ');
+  Tracelet::appendPrintable(text_, text);
+  text_ += '\n';
   ++lines_;
   if (text_.size() >= kPiece && descriptor_ != kKeep) flush();
 }

@@ -6,8 +6,11 @@
 
 namespace Orb {
 
-// The JSON string of a text (RFC 8259, 7). Bytes beyond ASCII are passed on as they are.
+// The JSON string of a text (RFC 8259, 7): control characters escaped, U+FFFD for each byte that is not UTF-8.
 std::string jsonString(std::string_view text);
+// JSON text from elsewhere that is UTF-8, with the control characters escaped that JSON lets stand: DEL and
+// U+0080 to U+009F, which terminals obey as well.
+std::string withoutControls(std::string json);
 
 // Writes one JSON object, member by member. Names are the caller's literals.
 class JsonObject {

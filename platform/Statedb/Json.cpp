@@ -1,5 +1,7 @@
 #include "Statedb/Json.h"
 
+#include "Orb/JsonObject.h"
+
 namespace Statedb {
 
 namespace {
@@ -7,7 +9,7 @@ constexpr std::size_t kShownLength = 64;
 }
 
 std::string jsonText(const nlohmann::json& json) {
-  return json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  return Orb::withoutControls(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 void appendJsonText(std::string& text, std::string_view string) {

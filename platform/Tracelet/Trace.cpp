@@ -51,7 +51,8 @@ void textSinkIs(TextSink sink) { registry().sink = std::move(sink); }
 
 void journalIs(bool journal) { registry().journal = journal; }
 
-void writeLine(std::string_view line, Priority priority) {
+void writeLine(std::string_view given, Priority priority) {
+  const std::string line = printable(given);
   if (registry().sink) {
     const TextSink sink = registry().sink;  // which may replace itself
     sink(line);
@@ -79,7 +80,7 @@ void writeTrace(const Handle& handle, const char* source, int line, const char* 
   whole += ' ';
   whole += function;
   whole += ' ';
-  appendPrintable(whole, text.text());
+  whole += text.text();
   writeLine(whole, Priority::debug);
 }
 

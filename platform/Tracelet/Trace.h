@@ -18,7 +18,7 @@
 //
 // While it is off, a trace costs one load and one predicted branch, and nothing of its expression is
 // evaluated. A line is built completely before it is written: a trace inside a streamed expression makes its
-// own, earlier line. Control characters in the text are written as \xNN, so that a line stays one line.
+// own, earlier line.
 //
 // Handles, levels and the sink belong to one thread, the one of the event loop.
 
@@ -58,7 +58,7 @@ void textSinkIs(TextSink sink);
 // How grave a line is, as the system's journal tells them apart.
 enum class Priority : char { error = '3', warning = '4', notice = '5', info = '6', debug = '7' };
 
-// Writes one line to the sink as it is.
+// Writes one line to the sink; what in it is not printable as \xNN (Tracelet/Text.h), so that it is one line.
 void writeLine(std::string_view line, Priority priority = Priority::notice);
 // Whether standard error is the journal, which takes "<4>" at the beginning of a line for its priority.
 void journalIs(bool journal);

@@ -5,6 +5,7 @@
 
 #include <regex>
 
+#include "Tracelet/Text.h"
 #include "host/ControlAddress.h"
 #include "host/arpsup/Output.h"
 #include "host/arpsup/PrettyJson.h"
@@ -174,6 +175,114 @@ TEST_F(Programs, monitorAndTrace) {
   EXPECT_EQ(asNobody("status").error,
             "arpsup: " + runDirectory +
                 "/control: permission denied; run it as root or as a member of the group arpsup\n");
+}
+
+// Listens where a daemon does, and answers every request with the same lines.
+class FalseDaemon {
+ public:
+  explicit FalseDaemon(const std::string& runDirectory)
+      : folder_(open(runDirectory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
+        listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    const sockaddr_un address = Host::controlAddress(folder_);
+    const void* bytes = &address;
+    EXPECT_EQ(bind(listener_, static_cast<const sockaddr*>(bytes), sizeof address), 0);
+    EXPECT_EQ(listen(listener_, 8), 0);
+  }
+  FalseDaemon(const FalseDaemon&) = delete;
+  FalseDaemon& operator=(const FalseDaemon&) = delete;
+  ~FalseDaemon() {
+    for (const int client : clients_) close(client);
+    close(listener_);
+    close(folder_);
+  }
+  // Whoever has come by now is answered, and left to hang up.
+  void answer(const std::string& lines) {
+    for (int client = 0; (client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+      clients_.push_back(client);
+      EXPECT_EQ(send(client, lines.data(), lines.size(), MSG_NOSIGNAL), std::ssize(lines));
+    }
+  }
+
+ private:
+  const int folder_;
+  const int listener_;
+  std::vector<int> clients_;
+};
+
+// Names of interfaces and what else others wrote: nothing of it speaks to the terminal, or begins a line.
+TEST(Arpsup, showsWhatSpeaksToTerminalsByItsBytes) {
+  RunDir runDir;
+  FalseDaemon daemon(runDir.path());
+  const std::string evil = "\x1b[2J\nforged: \x7f\xc2\x9b";
+  const std::string seen = R"(\x1b[2J\x0aforged: \x7f\xc2\x9b)";
+  const auto text = [](const std::string& of) { return json{{"text", of}}.dump() + "\n{\"ok\":true}\n"; };
+  const json problem = {
+      {"plugin", "P"}, {"subject", evil}, {"problem", evil}, {"advice", evil}, {"since", 1}};
+  const json vlan = {{"vlan", 10},
+                     {"state", evil},
+                     {"bridge", evil},
+                     {"accessPorts", {evil, "e"}},
+                     {"tunnelPorts", {evil}},
+                     {"missing", {evil}},
+                     {"vrf", evil},
+                     {"reason", evil}};
+  const json host = {{"vlan", 10},  {"ip", evil},        {"mac", evil},
+                     {"vrf", evil}, {"interface", evil}, {"source", evil}};
+  const struct {
+    Strings arguments;
+    std::string answer;
+    std::string shown;  // somewhere in it
+    int status = 0;
+    std::ptrdiff_t lines = 1;  // of stdout and stderr
+  } cases[] = {
+      {{"health"}, text(json{{"health", "degraded"}, {"problems", {problem}}}.dump()), "; " + seen, 1, 2},
+      {{"status"}, text(json{{"health", "good"}, {"vlans", {vlan}}, {evil, evil}}.dump()), seen + ": ", 0, 6},
+      {{"forwarding"},
+       text(json{{"counters", {{evil, 1}}}, {"ports", {{{"port", evil}}}}}.dump()),
+       seen,
+       0,
+       11},
+      {{"bindings", "local"}, text("[\n" + host.dump() + "\n]\n"), seen, 0, 2},
+      {{"bindings", "local", "--vrf", evil}, text("[\n]\n"), "no local bindings with vrf " + seen},
+      {{"find", "10.0.0.9"}, text("[\n" + host.dump() + "\n]\n"), seen, 0, 2},
+      {{"explain", "10", "10.0.0.9"},
+       text(json{
+           {"action", evil}, {"summary", evil}, {"facts", {{{"text", evil}}}}, {"counter", {{"name", evil}}}}
+                .dump()),
+       "1. " + seen,
+       0,
+       3},
+      {{"show"}, json{{"ok", true}, {"paths", {evil}}}.dump() + "\n", seen},
+      {{"show", "switch/health"}, text("\"\x1b[2J\x7f\xc2\x9b\""), R"("\x1b[2J\x7f\xc2\x9b")"},
+      {{"tech-support"}, text("name=\x1b[2J\x7f\nmore\n"), "name=\\x1b[2J\\x7f\nmore\n", 0, 2},
+      {{"reload"},
+       json{{"text", "a\x1b\n"}}.dump() + "\n" + json{{"ok", false}, {"error", evil}}.dump() + "\n",
+       "a\\x1b\n",
+       1,
+       2},
+      {{"set", "evpn/status", "{}"},
+       json{{"ok", false}, {"error", evil}}.dump() + "\n",
+       "arpsup: " + seen,
+       1},
+      {{"remote", "load", runDir.path() + "/" + evil}, "", seen + ": No such file", 1},
+      {{evil}, "", "unknown command \"" + seen, 2},
+      {{"bindings", "--vlan", evil}, "", R"(--vlan "\u001b[2J\nforged: \u007f\u009b")", 2},
+      {{"find", "\xff"}, "", "ADDRESS \"\xef\xbf\xbd\"", 2},
+      {{"bindings", "local", "--vrf", "\xff"}, text("[\n]\n"), R"(with vrf \xff)"},
+      {{"health", "--json"},
+       text(json{{"health", "good"}, {"x", evil}}.dump()),
+       R"("\u001b[2J\nforged: \u007f\u009b")"},
+  };
+  for (const auto& test : cases) {
+    Strings command = {ARPSUP, "--run-dir", runDir.path()};
+    command.insert(command.end(), test.arguments.begin(), test.arguments.end());
+    const Result result = run(command, "", [&] { daemon.answer(test.answer); });
+    const std::string said = result.output + result.error;
+    EXPECT_EQ(result.status, test.status) << said;
+    EXPECT_THAT(said, HasSubstr(test.shown));
+    EXPECT_EQ(Tracelet::printableLines(said), said);
+    EXPECT_EQ(std::ranges::count(said, '\n'), test.lines) << said;
+  }
 }
 
 // A daemon that hangs is given up, whether or not it has accepted the connection.

@@ -11,10 +11,13 @@
 #include <memory>
 
 #include "Suppression/RemoteBindingConfig.h"
+#include "Switch/Health.h"
+#include "Tracelet/Text.h"
 #include "host/AgentAnswer.h"
 #include "host/Bindings.h"
 #include "host/ControlAddress.h"
 #include "host/ControlServer.h"
+#include "host/HealthSm.h"
 #include "test/host/HostFixture.h"
 
 namespace HostTest {
@@ -208,6 +211,35 @@ TEST_F(Control, refusesWithoutHarm) {
     EXPECT_EQ(host.show(kRemote)["remoteBinding"], json::object()) << test.request;
   }
   EXPECT_EQ(host.show("evpn/status")["mplsConfigured"], false);
+}
+
+// Interfaces may have any name: one that is not UTF-8, or speaks to a terminal, ends neither an answer nor the process.
+TEST_F(Control, namesOfAnyBytesAreCarried) {
+  const std::string name = "e\xff\n\x1b[2J\x7f\xc2\x9b";
+  host.state->problems().problemIs("port " + name, "torn", "mend " + name);
+  const auto tree = host.state->tree();
+  const auto judge = Mox::make<Host::HealthSm>(host.scheduler(), tree);
+  host.settle();
+  const auto health = tree->entityOf<Switch::Health>(Switch::kHealthPath);
+  ASSERT_TRUE(health);
+  health->startingIs(false);
+  health->vlanIs(Bridging::VlanId(10))->accessPortsIs({name});
+  serverIs();
+  for (const char* request : {R"({"cmd":"health"})", R"({"cmd":"show","path":"switch/health"})",
+                              R"({"cmd":"show","path":"switch/problems"})"}) {
+    const std::string answer = answerTo(std::string(request) + "\n", kNobody);
+    EXPECT_THAT(answer, testing::EndsWith(kOk)) << request;
+    EXPECT_EQ(Tracelet::printableLines(answer), answer) << request;
+    const std::string text = textOf(answer);
+    EXPECT_EQ(Tracelet::printable(text), text) << request;
+    EXPECT_TRUE(json::accept(text)) << text;
+    EXPECT_THAT(text, HasSubstr("e\xef\xbf\xbd")) << request;
+  }
+  const json refused =
+      json::parse(answerTo("{\"cmd\":\"agent\",\"command\":\"\\u001b\\n\\u009b\"}\n"), nullptr, false);
+  const auto error = refused.value("error", std::string());
+  EXPECT_THAT(error, HasSubstr(R"(answers "\x1b\x0a\xc2\x9b")")) << "an error is one line";
+  host.state->problems().problemDel("port " + name);
 }
 
 TEST_F(Control, boundsWhatAClientSends) {

@@ -29,14 +29,15 @@ struct Telling final : Plugin::AgentBase {
     agentCommandCallbackIs(Mox::make<Command>(
         "feed", json{{"source", "kernel"}, {"ready", true}, {"ipv6", 2}, {"readingAgeSeconds", 1.5}}));
     const json shown = {{"noAnswer", 1}, {"sender", 2}, {"other", 3}};
-    agentCommandCallbackIs(Mox::make<Command>("forwarding", json{{"heartbeatAgeMs", 5},
-                                                                 {"counters", {{"trapped", 6}}},
-                                                                 {"answers",
-                                                                  {{"held", 7},
-                                                                   {"refused", 8},
-                                                                   {"hits", 9},
-                                                                   {"nd", {{"hits", 4}, {"passed", 5}}},
-                                                                   {"shown", shown}}}}));
+    agentCommandCallbackIs(
+        Mox::make<Command>("forwarding", json{{"heartbeatAgeMs", 5},
+                                              {"counters", {{"trapped", 6}, {"\x1b\"\n", 1}}},
+                                              {"answers",
+                                               {{"held", 7},
+                                                {"refused", 8},
+                                                {"hits", 9},
+                                                {"nd", {{"hits", 4}, {"passed", 5}}},
+                                                {"shown", shown}}}}));
   }
   void doInit() override {}
   void doMountsComplete(Statedb::MountStatus, const Mox::Ptr<Statedb::EntityManager>&) override {}
@@ -149,7 +150,8 @@ TEST_F(MetricsTest, TextIsOfTheFormat) {
   for (const char* line :
        {"loop_turn_seconds_bucket{le=\"+Inf\"} ", "answers{state=\"refused\"} 8\n", "answers_given_total 9\n",
         "solicitations_total{outcome=\"passed\"} 5\n", "requests_shown_total{reason=\"sender\"} 2\n",
-        "forwarding_frames_total{action=\"trapped\"} 6\n", "feed_entries{family=\"ipv6\"} 2\n",
+        "forwarding_frames_total{action=\"trapped\"} 6\n",
+        R"(forwarding_frames_total{action="\\x1b\"\\x0a"} 1)", "feed_entries{family=\"ipv6\"} 2\n",
         "feed_reading_age_seconds 1.5\n"})
     EXPECT_THAT(answer, HasSubstr(std::string("\narp_suppression_") + line));
 }

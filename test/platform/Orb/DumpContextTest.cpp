@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Orb/EventLoop.h"
+#include "Orb/JsonObject.h"
 
 namespace {
 
@@ -25,6 +26,19 @@ TEST(DumpContext, broken_full_and_missing_descriptors_are_harmless) {
   close(ends[1]);
   { Orb::DumpContext(ends[1]).line(0, "closed"); }
   { Orb::DumpContext(-1).line(0, "none"); }
+}
+
+// What names from outside are made of is told without its being obeyed, nor taken for the end of a line.
+TEST(DumpContext, text_of_any_bytes_stays_in_its_line_and_is_json) {
+  const std::string hostile = "\"\\\n\x1b\x7f\xc2\x9b\xff\xc3\xa4\xc2\xa0";
+  Orb::DumpContext context(-1);
+  context.attribute(2, "name", hostile);
+  EXPECT_EQ(context.text(), "  name=\"\\\\x0a\\x1b\\x7f\\xc2\\x9b\\xff\xc3\xa4\xc2\xa0\n");
+  EXPECT_EQ(Orb::jsonString(hostile), R"("\"\\\u000a\u001b\u007f\u009b\ufffd)"
+                                      "\xc3\xa4\xc2\xa0\"");
+  EXPECT_EQ(Orb::withoutControls("[\"\x7f\xc2\x9b\xc2\xa0\xc3\xa4\x7f\"]"),
+            "[\"\\u007f\\u009b\xc2\xa0\xc3\xa4\\u007f\"]");
+  EXPECT_EQ(Orb::withoutControls("[\"plain\"]"), "[\"plain\"]");
 }
 
 }  // namespace

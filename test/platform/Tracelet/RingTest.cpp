@@ -14,6 +14,7 @@
 
 #include "Mox/Assert.h"
 #include "Tracelet/Reader.h"
+#include "Tracelet/Text.h"
 #include "Tracelet/Tracelet.h"
 
 namespace {
@@ -94,12 +95,37 @@ TEST_F(RingTest, RecordsReadBackAsText) {
   TRACELET_RECORD("n={} u={} b={} c={} d={}", -5, UINT64_MAX, true, 'U', 0.25);
   TRACELET_RECORD_AT(0, "mac={} ip4={} ip6={} ip={}{}", MacLike(), Ip4Like(), Ip6Like(), IpLike{4},
                      IpLike{0});
-  TRACELET_RECORD_AT(5, "{};{};{};{};{}", "literal", std::string("a\nb"), Named(), Colour::green, none);
+  TRACELET_RECORD_AT(5, "{};{};{};{};{}", "literal", std::string("a\nb\xc2\x9b\xff"), Named(), Colour::green,
+                     none);
   EXPECT_THAT(linesOf(file),
               ElementsAre(MatchesRegex("[0-9-]+T[0-9:.]+Z 2 Tracelet/RingTest:[0-9]+ no arguments"),
                           EndsWith(" n=-5 u=18446744073709551615 b=true c=U d=0.25"),
                           EndsWith(" mac=02:00:00:00:be:ef ip4=10.0.0.1 ip6=fe80::1 ip=10.0.0.2"),
-                          EndsWith(" literal;a\\x0ab;Vlan10;green;NULL")));
+                          EndsWith(" literal;a\\x0ab\\xc2\\x9b\\xff;Vlan10;green;NULL")));
+}
+
+// What terminals obey, and what is not UTF-8, is told by its bytes: everything else stays as it is.
+TEST_F(RingTest, TextFromOutsideIsPrintable) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},
+      {"plain ~ \"text\" \\", "plain ~ \"text\" \\"},
+      {"\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80 \xc2\xa0", "\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80 \xc2\xa0"},
+      {std::string("\0\t\r\n", 4) + "\x1b[31m\x7f", "\\x00\\x09\\x0d\\x0a\\x1b[31m\\x7f"},
+      {"\xc2\x80\xc2\x9b\xc2\x9f", "\\xc2\\x80\\xc2\\x9b\\xc2\\x9f"},  // control characters of two bytes
+      {"\x80 \xc0\x9b \xc1\xbf", "\\x80 \\xc0\\x9b \\xc1\\xbf"},       // no beginning; longer than need be
+      {"\xe0\x82\x9b \xf0\x80\x82\x9b",
+       "\\xe0\\x82\\x9b \\xf0\\x80\\x82\\x9b"},  // the same of three and four
+      {"\xed\xa0\x80 \xf4\x90\x80\x80 \xff", "\\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80 \\xff"},
+      {"\xe2\x82", "\\xe2\\x82"},  // cut short
+      {"\xe2\x82x\xf0\x9f\x98", "\\xe2\\x82x\\xf0\\x9f\\x98"},
+  };
+  for (const auto& [text, shown] : cases) {
+    EXPECT_EQ(Tracelet::printable(text), shown);
+    said_.clear();
+    Tracelet::writeLine(text);
+    EXPECT_THAT(said_, ElementsAre(shown)) << "what is logged is a line";
+  }
+  EXPECT_EQ(Tracelet::printableLines("a\x1b\nb\x9b\n\nc\r"), "a\\x1b\nb\\x9b\n\nc\\x0d");
 }
 
 // Shown are the times that the clock now gives to them, but only where that can be known: in the same boot.
