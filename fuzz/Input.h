@@ -1,8 +1,10 @@
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -15,6 +17,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Tracelet/Text.h"
+
 // What the fuzz targets share: taking a libFuzzer input apart, saying what must hold, damaging a sound file.
 
 namespace Fuzz {
@@ -25,6 +29,12 @@ inline void check(bool holds, std::string_view expected, std::string_view found 
   const std::string line = "expected: " + std::string(expected) + "; found: " + std::string(found) + "\n";
   std::fwrite(line.data(), 1, line.size(), stderr);
   std::abort();
+}
+
+// Text that people are shown: nothing in it that a terminal obeys, and UTF-8. `newlines`: it may be several lines.
+inline void checkPrintable(std::string_view text, bool newlines = false) {
+  const std::string printable = newlines ? Tracelet::printableLines(text) : Tracelet::printable(text);
+  check(printable == text, "printable text", printable);
 }
 
 // The input from its start to its end; an end that comes too early reads as zeros.
@@ -47,6 +57,12 @@ class Input {
     const auto taken = std::as_bytes(rest_.first(std::min(count, rest_.size())));
     rest_ = rest_.subspan(taken.size());
     return taken;
+  }
+  // The same as an input of its own.
+  Input part(std::size_t count) {
+    const Input part(rest_.data(), std::min(count, rest_.size()));
+    rest_ = rest_.subspan(part.rest_.size());
+    return part;
   }
   std::span<const std::byte> rest() { return bytes(rest_.size()); }
   std::string text() {
@@ -96,8 +112,9 @@ inline std::vector<std::byte> contentOf(const std::string& file) {
   return {bytes.begin(), bytes.end()};
 }
 inline void contentIs(const std::string& file, std::span<const std::byte> bytes) {
-  std::ofstream out(file, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  check(write(descriptor, bytes.data(), bytes.size()) == std::ssize(bytes), file, std::strerror(errno));
+  close(descriptor);
 }
 
 }  // namespace Fuzz

@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Fuzz::check(static_cast<bool>(reader.readable()), "no line of a file that is refused");
     Fuzz::check(++lines <= bytes.size() / sizeof(Tracelet::RecordHeader), "no more lines than records fit",
                 *line);
-    for (const char c : *line) Fuzz::check(static_cast<unsigned char>(c) >= ' ', "a printable line", *line);
+    Fuzz::checkPrintable(*line);
   }
   return 0;
 }
