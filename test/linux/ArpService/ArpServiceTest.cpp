@@ -309,7 +309,8 @@ TEST_F(ArpServiceTest, AsksForWhatIsToBeConfirmed) {
   expectInRed({answered, "10.0.0.3 02:00:00:00:00:01 zebra's 11", "10.0.0.4 02:00:00:00:00:01 zebra's 11",
                "10.0.0.5 02:00:00:00:00:01 zebra's 11", "10.0.0.6" + failed},
               "where zebra has nothing");
-  EXPECT_EQ(rig->confirmation->silents(), 1U);
+  // Another namespace's crowd has the kernel drop the entry of one that is silent: it is asked again then.
+  EXPECT_TRUE(rig->becomes([&] { return rig->confirmation->silents() == 1 && silent("10.0.0.6"); }));
 
   inRed([&] { zebraHasNot("10.0.0.4"); });
   EXPECT_TRUE(rig->becomes([&] { return silent("10.0.0.4"); })) << "asked once zebra's has gone";

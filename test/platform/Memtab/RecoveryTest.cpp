@@ -370,8 +370,7 @@ TEST_F(RecoveryTest, WritersKilledInMidWriteWhileAnotherProcessReads) {
     const Model left = entries(*writer);
     ASSERT_EQ(left.size(), writer->size());
     for (const auto& [key, value] : left) ASSERT_TRUE(belongs(key, value)) << "torn";
-    while (reader.drain(1000, follow)) {
-    }
+    toTheEnd([&] { return reader.drain(1000, follow); });
     ASSERT_EQ(followed, left) << "round " << round;
   }
   EXPECT_GT(found, 1000U);

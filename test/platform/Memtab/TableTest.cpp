@@ -125,8 +125,7 @@ TEST_P(ChurnTest, ReadersAgreeWithAModel) {
     const auto found = model.find(probe);
     ASSERT_EQ(reader.lookup(probe), found == model.end() ? std::nullopt : std::optional(found->second));
     if (step % 6000 == 5999) {
-      while (follower.drain(churn.slice, follow)) {
-      }
+      toTheEnd([&] { return follower.drain(churn.slice, follow); });
       ASSERT_EQ(followed, model) << "after step " << step;
       ASSERT_EQ(entries(reader, churn.slice), model);
       ASSERT_EQ(entries(*writer), model);
@@ -180,16 +179,18 @@ TEST_F(TableTest, AWalkResumesAtAKey) {
   Reader reader(directory, kTable);
   std::vector<Key> order;
   Cursor all;
-  while (reader.visit(all, 50, [&](const Key& key, const Value&) { order.push_back(key); }).more) {
-  }
+  toTheEnd([&] {
+    return reader.visit(all, 50, [&](const Key& key, const Value&) { order.push_back(key); }).more;
+  });
   ASSERT_EQ(order.size(), 1000U);
   put(*writer, 5000, 9000);  // the order holds in the segments to come
   writer->entryDel(order[500]);
   for (const std::size_t at : {0U, 1U, 499U, 500U, 999U}) {
     std::set<Key> rest;
     Cursor cursor = Reader::cursorFrom(order[at]);
-    while (reader.visit(cursor, 20, [&](const Key& key, const Value&) { rest.insert(key); }).more) {
-    }
+    toTheEnd([&] {
+      return reader.visit(cursor, 20, [&](const Key& key, const Value&) { rest.insert(key); }).more;
+    });
     for (std::size_t i = 0; i < order.size(); ++i) {
       EXPECT_EQ(rest.contains(order[i]), i >= at && i != 500) << "from " << at << ", entry " << i;
     }
@@ -246,11 +247,9 @@ TEST_F(TableTest, DeletingAllInSlicesLeavesWhatCameSince) {
   EXPECT_EQ(reader.size(), 1990U);
   put(*writer, 5000, 5003);
   put(*writer, 0, 2);
-  while (writer->entryDelAll(10)) {
-  }
+  toTheEnd([&] { return writer->entryDelAll(10); });
   EXPECT_EQ(entries(reader).size(), 5U);
-  while (writer->entryDelAll(10)) {
-  }
+  toTheEnd([&] { return writer->entryDelAll(10); });
   EXPECT_EQ(reader.size(), 0U);
 }
 
