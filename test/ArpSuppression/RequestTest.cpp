@@ -71,8 +71,8 @@ constexpr char kReplied[] = "replyRemote=1 trappedRequest=1";
 constexpr Trapped kRequest{}, kForSwitch{.targetIp = "10.0.0.1"}, kProbe{.senderIp = "0.0.0.0"},
     kAnnouncement{.senderIp = "10.0.0.99"}, kBySwitch{.senderMac = kBridgeMac},
     kByRouter{.senderMac = kVirtualMac}, kOnEthernet2{.ifIndex = Rig::kEthernet2},
-    kOnFabric{.ifIndex = Rig::kFabric}, kOnNoPort{.ifIndex = 4711}, kReply{.operation = 2},
-    kTagged{.tagged = true, .tag = 20}, kLonger{.extra = 32};
+    kOnFabric{.ifIndex = Rig::kFabric}, kOnNoPort{.ifIndex = 4711}, kOnCpu{.ifIndex = 40},
+    kReply{.operation = 2}, kTagged{.tagged = true, .tag = 20}, kLonger{.extra = 32};
 
 const Case kCases[] = {
     {"unknown target floods", kNone, kNone, kNowhere, kRequest, kNone, kFlooded, 'U',
@@ -108,6 +108,8 @@ const Case kCases[] = {
     {"port without an interface", kNone, kHostMac, kNowhere, kOnFabric, kNone,
      "replyRemote=1 noReplyUnknownSourcePort=1 trappedRequest=1"},
     {"port that nobody knows", kNone, kHostMac, kNowhere, kOnNoPort, kNone,
+     "replyRemote=1 noReplyUnknownSourcePort=1 trappedRequest=1"},
+    {"the kernel's own device", kNone, kHostMac, kNowhere, kOnCpu, kNone,
      "replyRemote=1 noReplyUnknownSourcePort=1 trappedRequest=1"},
     {"the switch asks: a static binding is asked for", kNone, kHostMac, kNowhere, kBySwitch, kNone,
      "replyRemote=1 staticBindingEvent=1 trappedRequest=1"},
@@ -146,6 +148,8 @@ void setUp(Rig& rig, const Case& c) {
   for (const char* network : {"10.0.0.0/26", "10.0.0.98/32", "10.0.0.0/31", "10.0.0.96/27", "10.0.1.0/24"})
     if (c.where == kExcluded)
       rig.state<NeverAnswer>(kNeverAnswerPath)->prefixIs(*IpNetwork::fromStrep(network));
+  rig.device("default", "cpu", kOnCpu.ifIndex);
+  rig.state<Interface::AllIntfStatusDir>("interface/status/all")->intfStatusIs(intf("cpu"));
   if (c.where == kNoFabric) rig.device("default", "fabric", 0);
   if (c.where == kNoInterface) rig.noVlanInterface(10);
 }

@@ -202,6 +202,15 @@ TEST_F(Feed, liesOverTheConfiguredBindings) {
   rig->config()->evpn()->feedIs(Switch::EvpnFeed::kernel);
   settle();
   EXPECT_THAT(bindings(), ElementsAre("10 10.0.0.1 01", "10 10.0.0.2 bb people"));
+  // All of them change, more than one step takes.
+  for (const char* host : {"cc", "dd"}) {
+    Switch::RemoteBindings many;
+    for (int i = 0; i < 200; ++i) many.merge(binding(10, "10.0.1." + std::to_string(i), host));
+    bindingsAre(many);
+    settle();
+    const auto is = [&](const std::string& line) { return line.ends_with(std::string(host) + " people"); };
+    EXPECT_EQ(std::ranges::count_if(bindings(), is), 200) << host;
+  }
 }
 
 TEST_F(Feed, followsDevicesAndVlans) {

@@ -130,6 +130,15 @@ TEST_F(VrfsTest, RefusedIsNotGone) {
     EXPECT_THAT(reports.lines,
                 testing::Contains(testing::HasSubstr("network namespace red: good again")).Times(1));
   }
+  kernel.refusesEntering(EMFILE);
+  kernel.addNamespace("blue");
+  rig->vrfIs("blue", 6, "blue");
+  settle();
+  EXPECT_TRUE(problems->problem("KernelState network namespace blue"));
+  rig->config()->vrfDel("blue");
+  passes(10);
+  stands("while no other can be entered");
+  EXPECT_EQ(problems->problems(), 0u);
   // What an earlier run left is not given up before its namespace could be looked at.
   kernel.refusesNames(EMFILE);
   restarts();

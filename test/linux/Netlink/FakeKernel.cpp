@@ -222,7 +222,7 @@ Mox::Result<NamespaceLook> FakeKernel::look(const Lanix::NamespaceName& name) {
 Mox::Result<std::unique_ptr<RouteSource>> FakeKernel::open(const Lanix::NamespaceName& name,
                                                            const std::vector<Table>& tables) {
   const auto found = namespaces_.find(name);
-  const int error = found == namespaces_.end() || !found->second ? ENOENT : refusedNames_;
+  const int error = found == namespaces_.end() || !found->second ? ENOENT : refusedEntering_;
   if (error != 0) return Mox::Failure{name + " cannot be entered: " + strerror(error), error};
   return std::unique_ptr<RouteSource>(std::make_unique<Source>(*this, found->second, tables));
 }

@@ -143,7 +143,9 @@ class FakeKernel final : public KernelAccess {
   int looks() const { return looks_; }
 
   // Looking at namespaces and entering them fails with this errno from now on; 0: no longer.
-  void refusesNames(int error) { refusedNames_ = error; }
+  void refusesNames(int error) { refusedNames_ = refusedEntering_ = error; }
+  // The latter alone.
+  void refusesEntering(int error) { refusedEntering_ = error; }
 
   Mox::Result<NamespaceLook> look(const Lanix::NamespaceName& name) override;
   Mox::Result<std::unique_ptr<RouteSource>> open(const Lanix::NamespaceName& name,
@@ -158,6 +160,7 @@ class FakeKernel final : public KernelAccess {
   std::uint64_t nextInode_ = 100;
   int openSources_ = 0;
   int refusedNames_ = 0;
+  int refusedEntering_ = 0;
   int looks_ = 0;
   Events* events_ = nullptr;
   Lanix::Replaced<KernelAccess> replaced_;

@@ -305,6 +305,7 @@ TEST_F(SocketTest, RequestTakesItsOwnAnswerOnly) {
     kernel_.answer(acknowledgement(sequence - 1, EPERM));                     // late, of an earlier request
     kernel_.answer(raw(RTM_NEWLINK, 0, 0, number(1)));                        // a notification
     kernel_.answer({}, EINTR);
+    kernel_.answer({});
     kernel_.answer(raw(RTM_NEWLINK, 0, sequence, number(7)) + Datagram(3));  // with a torn end
     kernel_.answer(acknowledgement(sequence, EEXIST, "it is there"));
   };

@@ -40,7 +40,9 @@ TEST_F(ChangeFeedTest, ReportsEveryChangeAndNothingElse) {
   EXPECT_TRUE(drained(reader).empty()) << "attaching replays nothing";
   put(*writer, 0, 10);
   EXPECT_TRUE(drained(reader).empty()) << "equal values";
+  EXPECT_TRUE(reader.isCurrent());
   put(*writer, 3, 5, 1);
+  EXPECT_FALSE(reader.isCurrent());
   writer->entryDel(keyOf(7));
   writer->entryDel(keyOf(700));
   put(*writer, 10, 11);

@@ -155,8 +155,11 @@ TEST_F(RecoveryTest, AWriterThatDiedWhileTheTableMoved) {
   File(reader.view().file()).header().retired = 1;
   EXPECT_EQ(reader.lookup(keyOf(0)), valueOf(keyOf(0), 0));
   EXPECT_EQ(drained(reader).size(), 5U);
+  const std::string next = Directory::nextFile(reader.view().file());
+  EXPECT_EQ(access(next.c_str(), F_OK), 0);
   writer.reset();
-  ASSERT_GE(::open(Directory::nextFile(reader.view().file()).c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600), 0);
+  EXPECT_NE(access(next.c_str(), F_OK), 0) << "goes with a writer that ends";
+  ASSERT_GE(::open(next.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600), 0);
   writer = open();
   EXPECT_EQ(report.start, OpenReport::Start::kTakenOver);
   EXPECT_EQ(writer->size(), count + 5);
