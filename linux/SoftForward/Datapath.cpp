@@ -103,7 +103,10 @@ Netlink::VlanIds Datapath::vlansNaming(const std::string& device, bool asBridge)
 }
 
 void Datapath::activeVlanIs(std::uint16_t id, bool active) {
-  vlans_[id].active = active;
+  Vlan& vlan = vlans_[id];
+  vlan.active = active;
+  // Nobody takes up what is trapped from here on; all the rest can wait for its turn, which tries this again as well.
+  if (!active) static_cast<void>(trappedIs(id, vlan, false));
   dirty_.insert(id);
 }
 
@@ -301,7 +304,8 @@ void Datapath::look(std::uint16_t id) {
       // Nothing is wrong with it any more but what the kernel would not take out.
       standing.ready = true;
       standing.reason.clear();
-      if (!standing.refused && !known->second.active && known->second.interface.otherEnd == 0)
+      if (!standing.refused && !known->second.active && known->second.interface.otherEnd == 0 &&
+          !again_.contains(id))
         vlans_.erase(known);
     }
   }
@@ -311,6 +315,8 @@ void Datapath::look(std::uint16_t id) {
 
 void Datapath::againIs() {
   readingFailed_ = false;
+  for (const std::uint16_t id : again_)
+    if (const auto vlan = vlans_.find(id); vlan != vlans_.end()) vlan->second.lapsed = true;
   dirty_.merge(again_);
   again_.clear();
   trunks_.againIs();

@@ -148,6 +148,7 @@ class Datapath {
     VlanWanted wanted;
     bool configured = false;
     bool active = false;
+    bool lapsed = false;   // its paths were left a while for what was trapped before it was taken out
     bool trapped = false;  // in the programs' map
     VlanPaths paths;
     std::set<Netlink::IfIndex> ports;

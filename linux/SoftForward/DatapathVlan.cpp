@@ -113,6 +113,11 @@ void Datapath::withdraw(std::uint16_t id, Vlan& vlan, Standing& standing) {
   const std::string subject = vlanName(id) + ", taking it out";
   standing.complain(subject, trappedIs(id, vlan, false));
   for (const Netlink::IfIndex ifIndex : std::set(vlan.ports)) standing.complain(subject, portDel(ifIndex));
+  // What was trapped until now is still on its way through the agent, whose replies and floods go these.
+  if (!vlan.lapsed && vlan.paths != VlanPaths()) {
+    again_.insert(id);
+    return;
+  }
   standing.complain(subject, pathsAre(id, vlan, {}));
   vlan.taking = 0;
   if (vlan.configured) return;
@@ -124,6 +129,7 @@ Mox::Result<> Datapath::trappedIs(std::uint16_t id, Vlan& vlan, bool trapped) {
   if (vlan.trapped == trapped) return {};
   auto written = programs_.activeVlanIs(id, trapped);
   if (written) vlan.trapped = trapped;
+  if (vlan.trapped) vlan.lapsed = false;
   return written;
 }
 

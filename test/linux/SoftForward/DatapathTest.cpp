@@ -48,8 +48,7 @@ TEST_F(DatapathTest, WhatIsNotTrappedPassesUntouched) {
   start();
   const Lab::Frame inactive = request(kHost1, kIp1, kIp2);
   const Lab::Frame active = request(kHost1, kIp1);
-  datapath_->activeVlanIs(kVlan, false);
-  settle();
+  datapath_->activeVlanIs(kVlan, false);  // at once
   host1_->send(inactive);
   datapath_->activeVlanIs(kVlan, true);
   settle();
@@ -266,6 +265,11 @@ TEST_F(DatapathTest, PortsComeAndGo) {
   EXPECT_EQ(snoop_->receive(), trapped(frame, 20, Lab::ifIndex("access1")));
   datapath_->vlanDel(20);
   settle();
+  EXPECT_NE(Lab::ifIndex("fabin20"), 0U) << "what was trapped is still to be answered";
+  EXPECT_TRUE(datapath_->againWanted());
+  datapath_->againIs();
+  settle();
+  EXPECT_FALSE(datapath_->againWanted());
   EXPECT_EQ(Lab::ifIndex("fabin20"), 0U);
   EXPECT_FALSE(isHooked("access1", Direction::ingress));
   host1_->send(frame);
