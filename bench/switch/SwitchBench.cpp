@@ -1,12 +1,13 @@
-// The whole switch at rest, at 1, 100 and 1,000 VLANs: one bridge for each, with an access port and a tunnel
-// port, in a network namespace of its own; nobody talks. Prints the time and the CPU until all VLANs are
-// ready to be trapped, the longest turn of the daemon's event loop until then (wall-clock time), what it does
-// while there is nothing to do (kernel notifications caused, CPU, context switches), and how long its clean
-// stop takes.
+// The whole switch at its sizes, one at a time, in a network namespace of its own: VLANs, each with a bridge, an access
+// port and a tunnel port; access ports of one VLAN; VRFs, each with a VLAN; and, on one VLAN with an address, local
+// hosts, neighbours of the kernel and remote bindings. Nobody talks but the hosts, once. Prints the time and the CPU until
+// all of it is known and all VLANs are ready to be trapped, the longest turn of the daemon's event loop until then
+// (wall-clock time), its memory, what it does while there is nothing to do (kernel notifications caused, CPU,
+// context switches), how long one more is on its way and the longest turn by then, and how long its clean stop takes.
 //
-//   SwitchBench [REST_SECONDS [VLANS...]]
+//   SwitchBench [REST_SECONDS [SIZE...]]
 //
-// Needs root.
+// A size is "vlans=100"; a number alone is one of VLANs. "all": the sizes of docs/performance.md. Needs root.
 
 #include <linux/rtnetlink.h>
 
@@ -21,7 +22,8 @@
 
 #include "Daemon.h"
 #include "Netlink/Socket.h"
-#include "lab/ManyVlans.h"
+#include "Sizes.h"
+#include "lab/Lab.h"
 
 namespace {
 
@@ -35,23 +37,27 @@ constexpr auto kSettle = std::chrono::seconds(18);
 
 double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-std::size_t count(const std::string& text, const std::string& what) {
-  std::size_t found = 0;
-  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++found;
-  return found;
-}
+struct Wanted {
+  std::string what;
+  unsigned count;
+};
+const std::vector<Wanted> kDefault{{"vlans", 1}, {"vlans", 100}, {"vlans", 1000}};
+const std::vector<Wanted> kAll{{"vlans", 1},           {"vlans", 4094},   {"ports", 1000},
+                               {"vrfs", 500},          {"hosts", 20'000}, {"neighbours", 100'000},
+                               {"bindings", 1'000'000}};
 
-void bench(unsigned vlans, double restSeconds) {
+void bench(const Wanted& wanted, double restSeconds) {
   const Lab::Namespace inside;
   const Lab::Namespace outside;
   const Lab::Entered entered(inside);
-  const Lab::ManyVlans network(vlans, outside);
+  const Bench::Size size = Bench::makeSize(wanted.what, wanted.count, outside);
   const auto begin = Clock::now();
-  Daemon daemon(network.configuration());
-  const auto ready = [&] {
-    return count(daemon.asked({"--json", "show", "switch/forwarding"}), "\"ready\":true") == vlans;
-  };
-  daemon.await("all VLANs are ready", ready);
+  Daemon daemon(size.members);
+  daemon.await("all VLANs are ready", [&] { return size.ready(daemon); });
+  if (size.fill) {
+    size.fill(daemon);
+    daemon.await("all are known", [&] { return size.full(daemon); });
+  }
   const double startSeconds = since(begin);
   const double startCpu = daemon.usage().cpu;
   std::this_thread::sleep_for(kSettle);
@@ -77,15 +83,24 @@ void bench(unsigned vlans, double restSeconds) {
     more = monitor.receive(count, 10'000).more;
   }
 
+  const auto change = Clock::now();
+  size.change(daemon);
+  daemon.await("one more is known", [&] { return size.changed(daemon); });
+  const double changeSeconds = since(change);
+  std::string ignored;
+  const double turnByThen = daemon.longestTurn(ignored);
+
   const auto stop = Clock::now();
   daemon.stop();
   const double stopSeconds = since(stop);
 
-  std::printf("%5u  %7.2f s  %6.2f s  %9.2f ms%s  %6zu  %8.3f %%  %8.1f  %6.2f s%s\n", vlans, startSeconds,
-              startCpu, turn * 1e3, turn > kTargetTurn ? "!" : " ", notifications,
-              (after.cpu - before.cpu) / rested * 100,
-              static_cast<double>(after.switches - before.switches) / rested, stopSeconds,
-              stopSeconds > kTargetStop ? "!" : " ");
+  const std::string name = std::to_string(wanted.count) + " " + wanted.what;
+  std::printf(
+      "%-18s %7.2f s  %6.2f s  %9.2f ms%s %6ld MiB %6zu  %8.3f %%  %8.1f  %6.2f s %9.2f ms%s %6.2f s%s\n",
+      name.c_str(), startSeconds, startCpu, turn * 1e3, turn > kTargetTurn ? "!" : " ",
+      before.resident / 1024, notifications, (after.cpu - before.cpu) / rested * 100,
+      static_cast<double>(after.switches - before.switches) / rested, changeSeconds, turnByThen * 1e3,
+      turnByThen > kTargetTurn ? "!" : " ", stopSeconds, stopSeconds > kTargetStop ? "!" : " ");
   for (const auto& [kind, times] : kinds)
     std::printf("  notifications of type %d, family %d: %zu\n", kind.first, kind.second, times);
   if (!tasks.empty()) std::printf("  tasks that ran longer than 1 ms at a time:\n%s", tasks.c_str());
@@ -96,16 +111,29 @@ void bench(unsigned vlans, double restSeconds) {
 
 int main(int argc, char** argv) {
   const double rest = argc > 1 ? std::strtod(argv[1], nullptr) : 60;
-  std::vector<unsigned> vlans;
-  for (int i = 2; i < argc; ++i) vlans.push_back(static_cast<unsigned>(std::strtoul(argv[i], nullptr, 10)));
-  if (vlans.empty()) vlans = {1, 100, 1000};
+  std::vector<Wanted> sizes;
+  for (int i = 2; i < argc; ++i) {
+    const std::string text = argv[i];
+    const std::size_t at = text.find('=');
+    if (text == "all")
+      sizes.insert(sizes.end(), kAll.begin(), kAll.end());
+    else
+      sizes.push_back({at == std::string::npos ? "vlans" : text.substr(0, at),
+                       static_cast<unsigned>(std::strtoul(
+                           text.c_str() + (at == std::string::npos ? 0 : at + 1), nullptr, 10))});
+    if (sizes.back().count == 0) {
+      std::fprintf(stderr, "SwitchBench: %s is no size; one is \"vlans=100\"\n", argv[i]);
+      return 2;
+    }
+  }
+  if (sizes.empty()) sizes = kDefault;
   std::printf(
       "At rest for %.0f s; wanted: no turn over 10 ms, no notification, no CPU, stop within 2 s (!: not).\n",
       rest);
-  std::printf("%5s  %9s  %8s  %12s   %6s  %10s  %8s  %7s\n", "VLANs", "start", "its CPU", "longest turn",
-              "notif.", "CPU", "switches/s", "stop");
+  std::printf("%-18s %9s  %8s  %12s  %10s %6s  %10s  %8s  %8s %13s %8s\n", "", "start", "its CPU",
+              "longest turn", "memory", "notif.", "CPU", "switches/s", "one more", "longest turn", "stop");
   try {
-    for (const unsigned count : vlans) bench(count, rest);
+    for (const Wanted& size : sizes) bench(size, rest);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "SwitchBench: %s\n", error.what());
     return 1;
