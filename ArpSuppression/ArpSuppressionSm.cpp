@@ -354,6 +354,8 @@ void ArpSuppressionSm::sendReplies() {
     if (taken == rest.size()) break;
     const int error = errno;
     TRACE8(" fabricInterfaceWatch=" << fabricInterfaceWatch_ << " errno=" << std::strerror(error));
+    TRACELET_RECORD("reply refused intfId={} errno={}", fabricInterfaceWatch_->toStrep(),
+                    std::strerror(error));
     count(Id::replySendFailed);
     rest = rest.subspan(taken + 1);
   }
