@@ -186,6 +186,15 @@ void SoakNetwork::daemonKilled() {
   killed_.push_back(Clock::now());
 }
 
+void SoakNetwork::hooksChange(bool begin) {
+  constexpr auto kBefore = std::chrono::milliseconds(20);
+  constexpr auto kBehind = std::chrono::milliseconds(500);  // until forwarding has done what it heard of
+  const std::lock_guard lock(mutex_);
+  const auto now = Clock::now();
+  if (begin) hooking_.push_back({now - kBefore, Clock::time_point::max()});
+  if (!begin) hooking_.back().second = now + kBehind;
+}
+
 void SoakNetwork::neverAnsweredIs(const std::set<Address>& addresses) {
   const std::lock_guard lock(mutex_);
   never_ = addresses;
@@ -358,6 +367,9 @@ void SoakNetwork::expire(Clock::time_point now) {
       ++sums_.afterKill;
       sums_.longestAfterKill =
           std::max(sums_.longestAfterKill, std::chrono::duration<double>(sent - *kill).count());
+    } else if (std::ranges::any_of(
+                   hooking_, [&](const auto& span) { return sent > span.first && sent < span.second; })) {
+      ++sums_.hooked;
     } else if (isCut) {
       ++sums_.cut;
     } else {

@@ -6,7 +6,9 @@
 // seconds ago; as flooded when it came to the VLAN's tunnel port "coreN". One that was neither after some seconds is
 // lost, unless
 //   - the daemon was killed at most its fail-open time before (the kernel's programs still show requests to it);
-//   - who asked, or the local host that was asked for, lost its port meanwhile.
+//   - who asked, or the local host that was asked for, lost its port meanwhile;
+//   - it was on its way while ports were hooked or unhooked: the kernel takes a device's queue away for as long as it makes or
+//     removes a clsact there, and drops what anybody sends then. That is to happen to few: kMostHooked of all.
 
 #include <array>
 #include <compare>
@@ -44,6 +46,7 @@ class SoakNetwork {
   static constexpr std::array<std::uint8_t, 3> kVlans{10, 20, 30};
   static constexpr std::uint8_t kRemotes = 250;  // addresses of remote hosts, by VLAN and family
   static constexpr std::chrono::seconds kFailOpen{3};
+  static constexpr double kMostHooked = 5e-3;
 
   struct Host {
     std::uint8_t vlan;
@@ -53,7 +56,8 @@ class SoakNetwork {
     Clock::time_point changed{};
   };
   struct Sums {
-    std::uint64_t asked = 0, answered = 0, flooded = 0, afterKill = 0, cut = 0, lost = 0, wrong = 0;
+    std::uint64_t asked = 0, answered = 0, flooded = 0, afterKill = 0, hooked = 0, cut = 0, lost = 0,
+                  wrong = 0;
     double longestWait = 0;       // seconds until a request was answered or flooded
     double longestAfterKill = 0;  // seconds from the kill to a request that came to nothing
   };
@@ -80,6 +84,20 @@ class SoakNetwork {
   void ownerDel(const Address& address, const Mac& mac);
   void neverAnsweredIs(const std::set<Address>& addresses);
   void daemonKilled();
+  // While this lives, and a moment after, ports are hooked or unhooked.
+  class Hooking {
+   public:
+    Hooking(SoakNetwork& network, bool does) : network_(does ? &network : nullptr) { says(true); }
+    ~Hooking() { says(false); }
+    Hooking(const Hooking&) = delete;
+    Hooking& operator=(const Hooking&) = delete;
+
+   private:
+    void says(bool begin) const {
+      if (network_ != nullptr) network_->hooksChange(begin);
+    }
+    SoakNetwork* network_;
+  };
 
   // Each waits until it is so.
   const std::vector<Host>& hosts() const { return hosts_; }
@@ -109,6 +127,7 @@ class SoakNetwork {
 
   void portIs(std::uint8_t vlan, const std::string& name, Port::Kind kind);
   void portDel(const std::string& name);
+  void hooksChange(bool begin);
   void run(const std::stop_token& over);
   void askOne(Clock::time_point now);
   void ask(std::size_t host, const Address& target, Clock::time_point now);
@@ -134,6 +153,7 @@ class SoakNetwork {
   std::set<Address> never_;
   Clock::time_point interfaceChanged_{};
   std::vector<Clock::time_point> killed_;
+  std::vector<std::pair<Clock::time_point, Clock::time_point>> hooking_;  // from when to when
   Sums sums_;
   std::vector<std::string> faults_;
   std::mt19937_64 random_;
