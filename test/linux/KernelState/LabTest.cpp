@@ -7,11 +7,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "AgentRig.h"
 #include "Lanix/Namespaces.h"
+#include "Netlink/KernelAccess.h"
 #include "lab/LabKernel.h"
 
 // The plug-in on a real kernel: a switch in a namespace of its own, a VRF in another.
@@ -126,6 +128,15 @@ TEST_F(LabTest, NamespacesComeAndGo) {
   const std::string source = "/proc/self/fd/" + std::to_string(red->fd());
   ASSERT_EQ(::mount(source.c_str(), mount.c_str(), nullptr, MS_BIND, nullptr), 0);
   expectVrf("namespace back behind its name", "active");
+
+  using Files = std::filesystem::directory_iterator;
+  const auto open = [] { return std::distance(Files("/proc/self/fd"), Files()); };
+  const auto before = open();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(Netlink::KernelAccess::current().look(redName));
+    EXPECT_TRUE(Netlink::KernelAccess::current().open(redName, {Netlink::Table::links}));
+  }
+  EXPECT_EQ(open(), before) << "descriptors";
 }
 
 // No more files can be opened for as long as it lives.
