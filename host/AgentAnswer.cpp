@@ -64,7 +64,9 @@ class AgentAnswers::SmallJob final : public ControlJob {
     std::array<char, kTextPerSlice> bytes;
     const ssize_t got = pread(descriptor_, bytes.data(), bytes.size(), at_);
     if (got <= 0) {
-      ControlCommands::appendOk(output);
+      got == 0 ? ControlCommands::appendOk(output)
+               : ControlCommands::appendError(output,
+                                              std::string("the answer broke off: ") + std::strerror(errno));
       return Step::done;
     }
     at_ += static_cast<off_t>(
@@ -188,9 +190,17 @@ Mox::Result<std::unique_ptr<ControlJob>> AgentAnswers::runLarge(Plugin::AgentCom
   copy->handle = handle;
   copy->ended.notifierIs(Mox::make<Orb::FileDescriptor>(loop_, "copy of the process"));
   copy->ended.on(Orb::FileDescriptor::readableCountChanged, [this, copy] { handleEnded(copy); });
-  copy->ended->descriptorIs(handle);
-  copy->ended->notifyOnReadableIs(true);
-  return std::unique_ptr<ControlJob>(std::make_unique<LargeJob>(loop_, *copy, ends[0]));
+  try {
+    copy->ended->descriptorIs(handle);
+    copy->ended->notifyOnReadableIs(true);
+    return std::unique_ptr<ControlJob>(std::make_unique<LargeJob>(loop_, *copy, ends[0]));
+  } catch (const Mox::Error&) {
+    close(ends[0]);
+    ::kill(id, SIGKILL);
+    copy->job = nullptr;
+    handleEnded(copy);
+    throw;
+  }
 }
 
 void AgentAnswers::handleEnded(std::list<Copy>::iterator copy) {

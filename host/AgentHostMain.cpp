@@ -55,6 +55,23 @@ int cleanUpAll(const std::optional<Host::Config>& config) {
   return done && said ? 0 : 1;
 }
 
+// What the kernel refuses where nobody can go on without it is thrown: a descriptor in the event loop, say.
+int run(const std::string& file, Host::Config config) try {
+  Orb::EventLoop loop;
+  Host::Daemon daemon(loop, file, std::move(config), report);
+  Mox::Result<> done = daemon.watchSignals();
+  if (done) done = daemon.start();
+  if (done) report(Host::versionOf("version") + " begins at " + timeText() + " with " + file);
+  if (done) done = daemon.run();
+  if (done && daemon.handsOver()) _exit(0);
+  if (done) return 0;
+  reportError(done.error());
+  return 1;
+} catch (const std::exception& error) {
+  reportError(error.what());
+  return 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -98,14 +115,5 @@ int main(int argc, char** argv) {
     for (const std::string& remark : Host::remarks(reading.config)) report(file + ": " + remark);
     return 0;
   }
-  Orb::EventLoop loop;
-  Host::Daemon daemon(loop, file, std::move(reading.config), report);
-  Mox::Result<> done = daemon.watchSignals();
-  if (done) done = daemon.start();
-  if (done) report(Host::versionOf("version") + " begins at " + timeText() + " with " + file);
-  if (done) done = daemon.run();
-  if (done && daemon.handsOver()) _exit(0);
-  if (done) return 0;
-  reportError(done.error());
-  return 1;
+  return run(file, std::move(reading.config));
 }

@@ -117,8 +117,13 @@ void ControlServer::clientIs(int descriptor, uid_t user) {
     close(descriptor);
     return;
   }
-  connections_.emplace_back(scheduler_, commands_, limits_, descriptor, user,
-                            [this] { removal_.schedule(); });
+  try {
+    connections_.emplace_back(scheduler_, commands_, limits_, descriptor, user,
+                              [this] { removal_.schedule(); });
+  } catch (const Mox::Error& error) {
+    close(descriptor);
+    problems_.problemIs(kSubject, std::string("it cannot serve a client: ") + error.what());
+  }
 }
 
 void ControlServer::removeEnded() {

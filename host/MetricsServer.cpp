@@ -279,7 +279,12 @@ void MetricsServer::accept() {
       if (errno != EAGAIN && errno != EWOULDBLOCK) retry_.after(kRetrySeconds);
       return;
     }
-    clients_.emplace_back(*this, client);
+    try {
+      clients_.emplace_back(*this, client);
+    } catch (const Mox::Error&) {
+      close(client);
+      return retry_.after(kRetrySeconds);
+    }
   }
 }
 

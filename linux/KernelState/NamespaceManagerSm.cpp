@@ -55,8 +55,9 @@ void NamespaceManagerSm::handleNames() {
 
 void NamespaceManagerSm::check() {
   if (!from_) {
-    again_ = retry_ = false;
-    events_->drain();
+    again_ = false;
+    retry_ = !problems_->check("names of network namespaces", events_->drain(),
+                               "correct that; until then they are looked at every few seconds");
     for (const auto& [name, vrf] : vrfs_->vrfCollection()) slots_.try_emplace(name);
   }
   for (auto slot = from_ ? slots_.lower_bound(*from_) : slots_.begin(); slot != slots_.end();) {

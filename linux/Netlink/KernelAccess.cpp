@@ -127,7 +127,8 @@ class NameWatch final : public NamespaceEvents {
   NameWatch()
       : names_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
         mounts_(::open("/proc/thread-self/mountinfo", O_RDONLY | O_CLOEXEC)) {
-    watch();
+    if (names_.get() < 0 || mounts_.get() < 0) opened_ = unwatched(errno);
+    (void)watch();
   }
 
   std::vector<int> descriptors() const override {
@@ -138,30 +139,35 @@ class NameWatch final : public NamespaceEvents {
     return descriptors;
   }
 
-  void drain() override {
+  Mox::Result<> drain() override {
     alignas(inotify_event) std::array<std::byte, 4096> events;  // which ones does not matter
     while (read(names_.get(), events.data(), events.size()) > 0) {
     }
-    watch();
+    return watch();
   }
 
  private:
+  static Mox::Failure unwatched(int number) {
+    return {std::string(kNames) + " cannot be watched: " + std::strerror(number), number};
+  }
   // The directory that the path leads to now; the one above it only while there is none.
-  void watch() {
+  Mox::Result<> watch() {
     constexpr std::uint32_t kChanges =
         IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-    if (inotify_add_watch(names_.get(), kNames, kChanges) >= 0) {
-      if (above_ >= 0) inotify_rm_watch(names_.get(), std::exchange(above_, -1));
-      return;
+    if (!opened_) return opened_;
+    const auto watched = [&] { return inotify_add_watch(names_.get(), kNames, kChanges) >= 0; };
+    if (!watched()) {
+      above_ = inotify_add_watch(names_.get(), kAbove, IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
+      if (above_ < 0) return unwatched(errno);
+      if (!watched()) return errno == ENOENT ? Mox::Result<>() : unwatched(errno);
     }
-    above_ = inotify_add_watch(names_.get(), kAbove, IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
-    if (inotify_add_watch(names_.get(), kNames, kChanges) >= 0 && above_ >= 0) {
-      inotify_rm_watch(names_.get(), std::exchange(above_, -1));
-    }
+    if (above_ >= 0) inotify_rm_watch(names_.get(), std::exchange(above_, -1));
+    return {};
   }
 
   Descriptor names_;
   Descriptor mounts_;
+  Mox::Result<> opened_;
   int above_ = -1;
 };
 

@@ -54,8 +54,8 @@ class NamespaceEvents {
   virtual ~NamespaceEvents() = default;
   // Readable at such a change. At most two.
   virtual std::vector<int> descriptors() const = 0;
-  // Takes what waits, without blocking; before looking at the names.
-  virtual void drain() = 0;
+  // Takes what waits, without blocking; before looking at the names. A failure: names may come unseen.
+  virtual Mox::Result<> drain() = 0;
 };
 
 // What those who follow the kernel's tables ask of it besides reading; the seam that tests replace with

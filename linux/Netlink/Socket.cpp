@@ -122,18 +122,22 @@ int Kernel::wait(int descriptor, int milliseconds) {
 }
 
 Socket::Socket(int protocol, Options options, Kernel* kernel)
-    : fd_(Lanix::aboveStandard(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol))),
-      kernel_(kernel),
-      options_(options) {
+    : protocol_(protocol), kernel_(kernel), options_(options) {
   static Kernel forwarding;  // without state
   if (kernel_ == nullptr) kernel_ = &forwarding;
+  open();
+}
+
+const Result<>& Socket::open() {
+  if (fd_ >= 0) return opened_;
+  fd_ = Lanix::aboveStandard(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol_));
   // Without a port id the kernel chooses one that is free.
   sockaddr_nl address{};
   address.nl_family = AF_NETLINK;
   if (fd_ < 0 || bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     opened_ = failureOf(errno);
     if (fd_ >= 0) ::close(std::exchange(fd_, -1));
-    return;
+    return opened_;
   }
   const auto option = [this](int level, int name, int value) {
     return setsockopt(fd_, level, name, &value, sizeof value) == 0;
@@ -144,6 +148,7 @@ Socket::Socket(int protocol, Options options, Kernel* kernel)
   if (options_.strictDumps) option(SOL_NETLINK, NETLINK_GET_STRICT_CHK, 1);
   if (const int size = options_.receiveBuffer; size > 0 && !option(SOL_SOCKET, SO_RCVBUFFORCE, size))
     option(SOL_SOCKET, SO_RCVBUF, size);
+  return opened_ = {};
 }
 
 Socket::~Socket() {

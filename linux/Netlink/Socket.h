@@ -119,6 +119,8 @@ class Socket {
 
   // Whether the socket could be opened. Every other operation otherwise fails with the same error.
   const Result<>& opened() const { return opened_; }
+  // Tries that again, in the network namespace that the thread is in now, if it could not be.
+  const Result<>& open();
   int fd() const { return fd_; }  // -1 when not open
 
   // Joins the multicast group of that number (RTNLGRP_LINK ...).
@@ -160,6 +162,7 @@ class Socket {
   Result<> answers(std::uint32_t first, std::span<std::optional<Result<>>> results, const Handler* handler);
   std::uint32_t nextSequence();
 
+  const int protocol_;
   int fd_ = -1;
   Kernel* kernel_;
   Options options_;

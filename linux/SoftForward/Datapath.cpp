@@ -45,8 +45,8 @@ Datapath::Datapath(Programs& programs, Looked looked)
                [this](std::uint16_t id) { dirty_.insert(id); }}) {}
 
 Mox::Result<> Datapath::open() {
-  for (const Netlink::Socket* socket : {&requests_, &dumps_, &notifications_})
-    if (!socket->opened()) return Netlink::describe("opening a netlink socket", socket->opened());
+  for (Netlink::Socket* socket : {&requests_, &dumps_, &notifications_})
+    if (!socket->open()) return Netlink::describe("opening a netlink socket", socket->opened());
   for (const unsigned group : {RTNLGRP_LINK, RTNLGRP_TC}) {
     if (const auto joined = notifications_.join(group); !joined)
       return Netlink::describe("joining the kernel's notifications", joined);

@@ -194,7 +194,7 @@ Mox::Result<> Filters::detach(const Hook& hook) {
 
 Mox::Result<> Filters::qdiscDel(const Hook& hook) {
   if (!devices_[hook.ifIndex].ownQdisc) return {};
-  const auto empty = isEmpty(hook.ifIndex);
+  const auto empty = isFree(hook.ifIndex, false);
   if (!empty && !isAbsent(empty.failure())) return empty.failure();
   if (empty && !*empty) return {};
   const auto removed = requests_.request(qdiscRequest(RTM_DELQDISC, 0, hook.ifIndex));
@@ -203,56 +203,66 @@ Mox::Result<> Filters::qdiscDel(const Hook& hook) {
   return {};
 }
 
-Mox::Result<bool> Filters::isEmpty(Netlink::IfIndex ifIndex) {
+Mox::Result<bool> Filters::isFree(Netlink::IfIndex ifIndex, bool ofOthers) {
   bool empty = true;
+  // A priority has a message without a handle in front of its filters.
+  const auto isOurs = [](const Netlink::Received& message) {
+    const auto header = message.header<tcmsg>();
+    return header && TC_H_MAJ(header->tcm_info) >> 16 == kPriority &&
+           (header->tcm_handle == 0 || placeOf(message).owner == Place::Owner::us);
+  };
   for (const Direction direction : {Direction::ingress, Direction::egress}) {
     tcmsg header{};
     header.tcm_ifindex = static_cast<int>(ifIndex);
     header.tcm_parent = parentOf(direction);
     const auto result = dumps_.dump(
         Message(RTM_GETTFILTER, NLM_F_DUMP).header(header),
-        [&](const Netlink::Received& message) { empty = empty && message.type() != RTM_NEWTFILTER; }, [] {});
+        [&](const Netlink::Received& message) {
+          empty = empty && (message.type() != RTM_NEWTFILTER || (ofOthers && isOurs(message)));
+        },
+        [] {});
     if (!result) return Netlink::describe("looking for filters of others", result).failure();
   }
   return empty;
 }
 
+// A clsact of ours goes with what is in it: without filters nobody could tell whose it is, if we ended in between.
 Mox::Result<> Filters::removeAll(const Removed& removed) {
   Mox::Result<> failed;
-  std::vector<std::pair<Netlink::IfIndex, std::string>> what;
+  std::vector<std::pair<Netlink::IfIndex, std::vector<std::string>>> what;  // by message
   std::vector<Message> messages;
   const auto note = [&](const Mox::Result<>& result) {
     if (!result && !isAbsent(result) && failed) failed = result;
   };
-  const auto send = [&](const char* step) {
-    requests_.batch(messages, [&](std::size_t i, const Netlink::Result<>& result) {
-      if (result) removed(what[i].first, what[i].second);
-      note(Netlink::describe(step, result));
-    });
-    what.clear();
-    messages.clear();
-  };
-  std::vector<Netlink::IfIndex> known = devices();
-  for (const Netlink::IfIndex ifIndex : known) {
+  for (const Netlink::IfIndex ifIndex : devices()) {
+    std::vector<std::string> names;
+    std::vector<Message> deletions;
     for (const Direction direction : {Direction::ingress, Direction::egress}) {
       const Hook hook{ifIndex, direction, std::to_string(ifIndex)};
       const auto present = place(hook);
       note(present ? Mox::Result<>() : present.failure());
       if (!present || present->owner != Place::Owner::us) continue;
-      what.emplace_back(ifIndex, "filter " + present->name);
-      messages.push_back(deletion(hook));
+      names.push_back("filter " + present->name);
+      deletions.push_back(deletion(hook));
+    }
+    const auto free = devices_[ifIndex].ownQdisc ? isFree(ifIndex, true) : Mox::Result<bool>(false);
+    note(free ? Mox::Result<>() : free.failure());
+    if (free && *free) {
+      names.emplace_back("empty clsact");
+      what.emplace_back(ifIndex, names);
+      messages.push_back(qdiscRequest(RTM_DELQDISC, 0, ifIndex));
+      continue;
+    }
+    for (std::size_t i = 0; i < deletions.size(); ++i) {
+      what.push_back({ifIndex, {names[i]}});
+      messages.push_back(std::move(deletions[i]));
     }
   }
-  send("detaching programs");
-  for (const Netlink::IfIndex ifIndex : known) {
-    if (!devices_[ifIndex].ownQdisc) continue;
-    const auto empty = isEmpty(ifIndex);
-    note(empty ? Mox::Result<>() : empty.failure());
-    if (!empty || !*empty) continue;
-    what.emplace_back(ifIndex, "empty clsact");
-    messages.push_back(qdiscRequest(RTM_DELQDISC, 0, ifIndex));
-  }
-  send("removing clsact qdiscs");
+  requests_.batch(messages, [&](std::size_t i, const Netlink::Result<>& result) {
+    if (result)
+      for (const std::string& name : what[i].second) removed(what[i].first, name);
+    note(Netlink::describe("detaching programs", result));
+  });
   clear();
   return failed;
 }

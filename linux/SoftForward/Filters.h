@@ -68,8 +68,8 @@ class Filters {
   Mox::Result<> attach(const Hook& hook, const LoadedProgram& program);
   // No failure if the device or the filter is gone already.
   Mox::Result<> detach(const Hook& hook);
-  // All of ours, and then the qdiscs that are ours and empty; `removed` is told what of which device. The first
-  // failure is returned.
+  // All of ours, with the qdiscs that are ours unless others have filters there; `removed` is told what of which
+  // device. The first failure is returned.
   using Removed = std::function<void(Netlink::IfIndex ifIndex, const std::string& what)>;
   Mox::Result<> removeAll(const Removed& removed);
 
@@ -93,7 +93,8 @@ class Filters {
   Mox::Result<Place> place(const Hook& hook);
   void placeIs(const Hook& hook, Place place);
   Mox::Result<> qdiscDel(const Hook& hook);
-  Mox::Result<bool> isEmpty(Netlink::IfIndex ifIndex);
+  // Whether its clsact has no filters, or none but ours.
+  Mox::Result<bool> isFree(Netlink::IfIndex ifIndex, bool ofOthers);
 
   Netlink::Socket& requests_;
   Netlink::Socket& dumps_;

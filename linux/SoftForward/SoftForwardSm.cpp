@@ -101,7 +101,9 @@ SoftForwardSm::~SoftForwardSm() {
 }
 
 bool SoftForwardSm::open() {
-  open_ = problems_.check("eBPF programs and kernel notifications", datapath_.open(), {},
+  Mox::Result<> opened = datapath_.open();
+  if (opened) opened = follow();
+  open_ = problems_.check("eBPF programs and kernel notifications", opened, {},
                           Switch::ProblemReporter::Left::nothing);
   if (!open_) {
     again_.schedule(kRetrySeconds);
@@ -119,16 +121,23 @@ bool SoftForwardSm::open() {
             [this] { followHolding(); }});
     followAnswers();
   }
+  return true;
+}
+
+Mox::Result<> SoftForwardSm::follow() try {
   const auto follow = [this](Mox::Notifiee<Orb::FileDescriptor>& notifiee, int number, auto handler) {
+    if (notifiee) return;
     const auto descriptor = Mox::make<Orb::FileDescriptor>(scheduler()->loop(), "SoftForward");
     descriptor->descriptorIs(number);
+    descriptor->notifyOnReadableIs(true);
     notifiee.on(Orb::FileDescriptor::readableCountChanged, handler);
     notifiee.notifierIs(descriptor);
-    descriptor->notifyOnReadableIs(true);
   };
   follow(descriptor_, datapath_.descriptor(), [this] { scheduleWalk(kSettleSeconds); });
   follow(vlanDescriptor_, datapath_.vlanDescriptor(), [this] { followVlans_.schedule(); });
-  return true;
+  return {};
+} catch (const Mox::Error& error) {
+  return Mox::Failure{error.what()};
 }
 
 void SoftForwardSm::followVlans() {

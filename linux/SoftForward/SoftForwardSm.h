@@ -85,6 +85,7 @@ class SoftForwardSm final : public Orb::WalkSmBase {
   void walkFinishedNotification() override;
 
   bool open();
+  Mox::Result<> follow();  // what the kernel tells, in the loop; what is followed already stays
   void followVlans();
   void followConfig();
   void handleAddresses();

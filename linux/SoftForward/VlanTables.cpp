@@ -17,8 +17,8 @@ VlanTables::VlanTables()
     : dumps_(NETLINK_ROUTE), notifications_(NETLINK_ROUTE, {.receiveBuffer = kReceiveBuffer}) {}
 
 Mox::Result<> VlanTables::open() {
-  for (const Netlink::Socket* socket : {&dumps_, &notifications_})
-    if (!socket->opened()) return Netlink::describe("opening a netlink socket", socket->opened());
+  for (Netlink::Socket* socket : {&dumps_, &notifications_})
+    if (!socket->open()) return Netlink::describe("opening a netlink socket", socket->opened());
   const auto joined = notifications_.join(RTNLGRP_BRVLAN);
   if (!joined && joined.number() != EINVAL)
     return Netlink::describe("joining the kernel's notifications of VLANs", joined);

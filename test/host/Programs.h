@@ -82,14 +82,16 @@ class Process {
   int wait(const std::function<void()>& meanwhile = {}) {
     if (!readUntil("", false, meanwhile)) {
       ADD_FAILURE() << "does not end: " << error;
-      kill(pid_, SIGKILL);
+      signal(SIGKILL);
     }
     int status = 0;
     waitpid(pid_, &status, 0);
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
-  void signal(int number) const { kill(pid_, number); }
+  void signal(int number) const {
+    if (pid_ > 0) kill(pid_, number);  // -1 would be everybody
+  }
   pid_t pid() const { return pid_; }
 
   std::string output;

@@ -92,7 +92,7 @@ int Process::wait() {
   }
   if (out_.open || err_.open) {
     ADD_FAILURE() << "process " << pid_ << " does not end: " << error;
-    ::kill(pid_, SIGKILL);
+    signal(SIGKILL);
   }
   int status = 0;
   waitpid(pid_, &status, 0);
@@ -100,7 +100,9 @@ int Process::wait() {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-void Process::signal(int number) const { ::kill(pid_, number); }
+void Process::signal(int number) const {
+  if (pid_ > 0) ::kill(pid_, number);  // -1 would be everybody
+}
 
 Switch::Switch() {
   std::string name = (std::filesystem::temp_directory_path() / "lab-switch-XXXXXX").string();
@@ -128,10 +130,14 @@ std::unique_ptr<Process> Switch::reload(json config) const {
   return arpsupProcess({"reload"});
 }
 
-void Switch::start(json config) {
+void Switch::launch(json config) {
   const std::string file = configFile(std::move(config));
   const Entered entered(netNs_);
   daemon_ = std::make_unique<Process>(Strings{AGENT_HOST, "--config", file});
+}
+
+void Switch::start(json config) {
+  launch(std::move(config));
   ASSERT_TRUE(daemon_->readUntil("agent-host: runs\n")) << daemon_->error;
 }
 

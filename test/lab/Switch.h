@@ -76,6 +76,7 @@ class Switch {
   // Starts the daemon with this configuration ("runDirectory" is added), until it says that it runs. A test
   // failure otherwise.
   void start(json config);
+  void launch(json config);  // the same, without waiting for anything
   // Has the daemon take up this configuration: "arpsup reload", under way.
   std::unique_ptr<Process> reload(json config) const;
   void kill();                      // at once, without a chance to tidy up

@@ -156,6 +156,21 @@ TEST_F(VrfsTest, RefusedIsNotGone) {
   EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red inactive red"));
 }
 
+// The kernel has no watch left: nobody says that a namespace has come.
+TEST_F(VrfsTest, WhatComesUnseenIsFoundAllTheSame) {
+  kernel.refusesNameWatch(ENOSPC);
+  starts();
+  passes(20);
+  const auto problems = rig->at<Switch::Problems>(Switch::kProblemsPath);
+  EXPECT_TRUE(problems->problem("KernelState names of network namespaces"));
+  kernel.addNamespace("red");
+  passes(6);
+  EXPECT_THAT(rig->vrfs(), ElementsAre("default active default", "red active red"));
+  kernel.refusesNameWatch(0);
+  passes(6);
+  EXPECT_EQ(problems->problems(), 0u);
+}
+
 TEST_F(VrfsTest, ManyAreLookedAtInSlices) {
   constexpr int kVrfs = 500;
   for (int i = 0; i < kVrfs; ++i) {

@@ -179,8 +179,14 @@ class FakeKernel::Events final : public NamespaceEvents {
   explicit Events(FakeKernel& kernel) : kernel_(kernel) { kernel_.events_ = this; }
   ~Events() override { kernel_.events_ = nullptr; }
   std::vector<int> descriptors() const override { return {event_.descriptor()}; }
-  void drain() override { event_.clear(); }
-  void raise() const { event_.raise(); }
+  Mox::Result<> drain() override {
+    event_.clear();
+    const int error = kernel_.refusedNameWatch_;
+    return error == 0 ? Mox::Result<>() : Mox::Result<>(Mox::Failure{strerror(error), error});
+  }
+  void raise() const {
+    if (kernel_.refusedNameWatch_ == 0) event_.raise();
+  }
 
  private:
   FakeKernel& kernel_;

@@ -146,6 +146,8 @@ class FakeKernel final : public KernelAccess {
   void refusesNames(int error) { refusedNames_ = refusedEntering_ = error; }
   // The latter alone.
   void refusesEntering(int error) { refusedEntering_ = error; }
+  // So does watching their names, of which nothing is told then.
+  void refusesNameWatch(int error) { refusedNameWatch_ = error; }
 
   Mox::Result<NamespaceLook> look(const Lanix::NamespaceName& name) override;
   Mox::Result<std::unique_ptr<RouteSource>> open(const Lanix::NamespaceName& name,
@@ -161,6 +163,7 @@ class FakeKernel final : public KernelAccess {
   int openSources_ = 0;
   int refusedNames_ = 0;
   int refusedEntering_ = 0;
+  int refusedNameWatch_ = 0;
   int looks_ = 0;
   Events* events_ = nullptr;
   Lanix::Replaced<KernelAccess> replaced_;
