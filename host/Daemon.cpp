@@ -151,10 +151,14 @@ void Daemon::handOver() {
 
 // Not before all is loaded: what is not there yet would count as gone. An end waits for the plug-ins, which know
 // what of an earlier run has to be taken back.
-void Daemon::loadOrStart() {
+void Daemon::loadOrStart() try {
   if (state_->loadAhead([this] { return tasks_->mustYield(); })) return pluginStart_.schedule();
   signals_->notifyOnReadableIs(true);
   startPlugins();
+} catch (const std::exception& error) {
+  // Half a start would neither serve nor end when it is told to.
+  started_ = Mox::Failure{std::string("the plug-ins cannot start: ") + error.what()};
+  loop_.stop();
 }
 
 void Daemon::startPlugins() {

@@ -141,11 +141,10 @@ void NamespaceSm::follow() {
     reopen_ = openFailed_ = true;
     return;
   }
-  descriptor_->descriptorIs(sockets_->notifications.fd());
   handleRound();
 }
 
-Mox::Result<> NamespaceSm::open() {
+Mox::Result<> NamespaceSm::open() try {
   const Lanix::NamespaceGuard guard(name_);
   if (!guard) return Mox::Failure{guard.error(), errno};
   sockets_ = std::make_unique<Sockets>(kernel_);
@@ -159,7 +158,10 @@ Mox::Result<> NamespaceSm::open() {
     if (const auto joined = sockets_->notifications.join(group); !joined)
       return Netlink::describe("opening netlink", joined);
   }
+  descriptor_->descriptorIs(sockets_->notifications.fd());
   return {};
+} catch (const Mox::Error& error) {
+  return Mox::Failure{error.what()};
 }
 
 void NamespaceSm::close() {

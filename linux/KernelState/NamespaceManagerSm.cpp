@@ -123,7 +123,14 @@ bool NamespaceManagerSm::update(const Lanix::NamespaceName& name, Slot& slot) {
 }
 
 bool NamespaceManagerSm::open(Slot& slot) {
-  if (const auto opened = slot.sm->open(); !opened) {
+  const auto opened = [&]() -> Mox::Result<> {
+    try {
+      return slot.sm->open();
+    } catch (const Mox::Error& error) {
+      return Mox::Failure{error.what()};
+    }
+  }();
+  if (!opened) {
     // It may have gone in this moment: the next look says so.
     if (opened.number() != ENOENT) refuse(slot, opened.failure());
     return false;

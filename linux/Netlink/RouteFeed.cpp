@@ -57,7 +57,14 @@ void RouteFeed::sourceIs(std::unique_ptr<RouteSource> source) {
   receiveTask_.cancel();
   lost_ = false;
   source_ = std::move(source);
-  if (source_) descriptor_->descriptorIs(source_->descriptor());
+  if (!source_) return;
+  try {
+    descriptor_->descriptorIs(source_->descriptor());
+  } catch (const Mox::Error&) {
+    descriptor_->descriptorIs(-1);
+    source_ = nullptr;
+    throw;
+  }
 }
 
 void RouteFeed::openIs(std::unique_ptr<RouteSource> source) {

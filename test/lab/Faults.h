@@ -62,7 +62,6 @@ struct FaultCall {
   CALL(setns, EPERM, ENOMEM)                \
   CALL(setsockopt, ENOMEM, ENOBUFS)         \
   CALL(signalfd, EMFILE, 0)                 \
-  CALL(sigprocmask, EINVAL, 0)              \
   CALL(socket, EMFILE, ENOBUFS)             \
   CALL(stat, ENOMEM, EACCES)                \
   CALL(syscall, ENOMEM, EPERM) /* bpf(2) */ \
