@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "Orb/FeatureSwitch.h"
-#include "Statedb/LmdbStore.h"
+#include "Statedb/LogStore.h"
 #include "Tracelet/Trace.h"
 #include "Tracelet/Tracelet.h"
 #include "host/Plugins.h"
@@ -88,7 +88,7 @@ Mox::Result<> Daemon::start() {
   raiseDescriptorLimit(report_);
   Tracelet::directoryIs(config_.runDirectory);
   processSettingsAre(config_, nullptr, report_);
-  auto store = Statedb::LmdbStore::open(runDirectory_->stateDirectory(), report_);
+  auto store = Statedb::LogStore::open(runDirectory_->stateDirectory(), report_);
   if (!store) return store.failure();
   state_ = std::make_unique<State>(loop_, tasks_, config_.runDirectory, config_.agents, std::move(*store),
                                    report_);

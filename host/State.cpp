@@ -43,7 +43,7 @@ Mox::Result<> checkVrfIds(const json& content) {
 std::unique_ptr<Statedb::Store> withoutOrphans(std::unique_ptr<Statedb::Store> store,
                                                const std::vector<std::string>& plugins) {
   for (const StatePath& state : statePaths()) {
-    if (store && state.persistent && !writtenByPlugin(state, plugins)) store->erasePath(state.path);
+    if (store && state.persistent && !writtenByPlugin(state, plugins)) store->remove(state.path);
   }
   return store;
 }
@@ -381,8 +381,8 @@ bool State::loadAhead(const std::function<bool()>& mustYield) {
   });
 }
 
-bool State::flush(std::size_t maxOperations) {
-  const bool more = tree_->flush(maxOperations);
+bool State::flush() {
+  const bool more = tree_->flush();
   problems_.check("state store", tree_->written(), "make room in the file system of the run directory");
   return more;
 }

@@ -84,16 +84,14 @@ class State {
   Switch::ProblemReporter& problems() { return problems_; }
 
   // Once a turn: makes some of the published state durable; true while more waits.
-  bool flush() { return flush(kFlushPerTurn); }
-  void flushAll() { flush(Statedb::Store::kEverything); }
+  bool flush();
+  void flushAll() { tree_->flushAll(); }
 
  private:
   class Merge;
   class Reconfigure;
-  static constexpr std::size_t kFlushPerTurn = 256;
 
   Mox::Result<std::unique_ptr<StateChange>> change(nlohmann::json state, nlohmann::json* record);
-  bool flush(std::size_t maxOperations);
   void switchConfigIs(const Config& config);
   Mox::Result<> writeTree(const StatePath& state, const nlohmann::json& content);
   Mox::Result<Mox::Ptr<Memtab::Entity>> writableTable(const StatePath& state) const;

@@ -32,7 +32,7 @@
 
 #include "ArpSuppression/Rig.h"
 #include "Lanix/Wire.h"
-#include "Statedb/LmdbStore.h"
+#include "Statedb/LogStore.h"
 #include "Targets.h"
 #include "support/StateTypes.h"
 
@@ -51,9 +51,9 @@ class CpuClock final : public Orb::Clock {
   double now() const override { return cpuSeconds(); }
 };
 
-// Resident memory in bytes: of the process itself, of shared-memory tables, of the store's file.
+// Resident memory in bytes: of the process itself, and of shared-memory tables.
 struct Resident {
-  double own = 0, tables = 0, store = 0;
+  double own = 0, tables = 0;
   static Resident now() {
     malloc_trim(0);
     std::ifstream status("/proc/self/status");
@@ -61,15 +61,12 @@ struct Resident {
     for (std::string word; status >> word;) {
       double* const part = word == "RssAnon:"    ? &resident.own
                            : word == "RssShmem:" ? &resident.tables
-                           : word == "RssFile:"  ? &resident.store
                                                  : nullptr;
       if (part && status >> *part) *part *= 1024;
     }
     return resident;
   }
-  Resident operator-(const Resident& other) const {
-    return {own - other.own, tables - other.tables, store - other.store};
-  }
+  Resident operator-(const Resident& other) const { return {own - other.own, tables - other.tables}; }
 };
 
 }  // namespace
@@ -86,7 +83,6 @@ namespace ArpSuppression {
 namespace {
 
 constexpr char kOutput[] = "arp/input/config/arpSuppression";
-constexpr std::size_t kFlushPerTurn = 256;
 constexpr double kSlice = 1e-3;
 
 // Hands out prepared requests and takes every frame at once.
@@ -120,9 +116,15 @@ class Directory {
   }
   ~Directory() { std::filesystem::remove_all(path_); }
   std::unique_ptr<Statedb::Store> store() const {
-    auto store = Statedb::LmdbStore::open(path_, {});
+    auto store = Statedb::LogStore::open(path_, {});
     if (!store) std::fprintf(stderr, "%s\n", store.error().c_str()), std::exit(1);
     return std::move(*store);
+  }
+  double bytes() const {
+    double bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(path_))
+      bytes += static_cast<double>(entry.file_size());
+    return bytes;
   }
 
  private:
@@ -201,7 +203,7 @@ void restart(std::uint32_t bindings, const Directory& directory) {
   start = cpuSeconds();
   for (bool more = true; more;) {
     const double flush = cpuSeconds();
-    more = tree->flush(kFlushPerTurn);
+    more = tree->flush();
     longest = std::max(longest, cpuSeconds() - flush);
   }
   std::printf(
@@ -221,7 +223,7 @@ void run(std::uint32_t bindings, std::size_t requests) {
     double longestFlush = 0, flushed = 0;
     const auto flushes = rig.eventLoop().endOfTurn([&] {
       const double start = cpuSeconds();
-      if (rig.tree().flush(kFlushPerTurn)) rig.eventLoop().post([] {});
+      if (rig.tree().flush()) rig.eventLoop().post([] {});
       longestFlush = std::max(longestFlush, cpuSeconds() - start);
       flushed += cpuSeconds() - start;
     });
@@ -255,8 +257,8 @@ void run(std::uint32_t bindings, std::size_t requests) {
         "ms\n",
         bindings, population, flushed, slice * 1e3, task.c_str(), longestFlush * 1e3);
     std::printf("   resident: %.0f bytes a binding: own %.0f, tables %.0f, store %.0f\n",
-                (after.own + after.tables + after.store) / bindings, after.own / bindings,
-                after.tables / bindings, after.store / bindings);
+                (after.own + after.tables + directory.bytes()) / bindings, after.own / bindings,
+                after.tables / bindings, directory.bytes() / bindings);
     for (std::uint32_t i = 0; i < bindings; ++i) {
       fdb->fdbIs({static_cast<Bridging::Fid>(targetOf(i).vlan), macOf(i)},
                  {Bridging::EntryType::evpnLearned, intf("core10")});

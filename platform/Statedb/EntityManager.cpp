@@ -56,11 +56,12 @@ Mox::Result<EntityManager::Slot*> EntityManager::slotIs(const std::string& given
   if (const auto fitting = fits(path, typeName); !fitting) return fitting.failure();
   const auto found = slots_.find(path);
   if (found != slots_.end()) return &found->second;
-  const auto ahead = ahead_.extract(path);
+  auto ahead = ahead_.extract(path);
   Slot& slot = slots_[path];
   if (ahead && ahead.mapped().type == type) {
     slot = ahead.mapped();
   } else {
+    ahead = {};
     slot.entity = type->make();
     slot.type = type;
   }
@@ -105,7 +106,7 @@ Mox::Ptr<Mox::Entity> EntityManager::entityDel(const std::string& path) {
   Mox::Ptr<Mox::Entity> entity = slot->second.entity;
   if (slot->second.persistence) {
     slot->second.persistence->stop();
-    store_->erasePath(slot->first);
+    store_->remove(slot->first);
   }
   drop(slot);
   return entity;
@@ -179,6 +180,21 @@ void EntityManager::unmount(const std::string& path) {
   const auto slot = slots_.find(normalPath(path));
   if (slot == slots_.end() || slot->second.mounts == 0) return;
   if (--slot->second.mounts == 0 && !slot->second.owned) drop(slot);
+}
+
+bool EntityManager::flush(Journal::Extent extent) {
+  bool more = false;
+  for (const auto& [path, slot] : slots_)
+    if (slot.persistence && slot.persistence->flush(extent)) more = true;
+  return more;
+}
+
+Mox::Result<> EntityManager::written() const {
+  for (const auto& [path, slot] : slots_) {
+    if (!slot.persistence) continue;
+    if (auto written = slot.persistence->written(); !written) return written;
+  }
+  return {};
 }
 
 void EntityManager::persist(const std::string& givenPath) {

@@ -73,12 +73,12 @@ class EntityManager final : public Mox::Entity {
   // included. Nothing to do for one that is there already.
   bool loadAhead(const std::string& path, const std::string& typeName,
                  const std::function<bool()>& mustYield);
-  // Once an event-loop turn: see Store::flush.
-  bool flush(std::size_t maxOperations = Store::kEverything) {
-    return store_ && store_->flush(maxOperations);
-  }
-  // Whether what is kept could be written when it last had to be: see Store::written.
-  Mox::Result<> written() const { return store_ ? store_->written() : Mox::Result<>(); }
+  // What waits to be kept is made durable: see Journal::flush. `flush` is for once an event-loop turn and returns
+  // whether there is more.
+  bool flush() { return flush(Journal::Extent::turn); }
+  void flushAll() { flush(Journal::Extent::everything); }
+  // Whether what is kept could be written when it last had to be: see Journal::written.
+  Mox::Result<> written() const;
 
  private:
   friend class MountGroup;
@@ -100,6 +100,7 @@ class EntityManager final : public Mox::Entity {
   Mox::Result<Slot*> slotIs(const std::string& path, const std::string& typeName);
   void attach(const std::string& path, Slot& slot);
   void drop(Slots::iterator slot);
+  bool flush(Journal::Extent extent);
 
   const TypeRegistry& types_;
   const Post post_;

@@ -39,6 +39,7 @@ std::string unescapedKey(std::string_view part) {
 
 std::vector<std::string> memberPathParts(std::string_view memberPath) {
   std::vector<std::string> parts;
+  parts.reserve(4);
   for (;;) {
     const std::size_t slash = memberPath.find('/');
     parts.push_back(unescapedKey(memberPath.substr(0, slash)));

@@ -15,19 +15,20 @@ Persistence::Persistence(Mox::Ptr<Mox::Entity> entity, const EntityType& type, s
     : entity_(std::move(entity)),
       type_(type),
       path_(std::move(path)),
-      store_(store),
-      report_(std::move(report)) {}
+      report_(std::move(report)),
+      journal_(store.journal(path_)),
+      content_("", type.shape, entity_, type.make()) {}
 
 bool Persistence::load(const std::function<bool()>& mustYield) {
   if (watch_) return false;
-  bool more = false;
-  store_.load(path_, loadedTo_, [&](std::string_view key, std::string_view value) {
-    loadedTo_ = key;
-    take(*loadedTo_, std::string(value));
-    more = mustYield();
-    return !more;
-  });
-  if (more) return true;
+  Journal::Operation operation;
+  Journal::Step step{};
+  while ((step = journal_->next(operation)) == Journal::Step::operation) {
+    take(operation);
+    if (mustYield()) return true;
+  }
+  if (step == Journal::Step::damaged) startEmpty();
+  if (dropped_ != 0) journal_->rewrite();
   if (dropped_ > kMaxReports)
     report_(path_ + ": " + std::to_string(dropped_) + " stored members were dropped in all");
   watch_ = std::make_unique<TreeWatch>(entity_, type_.shape,
@@ -35,21 +36,42 @@ bool Persistence::load(const std::function<bool()>& mustYield) {
   return false;
 }
 
-void Persistence::take(const std::string& key, const std::string& value) {
+void Persistence::take(const Journal::Operation& operation) {
   Mox::Result<> loaded;
   try {
-    loaded = loadPair(key, &value);
+    loaded = loadPair(operation.key, operation.value);
   } catch (const Mox::Error& error) {  // of a watcher: the value itself is in the entity
-    report_(path_ + ": stored member " + describe(key) + ": " + error.what());
+    report_(path_ + ": stored member " + describe(operation.key) + ": " + error.what());
     return;
   }
-  if (loaded) return;
-  store_.erase(path_, key);
+  if (loaded || !operation.value) return;  // what is not there need not be erased
   if (dropped_++ < kMaxReports)
-    report_(path_ + ": stored member " + describe(key) + " is dropped: " + loaded.error());
+    report_(path_ + ": stored member " + describe(operation.key) + " is dropped: " + loaded.error());
 }
 
-Mox::Result<> Persistence::loadPair(const std::string& key, const std::string* value) {
+void Persistence::startEmpty() {
+  nlohmann::json nothing = nlohmann::json::object();
+  for (const auto& member : type_.shape.members()) {
+    if (member->kind != Mox::MemberKind::child) {
+      nothing[member->name] = nullptr;
+      continue;
+    }
+    for (const auto& part : member->childShape().members()) nothing[member->name][part->name] = nullptr;
+  }
+  auto plan = type_.planMerge(entity_, std::move(nothing), path_);
+  try {
+    if (plan) plan->apply();
+  } catch (const Mox::Error& error) {  // of a watcher: all is emptied
+    report_(path_ + ": " + error.what());
+  }
+}
+
+void Persistence::stop() {
+  watch_.reset();
+  journal_.reset();
+}
+
+Mox::Result<> Persistence::loadPair(std::string_view key, const std::optional<std::string_view>& value) {
   const std::vector<std::string> parts = memberPathParts(key);
   nlohmann::json json;
   if (value) {
@@ -59,17 +81,20 @@ Mox::Result<> Persistence::loadPair(const std::string& key, const std::string* v
   }
   Mox::Ptr<Mox::Entity> entity = entity_;
   const Shape* shape = &type_.shape;
-  Mox::Ptr<Mox::Entity> fresh;
-  if (!value) fresh = type_.make();  // an attribute without a pair has its default
+  const MemberType* parent = nullptr;
   for (std::size_t i = 0; i < parts.size(); i += 2) {
     const MemberType* member = shape->find(parts[i]);
     const std::size_t left = parts.size() - i;
     if (!member || (member->isCollection() ? left < 2 : left != 1)) break;
-    if (left <= 2 && (left == 1 || !member->hasChildren())) {
-      const std::string memberKey = left == 2 ? parts[i + 1] : std::string();
-      return within(member->name, member->merge(*entity, memberKey, json, fresh.get()));
+    if (left == 1) {
+      Mox::Ptr<Mox::Entity> fresh;  // an attribute without a pair has its default
+      if (!value) fresh = parent ? parent->freshChild(parts[i - 1]) : type_.make();
+      return within(member->name, member->merge(*entity, {}, json, fresh.get()));
     }
-    if (!member->hasChildren()) break;
+    if (!member->hasChildren()) {
+      if (left != 2) break;
+      return within(member->name, member->merge(*entity, parts[i + 1], json, nullptr));
+    }
     if (left == 2) {
       if (!value) {
         member->erase(*entity, parts[i + 1]);
@@ -83,7 +108,7 @@ Mox::Result<> Persistence::loadPair(const std::string& key, const std::string* v
     entity = member->child(*entity, parts[i + 1]);
     if (!entity) return Mox::Failure{"the child that it belongs to is not there"};
     shape = &member->childShape();
-    if (!value) fresh = member->freshChild(parts[i + 1]);
+    parent = member;
   }
   return Mox::Failure{"there is no such member"};
 }
@@ -97,7 +122,7 @@ void Persistence::handleOutsideChange(const std::string& key, const std::optiona
     ~Taking() { p.outsideKey_ = nullptr; }
     Persistence& p;
   } taking(*this, key, value);
-  if (const auto loaded = loadPair(key, value ? &*value : nullptr); !loaded)
+  if (const auto loaded = loadPair(key, value); !loaded)
     report_(path_ + ": outside change of " + describe(key) + " is not taken: " + loaded.error());
 }
 
@@ -108,11 +133,11 @@ void Persistence::handleChange(const Change& change) {
     // What came from the store is not written back; what a watcher made of it is.
     if (fromOutside && change.value() == (*outsideValue_ ? jsonOf(**outsideValue_) : nlohmann::json()))
       return;
-    std::string text = change.member.text(change.entity, change.key ? *change.key : std::string());
+    const std::string text = change.member.text(change.entity, change.key ? *change.key : std::string());
     if (text.empty()) {
-      store_.erase(path_, key);
+      journal_->erase(key);
     } else {
-      store_.write(path_, key, std::move(text));
+      journal_->write(key, text);
     }
     return;
   }
@@ -120,34 +145,14 @@ void Persistence::handleChange(const Change& change) {
   if (fromOutside && static_cast<bool>(child) == outsideValue_->has_value()) return;
   // A child of that key may have been replaced unseen, between two notifications: nothing of the old one
   // stays.
-  store_.erasePath(path_, key + "/");
-  if (!child) {
-    store_.erase(path_, key);
-    return;
-  }
-  store_.write(path_, key, "{}");
-  writeContent(key + "/", change.member.childShape(), *child, change.member.freshChild(*change.key).get());
-}
-
-void Persistence::writeContent(const std::string& prefix, const Shape& shape, const Mox::Entity& entity,
-                               const Mox::Entity* fresh) {
-  for (const auto& member : shape.members()) {
-    if (!member->isCollection()) {
-      const nlohmann::json value = member->value(entity, {});
-      if (!fresh || value != member->value(*fresh, {}))
-        store_.write(path_, prefix + member->name, jsonText(value));
-      continue;
-    }
-    const std::string keyPrefix = prefix + member->name + "/";
-    member->forEachValue(entity, [&](const std::string& key, const nlohmann::json& value) {
-      store_.write(path_, keyPrefix + escapedKey(key), jsonText(value));
-    });
-    member->forEachChild(entity, [&](const std::string& key, const Mox::Entity& child) {
-      if (member->kind != Mox::MemberKind::child) store_.write(path_, keyPrefix + escapedKey(key), "{}");
-      writeContent(keyPrefix + escapedKey(key) + "/", member->childShape(), child,
-                   member->freshChild(key).get());
-    });
-  }
+  journal_->erase(key);
+  if (!child) return;
+  journal_->write(key, "{}");
+  ContentWalk content(key + "/", change.member.childShape(), child, change.member.freshChild(*change.key));
+  content.read([&](std::string_view memberKey, std::string_view value) {
+    journal_->write(memberKey, value);
+    return true;
+  });
 }
 
 }  // namespace Statedb

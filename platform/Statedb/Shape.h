@@ -3,8 +3,10 @@
 #include <functional>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Mox/Attribute.h"
@@ -51,6 +53,17 @@ class MemberType {
   virtual void forEachChild(
       const Mox::Entity& entity,
       const std::function<void(const std::string& key, Mox::Entity& child)>& visit) const = 0;
+
+  // For a scan that gives way. Of maps and sets, the texts behind that key, or all, until the visitor has
+  // enough; of one without an order all or, behind any key, none. Of children the next one behind that key.
+  using TextVisitor = std::function<bool(const std::string& key, const std::string& text)>;
+  using Child = std::pair<std::string, Mox::Ptr<Mox::Entity>>;
+  virtual void forEachText(const Mox::Entity& entity, const std::optional<std::string>& behind,
+                           const TextVisitor& visit) const = 0;
+  virtual std::optional<Child> nextChild(const Mox::Entity& entity,
+                                         const std::optional<std::string>& behind) const = 0;
+  // How many members there are; an attribute is one.
+  virtual std::size_t count(const Mox::Entity& entity) const = 0;
 
   // Whether `merge` would take this. A refusal's text is what a message says behind the member's name. `json`
   // is not looked at for children.

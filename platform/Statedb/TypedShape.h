@@ -70,6 +70,35 @@ class TypedMember final : public MemberType {
     }
   }
 
+  void forEachText(const Mox::Entity& entity, const std::optional<std::string>& behind,
+                   const TextVisitor& visit) const override {
+    if constexpr (!kAttribute && !kChildren) {
+      const auto& all = member_.get(as(entity));
+      for (auto at = firstBehind(all, behind); at != all.end(); ++at) {
+        const bool more = visit(Mox::toStrep(all.keyOf(*at)), valueText<Value>(all.valueOf(*at)));
+        if (!more && kOrdered<std::decay_t<decltype(all)>>) return;
+      }
+    }
+  }
+
+  std::optional<Child> nextChild(const Mox::Entity& entity,
+                                 const std::optional<std::string>& behind) const override {
+    if constexpr (kChildren) {
+      const auto& all = member_.get(as(entity));
+      if (const auto at = firstBehind(all, behind); at != all.end())
+        return Child(Mox::toStrep(all.keyOf(*at)), all.valueOf(*at));
+    }
+    return std::nullopt;
+  }
+
+  std::size_t count(const Mox::Entity& entity) const override {
+    if constexpr (kAttribute) {
+      return 1;
+    } else {
+      return member_.get(as(entity)).size();
+    }
+  }
+
   Mox::Result<> check(std::string_view keyText, const nlohmann::json& json) const override {
     if constexpr (kAttribute) {
       if (json.is_null()) return {};
@@ -183,6 +212,22 @@ class TypedMember final : public MemberType {
       }
       return {};
     }
+  }
+  template <class Container>
+  static constexpr bool kOrdered = requires(const Container& all, const Key& key) {
+    all.lowerBound(key);
+  };
+  template <class Container>
+  static auto firstBehind(const Container& all, const std::optional<std::string>& behind) {
+    if (!behind) return all.begin();
+    if constexpr (kOrdered<Container>) {
+      if (const auto key = textToValue<Key>(*behind)) {
+        auto at = all.lowerBound(*key);
+        if (at != all.end() && all.keyOf(*at) == *key) ++at;
+        return at;
+      }
+    }
+    return all.end();
   }
   static const E& as(const Mox::Entity& entity) { return static_cast<const E&>(entity); }
   static E& as(Mox::Entity& entity) { return static_cast<E&>(entity); }

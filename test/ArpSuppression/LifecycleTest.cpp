@@ -1,7 +1,7 @@
 #include <filesystem>
 
 #include "Rig.h"
-#include "Statedb/LmdbStore.h"
+#include "Statedb/LogStore.h"
 #include "Tracelet/Trace.h"
 
 namespace ArpSuppression {
@@ -92,7 +92,7 @@ TEST(Lifecycle, killed_agent_finds_its_flag_in_the_store_and_cleans_up_or_runs) 
   ASSERT_NE(mkdtemp(directory), nullptr);
   for (const bool configured : {true, true, false, true}) {
     SCOPED_TRACE(configured);
-    auto store = Statedb::LmdbStore::open(directory, {});
+    auto store = Statedb::LogStore::open(directory, {});
     ASSERT_EQ(store.error(), "");
     Rig rig(std::move(*store));
     rig.evpn()->mplsConfiguredIs(configured);
@@ -105,7 +105,7 @@ TEST(Lifecycle, killed_agent_finds_its_flag_in_the_store_and_cleans_up_or_runs) 
     rig.kill();
     EXPECT_EQ(rig.published()->runnable(), configured) << "only a stop clears the flag";
     EXPECT_EQ(rig.sockets.openSockets(), 0);
-    rig.tree().flush();
+    rig.tree().flushAll();
   }
   std::filesystem::remove_all(directory);
 }

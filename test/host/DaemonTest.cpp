@@ -227,13 +227,14 @@ TEST_F(Programs, endWhenAStartCannotBeCompleted) {
 
 // One that was killed leaves its socket and lock behind.
 TEST_F(Programs, startAfterAKill) {
-  daemonIs();
+  const json config{{"agents", {"ArpSuppression"}}};
+  daemonIs(config);
   daemon->signal(SIGKILL);
   daemon->wait();
   ASSERT_EQ(access((runDirectory + "/control").c_str(), F_OK), 0);
   EXPECT_EQ(arpsup({"show"}).status, 2);
-  std::ofstream(runDirectory + "/state/state.mdb") << "damaged";
-  daemonIs();
+  std::ofstream(runDirectory + "/state/arpSuppression%2Fstatus.log") << "damaged";
+  daemonIs(config);
   EXPECT_THAT(daemon->error, HasSubstr("the state store is damaged"));
   EXPECT_EQ(arpsup({"show"}).status, 0);
 }

@@ -11,7 +11,6 @@
 #include "Orb/EventLoop.h"
 #include "Orb/TaskScheduler.h"
 #include "Statedb/Json.h"
-#include "Statedb/LmdbStore.h"
 #include "host/Config.h"
 #include "host/State.h"
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "Arp/InputConfig.h"
+#include "Statedb/LogStore.h"
 #include "Suppression/RemoteBindingConfig.h"
 #include "Suppression/Status.h"
 #include "Switch/Config.h"
@@ -182,7 +183,7 @@ TEST(State, keepsWhatAgentsPublishAndNothingElse) {
               {"ArpService", false},
               {"ArpSuppression", false}};
   for (const auto& run : runs) {
-    auto store = Statedb::LmdbStore::open(runDir.path(), {});
+    auto store = Statedb::LogStore::open(runDir.path(), {});
     ASSERT_TRUE(store) << store.error();
     HostState host(runDir, {{"agents", {run.plugin}}}, std::move(*store));
     EXPECT_TRUE(
@@ -204,20 +205,24 @@ TEST(State, keepsWhatAgentsPublishAndNothingElse) {
 }
 
 TEST(State, reportsAStoreThatCannotBeWritten) {
-  struct FullStore final : Statedb::Store {
+  struct FullStore final : Statedb::Store, Statedb::Journal {
     explicit FullStore(const Mox::Result<>& written) : written_(written) {}
-    void load(const std::string&, const std::optional<std::string>&, const Visitor&) override {}
-    void write(const std::string&, const std::string&, std::string) override {}
-    void erase(const std::string&, const std::string&) override {}
-    void erasePath(const std::string&, const std::string&) override {}
-    bool flush(std::size_t) override { return false; }
-    std::size_t waiting() const override { return 1; }
+    std::unique_ptr<Journal> journal(const std::string&) override {
+      return std::make_unique<FullStore>(written_);
+    }
+    void remove(const std::string&) override {}
+    Step next(Operation&) override { return Step::end; }
+    void write(std::string_view, std::string_view) override {}
+    void erase(std::string_view) override {}
+    void rewrite() override {}
+    bool flush(Statedb::Content&, Extent) override { return false; }
     const Mox::Result<>& written() const override { return written_; }
     const Mox::Result<>& written_;
   };
   RunDir runDir;
-  Mox::Result<> written = Mox::Failure{"state.mdb: no space"};
-  HostState host(runDir, json::object(), std::make_unique<FullStore>(written));
+  Mox::Result<> written = Mox::Failure{"status.log: no space"};
+  HostState host(runDir, {{"agents", {"ArpSuppression"}}}, std::make_unique<FullStore>(written));
+  EXPECT_TRUE(host.state->tree()->entityIs("arpSuppression/status", "ArpSuppression::ArpSuppressionStatus"));
   host.state->flush();
   EXPECT_EQ(host.show("switch/problems")["problem"]["agent-host state store"]["problem"], written.error());
   written = {};

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <set>
+
 #include "Statedb/EntityManager.h"
 #include "TestModel.h"
 
@@ -16,34 +18,66 @@ namespace {
 // Keeps everything in memory, counts what is written, and plays the other processes.
 class MemoryStore final : public Statedb::Store {
  public:
-  using Content = std::map<std::string, std::string>;
-  explicit MemoryStore(std::map<std::string, Content>& paths, Watch& watch) : paths_(paths), watch_(watch) {}
-  void load(const std::string& path, const std::optional<std::string>& after, const Visitor& visit) override {
-    const Content content = paths_[path];
-    for (auto at = after ? content.upper_bound(*after) : content.begin(); at != content.end(); ++at)
-      if (!visit(at->first, at->second)) return;
+  using Pairs = std::map<std::string, std::string>;
+  explicit MemoryStore(std::map<std::string, Pairs>& paths, Watch& watch) : paths_(paths), watch_(watch) {}
+  std::unique_ptr<Statedb::Journal> journal(const std::string& path) override {
+    return std::make_unique<MemoryJournal>(paths_[path]);
   }
-  void write(const std::string& path, const std::string& key, std::string value) override {
-    paths_[path][key] = std::move(value);
-  }
-  void erase(const std::string& path, const std::string& key) override { paths_[path].erase(key); }
-  void erasePath(const std::string& path, const std::string& prefix) override {
-    std::erase_if(paths_[path], [&](const auto& pair) { return pair.first.starts_with(prefix); });
-  }
-  bool flush(std::size_t) override { return false; }
-  std::size_t waiting() const override { return 0; }
-  const Mox::Result<>& written() const override { return written_; }
+  void remove(const std::string& path) override { paths_[path].clear(); }
   void watchIs(Watch watch) override { watch_ = std::move(watch); }
 
  private:
-  std::map<std::string, Content>& paths_;
+  class MemoryJournal final : public Statedb::Journal {
+   public:
+    explicit MemoryJournal(Pairs& pairs) : pairs_(pairs), left_(pairs) {}
+    Step next(Operation& operation) override {
+      if (left_.empty()) return Step::end;
+      node_ = left_.extract(left_.begin());
+      operation = {node_.key(), node_.mapped()};
+      return node_.key() == "damaged" ? Step::damaged : Step::operation;
+    }
+    void write(std::string_view key, std::string_view value) override { pairs_[std::string(key)] = value; }
+    void erase(std::string_view key) override {
+      const std::string below = std::string(key) + "/";
+      std::erase_if(pairs_,
+                    [&](const auto& pair) { return pair.first == key || pair.first.starts_with(below); });
+    }
+    void rewrite() override { rewritten_ = false; }
+    // A pair a turn.
+    bool flush(Statedb::Content& content, Extent extent) override {
+      if (rewritten_) return false;
+      if (!rewriting_) {
+        pairs_.clear();
+        told_.clear();
+        content.readAgain();
+      }
+      rewriting_ = content.read([&](std::string_view key, std::string_view value) {
+        EXPECT_TRUE(told_.emplace(key).second) << key << " is told once";
+        pairs_[std::string(key)] = value;
+        return extent == Extent::everything;
+      });
+      rewritten_ = !rewriting_;
+      return rewriting_;
+    }
+    const Mox::Result<>& written() const override { return written_; }
+
+   private:
+    Pairs& pairs_;
+    Pairs left_;
+    Pairs::node_type node_;
+    std::set<std::string> told_;
+    bool rewritten_ = true;
+    bool rewriting_ = false;
+    const Mox::Result<> written_;
+  };
+
+  std::map<std::string, Pairs>& paths_;
   Watch& watch_;
-  const Mox::Result<> written_;
 };
 
 class PersistenceTest : public testing::Test {
  protected:
-  using Content = MemoryStore::Content;
+  using Pairs = MemoryStore::Pairs;
   // A process that keeps "test".
   Mox::Ptr<EntityManager> process() {
     auto manager = Mox::make<EntityManager>(
@@ -56,9 +90,9 @@ class PersistenceTest : public testing::Test {
     EXPECT_TRUE(manager->entityIs("test", "Test::Config"));
     return manager->entityOf<Config>("test");
   }
-  Content& stored() { return stored_["test"]; }
+  Pairs& stored() { return stored_["test"]; }
 
-  std::map<std::string, Content> stored_;
+  std::map<std::string, Pairs> stored_;
   Statedb::Store::Watch watch_;
   std::vector<std::string> messages_;
 };
@@ -68,7 +102,7 @@ class PersistenceTest : public testing::Test {
 TEST_F(PersistenceTest, EachChangeIsOnePair) {
   const auto manager = process();
   const auto c = config(manager);
-  EXPECT_EQ(stored(), Content{});
+  EXPECT_EQ(stored(), Pairs{});
   c->levelIs(5);
   c->fidIs(10, 110);
   c->fidIs(11, 111);
@@ -78,17 +112,17 @@ TEST_F(PersistenceTest, EachChangeIsOnePair) {
   const auto vrf = c->vrfIs("a/b");
   vrf->ipv4Is(Address(1), Entry{});
   vrf->ipv6Is({Address(1), "eth0"}, Entry{});
-  const Content expected{{"level", "5"},
-                         {"fid/10", "110"},
-                         {"vlan/7", "true"},
-                         {"one//on", "true"},
-                         {"vrf/a%2Fb", "{}"},
-                         {"vrf/a%2Fb/ipv4/0.1", R"({"dynamic":false,"mac":"0.0","type":0})"},
-                         {"vrf/a%2Fb/ipv6/0.1 eth0", R"({"dynamic":false,"mac":"0.0","type":0})"}};
+  const Pairs expected{{"level", "5"},
+                       {"fid/10", "110"},
+                       {"vlan/7", "true"},
+                       {"one//on", "true"},
+                       {"vrf/a%2Fb", "{}"},
+                       {"vrf/a%2Fb/ipv4/0.1", R"({"dynamic":false,"mac":"0.0","type":0})"},
+                       {"vrf/a%2Fb/ipv6/0.1 eth0", R"({"dynamic":false,"mac":"0.0","type":0})"}};
   EXPECT_EQ(stored(), expected);
   c->vrfDel("a/b");
   vrf->stateIs(Color::red);
-  EXPECT_EQ(stored(), (Content{{"level", "5"}, {"fid/10", "110"}, {"vlan/7", "true"}, {"one//on", "true"}}));
+  EXPECT_EQ(stored(), (Pairs{{"level", "5"}, {"fid/10", "110"}, {"vlan/7", "true"}, {"one//on", "true"}}));
 }
 
 TEST_F(PersistenceTest, TheNextProcessFindsWhatTheLastOneLeft) {
@@ -107,7 +141,7 @@ TEST_F(PersistenceTest, TheNextProcessFindsWhatTheLastOneLeft) {
     merge(c, R"({"level":null})");
     left = configType().toJson(*c);
   }
-  const Content before = stored();
+  const Pairs before = stored();
   const auto c = config(process());
   EXPECT_EQ(configType().toJson(*c), left);
   EXPECT_EQ(stored(), before);
@@ -122,12 +156,13 @@ TEST_F(PersistenceTest, AnEntityThatIsThereAlreadyIsLoadedAndDeletedForGood) {
   c->fidIs(1, 11);
   manager->persist("test");
   manager->persist("test");
+  manager->flushAll();
   EXPECT_EQ(c->level(), 5);
-  EXPECT_EQ(stored(), (Content{{"fid/1", "11"}, {"level", "5"}}));
+  EXPECT_EQ(stored(), (Pairs{{"fid/1", "11"}, {"level", "5"}}));
   manager->entityDel("test");
-  EXPECT_EQ(stored(), Content{});
+  EXPECT_EQ(stored(), Pairs{});
   c->levelIs(6);
-  EXPECT_EQ(stored(), Content{});
+  EXPECT_EQ(stored(), Pairs{});
 }
 
 // In slices, before anybody creates it; what is left when somebody does is loaded then.
@@ -141,8 +176,8 @@ TEST_F(PersistenceTest, WhatIsLoadedAheadIsFoundWhole) {
     left = configType().toJson(*c);
   }
   stored()[""] = "dropped";
-  const Content before = [&] {
-    Content content = stored();
+  const Pairs before = [&] {
+    Pairs content = stored();
     content.erase("");
     return content;
   }();
@@ -160,6 +195,7 @@ TEST_F(PersistenceTest, WhatIsLoadedAheadIsFoundWhole) {
     EXPECT_THAT(manager->paths(), ElementsAre());
     const auto c = config(manager);
     EXPECT_FALSE(manager->loadAhead("test", "Test::Config", everyTime)) << "it is there";
+    manager->flushAll();
     EXPECT_EQ(configType().toJson(*c), left);
     EXPECT_EQ(stored(), before);
     EXPECT_THAT(messages_, ElementsAre(HasSubstr("is dropped")));
@@ -195,9 +231,11 @@ TEST_F(PersistenceTest, HostileContentIsDroppedAndTheRestLoads) {
   };
   for (const auto& [key, value] : bad) stored()[key] = value;
   stored()["\xff\xfe"] = "\xff";
-  const Content good{{"fid/1", "1"}, {"level", "5"}, {"vrf/red", "{}"}, {"vrf/red/state", "\"red\""}};
+  const Pairs good{{"fid/1", "1"}, {"level", "5"}, {"vrf/red", "{}"}, {"vrf/red/state", "\"red\""}};
   stored().insert(good.begin(), good.end());
-  const auto c = config(process());
+  const auto manager = process();
+  const auto c = config(manager);
+  manager->flushAll();
   EXPECT_EQ(stored(), good);
   EXPECT_EQ(c->level(), 5);
   EXPECT_EQ(c->fids(), 1u);
@@ -207,6 +245,43 @@ TEST_F(PersistenceTest, HostileContentIsDroppedAndTheRestLoads) {
   EXPECT_THAT(messages_,
               testing::Contains(HasSubstr("test: stored member \"enabled\" is dropped: enabled: 7 is not")));
   EXPECT_THAT(messages_, testing::Contains("test: 19 stored members were dropped in all"));
+}
+
+// What is kept is rewritten from the entity while that changes: nothing that stays is left out or told twice.
+TEST_F(PersistenceTest, IsRewrittenInSlicesWhileTheEntityChanges) {
+  stored()["nothing"] = "1";  // which makes a rewrite
+  const auto manager = process();
+  const auto c = config(manager);
+  merge(c, R"({"level":4,"entry":{"type":3},"vlan":{"3":true,"9":true},"one":{"on":true},
+      "vrf":{"":{"state":"red"},"gone":{"ipv4":{"1.1":{},"1.2":{},"1.3":{}}},"last":{"ipv6":{"1.1 e":{}}}}})");
+  for (std::uint16_t i = 0; i < 20; ++i) c->fidIs(i, i);
+  const auto blue = c->vrfIs("blue");
+  for (std::uint32_t i = 0; i < 20; ++i) blue->ipv4Is(Address(i), Entry{});
+  unsigned turns = 0;
+  while (manager->flush()) {
+    ++turns;
+    // Where the walk is, has been and will be; what was erased before it came is not told.
+    if (turns == 5) c->fidDel(3), c->fidDel(4), c->fidDel(15), c->fidIs(40, 1);
+    if (turns == 30) blue->ipv4Del(Address(5)), blue->ipv4Del(Address(6));
+    if (stored().contains("vrf/gone/ipv4/1.2") && c->vrfHas("gone")) c->vrfDel("gone");
+  }
+  EXPECT_GT(turns, 40u);
+  EXPECT_FALSE(c->vrfHas("gone"));
+  const json now = configType().toJson(*c);
+  EXPECT_FALSE(stored().contains("nothing"));
+  EXPECT_EQ(configType().toJson(*config(process())), now);
+}
+
+TEST_F(PersistenceTest, NothingOfADamagedJournalCounts) {
+  stored() = {{"damaged", ""}, {"Z", "before"}};
+  {
+    const auto manager = Mox::make<EntityManager>(
+        registry(), [](std::function<void()>) {}, std::make_unique<MemoryStore>(stored_, watch_));
+    const auto c = config(manager);
+    merge(c, R"({"level":4,"one":{"on":true},"vrf":{"red":{"state":"red"}},"fid":{"1":1}})");
+    manager->persist("test");
+    EXPECT_EQ(configType().toJson(*c), configType().toJson(*configType().make()));
+  }
 }
 
 TEST_F(PersistenceTest, AChildThatAWatcherReplacesLeavesNothingOfTheOldOne) {
@@ -235,7 +310,7 @@ TEST_F(PersistenceTest, OutsideChangesGoIntoTheEntityAndAreNotWrittenBack) {
   EXPECT_EQ(c->level(), 5);
   EXPECT_EQ(c->fid(1), 11);
   EXPECT_EQ(c->vrf("red")->state(), Color::red);
-  EXPECT_EQ(stored(), (Content{{"label", "9"}})) << "what a watcher made of it is written";
+  EXPECT_EQ(stored(), (Pairs{{"label", "9"}})) << "what a watcher made of it is written";
   watch_("test", "fid/1", std::nullopt);
   watch_("test", "vrf/red/state", std::nullopt);
   EXPECT_EQ(c->vrf("red")->state(), Color::green) << "its default";
