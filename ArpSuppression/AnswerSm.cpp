@@ -11,7 +11,7 @@ namespace ArpSuppression {
 namespace {
 
 // Keys that are read from a table together.
-constexpr std::size_t kKeysPerVisit = 16;
+constexpr std::size_t kKeysPerVisit = 64;
 
 // A host like any other asks: neither the switch itself, nor the owner, nor a probe or an announcement, on a
 // port that no station is on.
@@ -62,7 +62,8 @@ AnswerSm::AnswerSm(Ptr<Orb::TaskScheduler> scheduler, Inputs inputs, Outputs out
   // Not the input's own events: a binding that there is room for at last is no change of the input.
   remoteBindingStatusSm_.on(RemoteBindingStatusSm::knownBindingChanged,
                             [this](const RemoteBindingKey& key) { handleKnownBinding(key); });
-  remoteBindingStatus_.on(RemoteBindingStatus::refusingChanged, [this] { allOutdated(); });
+  remoteBindingStatus_.on(RemoteBindingStatus::refusingChanged, [this] { allOutdated(); })
+      .on(RemoteBindingStatus::initialPopulationCompleteChanged, [this] { scheduleWalk(); });
   arpStatus_.on(Arp::Table::Status::arpEntryChanged,
                 [this](const Arp::Table::ArpKey& key) { handleArpEntry(key); });
   bridgingStatus_.on(Memtab::Bridging::Status::fdbChanged,
@@ -105,7 +106,9 @@ void AnswerSm::allOutdated() {
   if (walking_.none()) scheduleWalk();
 }
 
+// What is known of the kernel's neighbours stays right meanwhile: whatever has one is walked as well.
 void AnswerSm::handleKnownBinding(const RemoteBindingKey& key) {
+  if (outdated_[key.vlanId.value()]) return;
   if (const auto address = addressOf(key)) update(*address);
 }
 
@@ -264,6 +267,7 @@ bool AnswerSm::walkTable(const Collection& table, Orb::WalkRet& ret) {
 
 Orb::WalkRet AnswerSm::walk() {
   if (std::exchange(configChanged_, false)) handleConfig();
+  if (!remoteBindingStatus_->initialPopulationComplete()) return {};
   if (walking_.none()) {
     if (outdated_.none()) return {};
     walking_ = std::exchange(outdated_, {});
@@ -293,7 +297,7 @@ void AnswerSm::walkFinishedNotification() {
   for (const auto& [vlanId, published] : arpSuppressionStatus_->vlanIdCollection()) {
     if (published && done[vlanId.value()]) answerVlans_->vlanIdIs(vlanId);
   }
-  if (outdated_.any()) scheduleWalk();
+  if (outdated_.any() && remoteBindingStatus_->initialPopulationComplete()) scheduleWalk();
 }
 
 void AnswerSm::dumpState(Orb::DumpContext& context, int indent) const {

@@ -33,6 +33,9 @@ namespace ArpSuppression {
 //
 // A VLAN whose requests the configuration leaves to the agent has no entries, and stays out; one whose
 // solicitations it lets pass has none of IPv6.
+//
+// While a VLAN is to be walked, changes of its bindings cost nothing: the walk comes over them. The first one
+// waits until the remote bindings that were there at start are known.
 class AnswerSm final : public Orb::WalkSmBase {
  public:
   struct Inputs {
@@ -75,7 +78,6 @@ class AnswerSm final : public Orb::WalkSmBase {
   Orb::WalkRet walk() override;
   void walkFinishedNotification() override;
 
-  void handlePublished(Bridging::VlanId vlanId);
   void handleKnownBinding(const RemoteBindingKey& key);
   void handleArpEntry(const Arp::Table::ArpKey& key);
   void handleFdb(const Bridging::HostKey& key);

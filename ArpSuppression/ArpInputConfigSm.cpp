@@ -370,7 +370,7 @@ void ArpInputConfigSm::handleReadiness() {
 
 void ArpInputConfigSm::handleTakeOverEnd() {
   takingOver_ = false;
-  scheduleWalk();
+  reevaluate();
   if (populated()) return;
   problems().problemIs(kTakeOver,
                        "those whose VLAN is not there are removed, as KernelState still waits for " +

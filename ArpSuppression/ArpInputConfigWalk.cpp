@@ -8,7 +8,8 @@ namespace ArpSuppression {
 
 namespace {
 constexpr char kSource[] = "ArpSuppression/ArpInputConfigSm";
-}
+constexpr std::size_t kLookAhead = 16;
+}  // namespace
 
 Mox::String ArpInputConfigBookmark::toStrep() const {
   return "Value('ArpSuppression::ArpInputConfigBookmark', ** {'vrfName': " + vrfName +
@@ -96,20 +97,36 @@ bool ArpInputConfigSm::vrfWalk(const Ptr<Arp::ArpInputVrfConfig>& config, const 
   const auto& ipv4 = config->ipv4Collection();
   const auto& ipv6 = config->ipv6Collection();
   // A decision may remove the entry it is about, and others of its address: the next one is found by key.
-  const auto step = [&](const auto& entries, const auto& key, const VrfIpAddress& vrfIpAddress) {
-    scheduler()->loop().dispatch("ArpInputConfigSm", [&] { updateVrfIpAddress(vrfIpAddress, false); });
+  // One of a binding was decided in the stages before, or since.
+  const auto step = [&](const auto& entries, auto at, const VrfIpAddress& vrfIpAddress) {
     ++ret.processed;
+    if (remoteBindingStatus_->ipToMacHas(vrfIpAddress) || localBindingRecord_->bindingHas(vrfIpAddress))
+      return ++at;
+    const auto key = at->key;
+    scheduler()->loop().dispatch("ArpInputConfigSm", [&] { updateVrfIpAddress(vrfIpAddress, false); });
     auto next = entries.lowerBound(key);
     if (next != entries.end() && next->key == key) ++next;
     return next;
+  };
+
+  const auto keyOf4 = [&](const Lanix::IpAddr& address) { return VrfIpAddress{vrfInfo, address, {}}; };
+  // Every so many entries what is looked up for the next ones is brought into the cache.
+  auto lookAhead = [&, ahead = std::size_t{0}](auto first) mutable {
+    if (ahead == 0) {
+      const auto& bindings = remoteBindingStatus_->ipToMacCollection();
+      for (auto at = first; at != ipv4.end() && ahead < kLookAhead; ++at, ++ahead)
+        bindings.prefetch(keyOf4(at->key));
+      for (std::size_t i = 0; i < ahead; ++i, ++first) bindings.prefetchChild(keyOf4(first->key));
+    }
+    --ahead;
   };
 
   const bool inIpv6 = from.ipAddress && !from.ipAddress.isIpv4();
   if (!inIpv6) {
     auto at = from.ipAddress ? ipv4.lowerBound(from.ipAddress.ipv4()) : ipv4.begin();
     while (at != ipv4.end()) {
-      const Lanix::IpAddr address = at->key;
-      at = step(ipv4, address, {vrfInfo, address, {}});
+      lookAhead(at);
+      at = step(ipv4, at, keyOf4(at->key));
       if (!mustYield()) continue;
       if (at != ipv4.end()) {
         arpInputConfigBookmark_ = {config->vrfName(), at->key, {}};
@@ -130,7 +147,7 @@ bool ArpInputConfigSm::vrfWalk(const Ptr<Arp::ArpInputVrfConfig>& config, const 
   auto at = inIpv6 ? ipv6.lowerBound({from.ipAddress.ipv6(), from.intfId}) : ipv6.begin();
   while (at != ipv6.end()) {
     const Arp::NeighborEntryKey key = at->key;
-    at = step(ipv6, key, {vrfInfo, key.addr, key.addr.isLinkLocal() ? key.intf : Lanix::IntfId()});
+    at = step(ipv6, at, {vrfInfo, key.addr, key.addr.isLinkLocal() ? key.intf : Lanix::IntfId()});
     if (at == ipv6.end() || !mustYield()) continue;
     arpInputConfigBookmark_ = {config->vrfName(), at->key.addr, at->key.intf};
     TRACE8("ipv6 walk suspended "

@@ -24,7 +24,8 @@ bool VrfIpAddress::operator<(const VrfIpAddress& other) const {
 }
 
 std::uint64_t VrfIpAddress::hash(std::uint64_t seed) const {
-  return intfId.hash(ipAddress.hash(Mox::hashOf(vrfInfo, seed)));
+  const std::uint64_t hash = ipAddress.hash(Mox::hashOf(vrfInfo, seed));
+  return intfId ? intfId.hash(hash) : hash;
 }
 
 Mox::String VrfIpAddress::toStrep() const {

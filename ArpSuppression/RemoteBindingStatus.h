@@ -2,6 +2,7 @@
 
 #include "ArpSuppression/BindingKeys.h"
 #include "ArpSuppression/VrfUseTracker.h"
+#include "Mox/Dense.h"
 #include "Mox/SmallSet.h"
 #include "Suppression/RemoteBindingConfig.h"
 
@@ -9,7 +10,7 @@ namespace ArpSuppression {
 
 // The remote stations that claim one address: more than one only while it moves, or through several VLANs of
 // a VRF. They stand in order of arrival, and the first one counts until it is withdrawn.
-class RemoteIpToMac final : public Mox::Entity {
+class RemoteIpToMac final : public Mox::Entity, public Mox::Dense<RemoteIpToMac> {
  public:
   explicit RemoteIpToMac(VrfIpAddress vrfIpAddress) : vrfIpAddress_(std::move(vrfIpAddress)) {}
   const VrfIpAddress& vrfIpAddress() const { return vrfIpAddress_; }
@@ -28,8 +29,8 @@ class RemoteIpToMac final : public Mox::Entity {
   VrfIpAddress vrfIpAddress_;
 };
 
-// The addresses of one remote station.
-class RemoteMacToIp final : public Mox::Entity {
+// The addresses of one remote station. Nobody watches it.
+class RemoteMacToIp final : public Mox::Referenced, public Mox::Dense<RemoteMacToIp> {
  public:
   explicit RemoteMacToIp(VlanIdMacAddress vlanIdMacAddress) : vlanIdMacAddress_(vlanIdMacAddress) {}
   const VlanIdMacAddress& vlanIdMacAddress() const { return vlanIdMacAddress_; }

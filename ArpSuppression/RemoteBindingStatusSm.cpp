@@ -15,7 +15,7 @@ namespace {
 constexpr char kSource[] = "ArpSuppression/RemoteBindingStatusSm";
 
 // Keys that are read from the input together.
-constexpr std::size_t kKeysPerVisit = 16;
+constexpr std::size_t kKeysPerVisit = 64;
 
 // "<10;02:00:00:00:00:01>"
 Mox::String shortForm(const VlanIdMacAddress& key) {
@@ -153,7 +153,7 @@ void RemoteBindingStatusSm::addMac(const RemoteBindingKey& key, const RemoteBind
           "add ipToMac vrfIpAddress=<{};{};{}> > newVlanIdMacAddress=<{};{}> create={} activeLocalChanged={}",
           vrfIpAddress.vrfInfo->vrfName(), key.ipAddress, vrfIpAddress.intfId, key.vlanId.value(),
           now.macAddress, yesNo(create), yesNo(activeLocalChanged));
-      fileMac(vrfIpAddress, mac, now.localMultihomed);
+      fileMac(vrfIpAddress, ipToMac, mac, now.localMultihomed);
     }
   }
   if (newKey && vlanBindingCountInc(key.vlanId, 1) == 1) {
@@ -197,9 +197,8 @@ void RemoteBindingStatusSm::deleteMac(const RemoteBindingKey& key, const Lanix::
   remoteBindingStatus_->vlanIdDel(key.vlanId);
 }
 
-void RemoteBindingStatusSm::fileMac(const VrfIpAddress& vrfIpAddress, const VlanIdMacAddress& mac,
-                                    bool localMultihomed) {
-  Ptr<RemoteIpToMac> ipToMac = remoteBindingStatus_->ipToMac(vrfIpAddress);
+void RemoteBindingStatusSm::fileMac(const VrfIpAddress& vrfIpAddress, Ptr<RemoteIpToMac> ipToMac,
+                                    const VlanIdMacAddress& mac, bool localMultihomed) {
   if (!ipToMac) {
     ipToMac = remoteBindingStatus_->ipToMacIs(vrfIpAddress);
     remoteBindingStatus_->referenceVrf(vrfIpAddress.vrfInfo);
@@ -259,6 +258,7 @@ bool RemoteBindingStatusSm::walkStartedNotification() {
   inputKeysHandled_ = 0;
   remoteBindingStatusBookmark_ = {};
   wasRefusing_ = remoteBindingStatus_->refusing();
+  nothingFiled_ = remoteBindingStatus_->ipToMacs() == 0;
   refused_ = false;
   return true;
 }
@@ -277,6 +277,13 @@ Orb::WalkRet RemoteBindingStatusSm::walk() {
   return {};
 }
 
+// Brings the places of the binding into the cache.
+void RemoteBindingStatusSm::lookAhead(const RemoteBindingKey& key, const RemoteBinding& binding) const {
+  knownBindingCollection().prefetch(key);
+  remoteBindingStatus_->macToIpCollection().prefetch({key.vlanId, binding.macAddress});
+  remoteBindingStatus_->ipToMacCollection().prefetch(vrfIpAddressOf(key));
+}
+
 // Keys are read a few at a time and handled one by one, in this slice or the next: what a key's binding is
 // counts when it is its turn.
 Orb::WalkRet RemoteBindingStatusSm::remoteBindingConfigWalk() {
@@ -288,7 +295,10 @@ Orb::WalkRet RemoteBindingStatusSm::remoteBindingConfigWalk() {
       inputKeysHandled_ = 0;
       inputHasMore_ = remoteBindingConfig_->remoteBindingVisit(
           remoteBindingConfigBookmark_, kKeysPerVisit,
-          [this](const RemoteBindingKey& key, const RemoteBinding&) { inputKeys_.push_back(key); });
+          [this](const RemoteBindingKey& key, const RemoteBinding& binding) {
+            inputKeys_.push_back(key);
+            lookAhead(key, binding);
+          });
     }
     if (inputKeysHandled_ == inputKeys_.size()) continue;  // a stretch of the table without entries
     const RemoteBindingKey key = inputKeys_[inputKeysHandled_++];
@@ -312,6 +322,10 @@ Orb::WalkRet RemoteBindingStatusSm::remoteBindingConfigWalk() {
 
 Orb::WalkRet RemoteBindingStatusSm::remoteBindingStatusWalk() {
   Orb::WalkRet ret;
+  if (nothingFiled_) {  // what this walk filed is where it belongs, or the walk would have begun again
+    walkStage_ = WalkStage::complete;
+    return ret;
+  }
   const auto& entries = remoteBindingStatus_->ipToMacCollection();
   auto next =
       remoteBindingStatusBookmark_ ? entries.lowerBound(remoteBindingStatusBookmark_) : entries.begin();
@@ -365,7 +379,7 @@ void RemoteBindingStatusSm::updateIpToMac(const Ptr<RemoteIpToMac>& ipToMac) {
       TRACELET_RECORD("add ipToMac newVrfIpAddress=<{};{};{}> create={} activeLocalChanged={}",
                       newVrf->vrfName(), ipAddress, newVrfIpAddress.intfId, yesNo(create),
                       yesNo(activeLocalChanged));
-      fileMac(newVrfIpAddress, mac, remoteBinding.localMultihomed);
+      fileMac(newVrfIpAddress, there, mac, remoteBinding.localMultihomed);
     }
   }
 }

@@ -65,6 +65,7 @@ class RemoteBindingStatusSm final : public Orb::WalkSmBase {
 
   Orb::WalkRet remoteBindingConfigWalk();
   Orb::WalkRet remoteBindingStatusWalk();
+  void lookAhead(const RemoteBindingKey& key, const RemoteBinding& binding) const;
   void updateIpToMac(const Ptr<RemoteIpToMac>& ipToMac);
   void vlanBindingCountCheckRange(std::int64_t count) const;
   void notifyVrfIpAddressChange(const VrfIpAddress& vrfIpAddress);
@@ -78,9 +79,9 @@ class RemoteBindingStatusSm final : public Orb::WalkSmBase {
                  std::int32_t count);
   // The key of the address in the VRF of its VLAN; the default key while the VLAN has none.
   VrfIpAddress vrfIpAddressOf(const RemoteBindingKey& key) const;
-  // Files a station under the address; makes the entry when it is the first.
-  void fileMac(const VrfIpAddress& vrfIpAddress, const VlanIdMacAddress& vlanIdMacAddress,
-               bool localMultihomed);
+  // Files a station under the address, in its entry; makes that when there is none.
+  void fileMac(const VrfIpAddress& vrfIpAddress, Ptr<RemoteIpToMac> ipToMac,
+               const VlanIdMacAddress& vlanIdMacAddress, bool localMultihomed);
   // Takes one away; the entry goes with its last.
   void unfileMac(const Ptr<RemoteIpToMac>& ipToMac, const VlanIdMacAddress& vlanIdMacAddress);
 
@@ -94,6 +95,7 @@ class RemoteBindingStatusSm final : public Orb::WalkSmBase {
   Orb::Timer room_;
   bool refused_ = false;      // since the walk began
   bool wasRefusing_ = false;  // when it began
+  bool nothingFiled_ = true;  // likewise
   bool remoteBindingConfigReady_ = false;
   WalkStage walkStage_ = WalkStage::walkRemoteBindingConfig;
   Memtab::Cursor remoteBindingConfigBookmark_;  // behind the keys that were read

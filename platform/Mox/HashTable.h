@@ -19,7 +19,8 @@ namespace Mox {
 // (extendible hashing: a full segment splits in two), so that no insertion moves more than one segment. A
 // segment whose hashes are too much alike to be split by a directory of reasonable size grows instead.
 // Inside a segment, linear probing that keeps the slots sorted by hash; an insertion shifts the few slots
-// behind it up, an erasure closes the gap. A segment that is hardly used any more shrinks, so that a scan
+// behind it up, an erasure closes the gap. A full segment (seven eighths) becomes a fifth larger, so that a
+// large table is four fifths full in the mean, whatever its size. A segment that is hardly used any more shrinks, so that a scan
 // passes over a few free slots an element at most, whatever the table held before.
 //
 // Iterators and pointers to elements die with any insertion or erasure. A scan keeps the key of its next
@@ -38,7 +39,7 @@ class HashSlots {
   struct Segment {
     explicit Segment(std::size_t home)
         : home(home), slots(std::make_unique<Slot[]>(home + tail(home))), end(home + tail(home)) {}
-    static std::size_t tail(std::size_t home) { return 8 + home / 16; }
+    static std::size_t tail(std::size_t home) { return 8 + home / 64; }
     std::size_t home;               // slots that hashes map to
     std::unique_ptr<Slot[]> slots;  // `home` and a tail that probing may run into
     std::size_t end;
@@ -48,7 +49,7 @@ class HashSlots {
 
  public:
   static constexpr std::size_t kSegmentMin = 8;
-  static constexpr std::size_t kSegmentMax = 4096;
+  static constexpr std::size_t kSegmentMax = 1024;        // one of so many splits rather than grows
   static constexpr std::size_t kDirectoryMin = 16;        // the directory may always be doubled from here
   static constexpr std::size_t kPerDirectoryEntry = 256;  // and above for so many elements an entry
 
@@ -112,14 +113,12 @@ class HashSlots {
   }
   const Element* find(const Key& key) const { return const_cast<HashSlots*>(this)->find(key); }
 
-  // Brings the place where the element would be into the processor's cache, and changes nothing.
+  // Brings the place where the element is, or would be, into the processor's cache, and changes nothing.
   void prefetch(const Key& key) const {
     if (size_ == 0) return;
     const std::uint32_t hash = hashOfKey(key);
     const Segment& segment = segmentOf(hash);
-    const Slot* const slot = &segment.slots[homeOf(segment, hash)];
-    __builtin_prefetch(slot);
-    __builtin_prefetch(slot + 1);  // mostly the same line; an element is not far from its place
+    prefetchTwoLines(&segment.slots[homeOf(segment, hash)]);  // an element is not far from its place
   }
 
   // The element must not be there yet.
@@ -182,6 +181,21 @@ class HashSlots {
     return slots;
   }
 
+ protected:
+  static void prefetchTwoLines(const void* memory) {
+    __builtin_prefetch(memory);
+    __builtin_prefetch(static_cast<const char*>(memory) + 64);
+  }
+  // An element whose hash is the key's, without a look at the element; null when there is none.
+  const Element* sameHash(const Key& key) const {
+    if (size_ == 0) return nullptr;
+    const std::uint32_t hash = hashOfKey(key);
+    const Segment& segment = segmentOf(hash);
+    std::size_t at = homeOf(segment, hash);
+    while (at < segment.end && segment.slots[at].hash != 0 && segment.slots[at].hash < hash) ++at;
+    return at < segment.end && segment.slots[at].hash == hash ? &segment.slots[at].element : nullptr;
+  }
+
  private:
   static std::uint32_t hashOfKey(const Key& key) {
     const std::uint32_t hash = static_cast<std::uint32_t>(hashFinish(hashOf(key)) >> 32);
@@ -228,12 +242,15 @@ class HashSlots {
     return &segment.slots[at].element;
   }
 
+  // How many slots `count` elements get, that more may come.
+  static std::size_t homeFor(std::size_t count) { return count + count * 3 / 8 + kSegmentMin; }
+
   // A larger segment, or two in its place. Elements keep their order.
   void grow(Segment& full) {
     const bool splits = full.bits < bits_ || directory_.size() <= kDirectoryMin + size_ / kPerDirectoryEntry;
     if (full.home < kSegmentMax || !splits) {
-      std::unique_ptr<Segment> larger = refill(
-          full, splits ? std::min(full.home * 2, kSegmentMax) : full.home * 2, full.bits, 0, UINT32_MAX);
+      std::unique_ptr<Segment> larger =
+          refill(full, full.home + full.home / 8 + kSegmentMin, full.bits, 0, UINT32_MAX);
       replace(full, larger.get(), larger.get());
       larger.release();
       return;
@@ -253,8 +270,8 @@ class HashSlots {
     }
     const std::uint32_t prefix = full.bits == 0 ? 0 : first >> (32 - full.bits) << (32 - full.bits);
     const std::uint32_t middle = prefix | (1u << (31 - full.bits));
-    std::unique_ptr<Segment> low = refill(full, kSegmentMax / 4 * 3, full.bits + 1, 0, middle - 1);
-    std::unique_ptr<Segment> high = refill(full, kSegmentMax / 4 * 3, full.bits + 1, middle, UINT32_MAX);
+    std::unique_ptr<Segment> low = refill(full, kSegmentMin, full.bits + 1, 0, middle - 1);
+    std::unique_ptr<Segment> high = refill(full, kSegmentMin, full.bits + 1, middle, UINT32_MAX);
     replace(full, low.get(), high.get());
     low.release();
     high.release();
@@ -262,18 +279,18 @@ class HashSlots {
   // A smaller segment, far enough from where it would grow again.
   void shrink(Segment& emptied) {
     if (emptied.home == kSegmentMin || emptied.count >= emptied.home / 8) return;
-    std::unique_ptr<Segment> smaller =
-        refill(emptied, std::max(emptied.home / 4, kSegmentMin), emptied.bits, 0, UINT32_MAX);
+    std::unique_ptr<Segment> smaller = refill(emptied, kSegmentMin, emptied.bits, 0, UINT32_MAX);
     replace(emptied, smaller.get(), smaller.get());
     smaller.release();
   }
-  // Moves the elements of a hash range into a new segment, wide enough for however they cluster.
+  // Moves the elements of a hash range into a new segment of at least `home` slots, wide enough for however they
+  // cluster.
   static std::unique_ptr<Segment> refill(Segment& from, std::size_t home, unsigned bits, std::uint32_t low,
                                          std::uint32_t high) {
     std::size_t needed = 0;
     for (std::size_t i = 0; i < from.end; ++i)
       needed += from.slots[i].hash != 0 && from.slots[i].hash >= low && from.slots[i].hash <= high;
-    while (home - home / 8 <= needed) home *= 2;
+    home = std::max(home, homeFor(needed));
     for (;; home *= 2) {
       auto to = std::make_unique<Segment>(home);
       to->bits = bits;
@@ -353,6 +370,10 @@ class HashChildren : public HashSlots<Key, Child, KeyOf> {
   using Base = HashSlots<Key, Child, KeyOf>;
 
  public:
+  // Once the place is there (`prefetch`): brings the child's own memory into the cache, if there is one.
+  void prefetchChild(const Key& key) const {
+    if (const Child* const child = Base::sameHash(key)) Base::prefetchTwoLines(child->get());
+  }
   static const Key& keyOf(const Child& child) { return KeyOf()(child); }
   static const Child& valueOf(const Child& child) { return child; }
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -9,9 +11,9 @@
 
 namespace Mox {
 
-// Key → value in order of arrival, for collections that mostly have one member: the first lies inside the
-// object. Look-up is linear. Updating a value keeps its place; removing another keeps the order. Elements
-// must be trivially copyable.
+// Key → value in order of arrival, for collections that mostly have one member, which then lies inside the
+// object. Look-up is linear. Updating a value keeps its place; removing another keeps the order. Elements must be
+// trivially copyable.
 template <class Key, class Value>
 class SmallMap {
  public:
@@ -28,8 +30,11 @@ class SmallMap {
   SmallMap() = default;
   SmallMap(const SmallMap&) = delete;
   SmallMap& operator=(const SmallMap&) = delete;
+  ~SmallMap() {
+    if (count_ > 1) delete[] many();
+  }
 
-  const_iterator begin() const { return many_ ? many_.get() : &one_; }
+  const_iterator begin() const { return count_ > 1 ? many() : &place_.one; }
   const_iterator end() const { return begin() + count_; }
   std::size_t size() const { return count_; }
   bool empty() const { return count_ == 0; }
@@ -44,43 +49,48 @@ class SmallMap {
 
   // The element must not be there yet.
   Value& insert(const Key& key, Value value) {
-    const std::uint32_t capacity = many_ ? capacity_ : 1;
-    if (count_ == capacity) {
-      auto larger = std::make_unique<Element[]>(std::size_t{capacity} * 2);
+    // Their array has room for the next power of two.
+    if (std::has_single_bit(count_)) {
+      auto larger = std::make_unique<Element[]>(std::size_t{count_} * 2);
       for (std::uint32_t i = 0; i < count_; ++i) larger[i] = begin()[i];
-      many_ = std::move(larger);
-      capacity_ = capacity * 2;
+      if (count_ > 1) delete[] many();
+      manyAre(larger.release());
     }
-    Element& element = data()[count_++];
+    Element& element = const_cast<Element*>(count_ == 0 ? &place_.one : many())[count_];
+    ++count_;
     element = {key, value};
     return element.value;
   }
   // The element must be there.
   Value take(const Key& key) {
+    auto* const elements = const_cast<Element*>(begin());
     std::uint32_t at = 0;
-    while (!(data()[at].key == key)) ++at;
-    const Value value = data()[at].value;
-    for (--count_; at < count_; ++at) data()[at] = data()[at + 1];
-    if (count_ <= 1 && many_) {
-      one_ = many_[0];
-      many_.reset();
+    while (!(elements[at].key == key)) ++at;
+    const Value value = elements[at].value;
+    for (--count_; at < count_; ++at) elements[at] = elements[at + 1];
+    if (count_ == 1) {
+      const std::unique_ptr<Element[]> last(elements);
+      std::construct_at(&place_.one, last[0]);
     }
     return value;
   }
   void swap(SmallMap& other) {
-    std::swap(one_, other.one_);
-    std::swap(many_, other.many_);
+    std::swap(place_, other.place_);
     std::swap(count_, other.count_);
-    std::swap(capacity_, other.capacity_);
   }
 
  private:
-  Element* data() { return const_cast<Element*>(begin()); }
+  // The one element, or where they all are. The address has no alignment of its own: it would be paid for by
+  // every object.
+  union Place {
+    Element one{};
+    std::array<std::byte, sizeof(void*)> many;
+  };
+  Element* many() const { return std::bit_cast<Element*>(place_.many); }
+  void manyAre(Element* elements) { place_.many = std::bit_cast<decltype(Place::many)>(elements); }
 
-  std::unique_ptr<Element[]> many_;  // all elements, while there are more than one
+  Place place_;
   std::uint32_t count_ = 0;
-  std::uint32_t capacity_ = 0;  // of many_
-  Element one_{};
 };
 
 }  // namespace Mox

@@ -1,13 +1,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 #include <algorithm>
+#include <array>
 #include <map>
+#include <memory>
 #include <optional>
 #include <random>
 #include <set>
 #include <vector>
 
+#include "Mox/Dense.h"
 #include "Mox/HashTable.h"
 #include "Mox/SmallMap.h"
 #include "Mox/SmallSet.h"
@@ -137,6 +142,17 @@ TEST(HashTable, scan_that_began_small_survives_growth_to_a_quarter_million) {
   EXPECT_THAT(met, ::testing::Each(1));
 }
 
+// Whatever the size: a table that doubled would be half empty at some.
+TEST(HashTable, wastes_no_more_than_a_third_at_any_size) {
+  Mox::HashMap<std::uint32_t, std::uint32_t> table;
+  for (std::uint32_t id = 0; id < 300000; ++id) {
+    table.insert(id, id);
+    if (id >= 1000 && id % 1000 == 0) {
+      ASSERT_LT(table.slots(), std::size_t{id} * 3 / 2) << id;
+    }
+  }
+}
+
 // More keys of one hash than a segment holds: no splitting can part them.
 TEST(HashTable, thousands_of_equal_hashes_grow_a_segment_instead_of_the_directory) {
   using Key = MoxTest::Key<1>;
@@ -170,6 +186,38 @@ TEST(HashTable, addresses_chosen_for_one_seed_are_harmless_with_another) {
   }
   Mox::hashSeedIs(first);
   EXPECT_NE(Mox::randomWord(), Mox::randomWord()) << "what a process draws its seed from";
+}
+
+struct Many : Mox::Dense<Many> {
+  explicit Many(std::uint64_t id) { content.fill(id); }
+  std::array<std::uint64_t, 11> content;
+};
+
+// Objects come and go in waves: none gets the memory of another one, and of each wave all goes back.
+TEST(Dense, objects_keep_to_themselves_and_their_memory_goes_back) {
+  std::mt19937 random(7);
+  std::vector<std::unique_ptr<Many>> objects;
+  objects.reserve(Many::objectsOfBlock() * 8);
+  const auto before = mallinfo2().uordblks;
+  std::uint64_t next = 0;
+  for (const unsigned coming : {90u, 50u, 5u, 60u, 0u}) {
+    for (std::size_t i = 0; i < Many::objectsOfBlock() * 5; ++i) {
+      if (random() % 100 < coming) {
+        objects.push_back(std::make_unique<Many>(next++));
+      } else if (!objects.empty()) {
+        std::swap(objects[random() % objects.size()], objects.back());
+        const auto gone = std::move(objects.back());
+        objects.pop_back();
+        ASSERT_THAT(gone->content, ::testing::Each(gone->content[0]));
+      }
+    }
+  }
+  std::set<std::uint64_t> different;
+  for (const auto& object : objects) different.insert(object->content[10]);
+  EXPECT_EQ(different.size(), objects.size());
+  objects.clear();
+  different.clear();
+  EXPECT_LT(mallinfo2().uordblks, before + 16384) << "not even one block is left";
 }
 
 TEST(SmallMap, keeps_the_order_of_arrival_over_random_operations) {
