@@ -196,16 +196,41 @@ void restart(std::uint32_t bindings, const Directory& directory) {
   const auto output = tree->entityOf<Arp::ArpInputConfig>(kOutput);
   const double load = cpuSeconds() - start;
   const std::size_t loaded = output->vrfs() == 0 ? 0 : output->vrf("red")->ipv4s();
+  // Changes, a thousand a turn, until the log is rewritten.
+  double longest = 0, flushed = 0;
+  const auto turn = [&] {
+    const double flush = cpuSeconds();
+    const bool more = tree->flush();
+    longest = std::max(longest, cpuSeconds() - flush);
+    flushed += cpuSeconds() - flush;
+    return more;
+  };
+  const double bytesBefore = directory.bytes();
+  double bytesMost = 0;
+  if (loaded != 0) {
+    std::vector<Lanix::IpAddr> addresses;
+    for (const auto& element : output->vrf("red")->ipv4Collection()) addresses.push_back(element.key);
+    for (std::size_t i = 0; i < 3 * addresses.size(); ++i) {
+      Arp::ArpEntryInput entry = output->vrf("red")->ipv4(addresses[i % addresses.size()]);
+      entry.dynamic = !entry.dynamic;
+      output->vrf("red")->ipv4Is(addresses[i % addresses.size()], entry);
+      if (i % 1000 != 0) continue;
+      turn();
+      bytesMost = std::max(bytesMost, directory.bytes());
+    }
+  }
+  while (turn()) continue;
+  std::printf(
+      "   every neighbour changed three times: store %.2f s, longest turn %.1f ms; its files %.0f MB before, "
+      "%.0f at "
+      "most, %.0f then\n",
+      flushed, longest * 1e3, bytesBefore / 1e6, bytesMost / 1e6, directory.bytes() / 1e6);
+  longest = 0;
   start = cpuSeconds();
   output->vrfDelAll();
   const double gone = cpuSeconds() - start;
-  double longest = 0;
   start = cpuSeconds();
-  for (bool more = true; more;) {
-    const double flush = cpuSeconds();
-    more = tree->flush();
-    longest = std::max(longest, cpuSeconds() - flush);
-  }
+  while (turn()) continue;
   std::printf(
       "   the next run: store opened in %.2f s, %zu of %u neighbours loaded in %.2f s, longest slice %.1f "
       "ms;\n"

@@ -269,8 +269,8 @@ void LogJournal::rewriteSome(Content& content) {
   auto done = fresh_->append(batch);
   if (done && !more) done = publish();
   if (!done) return abandon(done);
-  nextPause_ = 1;
   if (more) return;
+  nextPause_ = 1;
   replaced_ = std::exchange(log_, std::exchange(fresh_, std::nullopt));
   lookAt_ = log_->file.size() + kSlack;
   wanted_ = outdated_ = false;
