@@ -10,6 +10,7 @@
 
 #include "Orb/JsonObject.h"
 #include "Statedb/Json.h"
+#include "Tracelet/Text.h"
 
 namespace Host {
 
@@ -72,7 +73,7 @@ std::string readable(const std::string& what) {
   std::string text = at == std::string::npos ? what : what.substr(at);
   const std::size_t syntax = text.find("syntax error while parsing ");
   if (syntax != std::string::npos) text.replace(syntax, std::strlen("syntax error while parsing "), "in ");
-  return text;
+  return Tracelet::printable(text);  // it quotes what it read last, and not all of that can be shown
 }
 
 // Makes the value while the text is read. The library's own parser with a callback goes through all members

@@ -136,8 +136,8 @@ int showStatus(const CommonOptions& options) {
     shown.update(agent);
     return printed(textOf(shown) + "\n");
   }
-  std::size_t width = 0;
-  for (const auto& [key, value] : agent.items()) width = std::max(width, key.size());
+  std::size_t width = std::string_view("health").size();
+  for (const auto& [key, value] : agent.items()) width = std::max(width, Tracelet::printable(key).size());
   const auto line = [&](const std::string& key, const std::string& value) {
     return key + ":" + std::string(width - key.size() + 1, ' ') + value + "\n";
   };

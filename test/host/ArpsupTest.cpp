@@ -236,7 +236,7 @@ TEST(Arpsup, showsWhatSpeaksToTerminalsByItsBytes) {
     std::ptrdiff_t lines = 1;  // of stdout and stderr
   } cases[] = {
       {{"health"}, text(json{{"health", "degraded"}, {"problems", {problem}}}.dump()), "; " + seen, 1, 2},
-      {{"status"}, text(json{{"health", "good"}, {"vlans", {vlan}}, {evil, evil}}.dump()), seen + ": ", 0, 6},
+      {{"status"}, text(json{{"health", "good"}, {"vlans", {vlan}}, {evil, evil}}.dump()), seen + ": ", 0, 8},
       {{"forwarding"},
        text(json{{"counters", {{evil, 1}}}, {"ports", {{{"port", evil}}}}}.dump()),
        seen,
