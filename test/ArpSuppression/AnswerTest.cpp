@@ -154,6 +154,10 @@ TEST(Answers, AreExplained) {
   EXPECT_THAT(solicited("2001:db8::99"),
               AllOf(HasSubstr("\"action\":\"reply\""), HasSubstr("\"mac\":\"02:00:00:00:00:63\""),
                     HasSubstr("\"router\":false"), HasSubstr("\"name\":\"ndAnswered\"")));
+  rig.table<RemoteBindingConfig>("arpSuppression/remoteBindingConfig/evpn")
+      ->remoteBindingIs({Vlan(10), ip("2001:db8::99")}, {mac(kMacs[0]), false, BindingSource::feed, true});
+  EXPECT_THAT(solicited("2001:db8::99"),
+              AllOf(HasSubstr("\"router\":true"), HasSubstr("the owner is a router")));
   EXPECT_THAT(solicited("2001:db8::98"),
               AllOf(HasSubstr("\"action\":\"pass\""), HasSubstr("nothing says who has the address"),
                     HasSubstr("\"name\":\"ndPassed\"")));
