@@ -57,6 +57,7 @@ int cleanUpAll(const std::optional<Host::Config>& config) {
 
 // What the kernel refuses where nobody can go on without it is thrown: a descriptor in the event loop, say.
 int run(const std::string& file, Host::Config config) try {
+  Tracelet::waitsIs(false);
   Orb::EventLoop loop;
   Host::Daemon daemon(loop, file, std::move(config), report);
   Mox::Result<> done = daemon.watchSignals();

@@ -1,5 +1,7 @@
 #include "Tracelet/Trace.h"
 
+#include <limits.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,11 +22,25 @@ struct Registry {
   std::map<std::string, int> levels;
   TextSink sink;
   bool journal = false;
+  bool waits = true;
+  std::size_t lost = 0;  // lines that standard error did not take
 };
 
 Registry& registry() {
   static auto* registry = new Registry;
   return *registry;
+}
+
+// Whether all of it was taken. What is writable takes a piece of that size without waiting (pipe(7)).
+bool write(std::string_view text) {
+  while (!text.empty()) {
+    pollfd standardError{STDERR_FILENO, POLLOUT, 0};
+    if (poll(&standardError, 1, registry().waits ? -1 : 0) == 0) return false;
+    const ssize_t written = ::write(STDERR_FILENO, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
+    if (written < 0) return true;  // nobody is there to read it
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
 }
 
 }  // namespace
@@ -49,6 +65,8 @@ int level(const std::string& name) {
 
 void textSinkIs(TextSink sink) { registry().sink = std::move(sink); }
 
+void waitsIs(bool waits) { registry().waits = waits; }
+
 void journalIs(bool journal) { registry().journal = journal; }
 
 void writeLine(std::string_view given, Priority priority) {
@@ -58,11 +76,17 @@ void writeLine(std::string_view given, Priority priority) {
     sink(line);
     return;
   }
-  std::string whole;
-  if (registry().journal) whole = {'<', static_cast<char>(priority), '>'};
-  whole += line;
-  whole += '\n';
-  [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, whole.data(), whole.size());
+  const auto whole = [](std::string_view text, Priority of) {
+    std::string result;
+    if (registry().journal) result = {'<', static_cast<char>(of), '>'};
+    return result.append(text) += '\n';
+  };
+  std::size_t& lost = registry().lost;
+  if (lost != 0 &&
+      write(whole("log: " + std::to_string(lost) + " lines were lost: who reads them was too slow",
+                  Priority::warning)))
+    lost = 0;
+  if (lost != 0 || !write(whole(line, priority))) ++lost;
 }
 
 void writeTrace(const Handle& handle, const char* source, int line, const char* function,

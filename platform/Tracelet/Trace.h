@@ -60,6 +60,9 @@ enum class Priority : char { error = '3', warning = '4', notice = '5', info = '6
 
 // Writes one line to the sink; what in it is not printable as \xNN (Tracelet/Text.h), so that it is one line.
 void writeLine(std::string_view line, Priority priority = Priority::notice);
+// Whether writing to standard error waits for whoever reads it, as it does at first. A process that has better to do
+// loses the lines that are not taken at once; how many is said before the first one that is taken again.
+void waitsIs(bool waits);
 // Whether standard error is the journal, which takes "<4>" at the beginning of a line for its priority.
 void journalIs(bool journal);
 
