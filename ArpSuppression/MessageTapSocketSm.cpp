@@ -26,6 +26,8 @@ constexpr char kSource[] = "ArpSuppression/MessageTapSocketSm";
 constexpr int kTrapReceiveBuffer = 2 << 20;
 // Seconds between attempts while nothing will tell that the device has place. Each may cost a frame.
 constexpr double kOthersFillQueue = 0.1;
+// Seconds until a socket that the system refused is tried again.
+constexpr double kRetrySeconds = 3;
 
 // As socket(2) takes it, but in host byte order; 0 for the invalid one.
 std::uint16_t socketProtocol(MessageTapSocketSm::Protocol protocol) {
@@ -49,7 +51,8 @@ MessageTapSocketSm::MessageTapSocketSm(Ptr<Orb::TaskScheduler> scheduler, Mox::S
       interfaceName_(std::move(interfaceName)),
       protocol_(protocol),
       notifyMode_(notifyMode),
-      vlanL3InfoStatus_(std::move(vlanL3InfoStatus)) {
+      vlanL3InfoStatus_(std::move(vlanL3InfoStatus)),
+      retry_(this->scheduler()->loop(), "packet socket", [this] { openSocket(); }) {
   interfaceWatch_.on(VrfInterfaceWatch::kniIntfIfIndexChanged, [this] { handleKniIntfIfIndex(); });
   fileDescriptor_.on(Orb::FileDescriptor::readableCountChanged, [this] { handleFileDescriptor(); })
       .on(Orb::FileDescriptor::writableCountChanged, [this] { handleFileDescriptor(); });
@@ -73,17 +76,21 @@ void MessageTapSocketSm::handleMessageTapSocketSmDestroy() {
 void MessageTapSocketSm::handleKniIntfIfIndex() {
   TRACE8("interfaceWatch=" << interfaceWatch_.notifier());
   closeSocket();
+  retry_.cancel();
   if (!interfaceWatch_->usable()) return openedIs({});
   MOX_ASSERT(kSource, "0 != interfaceWatch()->kniIntfIfIndex()", interfaceWatch_->kniIntfIfIndex() != 0);
   openSocket();
 }
 
-void MessageTapSocketSm::openSocket() { openedIs(tryOpenSocket()); }
+void MessageTapSocketSm::openSocket() {
+  openedIs(tryOpenSocket());
+  if (!opened_) retry_.after(kRetrySeconds);
+}
 
 void MessageTapSocketSm::openedIs(Mox::Result<> opened) {
   opened_ = std::move(opened);
   problems().check("packet socket on " + interfaceName_, opened_,
-                   "correct that, and restart the agent-host or remove the device and make it anew",
+                   "correct that; it is tried again every few seconds",
                    Switch::ProblemReporter::Left::nothing);
 }
 

@@ -7,6 +7,7 @@
 #include "Mox/Attribute.h"
 #include "Mox/Notifiee.h"
 #include "Mox/Result.h"
+#include "Orb/EventLoop.h"
 #include "Orb/FileDescriptor.h"
 #include "Orb/WalkSm.h"
 
@@ -64,6 +65,7 @@ class MessageTapSocketSm : public Orb::WalkSmBase {
   Mox::Notifiee<VrfInterfaceWatch> interfaceWatch_;
   Mox::Notifiee<Orb::FileDescriptor> fileDescriptor_;
   Mox::Result<> opened_;
+  Orb::Timer retry_;
   std::optional<int> awaitedUnsent_;  // bytes that may still wait; set while they are waited for
 };
 

@@ -91,6 +91,9 @@ State::State(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSchedulerRoot>& tasks
   tables_->roomHandlerIs([this](const std::string& path, const Mox::Result<>& room) {
     problems_.check("table " + path, room, "free shared memory (/dev/shm), and add again what was refused");
   });
+  tables_->refusedHandlerIs([this](const std::string& path, const Mox::Result<>& result) {
+    problems_.check("reading table " + path, result, "correct that; it is tried again every second");
+  });
   for (const StatePath& state : statePaths()) {
     if (state.persistent && writtenByPlugin(state, plugins_)) tree_->persist(state.path);
   }

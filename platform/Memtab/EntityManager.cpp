@@ -14,6 +14,7 @@ namespace {
 constexpr std::size_t kKeysPerDrain = 64;
 constexpr unsigned kDrainLevel = 2;
 constexpr unsigned kMostUrgent = 0;
+constexpr double kRetrySeconds = 1;
 
 Tracelet::Handle& traceHandle() {
   static Tracelet::Handle handle("Memtab");
@@ -80,6 +81,7 @@ EntityManager::EntityManager(Orb::EventLoop& loop, const Mox::Ptr<Orb::TaskSched
     : loop_(loop),
       directory_(std::move(directory)),
       report_(std::move(report)),
+      retry_(loop, "Memtab, refused tables", [this] { tryRefused(); }),
       descriptor_(Mox::make<Orb::FileDescriptor>(loop, "Memtab")),
       news_{{}, {scheduler, "Memtab", kDrainLevel, [this] { drain(news_); }}},
       urgentNews_{{}, {scheduler, "Memtab, urgent", kMostUrgent, [this] { drain(urgentNews_); }}},
@@ -150,7 +152,7 @@ Mounted EntityManager::mount(const std::string& given, const std::string& typeNa
   }
   // News of before the mount is waiting at the watcher.
   handleReadable();
-  updateGroups();
+  tryRefused();
   return slot.entity;
 }
 
@@ -194,6 +196,31 @@ void EntityManager::handleReadable() {
   }
 }
 
+// What the system refuses a reader, it may grant later.
+void EntityManager::tryRefused() {
+  bool tried = false, wait = false;
+  for (auto& [path, slot] : slots_) {
+    for (TableBase* table : slot.entity->tables()) {
+      TableView* const view = table->view();
+      if (!view || !(view->refused() || refused_.contains(view))) continue;
+      tried = true;
+      view->refresh();
+      wait = wait || view->refused();
+      if (!view->refused()) watcher_.mark(*view);
+      if (view->refused() ? !refused_.insert(view).second : refused_.erase(view) == 0) continue;
+      const Mox::Result<> result = view->refused() ? Mox::Failure{view->problem()} : Mox::Result<>();
+      if (refusedHandler_) {
+        refusedHandler_(path, result);
+      } else if (report_) {
+        report_(path + ": " + (result ? "can be read again" : result.error()));
+      }
+    }
+  }
+  if (wait && !retry_.scheduled()) retry_.after(kRetrySeconds);
+  if (tried) handleReadable();
+  updateGroups();
+}
+
 void EntityManager::heldBackIs(const std::string& path, bool heldBack) {
   heldBack ? void(heldBack_.insert(normal(path))) : void(heldBack_.erase(normal(path)));
   updateGroups();
@@ -212,7 +239,7 @@ void EntityManager::drain(News& news) {
     }
     News& news;
   } rest{news};
-  updateGroups();
+  tryRefused();
   while (!news.tables.empty()) {
     // In turn, so that a table that changes all the time holds up no other.
     TableBase* const table = news.tables.front();

@@ -86,6 +86,8 @@ class EntityManager final : public Mox::Referenced {
   // with a good result when one has gone in again. Without a handler both are reported.
   using RoomHandler = std::function<void(const std::string& path, const Mox::Result<>& room)>;
   void roomHandlerIs(RoomHandler handler) { roomHandler_ = std::move(handler); }
+  // Likewise, that the system refuses this process a table that it reads, which is tried again every second.
+  void refusedHandlerIs(RoomHandler handler) { refusedHandler_ = std::move(handler); }
 
   // While the path is held back no group that mounts it is ready: its writer has begun and does not know yet
   // what belongs into the table. The path need not be mounted.
@@ -122,6 +124,7 @@ class EntityManager final : public Mox::Referenced {
   };
 
   void handleReadable();
+  void tryRefused();
   void updateGroups();
   void drain(News& news);
   void endOfTurn();
@@ -131,12 +134,14 @@ class EntityManager final : public Mox::Referenced {
   Orb::EventLoop& loop_;
   Directory directory_;
   Report report_;
-  RoomHandler roomHandler_;
+  RoomHandler roomHandler_, refusedHandler_;
   std::map<std::string, std::function<Mox::Ptr<Memtab::Entity>()>> makers_;
   Watcher watcher_;
   Slots slots_;
   std::map<TableView*, TableBase*> tables_;
   std::set<const TableBase*> urgent_;
+  std::set<const TableView*> refused_;  // as it was last told
+  Orb::Timer retry_;
   std::vector<Mox::Ptr<MountGroup>> groups_;
   std::set<std::string> heldBack_;
   Mox::Ptr<Orb::FileDescriptor> descriptor_;

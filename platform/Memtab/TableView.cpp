@@ -19,12 +19,14 @@ TableView::~TableView() {
 
 void TableView::refresh() {
   struct stat named {};
+  refused_ = false;
   if (current_ && stat(file_.c_str(), &named) == 0 && current_->isFile(named.st_dev, named.st_ino)) return;
   Segment::Opened opened = Segment::open(file_, shape_, Segment::Access::kRead);
   problem_ = std::move(opened.message);
   // What the system refuses now it may grant later; until then the old segment, if there is one, is the best
   // there is.
-  if (opened.outcome == Segment::Outcome::kFailed) return;
+  refused_ = opened.outcome == Segment::Outcome::kFailed;
+  if (refused_) return;
   damaged_ = opened.outcome == Segment::Outcome::kDamaged;
   if (keepsLeft_ && current_) left_.push_back(std::move(current_));
   current_ = std::move(opened.segment);

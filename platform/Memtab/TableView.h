@@ -59,6 +59,9 @@ class TableView {
   bool attached() const { return current_ != nullptr; }
   // Why the view is empty though there is a file: empty string if there is none, or all is well.
   const std::string& problem() const { return problem_; }
+  // Whether that is because the system refused, so that refresh() may have more luck: with the table as it is now,
+  // while look-ups go to what it was before, if there was anything.
+  bool refused() const { return refused_; }
 
   // One slice of a walk in the table's order. No entry that is there throughout the walk is skipped, whatever
   // happens to the table between slices. Nothing, and the end, while the view is empty.
@@ -87,6 +90,7 @@ class TableView {
   std::string file_;
   std::string problem_;
   bool damaged_ = false;
+  bool refused_ = false;
   Watcher* watcher_;
   // For the feed: the segments that look-ups have gone to and left since the feed last asked, oldest first.
   bool keepsLeft_ = false;

@@ -37,13 +37,14 @@ class Watcher {
   // A view that has news, each once; null if there is none left. Views may be created and destroyed between
   // calls.
   TableView* next();
+  // There is news of the view.
+  void mark(TableView& view);
 
  private:
   friend class TableView;
   void add(TableView& view);
   void remove(TableView& view);
 
-  void mark(TableView& view);
   void watchBell(TableView& view);
   void handleName(const std::string& name);
   void handleBell(int watch, bool gone);

@@ -367,6 +367,9 @@ TEST(Request, sockets_that_cannot_be_opened_are_problems_and_replies_are_tried_a
   EXPECT_THAT(rig.replies(), SizeIs(1));
   EXPECT_EQ(subjects(), "packet socket on arpinject; ");
   EXPECT_THAT(rig.command("explain", {"10", "10.0.0.99"}), HasSubstr("\"action\":\"reply\""));
+  rig.clock.advance(3);
+  rig.settle();
+  EXPECT_EQ(subjects() + rig.awaited(), "") << "tried again";
   rig.sockets.fails(Call::bind, ENODEV);
   rig.device("default", "arpinject", 60);
   rig.state<Routing::Fhrp::VirtualRouterMacStatus>("routing/fhrp/vrMacStatus")

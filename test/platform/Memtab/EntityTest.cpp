@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -364,6 +365,27 @@ TEST_F(MemtabEntity, watcher_that_raises_an_error_in_one_of_many_slices_loses_no
   EXPECT_EQ(heard_.size(), 1000u - 20 + 1);
   EXPECT_THAT(heard_, ::testing::Contains("999=1"));
   EXPECT_THAT(heard_, ::testing::Contains("7777=7"));
+}
+
+// What the system refuses a reader is told once, tried again, and then read as if it had just come.
+TEST_F(MemtabEntity, ARefusedTableIsReadLater) {
+  const auto written = us_.writer();
+  us_.inTurn([&] { written->portIs(7, 1); });
+  rlimit usual{};
+  getrlimit(RLIMIT_NOFILE, &usual);
+  const rlimit none{0, usual.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  const auto ports = them_.reader();
+  const auto watching = watch(ports);
+  for (int tries = 0; tries < 3; ++tries, clock_.advance(1)) them_.settle();
+  setrlimit(RLIMIT_NOFILE, &usual);
+  EXPECT_EQ(ports->ports(), 0u);
+  EXPECT_THAT(them_.reports, ElementsAre(HasSubstr("Too many open files")));
+  clock_.advance(1);
+  them_.settle();
+  EXPECT_EQ(ports->port(7), 1u);
+  EXPECT_THAT(heard_, ElementsAre("7=1"));
+  EXPECT_THAT(them_.reports, ElementsAre(HasSubstr(kPath), HasSubstr("can be read again")));
 }
 
 }  // namespace
