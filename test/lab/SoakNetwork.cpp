@@ -14,7 +14,7 @@ constexpr auto kTolerance =
     std::chrono::seconds(5);  // an old MAC may be answered, where the daemon was killed
 const auto kDeadline = std::chrono::seconds(10) * patienceFactor();  // a machine may leave the daemon waiting
 constexpr std::size_t kFaultsTold = 20;
-constexpr std::size_t kHeader = 14, kArpOperation = 20, kArpSender = 22, kArpSenderIp = 28, kArpTargetIp = 38;
+constexpr std::size_t kArpOperation = 20, kArpSender = 22, kArpSenderIp = 28, kArpTargetIp = 38;
 
 template <std::size_t kSize>
 std::array<std::uint8_t, kSize> bytesAt(const Frame& frame, std::size_t at) {
