@@ -7,6 +7,7 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <deque>
 
@@ -242,7 +243,7 @@ class ScriptedKernel : public Kernel {
     fromKernel = answer.fromKernel;
     errno = answer.error;
     if (answer.error != 0) return -1;
-    std::memcpy(buffer.data(), answer.bytes.data(), std::min(buffer.size(), answer.bytes.size()));
+    std::copy_n(answer.bytes.begin(), std::min(buffer.size(), answer.bytes.size()), buffer.begin());
     return static_cast<std::int64_t>(answer.bytes.size());
   }
 
