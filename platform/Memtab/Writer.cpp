@@ -114,11 +114,13 @@ void Writer::append(const std::uint32_t* key) {
   storeWord(&header.head, position + 1, std::memory_order_release);
 }
 
+// The byte has had its memory since the writer opened the file, so this cannot fail for lack of it. Whatever else
+// it is, it is tried once more, and with the next change.
 void Writer::flush() {
-  if (rungAt_ == active_->head()) return;
-  rungAt_ = active_->head();
-  // The byte has had its memory since the writer opened the file, so this cannot fail for lack of it.
-  [[maybe_unused]] const ssize_t written = pwrite(bell_, "!", 1, 0);
+  const std::uint64_t head = active_->head();
+  for (int tries = 0; rungAt_ != head && tries < 2; ++tries) {
+    if (pwrite(bell_, "!", 1, 0) == 1) rungAt_ = head;
+  }
 }
 
 bool Writer::hasRoom() const {
